@@ -1,0 +1,27 @@
+// The bus-log groups of an opened file: which there are, and how their records are decoded.
+#pragma once
+
+#include <vector>
+
+#include "Mdf4/can/BusLogLayout.h"
+#include "Mdf4/can/FrameTime.h"
+#include "Mdf4/reader/ReaderState.h"
+
+namespace tolvex {
+
+// The CAN channels whose groups give frames, each once, by data group, channel group and channel.
+// With `requireFields` those without a single recognised field are left out.
+std::vector<const MdfCNInfo*> busLogChannels(const ReaderState& state, bool requireFields);
+
+// The recognised fields of a CAN channel, by name.
+std::vector<CanFieldSlot> layoutOf(ReaderState& state, const MdfCNInfo& channel);
+
+// The master time of the channel's group.
+FrameTime frameTimeOf(ReaderState& state, const MdfCNInfo& channel);
+
+// Records of other sizes give no frames.
+constexpr bool isFrameRecordSize(std::uint32_t bytes) {
+  return bytes != 0 && bytes <= kLargestRecord;
+}
+
+}  // namespace tolvex

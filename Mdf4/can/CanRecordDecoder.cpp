@@ -1,0 +1,317 @@
+#include "Mdf4/can/CanRecordDecoder.h"
+
+#include <algorithm>
+#include <map>
+#include <utility>
+
+namespace tolvex {
+
+namespace {
+
+constexpr std::uint32_t kValueBits = 64;  // of a wider field its first ones
+
+constexpr std::uint32_t kNoLimit = ~std::uint32_t{0};  // bytes
+
+bool isRemoteField(CanField field) {
+  switch (field) {
+    case CanField::BusChannel:
+    case CanField::DLC:
+    case CanField::Dir:
+    case CanField::ID:
+    case CanField::IDE:
+    case CanField::SingleWire:
+    case CanField::WakeUp:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// The first bytes of `bytes`, at most `size`.
+ByteSpan firstBytes(ByteSpan bytes, std::uint64_t size) {
+  return bytes.first(static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), size)));
+}
+
+}  // namespace
+
+PayloadSource::~PayloadSource() = default;
+
+// ---------------------------------------------------------------------------------------------
+// What a layout means
+
+CanRecordDecoder::BitField::BitField(const CanFieldSlot& slot)
+    : byte_(slot.byteOffset), shift_(slot.bitOffset & 7) {
+  const std::uint32_t bits = std::min(slot.bitCount, kValueBits);
+  if (bits > 0) mask_ = ~std::uint64_t{0} >> (kValueBits - bits);
+  const bool inNineBytes = shift_ + bits > kValueBits;
+  sizeForOneLoad_ = inNineBytes ? ~std::uint64_t{0} : byte_ + sizeof(std::uint64_t);
+}
+
+CanRecordDecoder::Step::Step(const CanFieldSlot& slot)
+    : kind(slot.kind),
+      field(slot.field),
+      variableLength(slot.variableLength),
+      number(slot),
+      offset(slot.byteOffset),
+      size(slot.bitCount / 8) {}
+
+CanRecordDecoder::CanRecordDecoder(const std::vector<CanFieldSlot>& layout, bool payloadByDlc)
+    : payloadByDlc_(payloadByDlc) {
+  isError_ = std::any_of(layout.begin(), layout.end(),
+                         [](const CanFieldSlot& slot) { return slot.kind == CanFrameKind::Error; });
+  if (isError_) {
+    planError(layout);
+  } else {
+    planMessage(layout);
+  }
+}
+
+// Files count bus channels from 1, frames from 0.
+void CanRecordDecoder::planBusChannel(const CanFieldSlot& slot) {
+  busChannel_ = BitField(slot);
+  const std::uint8_t constant = slot.bitCount == 0 ? slot.constant.value_or(0) : 0;
+  busChannelBias_ = static_cast<std::uint8_t>(constant - 1);
+}
+
+// Any bit of the field that is 1 means yes, so each of the field's bytes answers alone.
+void CanRecordDecoder::planMark(std::uint16_t mark, const CanFieldSlot& slot) {
+  const std::uint32_t begin = slot.bitOffset & 7;
+  const std::uint32_t end = begin + std::min(slot.bitCount, kValueBits);
+  for (std::uint32_t bit = begin; bit < end; ++bit) {
+    const std::uint64_t byte = slot.byteOffset + std::uint64_t{bit / 8};
+    auto source = std::find_if(markBytes_.begin(), markBytes_.end(),
+                               [byte](const MarkByte& known) { return known.byte == byte; });
+    if (source == markBytes_.end()) source = markBytes_.insert(source, {byte, {}});
+    for (std::uint32_t value = 0; value < 256; ++value) {
+      if ((value >> bit % 8 & 1) != 0) source->marks[value] |= mark;
+    }
+  }
+}
+
+std::uint16_t CanRecordDecoder::markOf(CanField field) {
+  switch (field) {
+    case CanField::Dir:
+      return MdfCanMessage::kDir;
+    case CanField::EDL:
+      return MdfCanMessage::kEdl;
+    case CanField::BRS:
+      return MdfCanMessage::kBrs;
+    case CanField::ESI:
+      return MdfCanMessage::kEsi;
+    case CanField::WakeUp:
+      return MdfCanMessage::kWakeUp;
+    case CanField::SingleWire:
+      return MdfCanMessage::kSingleWire;
+    case CanField::RTR:
+      return MdfCanMessage::kRtr;
+    case CanField::IDE:
+      return kExtendedMark;
+    default:
+      return 0;
+  }
+}
+
+void CanRecordDecoder::planMessage(const std::vector<CanFieldSlot>& layout) {
+  std::map<std::uint16_t, const CanFieldSlot*> marks;  // null: always set
+  for (const CanFieldSlot& slot : layout) {
+    const bool isRemote = slot.kind == CanFrameKind::Remote;
+    if (isRemote && !isRemoteField(slot.field)) continue;
+    switch (slot.field) {
+      case CanField::BusChannel:
+        planBusChannel(slot);
+        break;
+      case CanField::ID:
+        id_ = BitField(slot);
+        marks.erase(kExtendedMark);
+        break;
+      case CanField::DLC:
+        steps_.emplace_back(slot);
+        break;
+      case CanField::DataBytes:
+        if (!slot.variableLength && !payloadByDlc_) steps_.clear();  // it replaces them all
+        steps_.emplace_back(slot);
+        break;
+      default:
+        if (const std::uint16_t mark = markOf(slot.field)) marks[mark] = &slot;
+    }
+    if (isRemote) marks[MdfCanMessage::kRtr] = nullptr;
+  }
+  hasExtended_ = marks.count(kExtendedMark) != 0;
+  for (const auto& [mark, slot] : marks) {
+    if (slot == nullptr) {
+      constantMarks_ |= mark;
+    } else {
+      planMark(mark, *slot);
+    }
+  }
+}
+
+void CanRecordDecoder::planError(const std::vector<CanFieldSlot>& layout) {
+  for (const CanFieldSlot& slot : layout) {
+    if (slot.kind != CanFrameKind::Error) continue;
+    if (slot.field == CanField::BusChannel) {
+      planBusChannel(slot);
+    } else {
+      steps_.emplace_back(slot);
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// What a record holds
+
+// The field is near the end of the record or beyond it, or touches nine bytes.
+std::uint64_t CanRecordDecoder::BitField::readSlowly(ByteSpan record) const {
+  if (byte_ >= record.size()) return 0;
+  std::array<std::uint8_t, 9> bytes{};
+  const ByteSpan rest = firstBytes(record.subspan(byte_), bytes.size());
+  std::copy(rest.begin(), rest.end(), bytes.begin());
+  std::uint64_t value = loadNumber<std::uint64_t>(bytes.data()) >> shift_;
+  if (shift_ > 0) value |= std::uint64_t{bytes[8]} << (kValueBits - shift_);
+  return value & mask_;
+}
+
+ByteSpan CanRecordDecoder::Step::inRecord(ByteSpan record) const {
+  if (offset >= record.size()) return {};
+  return firstBytes(record.subspan(offset), size);
+}
+
+bool CanRecordDecoder::Step::fetch(ByteSpan record, PayloadSource* payloads,
+                                   std::vector<std::uint8_t>& out) const {
+  std::vector<std::uint8_t> value;
+  if (payloads == nullptr || !payloads->read(number.read(record), value)) return false;
+  if (kind == CanFrameKind::Error && value.size() > kMaxPayload) return false;
+  out = std::move(value);
+  return true;
+}
+
+std::uint8_t CanRecordDecoder::busChannel(ByteSpan record) const {
+  return static_cast<std::uint8_t>(busChannel_.read(record) + busChannelBias_);
+}
+
+MdfFrame CanRecordDecoder::decode(ByteSpan record, std::uint64_t timestampNs,
+                                  std::uint64_t dataIndex, PayloadSource* payloads) const {
+  if (isError_) {
+    MdfFrame frame(std::make_shared<MdfCanError>());
+    MdfCanError& error = **std::get_if<1>(&frame);
+    error.Timestamp(timestampNs);
+    decodeError(record, payloads, error);
+    return frame;
+  }
+  MdfFrame frame(std::make_shared<MdfCanMessage>());
+  MdfCanMessage& message = **std::get_if<0>(&frame);
+  message.Timestamp(timestampNs);
+  message.DataIndex(dataIndex);
+  decodeMessage(record, payloads, message);
+  return frame;
+}
+
+void CanRecordDecoder::decodeMessage(ByteSpan record, PayloadSource* payloads,
+                                     MdfCanMessage& message) const {
+  std::uint16_t marks = constantMarks_;
+  for (const MarkByte& source : markBytes_) {
+    if (source.byte < record.size()) marks |= source.marks[record[source.byte]];
+  }
+  message.flags_ = static_cast<std::uint8_t>(marks);
+  message.BusChannel(busChannel(record));
+  message.MessageId(static_cast<std::uint32_t>(id_.read(record)));
+  if (hasExtended_) message.ExtendedId((marks & kExtendedMark) != 0);
+  decodePayload(record, payloads, message);
+}
+
+void CanRecordDecoder::decodePayload(ByteSpan record, PayloadSource* payloads,
+                                     MdfCanMessage& message) const {
+  std::vector<std::uint8_t>& payload = message.dataBytes_;
+  ByteSpan bytes;  // the payload so far, without the fill bytes up to its length
+  std::uint32_t length = 0;
+  std::uint32_t limit = kNoLimit;
+  for (const Step& step : steps_) {
+    if (step.field == CanField::DLC) {
+      const auto dlc = static_cast<std::uint8_t>(step.number.read(record));
+      if (dlc > kMaxDlc) continue;
+      message.dlc_ = dlc;
+      length = step.kind == CanFrameKind::Remote ? 0 : dlcToLength(dlc);
+      if (payloadByDlc_) limit = dlcToLength(dlc);
+    } else {
+      if (!step.variableLength) {
+        bytes = step.inRecord(record);
+      } else if (step.fetch(record, payloads, payload)) {
+        bytes = payload;
+      } else {
+        continue;
+      }
+      bytes = firstBytes(bytes, limit);
+      message.dlc_ = lengthToDlc(bytes.size());
+      length = dlcToLength(message.dlc_);
+    }
+    bytes = firstBytes(bytes, length);
+  }
+  if (bytes.data() != payload.data()) {
+    payload.assign(bytes.begin(), bytes.end());
+  } else {  // it is there already, at the front of the value that was fetched
+    payload.resize(bytes.size());
+    if (payload.capacity() > kMaxPayload) payload.shrink_to_fit();
+  }
+  if (payload.size() < length) payload.resize(length, message.fillByte_);
+}
+
+void CanRecordDecoder::decodeError(ByteSpan record, PayloadSource* payloads,
+                                   MdfCanError& error) const {
+  error.BusChannel(busChannel(record));
+  std::vector<std::uint8_t>& payload = error.dataBytes_;
+  std::uint32_t limit = kNoLimit;
+  for (const Step& step : steps_) {
+    const std::uint64_t value = step.number.read(record);
+    switch (step.field) {
+      case CanField::DLC:
+        error.Dlc(static_cast<std::uint8_t>(value));
+        if (payloadByDlc_ && error.Dlc() <= kMaxDlc) limit = dlcToLength(error.Dlc());
+        break;
+      case CanField::DataBytes:
+        if (!step.variableLength) {
+          const ByteSpan bytes = firstBytes(step.inRecord(record), limit);
+          payload.assign(bytes.begin(), bytes.end());
+        } else if (step.fetch(record, payloads, payload) && payload.size() > limit) {
+          payload.resize(limit);
+        }
+        break;
+      case CanField::DataLength:
+        error.DataLength(static_cast<std::uint32_t>(value));
+        break;
+      case CanField::Dir:
+        error.Dir(value != 0);
+        break;
+      case CanField::ID:
+        error.MessageId(static_cast<std::uint32_t>(value));
+        break;
+      case CanField::IDE:
+        error.ExtendedId(value != 0);
+        break;
+      case CanField::ErrorFlags:
+        error.ErrorFlags(static_cast<std::uint32_t>(value));
+        break;
+      case CanField::TimeOffsetBRS:
+        error.TimeOffsetBRS(value);
+        break;
+      case CanField::TimeOffsetCRCDel:
+        error.TimeOffsetCRCDel(value);
+        break;
+      case CanField::CRC:
+        error.Crc(static_cast<std::uint32_t>(value));
+        break;
+      case CanField::BtrExtCfg:
+        error.BtrExtCfg(value);
+        break;
+      case CanField::TEC:
+        error.Tec(static_cast<std::uint8_t>(value));
+        break;
+      case CanField::TREC:
+        error.Trec(static_cast<std::uint8_t>(value));
+        break;
+      default:
+        break;
+    }
+  }
+}
+
+}  // namespace tolvex

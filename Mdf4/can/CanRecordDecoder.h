@@ -1,0 +1,113 @@
+// Turns the records of a bus-log group into frame objects.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "Mdf4/can/BusLogLayout.h"
+#include "Mdf4/format/Bytes.h"
+#include "tolvex/Mdf4.h"
+
+namespace tolvex {
+
+// Where payloads lie that are stored outside the records.
+struct PayloadSource {
+  virtual ~PayloadSource();
+  // Replaces `out` by the value at `offset` of the group's signal data. False when it cannot be
+  // read; what `out` then holds does not matter.
+  virtual bool read(std::uint64_t offset, std::vector<std::uint8_t>& out) = 0;
+};
+
+// Decodes the records of one group.
+//
+// The rule is: an empty frame, to which the slots of the layout are applied one after the other.
+// Since that happens for every frame of a file, the constructor works out what remains of it: of
+// slots with the same target the last one wins, slots that mean nothing to the group's frames drop
+// out, and yes-or-no fields that share a byte are answered together. Nothing changes afterwards, so
+// several threads may decode at once.
+class CanRecordDecoder {
+ public:
+  // `layout` is in order of application. With payloadByDlc a payload is cut to the length that the
+  // record's data length code stands for, where the code is applied before it.
+  CanRecordDecoder(const std::vector<CanFieldSlot>& layout, bool payloadByDlc);
+
+  // The frame in `record`, whose bits beyond its end count as 0: an MdfCanError when the layout has
+  // a slot of an error frame, else an MdfCanMessage. `payloads` may be null, where there are none
+  // outside the records; a payload that cannot be read leaves the frame as its other fields made
+  // it.
+  MdfFrame decode(ByteSpan record, std::uint64_t timestampNs, std::uint64_t dataIndex,
+                  PayloadSource* payloads) const;
+
+ private:
+  // A little-endian number of up to 64 bits; the default reads 0.
+  class BitField {
+   public:
+    BitField() = default;
+    explicit BitField(const CanFieldSlot& slot);
+
+    std::uint64_t read(ByteSpan record) const {
+      if (record.size() < sizeForOneLoad_) return readSlowly(record);
+      return loadNumber<std::uint64_t>(record.data() + byte_) >> shift_ & mask_;
+    }
+
+   private:
+    std::uint64_t readSlowly(ByteSpan record) const;
+
+    std::uint64_t byte_ = 0;
+    std::uint64_t sizeForOneLoad_ = sizeof(std::uint64_t);
+    std::uint64_t mask_ = 0;
+    std::uint8_t shift_ = 0;
+  };
+
+  // A byte of the record that answers yes-or-no fields: for each of its values the marks that it
+  // sets. A mark is a bit of the message's flags byte, or kExtendedMark.
+  struct MarkByte {
+    std::uint64_t byte = 0;
+    std::array<std::uint16_t, 256> marks{};
+  };
+  static constexpr std::uint16_t kExtendedMark = 0x100;
+
+  // A slot whose effect depends on the record or on the slots before it.
+  struct Step {
+    explicit Step(const CanFieldSlot& slot);
+    // A payload's bytes in the record.
+    ByteSpan inRecord(ByteSpan record) const;
+    // Replaces `out` by a payload from outside the record; false when it cannot be read.
+    bool fetch(ByteSpan record, PayloadSource* payloads, std::vector<std::uint8_t>& out) const;
+
+    CanFrameKind kind;
+    CanField field;
+    bool variableLength;
+    BitField number;       // the field's value; a payload's offset outside the record
+    std::uint64_t offset;  // a payload in the record: bytes
+    std::uint64_t size;
+  };
+
+  void planMessage(const std::vector<CanFieldSlot>& layout);
+  void planError(const std::vector<CanFieldSlot>& layout);
+  void planBusChannel(const CanFieldSlot& slot);
+  void planMark(std::uint16_t mark, const CanFieldSlot& slot);
+  static std::uint16_t markOf(CanField field);  // 0: not a yes-or-no field of messages
+
+  std::uint8_t busChannel(ByteSpan record) const;
+  void decodeMessage(ByteSpan record, PayloadSource* payloads, MdfCanMessage& message) const;
+  void decodePayload(ByteSpan record, PayloadSource* payloads, MdfCanMessage& message) const;
+  void decodeError(ByteSpan record, PayloadSource* payloads, MdfCanError& error) const;
+
+  bool isError_ = false;
+  bool payloadByDlc_;
+  BitField busChannel_;
+  std::uint8_t busChannelBias_ = 0;  // added to the number in the record
+
+  // Messages only.
+  BitField id_;
+  bool hasExtended_ = false;  // the extended flag is set or cleared by its own field
+  std::uint16_t constantMarks_ = 0;
+  std::vector<MarkByte> markBytes_;
+
+  // Messages: what makes up code and payload. Errors: everything but the bus channel.
+  std::vector<Step> steps_;
+};
+
+}  // namespace tolvex

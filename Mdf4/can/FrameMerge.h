@@ -1,0 +1,75 @@
+// The frames of all bus-log groups of a file, merged by time.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "Mdf4/can/BusLogGroups.h"
+#include "Mdf4/can/CanRecordDecoder.h"
+#include "Mdf4/format/m4DataStream.h"
+#include "tolvex/Mdf4.h"
+
+namespace tolvex {
+
+// Payloads in a group's signal data.
+class SignalData final : public PayloadSource {
+ public:
+  explicit SignalData(m4DataStream stream) : stream_(std::move(stream)) {}
+
+  // No frame is longer than kMaxPayload: of a longer value one byte more tells that it is.
+  bool read(std::uint64_t offset, std::vector<std::uint8_t>& out) override {
+    return stream_.readValue(offset, out, kMaxPayload + 1);
+  }
+
+ private:
+  m4DataStream stream_;
+};
+
+// Reads each group through its own stream, one record at a time, and holds one frame of each. A
+// copy goes on by itself and shares no frame with its source. Borrows the reader's state.
+class FrameMerge {
+ public:
+  FrameMerge() = default;
+  FrameMerge(const FrameMerge& other);
+  FrameMerge& operator=(const FrameMerge&) = delete;
+
+  // Opens the groups and reads their first frames; does nothing the second time.
+  void start(ReaderState& state);
+  // The frame with the smallest time, or an empty message pointer when there are no more.
+  MdfFrame next();
+
+  bool payloadByDlc = false;
+  bool requireFields = false;
+  std::shared_ptr<MdfCanMessage> stashedMessage;
+  std::shared_ptr<MdfCanError> stashedError;
+
+ private:
+  struct Group {
+    std::int32_t dg;
+    std::uint32_t recordSize;
+    m4DataStream records;
+    std::shared_ptr<const CanRecordDecoder> decoder;
+    FrameTime time;
+    std::optional<SignalData> payloads;
+    std::uint64_t nextIndex = 0;  // of the record behind `pending`
+    MdfFrame pending = {};        // the frame that the heap's entry stands for
+  };
+  struct HeapEntry {
+    std::int64_t timestampNs;
+    std::size_t group;
+    // The standard heap puts the greatest on top: that is the earliest.
+    bool operator<(const HeapEntry& other) const { return timestampNs > other.timestampNs; }
+  };
+
+  void open(ReaderState& state, const MdfCNInfo& channel);
+  static bool advance(Group& group);
+
+  bool started_ = false;
+  std::vector<Group> groups_;
+  std::vector<HeapEntry> heap_;
+};
+
+}  // namespace tolvex

@@ -1,0 +1,37 @@
+// The time of a bus-log record in nanoseconds.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "Mdf4/format/Bytes.h"
+#include "tolvex/Mdf4.h"
+
+namespace tolvex {
+
+// Reads the master time channel of one group's records. Times are seconds in the file; negative
+// ones become two's complement nanoseconds.
+class FrameTime {
+ public:
+  FrameTime() = default;  // a group without a master time channel
+  explicit FrameTime(MdfSigCCInfo channel);
+
+  // Rounded to the nearest nanosecond. A time that cannot be converted is taken from the record's
+  // first 8 bytes as they stand, as 0 when it has fewer.
+  std::uint64_t nearest(ByteSpan record) const;
+  // Cut toward zero; nothing when the time cannot be converted and the record has fewer than 8
+  // bytes.
+  std::optional<std::uint64_t> cutOff(ByteSpan record) const;
+
+ private:
+  bool nanoseconds(ByteSpan record, double& ns) const;
+
+  std::optional<MdfSigCCInfo> channel_;
+  // A float64 on whole bytes whose conversion is linear needs no more than this.
+  bool direct_ = false;
+  std::uint64_t offset_ = 0;
+  double factor_ = 1;
+  double summand_ = 0;
+};
+
+}  // namespace tolvex

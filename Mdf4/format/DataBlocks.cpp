@@ -1,0 +1,103 @@
+#include "Mdf4/format/DataBlocks.h"
+
+#include <algorithm>
+#include <new>
+
+namespace tolvex {
+
+const void* M4DataBlock::extraData(unsigned index, std::uint64_t& size) const {
+  size = index == 0 ? size_ : 0;
+  return index == 0 ? buffer_.get() : nullptr;
+}
+
+bool M4DataBlock::readData(std::uint64_t position, std::uint64_t length) {
+  if ((buffer_ == nullptr || capacity_ < length) && !reallocate(length)) return false;
+  size_ = length;
+  return file_->ReadAt(position, length, buffer_.get());
+}
+
+bool M4DataBlock::reallocate(std::uint64_t bytes) {
+  std::unique_ptr<std::uint8_t[]> bigger(new (std::nothrow) std::uint8_t[bytes]());
+  if (bigger != nullptr && buffer_ != nullptr) {
+    std::copy_n(buffer_.get(), std::min(capacity_, bytes), bigger.get());
+  }
+  buffer_ = std::move(bigger);
+  capacity_ = buffer_ != nullptr ? bytes : 0;
+  size_ = std::min(size_, capacity_);
+  return buffer_ != nullptr;
+}
+
+std::uint64_t M4DataBlock::place(DirectFile& file) {
+  if (file_ != nullptr && position_ != 0 && write(kSaveAll) == 0) return 0;
+  size_ = 0;
+  return reserve(file, capacity_ + kBlockHeaderSize, "DT");
+}
+
+std::uint64_t M4DataBlock::append(const std::uint8_t* data, std::uint64_t bytes) {
+  const std::uint64_t count = std::min(bytes, capacity_ - size_);
+  if (data != nullptr) std::copy_n(data, count, buffer_.get() + size_);
+  size_ += count;
+  return count;
+}
+
+M4DLBlock::M4DLBlock(std::uint32_t capacity, std::uint64_t equalLength)
+    : m4BlockImpl(1), capacity_(capacity) {
+  dl_flags = kDlFlagEqualLength;
+  extra_.assign(1, equalLength);
+}
+
+void M4DLBlock::add(std::uint64_t dataPosition) {
+  setLink(++dl_count, dataPosition);
+}
+
+std::uint64_t M4DLBlock::place(DirectFile& file) {
+  return reserve(
+      file,
+      kBlockHeaderSize + kLinkSize * (std::uint64_t{capacity_} + 1) + recordSize() + extraSize(),
+      "DL");
+}
+
+std::uint64_t M4DLBlock::moveOn() {
+  const std::uint64_t current = position_;
+  const std::uint64_t next = place(*file_);
+  setLink(link::dl_dl_next, next);
+  position_ = current;
+  if (save(nullptr, kSaveAll) == 0) return 0;
+  position_ = next;
+  links_.assign(1, 0);
+  dl_count = 0;
+  return next;
+}
+
+M4LDBlock::M4LDBlock(std::uint32_t capacity, bool invalidation)
+    : m4BlockImpl(1), capacity_(capacity) {
+  ld_flags = invalidation ? kLdFlagInvalidation : 0;
+}
+
+void M4LDBlock::add(std::uint64_t dataPosition, std::uint64_t invalidationPosition) {
+  setLink(++ld_count, dataPosition);
+  if (hasInvalidation()) {
+    setLink(std::size_t{capacity_} + ld_count, invalidationPosition);
+  }
+}
+
+std::uint64_t M4LDBlock::place(DirectFile& file) {
+  const std::uint64_t perEntry = hasInvalidation() ? 2 : 1;
+  return reserve(
+      file, kBlockHeaderSize + kLinkSize * (perEntry * capacity_ + 1) + recordSize() + extraSize(),
+      "DL");
+}
+
+std::uint64_t M4LDBlock::moveOn() {
+  const std::uint64_t current = position_;
+  const std::uint64_t next = place(*file_);
+  setLink(link::ld_ld_next, next);
+  position_ = current;
+  if (save(nullptr, kSaveAll) == 0) return 0;
+  position_ = next;
+  links_.assign(1, 0);
+  ld_count = 0;
+  return next;
+}
+
+}  // namespace tolvex

@@ -1,0 +1,22 @@
+// The library's own texts: to the standard output, or to the handler that a host handed in.
+#pragma once
+
+#include <string>
+
+#if defined(__GNUC__)
+#define TOLVEX_PRINTF(formatIndex, firstArgument) \
+  __attribute__((format(printf, formatIndex, firstArgument)))
+#else
+#define TOLVEX_PRINTF(formatIndex, firstArgument)
+#endif
+
+namespace tolvex {
+
+// Hands one text of complete lines to whoever receives the diagnostics, in a single call, so that
+// the lines of several threads stay whole. Formats nothing when the texts are dropped.
+void printDiagnostic(const char* format, ...) TOLVEX_PRINTF(1, 2);
+
+// printf into a string.
+std::string formatText(const char* format, ...) TOLVEX_PRINTF(1, 2);
+
+}  // namespace tolvex

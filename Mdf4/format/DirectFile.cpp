@@ -1,0 +1,181 @@
+#include "Mdf4/format/DirectFile.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <utility>
+
+#include "Mdf4/format/Diagnostics.h"
+
+namespace tolvex {
+namespace {
+
+constexpr std::size_t kMaxProblems = 100;
+constexpr std::uint64_t kAlignment = 8;
+
+std::uint64_t alignUp(std::uint64_t position) {
+  return (position + kAlignment - 1) / kAlignment * kAlignment;
+}
+
+}  // namespace
+
+DirectFile::~DirectFile() {
+  DirectFile::Close();
+}
+
+bool DirectFile::Close() {
+  const std::unique_ptr<SystemFile> file = std::move(file_);
+  pages_.reset();
+  position_ = kNoPosition;
+  end_ = 0;
+  return file == nullptr || file->close();
+}
+
+bool DirectFile::open(const std::string& path, OpenMode mode) {
+  Close();
+  openError_.clear();
+  std::unique_ptr<SystemFile> file = openSystemFile(path, mode, openError_);
+  if (file == nullptr) return false;
+  if (attach(std::move(file))) return true;
+  openError_ = "its size is unknown";
+  return false;
+}
+
+bool DirectFile::attach(std::unique_ptr<SystemFile> file) {
+  Close();
+  std::uint64_t size = 0;
+  if (!file->size(size)) return false;
+  file_ = std::move(file);
+  position_ = size;
+  end_ = size;
+  return true;
+}
+
+bool DirectFile::ReadAt(std::uint64_t position, std::uint64_t length, void* buffer) {
+  const WritableBytes bytes(static_cast<std::uint8_t*>(buffer), length);
+  std::uint64_t done = 0;
+  if (file_ != nullptr && holds(position, length)) {
+    position_ = position;
+    done = length < kPageSize ? readSmall(position, bytes)
+                              : file_->read(position, std::span(&bytes, 1));
+  }
+  if (file_ == nullptr || done != length || !holds(position, length)) {
+    printDiagnostic("DirectFile::ReadAt failed\n");
+    return false;
+  }
+  position_ = position + length;
+  return true;
+}
+
+std::uint64_t DirectFile::readSmall(std::uint64_t position, WritableBytes bytes) {
+  if (pages_ == nullptr) {
+    pages_ = std::make_unique<Pages>();
+    pages_->numbers.fill(kNoPosition);
+  }
+  std::uint64_t done = 0;
+  while (done < bytes.size()) {
+    const std::uint64_t number = (position + done) / kPageSize;
+    const std::uint64_t offset = (position + done) % kPageSize;
+    const std::size_t slot = number % kPageCount;
+    if (pages_->numbers[slot] != number) {
+      const WritableBytes page = pages_->bytes[slot];
+      pages_->numbers[slot] = number;
+      pages_->filled[slot] =
+          static_cast<std::uint32_t>(file_->read(number * kPageSize, std::span(&page, 1)));
+    }
+    if (pages_->filled[slot] <= offset) break;
+    const std::uint64_t count = std::min(bytes.size() - done, pages_->filled[slot] - offset);
+    std::copy_n(pages_->bytes[slot].data() + offset, count, bytes.data() + done);
+    done += count;
+  }
+  return done;
+}
+
+std::uint64_t DirectFile::readPieces(std::uint64_t position,
+                                     std::span<const WritableBytes> pieces) {
+  if (file_ == nullptr || position > end_) return 0;
+  const std::uint64_t done = file_->read(position, pieces);
+  position_ = position + done;
+  return done;
+}
+
+bool DirectFile::WriteAt(std::uint64_t position, std::uint64_t length, const void* data) {
+  const ByteSpan bytes(static_cast<const std::uint8_t*>(data), length);
+  return WriteAt(position, std::span(&bytes, 1));
+}
+
+bool DirectFile::WriteAt(std::uint64_t position, std::span<const ByteSpan> pieces) {
+  if (file_ == nullptr) return false;
+  std::uint64_t length = 0;
+  for (const ByteSpan& piece : pieces) length += piece.size();
+  forgetPages(position, length);
+  position_ = position;
+  if (!file_->write(position, pieces)) return false;
+  position_ = position + length;
+  end_ = std::max(end_, position_);
+  return true;
+}
+
+void DirectFile::forgetPages(std::uint64_t position, std::uint64_t length) {
+  if (pages_ == nullptr || length == 0) return;
+  const std::uint64_t first = position / kPageSize;
+  const std::uint64_t last = (position + length - 1) / kPageSize;
+  for (std::uint64_t& number : pages_->numbers) {
+    if (number >= first && number <= last) number = kNoPosition;
+  }
+}
+
+std::uint64_t DirectFile::Allocate(std::uint64_t size, bool extend) {
+  const std::uint64_t aligned = alignUp(end_);
+  const std::uint64_t padding = aligned - end_;
+  end_ = aligned + size;
+  if (extend) {
+    end_ += padding;
+    position_ = aligned;
+    SetEnd(aligned);
+  }
+  return aligned;
+}
+
+bool DirectFile::SetEnd(std::uint64_t position) {
+  if (position <= end_) {
+    printDiagnostic("DirectFile::SetEnd Not Support, size: %" PRIu64 ", end: %" PRIu64 "\n", end_,
+                    position);
+    position_ = end_;
+    return true;
+  }
+  end_ = position;
+  const std::uint8_t zero = 0;
+  if (WriteAt(position - 1, 1, &zero)) return true;
+  printDiagnostic("DirectFile::SetEnd: fwrite failed to extend file\n");
+  return false;
+}
+
+void DirectFile::report(std::string problem) {
+  if (problems_.size() >= kMaxProblems) return;
+  if (std::find(problems_.begin(), problems_.end(), problem) != problems_.end()) return;
+  problems_.push_back(std::move(problem));
+}
+
+LoadBudget::LoadBudget(DirectFile& file) : file_(file) {
+  constexpr std::uint64_t kTimes = 16;
+  constexpr std::uint64_t kAlways = 1 << 20;
+  file.loadBudget_ = file.end_ > (DirectFile::kNoPosition - kAlways) / kTimes
+                         ? DirectFile::kNoPosition - 1
+                         : file.end_ * kTimes + kAlways;
+}
+
+LoadBudget::~LoadBudget() {
+  file_.loadBudget_ = DirectFile::kNoPosition;
+}
+
+bool chargeLoad(DirectFile& file, std::uint64_t bytes) {
+  if (file.loadBudget_ == DirectFile::kNoPosition) return true;
+  if (bytes > file.loadBudget_) {
+    file.report("the file's links lead to the same bytes again and again: blocks are left out");
+    return false;
+  }
+  file.loadBudget_ -= bytes;
+  return true;
+}
+
+}  // namespace tolvex

@@ -1,0 +1,109 @@
+// Positioned reading, writing and space allocation in one file.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "Mdf4/format/Bytes.h"
+#include "Mdf4/format/System.h"
+
+namespace tolvex {
+
+// One open file. Small reads are served from a few pages that are kept, so that walking a tree of
+// blocks costs a system call per page, not per block.
+//
+// What is read from a file is a claim. This is where claims are checked against the file's end,
+// where damage is noted, and where the work that one opening may cause is bounded (LoadBudget).
+// Not synchronised: one thread at a time.
+class DirectFile {
+ public:
+  static constexpr std::uint64_t kNoPosition = ~std::uint64_t{0};
+
+  DirectFile() = default;
+  DirectFile(const DirectFile&) = delete;
+  DirectFile& operator=(const DirectFile&) = delete;
+  virtual ~DirectFile();
+  // False when the system reports that something was not written.
+  virtual bool Close();
+
+  // Closes what is open, then opens the file. False when it cannot be opened; openError says why.
+  bool open(const std::string& path, OpenMode mode);
+  // Closes what is open, then takes over `file`; its end becomes the end of the allocated area.
+  bool attach(std::unique_ptr<SystemFile> file);
+  bool isOpen() const { return file_ != nullptr; }
+  const std::string& openError() const { return openError_; }
+
+  // Reads exactly `length` bytes. A short read prints "DirectFile::ReadAt failed" and fails.
+  bool ReadAt(std::uint64_t position, std::uint64_t length, void* buffer);
+  // Writes all bytes or fails; a write past the end of the allocated area moves that end.
+  bool WriteAt(std::uint64_t position, std::uint64_t length, const void* data);
+  // The pieces back to back, in one call to the system.
+  bool WriteAt(std::uint64_t position, std::span<const ByteSpan> pieces);
+  // Fills the pieces from consecutive bytes, as many as the file has. Returns the bytes read.
+  std::uint64_t readPieces(std::uint64_t position, std::span<const WritableBytes> pieces);
+
+  // The position of a new block of `size` bytes at the end of the allocated area, rounded up to a
+  // multiple of 8. The area grows by the block; with `extend` the padding is counted twice, and
+  // SetEnd is called with the block's position.
+  std::uint64_t Allocate(std::uint64_t size, bool extend);
+  // Moves the end of the allocated area forward by writing a zero byte in front of it. An end that
+  // is already there or further only prints "DirectFile::SetEnd Not Support, ...".
+  bool SetEnd(std::uint64_t position);
+
+  std::uint64_t position() const { return position_; }  // kNoPosition while closed
+  std::uint64_t end() const { return end_; }            // of the allocated area; 0 while closed
+  // True when `length` bytes at `position` lie inside the file.
+  bool holds(std::uint64_t position, std::uint64_t length) const {
+    return position <= end_ && length <= end_ - position;
+  }
+
+  // Notes damage: what, where, expected and found. The first 100 texts are kept, each once.
+  void report(std::string problem);
+  const std::vector<std::string>& problems() const { return problems_; }
+
+ private:
+  friend class LoadBudget;
+  friend bool chargeLoad(DirectFile& file, std::uint64_t bytes);
+
+  static constexpr std::uint64_t kPageSize = 4096;
+  static constexpr std::size_t kPageCount = 64;
+  struct Pages {
+    std::array<std::uint64_t, kPageCount> numbers;  // kNoPosition: free
+    std::array<std::uint32_t, kPageCount> filled;   // bytes
+    std::array<std::array<std::uint8_t, kPageSize>, kPageCount> bytes;
+  };
+
+  std::uint64_t readSmall(std::uint64_t position, WritableBytes bytes);
+  void forgetPages(std::uint64_t position, std::uint64_t length);
+
+  std::unique_ptr<SystemFile> file_;
+  std::unique_ptr<Pages> pages_;
+  std::uint64_t position_ = kNoPosition;
+  std::uint64_t end_ = 0;
+  std::string openError_;
+  std::vector<std::string> problems_;
+  std::uint64_t loadBudget_ = kNoPosition;  // bytes that may still be loaded; kNoPosition: any
+};
+
+// While one lives, the blocks loaded from `file` may together hold at most 16 times the file's size
+// and 1 MiB: enough for every block that is really shared, and an end for files whose links make
+// a few blocks look like billions.
+class LoadBudget {
+ public:
+  explicit LoadBudget(DirectFile& file);
+  LoadBudget(const LoadBudget&) = delete;
+  LoadBudget& operator=(const LoadBudget&) = delete;
+  ~LoadBudget();
+
+ private:
+  DirectFile& file_;
+};
+
+// Takes `bytes` from the budget, if there is one; false when it is used up.
+bool chargeLoad(DirectFile& file, std::uint64_t bytes);
+
+}  // namespace tolvex

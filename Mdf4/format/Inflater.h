@@ -1,0 +1,48 @@
+// Inflating compressed data blocks.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+#include "Mdf4/format/Bytes.h"
+
+namespace tolvex {
+
+// No deflate stream of `compressed` bytes inflates to more than this.
+constexpr std::uint64_t mostInflated(std::uint64_t compressed) {
+  constexpr std::uint64_t kRatio = 1032;
+  constexpr std::uint64_t kMost = ~std::uint64_t{0};
+  return compressed > kMost / kRatio - 1 ? kMost : (compressed + 1) * kRatio;
+}
+
+// Inflates whole zlib streams, keeping its tables from one to the next.
+class Inflater {
+ public:
+  Inflater();
+  Inflater(const Inflater&) = delete;
+  Inflater& operator=(const Inflater&) = delete;
+  ~Inflater();
+
+  // True when `compressed` is one whole zlib stream of exactly `out.size()` bytes.
+  bool inflate(ByteSpan compressed, WritableBytes out);
+
+ private:
+  struct Stream;
+  std::unique_ptr<Stream> stream_;
+};
+
+// A byte buffer that grows without clearing, and says so when it cannot.
+class ByteBuffer {
+ public:
+  // Room for `size` bytes, their contents undefined. False when there is no memory.
+  bool reserve(std::uint64_t size);
+  std::uint8_t* data() { return bytes_.get(); }
+  const std::uint8_t* data() const { return bytes_.get(); }
+  void release();
+
+ private:
+  std::unique_ptr<std::uint8_t[]> bytes_;
+  std::uint64_t size_ = 0;
+};
+
+}  // namespace tolvex

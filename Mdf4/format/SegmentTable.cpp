@@ -1,0 +1,305 @@
+#include "Mdf4/format/SegmentTable.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <iterator>
+
+#include "Mdf4/format/BlockLoader.h"
+#include "Mdf4/format/DataBlocks.h"
+#include "Mdf4/format/Diagnostics.h"
+#include "Mdf4/format/Inflater.h"
+
+namespace tolvex {
+namespace {
+
+constexpr std::size_t kUsualSegments = 1000;
+
+// Kinds that a data link may lead to directly.
+bool isDirectData(std::uint16_t type) {
+  switch (type) {
+    case block_type::kDT:
+    case block_type::kSR:
+    case block_type::kSD:
+    case block_type::kRD:
+    case block_type::kDZ:
+    case block_type::kDV:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// Loads the next list of a chain; null at its end and at a list that was visited before.
+std::unique_ptr<m4Block> loadNext(DirectFile& file, std::uint64_t position,
+                                  VisitedBlocks& visited) {
+  if (position == 0 || !visited.enter(position)) return nullptr;
+  return loadBlock(file, position);
+}
+
+// How many of the `stated` entries of a list have a link.
+std::uint32_t entriesWithLink(DirectFile& file, const m4Block& list, std::uint32_t stated) {
+  const std::size_t links = list.linkCount() == 0 ? 0 : list.linkCount() - 1;
+  if (stated <= links) return stated;
+  file.report(formatText("list at %" PRIu64 ": it counts %u data blocks and has links for %zu",
+                         list.position(), unsigned{stated}, links));
+  return static_cast<std::uint32_t>(links);
+}
+
+}  // namespace
+
+SegmentTable::SegmentTable(DirectFile& file, std::uint64_t dataLink, std::uint64_t expectedSize) {
+  valid_ = readLists(file, dataLink, expectedSize);
+  if (!valid_) {
+    if (file.isOpen()) {
+      file.report(formatText("data at %" PRIu64 ": a listed block is missing or of a wrong kind",
+                             dataLink));
+    }
+    data_.clear();
+    invalidation_.clear();
+    totalSize_ = 0;
+    presentSize_ = 0;
+  }
+  finish(file);
+}
+
+bool SegmentTable::readLists(DirectFile& file, std::uint64_t dataLink, std::uint64_t expectedSize) {
+  if (dataLink == 0) return true;
+  std::uint64_t position = dataLink;
+  for (int depth = 0; depth < 2; ++depth) {
+    BlockHeader header;
+    if (!file.ReadAt(position, kBlockHeaderSize, &header) || header.marker != kBlockMarker) {
+      file.report(formatText("data link %" PRIu64 ": expected a data block or a list", position));
+      return true;
+    }
+    if (isDirectData(header.type)) {
+      DataSegment segment;
+      return readSegment(file, position, segment) && append(file, segment, expectedSize);
+    }
+    std::unique_ptr<m4Block> block = loadBlock(file, position);
+    if (block == nullptr) return true;
+    switch (block->typeCode()) {
+      case block_type::kDL:
+        return readDataLists(file, std::move(block), expectedSize);
+      case block_type::kLD:
+        return readColumnLists(file, std::move(block), expectedSize);
+      case block_type::kHL:
+        position = block->link(link::hl_dl_first);
+        break;
+      default:
+        return true;
+    }
+    if (position == 0) return true;
+  }
+  return true;
+}
+
+bool SegmentTable::readDataLists(DirectFile& file, std::unique_ptr<m4Block> first,
+                                 std::uint64_t expectedSize) {
+  VisitedBlocks visited(file);
+  visited.enter(first->position());
+  std::unique_ptr<m4Block> next;
+  for (std::unique_ptr<m4Block> block = std::move(first); block != nullptr;
+       block = std::move(next)) {
+    if (block->typeCode() != block_type::kDL) return false;
+    const auto& list = static_cast<const M4DLBlock&>(*block);
+    next = loadNext(file, list.link(link::dl_dl_next), visited);
+    const std::uint32_t count = entriesWithLink(file, list, list.dl_count);
+    const bool equal = (list.dl_flags & kDlFlagEqualLength) != 0;
+    const std::uint64_t equalLength = equal && !list.extra().empty() ? list.extra()[0] : 0;
+    for (std::uint32_t i = 0; i < count; ++i) {
+      const std::uint64_t position = list.link(link::dl_data + i);
+      const bool veryLast = next == nullptr && i + 1 == count;
+      DataSegment segment;
+      if (equalLength != 0 && !veryLast) {
+        segment.position = position + kBlockHeaderSize;
+        segment.length = equalLength;
+      } else if (!readSegment(file, position, segment)) {
+        return false;
+      }
+      if (!append(file, segment, expectedSize)) return false;
+    }
+  }
+  return true;
+}
+
+bool SegmentTable::readColumnLists(DirectFile& file, std::unique_ptr<m4Block> first,
+                                   std::uint64_t expectedSize) {
+  columnStorage_ = true;
+  VisitedBlocks visited(file);
+  visited.enter(first->position());
+  std::unique_ptr<m4Block> next;
+  for (std::unique_ptr<m4Block> block = std::move(first); block != nullptr;
+       block = std::move(next)) {
+    if (block->typeCode() != block_type::kLD) return false;
+    const auto& list = static_cast<const M4LDBlock&>(*block);
+    next = loadNext(file, list.link(link::ld_ld_next), visited);
+    const std::uint32_t count = entriesWithLink(file, list, list.ld_count);
+    for (std::uint32_t i = 0; i < count; ++i) {
+      DataSegment segment;
+      const std::uint64_t position = list.link(link::ld_data + i);
+      if (position != 0) {
+        if (!readSegment(file, position, segment)) return false;
+        if (segment.type != block_type::kDV && segment.type != block_type::kRV &&
+            segment.type != block_type::kDZ) {
+          printDiagnostic("m4DataStream::initSize: blk.hdr_id!=M4ID_DV | M4ID_RV | M4ID_DZ\n");
+          return false;
+        }
+      }
+      if (!append(file, segment, expectedSize)) return false;
+
+      DataSegment marks;
+      const std::uint64_t marksPosition = list.link(std::size_t{list.ld_count} + 1 + i);
+      if (marksPosition != 0) {
+        if (!readSegment(file, marksPosition, marks)) return false;
+        if (marks.type != block_type::kDI && marks.type != block_type::kRI &&
+            marks.type != block_type::kDZ) {
+          printDiagnostic(
+              "m4DataStream::initSize: blk.hdr_id!=M4ID_DV | M4ID_DI | M4ID_RV | M4ID_RI | "
+              "M4ID_DZ\n");
+          return false;
+        }
+      }
+      invalidation_.push_back(marks);
+    }
+  }
+  return true;
+}
+
+// Position, length and type from the block's own header.
+bool SegmentTable::readSegment(DirectFile& file, std::uint64_t blockPosition,
+                               DataSegment& segment) {
+  BlockHeader header;
+  if (!readBlockHeader(file, blockPosition, header)) return false;
+  segment.position = blockPosition + kBlockHeaderSize;
+  segment.type = header.type;
+  if (!header.dataLength(segment.length)) return false;
+  if (header.type == block_type::kDZ) {
+    m4DZRecord record;
+    if (!file.ReadAt(segment.position, sizeof record, &record)) return false;
+    segment.length = record.dz_org_data_length;
+    if (segment.length > mostInflated(record.dz_data_length)) {
+      segment.checked = true;
+      damage(file, segment, mostInflated(record.dz_data_length));
+    }
+  } else if (!file.holds(segment.position, segment.length)) {
+    file.report(formatText("data block at %" PRIu64 ": it states %" PRIu64
+                           " bytes of data, the file ends at %" PRIu64,
+                           blockPosition, segment.length, file.end()));
+  }
+  return true;
+}
+
+bool SegmentTable::append(DirectFile& file, const DataSegment& segment,
+                          std::uint64_t expectedSize) {
+  if (segment.length > ~std::uint64_t{0} - totalSize_) return false;
+  if (data_.empty()) {
+    // The file bounds how many blocks there can be, whatever was expected.
+    const std::uint64_t most = file.end() / kBlockHeaderSize + 2;
+    const std::uint64_t wanted = expectedSize == 0 || segment.length == 0
+                                     ? kUsualSegments
+                                     : expectedSize / segment.length + 2;
+    data_.reserve(std::min(most, wanted));
+  }
+  data_.push_back(segment);
+  data_.back().start = totalSize_;
+  totalSize_ += segment.length;
+  if (segment.type == block_type::kDZ || segment.type == 0) {
+    // Possibly compressed: what the whole file can inflate to bounds it.
+    if (!segment.damaged) presentSize_ += std::min(segment.length, mostInflated(file.end()));
+  } else if (segment.position < file.end()) {
+    presentSize_ += std::min(segment.length, file.end() - segment.position);
+  }
+  return true;
+}
+
+void SegmentTable::finish(DirectFile& file) {
+  data_.shrink_to_fit();
+  DataSegment terminator;
+  terminator.start = totalSize_;
+  for (const DataSegment& segment : data_) {
+    if (segment.length == 0) emptyStarts_.push_back(segment.start);
+  }
+  if (!emptyStarts_.empty() && emptyStarts_.front() != totalSize_) {
+    file.report(formatText("data of %" PRIu64
+                           " bytes: reading ends at an empty block after %" PRIu64 " bytes",
+                           totalSize_, emptyStarts_.front()));
+  }
+  emptyStarts_.push_back(totalSize_);
+  const auto byPosition = [](const DataSegment& a, const DataSegment& b) {
+    return a.position < b.position;
+  };
+  if (!std::is_sorted(data_.begin(), data_.end(), byPosition)) {
+    for (const DataSegment& segment : data_) sortedPositions_.push_back(segment.position);
+    std::sort(sortedPositions_.begin(), sortedPositions_.end());
+  }
+  data_.push_back(terminator);
+  if (!invalidation_.empty()) invalidation_.push_back({});
+}
+
+DataSegment& SegmentTable::invalidation(std::size_t index) {
+  return index < invalidation_.size() ? invalidation_[index] : data_.back();
+}
+
+std::size_t SegmentTable::find(std::uint64_t offset) const {
+  if (offset >= totalSize_) return count();
+  // The last segment that starts at or before the offset; empty ones start where the next does.
+  const auto after = std::upper_bound(
+      data_.begin(), data_.end() - 1, offset,
+      [](std::uint64_t value, const DataSegment& segment) { return value < segment.start; });
+  return static_cast<std::size_t>(std::distance(data_.begin(), after)) - 1;
+}
+
+std::uint64_t SegmentTable::limitAfter(std::uint64_t offset) const {
+  const auto limit = std::upper_bound(emptyStarts_.begin(), emptyStarts_.end(), offset);
+  return limit == emptyStarts_.end() ? totalSize_ : *limit;
+}
+
+bool SegmentTable::damage(DirectFile& file, DataSegment& segment, std::uint64_t found) {
+  segment.damaged = true;
+  file.report(formatText("data block at %" PRIu64 ": expected %" PRIu64
+                         " bytes of data, found %" PRIu64,
+                         segment.position - kBlockHeaderSize, segment.length, found));
+  return false;
+}
+
+bool SegmentTable::settle(DirectFile& file, std::size_t index) {
+  DataSegment& segment = data_[index];
+  if (segment.checked) return !segment.damaged;
+  BlockHeader header = {.marker = 0};
+  if (!file.ReadAt(segment.position - kBlockHeaderSize, kBlockHeaderSize, &header)) {
+    segment.checked = true;
+    return damage(file, segment, 0);
+  }
+  return settle(file, index, header);
+}
+
+bool SegmentTable::settle(DirectFile& file, std::size_t index, const BlockHeader& header) {
+  DataSegment& segment = data_[index];
+  if (segment.checked) return !segment.damaged;
+  segment.checked = true;
+  segment.type = header.type;
+  std::uint64_t dataLength = 0;
+  if (!isBlockHeader(header, segment.position - kBlockHeaderSize) ||
+      !header.dataLength(dataLength)) {
+    return damage(file, segment, 0);
+  }
+  if (segment.type != block_type::kDZ && dataLength < segment.length) {
+    return damage(file, segment, dataLength);
+  }
+  // The distance to the next listed block: two entries for the same bytes are one too many.
+  std::uint64_t room = ~std::uint64_t{0};
+  if (!sortedPositions_.empty()) {
+    const auto next =
+        std::upper_bound(sortedPositions_.begin(), sortedPositions_.end(), segment.position);
+    if (next != sortedPositions_.end()) room = *next - segment.position;
+    const auto same = std::next(
+        std::lower_bound(sortedPositions_.begin(), sortedPositions_.end(), segment.position));
+    if (same != next) room = 0;
+  } else if (index + 1 < count()) {
+    room = data_[index + 1].position - segment.position;
+  }
+  if (header.length > room) return damage(file, segment, room);
+  return true;
+}
+
+}  // namespace tolvex

@@ -1,0 +1,42 @@
+// Everything that depends on the operating system: files with 64-bit positions, the time zone.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "Mdf4/format/Bytes.h"
+
+namespace tolvex {
+
+enum class OpenMode : std::uint8_t {
+  Read,    // an existing file, "rb"
+  Update,  // an existing file for reading and writing, "r+b"
+  Create,  // a new or emptied file for reading and writing, "wb"
+};
+
+// An open file, addressed by position. An interface, so that a test can put a failing one below
+// DirectFile. Not synchronised.
+class SystemFile {
+ public:
+  virtual ~SystemFile() = default;
+
+  virtual bool size(std::uint64_t& bytes) = 0;
+  // Fills the pieces in order from `position` on. Returns the bytes read: fewer than asked at the
+  // end of the file or on failure.
+  virtual std::uint64_t read(std::uint64_t position, std::span<const WritableBytes> pieces) = 0;
+  // Writes the pieces in order from `position` on. False unless every byte was taken.
+  virtual bool write(std::uint64_t position, std::span<const ByteSpan> pieces) = 0;
+  // Closes the file; false when the system reports that something was not written.
+  virtual bool close() = 0;
+};
+
+// Opens a file, or null; `error` then says why in the system's words.
+std::unique_ptr<SystemFile> openSystemFile(const std::string& path, OpenMode mode,
+                                           std::string& error);
+
+// Seconds to add to local standard time to get UTC; 0 when unknown.
+long timeZoneSeconds();
+
+}  // namespace tolvex

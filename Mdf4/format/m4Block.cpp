@@ -1,0 +1,106 @@
+#include "Mdf4/format/m4Block.h"
+
+#include <algorithm>
+#include <array>
+#include <cinttypes>
+
+#include "Mdf4/format/Diagnostics.h"
+
+namespace tolvex {
+
+m4Block::m4Block(std::uint16_t type, std::size_t links) : links_(links) {
+  header_.type = type;
+}
+
+bool m4Block::load(DirectFile& file, std::uint64_t position, const BlockHeader& header) {
+  std::uint64_t dataLength = 0;
+  if (!header.dataLength(dataLength)) {
+    file.report(formatText("block at %" PRIu64 ": %" PRIu64 " links do not fit into its length of "
+                           "%" PRIu64 " bytes",
+                           position, header.linkCount, header.length));
+    return false;
+  }
+  if (!file.holds(position, header.length)) {
+    file.report(formatText("block at %" PRIu64 ": its length of %" PRIu64
+                           " bytes reaches beyond the file's end at %" PRIu64,
+                           position, header.length, file.end()));
+    return false;
+  }
+  if (!chargeLoad(file, header.length)) return false;
+  file_ = &file;
+  position_ = position;
+  header_ = header;
+  const std::uint64_t linkBytes = header.linkCount * kLinkSize;
+  if (header.linkCount != 0) {
+    links_.assign(header.linkCount, 0);
+    if (!file.ReadAt(position + kBlockHeaderSize, linkBytes, links_.data())) return false;
+  }
+  return readData(position + kBlockHeaderSize + linkBytes, dataLength);
+}
+
+void m4Block::setLink(std::size_t index, std::uint64_t position) {
+  if (index >= links_.size()) links_.resize(index + 1);
+  links_[index] = position;
+}
+
+std::uint64_t m4Block::save(DirectFile* file, unsigned flags) {
+  if (file != nullptr) file_ = file;
+  if (file_ == nullptr) return 0;
+  if (position_ == 0) {
+    position_ = file_->Allocate(
+        kBlockHeaderSize + links_.size() * kLinkSize + recordSize() + extraSize(), false);
+  }
+  if (flags != 0 && write(flags) == 0) return 0;
+  return position_;
+}
+
+std::uint64_t m4Block::write(unsigned flags) {
+  const std::uint64_t linkBytes = links_.size() * kLinkSize;
+  const std::uint64_t fixed = kBlockHeaderSize + linkBytes + recordSize();
+  header_.length = fixed + extraSize();
+  header_.linkCount = links_.size();
+
+  std::array<ByteSpan, 4> pieces;
+  std::size_t count = 0;
+  std::uint64_t start = position_;
+  const auto add = [&](const void* bytes, std::uint64_t size) {
+    pieces[count++] = {static_cast<const std::uint8_t*>(bytes), size};
+  };
+  if ((flags & kSaveFixed) != 0) {
+    add(&header_, kBlockHeaderSize);
+    add(links_.data(), linkBytes);
+    add(recordBytes(), recordSize());
+  } else {
+    start += fixed;
+  }
+  if ((flags & kSaveTrailing) != 0) {
+    std::uint64_t size = 0;
+    if (const void* bytes = extraData(0, size); bytes != nullptr) add(bytes, size);
+  }
+  if (!file_->WriteAt(start, std::span(pieces).first(count))) return 0;
+  return file_->position();
+}
+
+std::uint64_t m4Block::reserve(DirectFile& file, std::uint64_t size, const char* label) {
+  file_ = &file;
+  position_ = file.Allocate(size, true);
+  printDiagnostic("##%s (%8" PRIX64 ") %" PRId64 "+%" PRId64 "=%" PRId64 "\n", label, position_,
+                  static_cast<std::int64_t>(position_), static_cast<std::int64_t>(size),
+                  static_cast<std::int64_t>(position_ + size));
+  return position_;
+}
+
+const void* M4TXBlock::extraData(unsigned index, std::uint64_t& size) const {
+  size = index == 0 ? extraSize() : 0;
+  return index == 0 ? text_.c_str() : nullptr;
+}
+
+bool M4TXBlock::readData(std::uint64_t position, std::uint64_t length) {
+  text_.resize(length);
+  if (length == 0) return true;
+  if (!file_->ReadAt(position, length, text_.data())) return false;
+  text_.pop_back();
+  return true;
+}
+
+}  // namespace tolvex

@@ -1,0 +1,386 @@
+#include "Mdf4/format/m4DataStream.h"
+
+#include <algorithm>
+#include <array>
+#include <cinttypes>
+#include <cstring>
+#include <utility>
+
+#include "Mdf4/format/Diagnostics.h"
+#include "Mdf4/format/Transposition.h"
+
+namespace tolvex {
+namespace {
+
+constexpr std::uint64_t kSmallestReadAhead = 4096;
+constexpr std::uint64_t kLargestReadAhead = 256 * 1024;
+// Data blocks that follow each other this closely are read in one call.
+constexpr std::uint64_t kLargestGap = 1024;
+constexpr std::size_t kBlocksPerCall = 48;
+
+}  // namespace
+
+m4DataStream::m4DataStream(DirectFile& file, std::shared_ptr<SegmentTable> table)
+    : file_(&file), table_(std::move(table)) {
+  Seek(0);
+}
+
+m4DataStream::m4DataStream(DirectFile& file, std::uint64_t dataLink, std::uint64_t expectedSize)
+    : m4DataStream(file, std::make_shared<SegmentTable>(file, dataLink, expectedSize)) {}
+
+m4DataStream::m4DataStream(const m4DataStream& other)
+    : file_(other.file_),
+      table_(other.table_),
+      at_(other.at_),
+      skew_(other.skew_),
+      limit_(other.limit_),
+      stale_(other.stale_),
+      dataBytes_(other.dataBytes_),
+      invalBytes_(other.invalBytes_) {}
+
+m4DataStream::~m4DataStream() {
+  m4DataStream::close();
+}
+
+void m4DataStream::mergeInvalidation(std::uint32_t dataBytes, std::uint32_t invalBytes) {
+  if (dataBytes == 0) return;
+  dataBytes_ = dataBytes;
+  invalBytes_ = invalBytes;
+}
+
+std::uint64_t m4DataStream::Seek(std::uint64_t offset) {
+  const std::uint64_t target = std::min(offset, size());
+  if (target < size()) {
+    stale_ = 0;
+    seekInside(target);
+    skew_ = 0;
+    return target;
+  }
+  // The first segment becomes current with the old offset in it.
+  const std::uint64_t inSegment = offsetInSegment();
+  if (size() != 0 && inSegment < (*table_)[0].length) {
+    stale_ = 0;
+    seekInside(inSegment);
+  } else {
+    stale_ = inSegment;
+    at_ = size();
+    limit_ = at_;
+  }
+  skew_ = at_;
+  return 0;
+}
+
+void m4DataStream::seekInside(std::uint64_t offset) {
+  at_ = offset;
+  limit_ = table_->limitAfter(offset);
+}
+
+std::uint64_t m4DataStream::offsetInSegment() const {
+  if (stale_ != 0) return stale_;
+  if (at_ >= limit_) return 0;
+  return at_ - (*table_)[table_->find(at_)].start;
+}
+
+std::size_t m4DataStream::segmentAt(std::uint64_t offset) {
+  const auto holds = [&](std::size_t index) {
+    return index < table_->count() && offset >= (*table_)[index].start &&
+           offset - (*table_)[index].start < (*table_)[index].length;
+  };
+  if (holds(segment_)) return segment_;
+  segment_ = holds(segment_ + 1) ? segment_ + 1 : table_->find(offset);
+  return segment_;
+}
+
+void m4DataStream::setWindow(const std::uint8_t* bytes, std::uint64_t start, std::uint64_t length) {
+  window_ = bytes;
+  windowStart_ = start;
+  windowEnd_ = start + length;
+}
+
+ByteSpan m4DataStream::nextSlowly(std::uint64_t length) {
+  if (merges()) {
+    if (!scratch_.reserve(length)) return {};
+    return {scratch_.data(), Read(length, scratch_.data(), 1)};
+  }
+  const std::uint64_t wanted = std::min(length, limit_ - at_);
+  if (wanted == 0) return {};
+  const std::size_t index = segmentAt(at_);
+  if (!table_->settle(*file_, index)) return {};
+  const DataSegment& segment = (*table_)[index];
+  if (segment.type == block_type::kDZ) {
+    if (!inflate(index)) return {};
+    setWindow(inflated_.data(), segment.start, segment.length);
+  } else {
+    refill(wanted);
+  }
+  if (at_ < windowStart_ || at_ > windowEnd_ || wanted > windowEnd_ - at_) {
+    // The bytes lie in blocks of different kinds, or the file ends among them.
+    if (!scratch_.reserve(std::min(wanted, presentSize()))) return {};
+    return {scratch_.data(), assemble(std::min(wanted, presentSize()), scratch_.data())};
+  }
+  const std::uint8_t* const bytes = window_ + (at_ - windowStart_);
+  at_ += wanted;
+  return {bytes, wanted};
+}
+
+// Reads ahead from at_: more each time that the reading goes on where the last piece ended.
+void m4DataStream::refill(std::uint64_t wanted) {
+  const bool inOrder = at_ > windowStart_ && at_ <= windowEnd_;
+  readAhead_ = inOrder ? std::min(readAhead_ * 4, kLargestReadAhead) : kSmallestReadAhead;
+  const std::uint64_t length = std::min(std::max(wanted, readAhead_), limit_ - at_);
+  if (!buffer_.reserve(std::min(length, presentSize()))) {
+    setWindow(nullptr, at_, 0);
+    return;
+  }
+  const std::uint64_t got = readPlain(at_, std::min(length, presentSize()), buffer_.data());
+  setWindow(buffer_.data(), at_, got);
+}
+
+std::uint64_t m4DataStream::Read(std::uint64_t length, std::uint8_t* buffer,
+                                 std::uint32_t records) {
+  if (merges() && records != 0) return readMerged(length, buffer, records);
+  if (length < kLargestReadAhead) {
+    const std::uint64_t inWindow = at_ >= windowStart_ && at_ <= windowEnd_ ? windowEnd_ - at_ : 0;
+    if (length <= inWindow) {
+      std::copy_n(window_ + (at_ - windowStart_), length, buffer);
+      at_ += length;
+      return length;
+    }
+    if (!merges()) {
+      const ByteSpan bytes = nextSlowly(length);
+      std::copy(bytes.begin(), bytes.end(), buffer);
+      return bytes.size();
+    }
+  }
+  return assemble(length, buffer);
+}
+
+// Copies from block to block, whatever their kinds.
+std::uint64_t m4DataStream::assemble(std::uint64_t length, std::uint8_t* buffer) {
+  std::uint64_t done = 0;
+  while (done < length && at_ < limit_) {
+    const std::size_t index = segmentAt(at_);
+    if (!table_->settle(*file_, index)) break;
+    const DataSegment& segment = (*table_)[index];
+    std::uint64_t got = 0;
+    if (segment.type == block_type::kDZ) {
+      if (!inflate(index)) break;
+      const std::uint64_t offset = at_ - segment.start;
+      got = std::min(length - done, segment.length - offset);
+      std::copy_n(inflated_.data() + offset, got, buffer + done);
+    } else {
+      const std::uint64_t wanted = std::min(length - done, limit_ - at_);
+      got = wholeShares(at_, readPlain(at_, wanted, buffer + done), wanted);
+    }
+    if (got == 0) break;
+    at_ += got;
+    done += got;
+  }
+  return done;
+}
+
+// Of `got` bytes read where `wanted` were asked: those that make up whole shares of their blocks.
+std::uint64_t m4DataStream::wholeShares(std::uint64_t offset, std::uint64_t got,
+                                        std::uint64_t wanted) {
+  if (got == wanted) return got;
+  const DataSegment& last = (*table_)[table_->find(offset + got)];
+  return last.start > offset ? last.start - offset : 0;
+}
+
+// Reads blocks that are not compressed straight into the buffer: those that lie close together in
+// one call, which also brings the headers between them. The block at `offset` is settled. Returns
+// the bytes read: fewer in front of a compressed or damaged block and at the end of the file.
+std::uint64_t m4DataStream::readPlain(std::uint64_t offset, std::uint64_t length,
+                                      std::uint8_t* buffer) {
+  std::array<std::uint8_t, kLargestGap> gap;
+  std::array<BlockHeader, kBlocksPerCall> headers;
+  std::array<WritableBytes, 3 * kBlocksPerCall> pieces;
+  std::uint64_t done = 0;
+  while (done < length) {
+    const std::size_t first = segmentAt(offset + done);
+    if (first >= table_->count() || !table_->settle(*file_, first)) return done;
+    if ((*table_)[first].type == block_type::kDZ) return done;
+    const std::uint64_t skip = offset + done - (*table_)[first].start;
+    const std::uint64_t start = (*table_)[first].position + skip;
+
+    std::size_t pieceCount = 0;
+    std::size_t blocks = 0;
+    std::uint64_t planned = 0;
+    std::uint64_t fileAt = start;
+    for (std::size_t i = first; blocks < kBlocksPerCall && planned < length - done; ++i, ++blocks) {
+      const DataSegment& segment = (*table_)[i];
+      if (i > first) {
+        const std::uint64_t block = segment.position - kBlockHeaderSize;
+        if (segment.length == 0 || segment.damaged || segment.type == block_type::kDZ ||
+            block < fileAt || block - fileAt > kLargestGap) {
+          break;
+        }
+        pieces[pieceCount++] = std::span(gap).first(block - fileAt);
+        pieces[pieceCount++] = writableBytesOf(headers[blocks]);
+        fileAt = segment.position;
+      }
+      const std::uint64_t share =
+          std::min(segment.length - (i == first ? skip : 0), length - done - planned);
+      pieces[pieceCount++] = {buffer + done + planned, share};
+      planned += share;
+      fileAt += share;
+    }
+
+    std::uint64_t left = file_->readPieces(start, std::span(pieces).first(pieceCount));
+    std::uint64_t got = 0;
+    for (std::size_t piece = 0, block = 0; block < blocks; ++block) {
+      if (block > 0) {
+        const std::uint64_t between = pieces[piece].size() + kBlockHeaderSize;
+        if (left < between) break;
+        left -= between;
+        piece += 2;
+        if (!table_->settle(*file_, first + block, headers[block])) break;
+        if ((*table_)[first + block].type == block_type::kDZ) break;
+      }
+      const std::uint64_t share = std::min<std::uint64_t>(left, pieces[piece].size());
+      got += share;
+      left -= share;
+      if (share < pieces[piece++].size()) return done + got;
+    }
+    if (got == 0) return done;
+    done += got;
+  }
+  return done;
+}
+
+bool m4DataStream::inflate(std::size_t index) {
+  if (hasInflated_ && inflatedSegment_ == index) return true;
+  hasInflated_ = false;
+  if (window_ == inflated_.data()) setWindow(nullptr, 0, 0);
+  if (!inflateBlock((*table_)[index], inflated_)) {
+    (*table_)[index].damaged = true;
+    return false;
+  }
+  hasInflated_ = true;
+  inflatedSegment_ = index;
+  return true;
+}
+
+bool m4DataStream::inflateBlock(const DataSegment& segment, ByteBuffer& out) {
+  const std::uint64_t block = segment.position - kBlockHeaderSize;
+  const auto fail = [&](const char* what, std::uint64_t expected, std::uint64_t found) {
+    file_->report(formatText("compressed data block at %" PRIu64 ": %s: expected %" PRIu64
+                             ", found %" PRIu64,
+                             block, what, expected, found));
+    return false;
+  };
+  BlockHeader header;
+  std::uint64_t dataLength = 0;
+  if (!file_->ReadAt(block, kBlockHeaderSize, &header) || !header.dataLength(dataLength) ||
+      dataLength < sizeof(m4DZRecord)) {
+    return fail("bytes in its record", sizeof(m4DZRecord), dataLength);
+  }
+  m4DZRecord record;
+  const std::uint64_t recordAt = segment.position + header.linkCount * kLinkSize;
+  if (!file_->ReadAt(recordAt, sizeof record, &record)) {
+    return fail("bytes in its record", sizeof record, 0);
+  }
+  const std::uint64_t trailing = dataLength - sizeof record;
+  if (trailing < record.dz_data_length) {
+    return fail("compressed bytes", record.dz_data_length, trailing);
+  }
+  if (!file_->holds(recordAt + sizeof record, record.dz_data_length)) {
+    return fail("bytes up to the end of the file", record.dz_data_length,
+                file_->end() - std::min(file_->end(), recordAt + sizeof record));
+  }
+  if (segment.length > mostInflated(record.dz_data_length)) {
+    return fail("at most this many inflated bytes", mostInflated(record.dz_data_length),
+                segment.length);
+  }
+  const bool transposed = record.dz_zip_type == kZipTransposeDeflate &&
+                          record.dz_zip_parameter != 0 && segment.length >= record.dz_zip_parameter;
+  ByteBuffer& target = transposed ? transposed_ : out;
+  if (!compressed_.reserve(record.dz_data_length) || !out.reserve(segment.length) ||
+      !target.reserve(segment.length)) {
+    return fail("bytes of memory", segment.length, 0);
+  }
+  const ByteSpan compressed(compressed_.data(), record.dz_data_length);
+  if (!file_->ReadAt(recordAt + sizeof record, compressed.size(), compressed_.data())) {
+    return fail("compressed bytes", compressed.size(), 0);
+  }
+  if (inflater_ == nullptr) inflater_ = std::make_unique<Inflater>();
+  const WritableBytes inflated(target.data(), segment.length);
+  if (!inflater_->inflate(compressed, inflated)) {
+    file_->report(formatText("compressed data block at %" PRIu64 ": its %" PRIu64
+                             " bytes are no deflate stream of %" PRIu64 " bytes",
+                             block, record.dz_data_length, segment.length));
+    return false;
+  }
+  if (transposed) {
+    undoTransposition(inflated, record.dz_zip_parameter, {out.data(), segment.length});
+  }
+  return true;
+}
+
+// Data bytes first, then the invalidation bytes, then both spread into records from the last one to
+// the first.
+std::uint64_t m4DataStream::readMerged(std::uint64_t length, std::uint8_t* buffer,
+                                       std::uint32_t records) {
+  const std::uint64_t marksLength = std::uint64_t{records} * invalBytes_;
+  if (marksLength > length) return 0;
+  std::vector<std::uint8_t> marks(marksLength);
+  const std::uint64_t wanted = length - marksLength;
+  std::uint64_t done = 0;
+  std::uint64_t marksDone = 0;
+  while (done < wanted && at_ < limit_) {
+    const std::size_t index = segmentAt(at_);
+    const std::uint64_t offset = at_ - (*table_)[index].start;
+    const std::uint64_t chunk = std::min(wanted - done, (*table_)[index].length - offset);
+    if (assemble(chunk, buffer + done) != chunk) break;
+    done += chunk;
+    const std::uint64_t chunkMarks =
+        std::min(chunk / dataBytes_ * invalBytes_, marksLength - marksDone);
+    const std::uint64_t got = readMarks(index, offset / dataBytes_ * invalBytes_,
+                                        WritableBytes(marks).subspan(marksDone, chunkMarks));
+    marksDone += got;
+    if (got != chunkMarks) break;
+  }
+  const std::uint64_t recordSize = std::uint64_t{dataBytes_} + invalBytes_;
+  for (std::uint64_t i = std::min<std::uint64_t>(records, done / dataBytes_); i-- > 0;) {
+    std::memmove(buffer + i * recordSize, buffer + i * dataBytes_, dataBytes_);
+    std::copy_n(marks.data() + i * invalBytes_, invalBytes_, buffer + i * recordSize + dataBytes_);
+  }
+  return done + marksDone;
+}
+
+// Invalidation bytes from `offset` on in the block beside a data block; where there is none, all
+// samples are valid and the bytes stay 0.
+std::uint64_t m4DataStream::readMarks(std::size_t index, std::uint64_t offset,
+                                      WritableBytes marks) {
+  const DataSegment& segment = table_->invalidation(index);
+  if (segment.position == 0 || marks.empty()) return marks.size();
+  if (offset > segment.length || marks.size() > segment.length - offset) return 0;
+  if (segment.type != block_type::kDZ) {
+    return file_->ReadAt(segment.position + offset, marks.size(), marks.data()) ? marks.size() : 0;
+  }
+  if (!hasMarks_ || marksSegment_ != index) {
+    hasMarks_ = inflateBlock(segment, inflatedMarks_);
+    marksSegment_ = index;
+    if (!hasMarks_) return 0;
+  }
+  std::copy_n(inflatedMarks_.data() + offset, marks.size(), marks.data());
+  return marks.size();
+}
+
+bool m4DataStream::readValue(std::uint64_t offset, std::vector<std::uint8_t>& value,
+                             std::uint64_t longest) {
+  constexpr std::uint64_t kPrefix = sizeof(std::uint32_t);
+  if (offset > size() || size() - offset < kPrefix) return false;
+  if (at_ != offset || at_ == limit_) Seek(offset);
+  const ByteSpan prefix = next(kPrefix);
+  if (prefix.size() != kPrefix) return false;
+  const std::uint64_t stated = loadNumber<std::uint32_t>(prefix.data());
+  if (stated > size() - offset - kPrefix) return false;
+  const std::uint64_t length = std::min(stated, longest);
+  const ByteSpan bytes = next(length);
+  if (bytes.size() != length) return false;
+  value.assign(bytes.begin(), bytes.end());
+  return true;
+}
+
+}  // namespace tolvex

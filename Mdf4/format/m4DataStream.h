@@ -1,0 +1,149 @@
+// A data group's data blocks as one byte sequence.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "Mdf4/format/Bytes.h"
+#include "Mdf4/format/DataBlocks.h"
+#include "Mdf4/format/Inflater.h"
+#include "Mdf4/format/SegmentTable.h"
+
+namespace tolvex {
+
+// Reads the bytes behind a data link, or writes new ones into data blocks and their lists.
+//
+// Reading: one position, which seeking and reading move. Bytes come from the file in large pieces
+// when they are read in order; of compressed blocks, one at a time is held inflated. Copies read
+// independently and share the segment table. Borrows the file. Not synchronised.
+class m4DataStream {
+ public:
+  // For reading.
+  m4DataStream(DirectFile& file, std::shared_ptr<SegmentTable> table);
+  m4DataStream(DirectFile& file, std::uint64_t dataLink, std::uint64_t expectedSize = 0);
+  m4DataStream(const m4DataStream& other);
+  m4DataStream& operator=(const m4DataStream&) = delete;
+  virtual ~m4DataStream();
+
+  DirectFile& file() const { return *file_; }
+  bool valid() const { return table_ != nullptr && table_->valid(); }
+  std::uint64_t size() const { return table_ == nullptr ? 0 : table_->totalSize(); }
+  std::uint64_t presentSize() const { return table_ == nullptr ? 0 : table_->presentSize(); }
+  std::uint64_t position() const { return at_ - skew_; }
+
+  // For column storage: from now on records of `dataBytes` are delivered with the `invalBytes` of
+  // their invalidation block behind them (zeros where there is none). Lengths given to Read then
+  // count both; Seek still counts data bytes alone.
+  void mergeInvalidation(std::uint32_t dataBytes, std::uint32_t invalBytes);
+  bool merges() const { return invalBytes_ != 0; }
+
+  // Moves to the offset and returns it. An offset that no segment holds, the size included, goes to
+  // the first segment and returns 0, but keeps the offset inside the segment that was current; when
+  // that lies beyond the first segment, reading finds the end of the data.
+  std::uint64_t Seek(std::uint64_t offset);
+  // Copies the next `length` bytes; with merging, `length` is that of `records` whole records.
+  // Returns the bytes delivered: fewer at the end of the data and in front of a damaged block. What
+  // a cut file no longer holds of a block's share is not delivered in part.
+  std::uint64_t Read(std::uint64_t length, std::uint8_t* buffer, std::uint32_t records = 0);
+  // The next `length` bytes, or the next record when merging, without copying where possible; fewer
+  // as for Read. The view lasts until the stream is used again.
+  ByteSpan next(std::uint64_t length) {
+    if (at_ >= windowStart_ && at_ <= windowEnd_ && length <= windowEnd_ - at_ && !merges()) {
+      const std::uint8_t* const bytes = window_ + (at_ - windowStart_);
+      at_ += length;
+      return {bytes, length};
+    }
+    return nextSlowly(length);
+  }
+  // Reads the value at `offset`, a 32-bit length and that many bytes, or its first `longest` bytes.
+  // False, with `value` unchanged, when it does not lie inside the data.
+  bool readValue(std::uint64_t offset, std::vector<std::uint8_t>& value,
+                 std::uint64_t longest = ~std::uint32_t{0});
+
+  // For writing: data blocks of the capacity that `data` has, listed by a DL or an LD (`list` given
+  // anew, one of the two), with `invalidation` blocks beside them for an LD. Places the first list;
+  // data blocks are placed when a byte needs them.
+  struct Blocks {
+    std::unique_ptr<M4DataBlock> data;
+    std::unique_ptr<M4DataBlock> invalidation;
+    std::unique_ptr<M4DLBlock> dataList;
+    std::unique_ptr<M4LDBlock> columnList;
+  };
+  m4DataStream(DirectFile& file, Blocks blocks);
+
+  // The position of the first list, for the data link.
+  std::uint64_t firstList() const { return firstList_; }
+  // An 8-byte position that finish writes at `position`.
+  void addPendingLink(std::uint64_t position, std::uint64_t value);
+  // Appends bytes, and invalidation bytes in the same proportion to the blocks' capacities. False
+  // when a write fails or there is no list to name another block.
+  virtual bool write(const std::uint8_t* data, std::uint64_t length,
+                     const std::uint8_t* invalidation, std::uint64_t invalidationLength);
+  // Appends bytes of no particular value.
+  virtual bool skip(std::uint64_t length);
+  // Writes the open list, the pending links and the open data blocks. `full`: the file then covers
+  // the whole room reserved for a block, while its header states the bytes that are filled.
+  virtual bool finish(bool full);
+  // Finishes what is pending and releases all buffers and blocks.
+  virtual bool close();
+
+ private:
+  struct Pending {
+    std::uint64_t position;
+    std::uint64_t value;
+  };
+
+  void seekInside(std::uint64_t offset);
+  std::uint64_t offsetInSegment() const;
+  std::size_t segmentAt(std::uint64_t offset);
+  ByteSpan nextSlowly(std::uint64_t length);
+  void refill(std::uint64_t wanted);
+  void setWindow(const std::uint8_t* bytes, std::uint64_t start, std::uint64_t length);
+  std::uint64_t assemble(std::uint64_t length, std::uint8_t* buffer);
+  std::uint64_t readPlain(std::uint64_t offset, std::uint64_t length, std::uint8_t* buffer);
+  std::uint64_t wholeShares(std::uint64_t offset, std::uint64_t got, std::uint64_t wanted);
+  bool inflate(std::size_t index);
+  bool inflateBlock(const DataSegment& segment, ByteBuffer& out);
+  std::uint64_t readMerged(std::uint64_t length, std::uint8_t* buffer, std::uint32_t records);
+  std::uint64_t readMarks(std::size_t index, std::uint64_t offset, WritableBytes marks);
+
+  bool nextBlock();
+  bool openBlocks();
+
+  DirectFile* file_;
+
+  // Reading.
+  std::shared_ptr<SegmentTable> table_;
+  std::uint64_t at_ = 0;     // offset of the next byte
+  std::uint64_t skew_ = 0;   // at_ less the position that a rewinding seek claims
+  std::uint64_t limit_ = 0;  // reading in order ends here
+  std::uint64_t stale_ = 0;  // offset in the segment that a seek left behind, beyond the first one
+  std::size_t segment_ = 0;  // the last one looked at
+  const std::uint8_t* window_ = nullptr;  // bytes windowStart_ .. windowEnd_ of the sequence
+  std::uint64_t windowStart_ = 0;
+  std::uint64_t windowEnd_ = 0;
+  std::uint64_t readAhead_ = 0;
+  ByteBuffer buffer_;
+  ByteBuffer scratch_;
+  std::unique_ptr<Inflater> inflater_;
+  ByteBuffer compressed_;
+  ByteBuffer transposed_;
+  ByteBuffer inflated_;
+  std::size_t inflatedSegment_ = 0;
+  bool hasInflated_ = false;
+  ByteBuffer inflatedMarks_;
+  std::size_t marksSegment_ = 0;
+  bool hasMarks_ = false;
+  std::uint32_t dataBytes_ = 0;
+  std::uint32_t invalBytes_ = 0;
+
+  // Writing.
+  Blocks blocks_;
+  std::vector<Pending> pendingLinks_;
+  std::uint64_t firstList_ = 0;
+  bool pending_ = false;  // something is not in the file yet
+  bool open_ = false;     // the data blocks have a place
+};
+
+}  // namespace tolvex

@@ -1,0 +1,160 @@
+#include "Mdf4/reader/ChannelDescription.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <utility>
+
+#include "Mdf4/format/BlockLoader.h"
+#include "Mdf4/format/Diagnostics.h"
+
+namespace tolvex {
+namespace {
+
+// The texts of one conversion, repeated ones included, may hold as many bytes as the file and this.
+constexpr std::uint64_t kAlwaysText = 1 << 20;
+
+// What stands between the first <TX> and the first </TX>.
+std::string_view textOfXml(std::string_view xml) {
+  constexpr std::string_view kOpen = "<TX>";
+  constexpr std::string_view kClose = "</TX>";
+  const std::size_t open = xml.find(kOpen);
+  const std::size_t close = xml.find(kClose);
+  if (open == std::string_view::npos || close == std::string_view::npos) return {};
+  const std::size_t start = open + kOpen.size();
+  return close < start ? std::string_view{} : xml.substr(start, close - start);
+}
+
+std::string_view textOf(const m4Block* block) {
+  if (block == nullptr) return {};
+  switch (block->typeCode()) {
+    case block_type::kTX:
+      return static_cast<const M4TXBlock&>(*block).text();
+    case block_type::kMD:
+      return textOfXml(static_cast<const M4MDBlock&>(*block).text());
+    default:
+      return {};
+  }
+}
+
+const std::string& valueOf(const SharedText& text) {
+  static const std::string kNone;
+  return text == nullptr ? kNone : *text;
+}
+
+}  // namespace
+
+SharedText ChannelTextLoader::text(std::uint64_t position) {
+  if (position == 0) return nullptr;
+  const auto [entry, isNew] = texts_.try_emplace(position);
+  if (isNew) {
+    const std::unique_ptr<m4Block> block = loadBlock(file_, position);
+    const std::string_view text = textOf(block.get());
+    if (!text.empty()) entry->second = std::make_shared<const std::string>(text);
+  }
+  return entry->second;
+}
+
+std::unique_ptr<M4CCBlock> loadConversionNumbers(DirectFile& file, std::uint64_t position,
+                                                 Conversion& conversion) {
+  auto block = loadBlockAs<M4CCBlock>(file, position);
+  if (block == nullptr) return nullptr;
+  conversion.record = *block;
+  const std::size_t values = std::min<std::size_t>(block->cc_val_count, block->extra().size());
+  const auto stored = block->extra().first(values);
+  conversion.values.assign(stored.begin(), stored.end());
+  const std::size_t links = std::max<std::size_t>(block->linkCount(), link::cc_ref) - link::cc_ref;
+  if (values < block->cc_val_count || links < block->cc_ref_count) {
+    file.report(formatText("conversion at %" PRIu64
+                           ": it states %u values and %u references, and has room for %zu and %zu",
+                           position, unsigned{block->cc_val_count}, unsigned{block->cc_ref_count},
+                           values, links));
+  }
+  return block;
+}
+
+std::shared_ptr<const Conversion> ChannelTextLoader::conversion(std::uint64_t position) {
+  if (position == 0) return nullptr;
+  const auto [entry, isNew] = conversions_.try_emplace(position);
+  if (!isNew) return entry->second;
+  auto conversion = std::make_shared<Conversion>();
+  const auto block = loadConversionNumbers(file_, position, *conversion);
+  if (block == nullptr) return nullptr;
+  std::uint64_t room = file_.end() + kAlwaysText;
+  for (std::size_t i = link::cc_ref;
+       i < block->linkCount() && conversion->texts.size() < block->cc_ref_count; ++i) {
+    SharedText entryText = text(block->link(i));
+    const std::uint64_t size = valueOf(entryText).size();
+    if (size > room) {
+      file_.report(
+          formatText("conversion at %" PRIu64 ": its texts are larger than the file", position));
+      break;
+    }
+    room -= size;
+    conversion->texts.push_back(std::move(entryText));
+  }
+  conversion->name = text(block->link(link::cc_tx_name));
+  conversion->unit = text(block->link(link::cc_md_unit));
+  conversion->comment = text(block->link(link::cc_md_comment));
+  entry->second = std::move(conversion);
+  return entry->second;
+}
+
+ChannelTexts ChannelTextLoader::load(const M4CNBlock& channel) {
+  ChannelTexts texts;
+  texts.name = text(channel.link(link::cn_tx_name));
+  texts.unit = text(channel.link(link::cn_md_unit));
+  texts.comment = text(channel.link(link::cn_md_comment));
+  texts.conversion = conversion(channel.link(link::cn_cc_conversion));
+  return texts;
+}
+
+MdfSigCCInfo describeChannel(const M4CNBlock& channel, const ChannelTexts& texts) {
+  MdfSigCCInfo info;
+  info.name = valueOf(texts.name);
+  info.unit = valueOf(texts.unit);
+  info.comment = valueOf(texts.comment);
+  info.dataType = channel.cn_data_type;
+  info.bitOffset = channel.cn_bit_offset;
+  info.bitCount = static_cast<std::uint8_t>(channel.cn_bit_count);
+  info.byteOffset = channel.cn_byte_offset;
+  info.flags = channel.cn_flags;
+  info.invalidBitPos = channel.cn_inval_bit_pos;
+  info.syncType = channel.cn_sync_type;
+  info.channelType = channel.cn_type;
+  info.attachmentCount = channel.cn_attachment_count;
+  info.cnPrecision = channel.cn_precision;
+  info.cnPrecisionValid = (channel.cn_flags & kCnFlagPrecision) != 0;
+  info.valueRangeMin = channel.cn_val_range_min;
+  info.valueRangeMax = channel.cn_val_range_max;
+  info.valueRangeValid = (channel.cn_flags & kCnFlagValueRange) != 0;
+  info.limitMin = channel.cn_limit_min;
+  info.limitMax = channel.cn_limit_max;
+  info.limitValid = (channel.cn_flags & kCnFlagLimit) != 0;
+  info.limitExtMin = channel.cn_limit_ext_min;
+  info.limitExtMax = channel.cn_limit_ext_max;
+  info.limitExtValid = (channel.cn_flags & kCnFlagLimitExt) != 0;
+  if (texts.conversion != nullptr) {
+    const Conversion& conversion = *texts.conversion;
+    info.conversionType = conversion.record.cc_type;
+    info.ccFlags = conversion.record.cc_flags;
+    info.ccPrecision = conversion.record.cc_precision;
+    info.ccPrecisionValid = (conversion.record.cc_flags & kCcFlagPrecision) != 0;
+    info.physRangeMin = conversion.record.cc_phy_range_min;
+    info.physRangeMax = conversion.record.cc_phy_range_max;
+    info.physRangeValid = (conversion.record.cc_flags & kCcFlagPhysRange) != 0;
+    info.valueCount = conversion.record.cc_val_count;
+    info.values = conversion.values;
+    info.textCount = conversion.record.cc_ref_count;
+    for (const SharedText& text : conversion.texts) info.texts.push_back(valueOf(text));
+    if (info.unit.empty()) info.unit = valueOf(conversion.unit);
+    if (conversion.name != nullptr && !info.name.empty()) {
+      info.name += " [" + *conversion.name + "]";
+    }
+    if (info.comment.empty()) info.comment = valueOf(conversion.comment);
+  }
+  info.calculateDisplayPrecision();
+  info.initDataTypeInfo();
+  return info;
+}
+
+}  // namespace tolvex

@@ -1,0 +1,338 @@
+#include <strings.h>
+
+#include <algorithm>
+#include <cinttypes>
+#include <optional>
+#include <string_view>
+#include <unordered_set>
+#include <utility>
+
+#include "Mdf4/format/BlockLoader.h"
+#include "Mdf4/format/Diagnostics.h"
+#include "Mdf4/format/System.h"
+#include "Mdf4/reader/ReaderState.h"
+
+namespace tolvex {
+namespace {
+
+constexpr std::int64_t kNsPerMinute = 60'000'000'000;
+constexpr std::uint8_t kLocalTime = 0x01;
+constexpr std::uint8_t kOffsetsValid = 0x02;
+
+// The sum, or `time` unchanged when it would leave the range.
+std::uint64_t addGuarded(std::uint64_t time, std::int64_t amount) {
+  const std::uint64_t size =
+      amount < 0 ? 0 - static_cast<std::uint64_t>(amount) : static_cast<std::uint64_t>(amount);
+  if (amount < 0) return size > time ? time : time - size;
+  return size > ~std::uint64_t{0} - time ? time : time + size;
+}
+
+std::uint64_t utcStartTime(const m4HDRecord& header) {
+  const std::int64_t localOffsetMinutes = -std::int64_t{timeZoneSeconds()} / 60;
+  std::uint64_t time = header.hd_start_time_ns;
+  if ((header.hd_time_flags & kLocalTime) != 0) {
+    time = addGuarded(time, localOffsetMinutes * -kNsPerMinute);
+  } else if ((header.hd_time_flags & kOffsetsValid) != 0) {
+    const std::int64_t stated = header.hd_tz_offset_min + header.hd_dst_offset_min;
+    time = addGuarded(time, stated * kNsPerMinute);
+    time = addGuarded(time, localOffsetMinutes * -kNsPerMinute);
+  }
+  return time;
+}
+
+// A padded text of the identification block.
+template <std::size_t Size>
+std::string trimmed(const char (&text)[Size]) {
+  std::string_view view(text, Size);
+  view = view.substr(0, view.find('\0'));
+  return std::string(view.substr(0, view.find_last_not_of(' ') + 1));
+}
+
+bool isBusLogName(const std::string& name) {
+  for (const char* const known : {"CAN_DataFrame", "CAN_ErrorFrame", "CAN_FdErrorFrame"}) {
+    if (strcasecmp(name.c_str(), known) == 0) return true;
+  }
+  return false;
+}
+
+bool isCanChannel(DirectFile& file, const M4CNBlock& channel) {
+  const auto source = loadBlockAs<M4SIBlock>(file, channel.link(link::cn_si_source));
+  if (source != nullptr && source->si_type == kSiTypeBus && source->si_bus_type == kSiBusCan) {
+    return true;
+  }
+  return isBusLogName(loadText(file, channel.link(link::cn_tx_name)));
+}
+
+}  // namespace
+
+ReaderState::~ReaderState() {
+  file.Close();
+}
+
+const M4DGBlock* ReaderState::findGroup(int dg) const {
+  const auto found = dgBlocks.find(dg);
+  return found == dgBlocks.end() ? nullptr : static_cast<const M4DGBlock*>(found->second);
+}
+
+const M4CGBlock* ReaderState::findGroup(int dg, int cg) const {
+  const auto groups = cgBlocks.find(dg);
+  if (groups == cgBlocks.end()) return nullptr;
+  const auto found = groups->second.find(cg);
+  return found == groups->second.end() ? nullptr : static_cast<const M4CGBlock*>(found->second);
+}
+
+const MdfCNInfo* ReaderState::findTimeChannel(int dg, int cg) const {
+  for (const MdfCNInfo& channel : timeChannels) {
+    if (channel.dgIndex == dg && (cg < 0 || channel.cgIndex == cg)) return &channel;
+  }
+  return nullptr;
+}
+
+bool ReaderState::describe(int dg, int cg, MdfGroupInfo& group) const {
+  const M4DGBlock* const data = findGroup(dg);
+  const M4CGBlock* const block = findGroup(dg, cg);
+  if (data == nullptr || block == nullptr) return false;
+  group.dgIndex = dg;
+  group.cgIndex = cg;
+  group.recordCount = block->cg_cycle_count;
+  group.recordSize = recordSizeOf(*block);
+  group.dataBytes = block->cg_data_bytes;
+  group.invalBytes = block->cg_inval_bytes;
+  group.recordIdSize = data->dg_rec_id_size;
+  group.flags = block->cg_flags;
+  const auto& groups = cgBlocks.at(dg);
+  const auto exists = [](const auto& entry) { return entry.second != nullptr; };
+  group.unsorted =
+      data->dg_rec_id_size != 0 || std::count_if(groups.begin(), groups.end(), exists) > 1;
+  return true;
+}
+
+m4DataStream ReaderState::openStream(std::uint64_t dataLink) {
+  std::shared_ptr<SegmentTable>& table = tables[dataLink];
+  if (table == nullptr) table = std::make_shared<SegmentTable>(file, dataLink, 0);
+  return {file, table};
+}
+
+std::unique_ptr<m4DataStream> ReaderState::openRecords(int dg, int cg) {
+  const M4DGBlock* const data = findGroup(dg);
+  const M4CGBlock* const group = findGroup(dg, cg);
+  if (data == nullptr || group == nullptr) return nullptr;
+  const std::uint64_t dataLink = data->link(link::dg_data);
+  if (dataLink == 0) return nullptr;
+  auto stream = std::make_unique<m4DataStream>(openStream(dataLink));
+  if (!stream->valid()) return nullptr;
+  if (tables[dataLink]->columnStorage() && group->cg_inval_bytes != 0) {
+    const std::uint32_t recordSize = recordSizeOf(*group);
+    if (recordSize == 0 || recordSize > kLargestRecord) return nullptr;
+    stream->mergeInvalidation(group->cg_data_bytes, group->cg_inval_bytes);
+  }
+  return stream;
+}
+
+std::uint32_t recordSizeOf(const M4CGBlock& group) {
+  if ((group.cg_flags & kCgFlagVlsd) != 0) return group.cg_data_bytes;
+  const std::uint64_t size = std::uint64_t{group.cg_data_bytes} + group.cg_inval_bytes;
+  return size > ~std::uint32_t{0} ? 0 : static_cast<std::uint32_t>(size);
+}
+
+void seekRecord(m4DataStream& records, std::uint32_t recordSize, std::uint32_t invalBytes,
+                std::int64_t index) {
+  const std::uint32_t bytes = records.merges() ? recordSize - invalBytes : recordSize;
+  records.Seek(static_cast<std::uint64_t>(index) * bytes);
+}
+
+// Walks the tree of an opened file into the reader's maps and lists.
+class TreeWalk {
+ public:
+  explicit TreeWalk(ReaderState& state) : state_(state), file_(state.file), visited_(state.file) {}
+
+  void dataGroups() {
+    int dg = 0;
+    for (std::uint64_t at = file_.header()->link(link::hd_dg_first); at != 0; ++dg) {
+      M4DGBlock* const block = load<M4DGBlock>(at);
+      if (block == nullptr) return;
+      state_.dgBlocks[dg] = block;
+      dropSharedData(*block);
+      channelGroups(dg, block->link(link::dg_cg_first));
+      at = block->link(link::dg_dg_next);
+    }
+  }
+
+ private:
+  template <class Block>
+  Block* keep(std::unique_ptr<Block> block) {
+    Block* const kept = block.get();
+    if (kept != nullptr) state_.blocks.push_back(std::move(block));
+    return kept;
+  }
+
+  // The next block of a chain, kept by the reader; null when it is absent, damaged or was visited.
+  template <class Block>
+  Block* load(std::uint64_t position) {
+    if (!visited_.enter(position)) return nullptr;
+    std::unique_ptr<m4Block> block = loadBlock(file_, position);
+    if (block != nullptr && block->typeCode() != Block::kType) {
+      file_.report(
+          formatText("block at %" PRIu64 ": a link of another kind leads to it", position));
+      return nullptr;
+    }
+    return static_cast<Block*>(keep(std::move(block)));
+  }
+
+  // A data section has one data group; without this, links could make one look like thousands.
+  void dropSharedData(M4DGBlock& block) {
+    const std::uint64_t data = block.link(link::dg_data);
+    if (data == 0 || dataLinks_.insert(data).second) return;
+    file_.report(formatText("data group at %" PRIu64 ": its data at %" PRIu64
+                            " belong to another data group",
+                            block.position(), data));
+    block.setLink(link::dg_data, 0);
+  }
+
+  void channelGroups(int dg, std::uint64_t first) {
+    int cg = 0;
+    for (std::uint64_t at = first; at != 0; ++cg) {
+      M4CGBlock* const block = load<M4CGBlock>(at);
+      if (block == nullptr) return;
+      state_.cgBlocks[dg][cg] = block;
+      channels(dg, cg, *block);
+      at = block->link(link::cg_cg_next);
+    }
+  }
+
+  void channels(int dg, int cg, const M4CGBlock& group) {
+    int cn = 0;
+    for (std::uint64_t at = group.link(link::cg_cn_first); at != 0; ++cn) {
+      M4CNBlock* const block = load<M4CNBlock>(at);
+      if (block == nullptr) return;
+      state_.cnBlocks[dg][cg][cn] = block;
+      list({dg, cg, cn, recordSizeOf(group), block, {}});
+      at = block->link(link::cn_cn_next);
+    }
+  }
+
+  void list(MdfCNInfo info) {
+    const M4CNBlock& channel = *info.cnBlock;
+    if (isCanChannel(file_, channel)) {
+      composition(info);
+      state_.canChannels.push_back(std::move(info));
+    } else if (channel.cn_type == channel_type::kFixedLength ||
+               channel.cn_type == channel_type::kVlsd) {
+      state_.valueChannels.push_back(std::move(info));
+    } else if (channel.cn_type == channel_type::kMaster && channel.cn_sync_type == kSyncTime) {
+      state_.timeChannels.push_back(std::move(info));
+    }
+  }
+
+  // What is no channel, such as an array, is passed over: its first link leads on.
+  void composition(MdfCNInfo& info) {
+    std::string trace;
+    std::uint64_t at = info.cnBlock->link(link::cn_composition);
+    while (at != 0 && visited_.enter(at)) {
+      const m4Block* const child = keep(loadBlock(file_, at));
+      if (child == nullptr) break;
+      if (child->typeCode() == M4CNBlock::kType) {
+        const auto text = loadBlockAs<M4TXBlock>(file_, child->link(link::cn_tx_name));
+        const std::string name(text == nullptr ? std::string_view{} : text->text());
+        trace += "Name: " + name;
+        info.children.emplace(name, static_cast<const M4CNBlock*>(child));
+      }
+      at = child->link(link::cn_cn_next);
+    }
+    printDiagnostic("%s\n", trace.c_str());
+  }
+
+  ReaderState& state_;
+  MDF4File& file_;
+  VisitedBlocks visited_;
+  std::unordered_set<std::uint64_t> dataLinks_;
+};
+
+MdfBaseReader::MdfBaseReader(const std::string& path)
+    : filePath_(path), state_(std::make_shared<ReaderState>()) {}
+
+MdfBaseReader::~MdfBaseReader() = default;
+MdfBaseReader::MdfBaseReader(const MdfBaseReader&) = default;
+MdfBaseReader& MdfBaseReader::operator=(const MdfBaseReader&) = default;
+
+bool MdfBaseReader::open() {
+  if (filePath_.empty()) {
+    if (errorCallback_) errorCallback_("File path is empty");
+    return false;
+  }
+  ReaderState& state = *state_;
+  if (!state.file.Open(filePath_, false)) {
+    if (errorCallback_) errorCallback_("Failed to open MDF4 file: " + filePath_);
+    return false;
+  }
+  state.tables.clear();
+  const IdBlock& id = state.file.id();
+  const M4HDBlock& header = *state.file.header();
+  state.info = {state.file.end(), id.id_ver, trimmed(id.id_vers), trimmed(id.id_prog),
+                header.hd_start_time_ns};
+  state.startTime = utcStartTime(header);
+  const LoadBudget budget(state.file);
+  TreeWalk(state).dataGroups();
+  return true;
+}
+
+void MdfBaseReader::close() {
+  state_->file.Close();
+}
+
+void MdfBaseReader::setErrorCallback(std::function<void(const std::string&)> callback) {
+  errorCallback_ = std::move(callback);
+}
+
+int MdfBaseReader::getDGCount() {
+  return static_cast<int>(state_->dgBlocks.size());
+}
+int MdfBaseReader::getCGCount(int dg) {
+  return static_cast<int>(state_->cgBlocks[dg].size());
+}
+int MdfBaseReader::getCNCount(int dg, int cg) {
+  return static_cast<int>(state_->cnBlocks[dg][cg].size());
+}
+
+std::string MdfBaseReader::getCGName(int dg, int cg) {
+  const m4Block* const block = getCGBlock(dg, cg);
+  if (block == nullptr) return {};
+  const std::uint64_t name = block->link(link::cg_tx_acq_name);
+  return loadText(state_->file, name != 0 ? name : block->link(link::cg_md_comment));
+}
+
+std::string MdfBaseReader::getCNName(int dg, int cg, int cn) {
+  const m4Block* const block = getCNBlock(dg, cg, cn);
+  return block == nullptr ? std::string() : loadText(state_->file, block->link(link::cn_tx_name));
+}
+
+std::string MdfBaseReader::getLastError() const {
+  return filePath_.empty() ? "the path is empty" : state_->file.error();
+}
+
+std::vector<std::string> MdfBaseReader::getProblems() const {
+  return state_->file.problems();
+}
+MdfFileInfo MdfBaseReader::getFileInfo() const {
+  return state_->info;
+}
+
+bool MdfBaseReader::getGroupInfo(int dg, int cg, MdfGroupInfo& info) {
+  MdfGroupInfo found;
+  if (!state_->describe(dg, cg, found)) return false;
+  found.name = getCGName(dg, cg);
+  info = std::move(found);
+  return true;
+}
+
+m4Block* MdfBaseReader::getDGBlock(int dg) {
+  return state_->dgBlocks[dg];
+}
+m4Block* MdfBaseReader::getCGBlock(int dg, int cg) {
+  return state_->cgBlocks[dg][cg];
+}
+m4Block* MdfBaseReader::getCNBlock(int dg, int cg, int cn) {
+  return state_->cnBlocks[dg][cg][cn];
+}
+
+}  // namespace tolvex

@@ -1,0 +1,368 @@
+#include <algorithm>
+#include <map>
+#include <mutex>
+#include <new>
+#include <set>
+#include <utility>
+
+#include "Mdf4/reader/ChannelDescription.h"
+#include "Mdf4/reader/ReaderState.h"
+#include "Mdf4/reader/Text.h"
+
+namespace tolvex {
+namespace {
+
+// Records are read in pieces of about this many bytes, so that what a hostile count asks for is
+// only allocated as far as the file really delivers it.
+constexpr std::uint64_t kPiece = 256 * 1024;
+
+struct RecordStream {
+  int dg = -1;
+  int cg = -1;
+  std::uint32_t recordSize = 0;
+  std::uint32_t invalBytes = 0;
+  std::unique_ptr<m4DataStream> stream;
+
+  void seek(std::int64_t index) const { seekRecord(*stream, recordSize, invalBytes, index); }
+  // The next record, or nothing when the data end before it does.
+  ByteSpan next() const {
+    const ByteSpan record = stream->next(recordSize);
+    return record.size() == recordSize ? record : ByteSpan();
+  }
+};
+
+// `count` records from number `start` on, in `out`.
+bool readBlock(const RecordStream& records, int start, std::uint64_t count, std::uint64_t fileSize,
+               std::vector<std::uint8_t>& out) {
+  m4DataStream& stream = *records.stream;
+  const std::uint64_t size = records.recordSize;
+  const std::uint64_t stored = stream.merges() ? size - records.invalBytes : size;
+  if (stored == 0 || count > stream.presentSize() / stored) return false;
+  const std::uint64_t total = count * size;
+  const std::uint64_t recordsPerPiece = std::max<std::uint64_t>(1, kPiece / size);
+  try {
+    out.resize(std::min<std::uint64_t>(out.size(), total));
+    out.reserve(std::min(total, fileSize));
+    records.seek(start);
+    for (std::uint64_t done = 0; done < count;) {
+      const std::uint64_t piece = std::min(recordsPerPiece, count - done);
+      if (out.size() < (done + piece) * size) out.resize((done + piece) * size);
+      if (stream.Read(piece * size, out.data() + done * size, static_cast<std::uint32_t>(piece)) !=
+          piece * size) {
+        return false;
+      }
+      done += piece;
+    }
+    return true;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+}
+
+enum class TimeRead : std::uint8_t { Time, NoTime, NoRecord };
+
+// The time of record `index` in seconds, when it can be read and converted.
+TimeRead readTime(const RecordStream& records, std::int64_t index, const MdfSigCCInfo& info,
+                  double& time) {
+  records.seek(index);
+  const ByteSpan record = records.next();
+  if (record.empty()) return TimeRead::NoRecord;
+  double converted = 0;
+  std::string text;
+  if (!info.convertToPhysical(record.data(), record.size(), converted, text)) {
+    return TimeRead::NoTime;
+  }
+  time = converted;
+  return TimeRead::Time;
+}
+
+std::shared_ptr<MdfSignalRawData> toRawData(ByteSpan record) {
+  if (record.empty()) return nullptr;
+  auto data = std::make_shared<MdfSignalRawData>();
+  data->data.assign(record.begin(), record.end());
+  return data;
+}
+
+}  // namespace
+
+// What a signal reader and its copies share.
+struct SignalStreams {
+  std::mutex mutex;  // guards all below, and the file while records are read
+  std::map<std::pair<int, int>, RecordStream> records;  // by (dg, cg)
+  std::map<const m4Block*, ChannelTexts> texts;         // by channel
+  std::map<const m4Block*, m4DataStream> values;        // of variable-length channels
+
+  // The records of (dg, cg), of the first group of dg when cg is negative; null when there are none
+  // or the file is closed.
+  const RecordStream* find(int dg, int cg) const {
+    const auto found = records.lower_bound({dg, std::max(cg, 0)});
+    if (found == records.end() || found->first.first != dg) return nullptr;
+    if (cg >= 0 && found->first.second != cg) return nullptr;
+    return found->second.stream->file().isOpen() ? &found->second : nullptr;
+  }
+};
+
+MdfSigReader::MdfSigReader(const std::string& path)
+    : MdfBaseReader(path), streams_(std::make_shared<SignalStreams>()) {}
+
+MdfSigReader::~MdfSigReader() = default;
+MdfSigReader::MdfSigReader(const MdfSigReader&) = default;
+MdfSigReader& MdfSigReader::operator=(const MdfSigReader&) = default;
+
+bool MdfSigReader::open() {
+  if (!MdfBaseReader::open()) return false;
+  const std::lock_guard lock(streams_->mutex);
+  const LoadBudget budget(state_->file);
+  for (const MdfCNInfo& channel : state_->valueChannels) {
+    const auto [entry, isNew] = streams_->records.try_emplace({channel.dgIndex, channel.cgIndex});
+    if (!isNew) continue;
+    const M4CGBlock* const group = state_->findGroup(channel.dgIndex, channel.cgIndex);
+    auto stream = state_->openRecords(channel.dgIndex, channel.cgIndex);
+    if (stream == nullptr || group == nullptr) {
+      streams_->records.erase(entry);
+      continue;
+    }
+    entry->second = {channel.dgIndex, channel.cgIndex, channel.recordSize, group->cg_inval_bytes,
+                     std::move(stream)};
+  }
+  streams_->texts.clear();
+  ChannelTextLoader loader(state_->file);
+  for (const auto& [dg, groups] : state_->cnBlocks) {
+    for (const auto& [cg, channels] : groups) {
+      for (const auto& [cn, block] : channels) {
+        if (block == nullptr) continue;
+        streams_->texts.emplace(block, loader.load(static_cast<const M4CNBlock&>(*block)));
+      }
+    }
+  }
+  return true;
+}
+
+std::uint64_t MdfSigReader::getStartTime() {
+  return state_->startTime;
+}
+std::uint64_t MdfSigReader::getStopTime() {
+  return 0;
+}
+
+bool MdfSigReader::isValidSig(int dg, int cg, int cn) {
+  return getCNBlock(dg, cg, cn) != nullptr;
+}
+
+bool MdfSigReader::isDataType(int dg, int cg, int cn) {
+  const auto* const channel = static_cast<const M4CNBlock*>(getCNBlock(dg, cg, cn));
+  return channel != nullptr && channel->cn_type == channel_type::kFixedLength;
+}
+
+MdfSigAttr MdfSigReader::getSigAttr(int dg, int cg, int cn) {
+  const auto* const channel = static_cast<const M4CNBlock*>(getCNBlock(dg, cg, cn));
+  if (channel == nullptr) return {};
+  MdfSigAttr attributes;
+  attributes.name = getCNName(dg, cg, cn);
+  attributes.dgIndex = dg;
+  attributes.cgIndex = cg;
+  attributes.cnIndex = cn;
+  attributes.byteOffset = channel->cn_byte_offset;
+  attributes.bitCount = channel->cn_bit_count;
+  attributes.bitOffset = channel->cn_bit_offset;
+  return attributes;
+}
+
+bool MdfSigReader::getCCInfo(int dg, int cg, int cn, MdfSigCCInfo& out) {
+  const m4Block* const channel = getCNBlock(dg, cg, cn);
+  const auto texts = streams_->texts.find(channel);
+  if (channel == nullptr || texts == streams_->texts.end()) return false;
+  out = describeChannel(static_cast<const M4CNBlock&>(*channel), texts->second);
+  return true;
+}
+
+bool MdfSigReader::getTimeCCInfo(int dg, int cg, MdfSigCCInfo& out) {
+  const MdfCNInfo* const channel = state_->findTimeChannel(dg, cg);
+  if (channel == nullptr) return false;
+  const auto texts = streams_->texts.find(channel->cnBlock);
+  if (texts == streams_->texts.end()) return false;
+  out = describeChannel(*channel->cnBlock, texts->second);
+  return true;
+}
+
+int MdfSigReader::getRecordCount(int dg, int cg) {
+  const auto* const group = static_cast<const M4CGBlock*>(getCGBlock(dg, cg));
+  return group == nullptr ? 0 : static_cast<int>(static_cast<std::uint32_t>(group->cg_cycle_count));
+}
+
+std::vector<int> MdfSigReader::getDataGroupSigsIndex() {
+  const std::lock_guard lock(streams_->mutex);
+  std::set<int> groups;
+  for (const auto& entry : streams_->records) groups.insert(entry.first.first);
+  return {groups.begin(), groups.end()};
+}
+
+std::vector<MdfSigAttr> MdfSigReader::getDataGroupSigs(int /*dg*/) {
+  return {};
+}
+
+std::vector<std::shared_ptr<MdfSignalRawData>> MdfSigReader::readSignalDatas(int /*dg*/,
+                                                                             unsigned /*count*/) {
+  return {};
+}
+
+std::shared_ptr<MdfSignalRawData> MdfSigReader::readSignalData(int dg) {
+  return readSignalData(dg, -1);
+}
+
+std::shared_ptr<MdfSignalRawData> MdfSigReader::readSignalData(int dg, int cg) {
+  const std::lock_guard lock(streams_->mutex);
+  const RecordStream* const records = streams_->find(dg, cg);
+  if (records == nullptr) return nullptr;
+  const ByteSpan record = records->next();
+  if (state_->findTimeChannel(dg, cg) == nullptr) return nullptr;
+  return toRawData(record);
+}
+
+std::shared_ptr<MdfSignalRawData> MdfSigReader::readSignalDataByIndex(int dg, int index) {
+  return readSignalDataByIndex(dg, -1, index);
+}
+
+std::shared_ptr<MdfSignalRawData> MdfSigReader::readSignalDataByIndex(int dg, int cg, int index) {
+  const std::lock_guard lock(streams_->mutex);
+  const RecordStream* const records = streams_->find(dg, cg);
+  if (records == nullptr) return nullptr;
+  if (records->stream->merges()) {
+    records->seek(index);
+  } else {
+    const std::uint32_t product = static_cast<std::uint32_t>(index) * records->recordSize;
+    records->stream->Seek(static_cast<std::uint64_t>(static_cast<std::int32_t>(product)));
+  }
+  return toRawData(records->next());
+}
+
+bool MdfSigReader::readSignalDataBlock(int dg, int start, int count, std::vector<std::uint8_t>& out,
+                                       int& recordSize) {
+  return readSignalDataBlock(dg, -1, start, count, out, recordSize);
+}
+
+bool MdfSigReader::readSignalDataBlock(int dg, int cg, int start, int count,
+                                       std::vector<std::uint8_t>& out, int& recordSize) {
+  const std::lock_guard lock(streams_->mutex);
+  const RecordStream* const records = streams_->find(dg, cg);
+  const bool asked = records != nullptr && start >= 0 && count >= 1;
+  recordSize = asked ? static_cast<int>(records->recordSize) : 0;
+  if (asked &&
+      readBlock(*records, start, static_cast<std::uint64_t>(count), state_->file.end(), out)) {
+    return true;
+  }
+  out.clear();
+  return false;
+}
+
+std::pair<double, double> MdfSigReader::readSignalTimeRange(int dg, int cg) {
+  const std::lock_guard lock(streams_->mutex);
+  std::pair<double, double> range = {0, 0};
+  const RecordStream* const records = streams_->find(dg, cg);
+  MdfSigCCInfo time;
+  if (records == nullptr || !getTimeCCInfo(dg, cg, time)) return range;
+  const M4CGBlock* const group = state_->findGroup(records->dg, records->cg);
+  const int count = static_cast<int>(static_cast<std::uint32_t>(group->cg_cycle_count));
+  if (readTime(*records, 0, time, range.first) == TimeRead::NoRecord) return range;
+  readTime(*records, std::int64_t{count} - 1, time, range.second);
+  return range;
+}
+
+int MdfSigReader::findRecordIndexByTime(int dg, int cg, double time) {
+  const std::lock_guard lock(streams_->mutex);
+  const RecordStream* const records = streams_->find(dg, cg);
+  MdfSigCCInfo timeInfo;
+  if (records == nullptr || !getTimeCCInfo(dg, cg, timeInfo)) return -1;
+  const M4CGBlock* const group = state_->findGroup(records->dg, records->cg);
+  const int count = static_cast<int>(static_cast<std::uint32_t>(group->cg_cycle_count));
+  if (count < 1) return -1;
+
+  double found = 0;
+  switch (readTime(*records, 0, timeInfo, found)) {
+    case TimeRead::Time:
+      if (found >= time) return 0;
+      break;
+    case TimeRead::NoTime:
+      break;
+    case TimeRead::NoRecord:
+      return -1;
+  }
+  switch (readTime(*records, count - 1, timeInfo, found)) {
+    case TimeRead::Time:
+      if (time > found) return -1;
+      break;
+    case TimeRead::NoTime:
+      break;
+    case TimeRead::NoRecord:
+      return -1;
+  }
+  int low = 0;
+  int high = count - 1;
+  int result = -1;
+  while (low <= high) {
+    const int middle = low + (high - low) / 2;
+    if (readTime(*records, middle, timeInfo, found) != TimeRead::Time) return result;
+    if (found >= time) {
+      result = middle;
+      high = middle - 1;
+    } else {
+      low = middle + 1;
+    }
+  }
+  return result;
+}
+
+void MdfSigReader::resetDataStream(int dg) {
+  resetDataStream(dg, -1);
+}
+
+void MdfSigReader::resetDataStream(int dg, int cg) {
+  const std::lock_guard lock(streams_->mutex);
+  if (const RecordStream* const records = streams_->find(dg, cg)) records->stream->Seek(0);
+}
+
+bool MdfSigReader::readValueBytes(int dg, int cg, int cn, const std::uint8_t* record,
+                                  std::size_t size, std::vector<std::uint8_t>& out) {
+  const auto* const channel = static_cast<const M4CNBlock*>(getCNBlock(dg, cg, cn));
+  if (channel == nullptr) return false;
+  const std::uint64_t start = channel->cn_byte_offset;
+  const std::uint64_t length = (std::uint64_t{channel->cn_bit_count} + 7) / 8;
+  if (start > size || length > size - start) return false;
+  if (channel->cn_type != channel_type::kVlsd) {
+    out.assign(record + start, record + start + length);
+    return true;
+  }
+  std::uint64_t offset = 0;
+  if (length > sizeof offset) return false;
+  std::copy_n(record + start, length, reinterpret_cast<std::uint8_t*>(&offset));
+  const std::lock_guard lock(streams_->mutex);
+  auto values = streams_->values.find(channel);
+  if (values == streams_->values.end()) {
+    const LoadBudget budget(state_->file);
+    values =
+        streams_->values.emplace(channel, state_->openStream(channel->link(link::cn_data))).first;
+  }
+  return values->second.readValue(offset, out);
+}
+
+bool MdfSigReader::readText(int dg, int cg, int cn, const std::uint8_t* record, std::size_t size,
+                            std::string& text) {
+  const auto* const channel = static_cast<const M4CNBlock*>(getCNBlock(dg, cg, cn));
+  std::vector<std::uint8_t> bytes;
+  return channel != nullptr && isTextType(channel->cn_data_type) &&
+         readValueBytes(dg, cg, cn, record, size, bytes) &&
+         decodeText(channel->cn_data_type, bytes, text);
+}
+
+bool MdfSigReader::isInvalidSample(int dg, int cg, int cn, const std::uint8_t* record,
+                                   std::size_t size) {
+  const auto* const channel = static_cast<const M4CNBlock*>(getCNBlock(dg, cg, cn));
+  const M4CGBlock* const group = state_->findGroup(dg, cg);
+  if (channel == nullptr || group == nullptr) return false;
+  if ((channel->cn_flags & kCnFlagAllInvalid) != 0) return true;
+  if ((channel->cn_flags & kCnFlagInvalidBit) == 0) return false;
+  const std::uint64_t byte = std::uint64_t{group->cg_data_bytes} + channel->cn_inval_bit_pos / 8;
+  return byte < size && (record[byte] >> channel->cn_inval_bit_pos % 8 & 1) != 0;
+}
+
+}  // namespace tolvex

@@ -1,0 +1,71 @@
+// What the readers share behind their interface: the opened file and its tree.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "Mdf4/format/MDF4File.h"
+#include "Mdf4/format/SegmentTable.h"
+#include "Mdf4/format/m4Block.h"
+#include "Mdf4/format/m4DataStream.h"
+#include "tolvex/Mdf4.h"
+
+namespace tolvex {
+
+// One listed channel.
+struct MdfCNInfo {
+  std::int32_t dgIndex = -1;
+  std::int32_t cgIndex = -1;
+  std::int32_t cnIndex = -1;
+  std::uint32_t recordSize = 0;        // bytes per record of the channel group; 0: no sensible size
+  const M4CNBlock* cnBlock = nullptr;  // borrowed from the reader
+  // CAN channels only: the channels that it is composed of, by name; borrowed likewise.
+  std::map<std::string, const M4CNBlock*> children;
+};
+
+struct ReaderState {
+  ~ReaderState();
+
+  MDF4File file;
+  MdfFileInfo info;
+  std::uint64_t startTime = 0;  // ns, in UTC
+  // By index. A look-up of what does not exist leaves an empty entry.
+  std::map<int, m4Block*> dgBlocks;
+  std::map<int, std::map<int, m4Block*>> cgBlocks;
+  std::map<int, std::map<int, std::map<int, m4Block*>>> cnBlocks;
+  std::vector<MdfCNInfo> valueChannels;
+  std::vector<MdfCNInfo> canChannels;
+  std::vector<MdfCNInfo> timeChannels;
+  std::vector<std::unique_ptr<m4Block>> blocks;                             // all of the above
+  std::unordered_map<std::uint64_t, std::shared_ptr<SegmentTable>> tables;  // by data link
+
+  // The data group's or channel group's block without leaving an entry; null when there is none.
+  const M4DGBlock* findGroup(int dg) const;
+  const M4CGBlock* findGroup(int dg, int cg) const;
+  const MdfCNInfo* findTimeChannel(int dg, int cg) const;
+
+  bool describe(int dg, int cg, MdfGroupInfo& group) const;
+
+  // A stream over the data behind the link; all streams over one link share its table.
+  m4DataStream openStream(std::uint64_t dataLink);
+  // A stream over the records of a channel group of data group `dg`, or null when the group has no
+  // data or they are damaged. In column storage records come with their invalidation bytes.
+  std::unique_ptr<m4DataStream> openRecords(int dg, int cg);
+};
+
+// Bytes per record: data and invalidation bytes, the data bytes alone in a group of variable-length
+// signal data. 0 when they do not fit into 32 bits.
+std::uint32_t recordSizeOf(const M4CGBlock& group);
+
+// Records above this size are taken for damage where they would have to be put together.
+inline constexpr std::uint32_t kLargestRecord = 0x100000;
+
+// Goes to the record with that number.
+void seekRecord(m4DataStream& records, std::uint32_t recordSize, std::uint32_t invalBytes,
+                std::int64_t index);
+
+}  // namespace tolvex

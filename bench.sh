@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# Measures: builds the benches and runs them all, one table. Arguments go to the benches, for
+# example ./bench.sh --benchmark_filter=getNext
+set -euo pipefail
+cd "$(dirname "$0")"
+
+{
+  scripts/install-dependencies.sh build bench
+  cmake --preset bench
+  cmake --build --preset bench
+} >&2
+exec build/bench/bin/tolvex_bench "$@"

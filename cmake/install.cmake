@@ -1,0 +1,26 @@
+# What `cmake --install` lays down: headers, library, CMake package, pkg-config file, documents.
+include(CMakePackageConfigHelpers)
+
+set(TOLVEX_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/tolvex)
+set(TOLVEX_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+install(TARGETS tolvex EXPORT tolvex-targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/tolvex DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN *.h)
+
+install(EXPORT tolvex-targets NAMESPACE tolvex:: DESTINATION ${TOLVEX_CMAKE_DIR})
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/tolvex-config.cmake.in
+  ${PROJECT_BINARY_DIR}/tolvex-config.cmake INSTALL_DESTINATION ${TOLVEX_CMAKE_DIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/tolvex-config-version.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/tolvex-config.cmake
+  ${PROJECT_BINARY_DIR}/tolvex-config-version.cmake DESTINATION ${TOLVEX_CMAKE_DIR})
+
+# Prefix and library folder are stated relative to the file itself, so an installed tree can move.
+file(RELATIVE_PATH TOLVEX_PC_TO_PREFIX
+  ${CMAKE_INSTALL_PREFIX}/${TOLVEX_PKGCONFIG_DIR} ${CMAKE_INSTALL_PREFIX})
+configure_file(${PROJECT_SOURCE_DIR}/cmake/tolvex.pc.in ${PROJECT_BINARY_DIR}/tolvex.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/tolvex.pc DESTINATION ${TOLVEX_PKGCONFIG_DIR})
+
+install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/LICENSE
+  DESTINATION ${CMAKE_INSTALL_DOCDIR})

@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# install-dependencies.sh GROUP...: installs the Debian packages that are missing for
+#   build  configuring, building and testing with GCC
+#   bench  the benches
+#   check  clang builds, sanitizers, fuzz targets, clang-format, clang-tidy
+set -euo pipefail
+
+packages=()
+for group in "$@"; do
+  case $group in
+    build)
+      packages+=(cmake ninja-build g++ pkg-config zlib1g-dev libgtest-dev libcli11-dev
+        nlohmann-json3-dev libfmt-dev)
+      ;;
+    bench) packages+=(libbenchmark-dev) ;;
+    check) packages+=(clang libclang-rt-dev llvm clang-format clang-tidy) ;;
+    *)
+      echo "install-dependencies.sh: unknown group '$group'" >&2
+      exit 2
+      ;;
+  esac
+done
+
+missing=()
+for package in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' ||
+    missing+=("$package")
+done
+[ ${#missing[@]} -gt 0 ] || exit 0
+
+as_root=()
+[ "$(id -u)" -eq 0 ] || as_root=(sudo)
+echo "Installing ${missing[*]}"
+"${as_root[@]}" apt-get update -q
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+  apt-get install -y -q --no-install-recommends "${missing[@]}"

@@ -1,0 +1,333 @@
+// Bus-log records as frames, and the names and places of their fields.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <string>
+
+#include "Mdf4/can/CanRecordDecoder.h"
+
+namespace tolvex {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+using Layout = std::vector<CanFieldSlot>;
+
+constexpr auto kData = CanFrameKind::Data;
+constexpr auto kRemote = CanFrameKind::Remote;
+constexpr auto kError = CanFrameKind::Error;
+
+// The slots of a layout as a reader finds them: in the order of the names.
+Layout slotsOf(const BusLogLayout& written, std::uint32_t maxDataLength) {
+  std::map<std::string, CanFieldSlot> byName;
+  for (const BusLogChannel& channel : written.channels) {
+    const std::string name = written.channelName(channel);
+    const auto found = classifyFieldName(name);
+    if (!found) continue;
+    byName[name] = {.kind = found->kind,
+                    .field = found->field,
+                    .byteOffset = channel.byteOffset,
+                    .bitOffset = channel.bitOffset,
+                    .bitCount = written.bitCount(channel, maxDataLength)};
+  }
+  Layout slots;
+  for (const auto& [name, slot] : byName) slots.push_back(slot);
+  return slots;
+}
+
+// Stores at every offset a value of that many bytes (to 79), but nothing at multiples of four.
+struct StoredPayloads : PayloadSource {
+  bool read(std::uint64_t offset, Bytes& out) override {
+    out.assign(offset % 80, static_cast<std::uint8_t>(offset));
+    return offset % 4 != 0;
+  }
+};
+
+// What a frame of either kind says.
+struct Fields {
+  bool isError = false;
+  std::uint64_t channel = 0, id = 0, dlc = 0, flags = 0;
+  Bytes payload;
+  // Errors only.
+  bool extended = false, isFd = false;
+  std::uint64_t dataLength = 0, errorFlags = 0, brs = 0, crcDel = 0, crc = 0, btr = 0;
+  std::uint64_t tec = 0, trec = 0;
+
+  bool operator==(const Fields&) const = default;
+};
+
+void PrintTo(const Fields& f, std::ostream* out) {
+  for (const std::uint64_t number : {std::uint64_t{f.isError}, f.channel, f.id, f.dlc, f.flags}) {
+    *out << number << ' ';
+  }
+  *out << testing::PrintToString(f.payload);
+}
+
+constexpr std::pair<CanField, std::uint64_t> kFlags[] = {
+    {CanField::Dir, 0x01}, {CanField::EDL, 0x04},    {CanField::BRS, 0x08},
+    {CanField::ESI, 0x10}, {CanField::WakeUp, 0x20}, {CanField::SingleWire, 0x40},
+    {CanField::RTR, 0x80}};
+
+Fields decode(const Layout& layout, bool payloadByDlc, const Bytes& record,
+              PayloadSource* payloads = nullptr) {
+  const MdfFrame frame = CanRecordDecoder(layout, payloadByDlc).decode(record, 17, 4, payloads);
+  if (const auto* error = std::get_if<1>(&frame)) {
+    const MdfCanError& e = **error;
+    EXPECT_EQ(e.Timestamp(), 17U);
+    return {true,           e.BusChannel(), e.MessageId(),     e.Dlc(),
+            e.Dir(),        e.DataBytes(),  e.ExtendedId(),    e.IsCanFdError(),
+            e.DataLength(), e.ErrorFlags(), e.TimeOffsetBRS(), e.TimeOffsetCRCDel(),
+            e.Crc(),        e.BtrExtCfg(),  e.Tec(),           e.Trec()};
+  }
+  const MdfCanMessage& m = *std::get<0>(frame);
+  EXPECT_EQ(m.Timestamp(), 17U);
+  EXPECT_EQ(m.DataIndex(), 4U);
+  const bool flags[] = {m.Dir(), m.Edl(), m.Brs(), m.Esi(), m.WakeUp(), m.SingleWire(), m.Rtr()};
+  Fields f{false, m.BusChannel(), m.MessageId(), m.Dlc(), m.Srr() ? 2U : 0U, m.DataBytes()};
+  for (std::size_t i = 0; i < std::size(flags); ++i) f.flags |= flags[i] ? kFlags[i].second : 0;
+  return f;
+}
+
+std::uint64_t bitsOf(const CanFieldSlot& slot, const Bytes& record) {
+  std::uint64_t value = 0;
+  for (std::uint64_t k = 0; k < std::min(slot.bitCount, 64U); ++k) {
+    const std::uint64_t bit = slot.byteOffset * std::uint64_t{8} + slot.bitOffset % 8 + k;
+    if (bit / 8 < record.size()) value |= std::uint64_t{record[bit / 8] >> bit % 8 & 1U} << k;
+  }
+  return value;
+}
+
+// The rule as it is stated, slot by slot.
+Fields model(const Layout& layout, bool payloadByDlc, const Bytes& record,
+             PayloadSource* payloads) {
+  Fields f;
+  for (const CanFieldSlot& slot : layout) f.isError |= slot.kind == kError;
+  std::size_t limit = ~std::size_t{0};
+  for (const CanFieldSlot& slot : layout) {
+    const CanField field = slot.field;
+    if (f.isError && slot.kind != kError) continue;
+    if (slot.kind == kRemote) {
+      const CanField known[] = {CanField::BusChannel, CanField::DLC, CanField::Dir,
+                                CanField::ID,         CanField::IDE, CanField::WakeUp,
+                                CanField::SingleWire};
+      if (std::find(std::begin(known), std::end(known), field) == std::end(known)) continue;
+    }
+    const std::uint64_t value = bitsOf(slot, record);
+    const auto low = static_cast<std::uint32_t>(value);
+    const auto byte = static_cast<std::uint8_t>(value);
+    if (field == CanField::BusChannel) {
+      f.channel = ((slot.bitCount == 0 ? slot.constant.value_or(0) : value) - 1) & 0xFF;
+    } else if (field == CanField::DLC) {
+      if (f.isError || byte <= 15) f.dlc = byte;
+      const std::size_t length = MdfCanMessage::DlcToLength(byte);
+      if (payloadByDlc && byte <= 15) limit = length;
+      if (!f.isError && byte <= 15) f.payload.resize(slot.kind == kRemote ? 0 : length);
+    } else if (field == CanField::DataBytes) {
+      Bytes bytes;
+      if (slot.variableLength) {
+        if (payloads == nullptr || !payloads->read(value, bytes)) continue;
+        if (f.isError && bytes.size() > 64) continue;
+      } else {
+        for (std::uint64_t i = 0; i < slot.bitCount / 8; ++i) {
+          if (slot.byteOffset + i >= record.size()) break;
+          bytes.push_back(record[slot.byteOffset + i]);
+        }
+      }
+      bytes.resize(std::min(bytes.size(), limit));
+      MdfCanMessage message;
+      message.DataBytes(bytes);
+      if (!f.isError) f.dlc = message.Dlc();
+      f.payload = f.isError ? bytes : message.DataBytes();
+    } else if (field == CanField::ID) {
+      f.id = !f.isError && low >= 0x800 ? low | 0x80000000 : low;
+    } else if (field == CanField::IDE && !f.isError) {
+      f.id = (f.id & 0x7FFFFFFF) | (value != 0 ? 0x80000000 : 0);
+    } else if (field == CanField::Dir || !f.isError) {
+      for (const auto& [flag, mask] : kFlags) {
+        if (flag == field) f.flags = value != 0 ? f.flags | mask : f.flags & ~mask;
+      }
+    } else if (field == CanField::IDE) {
+      f.extended = value != 0;
+    } else if (field == CanField::TEC || field == CanField::TREC) {
+      (field == CanField::TEC ? f.tec : f.trec) = byte;
+    } else if (field == CanField::DataLength || field == CanField::ErrorFlags) {
+      (field == CanField::DataLength ? f.dataLength : f.errorFlags) = low;
+    } else if (field >= CanField::TimeOffsetBRS && field <= CanField::BtrExtCfg) {
+      std::uint64_t* const targets[] = {&f.brs, &f.crcDel, &f.crc, &f.btr};
+      const auto index = static_cast<int>(field) - static_cast<int>(CanField::TimeOffsetBRS);
+      *targets[index] = field == CanField::CRC ? low : value;
+      f.isFd = true;
+    }
+    if (slot.kind == kRemote) f.flags |= 0x80;
+  }
+  return f;
+}
+
+TEST(CanRecordDecoder, AppliesAnyLayoutSlotBySlot) {
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  const auto below = [&random](std::uint32_t end) {
+    return static_cast<std::uint32_t>(random() % end);
+  };
+  const std::uint32_t widths[] = {0, 1, 1, 1, 3, 8, 8, 9, 16, 29, 32, 57, 64, 65, 100, 512, ~0U};
+  const std::uint32_t farOffsets[] = {1000, ~0U - 7, ~0U};
+  const CanFrameKind kinds[] = {kData, kRemote, kError};
+  StoredPayloads stored;
+  for (int round = 0; round < 20000 && !testing::Test::HasFailure(); ++round) {
+    Layout layout(below(12));
+    const std::uint32_t kindOfAll = below(4);  // 3: mixed
+    for (CanFieldSlot& slot : layout) {
+      slot.kind = kinds[kindOfAll < 3 ? kindOfAll : below(20) == 0 ? 2 : below(2)];
+      slot.field = static_cast<CanField>(below(4) == 0 ? 2 + below(2) : below(23));
+      slot.byteOffset = below(12) == 0 ? farOffsets[below(3)] : below(30);
+      slot.bitOffset = static_cast<std::uint8_t>(below(10));
+      slot.bitCount = widths[below(std::size(widths))];
+      slot.variableLength = below(2) == 0;
+      if (below(2) == 0) slot.constant = static_cast<std::uint8_t>(below(256));
+    }
+    Bytes record(below(40));
+    for (auto& byte : record) byte = static_cast<std::uint8_t>(below(below(2) == 0 ? 256 : 16));
+    const bool payloadByDlc = below(2) == 0;
+    PayloadSource* payloads = below(8) == 0 ? nullptr : &stored;
+    EXPECT_EQ(decode(layout, payloadByDlc, record, payloads),
+              model(layout, payloadByDlc, record, payloads))
+        << "round " << round;
+  }
+}
+
+TEST(CanRecordDecoder, ReadsWhatACutRecordLacksAsZero) {
+  for (const BusLogLayout* written : {&kCanDataFrames, &kCanErrorFrames, &kCanFdErrorFrames}) {
+    const Layout layout = slotsOf(*written, 64);
+    for (std::uint32_t size = 0; size <= written->recordSize(64); ++size) {
+      const Bytes record(size, 0x8B);  // at its exact size, for the sanitizers
+      EXPECT_EQ(decode(layout, false, record), model(layout, false, record, nullptr)) << size;
+    }
+  }
+}
+
+// A record of a group that tolvex writes: the time, then `fields`, then zeros.
+Bytes recordOf(const BusLogLayout& written, std::uint32_t maxDataLength, const Bytes& fields) {
+  Bytes record(written.recordSize(maxDataLength));
+  std::fill_n(record.begin(), BusLogLayout::kTimeBytes, 0x55);
+  std::copy(fields.begin(), fields.end(), record.begin() + BusLogLayout::kTimeBytes);
+  return record;
+}
+
+TEST(BusLogLayout, DecodesToTheFrameThatWasWritten) {
+  const Layout data = slotsOf(kCanDataFrames, 8);
+  // Bus channel 3, code 3, flags Dir, EDL and WakeUp as a frame object packs them, identifier.
+  Bytes record = recordOf(kCanDataFrames, 8, {3, 3, 0x25, 0x23, 1, 0, 0, 0xA, 0xB, 0xC});
+  Fields want{false, 2, 0x123, 8, 0x45, {0xA, 0xB, 0xC, 0, 0, 0, 0, 0}};
+  EXPECT_EQ(decode(data, false, record), want);
+  want.dlc = 3;
+  want.payload = {0xA, 0xB, 0xC};
+  EXPECT_EQ(decode(data, true, record), want);
+  record = recordOf(kCanDataFrames, 8, {0, 0, 0, 0x23, 1, 0, 0x80});
+  EXPECT_EQ(decode(data, true, record), (Fields{false, 255, 0x80000123, 0, 0, {}}));
+
+  record = recordOf(kCanErrorFrames, 8, {1, 0x78, 0x56, 0x34, 0x92, 7, 0x80, 2, 5, 6, 1, 2, 3});
+  want = {true, 0, 0x92345678, 2, 1, {1, 2, 3, 0, 0, 0, 0, 0}, true, false, 2, 7, 0, 0, 0, 0, 5, 6};
+  EXPECT_EQ(decode(slotsOf(kCanErrorFrames, 8), false, record), want);
+
+  record = recordOf(kCanFdErrorFrames, 8, {1, 0x78, 0x56, 0x34, 1, 9, 12, 0, 5, 6, 0, 4, 3, 2,
+                                           1, 8,    7,    6,    5, 1, 2,  3, 0, 0, 0, 0, 9});
+  record[41] = 0xAA;
+  record[112] = 0x80;
+  want = {true, 0, 0x1345678, 9,         0,        Bytes(64),  true, true,
+          12,   9, 0x1020304, 0x5060708, 0x030201, 1ULL << 63, 5,    6};
+  want.payload[0] = 0xAA;
+  EXPECT_EQ(decode(slotsOf(kCanFdErrorFrames, 8), false, record), want);
+}
+
+TEST(BusLogLayout, SizesItsRecordsForThePayload) {
+  const std::pair<int, std::uint32_t> rows[] = {{-1, 23}, {0, 23}, {12, 27}, {64, 79}, {100, 79}};
+  for (const auto& [maxDataLength, recordSize] : rows) {
+    EXPECT_EQ(kCanDataFrames.recordSize(maxDataLength), recordSize);
+    EXPECT_EQ(kCanErrorFrames.recordSize(maxDataLength), 26U);
+    EXPECT_EQ(kCanFdErrorFrames.recordSize(maxDataLength), 113U);
+  }
+}
+
+TEST(CanRecordDecoder, CutsAPayloadToTheRecordsOwnCode) {
+  const struct {
+    std::uint32_t field;
+    std::uint8_t code, dlc;
+    std::size_t size;
+  } rows[] = {{8, 0, 0, 0},  {8, 8, 8, 8},   {8, 9, 8, 8},     {8, 15, 8, 8},    {8, 16, 8, 8},
+              {64, 8, 8, 8}, {64, 9, 9, 12}, {64, 14, 14, 48}, {64, 15, 15, 64}, {12, 15, 9, 12}};
+  for (const auto& [field, code, dlc, size] : rows) {
+    const Bytes record = recordOf(kCanDataFrames, field, {0, code});
+    const Fields frame = decode(slotsOf(kCanDataFrames, field), true, record);
+    EXPECT_EQ(frame.dlc, dlc) << field << " bytes, code " << int{code};
+    EXPECT_EQ(frame.payload.size(), size) << field << " bytes, code " << int{code};
+  }
+}
+
+TEST(CanRecordDecoder, HandlesFieldsByTheirKind) {
+  const CanFieldSlot id{kData, CanField::ID, 0, 0, 32};
+  const CanFieldSlot extended{kData, CanField::IDE, 4, 3, 1};
+  const CanFieldSlot remoteDlc{kRemote, CanField::DLC, 0, 0, 8};
+  const CanFieldSlot remoteBytes{kRemote, CanField::DataBytes, 1, 0, 64};
+  const CanFieldSlot noBits{kData, CanField::BusChannel, 0, 0, 0};
+  CanFieldSlot constant = noBits;
+  constant.constant = 2;
+  const struct {
+    Layout layout;
+    Bytes record;
+    Fields want;
+  } rows[] = {
+      {{id, extended}, {0xFF, 7, 0, 0, 8}, {false, 0, 0x800007FF, 0, 0, {}}},
+      {{id, extended}, {0x00, 8, 0, 0, 0}, {false, 0, 0x800, 0, 0, {}}},
+      {{id}, {0x00, 8, 0, 0, 0}, {false, 0, 0x80000800, 0, 0, {}}},
+      {{remoteDlc, remoteBytes}, {5, 1, 2, 3}, {false, 0, 0, 5, 0x80, {}}},
+      {{noBits}, {7}, {false, 255, 0, 0, 0, {}}},
+      {{constant}, {7}, {false, 1, 0, 0, 0, {}}},
+  };
+  for (const auto& [layout, record, want] : rows) EXPECT_EQ(decode(layout, false, record), want);
+}
+
+TEST(CanRecordDecoder, FetchesPayloadsFromOutsideTheRecord) {
+  const struct {
+    std::uint8_t offset;  // where StoredPayloads has that many bytes; at 4 it has nothing
+    std::uint64_t dlc;
+    std::size_t copied, size, errorSize;
+  } rows[] = {
+      {3, 3, 3, 3, 3}, {9, 9, 9, 12, 9}, {63, 15, 63, 64, 63}, {70, 8, 8, 8, 0}, {4, 2, 0, 2, 0}};
+  StoredPayloads stored;
+  for (const auto& [offset, dlc, copied, size, errorSize] : rows) {
+    SCOPED_TRACE(int{offset});
+    Layout layout = {{kData, CanField::DLC, 0, 0, 8}, {kData, CanField::DataBytes, 1, 0, 64}};
+    layout[1].variableLength = true;
+    Bytes want(copied, offset);
+    want.resize(size);
+    EXPECT_EQ(decode(layout, false, {2, offset}, &stored), (Fields{false, 0, 0, dlc, 0, want}));
+    for (CanFieldSlot& slot : layout) slot.kind = kError;
+    EXPECT_EQ(decode(layout, false, {2, offset}, &stored).payload, Bytes(errorSize, offset));
+  }
+}
+
+TEST(CanFieldNames, AreFoundByPrefixAndSuffix) {
+  const struct {
+    const char* name;
+    std::optional<CanFieldName> found;
+  } rows[] = {
+      {"CAN_DataFrame.ID", {{kData, CanField::ID}}},
+      {"Bus 1.CAN_DataFrame_2.BtrExtCfg", {{kData, CanField::BtrExtCfg}}},
+      {"CAN_DataFrame.CAN_RemoteFrame.DLC", {{kRemote, CanField::DLC}}},
+      {"CAN_ErrorFrame.REC", {{kError, CanField::TREC}}},
+      {"CAN_FdErrorFrame.TREC", {{kError, CanField::TREC}}},
+      {"CAN_DataFrame.SRR", {}},
+      {"CAN_DataFrame.id", {}},
+      {"CAN_DataFrame.", {}},
+      {"CAN_DataFrameID", {}},
+      {"CAN_Data.ID", {}},
+      {"x.CAN_DataFrame", {}},
+      {"", {}},
+  };
+  for (const auto& [name, found] : rows) EXPECT_EQ(classifyFieldName(name), found) << name;
+}
+
+}  // namespace
+}  // namespace tolvex

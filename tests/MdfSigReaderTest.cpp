@@ -1,0 +1,450 @@
+// Records of signal groups and what is needed to decode them.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "tests/support/Diagnostics.h"
+#include "tests/support/FileBuilder.h"
+#include "tolvex/Mdf4.h"
+
+namespace tolvex::test {
+namespace {
+
+using Range = std::pair<double, double>;
+
+// The bytes cut into two at `at`.
+std::pair<Bytes, Bytes> halves(const Bytes& bytes, std::ptrdiff_t at) {
+  return {{bytes.begin(), bytes.begin() + at}, {bytes.begin() + at, bytes.end()}};
+}
+
+// Records of the time, half a second apart, and a 32-bit number from 1000 on.
+std::vector<Bytes> rampRecords(std::uint32_t count) {
+  std::vector<Bytes> records;
+  for (std::uint32_t i = 0; i < count; ++i) records.push_back(packed(0.5 * i, 1000 + i));
+  return records;
+}
+
+const Cn kNumber = {.name = "number", .byteOffset = 8, .bitCount = 32};
+
+class MdfSigReaderTest : public testing::Test {
+ protected:
+  MdfSigReader open() {
+    MdfSigReader reader(file_.write());
+    EXPECT_TRUE(reader.open());
+    EXPECT_TRUE(reader.getProblems().empty()) << reader.getProblems()[0];
+    return reader;
+  }
+
+  MdfSigCCInfo info(int cn) {
+    MdfSigReader reader = open();
+    MdfSigCCInfo info;
+    EXPECT_TRUE(reader.getCCInfo(0, 0, cn, info));
+    return info;
+  }
+
+  CapturedDiagnostics diagnostics_;
+  FileBuilder file_;
+};
+
+// Checks that every operation gives these records.
+void expectRecords(MdfSigReader& reader, int dg, const std::vector<Bytes>& want) {
+  const int n = static_cast<int>(want.size());
+  for (int start = 0; start < n; ++start) {
+    for (int count = 1; start + count <= n; ++count) {
+      const std::vector<Bytes> part(want.begin() + start, want.begin() + start + count);
+      Bytes out;
+      int recordSize = 0;
+      EXPECT_TRUE(reader.readSignalDataBlock(dg, start, count, out, recordSize));
+      EXPECT_EQ(out, joined(part)) << count << " records from " << start;
+      EXPECT_EQ(recordSize, static_cast<int>(want[0].size()));
+    }
+  }
+  for (int i = n - 1; i >= 0; --i) {
+    const auto record = reader.readSignalDataByIndex(dg, 0, i);
+    ASSERT_NE(record, nullptr) << i;
+    EXPECT_EQ(record->data, want[static_cast<std::size_t>(i)]) << i;
+  }
+  reader.resetDataStream(dg);
+  for (const Bytes& expected : want) {
+    const auto record = reader.readSignalData(dg);
+    ASSERT_NE(record, nullptr);
+    EXPECT_EQ(record->data, expected);
+  }
+  EXPECT_EQ(reader.readSignalData(dg), nullptr) << "behind the last record";
+}
+
+TEST_F(MdfSigReaderTest, ReadsTheSameRecordsHoweverTheyAreStored) {
+  FileBuilder& f = file_;
+  const std::vector<Bytes> records = rampRecords(7);
+  const auto [a, b] = halves(joined(records), 29);  // inside a record
+  const auto [c, d] = halves(joined(records), 36);
+  const Link forms[] = {
+      f.dt(joined(records)),
+      f.dl({f.dt(a), f.dt(b)}),
+      f.chain({f.dl({f.dt(c)}, 36), f.dl({f.dt(d)}, 36)}),
+      f.hl(f.dl({f.dz(a, "DT", 1, 12), f.dz(b)}), 1),
+      f.ld({f.dv(c), f.dz(d, "DV")}),
+  };
+  for (const Link data : forms) {
+    f.signalGroup({kNumber}, {.records = 7, .dataBytes = 12}, data);
+  }
+  MdfSigReader reader = open();
+  for (int dg = 0; dg < static_cast<int>(std::size(forms)); ++dg) {
+    SCOPED_TRACE(dg);
+    expectRecords(reader, dg, records);
+    EXPECT_EQ(reader.readSignalTimeRange(dg, 0), Range(0, 3));
+    EXPECT_EQ(reader.findRecordIndexByTime(dg, 0, 1.6), 4);
+  }
+}
+
+TEST_F(MdfSigReaderTest, KnowsInvalidSamplesByTheBitsBehindTheData) {
+  // In column storage the bits lie in blocks of their own.
+  const std::vector<Bytes> data = rampRecords(7);
+  std::vector<Bytes> records;
+  Bytes marks;
+  for (std::uint8_t i = 0; i < 7; ++i) {
+    records.push_back(joined({data[i], {static_cast<std::uint8_t>(i & 1), 0x80}}));
+    marks.insert(marks.end(), records[i].end() - 2, records[i].end());
+  }
+  const auto [a, b] = halves(joined(data), 36);
+  const auto [c, d] = halves(marks, 6);
+  const Cg group = {.records = 7, .dataBytes = 12, .invalBytes = 2};
+  const auto channel = [](std::uint32_t flags, std::uint32_t bit) {
+    return Cn{.byteOffset = 8, .flags = flags, .invalBitPos = bit};
+  };
+  const std::vector<Cn> channels = {channel(2, 0), channel(0, 15), channel(1, 1), channel(2, 1),
+                                    channel(2, 15)};
+  file_.signalGroup(channels, group, file_.dt(joined(records)));
+  file_.signalGroup(
+      channels, group,
+      file_.ld({file_.dv(a), file_.dz(b, "DV", 1, 12)}, {file_.di(c), file_.dz(d, "DI")}));
+  MdfSigReader reader = open();
+  for (int dg = 0; dg < 2; ++dg) {
+    expectRecords(reader, dg, records);
+    const bool want[] = {true, false, true, false, true};
+    for (int i = 0; i < 5; ++i) {
+      EXPECT_EQ(reader.isInvalidSample(dg, 0, i + 1, records[5].data(), 14), want[i]) << i;
+    }
+    EXPECT_FALSE(reader.isInvalidSample(dg, 0, 1, records[6].data(), 14));
+  }
+}
+
+TEST_F(MdfSigReaderTest, FindsTheFirstRecordAtOrAfterATime) {
+  std::vector<Bytes> records;
+  for (const double milliseconds : {500.0, 1000.0, 1000.0, 2000.0, 4000.0}) {
+    records.push_back(packed(milliseconds, 0));
+  }
+  const Link group = file_.signalGroup({kNumber}, records);
+  file_.setLink(file_.link(file_.link(group, 1), 1), 4,
+                file_.cc({.type = 1, .values = {0, 0.001}}));
+  MdfSigReader reader = open();
+  const std::pair<double, int> rows[] = {{-1, 0},  {0.5, 0}, {0.75, 1}, {1, 1},
+                                         {1.5, 3}, {4, 4},   {4.25, -1}};
+  for (const auto& [seconds, want] : rows) {
+    EXPECT_EQ(reader.findRecordIndexByTime(0, 0, seconds), want) << seconds;
+  }
+  EXPECT_EQ(reader.findRecordIndexByTime(0, 1, 1.5), -1);
+  EXPECT_EQ(reader.readSignalTimeRange(0, 0), Range(0.5, 4));
+}
+
+TEST_F(MdfSigReaderTest, CycleCountsBeyondTheDataEndInFailure) {
+  file_.signalGroup({kNumber}, {.records = 0x100000004, .dataBytes = 12},
+                    file_.dt(joined({joined(rampRecords(3)), {1, 2, 3}})));
+  MdfSigReader reader = open();
+  EXPECT_EQ(reader.getRecordCount(0, 0), 4) << "the low 32 bits";
+  EXPECT_EQ(reader.readSignalTimeRange(0, 0), Range(0, 0));
+  EXPECT_EQ(reader.findRecordIndexByTime(0, 0, 0.25), -1);
+  Bytes out = {1};
+  int size = 0;
+  EXPECT_FALSE(reader.readSignalDataBlock(0, 2, 2, out, size));
+  EXPECT_TRUE(out.empty());
+  EXPECT_EQ(size, 12);
+}
+
+// A seek to the end goes back to the first block, but leaves the place in the block as it was.
+TEST_F(MdfSigReaderTest, IndexPastTheEndGoesOnInTheFirstBlock) {
+  const auto [a, b] = halves(joined(rampRecords(7)), 24);
+  file_.signalGroup({kNumber}, {.records = 7, .dataBytes = 12},
+                    file_.dl({file_.dt(a), file_.dt(b)}));
+  MdfSigReader reader = open();
+  // What record `index` turns out to be; -1 for none. 1000 is 0x3E8.
+  const auto recordAt = [&](int index) {
+    const auto record = reader.readSignalDataByIndex(0, index);
+    return record == nullptr ? -1 : record->data[8] - 0xE8;
+  };
+  const std::pair<int, int> reads[] = {{7, 0}, {7, 1},  {2, 2}, {700, 1},
+                                       {5, 5}, {7, -1}, {6, 6}, {7, 0}};
+  for (const auto& [index, want] : reads) EXPECT_EQ(recordAt(index), want) << index;
+}
+
+TEST_F(MdfSigReaderTest, GroupsWithoutATimeChannelGiveNoNextRecord) {
+  const Link time = file_.cn({.name = "time", .type = 2, .sync = 1, .dataType = 4, .bitCount = 64});
+  file_.dg({.groups = {file_.cg({.channels = {file_.cn(kNumber)}, .records = 3, .dataBytes = 12}),
+                       file_.cg({.channels = {time}, .records = 3, .dataBytes = 12})},
+            .data = file_.dt(joined(rampRecords(3)))});
+  MdfSigReader reader = open();
+  EXPECT_EQ(reader.readSignalData(0, 0), nullptr);
+  EXPECT_EQ(reader.readSignalData(0, 1), nullptr) << "no value channel, so no stream";
+  const auto next = reader.readSignalData(0);
+  ASSERT_NE(next, nullptr) << "any group of the data group has a time channel";
+  EXPECT_EQ(next->data, rampRecords(3)[1]) << "the null result took a record";
+  EXPECT_NE(reader.readSignalDataByIndex(0, 0, 2), nullptr);
+  MdfSigCCInfo time0;
+  EXPECT_FALSE(reader.getTimeCCInfo(0, 0, time0));
+  EXPECT_TRUE(reader.getTimeCCInfo(0, 1, time0));
+}
+
+TEST_F(MdfSigReaderTest, AnswersForWhatIsNotThere) {
+  file_.signalGroup({kNumber, {.name = "text", .type = 1}}, rampRecords(2));
+  file_.signalGroup({kNumber}, {.records = 2, .dataBytes = 12}, 0);
+  MdfSigReader reader = open();
+  EXPECT_EQ(reader.getDataGroupSigsIndex(), std::vector<int>{0}) << "the second has no data";
+  EXPECT_EQ(reader.readSignalData(1), nullptr);
+  EXPECT_EQ(reader.readSignalDataByIndex(0, 1, 0), nullptr);
+  for (const auto& [dg, start, count] : {std::array{0, 0, 0}, {0, -1, 1}, {1, 0, 1}}) {
+    Bytes out = {1};
+    int size = 5;
+    EXPECT_FALSE(reader.readSignalDataBlock(dg, start, count, out, size));
+    EXPECT_TRUE(out.empty());
+    EXPECT_EQ(size, 0);
+  }
+  EXPECT_EQ(reader.getStopTime(), 0U);
+  EXPECT_TRUE(reader.getDataGroupSigs(0).empty());
+  EXPECT_TRUE(reader.readSignalDatas(0, 2).empty());
+  EXPECT_EQ(reader.getRecordCount(0, 4), 0);
+  EXPECT_FALSE(reader.isValidSig(0, 0, 3));
+  EXPECT_FALSE(reader.isDataType(0, 0, 0)) << "a master";
+  EXPECT_TRUE(reader.isDataType(0, 0, 1));
+  EXPECT_FALSE(reader.isDataType(0, 0, 2)) << "variable length";
+  MdfSigCCInfo unchanged;
+  unchanged.name = "kept";
+  EXPECT_FALSE(reader.getCCInfo(0, 0, 5, unchanged));
+  EXPECT_EQ(unchanged.name, "kept");
+  EXPECT_EQ(reader.getSigAttr(0, 0, 6).cnIndex, -1);
+}
+
+TEST_F(MdfSigReaderTest, DescribesAChannelAndItsConversion) {
+  const Link conversion = file_.cc({.type = 8,
+                                    .values = {0, 1, 2, 3, 4, 5},
+                                    .refs = {file_.tx("low"), 0, file_.md("<X><TX>high</TX></X>"),
+                                             file_.cc({.type = 1, .values = {0, 1}})},
+                                    .precision = 4,
+                                    .flags = 3,
+                                    .rangeMin = -7,
+                                    .rangeMax = 8,
+                                    .name = file_.tx("levels")});
+  Cn channel = {.name = "level", .type = 1, .sync = 2, .dataType = 3};
+  channel.byteOffset = 9;
+  channel.bitOffset = 5;
+  channel.bitCount = 0x110;
+  channel.flags = 0x3C;
+  channel.invalBitPos = 6;
+  channel.precision = 2;
+  channel.attachmentCount = 3;
+  channel.ranges = {1, 2, 3, 4, 5, 6};
+  channel.conversion = conversion;
+  file_.signalGroup({channel, {.name = "plain"}}, rampRecords(1));
+
+  const MdfSigCCInfo got = info(1);
+  EXPECT_EQ(got.name, "level [levels]");
+  EXPECT_EQ((std::array{got.dataType, got.valueKind, got.byteOrder, got.byteOffset, got.flags,
+                        got.invalidBitPos}),
+            (std::array{3U, 1U, 2U, 9U, 0x3CU, 6U}));
+  EXPECT_EQ(got.bitOffset, 5);
+  EXPECT_EQ(got.bitCount, 0x10) << "the low 8 bits";
+  EXPECT_EQ(got.channelType, 1);
+  EXPECT_EQ(got.syncType, 2);
+  EXPECT_EQ(got.attachmentCount, 3);
+  EXPECT_TRUE(got.valueRangeValid && got.limitValid && got.limitExtValid && got.physRangeValid);
+  EXPECT_EQ((std::array{got.valueRangeMin, got.valueRangeMax, got.limitMin, got.limitMax,
+                        got.limitExtMin, got.limitExtMax, got.physRangeMin, got.physRangeMax}),
+            (std::array{1.0, 2.0, 3.0, 4.0, 5.0, 6.0, -7.0, 8.0}));
+  EXPECT_EQ(got.conversionType, 8);
+  EXPECT_EQ(got.ccFlags, 3);
+  EXPECT_EQ(got.valueCount, 6);
+  EXPECT_EQ(got.values, (std::vector<double>{0, 1, 2, 3, 4, 5}));
+  EXPECT_EQ(got.textCount, 4);
+  EXPECT_EQ(got.texts, (std::vector<std::string>{"low", "", "high", ""}));
+  EXPECT_TRUE(got.cnPrecisionValid && got.ccPrecisionValid && got.hasDisplayPrecision);
+  EXPECT_EQ((std::array{got.cnPrecision, got.ccPrecision, got.displayPrecision}),
+            (std::array<std::uint8_t, 3>{2, 4, 2}));
+
+  const MdfSigCCInfo plain = info(2);
+  EXPECT_FALSE(plain.valueRangeValid || plain.limitValid || plain.limitExtValid);
+  EXPECT_FALSE(plain.cnPrecisionValid || plain.hasDisplayPrecision);
+  EXPECT_EQ(plain.conversionType, 0);
+
+  const MdfSigAttr attributes = open().getSigAttr(0, 0, 1);
+  EXPECT_EQ(attributes.name, "level");
+  EXPECT_EQ(attributes.byteOffset, 9U);
+  EXPECT_EQ(attributes.bitOffset, 5);
+  EXPECT_EQ(attributes.bitCount, 0x110U);
+  EXPECT_EQ(attributes.cnIndex, 1);
+}
+
+TEST_F(MdfSigReaderTest, TakesTextsFromPlainAndMarkedUpBlocks) {
+  FileBuilder& f = file_;
+  const std::pair<Link, const char*> rows[] = {
+      {0, "fallback"},
+      {f.tx("plain"), "plain"},
+      {f.tx("<TX>plain</TX>"), "<TX>plain</TX>"},
+      {f.md("<a>x<TX>first</TX><TX>second</TX></a>"), "first"},
+      {f.md("<TX></TX>"), "fallback"},
+      {f.md("<TX>no end"), "fallback"},
+      {f.md("no start</TX>"), "fallback"},
+      {f.si(1, 2), "fallback"},
+      {f.block("TX", {}, {}), "fallback"},
+  };
+  const Link conversion = f.cc({.type = 1,
+                                .values = {0, 1},
+                                .name = f.tx("conversion"),
+                                .unit = f.md("<TX>fallback</TX>"),
+                                .comment = f.tx("fallback")});
+  std::vector<Cn> channels;
+  for (const auto& [text, want] : rows) {
+    channels.push_back({.conversion = conversion, .unit = text, .comment = text});
+  }
+  f.signalGroup(channels, rampRecords(1));
+  for (int i = 0; i < static_cast<int>(std::size(rows)); ++i) {
+    const MdfSigCCInfo got = info(i + 1);
+    EXPECT_EQ(got.unit, rows[i].second) << i;
+    EXPECT_EQ(got.comment, rows[i].second) << i;
+    EXPECT_EQ(got.name, "") << "an empty name is not decorated";
+  }
+}
+
+TEST_F(MdfSigReaderTest, AnyNumberOfChannelsMayShareATextAndAConversion) {
+  const std::string text(20'000, 'c');
+  Cn channel = {.name = "v"};
+  channel.comment = file_.md("<TX>" + text + "</TX>");
+  channel.conversion = file_.cc({.type = 1, .values = {0, 1}, .unit = file_.tx(text)});
+  file_.signalGroup(std::vector<Cn>(1000, channel), rampRecords(1));
+  MdfSigReader reader = open();
+  for (const int cn : {1, 500, 1000}) {
+    MdfSigCCInfo got;
+    EXPECT_TRUE(reader.getCCInfo(0, 0, cn, got));
+    EXPECT_EQ(got.name, "v");
+    EXPECT_EQ(got.comment.size(), text.size());
+    EXPECT_EQ(got.unit.size(), text.size());
+  }
+}
+
+TEST_F(MdfSigReaderTest, DecodesARecordByTheChannelsOfItsGroup) {
+  const Link linear = file_.cc({.type = 1, .values = {-40, 0.5}});
+  const Link gears = file_.cc(
+      {.type = 7, .values = {0, 1}, .refs = {file_.tx("N"), file_.tx("1st"), file_.tx("?")}});
+  file_.signalGroup({{.byteOffset = 8, .bitCount = 12, .conversion = linear},
+                     {.byteOffset = 9, .bitOffset = 4, .bitCount = 4, .conversion = gears}},
+                    {packed(0.0, std::uint16_t{0x1123}), packed(1.0, std::uint16_t{0x70F0})});
+  const std::pair<double, const char*> want[] = {{0x123 * 0.5 - 40, "1st"},
+                                                 {0x0F0 * 0.5 - 40, "?"}};
+  MdfSigReader reader = open();
+  for (int i = 0; i < 2; ++i) {
+    const Bytes record = reader.readSignalDataByIndex(0, i)->data;
+    double value = 0;
+    std::string text;
+    EXPECT_TRUE(info(1).convertToPhysical(record, value, text));
+    EXPECT_EQ(value, want[i].first);
+    EXPECT_TRUE(info(2).convertToPhysical(record, value, text));
+    EXPECT_EQ(text, want[i].second);
+  }
+}
+
+TEST_F(MdfSigReaderTest, ReadsVariableLengthValuesHoweverTheyAreStored) {
+  FileBuilder& f = file_;
+  const std::vector<std::string> texts = {"alpha", "", std::string(300, 'x'), "omega"};
+  Bytes stored;
+  std::vector<Bytes> records;
+  for (const std::string& text : texts) {
+    records.push_back(packed(0.0, std::uint64_t{stored.size()}));
+    stored = joined(
+        {stored, packed(static_cast<std::uint32_t>(text.size())), Bytes(text.begin(), text.end())});
+  }
+  const auto [a, b] = halves(stored, 15);  // inside a length
+  const auto [c, d] = halves(b, 100);      // inside a value
+  const Link forms[] = {
+      f.sd(stored), f.dl({f.sd(a), f.sd(c), f.sd(d)}), f.dz(stored, "SD"),
+      f.hl(f.chain({f.dl({f.dz(a, "SD")}), f.dl({f.dz(c, "SD", 1, 4), f.dz(d, "SD")})}))};
+  for (const Link data : forms) {
+    const Cn text = {.type = 1, .dataType = 7, .byteOffset = 8, .bitCount = 64, .data = data};
+    const Cn tooWide = {.type = 1, .byteOffset = 7, .bitCount = 72, .data = data};
+    f.signalGroup({text, tooWide}, records);
+  }
+  MdfSigReader reader = open();
+  for (int dg = 0; dg < 4; ++dg) {
+    for (const std::size_t i : {3U, 0U, 1U, 2U}) {
+      Bytes bytes;
+      std::string text;
+      EXPECT_TRUE(reader.readValueBytes(dg, 0, 1, records[i].data(), 16, bytes));
+      EXPECT_EQ(bytes, Bytes(texts[i].begin(), texts[i].end()));
+      EXPECT_TRUE(reader.readText(dg, 0, 1, records[i].data(), 16, text));
+      EXPECT_EQ(text, texts[i]);
+    }
+    Bytes none;
+    EXPECT_FALSE(reader.readValueBytes(dg, 0, 2, records[0].data(), 16, none));
+    // Behind the end, half a length, a length that leads beyond the end, nonsense.
+    for (const std::uint64_t offset : {stored.size(), stored.size() - 2, std::size_t{14}, ~0UL}) {
+      EXPECT_FALSE(reader.readValueBytes(dg, 0, 1, packed(0.0, offset).data(), 16, none));
+    }
+  }
+}
+
+TEST_F(MdfSigReaderTest, ReadsWholeTextsOfEveryEncoding) {
+  const std::string wide(40, 'w');
+  const Bytes latin = {'n', 0xE4, 'h'};
+  const Bytes little = {'A', 0, 0xAC, 0x20, 0x3D, 0xD8, 0x00, 0xDE, 0, 0, 'x', 0};
+  const Bytes big = {0, 'A', 0x20, 0xAC, 0xD8, 0x3D, 0xDE, 0x00};
+  const Bytes record =
+      joined({packed(0.0), Bytes(wide.begin(), wide.end()), Bytes(8), latin, little, big});
+  const struct {
+    Cn channel;
+    bool isText;
+    std::string want;
+  } rows[] = {
+      {{.dataType = 7, .byteOffset = 8, .bitCount = 48 * 8}, true, wide},
+      {{.dataType = 6, .byteOffset = 56, .bitCount = 3 * 8}, true, "n\xC3\xA4h"},
+      {{.dataType = 8, .byteOffset = 59, .bitCount = 12 * 8},
+       true,
+       "A\xE2\x82\xAC\xF0\x9F\x98\x80"},
+      {{.dataType = 9, .byteOffset = 71, .bitCount = 8 * 8}, true, "A\xE2\x82\xAC\xF0\x9F\x98\x80"},
+      {{.dataType = 0, .byteOffset = 8, .bitCount = 8}, false, ""},
+      {{.dataType = 7, .byteOffset = 78, .bitCount = 2 * 8}, false, ""},
+  };
+  std::vector<Cn> channels;
+  for (const auto& row : rows) channels.push_back(row.channel);
+  file_.signalGroup(channels, {record});
+  MdfSigReader reader = open();
+  for (int i = 0; i < static_cast<int>(std::size(rows)); ++i) {
+    std::string text;
+    EXPECT_EQ(reader.readText(0, 0, i + 1, record.data(), record.size(), text), rows[i].isText);
+    EXPECT_EQ(text, rows[i].want) << i;
+  }
+}
+
+TEST_F(MdfSigReaderTest, ServesSeveralThreads) {
+  const std::vector<Bytes> records = rampRecords(200);
+  file_.signalGroup({kNumber}, records);
+  MdfSigReader reader = open();
+  std::atomic<int> wrong = 0;
+  const auto readAll = [&](int step) {
+    for (int i = 0; i < 200; ++i) {
+      const int index = i * step % 200;
+      const auto record = reader.readSignalDataByIndex(0, index);
+      if (record == nullptr || record->data != records[static_cast<std::size_t>(index)]) ++wrong;
+    }
+  };
+  std::thread other(readAll, 7);
+  readAll(11);
+  other.join();
+  EXPECT_EQ(wrong, 0);
+}
+
+}  // namespace
+}  // namespace tolvex::test

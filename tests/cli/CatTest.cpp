@@ -1,0 +1,138 @@
+// tolvex cat on files of every kind of frame.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdio>
+
+#include "tests/cli/Program.h"
+#include "tests/support/HandReader.h"
+
+namespace tolvex {
+namespace {
+
+using namespace test;
+using Lines = std::vector<std::string>;
+
+constexpr std::uint64_t kStartNs = 1'627'274'454'000'000'000;
+
+// A data group of long frames and one of errors, with times that interleave.
+FileBuilder mixedBusLog() {
+  FileBuilder file({.startTimeNs = kStartNs});
+  const BusLayout data = dataFrames(64);
+  file.busLog(
+      data,
+      {busRecord(data, -0.5, {{"BusChannel", 1}, {"ID", 0x123}, {"DLC", 3}}, {0xAB, 0xCD, 0xEF}),
+       busRecord(data, 0.1234565, {{"BusChannel", 2}, {"ID", 0x80000123}, {"DLC", 0}}),
+       busRecord(data, 1.5, {{"BusChannel", 1}, {"ID", 0x7FF}, {"DLC", 5}, {"RTR", 1}}),
+       busRecord(data, 3,
+                 {{"BusChannel", 1},
+                  {"ID", 0x1ABCDEF},
+                  {"IDE", 1},
+                  {"DLC", 9},
+                  {"EDL", 1},
+                  {"BRS", 1},
+                  {"ESI", 1},
+                  {"Dir", 1}},
+                 {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12})});
+  const BusLayout errors = errorFrames();
+  file.busLog(
+      errors,
+      {busRecord(
+          errors, 2,
+          {{"BusChannel", 1}, {"ID", 0x12}, {"ErrorFlags", 5}, {"DLC", 2}, {"TEC", 7}, {"TREC", 9}},
+          {0x55, 0x66})});
+  return file;
+}
+
+TEST(Cat, PrintsTheLoggersFramesAsReadByHand) {
+  Lines want;
+  for (const HandFrame& frame : readFramesByHand(realFile("raw-00000005.MF4"))) {
+    const auto ns = static_cast<std::uint64_t>(std::llround(frame.seconds * 1e9));
+    const std::uint64_t us = (kStartNs + ns + 500) / 1000;
+    char text[80];
+    std::snprintf(text, sizeof(text),
+                  frame.extended ? "(%llu.%06llu) can%u %08X#" : "(%llu.%06llu) can%u %03X#",
+                  static_cast<unsigned long long>(us / 1000000),
+                  static_cast<unsigned long long>(us % 1000000), frame.busChannel - 1, frame.id);
+    std::string line = text;
+    for (const unsigned byte : frame.payload) {
+      std::snprintf(text, sizeof(text), "%02X", byte);
+      line += text;
+    }
+    want.push_back(line);
+  }
+  const Outcome outcome = runTolvex("cat " + realFile("raw-00000005.MF4"));
+  EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+  EXPECT_EQ(outcome.err, "");
+  EXPECT_EQ(want.size(), 5477U);
+  EXPECT_EQ(outcome.lines(), want);
+}
+
+TEST(Cat, PrintsEveryKindOfFrameInTimeOrder) {
+  const FileBuilder file = mixedBusLog();
+  const Outcome outcome = runTolvex("cat " + file.write());
+  EXPECT_EQ(outcome.exitCode, 0) << outcome.err;
+  EXPECT_EQ(outcome.lines(),
+            (Lines{"(1627274453.500000) can0 123#ABCDEF", "(1627274454.123457) can1 00000123#",
+                   "(1627274455.500000) can0 7FF#R5", "(1627274456.000000) can0 20000012#5566",
+                   "(1627274457.000000) can0 01ABCDEF##30102030405060708090A0B0C"}));
+}
+
+TEST(Cat, StartIsIncludedAndEndIsNot) {
+  const FileBuilder file = mixedBusLog();
+  const std::string path = file.write();
+  const std::pair<const char*, std::size_t> windows[] = {
+      {"--start 1.5 --end 3", 2}, {"--start -0.5 --end 0", 1}, {"--end -0.5", 0}, {"--start 3", 1}};
+  for (const auto& [window, count] : windows) {
+    const Outcome outcome = runTolvex("cat " + path + " " + window);
+    EXPECT_EQ(outcome.lines().size(), count) << window;
+    EXPECT_EQ(outcome.exitCode, 0) << window;
+  }
+}
+
+TEST(Cat, CarriesEveryFieldInCsvAndNdjson) {
+  const FileBuilder file = mixedBusLog();
+  const std::string path = file.write();
+  const Lines csv = runTolvex("cat " + path + " --format csv --start 2").lines();
+  EXPECT_EQ(
+      csv,
+      (Lines{"time_ns,time,channel,type,id,extended,fd,brs,esi,dir,srr,rtr,wake_up,single_wire,"
+             "dlc,length,data,record,bit_position,error_type,error_flags,tec,rec,"
+             "time_offset_brs,time_offset_crc_del,crc,btr_ext_cfg",
+             "2000000000,1627274456.000000000,0,error,18,0,0,,,rx,,,,,2,2,5566,,,,5,7,9,0,0,0,0",
+             "3000000000,1627274457.000000000,0,data,28036591,1,1,1,1,tx,0,0,0,0,9,12,"
+             "0102030405060708090A0B0C,3,0,0,,,,0,0,0,0"}));
+  const Lines json = runTolvex("cat " + path + " --format ndjson --start 2 --end 3").lines();
+  EXPECT_EQ(json,
+            (Lines{R"({"time_ns":2000000000,"time":1627274456.000000000,"channel":0,)"
+                   R"("type":"error","id":18,"extended":false,"fd":false,"brs":null,"esi":null,)"
+                   R"("dir":"rx","srr":null,"rtr":null,"wake_up":null,"single_wire":null,)"
+                   R"("dlc":2,"length":2,"data":"5566","record":null,"bit_position":null,)"
+                   R"("error_type":null,"error_flags":5,"tec":7,"rec":9,"time_offset_brs":0,)"
+                   R"("time_offset_crc_del":0,"crc":0,"btr_ext_cfg":0})"}));
+}
+
+TEST(Cat, RefusesAnUnsortedGroup) {
+  FileBuilder file;
+  const BusLayout layout = dataFrames();
+  const Link group = file.busLog(layout, {busRecord(layout, 0, {{"ID", 1}})});
+  file.setByte(file.dataPosition(group), 1);  // record ids of one byte
+  const Outcome outcome = runTolvex("cat " + file.write());
+  EXPECT_EQ(outcome.exitCode, 1);
+  EXPECT_EQ(outcome.out, "");
+  EXPECT_NE(outcome.err.find("data group 0 is unsorted"), std::string::npos) << outcome.err;
+}
+
+TEST(Cat, SaysHowManyPromisedFramesAreMissing) {
+  FileBuilder file;
+  const BusLayout layout = dataFrames();
+  const Bytes record = busRecord(layout, 0, {{"ID", 1}});
+  file.busLog(layout, 5, file.dt(joined({record, record, record})));
+  const Outcome outcome = runTolvex("cat " + file.write());
+  EXPECT_EQ(outcome.exitCode, 3);
+  EXPECT_EQ(outcome.lines().size(), 3U);
+  EXPECT_NE(outcome.err.find("3 of 5 frames"), std::string::npos) << outcome.err;
+}
+
+}  // namespace
+}  // namespace tolvex

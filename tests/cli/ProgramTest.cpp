@@ -1,0 +1,136 @@
+// How the program is used, how it fails, and what it says of a file.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "tests/cli/Program.h"
+
+namespace tolvex {
+namespace {
+
+using namespace test;
+using Json = nlohmann::ordered_json;
+
+TEST(Program, EndsWithTheCodeAndTheWordsForWhatHappened) {
+  const std::string raw = realFile("raw-00000005.MF4");
+  const std::string decoded = realFile("decoded-00000005.mf4");
+  const struct {
+    std::string arguments;
+    int exitCode;
+    std::string said;  // on the standard error
+  } cases[] = {
+      {"--version", 0, ""},
+      {"--help", 0, ""},
+      {"cat --help", 0, ""},
+      {"", 2, "info, cat or export"},
+      {"dance", 2, "dance"},
+      {"info", 2, "FILE"},
+      {"cat " + raw + " --format xml", 2, "candump,csv,ndjson"},
+      {"cat " + raw + " --start nan", 2, "--start"},
+      {"export " + decoded, 2, "-o"},
+      {"export " + decoded + " --cg 0", 2, "--dg"},
+      {"export " + decoded + " --dg -1", 2, "--dg"},
+      {"info no-such-file.mf4", 1, "no-such-file.mf4: No such file"},
+      {"info " + realFile("canmod-gps.dbc"), 1, "expected \"MDF     \", found \"VERSION \""},
+      {"cat " + realFile("unfinalized-00000002.MF4"), 1, "unfinalized recording"},
+      {"info " + realFile("unfinalized-00000170.MF4"), 1, "unfinalized recording"},
+      {"export " + decoded + " --dg 9", 1, "no data group 9"},
+      {"export " + decoded + " --dg 0 --channel Nope", 1, "no channel \"Nope\""},
+      {"cat " + decoded, 0, "no CAN frames"},
+      {"cat " + raw + " > /dev/full", 1, "standard output: No space left"},
+      {"info " + raw + " > /dev/full", 1, "standard output: No space left"},
+      {"--version > /dev/full", 1, "standard output: No space left"},
+      {"export " + decoded + " --dg 8 -o /dev/full", 1, "/dev/full: No space left"},
+      {"export " + decoded + " -o " + raw, 1, raw},
+  };
+  for (const auto& [arguments, exitCode, said] : cases) {
+    SCOPED_TRACE(arguments);
+    const Outcome outcome = runTolvex(arguments);
+    EXPECT_EQ(outcome.exitCode, exitCode);
+    EXPECT_NE(outcome.err.find(said), std::string::npos) << outcome.err;
+    EXPECT_EQ(outcome.err.empty(), said.empty()) << outcome.err;
+    EXPECT_EQ(outcome.out.empty(), !said.empty()) << outcome.out;
+  }
+}
+
+TEST(Program, TakesAClosedPipeForANormalEnd) {
+  const std::string file = realFile("raw-00000005.MF4");
+  const TempDir dir;
+  const std::string code = dir.path("code");
+  const Outcome outcome =
+      runTolvex("cat " + file + " --format ndjson; echo $? > " + code + "; } | { head -n 1");
+  EXPECT_EQ(contentOf(code), "0\n");
+  EXPECT_EQ(outcome.lines().size(), 1U);
+  EXPECT_EQ(outcome.err, "");
+}
+
+TEST(Program, DescribesAFileInJson) {
+  const Outcome outcome = runTolvex("info " + realFile("decoded-00000005.mf4") + " --format json");
+  ASSERT_EQ(outcome.exitCode, 0) << outcome.err;
+  const Json file = Json::parse(outcome.out);
+  const std::vector<std::string> fileKeys = {"file",    "size",          "version",
+                                             "program", "start_time_ns", "groups"};
+  const std::vector<std::string> groupKeys = {"dg",          "cg",       "name",     "records",
+                                              "record_size", "channels", "unsorted", "duration_s"};
+  const auto keys = [](const Json& object) {
+    std::vector<std::string> names;
+    for (const auto& entry : object.items()) {
+      names.push_back(entry.key());
+    }
+    return names;
+  };
+  EXPECT_EQ(keys(file), fileKeys);
+  EXPECT_EQ(file["size"], 285112);
+  EXPECT_EQ(file["version"], "4.11");
+  EXPECT_EQ(file["start_time_ns"], 1627274454000000000U);
+  ASSERT_EQ(file["groups"].size(), 9U);
+  const Json& group = file["groups"][2];
+  EXPECT_EQ(keys(group), groupKeys);
+  EXPECT_EQ(group["name"], "CAN2 message ID=0x3 from 0x3");
+  EXPECT_EQ(group["records"], 41);
+  EXPECT_EQ(group["record_size"], 26);
+  EXPECT_EQ(group["channels"][2].dump(),
+            R"({"cn":2,"name":"Latitude","unit":"deg","comment":"Latitude","channel_type":0,)"
+            R"("sync_type":0,"data_type":4,"byte_offset":9,"bit_offset":0,"bit_count":64,)"
+            R"("conversion_type":0})");
+}
+
+// Names that are no text at all must neither end the program nor reach the terminal as they are.
+TEST(Program, DescribesAFileOnOneScreen) {
+  FileBuilder file({.program = "my\x1b[2J", .startTimeNs = 1'627'274'454'250'000'000});
+  file.signalGroup({{.name = "Geschw\xC3\xB6hnlich",
+                     .dataType = 3,
+                     .byteOffset = 8,
+                     .bitCount = 16,
+                     .conversion = file.cc({.type = 1, .values = {0, 2}}),
+                     .unit = file.tx("km/h")},
+                    {.name = "bad\xFF", .dataType = 6, .byteOffset = 10, .bitCount = 16}},
+                   {packed(0.5, std::uint32_t{0}), packed(2.0, std::uint32_t{0})});
+  const std::string path = file.write();
+  const Outcome text = runTolvex("info " + path);
+  EXPECT_EQ(text.exitCode, 0) << text.err;
+  EXPECT_EQ(text.out,
+            path +
+                "\n"
+                "  size     " +
+                std::to_string(file.size()) +
+                " bytes\n"
+                "  version  4.10\n"
+                "  program  my?[2J\n"
+                "  start    2021-07-26T04:40:54.25Z\n"
+                "  groups   1\n"
+                "\n"
+                "dg 0 cg 0  signals\n"
+                "  2 records of 12 bytes, 1.500 s\n"
+                "  NAME           UNIT  TYPE                   BITS  CONVERSION\n"
+                "  time                 float 64, master time  64\n"
+                "  Geschw\xC3\xB6hnlich  km/h  int 16 BE              16    linear conversion\n"
+                "  bad\xEF\xBF\xBD                 string                 16\n");
+  const Outcome json = runTolvex("info " + path + " --format json");
+  EXPECT_EQ(json.exitCode, 0) << json.err;
+  EXPECT_EQ(Json::parse(json.out)["groups"][0]["duration_s"], 1.5);
+}
+
+}  // namespace
+}  // namespace tolvex

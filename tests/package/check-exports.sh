@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# check-exports.sh LIBRARY HEADERS: the shared library exports the interface that the headers
+# declare (member functions of the exported classes, plain functions) and nothing beside it.
+set -euo pipefail
+library=$1
+headers=$2
+
+classes=$(sed -nE 's/^(class|struct) TOLVEX_EXPORT ([A-Za-z0-9_]+).*/\2/p' "$headers"/*.h | paste -sd '|')
+functions=$(grep -v '^#' "$headers/MdfEngine.h" | tr '\n' ' ' |
+  grep -oE 'TOLVEX_API [^(;]*\(' | sed -E 's/.*[ *]([A-Za-z0-9_]+)\($/\1/')
+
+exported=$(nm -DC --defined-only "$library" |
+  sed -E 's/^[0-9a-f]* +[A-Za-z] //; s/\[abi:cxx11\]//' | sort -u)
+interface="(typeinfo|typeinfo name|vtable) for tolvex::($classes)|tolvex::($classes)::[^:(]+(\(.*)?"
+foreign=$(grep -vxE "$interface" <<<"$exported" | grep -vxFf <(echo "$functions") || true)
+absent=$(grep -vxFf <(echo "$exported") <<<"$functions" || true)
+
+echo "$(wc -l <<<"$exported") symbols exported by $(basename "$library")"
+if [ -n "$foreign$absent" ]; then
+  printf 'exported, not part of the interface:\n%s\n' "$foreign"
+  printf 'declared, not exported:\n%s\n' "$absent"
+  exit 1
+fi

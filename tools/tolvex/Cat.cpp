@@ -1,0 +1,160 @@
+// tolvex cat: the CAN frames of a bus log, in time order.
+
+#include <fmt/format.h>
+#include <tolvex/Mdf4.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <optional>
+
+#include "Command.h"
+#include "FrameText.h"
+
+namespace tolvex {
+
+namespace {
+
+struct CatOptions {
+  std::string file;
+  std::string format = "candump";
+  std::optional<double> start;  // seconds
+  std::optional<double> end;
+};
+
+FrameFormat formatOf(const std::string& name) {
+  return name == "csv"      ? FrameFormat::Csv
+         : name == "ndjson" ? FrameFormat::Ndjson
+                            : FrameFormat::Candump;
+}
+
+// A span of frame times, nanoseconds since the recording's start, both ends included.
+struct Window {
+  std::int64_t firstNs = std::numeric_limits<std::int64_t>::min();
+  std::int64_t lastNs = std::numeric_limits<std::int64_t>::max();
+};
+
+// Seconds to nanoseconds, as far as 64 bits go.
+std::int64_t toNanoseconds(double seconds) {
+  constexpr double kLimit = 9.2e18;
+  return static_cast<std::int64_t>(std::clamp(std::round(seconds * 1e9), -kLimit, kLimit));
+}
+
+Window windowOf(const CatOptions& options) {
+  Window window;
+  if (options.start) {
+    window.firstNs = toNanoseconds(*options.start);
+  }
+  if (options.end) {
+    window.lastNs = toNanoseconds(*options.end) - 1;
+  }
+  return window;
+}
+
+std::uint64_t countPromised(const std::vector<MdfGroupInfo>& groups) {
+  std::uint64_t count = 0;
+  for (const MdfGroupInfo& group : groups) {
+    count += std::min(group.recordCount, std::numeric_limits<std::uint64_t>::max() - count);
+  }
+  return count;
+}
+
+// Writes all frames inside the window. Gives the number of frames read, inside or not.
+std::uint64_t writeFrames(MdfReader& reader, const Window& window, FrameText& text,
+                          const Output& out) {
+  std::uint64_t read = 0;
+  for (;; ++read) {
+    const MdfFrame frame = reader.getNext();
+    const auto* message = std::get_if<std::shared_ptr<MdfCanMessage>>(&frame);
+    if ((message != nullptr && *message == nullptr) || !out.good()) {
+      return read;
+    }
+    const std::int64_t timeNs = MdfReader::getSignedTimestampNsFromVariant(frame);
+    if (timeNs < window.firstNs || timeNs > window.lastNs) {
+      continue;
+    }
+    if (message != nullptr) {
+      text.write(**message);
+    } else {
+      text.write(*std::get<std::shared_ptr<MdfCanError>>(frame));
+    }
+  }
+}
+
+int cat(const CatOptions& options) {
+  MdfReader reader(options.file);
+  if (!openOrComplain(reader, options.file)) {
+    return kFailed;
+  }
+  reader.setPayloadByDlc(true);
+  reader.setRequireFields(true);
+  const std::vector<MdfGroupInfo> groups = reader.getBusLogGroups();
+  if (std::ranges::any_of(groups, [&](const MdfGroupInfo& group) {
+        return complainIfUnsorted(group, options.file);
+      })) {
+    return kFailed;
+  }
+  Output out;
+  if (groups.empty()) {
+    complain(options.file, "no CAN frames");
+    return finish(out, reader, options.file, kDone);
+  }
+  FrameText text(out, formatOf(options.format), reader.getFileInfo().startTimeNs);
+  text.writeHeader();
+  const std::uint64_t read = writeFrames(reader, windowOf(options), text, out);
+  const std::uint64_t promised = countPromised(groups);
+  const bool lost = out.good() && read < promised;
+  const int exitCode = finish(out, reader, options.file, lost ? kLost : kDone);
+  if (lost) {
+    complain(options.file, fmt::format("{} of {} frames could be read", read, promised));
+  }
+  return exitCode;
+}
+
+}  // namespace
+
+void addCat(CLI::App& app, Command& chosen) {
+  const auto options = std::make_shared<CatOptions>();
+  CLI::App* command = app.add_subcommand("cat", "Print the CAN frames of a bus log in time order");
+  command->add_option("FILE", options->file, "The measurement file")->required();
+  command->add_option("--format", options->format, "The form of the lines; candump by default")
+      ->type_name("FORMAT")
+      ->check(CLI::IsMember({"candump", "csv", "ndjson"}));
+  const auto number = [](const std::string& text) {
+    return std::isnan(std::strtod(text.c_str(), nullptr)) ? "not a number: " + text : "";
+  };
+  command
+      ->add_option("--start", options->start,
+                   "The first time to print, in seconds since the recording's start; may be\n"
+                   "negative")
+      ->type_name("SECONDS")
+      ->check(number, "");
+  command
+      ->add_option("--end", options->end,
+                   "The time to print up to but not including, in seconds since the\n"
+                   "recording's start")
+      ->type_name("SECONDS")
+      ->check(number, "");
+  command->footer(
+      "Formats:\n"
+      "  candump  the log format of can-utils, read by canplayer: (SECONDS) canN ID#DATA with the\n"
+      "           seconds since 1970 (UTC), identifier and data hexadecimal; ID##FDATA for CAN FD\n"
+      "           (F: 1 bit rate switch, 2 error state), ID#RDLC for remote frames; error frames\n"
+      "           have 0x20000000 added to the identifier\n"
+      "  csv      every field, a line of names first; empty where a kind of frame has no such "
+      "field\n"
+      "  ndjson   the same fields, a JSON object per line; null where there is no such field\n"
+      "In csv and ndjson, time_ns is nanoseconds since the recording's start, time is seconds "
+      "since\n"
+      "1970 (UTC), id is decimal, length is bytes, data is hexadecimal.\n"
+      "\n"
+      "Examples:\n"
+      "  tolvex cat drive.mf4 --start 10 --end 20 > part.log\n"
+      "  tolvex cat drive.mf4 | canplayer vcan0=can0\n"
+      "  tolvex cat drive.mf4 --format ndjson | jq 'select(.id == 291)'");
+  command->callback([options, &chosen] { chosen = [options] { return cat(*options); }; });
+}
+
+}  // namespace tolvex

@@ -1,0 +1,55 @@
+// What the program's commands share: how they are found, how they end and how they complain.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "Output.h"
+
+namespace CLI {
+class App;
+}
+
+namespace tolvex {
+
+class MdfBaseReader;
+struct MdfGroupInfo;
+
+enum ExitCode : int {
+  kDone = 0,
+  kFailed = 1,
+  kWrongUse = 2,
+  kLost = 3,  // done, but something of the file did not reach the result
+};
+
+// The chosen command with its options; gives the exit code.
+using Command = std::function<int()>;
+
+// Each adds its command with options and help to `app`. When the command line chooses it, parsing
+// sets `chosen`.
+void addInfo(CLI::App& app, Command& chosen);
+void addCat(CLI::App& app, Command& chosen);
+void addExport(CLI::App& app, Command& chosen);
+
+// Writes the line "tolvex: FILE: what" to the standard error.
+void complain(std::string_view file, std::string_view what);
+
+// Opens the reader's file, or complains and gives false.
+bool openOrComplain(MdfBaseReader& reader, const std::string& file);
+
+// Whether the group is unsorted, which it then complains about: its records cannot be told apart.
+bool complainIfUnsorted(const MdfGroupInfo& group, const std::string& file);
+
+// Complains about each damage that the reader met. kLost if there was any, else `soFar`.
+ExitCode reportProblems(const MdfBaseReader& reader, const std::string& file, ExitCode soFar);
+
+// The exit code after all results were written: closes `out`, which may fail, then reports the
+// problems. A reader of our pipe that went away is a normal end.
+ExitCode finish(Output& out, const MdfBaseReader& reader, const std::string& file, ExitCode soFar);
+
+// `text`, which comes from a file, fit to be shown: control characters become '?', bytes that are
+// no UTF-8 become U+FFFD.
+std::string printable(std::string_view text);
+
+}  // namespace tolvex

@@ -1,0 +1,55 @@
+// A channel's values as cells of a CSV file.
+#pragma once
+
+#include <tolvex/Mdf4.h>
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Output.h"
+
+namespace tolvex {
+
+// Writes `text`, in quotes where the format asks for them.
+void writeCsvText(Output& out, std::string_view text);
+
+// One channel of a group. Decodes its value in a record and writes it as one cell; the cell stays
+// empty where there is no valid value. Borrows the reader. Not synchronised: one thread at a time.
+class CsvColumn {
+ public:
+  // `raw`: numbers as they stand in the records, without the conversion.
+  CsvColumn(MdfSigReader& reader, int dg, int cg, int cn, bool raw);
+
+  const std::string& name() const { return name_; }
+  const std::string& unit() const { return description_.unit; }
+  bool isMasterTime() const;
+
+  // `index`: the record's number in its group.
+  void writeCell(Output& out, std::span<const std::uint8_t> record, std::uint64_t index);
+
+ private:
+  enum class Kind { Physical, RawUnsigned, RawSigned, RawFloat, Index, Text, Bytes };
+
+  static Kind kindOf(const MdfSigCCInfo& description, std::uint32_t bitCount, bool raw);
+  void writePhysical(Output& out, std::span<const std::uint8_t> record);
+  void writeConverted(Output& out, double value);  // or the text that goes with it
+  void writeRaw(Output& out, std::span<const std::uint8_t> record);
+  void writeIndex(Output& out, std::uint64_t index);
+
+  MdfSigReader& reader_;
+  int dg_;
+  int cg_;
+  int cn_;
+  bool raw_;
+  std::string name_;
+  MdfSigCCInfo description_;
+  Kind kind_;
+  bool hasInvalidSamples_;
+  std::string text_;  // scratch
+  std::vector<std::uint8_t> bytes_;
+};
+
+}  // namespace tolvex

@@ -1,0 +1,318 @@
+// tolvex export: signals as CSV files of physical values.
+
+#include <fmt/format.h>
+#include <tolvex/Mdf4.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <set>
+
+#include "Command.h"
+#include "CsvColumn.h"
+#include "Progress.h"
+
+namespace tolvex {
+
+namespace {
+
+constexpr std::uint64_t kBlockBytes = 1 << 20;  // read at once
+
+struct ExportOptions {
+  std::string file;
+  std::optional<int> dg;
+  int cg = 0;
+  std::vector<std::string> channels;  // all when empty
+  bool raw = false;
+  std::string output;
+
+  bool wants(const std::string& channel) const {
+    return channels.empty() || std::ranges::find(channels, channel) != channels.end();
+  }
+};
+
+// The columns of one group.
+struct Columns {
+  std::optional<CsvColumn> time;  // without it, the record's number comes first
+  std::vector<CsvColumn> values;
+};
+
+Columns columnsOf(MdfSigReader& reader, const MdfGroupInfo& group, const ExportOptions& options) {
+  const int dg = group.dgIndex;
+  const int cg = group.cgIndex;
+  const int count = reader.getCNCount(dg, cg);
+  Columns columns;
+  for (int cn = 0; cn < count; ++cn) {
+    CsvColumn column(reader, dg, cg, cn, options.raw);
+    if (!columns.time && column.isMasterTime()) {
+      columns.time.emplace(reader, dg, cg, cn, false);
+    } else if (options.wants(column.name())) {
+      columns.values.push_back(std::move(column));
+    }
+  }
+  return columns;
+}
+
+bool hasWanted(const Columns& columns, const ExportOptions& options) {
+  return !columns.values.empty() || (columns.time && options.wants(columns.time->name()));
+}
+
+void writeHeader(Output& out, const Columns& columns) {
+  const auto title = [](const CsvColumn& column) {
+    return column.unit().empty() ? column.name()
+                                 : fmt::format("{} [{}]", column.name(), column.unit());
+  };
+  writeCsvText(out, columns.time ? title(*columns.time) : "record");
+  for (const CsvColumn& column : columns.values) {
+    out.write(',');
+    writeCsvText(out, title(column));
+  }
+  out.write('\n');
+}
+
+void writeRow(Output& out, Columns& columns, std::span<const std::uint8_t> record,
+              std::uint64_t index) {
+  if (columns.time) {
+    columns.time->writeCell(out, record, index);
+  } else {
+    out.write(std::to_string(index));
+  }
+  for (CsvColumn& column : columns.values) {
+    out.write(',');
+    column.writeCell(out, record, index);
+  }
+  out.write('\n');
+}
+
+std::string nameOf(const MdfGroupInfo& group) {
+  return fmt::format("data group {} channel group {}", group.dgIndex, group.cgIndex);
+}
+
+// Writes the group's readable records. Gives their number.
+std::uint64_t writeRecords(MdfSigReader& reader, const MdfGroupInfo& group, Columns& columns,
+                           Output& out) {
+  if (group.recordSize == 0) {
+    return 0;
+  }
+  const std::uint64_t total =
+      std::min<std::uint64_t>(group.recordCount, std::numeric_limits<int>::max());
+  std::uint64_t step = std::max<std::uint64_t>(1, kBlockBytes / group.recordSize);
+  std::uint64_t done = 0;
+  std::vector<std::uint8_t> block;
+  Progress progress(nameOf(group), group.recordCount);
+  while (done < total && out.good()) {
+    step = std::min(step, total - done);
+    int recordSize = 0;
+    if (!reader.readSignalDataBlock(group.dgIndex, group.cgIndex, static_cast<int>(done),
+                                    static_cast<int>(step), block, recordSize)) {
+      if (step == 1) {
+        break;
+      }
+      step /= 2;  // the data end before the last of them
+      continue;
+    }
+    const auto size = static_cast<std::size_t>(recordSize);
+    for (std::size_t at = 0; at + size <= block.size(); at += size, ++done) {
+      writeRow(out, columns, std::span(block).subspan(at, size), done);
+    }
+    progress.update(done);
+  }
+  return done;
+}
+
+// Writes the group's header and records. kLost, said why, when records are missing.
+ExitCode exportGroup(MdfSigReader& reader, const MdfGroupInfo& group, Columns& columns, Output& out,
+                     const std::string& file) {
+  writeHeader(out, columns);
+  const std::uint64_t written = writeRecords(reader, group, columns, out);
+  if (!out.good() || written >= group.recordCount) {
+    return kDone;
+  }
+  complain(file, fmt::format("{}: {} of {} records could be read", nameOf(group), written,
+                             group.recordCount));
+  const std::vector<int> signalGroups = reader.getDataGroupSigsIndex();
+  if (!std::ranges::binary_search(signalGroups, group.dgIndex)) {
+    complain(file, fmt::format("{} holds no signals; 'tolvex cat' prints the frames of a bus log",
+                               nameOf(group)));
+  }
+  return kLost;
+}
+
+// kDone, or the exit code when the file cannot be written, said why.
+ExitCode openOutput(Output& out, const std::string& path, const std::string& input) {
+  switch (out.open(path, input)) {
+    case Output::Opened::Yes:
+      return kDone;
+    case Output::Opened::IsTheInput:
+      complain(path, "is the input itself; name another output");
+      return kWrongUse;
+    case Output::Opened::Failed:
+      break;
+  }
+  complain(path, out.error());
+  return kFailed;
+}
+
+// Complains about the first wanted channel that none of `groups` has.
+bool channelsExist(MdfSigReader& reader, const std::vector<MdfGroupInfo>& groups,
+                   const ExportOptions& options) {
+  std::set<std::string> missing(options.channels.begin(), options.channels.end());
+  for (const MdfGroupInfo& group : groups) {
+    const int count = reader.getCNCount(group.dgIndex, group.cgIndex);
+    for (int cn = 0; cn < count && !missing.empty(); ++cn) {
+      missing.erase(reader.getCNName(group.dgIndex, group.cgIndex, cn));
+    }
+  }
+  if (!missing.empty()) {
+    complain(options.file, fmt::format("no channel \"{}\"", *missing.begin()));
+  }
+  return missing.empty();
+}
+
+int exportOne(MdfSigReader& reader, const ExportOptions& options) {
+  MdfGroupInfo group;
+  if (!reader.getGroupInfo(*options.dg, options.cg, group)) {
+    complain(options.file,
+             fmt::format("no data group {} with a channel group {}", *options.dg, options.cg));
+    return kFailed;
+  }
+  if (complainIfUnsorted(group, options.file) || !channelsExist(reader, {group}, options)) {
+    return kFailed;
+  }
+  Output out;
+  if (!options.output.empty()) {
+    if (const ExitCode code = openOutput(out, options.output, options.file); code != kDone) {
+      return code;
+    }
+  }
+  Columns columns = columnsOf(reader, group, options);
+  const ExitCode code = exportGroup(reader, group, columns, out, options.file);
+  return finish(out, reader, options.file, code);
+}
+
+// "dg0_cg0_Engine_data.csv".
+std::string fileNameOf(const MdfGroupInfo& group) {
+  constexpr std::size_t kMaxLength = 80;
+  std::string name = fmt::format("dg{}_cg{}", group.dgIndex, group.cgIndex);
+  if (!group.name.empty()) {
+    name += '_' + group.name.substr(0, kMaxLength);
+  }
+  const auto isPlain = [](char c) {
+    return (std::isalnum(static_cast<unsigned char>(c)) != 0) || c == '-' || c == '.';
+  };
+  std::ranges::replace_if(
+      name, [&](char c) { return !isPlain(c); }, '_');
+  return name + ".csv";
+}
+
+std::vector<MdfGroupInfo> listGroups(MdfSigReader& reader) {
+  std::vector<MdfGroupInfo> groups;
+  const int dataGroups = reader.getDGCount();
+  for (int dg = 0; dg < dataGroups; ++dg) {
+    MdfGroupInfo group;
+    for (int cg = 0; reader.getGroupInfo(dg, cg, group); ++cg) {
+      groups.push_back(group);
+    }
+  }
+  return groups;
+}
+
+int exportAll(MdfSigReader& reader, const ExportOptions& options) {
+  const std::vector<MdfGroupInfo> groups = listGroups(reader);
+  if (!channelsExist(reader, groups, options)) {
+    return kFailed;
+  }
+  const std::filesystem::path folder(options.output);
+  std::error_code error;
+  std::filesystem::create_directories(folder, error);
+  if (error) {
+    complain(options.output, error.message());
+    return kFailed;
+  }
+  ExitCode soFar = kDone;
+  for (const MdfGroupInfo& group : groups) {
+    if (complainIfUnsorted(group, options.file)) {
+      soFar = kLost;
+      continue;
+    }
+    Columns columns = columnsOf(reader, group, options);
+    if (!options.channels.empty() && !hasWanted(columns, options)) {
+      continue;
+    }
+    Output out;
+    const std::string path = folder / fileNameOf(group);
+    if (const ExitCode code = openOutput(out, path, options.file); code != kDone) {
+      return code;
+    }
+    if (exportGroup(reader, group, columns, out, options.file) == kLost) {
+      soFar = kLost;
+    }
+    if (!out.close()) {
+      complain(out.name(), out.error());
+      return kFailed;
+    }
+  }
+  return reportProblems(reader, options.file, soFar);
+}
+
+int exportSignals(const ExportOptions& options) {
+  if (!options.dg && options.output.empty()) {
+    complain("export", "without --dg, -o must name a folder for the groups' files");
+    return kWrongUse;
+  }
+  MdfSigReader reader(options.file);
+  if (!openOrComplain(reader, options.file)) {
+    return kFailed;
+  }
+  return options.dg ? exportOne(reader, options) : exportAll(reader, options);
+}
+
+}  // namespace
+
+void addExport(CLI::App& app, Command& chosen) {
+  const auto options = std::make_shared<ExportOptions>();
+  CLI::App* command = app.add_subcommand("export", "Write signals as CSV files");
+  command->add_option("FILE", options->file, "The measurement file")->required();
+  CLI::Option* dg =
+      command
+          ->add_option("--dg", options->dg,
+                       "The data group, counted from 0; by default every group is exported")
+          ->type_name("N")
+          ->check(CLI::NonNegativeNumber.description(""));
+  command->add_option("--cg", options->cg, "The channel group in it, counted from 0; by default 0")
+      ->type_name("M")
+      ->check(CLI::NonNegativeNumber.description(""))
+      ->needs(dg);
+  command
+      ->add_option("--channel", options->channels,
+                   "Export the channels of this name only; may be given several times")
+      ->type_name("NAME")
+      ->allow_extra_args(false);
+  command->add_flag("--raw", options->raw,
+                    "Numbers as recorded, before the conversion to physical values; the time\n"
+                    "column stays physical");
+  command
+      ->add_option("-o,--output", options->output,
+                   "With --dg, the file to write; by default the standard output. Without --dg,\n"
+                   "the folder that gets a file dgN_cgM_NAME.csv for every group")
+      ->type_name("OUT");
+  command->footer(
+      "The first column is the group's time, or the record's number (from 0) in a group without\n"
+      "one; then the channels in the file's order. Columns are headed \"name [unit]\". Numbers "
+      "read\n"
+      "back as the same 64-bit floating point number; texts are quoted where they hold a comma,\n"
+      "a quote or a line end; byte arrays are hexadecimal. A cell is empty where a sample is\n"
+      "invalid or cannot be converted. Lines end in a line feed.\n"
+      "\n"
+      "Examples:\n"
+      "  tolvex export drive.mf4 -o drive\n"
+      "  tolvex export drive.mf4 --dg 2 --channel Speed --channel Gear -o speed.csv\n"
+      "  tolvex export drive.mf4 --dg 2 --raw | head");
+  command->callback([options, &chosen] { chosen = [options] { return exportSignals(*options); }; });
+}
+
+}  // namespace tolvex

@@ -1,0 +1,40 @@
+#include "Progress.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <utility>
+
+namespace tolvex {
+
+namespace {
+
+constexpr std::chrono::milliseconds kPeriod(200);
+constexpr const char* kClearLine = "\r\x1b[K";
+
+}  // namespace
+
+Progress::Progress(std::string what, std::uint64_t total)
+    : what_(std::move(what)),
+      total_(total),
+      shown_(::isatty(STDERR_FILENO) == 1),
+      next_(std::chrono::steady_clock::now() + kPeriod) {}
+
+Progress::~Progress() {
+  if (shown_) {
+    fmt::print(stderr, "{}", kClearLine);
+  }
+}
+
+void Progress::update(std::uint64_t done) {
+  const auto now = std::chrono::steady_clock::now();
+  if (!shown_ || now < next_) {
+    return;
+  }
+  next_ = now + kPeriod;
+  const double percent = 100.0 * static_cast<double>(done) / static_cast<double>(total_);
+  fmt::print(stderr, "{}{}: {:.0f} % ({} of {} records)", kClearLine, what_, percent, done, total_);
+}
+
+}  // namespace tolvex

@@ -1,0 +1,79 @@
+// The tolvex program: shows, prints and exports measurement files at a shell.
+
+#include <tolvex/MdfEngine.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <exception>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+#include "Command.h"
+
+namespace tolvex {
+
+namespace {
+
+int complainOfUse(std::string_view what) {
+  std::cerr << "tolvex: " << what << "\nRun 'tolvex --help' for the commands, "
+            << "'tolvex COMMAND --help' for their options.\n";
+  return kWrongUse;
+}
+
+// Help and version are results; everything else that ends the parsing is wrong use.
+int showOutcome(const CLI::App& app, const CLI::ParseError& outcome) {
+  std::ostringstream text;
+  if (app.exit(outcome, text, text) != 0) {
+    return complainOfUse(outcome.what());
+  }
+  Output out;
+  out.write(text.str());
+  if (!out.close() && !out.pipeClosed()) {
+    complain(out.name(), out.error());
+    return kFailed;
+  }
+  return kDone;
+}
+
+int run(int argc, char** argv) {
+  CLI::App app("Shows, prints and exports measurement files in the ASAM MDF 4 format.", "tolvex");
+  app.set_version_flag("--version", "tolvex " TOLVEX_VERSION, "Print the version and exit");
+  app.require_subcommand(0, 1);
+  app.footer(
+      "Examples:\n"
+      "  tolvex info drive.mf4                  what the file holds\n"
+      "  tolvex cat drive.mf4 | head            the first CAN frames\n"
+      "  tolvex export drive.mf4 -o drive       all signals, a CSV file per group\n"
+      "\n"
+      "Results go to the standard output, everything else to the standard error.\n"
+      "Exit codes: 0 done, 1 failed, 2 wrong use, 3 done but something was lost.");
+  Command chosen;
+  addInfo(app, chosen);
+  addCat(app, chosen);
+  addExport(app, chosen);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& outcome) {
+    return showOutcome(app, outcome);
+  }
+  return chosen ? chosen() : complainOfUse("which command? info, cat or export");
+}
+
+}  // namespace
+
+}  // namespace tolvex
+
+int main(int argc, char** argv) {
+  // Diagnostics of the library would end up among the results; what matters comes as errors.
+  setDiagnosticHandler(nullptr, nullptr);
+  // A closed pipe shows as a failed write.
+  std::signal(SIGPIPE, SIG_IGN);
+  try {
+    return tolvex::run(argc, argv);
+  } catch (const std::exception& error) {  // out of memory, mostly
+    std::cerr << "tolvex: " << error.what() << '\n';
+    return tolvex::kFailed;
+  }
+}
