@@ -104,6 +104,12 @@ Fields model(const Layout& layout, bool payloadByDlc, const Bytes& record,
   Fields f;
   for (const CanFieldSlot& slot : layout) f.isError |= slot.kind == kError;
   std::size_t limit = ~std::size_t{0};
+  std::uint64_t code = 0;
+  const CanFieldSlot* fd = nullptr;
+  for (const CanFieldSlot& slot : layout) {
+    if (slot.kind == kData && slot.field == CanField::EDL) fd = &slot;
+  }
+  const bool isFd = fd != nullptr && bitsOf(*fd, record) != 0;
   for (const CanFieldSlot& slot : layout) {
     const CanField field = slot.field;
     if (f.isError && slot.kind != kError) continue;
@@ -121,7 +127,10 @@ Fields model(const Layout& layout, bool payloadByDlc, const Bytes& record,
     } else if (field == CanField::DLC) {
       if (f.isError || byte <= 15) f.dlc = byte;
       const std::size_t length = MdfCanMessage::DlcToLength(byte);
-      if (payloadByDlc && byte <= 15) limit = length;
+      if (payloadByDlc && byte <= 15) {
+        limit = length;
+        code = byte;
+      }
       if (!f.isError && byte <= 15) f.payload.resize(slot.kind == kRemote ? 0 : length);
     } else if (field == CanField::DataBytes) {
       Bytes bytes;
@@ -137,7 +146,7 @@ Fields model(const Layout& layout, bool payloadByDlc, const Bytes& record,
       bytes.resize(std::min(bytes.size(), limit));
       MdfCanMessage message;
       message.DataBytes(bytes);
-      if (!f.isError) f.dlc = message.Dlc();
+      if (!f.isError) f.dlc = message.Dlc() == 8 && code > 8 && !isFd ? code : message.Dlc();
       f.payload = f.isError ? bytes : message.DataBytes();
     } else if (field == CanField::ID) {
       f.id = !f.isError && low >= 0x800 ? low | 0x80000000 : low;
@@ -255,7 +264,7 @@ TEST(CanRecordDecoder, CutsAPayloadToTheRecordsOwnCode) {
     std::uint32_t field;
     std::uint8_t code, dlc;
     std::size_t size;
-  } rows[] = {{8, 0, 0, 0},  {8, 8, 8, 8},   {8, 9, 8, 8},     {8, 15, 8, 8},    {8, 16, 8, 8},
+  } rows[] = {{8, 0, 0, 0},  {8, 8, 8, 8},   {8, 9, 9, 8},     {8, 15, 15, 8},   {8, 16, 8, 8},
               {64, 8, 8, 8}, {64, 9, 9, 12}, {64, 14, 14, 48}, {64, 15, 15, 64}, {12, 15, 9, 12}};
   for (const auto& [field, code, dlc, size] : rows) {
     const Bytes record = recordOf(kCanDataFrames, field, {0, code});

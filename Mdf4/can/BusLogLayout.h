@@ -22,6 +22,7 @@ inline constexpr std::array<std::uint8_t, 16> kDlcLengths = {0, 1,  2,  3,  4,  
                                                              8, 12, 16, 20, 24, 32, 48, 64};
 inline constexpr std::uint8_t kMaxDlc = 15;
 inline constexpr std::uint32_t kMaxPayload = 64;  // bytes
+inline constexpr std::uint32_t kMaxClassicPayload = 8;
 
 // The payload bytes of `dlc`; 0 for a code above 15.
 constexpr std::uint32_t dlcToLength(std::uint8_t dlc) {

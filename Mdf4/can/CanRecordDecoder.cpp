@@ -225,13 +225,17 @@ void CanRecordDecoder::decodePayload(ByteSpan record, PayloadSource* payloads,
   ByteSpan bytes;  // the payload so far, without the fill bytes up to its length
   std::uint32_t length = 0;
   std::uint32_t limit = kNoLimit;
+  std::uint8_t longCode = 0;  // a code above 8 that a classic frame of 8 bytes keeps
   for (const Step& step : steps_) {
     if (step.field == CanField::DLC) {
       const auto dlc = static_cast<std::uint8_t>(step.number.read(record));
       if (dlc > kMaxDlc) continue;
       message.dlc_ = dlc;
       length = step.kind == CanFrameKind::Remote ? 0 : dlcToLength(dlc);
-      if (payloadByDlc_) limit = dlcToLength(dlc);
+      if (payloadByDlc_) {
+        limit = dlcToLength(dlc);
+        longCode = limit > kMaxClassicPayload && !message.Edl() ? dlc : std::uint8_t{0};
+      }
     } else {
       if (!step.variableLength) {
         bytes = step.inRecord(record);
@@ -243,6 +247,7 @@ void CanRecordDecoder::decodePayload(ByteSpan record, PayloadSource* payloads,
       bytes = firstBytes(bytes, limit);
       message.dlc_ = lengthToDlc(bytes.size());
       length = dlcToLength(message.dlc_);
+      if (longCode != 0 && length == kMaxClassicPayload) message.dlc_ = longCode;
     }
     bytes = firstBytes(bytes, length);
   }

@@ -13,10 +13,6 @@ std::shared_ptr<Frame> cloned(const std::shared_ptr<Frame>& frame) {
   return frame == nullptr ? nullptr : std::make_shared<Frame>(*frame);
 }
 
-MdfFrame cloned(const MdfFrame& frame) {
-  return std::visit([](const auto& pointer) -> MdfFrame { return cloned(pointer); }, frame);
-}
-
 }  // namespace
 
 FrameMerge::FrameMerge(const FrameMerge& other)
@@ -27,7 +23,10 @@ FrameMerge::FrameMerge(const FrameMerge& other)
       started_(other.started_),
       groups_(other.groups_),
       heap_(other.heap_) {
-  for (Group& group : groups_) group.pending = cloned(group.pending);
+  for (Group& group : groups_) {
+    group.copied.assign(group.record.begin(), group.record.end());
+    group.record = group.copied;
+  }
 }
 
 void FrameMerge::start(ReaderState& state) {
@@ -39,7 +38,7 @@ void FrameMerge::start(ReaderState& state) {
   }
   for (std::size_t i = 0; i < groups_.size(); ++i) {
     if (!advance(groups_[i])) continue;
-    heap_.push_back({MdfReader::getSignedTimestampNsFromVariant(groups_[i].pending), i});
+    heap_.push_back({static_cast<std::int64_t>(groups_[i].timestampNs), i});
     std::push_heap(heap_.begin(), heap_.end());
   }
 }
@@ -59,18 +58,18 @@ void FrameMerge::open(ReaderState& state, const MdfCNInfo& channel) {
                      frameTimeOf(state, channel), std::move(payloads)});
 }
 
-// Makes the group's next frame its pending one; false at the end of its records.
+// Goes to the group's next record; false at the end of its records.
 bool FrameMerge::advance(Group& group) {
   if (!isFrameRecordSize(group.recordSize) || !group.records.file().isOpen()) return false;
-  const ByteSpan record = group.records.next(group.recordSize);
-  if (record.empty()) return false;
-  if (record.size() < group.recordSize) {
+  group.record = group.records.next(group.recordSize);
+  if (group.record.empty()) return false;
+  if (group.record.size() < group.recordSize) {
     group.records.file().report(
         formatText("data group %d: record %" PRIu64 " has %zu of its %u bytes", int{group.dg},
-                   group.nextIndex, record.size(), unsigned{group.recordSize}));
+                   group.nextIndex, group.record.size(), unsigned{group.recordSize}));
   }
-  group.pending = group.decoder->decode(record, group.time.nearest(record), group.nextIndex++,
-                                        group.payloads ? &*group.payloads : nullptr);
+  group.timestampNs = group.time.nearest(group.record);
+  ++group.nextIndex;
   return true;
 }
 
@@ -78,13 +77,14 @@ MdfFrame FrameMerge::next() {
   if (heap_.empty()) return {};
   const std::size_t index = heap_.front().group;
   Group& group = groups_[index];
-  MdfFrame frame = std::move(group.pending);
+  MdfFrame frame = group.decoder->decode(group.record, group.timestampNs, group.nextIndex - 1,
+                                         group.payloads ? &*group.payloads : nullptr);
   const bool more = advance(group);
   if (more && heap_.size() == 1) return frame;  // its place in the heap is always the first
   std::pop_heap(heap_.begin(), heap_.end());
   heap_.pop_back();
   if (more) {
-    heap_.push_back({MdfReader::getSignedTimestampNsFromVariant(group.pending), index});
+    heap_.push_back({static_cast<std::int64_t>(group.timestampNs), index});
     std::push_heap(heap_.begin(), heap_.end());
   }
   return frame;

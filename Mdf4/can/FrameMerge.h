@@ -28,8 +28,9 @@ class SignalData final : public PayloadSource {
   m4DataStream stream_;
 };
 
-// Reads each group through its own stream, one record at a time, and holds one frame of each. A
-// copy goes on by itself and shares no frame with its source. Borrows the reader's state.
+// Reads each group through its own stream, one record at a time, and makes a frame of a record when
+// it is its turn. A copy goes on by itself and shares no frame with its source. Borrows the
+// reader's state.
 class FrameMerge {
  public:
   FrameMerge() = default;
@@ -54,8 +55,11 @@ class FrameMerge {
     std::shared_ptr<const CanRecordDecoder> decoder;
     FrameTime time;
     std::optional<SignalData> payloads;
-    std::uint64_t nextIndex = 0;  // of the record behind `pending`
-    MdfFrame pending = {};        // the frame that the heap's entry stands for
+    std::uint64_t nextIndex = 0;  // of the record behind `record`
+    // The record that the heap's entry stands for: a view into `records`, in a copy into `copied`.
+    ByteSpan record = {};
+    std::uint64_t timestampNs = 0;
+    std::vector<std::uint8_t> copied = {};
   };
   struct HeapEntry {
     std::int64_t timestampNs;

@@ -19,12 +19,11 @@ std::uint64_t firstBytes(ByteSpan record) {
   return record.size() < sizeof(std::uint64_t) ? 0 : loadNumber<std::uint64_t>(record.data());
 }
 
-// Halves away from zero.
+// Halves away from zero. Without branches: which way a time rounds cannot be predicted.
 std::int64_t roundToNearest(double value) {
   const auto whole = static_cast<std::int64_t>(value);
   const double rest = value - static_cast<double>(whole);
-  if (rest >= 0.5) return whole + 1;
-  return rest <= -0.5 ? whole - 1 : whole;
+  return whole + std::int64_t{rest >= 0.5} - std::int64_t{rest <= -0.5};
 }
 
 }  // namespace
@@ -57,18 +56,24 @@ std::optional<std::uint64_t> FrameTime::cutOff(ByteSpan record) const {
 }
 
 bool FrameTime::nanoseconds(ByteSpan record, double& ns) const {
-  double seconds = 0;
   if (direct_) {
     if (record.size() < offset_ || record.size() - offset_ < sizeof(double)) return false;
-    seconds = loadNumber<double>(record.data() + offset_) * factor_ + summand_;
-  } else {
-    std::string text;
-    if (!channel_ || !channel_->convertToPhysical(record.data(), record.size(), seconds, text)) {
-      return false;
-    }
+    ns = (loadNumber<double>(record.data() + offset_) * factor_ + summand_) * kNsPerSecond;
+  } else if (!convert(record, ns)) {
+    return false;
+  }
+  return std::abs(ns) < kEndOfRange;  // false for NaN
+}
+
+// Any other channel.
+bool FrameTime::convert(ByteSpan record, double& ns) const {
+  double seconds = 0;
+  std::string text;
+  if (!channel_ || !channel_->convertToPhysical(record.data(), record.size(), seconds, text)) {
+    return false;
   }
   ns = seconds * kNsPerSecond;
-  return std::abs(ns) < kEndOfRange;  // false for NaN
+  return true;
 }
 
 }  // namespace tolvex

@@ -25,6 +25,7 @@ class FrameTime {
 
  private:
   bool nanoseconds(ByteSpan record, double& ns) const;
+  bool convert(ByteSpan record, double& ns) const;
 
   std::optional<MdfSigCCInfo> channel_;
   // A float64 on whole bytes whose conversion is linear needs no more than this.

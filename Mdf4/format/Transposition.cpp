@@ -57,20 +57,26 @@ void moveFullTile(const std::uint8_t* stored, std::uint64_t rows, std::uint8_t* 
 void undoTransposition(ByteSpan stored, std::uint64_t columns, WritableBytes rowByRow) {
   const std::uint64_t rows = columns == 0 ? 0 : stored.size() / columns;
   const std::uint64_t whole = rows * columns;
-  const std::uint64_t tiledRows = rows / kTile * kTile;
-  const std::uint64_t tiledColumns = columns / kTile * kTile;
   const std::uint8_t* const in = stored.data();
   std::uint8_t* const out = rowByRow.data();
-  // Down a strip of rows at a time, so that the rows being written stay in the cache.
-  for (std::uint64_t r = 0; r < tiledRows; r += kTile) {
-    for (std::uint64_t c = 0; c < tiledColumns; c += kTile) {
-      moveFullTile(in + c * rows + r, rows, out + r * columns + c, columns);
-    }
-    moveTile(in + tiledColumns * rows + r, rows, out + r * columns + tiledColumns, columns, kTile,
-             columns - tiledColumns);
-  }
-  moveTile(in + tiledRows, rows, out + tiledRows * columns, columns, rows - tiledRows, columns);
   std::copy(in + whole, in + stored.size(), out + whole);
+  // Down a strip of rows at a time, so that the rows being written stay in the cache. Where a tile
+  // would reach beyond the matrix, it overlaps the one before it.
+  if (rows < kTile || columns < kTile) {
+    const std::uint64_t tiled = rows / kTile * kTile;
+    for (std::uint64_t r = 0; r < tiled; r += kTile) {
+      moveTile(in + r, rows, out + r * columns, columns, kTile, columns);
+    }
+    moveTile(in + tiled, rows, out + tiled * columns, columns, rows - tiled, columns);
+    return;
+  }
+  for (std::uint64_t r = 0; r < rows; r += kTile) {
+    const std::uint64_t row = std::min(r, rows - kTile);
+    for (std::uint64_t c = 0; c < columns; c += kTile) {
+      const std::uint64_t column = std::min(c, columns - kTile);
+      moveFullTile(in + column * rows + row, rows, out + row * columns + column, columns);
+    }
+  }
 }
 
 }  // namespace tolvex

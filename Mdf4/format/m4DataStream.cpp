@@ -14,6 +14,8 @@ namespace {
 
 constexpr std::uint64_t kSmallestReadAhead = 4096;
 constexpr std::uint64_t kLargestReadAhead = 256 * 1024;
+// Read serves at least this much without its own buffer in between.
+constexpr std::uint64_t kReadDirectly = 64 * 1024;
 // Data blocks that follow each other this closely are read in one call.
 constexpr std::uint64_t kLargestGap = 1024;
 constexpr std::size_t kBlocksPerCall = 48;
@@ -139,7 +141,7 @@ void m4DataStream::refill(std::uint64_t wanted) {
 std::uint64_t m4DataStream::Read(std::uint64_t length, std::uint8_t* buffer,
                                  std::uint32_t records) {
   if (merges() && records != 0) return readMerged(length, buffer, records);
-  if (length < kLargestReadAhead) {
+  if (length < kReadDirectly) {
     const std::uint64_t inWindow = at_ >= windowStart_ && at_ <= windowEnd_ ? windowEnd_ - at_ : 0;
     if (length <= inWindow) {
       std::copy_n(window_ + (at_ - windowStart_), length, buffer);

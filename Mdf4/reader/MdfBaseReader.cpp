@@ -107,9 +107,9 @@ bool ReaderState::describe(int dg, int cg, MdfGroupInfo& group) const {
   return true;
 }
 
-m4DataStream ReaderState::openStream(std::uint64_t dataLink) {
+m4DataStream ReaderState::openStream(std::uint64_t dataLink, std::uint64_t expectedSize) {
   std::shared_ptr<SegmentTable>& table = tables[dataLink];
-  if (table == nullptr) table = std::make_shared<SegmentTable>(file, dataLink, 0);
+  if (table == nullptr) table = std::make_shared<SegmentTable>(file, dataLink, expectedSize);
   return {file, table};
 }
 
@@ -119,7 +119,8 @@ std::unique_ptr<m4DataStream> ReaderState::openRecords(int dg, int cg) {
   if (data == nullptr || group == nullptr) return nullptr;
   const std::uint64_t dataLink = data->link(link::dg_data);
   if (dataLink == 0) return nullptr;
-  auto stream = std::make_unique<m4DataStream>(openStream(dataLink));
+  auto stream = std::make_unique<m4DataStream>(
+      openStream(dataLink, group->cg_cycle_count * recordSizeOf(*group)));
   if (!stream->valid()) return nullptr;
   if (tables[dataLink]->columnStorage() && group->cg_inval_bytes != 0) {
     const std::uint32_t recordSize = recordSizeOf(*group);

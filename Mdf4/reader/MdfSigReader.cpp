@@ -39,18 +39,17 @@ bool readBlock(const RecordStream& records, int start, std::uint64_t count, std:
   const std::uint64_t stored = stream.merges() ? size - records.invalBytes : size;
   if (stored == 0 || count > stream.presentSize() / stored) return false;
   const std::uint64_t total = count * size;
-  const std::uint64_t recordsPerPiece = std::max<std::uint64_t>(1, kPiece / size);
+  // Merged records come whole, and are small; others may be cut anywhere.
+  const std::uint64_t largest = stream.merges() ? std::max(kPiece / size * size, size) : kPiece;
   try {
     out.resize(std::min<std::uint64_t>(out.size(), total));
     out.reserve(std::min(total, fileSize));
     records.seek(start);
-    for (std::uint64_t done = 0; done < count;) {
-      const std::uint64_t piece = std::min(recordsPerPiece, count - done);
-      if (out.size() < (done + piece) * size) out.resize((done + piece) * size);
-      if (stream.Read(piece * size, out.data() + done * size, static_cast<std::uint32_t>(piece)) !=
-          piece * size) {
-        return false;
-      }
+    for (std::uint64_t done = 0; done < total;) {
+      const std::uint64_t piece = std::min(largest, total - done);
+      if (out.size() < done + piece) out.resize(done + piece);
+      const auto whole = static_cast<std::uint32_t>(piece / size);
+      if (stream.Read(piece, out.data() + done, whole) != piece) return false;
       done += piece;
     }
     return true;
@@ -87,11 +86,13 @@ std::shared_ptr<MdfSignalRawData> toRawData(ByteSpan record) {
 
 // What a signal reader and its copies share.
 struct SignalStreams {
+  bool readAllGroups = false;
   std::mutex mutex;  // guards all below, and the file while records are read
   std::map<std::pair<int, int>, RecordStream> records;  // by (dg, cg)
   std::map<const m4Block*, ChannelTexts> texts;         // by channel
   std::map<const m4Block*, m4DataStream> values;        // of variable-length channels
 
+  void open(ReaderState& state, int dg, int cg);
   // The records of (dg, cg), of the first group of dg when cg is negative; null when there are none
   // or the file is closed.
   const RecordStream* find(int dg, int cg) const {
@@ -109,21 +110,30 @@ MdfSigReader::~MdfSigReader() = default;
 MdfSigReader::MdfSigReader(const MdfSigReader&) = default;
 MdfSigReader& MdfSigReader::operator=(const MdfSigReader&) = default;
 
+void MdfSigReader::setReadAllGroups(bool on) {
+  streams_->readAllGroups = on;
+}
+
+// Opens the group's records, unless they are open or there are none.
+void SignalStreams::open(ReaderState& state, int dg, int cg) {
+  const M4CGBlock* const group = state.findGroup(dg, cg);
+  if (group == nullptr || records.count({dg, cg}) != 0) return;
+  auto stream = state.openRecords(dg, cg);
+  if (stream == nullptr) return;
+  records[{dg, cg}] = {dg, cg, recordSizeOf(*group), group->cg_inval_bytes, std::move(stream)};
+}
+
 bool MdfSigReader::open() {
   if (!MdfBaseReader::open()) return false;
   const std::lock_guard lock(streams_->mutex);
   const LoadBudget budget(state_->file);
   for (const MdfCNInfo& channel : state_->valueChannels) {
-    const auto [entry, isNew] = streams_->records.try_emplace({channel.dgIndex, channel.cgIndex});
-    if (!isNew) continue;
-    const M4CGBlock* const group = state_->findGroup(channel.dgIndex, channel.cgIndex);
-    auto stream = state_->openRecords(channel.dgIndex, channel.cgIndex);
-    if (stream == nullptr || group == nullptr) {
-      streams_->records.erase(entry);
-      continue;
+    streams_->open(*state_, channel.dgIndex, channel.cgIndex);
+  }
+  if (streams_->readAllGroups) {
+    for (const auto& [dg, groups] : state_->cgBlocks) {
+      for (const auto& entry : groups) streams_->open(*state_, dg, entry.first);
     }
-    entry->second = {channel.dgIndex, channel.cgIndex, channel.recordSize, group->cg_inval_bytes,
-                     std::move(stream)};
   }
   streams_->texts.clear();
   ChannelTextLoader loader(state_->file);

@@ -50,8 +50,9 @@ struct ReaderState {
 
   bool describe(int dg, int cg, MdfGroupInfo& group) const;
 
-  // A stream over the data behind the link; all streams over one link share its table.
-  m4DataStream openStream(std::uint64_t dataLink);
+  // A stream over the data behind the link, of about `expectedSize` bytes where that is known; all
+  // streams over one link share its table.
+  m4DataStream openStream(std::uint64_t dataLink, std::uint64_t expectedSize = 0);
   // A stream over the records of a channel group of data group `dg`, or null when the group has no
   // data or they are damaged. In column storage records come with their invalidation bytes.
   std::unique_ptr<m4DataStream> openRecords(int dg, int cg);

@@ -491,6 +491,10 @@ class TOLVEX_EXPORT MdfSigReader : public MdfBaseReader {
   MdfSigReader(const MdfSigReader&);
   MdfSigReader& operator=(const MdfSigReader&);
 
+  // Off by default: records can be read of groups that hold a value channel. On: of all groups,
+  // also of those that hold nothing but channels of a CAN bus. Call before open.
+  void setReadAllGroups(bool on);
+
   bool open() override;
   // Nanoseconds since 1970 in UTC: the header's time less the zone that its flags name.
   std::uint64_t getStartTime() override;
@@ -581,7 +585,9 @@ class TOLVEX_EXPORT MdfReader : public MdfBaseReader {
   static std::int64_t getSignedTimestampNsFromVariant(const MdfFrame& frame);
 
   // Off by default. On: a payload field wider than the frame is cut to the length that the record's
-  // own data length code stands for, so short frames keep their length. Call before reading.
+  // own data length code stands for, so short frames keep their length. A classic frame of 8 bytes
+  // whose code is above 8 keeps it (its DataLength() is then not the payload's size). Call before
+  // reading.
   void setPayloadByDlc(bool on);
   // Off by default. On: bus-log channels without a single recognised field, as signals measured
   // from a bus are marked, give no frames. Call before reading.

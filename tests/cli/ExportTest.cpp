@@ -155,8 +155,9 @@ TEST(Export, NeverWritesIntoItsInput) {
   const TempDir dir;
   std::filesystem::create_symlink(path, dir.path("soft"));
   std::filesystem::create_hard_link(path, dir.path("hard"));
+  const std::string command = "export " + path + " --dg 0 -o ";
   for (const std::string& output : {path, dir.path("soft"), dir.path("hard")}) {
-    const Outcome outcome = runTolvex("export " + path + " --dg 0 -o " + output);
+    const Outcome outcome = runTolvex(command + output);
     EXPECT_EQ(outcome.exitCode, 2) << output;
     EXPECT_NE(outcome.err.find("is the input itself"), std::string::npos) << outcome.err;
   }

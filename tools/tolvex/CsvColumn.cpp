@@ -22,7 +22,7 @@ constexpr std::uint8_t kTime = 1;              // synchronisation types
 constexpr std::uint32_t kFirstText = 6;        // data types
 constexpr std::uint32_t kFirstBytes = 10;      //
 constexpr std::uint32_t kLastBytes = 12;       //
-constexpr std::uint32_t kSignedKind = 1;       //
+constexpr std::uint32_t kSignedKind = 1;       // value kinds
 constexpr std::uint32_t kFloatKind = 2;        //
 constexpr std::uint32_t kMaxNumberBits = 64;
 

@@ -134,11 +134,6 @@ ExitCode exportGroup(MdfSigReader& reader, const MdfGroupInfo& group, Columns& c
   }
   complain(file, fmt::format("{}: {} of {} records could be read", nameOf(group), written,
                              group.recordCount));
-  const std::vector<int> signalGroups = reader.getDataGroupSigsIndex();
-  if (!std::ranges::binary_search(signalGroups, group.dgIndex)) {
-    complain(file, fmt::format("{} holds no signals; 'tolvex cat' prints the frames of a bus log",
-                               nameOf(group)));
-  }
   return kLost;
 }
 
@@ -265,6 +260,7 @@ int exportSignals(const ExportOptions& options) {
     return kWrongUse;
   }
   MdfSigReader reader(options.file);
+  reader.setReadAllGroups(true);
   if (!openOrComplain(reader, options.file)) {
     return kFailed;
   }

@@ -214,7 +214,7 @@ char* putRow(Row row, const MdfCanMessage& message, std::uint64_t startTimeNs) {
   row.flag(message.WakeUp());
   row.flag(message.SingleWire());
   row.number(message.Dlc());
-  row.number(message.DataLength());
+  row.number(message.DataBytes().size());
   row.hex(message.DataBytes());
   row.number(message.DataIndex());
   row.number(message.BitPosition());

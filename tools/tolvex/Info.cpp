@@ -39,7 +39,7 @@ std::optional<double> span(std::pair<double, double> times) {
   return std::isfinite(duration) && duration >= 0 ? std::optional(duration) : std::nullopt;
 }
 
-// The reader of signals knows the times of groups that hold signals only; frames tell theirs.
+// The time that each group's records span; empty when they cannot be read.
 class Durations {
  public:
   explicit Durations(MdfSigReader& reader)
@@ -271,6 +271,7 @@ std::string plainText(const std::string& file, const MdfFileInfo& info,
 
 int info(const InfoOptions& options) {
   MdfSigReader reader(options.file);
+  reader.setReadAllGroups(true);
   if (!openOrComplain(reader, options.file)) {
     return kFailed;
   }
