@@ -255,7 +255,7 @@ TEST_F(DataStream, ReadsValuesAcrossBlocksAndNoneBeyondTheEnd) {
   EXPECT_EQ(value, (Bytes{1, 2, 3, 4, 5}));
   EXPECT_TRUE(stream.readValue(0, value, 2));
   EXPECT_EQ(value, (Bytes{1, 2}));
-  for (const std::uint64_t offset : {1, 9, 10, 13, 1000}) {
+  for (const std::uint64_t offset : {1U, 9U, 10U, 13U, 1000U}) {
     EXPECT_FALSE(stream.readValue(offset, value)) << offset;
   }
   EXPECT_EQ(value, (Bytes{1, 2}));
@@ -278,8 +278,8 @@ TEST_F(DataStream, ReadsBeyondFourGigabytes) {
 
 TEST(Transposition, IsUndoneForAnyShape) {
   std::mt19937 random(1);
-  for (const std::uint64_t columns : {0, 1, 2, 15, 16, 17, 23, 33, 64, 512}) {
-    for (const std::uint64_t rows : {0, 1, 15, 16, 17, 40}) {
+  for (const std::uint64_t columns : {0U, 1U, 2U, 15U, 16U, 17U, 23U, 33U, 64U, 512U}) {
+    for (const std::uint64_t rows : {0U, 1U, 15U, 16U, 17U, 40U}) {
       const Bytes want = randomBytes(random, rows * columns + columns / 2);
       Bytes stored = want;
       for (std::uint64_t r = 0; r < rows; ++r) {

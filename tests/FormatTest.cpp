@@ -99,7 +99,7 @@ TEST(Blocks, EveryKindComesBackAsItStands) {
                {"DT", 0, 1},  {"SD", 0, 1},  {"RD", 0, 1},  {"DV", 0, 1},  {"DI", 0, 1},
                {"RV", 0, 1},  {"RI", 0, 1}};
   for (const auto& kind : kinds) {
-    for (const std::size_t extra : {0, 12, 16}) {
+    for (const std::size_t extra : {0U, 12U, 16U}) {
       SCOPED_TRACE(std::string(kind.type) + " with " + std::to_string(extra) + " bytes behind it");
       FileBuilder builder;
       const Bytes section = numbered(kind.recordSize + extra);

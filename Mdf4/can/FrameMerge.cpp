@@ -8,6 +8,11 @@
 namespace tolvex {
 namespace {
 
+// All groups are read at once: they share the room for reading ahead.
+constexpr std::uint64_t kReadAhead = 64 << 20;
+constexpr std::size_t kUsualGroups = 256;
+constexpr std::uint64_t kLeastReadAhead = 4096;
+
 template <class Frame>
 std::shared_ptr<Frame> cloned(const std::shared_ptr<Frame>& frame) {
   return frame == nullptr ? nullptr : std::make_shared<Frame>(*frame);
@@ -36,6 +41,8 @@ void FrameMerge::start(ReaderState& state) {
   for (const MdfCNInfo* const channel : busLogChannels(state, requireFields)) {
     open(state, *channel);
   }
+  const std::uint64_t share = kReadAhead / std::max<std::size_t>(groups_.size(), kUsualGroups);
+  for (Group& group : groups_) group.records.limitReadAhead(std::max(share, kLeastReadAhead));
   for (std::size_t i = 0; i < groups_.size(); ++i) {
     if (!advance(groups_[i])) continue;
     heap_.push_back({static_cast<std::int64_t>(groups_[i].timestampNs), i});

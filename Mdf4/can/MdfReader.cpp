@@ -48,7 +48,10 @@ std::uint64_t MdfReader::getStartTime() {
 std::uint64_t MdfReader::getStopTime() {
   const LoadBudget budget(state_->file);
   std::uint64_t latest = 0;
+  std::pair<int, int> last = {-1, -1};
   for (const MdfCNInfo* const channel : busLogChannels(*state_, merge_->requireFields)) {
+    // The channels of a group come one after the other, and share its records and its time.
+    if (std::exchange(last, {channel->dgIndex, channel->cgIndex}) == last) continue;
     const M4CGBlock* const group = state_->findGroup(channel->dgIndex, channel->cgIndex);
     const auto records = state_->openRecords(channel->dgIndex, channel->cgIndex);
     if (records == nullptr || !isFrameRecordSize(channel->recordSize)) continue;

@@ -156,16 +156,21 @@ void DirectFile::report(std::string problem) {
   problems_.push_back(std::move(problem));
 }
 
-LoadBudget::LoadBudget(DirectFile& file) : file_(file) {
+std::uint64_t LoadBudget::whole(const DirectFile& file) {
   constexpr std::uint64_t kTimes = 16;
   constexpr std::uint64_t kAlways = 1 << 20;
-  file.loadBudget_ = file.end_ > (DirectFile::kNoPosition - kAlways) / kTimes
-                         ? DirectFile::kNoPosition - 1
-                         : file.end_ * kTimes + kAlways;
+  return file.end_ > (DirectFile::kNoPosition - kAlways) / kTimes ? DirectFile::kNoPosition - 1
+                                                                  : file.end_ * kTimes + kAlways;
+}
+
+LoadBudget::LoadBudget(DirectFile& file, std::uint64_t bytes, std::uint64_t* left)
+    : file_(file), outer_(file.loadBudget_), left_(left) {
+  file.loadBudget_ = bytes;
 }
 
 LoadBudget::~LoadBudget() {
-  file_.loadBudget_ = DirectFile::kNoPosition;
+  if (left_ != nullptr) *left_ = file_.loadBudget_;
+  file_.loadBudget_ = outer_;
 }
 
 bool chargeLoad(DirectFile& file, std::uint64_t bytes) {

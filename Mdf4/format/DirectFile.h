@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <span>
 #include <string>
@@ -12,6 +13,8 @@
 #include "Mdf4/format/System.h"
 
 namespace tolvex {
+
+struct InflatedBlock;
 
 // One open file. Small reads are served from a few pages that are kept, so that walking a tree of
 // blocks costs a system call per page, not per block.
@@ -61,6 +64,10 @@ class DirectFile {
     return position <= end_ && length <= end_ - position;
   }
 
+  // The compressed blocks that are held inflated, by position: a stream that comes to a block where
+  // another one stands shares its bytes.
+  std::map<std::uint64_t, std::weak_ptr<InflatedBlock>>& inflatedBlocks() { return inflated_; }
+
   // Notes damage: what, where, expected and found. The first 100 texts are kept, each once.
   void report(std::string problem);
   const std::vector<std::string>& problems() const { return problems_; }
@@ -86,21 +93,30 @@ class DirectFile {
   std::uint64_t end_ = 0;
   std::string openError_;
   std::vector<std::string> problems_;
+  std::map<std::uint64_t, std::weak_ptr<InflatedBlock>> inflated_;
   std::uint64_t loadBudget_ = kNoPosition;  // bytes that may still be loaded; kNoPosition: any
 };
 
-// While one lives, the blocks loaded from `file` may together hold at most 16 times the file's size
-// and 1 MiB: enough for every block that is really shared, and an end for files whose links make
-// a few blocks look like billions.
+// While one lives, the blocks loaded and the compressed bytes inflated from `file` may together be
+// at most 16 times the file's size and 1 MiB: enough for every block that is really shared, and an
+// end for files whose links make a few blocks look like billions.
 class LoadBudget {
  public:
-  explicit LoadBudget(DirectFile& file);
+  explicit LoadBudget(DirectFile& file) : LoadBudget(file, whole(file), nullptr) {}
+  // For work that comes in steps: `left` is what they may still use, at first `whole`.
+  LoadBudget(DirectFile& file, std::uint64_t& left) : LoadBudget(file, left, &left) {}
   LoadBudget(const LoadBudget&) = delete;
   LoadBudget& operator=(const LoadBudget&) = delete;
   ~LoadBudget();
 
+  static std::uint64_t whole(const DirectFile& file);
+
  private:
+  LoadBudget(DirectFile& file, std::uint64_t bytes, std::uint64_t* left);
+
   DirectFile& file_;
+  std::uint64_t outer_;  // what was left of the budget that this one takes the place of
+  std::uint64_t* left_;
 };
 
 // Takes `bytes` from the budget, if there is one; false when it is used up.

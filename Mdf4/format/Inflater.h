@@ -45,4 +45,12 @@ class ByteBuffer {
   std::uint64_t size_ = 0;
 };
 
+// The bytes of one compressed block. Shared by the streams that stand in the block, and entered in
+// the file's list of inflated blocks while it lives.
+struct InflatedBlock {
+  std::uint64_t position = 0;
+  ByteBuffer bytes;
+  std::uint64_t size = 0;
+};
+
 }  // namespace tolvex

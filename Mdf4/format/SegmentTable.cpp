@@ -150,7 +150,9 @@ bool SegmentTable::readColumnLists(DirectFile& file, std::unique_ptr<m4Block> fi
       DataSegment marks;
       const std::uint64_t marksPosition = list.link(std::size_t{list.ld_count} + 1 + i);
       if (marksPosition != 0) {
-        if (!readSegment(file, marksPosition, marks)) return false;
+        if (!visited.enter(marksPosition) || !readSegment(file, marksPosition, marks)) {
+          return false;
+        }
         if (marks.type != block_type::kDI && marks.type != block_type::kRI &&
             marks.type != block_type::kDZ) {
           printDiagnostic(

@@ -3,10 +3,17 @@
 #include <algorithm>
 #include <array>
 #include <cinttypes>
+#include <new>
 
 #include "Mdf4/format/Diagnostics.h"
 
 namespace tolvex {
+namespace {
+
+// Nothing that is loaded whole is larger; a sparse file may claim it for little.
+constexpr std::uint64_t kLargestLoaded = std::uint64_t{256} << 20;
+
+}  // namespace
 
 m4Block::m4Block(std::uint16_t type, std::size_t links) : links_(links) {
   header_.type = type;
@@ -26,16 +33,28 @@ bool m4Block::load(DirectFile& file, std::uint64_t position, const BlockHeader& 
                            position, header.length, file.end()));
     return false;
   }
+  if (header.length > kLargestLoaded) {
+    file.report(formatText("block at %" PRIu64 ": expected at most %" PRIu64
+                           " bytes, found a length of %" PRIu64,
+                           position, kLargestLoaded, header.length));
+    return false;
+  }
   if (!chargeLoad(file, header.length)) return false;
   file_ = &file;
   position_ = position;
   header_ = header;
   const std::uint64_t linkBytes = header.linkCount * kLinkSize;
-  if (header.linkCount != 0) {
-    links_.assign(header.linkCount, 0);
-    if (!file.ReadAt(position + kBlockHeaderSize, linkBytes, links_.data())) return false;
+  try {
+    if (header.linkCount != 0) {
+      links_.assign(header.linkCount, 0);
+      if (!file.ReadAt(position + kBlockHeaderSize, linkBytes, links_.data())) return false;
+    }
+    return readData(position + kBlockHeaderSize + linkBytes, dataLength);
+  } catch (const std::bad_alloc&) {
+    file.report(formatText("block at %" PRIu64 ": no memory for its %" PRIu64 " bytes", position,
+                           header.length));
+    return false;
   }
-  return readData(position + kBlockHeaderSize + linkBytes, dataLength);
 }
 
 void m4Block::setLink(std::size_t index, std::uint64_t position) {

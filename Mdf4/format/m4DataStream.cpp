@@ -13,7 +13,6 @@ namespace tolvex {
 namespace {
 
 constexpr std::uint64_t kSmallestReadAhead = 4096;
-constexpr std::uint64_t kLargestReadAhead = 256 * 1024;
 // Read serves at least this much without its own buffer in between.
 constexpr std::uint64_t kReadDirectly = 64 * 1024;
 // Data blocks that follow each other this closely are read in one call.
@@ -37,6 +36,7 @@ m4DataStream::m4DataStream(const m4DataStream& other)
       skew_(other.skew_),
       limit_(other.limit_),
       stale_(other.stale_),
+      mostReadAhead_(other.mostReadAhead_),
       dataBytes_(other.dataBytes_),
       invalBytes_(other.invalBytes_) {}
 
@@ -105,13 +105,16 @@ ByteSpan m4DataStream::nextSlowly(std::uint64_t length) {
     return {scratch_.data(), Read(length, scratch_.data(), 1)};
   }
   const std::uint64_t wanted = std::min(length, limit_ - at_);
-  if (wanted == 0) return {};
+  if (wanted == 0) {
+    releaseBuffers();
+    return {};
+  }
   const std::size_t index = segmentAt(at_);
   if (!table_->settle(*file_, index)) return {};
   const DataSegment& segment = (*table_)[index];
   if (segment.type == block_type::kDZ) {
     if (!inflate(index)) return {};
-    setWindow(inflated_.data(), segment.start, segment.length);
+    setWindow(inflated_->bytes.data(), segment.start, segment.length);
   } else {
     refill(wanted);
   }
@@ -128,7 +131,7 @@ ByteSpan m4DataStream::nextSlowly(std::uint64_t length) {
 // Reads ahead from at_: more each time that the reading goes on where the last piece ended.
 void m4DataStream::refill(std::uint64_t wanted) {
   const bool inOrder = at_ > windowStart_ && at_ <= windowEnd_;
-  readAhead_ = inOrder ? std::min(readAhead_ * 4, kLargestReadAhead) : kSmallestReadAhead;
+  readAhead_ = inOrder ? std::min(readAhead_ * 4, mostReadAhead_) : kSmallestReadAhead;
   const std::uint64_t length = std::min(std::max(wanted, readAhead_), limit_ - at_);
   if (!buffer_.reserve(std::min(length, presentSize()))) {
     setWindow(nullptr, at_, 0);
@@ -154,7 +157,20 @@ std::uint64_t m4DataStream::Read(std::uint64_t length, std::uint8_t* buffer,
       return bytes.size();
     }
   }
-  return assemble(length, buffer);
+  const std::uint64_t done = assemble(length, buffer);
+  if (at_ >= limit_) releaseBuffers();
+  return done;
+}
+
+// At the end of the data: a reader may keep the streams of thousands of groups.
+void m4DataStream::releaseBuffers() {
+  setWindow(nullptr, 0, 0);
+  inflated_.reset();
+  hasMarks_ = false;
+  for (ByteBuffer* const buffer :
+       {&buffer_, &scratch_, &compressed_, &transposed_, &inflatedMarks_}) {
+    buffer->release();
+  }
 }
 
 // Copies from block to block, whatever their kinds.
@@ -169,7 +185,7 @@ std::uint64_t m4DataStream::assemble(std::uint64_t length, std::uint8_t* buffer)
       if (!inflate(index)) break;
       const std::uint64_t offset = at_ - segment.start;
       got = std::min(length - done, segment.length - offset);
-      std::copy_n(inflated_.data() + offset, got, buffer + done);
+      std::copy_n(inflated_->bytes.data() + offset, got, buffer + done);
     } else {
       const std::uint64_t wanted = std::min(length - done, limit_ - at_);
       got = wholeShares(at_, readPlain(at_, wanted, buffer + done), wanted);
@@ -250,15 +266,33 @@ std::uint64_t m4DataStream::readPlain(std::uint64_t offset, std::uint64_t length
   return done;
 }
 
+// The block's bytes in inflated_: those of another stream that stands in it, or inflated anew into
+// the room of the block before, when no other stream uses that.
 bool m4DataStream::inflate(std::size_t index) {
-  if (hasInflated_ && inflatedSegment_ == index) return true;
-  hasInflated_ = false;
-  if (window_ == inflated_.data()) setWindow(nullptr, 0, 0);
-  if (!inflateBlock((*table_)[index], inflated_)) {
-    (*table_)[index].damaged = true;
-    return false;
+  if (inflated_ != nullptr && inflatedSegment_ == index) return true;
+  DataSegment& segment = (*table_)[index];
+  std::shared_ptr<InflatedBlock> block = std::move(inflated_);
+  if (block != nullptr && window_ == block->bytes.data()) setWindow(nullptr, 0, 0);
+  auto& held = file_->inflatedBlocks();
+  const auto found = held.find(segment.position);
+  std::shared_ptr<InflatedBlock> shared = found == held.end() ? nullptr : found->second.lock();
+  if (shared != nullptr && shared->size == segment.length) {
+    block = std::move(shared);
+  } else {
+    if (block.use_count() == 1) {
+      held.erase(block->position);
+    } else {
+      block = std::make_shared<InflatedBlock>();
+    }
+    if (!inflateBlock(segment, block->bytes)) {
+      segment.damaged = true;
+      return false;
+    }
+    block->position = segment.position;
+    block->size = segment.length;
+    held[segment.position] = block;
   }
-  hasInflated_ = true;
+  inflated_ = std::move(block);
   inflatedSegment_ = index;
   return true;
 }
@@ -294,6 +328,7 @@ bool m4DataStream::inflateBlock(const DataSegment& segment, ByteBuffer& out) {
     return fail("at most this many inflated bytes", mostInflated(record.dz_data_length),
                 segment.length);
   }
+  if (!chargeLoad(*file_, record.dz_data_length)) return false;
   const bool transposed = record.dz_zip_type == kZipTransposeDeflate &&
                           record.dz_zip_parameter != 0 && segment.length >= record.dz_zip_parameter;
   ByteBuffer& target = transposed ? transposed_ : out;

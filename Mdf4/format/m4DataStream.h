@@ -36,6 +36,8 @@ class m4DataStream {
   // their invalidation block behind them (zeros where there is none). Lengths given to Read then
   // count both; Seek still counts data bytes alone.
   void mergeInvalidation(std::uint32_t dataBytes, std::uint32_t invalBytes);
+  // Reading in order fetches up to this many bytes at a time, 256 KiB at first.
+  void limitReadAhead(std::uint64_t bytes) { mostReadAhead_ = bytes; }
   bool merges() const { return invalBytes_ != 0; }
 
   // Moves to the offset and returns it. An offset that no segment holds, the size included, goes to
@@ -99,6 +101,7 @@ class m4DataStream {
   std::size_t segmentAt(std::uint64_t offset);
   ByteSpan nextSlowly(std::uint64_t length);
   void refill(std::uint64_t wanted);
+  void releaseBuffers();
   void setWindow(const std::uint8_t* bytes, std::uint64_t start, std::uint64_t length);
   std::uint64_t assemble(std::uint64_t length, std::uint8_t* buffer);
   std::uint64_t readPlain(std::uint64_t offset, std::uint64_t length, std::uint8_t* buffer);
@@ -124,14 +127,14 @@ class m4DataStream {
   std::uint64_t windowStart_ = 0;
   std::uint64_t windowEnd_ = 0;
   std::uint64_t readAhead_ = 0;
+  std::uint64_t mostReadAhead_ = 256 * 1024;
   ByteBuffer buffer_;
   ByteBuffer scratch_;
   std::unique_ptr<Inflater> inflater_;
   ByteBuffer compressed_;
   ByteBuffer transposed_;
-  ByteBuffer inflated_;
+  std::shared_ptr<InflatedBlock> inflated_;  // of inflatedSegment_; null: none
   std::size_t inflatedSegment_ = 0;
-  bool hasInflated_ = false;
   ByteBuffer inflatedMarks_;
   std::size_t marksSegment_ = 0;
   bool hasMarks_ = false;

@@ -108,13 +108,7 @@ bool m4DataStream::finish(bool full) {
 bool m4DataStream::close() {
   const bool written = !pending_ || finish(false);
   blocks_ = {};
-  setWindow(nullptr, 0, 0);
-  hasInflated_ = false;
-  hasMarks_ = false;
-  for (ByteBuffer* const buffer :
-       {&buffer_, &scratch_, &compressed_, &transposed_, &inflated_, &inflatedMarks_}) {
-    buffer->release();
-  }
+  releaseBuffers();
   return written;
 }
 

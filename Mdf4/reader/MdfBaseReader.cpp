@@ -101,9 +101,11 @@ bool ReaderState::describe(int dg, int cg, MdfGroupInfo& group) const {
   group.recordIdSize = data->dg_rec_id_size;
   group.flags = block->cg_flags;
   const auto& groups = cgBlocks.at(dg);
-  const auto exists = [](const auto& entry) { return entry.second != nullptr; };
+  const auto isAnother = [cg](const auto& entry) {
+    return entry.first != cg && entry.second != nullptr;
+  };
   group.unsorted =
-      data->dg_rec_id_size != 0 || std::count_if(groups.begin(), groups.end(), exists) > 1;
+      data->dg_rec_id_size != 0 || std::any_of(groups.begin(), groups.end(), isAnother);
   return true;
 }
 

@@ -91,6 +91,7 @@ struct SignalStreams {
   std::map<std::pair<int, int>, RecordStream> records;  // by (dg, cg)
   std::map<const m4Block*, ChannelTexts> texts;         // by channel
   std::map<const m4Block*, m4DataStream> values;        // of variable-length channels
+  std::uint64_t valuesBudget = 0;                       // for opening these
 
   void open(ReaderState& state, int dg, int cg);
   // The records of (dg, cg), of the first group of dg when cg is negative; null when there are none
@@ -135,6 +136,7 @@ bool MdfSigReader::open() {
       for (const auto& entry : groups) streams_->open(*state_, dg, entry.first);
     }
   }
+  streams_->valuesBudget = LoadBudget::whole(state_->file);
   streams_->texts.clear();
   ChannelTextLoader loader(state_->file);
   for (const auto& [dg, groups] : state_->cnBlocks) {
@@ -348,7 +350,7 @@ bool MdfSigReader::readValueBytes(int dg, int cg, int cn, const std::uint8_t* re
   const std::lock_guard lock(streams_->mutex);
   auto values = streams_->values.find(channel);
   if (values == streams_->values.end()) {
-    const LoadBudget budget(state_->file);
+    const LoadBudget budget(state_->file, streams_->valuesBudget);
     values =
         streams_->values.emplace(channel, state_->openStream(channel->link(link::cn_data))).first;
   }

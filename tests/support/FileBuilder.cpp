@@ -278,7 +278,8 @@ void FileBuilder::setU64(std::uint64_t position, std::uint64_t value) {
 }
 
 bool FileBuilder::isA(Link block, const std::string& type) const {
-  return bytes_.at(block + 2) == type.at(0) && bytes_.at(block + 3) == type.at(1);
+  return static_cast<char>(bytes_.at(block + 2)) == type.at(0) &&
+         static_cast<char>(bytes_.at(block + 3)) == type.at(1);
 }
 
 Link FileBuilder::firstOf(const std::string& type) const {
@@ -289,7 +290,7 @@ Link FileBuilder::firstOf(const std::string& type) const {
 }
 
 std::string FileBuilder::write(std::uint64_t size) const {
-  const std::string path = dir_->path("built.mf4");
+  std::string path = dir_->path("built.mf4");
   std::filesystem::remove(path);  // a new file: overwriting one waits for the disk
   std::ofstream out(path, std::ios::binary);
   out.write(reinterpret_cast<const char*>(bytes_.data()),
