@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <map>
+#include <optional>
 #include <random>
 #include <string>
 
@@ -104,7 +105,7 @@ Fields model(const Layout& layout, bool payloadByDlc, const Bytes& record,
   Fields f;
   for (const CanFieldSlot& slot : layout) f.isError |= slot.kind == kError;
   std::size_t limit = ~std::size_t{0};
-  std::uint64_t code = 0;
+  std::optional<std::uint64_t> code;
   const CanFieldSlot* fd = nullptr;
   for (const CanFieldSlot& slot : layout) {
     if (slot.kind == kData && slot.field == CanField::EDL) fd = &slot;
@@ -146,7 +147,7 @@ Fields model(const Layout& layout, bool payloadByDlc, const Bytes& record,
       bytes.resize(std::min(bytes.size(), limit));
       MdfCanMessage message;
       message.DataBytes(bytes);
-      if (!f.isError) f.dlc = message.Dlc() == 8 && code > 8 && !isFd ? code : message.Dlc();
+      if (!f.isError) f.dlc = message.Dlc() == 8 && code > 8 && !isFd ? *code : message.Dlc();
       f.payload = f.isError ? bytes : message.DataBytes();
     } else if (field == CanField::ID) {
       f.id = !f.isError && low >= 0x800 ? low | 0x80000000 : low;
@@ -169,6 +170,10 @@ Fields model(const Layout& layout, bool payloadByDlc, const Bytes& record,
       f.isFd = true;
     }
     if (slot.kind == kRemote) f.flags |= 0x80;
+  }
+  if (!f.isError && code && !isFd && (f.flags & 0x80) != 0) {
+    f.dlc = *code;
+    f.payload.clear();
   }
   return f;
 }

@@ -173,7 +173,6 @@ TEST_F(DataStream, ListsOfTheWrongKindGiveNothing) {
       {"a channel group", f.cg({}), true, ""},
       {"an HL without a list", f.hl(0), true, ""},
       {"a DL chain that goes on in an LD", f.chain({f.dl({dt}), f.ld({})}), false, ""},
-      {"a DL entry of 0", f.dl({dt, 0}), false, ""},
       {"a DL entry that is no block", f.dl({dt + 8}), false, "LoadBlkHdr @0x"},
       {"an LD of DTs", f.ld({dt}), false,
        "m4DataStream::initSize: blk.hdr_id!=M4ID_DV | M4ID_RV | M4ID_DZ\n"},
@@ -188,6 +187,18 @@ TEST_F(DataStream, ListsOfTheWrongKindGiveNothing) {
     EXPECT_EQ(stream.size(), 0U);
     EXPECT_EQ(read(stream, 1), Bytes{});
     EXPECT_EQ(diagnostics.text().substr(0, std::string(row.text).size()), row.text);
+  }
+}
+
+TEST_F(DataStream, EndsWhereAListLeadsOutOfTheFile) {
+  for (const Link to : {Link{0}, ~Link{0}, Link{1} << 40}) {
+    for (const std::uint64_t equal : {0U, 2U}) {
+      const Link list = file_.dl({file_.dt({1, 2}), file_.dt({3, 4}), file_.dt({5, 6})}, equal);
+      file_.setLink(list, 2, to);
+      m4DataStream stream = open(list);
+      EXPECT_EQ(read(stream, 6), (Bytes{1, 2}));
+      EXPECT_FALSE(direct_.problems().empty());
+    }
   }
 }
 

@@ -195,7 +195,7 @@ TEST_F(HostileFiles, TheSoundFileShowsEverything) {
 }
 
 // A link that leads nowhere is as good as none. (In a list of columns a link of 0 is an empty
-// column, and a bad one spoils the list.)
+// column. An entry of a list that leads to what is no block spoils the list.)
 TEST_F(HostileFiles, LinksThatLeadNowhereAreLinksOfZero) {
   const FileBuilder file = sound();
   for (const Link block : file.blocks()) {
@@ -204,6 +204,7 @@ TEST_F(HostileFiles, LinksThatLeadNowhereAreLinksOfZero) {
       bad.setLink(block, i, 0);
       const Seen want = visit(bad);
       for (const Link to : {file.size(), kMax, kMax - 7, std::uint64_t{1} << 63, Link{8}}) {
+        if (to == 8 && i > 0 && file.isA(block, "DL")) continue;
         bad.setLink(block, i, to);
         EXPECT_EQ(visit(bad), want) << "link " << i << " of block at " << block << " to " << to;
       }

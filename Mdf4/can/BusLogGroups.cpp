@@ -87,7 +87,7 @@ FrameTime frameTimeOf(ReaderState& state, const MdfCNInfo& channel) {
   if (loadConversionNumbers(state.file, link, *conversion) != nullptr) {
     numbers.conversion = std::move(conversion);
   }
-  return FrameTime(describeChannel(*master->cnBlock, numbers));
+  return FrameTime(describeChannel(*master->cnBlock, numbers, Tables::With));
 }
 
 }  // namespace tolvex

@@ -225,7 +225,9 @@ void CanRecordDecoder::decodePayload(ByteSpan record, PayloadSource* payloads,
   ByteSpan bytes;  // the payload so far, without the fill bytes up to its length
   std::uint32_t length = 0;
   std::uint32_t limit = kNoLimit;
-  std::uint8_t longCode = 0;  // a code above 8 that a classic frame of 8 bytes keeps
+  // With payloadByDlc: the code that the record states, for classic frames whose payload cannot
+  // tell it: remote ones, which have none, and those of 8 bytes with a code above 8.
+  std::optional<std::uint8_t> ownCode;
   for (const Step& step : steps_) {
     if (step.field == CanField::DLC) {
       const auto dlc = static_cast<std::uint8_t>(step.number.read(record));
@@ -234,7 +236,7 @@ void CanRecordDecoder::decodePayload(ByteSpan record, PayloadSource* payloads,
       length = step.kind == CanFrameKind::Remote ? 0 : dlcToLength(dlc);
       if (payloadByDlc_) {
         limit = dlcToLength(dlc);
-        longCode = limit > kMaxClassicPayload && !message.Edl() ? dlc : std::uint8_t{0};
+        if (!message.Edl()) ownCode = dlc;
       }
     } else {
       if (!step.variableLength) {
@@ -247,9 +249,14 @@ void CanRecordDecoder::decodePayload(ByteSpan record, PayloadSource* payloads,
       bytes = firstBytes(bytes, limit);
       message.dlc_ = lengthToDlc(bytes.size());
       length = dlcToLength(message.dlc_);
-      if (longCode != 0 && length == kMaxClassicPayload) message.dlc_ = longCode;
+      if (ownCode > kMaxClassicPayload && length == kMaxClassicPayload) message.dlc_ = *ownCode;
     }
     bytes = firstBytes(bytes, length);
+  }
+  if (ownCode && message.Rtr()) {
+    message.dlc_ = *ownCode;
+    length = 0;
+    bytes = {};
   }
   if (bytes.data() != payload.data()) {
     payload.assign(bytes.begin(), bytes.end());

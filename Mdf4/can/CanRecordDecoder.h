@@ -29,8 +29,9 @@ struct PayloadSource {
 class CanRecordDecoder {
  public:
   // `layout` is in order of application. With payloadByDlc a payload is cut to the length that the
-  // record's data length code stands for, as far as it was applied before the payload; a classic
-  // frame of 8 bytes with a code above 8 keeps its code.
+  // record's data length code stands for, as far as it was applied before the payload; a
+  // remote frame keeps the code and has no payload, a classic frame of 8 bytes keeps a code
+  // above 8.
   CanRecordDecoder(const std::vector<CanFieldSlot>& layout, bool payloadByDlc);
 
   // The frame in `record`, whose bits beyond its end count as 0: an MdfCanError when the layout has

@@ -38,6 +38,7 @@ class ByteBuffer {
   bool reserve(std::uint64_t size);
   std::uint8_t* data() { return bytes_.get(); }
   const std::uint8_t* data() const { return bytes_.get(); }
+  std::uint64_t size() const { return size_; }
   void release();
 
  private:

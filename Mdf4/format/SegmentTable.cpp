@@ -45,6 +45,16 @@ std::uint32_t entriesWithLink(DirectFile& file, const m4Block& list, std::uint32
   return static_cast<std::uint32_t>(links);
 }
 
+// Whether an entry of a list leads into the file: where it does not, the rest of the data is
+// absent, as in a file that was cut.
+bool namesABlock(DirectFile& file, const m4Block& list, std::uint64_t position) {
+  if (position != 0 && file.holds(position, kBlockHeaderSize)) return true;
+  file.report(formatText("list at %" PRIu64 ": it names a data block at %" PRIu64
+                         ", the file ends at %" PRIu64,
+                         list.position(), position, file.end()));
+  return false;
+}
+
 }  // namespace
 
 SegmentTable::SegmentTable(DirectFile& file, std::uint64_t dataLink, std::uint64_t expectedSize) {
@@ -109,6 +119,7 @@ bool SegmentTable::readDataLists(DirectFile& file, std::unique_ptr<m4Block> firs
     for (std::uint32_t i = 0; i < count; ++i) {
       const std::uint64_t position = list.link(link::dl_data + i);
       const bool veryLast = next == nullptr && i + 1 == count;
+      if (!namesABlock(file, list, position)) return true;
       DataSegment segment;
       if (equalLength != 0 && !veryLast) {
         segment.position = position + kBlockHeaderSize;
@@ -138,6 +149,7 @@ bool SegmentTable::readColumnLists(DirectFile& file, std::unique_ptr<m4Block> fi
       DataSegment segment;
       const std::uint64_t position = list.link(link::ld_data + i);
       if (position != 0) {
+        if (!namesABlock(file, list, position)) return true;
         if (!readSegment(file, position, segment)) return false;
         if (segment.type != block_type::kDV && segment.type != block_type::kRV &&
             segment.type != block_type::kDZ) {

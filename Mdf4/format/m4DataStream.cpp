@@ -162,7 +162,15 @@ std::uint64_t m4DataStream::Read(std::uint64_t length, std::uint8_t* buffer,
   return done;
 }
 
-// At the end of the data: a reader may keep the streams of thousands of groups.
+std::uint64_t m4DataStream::heldBytes() const {
+  std::uint64_t bytes = inflated_ == nullptr ? 0 : inflated_->bytes.size();
+  for (const ByteBuffer* const buffer :
+       {&buffer_, &scratch_, &compressed_, &transposed_, &inflatedMarks_}) {
+    bytes += buffer->size();
+  }
+  return bytes;
+}
+
 void m4DataStream::releaseBuffers() {
   setWindow(nullptr, 0, 0);
   inflated_.reset();
@@ -407,15 +415,20 @@ std::uint64_t m4DataStream::readMarks(std::size_t index, std::uint64_t offset,
 bool m4DataStream::readValue(std::uint64_t offset, std::vector<std::uint8_t>& value,
                              std::uint64_t longest) {
   constexpr std::uint64_t kPrefix = sizeof(std::uint32_t);
-  if (offset > size() || size() - offset < kPrefix) return false;
+  const auto fail = [&] {
+    file_->report(formatText("signal data of %" PRIu64 " bytes: no whole value at offset %" PRIu64,
+                             size(), offset));
+    return false;
+  };
+  if (offset > size() || size() - offset < kPrefix) return fail();
   if (at_ != offset || at_ == limit_) Seek(offset);
   const ByteSpan prefix = next(kPrefix);
-  if (prefix.size() != kPrefix) return false;
+  if (prefix.size() != kPrefix) return fail();
   const std::uint64_t stated = loadNumber<std::uint32_t>(prefix.data());
-  if (stated > size() - offset - kPrefix) return false;
+  if (stated > size() - offset - kPrefix) return fail();
   const std::uint64_t length = std::min(stated, longest);
   const ByteSpan bytes = next(length);
-  if (bytes.size() != length) return false;
+  if (bytes.size() != length) return fail();
   value.assign(bytes.begin(), bytes.end());
   return true;
 }

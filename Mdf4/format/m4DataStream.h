@@ -39,6 +39,11 @@ class m4DataStream {
   // Reading in order fetches up to this many bytes at a time, 256 KiB at first.
   void limitReadAhead(std::uint64_t bytes) { mostReadAhead_ = bytes; }
   bool merges() const { return invalBytes_ != 0; }
+  // What reading ahead and inflating hold in memory. Releasing it costs the next read to read or
+  // inflate its block again; the end of the data does it too, since a reader may keep the streams
+  // of thousands of groups.
+  std::uint64_t heldBytes() const;
+  void releaseBuffers();
 
   // Moves to the offset and returns it. An offset that no segment holds, the size included, goes to
   // the first segment and returns 0, but keeps the offset inside the segment that was current; when
@@ -59,7 +64,7 @@ class m4DataStream {
     return nextSlowly(length);
   }
   // Reads the value at `offset`, a 32-bit length and that many bytes, or its first `longest` bytes.
-  // False, with `value` unchanged, when it does not lie inside the data.
+  // False, with `value` unchanged and the damage noted, when it does not lie inside the data.
   bool readValue(std::uint64_t offset, std::vector<std::uint8_t>& value,
                  std::uint64_t longest = ~std::uint32_t{0});
 
@@ -101,7 +106,6 @@ class m4DataStream {
   std::size_t segmentAt(std::uint64_t offset);
   ByteSpan nextSlowly(std::uint64_t length);
   void refill(std::uint64_t wanted);
-  void releaseBuffers();
   void setWindow(const std::uint8_t* bytes, std::uint64_t start, std::uint64_t length);
   std::uint64_t assemble(std::uint64_t length, std::uint8_t* buffer);
   std::uint64_t readPlain(std::uint64_t offset, std::uint64_t length, std::uint8_t* buffer);

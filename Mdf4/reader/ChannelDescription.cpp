@@ -108,7 +108,7 @@ ChannelTexts ChannelTextLoader::load(const M4CNBlock& channel) {
   return texts;
 }
 
-MdfSigCCInfo describeChannel(const M4CNBlock& channel, const ChannelTexts& texts) {
+MdfSigCCInfo describeChannel(const M4CNBlock& channel, const ChannelTexts& texts, Tables tables) {
   MdfSigCCInfo info;
   info.name = valueOf(texts.name);
   info.unit = valueOf(texts.unit);
@@ -143,9 +143,11 @@ MdfSigCCInfo describeChannel(const M4CNBlock& channel, const ChannelTexts& texts
     info.physRangeMax = conversion.record.cc_phy_range_max;
     info.physRangeValid = (conversion.record.cc_flags & kCcFlagPhysRange) != 0;
     info.valueCount = conversion.record.cc_val_count;
-    info.values = conversion.values;
     info.textCount = conversion.record.cc_ref_count;
-    for (const SharedText& text : conversion.texts) info.texts.push_back(valueOf(text));
+    if (tables == Tables::With) {
+      info.values = conversion.values;
+      for (const SharedText& text : conversion.texts) info.texts.push_back(valueOf(text));
+    }
     if (info.unit.empty()) info.unit = valueOf(conversion.unit);
     if (conversion.name != nullptr && !info.name.empty()) {
       info.name += " [" + *conversion.name + "]";

@@ -54,7 +54,8 @@ class ChannelTextLoader {
 std::unique_ptr<M4CCBlock> loadConversionNumbers(DirectFile& file, std::uint64_t position,
                                                  Conversion& conversion);
 
-// The whole description.
-MdfSigCCInfo describeChannel(const M4CNBlock& channel, const ChannelTexts& texts);
+// The whole description, or all but the conversion's values and texts.
+enum class Tables : std::uint8_t { With, Without };
+MdfSigCCInfo describeChannel(const M4CNBlock& channel, const ChannelTexts& texts, Tables tables);
 
 }  // namespace tolvex

@@ -4,7 +4,7 @@
 #include <cinttypes>
 #include <optional>
 #include <string_view>
-#include <unordered_set>
+#include <unordered_map>
 #include <utility>
 
 #include "Mdf4/format/BlockLoader.h"
@@ -79,6 +79,15 @@ const M4CGBlock* ReaderState::findGroup(int dg, int cg) const {
   if (groups == cgBlocks.end()) return nullptr;
   const auto found = groups->second.find(cg);
   return found == groups->second.end() ? nullptr : static_cast<const M4CGBlock*>(found->second);
+}
+
+const M4CNBlock* ReaderState::findChannel(int dg, int cg, int cn) const {
+  const auto groups = cnBlocks.find(dg);
+  if (groups == cnBlocks.end()) return nullptr;
+  const auto channels = groups->second.find(cg);
+  if (channels == groups->second.end()) return nullptr;
+  const auto found = channels->second.find(cn);
+  return found == channels->second.end() ? nullptr : static_cast<const M4CNBlock*>(found->second);
 }
 
 const MdfCNInfo* ReaderState::findTimeChannel(int dg, int cg) const {
@@ -182,13 +191,14 @@ class TreeWalk {
     return static_cast<Block*>(keep(std::move(block)));
   }
 
-  // A data section has one data group; without this, links could make one look like thousands.
+  // A data section has one data group, perhaps a few; links could make it look like thousands.
   void dropSharedData(M4DGBlock& block) {
+    constexpr int kMostGroups = 16;
     const std::uint64_t data = block.link(link::dg_data);
-    if (data == 0 || dataLinks_.insert(data).second) return;
+    if (data == 0 || ++dataLinks_[data] <= kMostGroups) return;
     file_.report(formatText("data group at %" PRIu64 ": its data at %" PRIu64
-                            " belong to another data group",
-                            block.position(), data));
+                            " belong to %d other data groups",
+                            block.position(), data, kMostGroups));
     block.setLink(link::dg_data, 0);
   }
 
@@ -248,7 +258,7 @@ class TreeWalk {
   ReaderState& state_;
   MDF4File& file_;
   VisitedBlocks visited_;
-  std::unordered_set<std::uint64_t> dataLinks_;
+  std::unordered_map<std::uint64_t, int> dataLinks_;  // data groups by their data
 };
 
 MdfBaseReader::MdfBaseReader(const std::string& path)

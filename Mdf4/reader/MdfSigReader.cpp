@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <list>
 #include <map>
 #include <mutex>
 #include <new>
@@ -16,6 +17,10 @@ namespace {
 // only allocated as far as the file really delivers it.
 constexpr std::uint64_t kPiece = 256 * 1024;
 
+// Groups that were read lately keep what they read ahead and inflated, together so many bytes.
+constexpr std::uint64_t kMostHeld = 32 << 20;
+constexpr std::size_t kMostRecent = 256;
+
 struct RecordStream {
   int dg = -1;
   int cg = -1;
@@ -23,6 +28,10 @@ struct RecordStream {
   std::uint32_t invalBytes = 0;
   std::unique_ptr<m4DataStream> stream;
 
+  // Bytes of a record in the stream: column storage keeps the invalidation bytes elsewhere.
+  std::uint32_t storedSize() const {
+    return stream->merges() ? recordSize - invalBytes : recordSize;
+  }
   void seek(std::int64_t index) const { seekRecord(*stream, recordSize, invalBytes, index); }
   // The next record, or nothing when the data end before it does.
   ByteSpan next() const {
@@ -36,7 +45,7 @@ bool readBlock(const RecordStream& records, int start, std::uint64_t count, std:
                std::vector<std::uint8_t>& out) {
   m4DataStream& stream = *records.stream;
   const std::uint64_t size = records.recordSize;
-  const std::uint64_t stored = stream.merges() ? size - records.invalBytes : size;
+  const std::uint64_t stored = records.storedSize();
   if (stored == 0 || count > stream.presentSize() / stored) return false;
   const std::uint64_t total = count * size;
   // Merged records come whole, and are small; others may be cut anywhere.
@@ -91,16 +100,17 @@ struct SignalStreams {
   std::map<std::pair<int, int>, RecordStream> records;  // by (dg, cg)
   std::map<const m4Block*, ChannelTexts> texts;         // by channel
   std::map<const m4Block*, m4DataStream> values;        // of variable-length channels
+  std::list<m4DataStream*> recent;                      // last read first
   std::uint64_t valuesBudget = 0;                       // for opening these
 
   void open(ReaderState& state, int dg, int cg);
-  // The records of (dg, cg), of the first group of dg when cg is negative; null when there are none
-  // or the file is closed.
-  const RecordStream* find(int dg, int cg) const {
-    const auto found = records.lower_bound({dg, std::max(cg, 0)});
-    if (found == records.end() || found->first.first != dg) return nullptr;
-    if (cg >= 0 && found->first.second != cg) return nullptr;
-    return found->second.stream->file().isOpen() ? &found->second : nullptr;
+  const RecordStream* find(int dg, int cg);
+  // False when the channel is null or was not there when the file was opened.
+  bool describe(const m4Block* channel, Tables tables, MdfSigCCInfo& out) const {
+    const auto found = texts.find(channel);
+    if (found == texts.end()) return false;
+    out = describeChannel(static_cast<const M4CNBlock&>(*channel), found->second, tables);
+    return true;
   }
 };
 
@@ -113,6 +123,31 @@ MdfSigReader& MdfSigReader::operator=(const MdfSigReader&) = default;
 
 void MdfSigReader::setReadAllGroups(bool on) {
   streams_->readAllGroups = on;
+}
+
+// The records of (dg, cg), of the first group of dg when cg is negative; null when there are none
+// or the file is closed. What the groups that were read before hold in memory is kept up to a
+// limit.
+const RecordStream* SignalStreams::find(int dg, int cg) {
+  const auto found = records.lower_bound({dg, std::max(cg, 0)});
+  if (found == records.end() || found->first.first != dg) return nullptr;
+  if (cg >= 0 && found->first.second != cg) return nullptr;
+  const RecordStream& wanted = found->second;
+  if (!wanted.stream->file().isOpen()) return nullptr;
+  if (recent.empty() || recent.front() != wanted.stream.get()) {
+    recent.remove(wanted.stream.get());
+    recent.push_front(wanted.stream.get());
+    std::uint64_t held = 0;
+    for (m4DataStream* const stream : recent) {
+      if (held > kMostHeld) stream->releaseBuffers();
+      held += stream->heldBytes();
+    }
+    if (recent.size() > kMostRecent) {
+      recent.back()->releaseBuffers();
+      recent.pop_back();
+    }
+  }
+  return &wanted;
 }
 
 // Opens the group's records, unless they are open or there are none.
@@ -128,6 +163,9 @@ bool MdfSigReader::open() {
   if (!MdfBaseReader::open()) return false;
   const std::lock_guard lock(streams_->mutex);
   const LoadBudget budget(state_->file);
+  streams_->records.clear();
+  streams_->recent.clear();
+  streams_->values.clear();
   for (const MdfCNInfo& channel : state_->valueChannels) {
     streams_->open(*state_, channel.dgIndex, channel.cgIndex);
   }
@@ -181,25 +219,29 @@ MdfSigAttr MdfSigReader::getSigAttr(int dg, int cg, int cn) {
 }
 
 bool MdfSigReader::getCCInfo(int dg, int cg, int cn, MdfSigCCInfo& out) {
-  const m4Block* const channel = getCNBlock(dg, cg, cn);
-  const auto texts = streams_->texts.find(channel);
-  if (channel == nullptr || texts == streams_->texts.end()) return false;
-  out = describeChannel(static_cast<const M4CNBlock&>(*channel), texts->second);
-  return true;
+  return streams_->describe(getCNBlock(dg, cg, cn), Tables::With, out);
+}
+
+bool MdfSigReader::getChannelInfo(int dg, int cg, int cn, MdfSigCCInfo& out) {
+  return streams_->describe(getCNBlock(dg, cg, cn), Tables::Without, out);
 }
 
 bool MdfSigReader::getTimeCCInfo(int dg, int cg, MdfSigCCInfo& out) {
   const MdfCNInfo* const channel = state_->findTimeChannel(dg, cg);
-  if (channel == nullptr) return false;
-  const auto texts = streams_->texts.find(channel->cnBlock);
-  if (texts == streams_->texts.end()) return false;
-  out = describeChannel(*channel->cnBlock, texts->second);
-  return true;
+  return channel != nullptr && streams_->describe(channel->cnBlock, Tables::With, out);
 }
 
 int MdfSigReader::getRecordCount(int dg, int cg) {
   const auto* const group = static_cast<const M4CGBlock*>(getCGBlock(dg, cg));
   return group == nullptr ? 0 : static_cast<int>(static_cast<std::uint32_t>(group->cg_cycle_count));
+}
+
+std::uint64_t MdfSigReader::getStoredRecordCount(int dg, int cg) {
+  const std::lock_guard lock(streams_->mutex);
+  const RecordStream* const records = streams_->find(dg, cg);
+  if (records == nullptr) return 0;
+  const std::uint32_t stored = records->storedSize();
+  return stored == 0 ? 0 : records->stream->size() / stored;
 }
 
 std::vector<int> MdfSigReader::getDataGroupSigsIndex() {
@@ -335,7 +377,7 @@ void MdfSigReader::resetDataStream(int dg, int cg) {
 
 bool MdfSigReader::readValueBytes(int dg, int cg, int cn, const std::uint8_t* record,
                                   std::size_t size, std::vector<std::uint8_t>& out) {
-  const auto* const channel = static_cast<const M4CNBlock*>(getCNBlock(dg, cg, cn));
+  const M4CNBlock* const channel = state_->findChannel(dg, cg, cn);
   if (channel == nullptr) return false;
   const std::uint64_t start = channel->cn_byte_offset;
   const std::uint64_t length = (std::uint64_t{channel->cn_bit_count} + 7) / 8;
@@ -359,7 +401,7 @@ bool MdfSigReader::readValueBytes(int dg, int cg, int cn, const std::uint8_t* re
 
 bool MdfSigReader::readText(int dg, int cg, int cn, const std::uint8_t* record, std::size_t size,
                             std::string& text) {
-  const auto* const channel = static_cast<const M4CNBlock*>(getCNBlock(dg, cg, cn));
+  const M4CNBlock* const channel = state_->findChannel(dg, cg, cn);
   std::vector<std::uint8_t> bytes;
   return channel != nullptr && isTextType(channel->cn_data_type) &&
          readValueBytes(dg, cg, cn, record, size, bytes) &&
@@ -368,7 +410,7 @@ bool MdfSigReader::readText(int dg, int cg, int cn, const std::uint8_t* record, 
 
 bool MdfSigReader::isInvalidSample(int dg, int cg, int cn, const std::uint8_t* record,
                                    std::size_t size) {
-  const auto* const channel = static_cast<const M4CNBlock*>(getCNBlock(dg, cg, cn));
+  const M4CNBlock* const channel = state_->findChannel(dg, cg, cn);
   const M4CGBlock* const group = state_->findGroup(dg, cg);
   if (channel == nullptr || group == nullptr) return false;
   if ((channel->cn_flags & kCnFlagAllInvalid) != 0) return true;

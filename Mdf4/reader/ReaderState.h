@@ -43,9 +43,10 @@ struct ReaderState {
   std::vector<std::unique_ptr<m4Block>> blocks;                             // all of the above
   std::unordered_map<std::uint64_t, std::shared_ptr<SegmentTable>> tables;  // by data link
 
-  // The data group's or channel group's block without leaving an entry; null when there is none.
+  // The data group's, channel group's or channel's block without leaving an entry, or null.
   const M4DGBlock* findGroup(int dg) const;
   const M4CGBlock* findGroup(int dg, int cg) const;
+  const M4CNBlock* findChannel(int dg, int cg, int cn) const;
   const MdfCNInfo* findTimeChannel(int dg, int cg) const;
 
   bool describe(int dg, int cg, MdfGroupInfo& group) const;

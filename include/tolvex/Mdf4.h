@@ -496,7 +496,8 @@ class TOLVEX_EXPORT MdfSigReader : public MdfBaseReader {
   void setReadAllGroups(bool on);
 
   bool open() override;
-  // Nanoseconds since 1970 in UTC: the header's time less the zone that its flags name.
+  // Nanoseconds since 1970: the header's time as it stands; local time (hd_time_flags bit 0) less
+  // this machine's zone; with valid offsets (bit 1) plus these, less this machine's zone.
   std::uint64_t getStartTime() override;
   std::uint64_t getStopTime() override;  // always 0
 
@@ -505,9 +506,15 @@ class TOLVEX_EXPORT MdfSigReader : public MdfBaseReader {
   MdfSigAttr getSigAttr(int dg, int cg, int cn);
   // False, and `out` unchanged, when there is no such channel.
   bool getCCInfo(int dg, int cg, int cn, MdfSigCCInfo& out);
+  // The same without the conversion's values and texts: enough to list a channel, whose conversion
+  // may be a large table, not to convert.
+  bool getChannelInfo(int dg, int cg, int cn, MdfSigCCInfo& out);
   // The group's master time channel.
   bool getTimeCCInfo(int dg, int cg, MdfSigCCInfo& out);
   int getRecordCount(int dg, int cg);  // cg_cycle_count, its low 32 bits
+  // The whole records that the group's data hold by what its blocks state; 0 when they cannot be
+  // read. A sound file has cg_cycle_count of them. Reads by number beyond them start over.
+  std::uint64_t getStoredRecordCount(int dg, int cg);
   // The data groups whose records can be read, ascending.
   std::vector<int> getDataGroupSigsIndex();
   std::vector<MdfSigAttr> getDataGroupSigs(int dg);                                        // empty
@@ -562,8 +569,7 @@ class TOLVEX_EXPORT MdfReader : public MdfBaseReader {
   MdfReader(const MdfReader&);
   MdfReader& operator=(const MdfReader&);
 
-  // Nanoseconds since 1970 in UTC: the header's time less the zone that its flags name. Frame
-  // times count from MdfFileInfo::startTimeNs.
+  // As MdfSigReader::getStartTime. Frame times count from MdfFileInfo::startTimeNs, which is UTC.
   std::uint64_t getStartTime() override;
   // The groups whose frames getNext gives, in (dg, cg) order.
   std::vector<MdfGroupInfo> getBusLogGroups();
@@ -585,9 +591,9 @@ class TOLVEX_EXPORT MdfReader : public MdfBaseReader {
   static std::int64_t getSignedTimestampNsFromVariant(const MdfFrame& frame);
 
   // Off by default. On: a payload field wider than the frame is cut to the length that the record's
-  // own data length code stands for, so short frames keep their length. A classic frame of 8 bytes
-  // whose code is above 8 keeps it (its DataLength() is then not the payload's size). Call before
-  // reading.
+  // own data length code stands for, so short frames keep their length. Remote frames
+  // keep their code and have no payload; a classic frame of 8 bytes keeps a code above 8
+  // (DataLength() is then not the payload's size). Call before reading.
   void setPayloadByDlc(bool on);
   // Off by default. On: bus-log channels without a single recognised field, as signals measured
   // from a bus are marked, give no frames. Call before reading.

@@ -98,8 +98,9 @@ std::uint64_t writeRecords(MdfSigReader& reader, const MdfGroupInfo& group, Colu
   if (group.recordSize == 0) {
     return 0;
   }
-  const std::uint64_t total =
-      std::min<std::uint64_t>(group.recordCount, std::numeric_limits<int>::max());
+  const std::uint64_t total = std::min<std::uint64_t>(
+      {group.recordCount, reader.getStoredRecordCount(group.dgIndex, group.cgIndex),
+       std::numeric_limits<int>::max()});
   std::uint64_t step = std::max<std::uint64_t>(1, kBlockBytes / group.recordSize);
   std::uint64_t done = 0;
   std::vector<std::uint8_t> block;

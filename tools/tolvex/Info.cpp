@@ -39,49 +39,53 @@ std::optional<double> span(std::pair<double, double> times) {
   return std::isfinite(duration) && duration >= 0 ? std::optional(duration) : std::nullopt;
 }
 
-// The time that each group's records span; empty when they cannot be read.
-class Durations {
- public:
-  explicit Durations(MdfSigReader& reader)
-      : reader_(reader), signalGroups_(reader.getDataGroupSigsIndex()) {}
-
-  std::optional<double> of(const MdfGroupInfo& group) {
-    MdfSigCCInfo time;
-    if (group.unsorted || group.recordCount == 0 ||
-        !reader_.getTimeCCInfo(group.dgIndex, group.cgIndex, time)) {
-      return {};
-    }
-    if (std::ranges::binary_search(signalGroups_, group.dgIndex)) {
-      return span(reader_.readSignalTimeRange(group.dgIndex, group.cgIndex));
-    }
+// The time that the group's records span; empty when they cannot be read.
+std::optional<double> durationOf(MdfSigReader& reader, const MdfGroupInfo& group) {
+  MdfSigCCInfo time;
+  if (group.unsorted || group.recordCount == 0 ||
+      group.recordCount > reader.getStoredRecordCount(group.dgIndex, group.cgIndex) ||
+      !reader.getTimeCCInfo(group.dgIndex, group.cgIndex, time)) {
     return {};
   }
+  return span(reader.readSignalTimeRange(group.dgIndex, group.cgIndex));
+}
 
- private:
-  MdfSigReader& reader_;
-  std::vector<int> signalGroups_;
-};
+// The start of a text that is longer than anyone reads, else the text.
+std::string shortened(std::string text) {
+  constexpr std::size_t kLongest = 4096;
+  if (text.size() > kLongest) {
+    text.resize(kLongest);
+    text += "...";
+  }
+  return text;
+}
 
 std::vector<Channel> listChannels(MdfSigReader& reader, const MdfGroupInfo& group) {
   std::vector<Channel> channels;
   const int count = reader.getCNCount(group.dgIndex, group.cgIndex);
   for (int cn = 0; cn < count; ++cn) {
     Channel channel{reader.getSigAttr(group.dgIndex, group.cgIndex, cn), {}};
-    if (reader.getCCInfo(group.dgIndex, group.cgIndex, cn, channel.description)) {
-      channels.push_back(std::move(channel));
+    MdfSigCCInfo& description = channel.description;
+    if (!reader.getChannelInfo(group.dgIndex, group.cgIndex, cn, description)) {
+      continue;
     }
+    description.name.clear();  // the plain name is shown
+    description.unit = shortened(std::move(description.unit));
+    description.comment = shortened(std::move(description.comment));
+    channel.attributes.name = shortened(std::move(channel.attributes.name));
+    channels.push_back(std::move(channel));
   }
   return channels;
 }
 
 std::vector<Group> listGroups(MdfSigReader& reader) {
   std::vector<Group> groups;
-  Durations durations(reader);
   const int dataGroups = reader.getDGCount();
   for (int dg = 0; dg < dataGroups; ++dg) {
     MdfGroupInfo info;
     for (int cg = 0; reader.getGroupInfo(dg, cg, info); ++cg) {
-      groups.push_back({info, durations.of(info), listChannels(reader, info)});
+      info.name = shortened(std::move(info.name));
+      groups.push_back({info, durationOf(reader, info), listChannels(reader, info)});
     }
   }
   return groups;
