@@ -1,0 +1,61 @@
+#include "bench/CountedMemory.h"
+
+#include <malloc.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+bool isCounting = false;
+std::int64_t heldBytes = 0;
+std::int64_t peakBytes = 0;
+
+std::int64_t chunkSize(void* memory) {
+  return static_cast<std::int64_t>(malloc_usable_size(memory) + sizeof(std::size_t));
+}
+
+}  // namespace
+
+// NOLINTBEGIN(cppcoreguidelines-no-malloc): this is where memory comes from.
+void* operator new(std::size_t size) {
+  void* const memory = std::malloc(size);
+  if (memory == nullptr) throw std::bad_alloc();
+  if (isCounting) {
+    heldBytes += chunkSize(memory);
+    peakBytes = std::max(peakBytes, heldBytes);
+  }
+  return memory;
+}
+
+void operator delete(void* memory) noexcept {
+  if (isCounting && memory != nullptr) heldBytes -= chunkSize(memory);
+  std::free(memory);
+}
+
+void operator delete(void* memory, std::size_t) noexcept {
+  operator delete(memory);
+}
+// NOLINTEND(cppcoreguidelines-no-malloc)
+
+namespace tolvex::bench {
+
+MemoryCount::MemoryCount() {
+  heldBytes = 0;
+  peakBytes = 0;
+  isCounting = true;
+}
+MemoryCount::~MemoryCount() {
+  isCounting = false;
+}
+
+std::int64_t MemoryCount::held() const {
+  return heldBytes;
+}
+std::int64_t MemoryCount::peak() const {
+  return peakBytes;
+}
+
+}  // namespace tolvex::bench

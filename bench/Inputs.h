@@ -1,0 +1,66 @@
+// The files that the benches read, written on first use into a temporary folder that disappears
+// with the program.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "tests/support/FileBuilder.h"
+
+namespace tolvex::bench {
+
+// Data blocks of this many records, named by lists of kBlocksPerList.
+inline constexpr std::uint64_t kRecordsPerBlock = 512;
+inline constexpr std::uint64_t kBlocksPerList = 5;
+
+// One group, and the same records back to back in a file without any structure.
+struct RecordFile {
+  std::string path;
+  std::string plainPath;
+  std::uint64_t records = 0;
+  std::uint32_t recordSize = 0;
+
+  std::uint64_t bytes() const { return records * recordSize; }
+  std::uint64_t blocks() const { return (records + kRecordsPerBlock - 1) / kRecordsPerBlock; }
+};
+
+// A list of compressed blocks.
+struct CompressedFile {
+  std::string path;
+  std::uint64_t dataLink = 0;
+  std::uint64_t blockBytes = 0;  // of each block, inflated
+  std::vector<test::Bytes> blocks;
+  std::uint64_t checksum = 0;  // of the records
+
+  std::uint64_t bytes() const { return blocks.size() * blockBytes; }
+};
+
+// A sum over the bytes, 8 at a time; the last bytes of an odd size do not count.
+std::uint64_t checksum(const std::uint8_t* bytes, std::uint64_t size);
+
+class Inputs {
+ public:
+  // A bus log of CAN data frames, 8 bytes of payload each.
+  const RecordFile& frames(std::uint64_t count);
+  // float64 seconds and a walk of 16-bit signals.
+  const RecordFile& signals(std::uint64_t count, std::uint32_t recordSize);
+  // Records of 23 bytes are CAN frames, others signals; `transposed` ones lie column by column.
+  const CompressedFile& compressed(std::uint64_t blocks, std::uint32_t recordSize, bool transposed);
+  // Groups of channels without records; each channel has its own name, unit and linear conversion.
+  const std::string& channels(std::uint64_t groups, std::uint64_t channelsPerGroup);
+
+ private:
+  std::string keep(const test::FileBuilder& file, const std::string& name);
+
+  test::TempDir folder_;
+  std::map<std::string, RecordFile> recordFiles_;
+  std::map<std::string, CompressedFile> compressedFiles_;
+  std::map<std::string, std::string> channelFiles_;
+};
+
+Inputs& inputs();
+
+}  // namespace tolvex::bench
