@@ -136,6 +136,12 @@ void CanRecordDecoder::planMessage(const std::vector<CanFieldSlot>& layout) {
     }
     if (isRemote) marks[MdfCanMessage::kRtr] = nullptr;
   }
+  if (steps_.size() == 1 && steps_[0].field == CanField::DataBytes && !steps_[0].variableLength) {
+    plainSize_ = steps_[0].size;
+    plainEnd_ = steps_[0].offset + plainSize_;
+    plainDlc_ = lengthToDlc(plainSize_);
+    plainPayload_ = dlcToLength(plainDlc_) == plainSize_;
+  }
   hasExtended_ = marks.count(kExtendedMark) != 0;
   for (const auto& [mark, slot] : marks) {
     if (slot == nullptr) {
@@ -222,6 +228,12 @@ void CanRecordDecoder::decodeMessage(ByteSpan record, PayloadSource* payloads,
 void CanRecordDecoder::decodePayload(ByteSpan record, PayloadSource* payloads,
                                      MdfCanMessage& message) const {
   std::vector<std::uint8_t>& payload = message.dataBytes_;
+  if (plainPayload_ && record.size() >= plainEnd_) {
+    const std::uint8_t* const end = record.data() + plainEnd_;
+    payload.assign(end - plainSize_, end);
+    message.dlc_ = plainDlc_;
+    return;
+  }
   ByteSpan bytes;  // the payload so far, without the fill bytes up to its length
   std::uint32_t length = 0;
   std::uint32_t limit = kNoLimit;

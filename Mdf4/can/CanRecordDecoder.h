@@ -108,6 +108,12 @@ class CanRecordDecoder {
   std::uint16_t constantMarks_ = 0;
   std::vector<MarkByte> markBytes_;
 
+  // The usual payload: a field of the record, as long as one of the codes stands for.
+  bool plainPayload_ = false;
+  std::uint8_t plainDlc_ = 0;
+  std::uint64_t plainSize_ = 0;
+  std::uint64_t plainEnd_ = 0;
+
   // Messages: what makes up code and payload. Errors: everything but the bus channel.
   std::vector<Step> steps_;
 };

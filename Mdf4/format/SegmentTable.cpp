@@ -227,7 +227,6 @@ bool SegmentTable::append(DirectFile& file, const DataSegment& segment,
 }
 
 void SegmentTable::finish(DirectFile& file) {
-  data_.shrink_to_fit();
   DataSegment terminator;
   terminator.start = totalSize_;
   for (const DataSegment& segment : data_) {
@@ -248,6 +247,7 @@ void SegmentTable::finish(DirectFile& file) {
   }
   data_.push_back(terminator);
   if (!invalidation_.empty()) invalidation_.push_back({});
+  if (data_.capacity() > data_.size() + data_.size() / 4) data_.shrink_to_fit();
 }
 
 DataSegment& SegmentTable::invalidation(std::size_t index) {
