@@ -145,8 +145,7 @@ std::uint64_t m4DataStream::Read(std::uint64_t length, std::uint8_t* buffer,
                                  std::uint32_t records) {
   if (merges() && records != 0) return readMerged(length, buffer, records);
   if (length < kReadDirectly) {
-    const std::uint64_t inWindow = at_ >= windowStart_ && at_ <= windowEnd_ ? windowEnd_ - at_ : 0;
-    if (length <= inWindow) {
+    if (at_ >= windowStart_ && at_ <= windowEnd_ && length <= windowEnd_ - at_) {
       std::copy_n(window_ + (at_ - windowStart_), length, buffer);
       at_ += length;
       return length;
