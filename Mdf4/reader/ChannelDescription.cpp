@@ -43,6 +43,11 @@ const std::string& valueOf(const SharedText& text) {
 
 }  // namespace
 
+ChannelTextLoader::ChannelTextLoader(DirectFile& file, std::size_t channels) : file_(file) {
+  texts_.reserve(2 * channels);
+  conversions_.reserve(channels);
+}
+
 SharedText ChannelTextLoader::text(std::uint64_t position) {
   if (position == 0) return nullptr;
   const auto [entry, isNew] = texts_.try_emplace(position);

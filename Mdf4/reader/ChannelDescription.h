@@ -37,7 +37,8 @@ struct ChannelTexts {
 // share in the file they share in memory.
 class ChannelTextLoader {
  public:
-  explicit ChannelTextLoader(DirectFile& file) : file_(file) {}
+  // For about `channels` channels, which only sizes the tables in advance.
+  ChannelTextLoader(DirectFile& file, std::size_t channels);
   ChannelTexts load(const M4CNBlock& channel);
 
  private:

@@ -176,12 +176,13 @@ bool MdfSigReader::open() {
   }
   streams_->valuesBudget = LoadBudget::whole(state_->file);
   streams_->texts.clear();
-  ChannelTextLoader loader(state_->file);
+  ChannelTextLoader loader(state_->file, state_->blocks.size());
   for (const auto& [dg, groups] : state_->cnBlocks) {
     for (const auto& [cg, channels] : groups) {
       for (const auto& [cn, block] : channels) {
         if (block == nullptr) continue;
-        streams_->texts.emplace(block, loader.load(static_cast<const M4CNBlock&>(*block)));
+        streams_->texts.emplace_hint(streams_->texts.end(), block,
+                                     loader.load(static_cast<const M4CNBlock&>(*block)));
       }
     }
   }
