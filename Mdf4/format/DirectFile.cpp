@@ -25,6 +25,7 @@ DirectFile::~DirectFile() {
 bool DirectFile::Close() {
   const std::unique_ptr<SystemFile> file = std::move(file_);
   pages_.reset();
+  inflated_.clear();
   position_ = kNoPosition;
   end_ = 0;
   return file == nullptr || file->close();

@@ -12,7 +12,8 @@
 namespace tolvex {
 namespace {
 
-constexpr std::size_t kUsualSegments = 1000;
+constexpr std::uint64_t kUsualSegments = 1000;
+constexpr std::uint64_t kMostReserved = 1 << 16;
 
 // Kinds that a data link may lead to directly.
 bool isDirectData(std::uint16_t type) {
@@ -207,12 +208,11 @@ bool SegmentTable::append(DirectFile& file, const DataSegment& segment,
                           std::uint64_t expectedSize) {
   if (segment.length > ~std::uint64_t{0} - totalSize_) return false;
   if (data_.empty()) {
-    // The file bounds how many blocks there can be, whatever was expected.
-    const std::uint64_t most = file.end() / kBlockHeaderSize + 2;
+    // Only to spare small tables the growing: what was expected and the file's size may be lies.
     const std::uint64_t wanted = expectedSize == 0 || segment.length == 0
                                      ? kUsualSegments
                                      : expectedSize / segment.length + 2;
-    data_.reserve(std::min(most, wanted));
+    data_.reserve(std::min(wanted, kMostReserved));
   }
   data_.push_back(segment);
   data_.back().start = totalSize_;

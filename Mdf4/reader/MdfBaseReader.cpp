@@ -91,10 +91,9 @@ const M4CNBlock* ReaderState::findChannel(int dg, int cg, int cn) const {
 }
 
 const MdfCNInfo* ReaderState::findTimeChannel(int dg, int cg) const {
-  for (const MdfCNInfo& channel : timeChannels) {
-    if (channel.dgIndex == dg && (cg < 0 || channel.cgIndex == cg)) return &channel;
-  }
-  return nullptr;
+  const auto found = timeChannels.lower_bound({dg, std::max(cg, 0)});
+  if (found == timeChannels.end() || found->first.first != dg) return nullptr;
+  return cg < 0 || found->first.second == cg ? &found->second : nullptr;
 }
 
 bool ReaderState::describe(int dg, int cg, MdfGroupInfo& group) const {
@@ -233,7 +232,7 @@ class TreeWalk {
                channel.cn_type == channel_type::kVlsd) {
       state_.valueChannels.push_back(std::move(info));
     } else if (channel.cn_type == channel_type::kMaster && channel.cn_sync_type == kSyncTime) {
-      state_.timeChannels.push_back(std::move(info));
+      state_.timeChannels.try_emplace({info.dgIndex, info.cgIndex}, std::move(info));
     }
   }
 

@@ -18,7 +18,8 @@ namespace {
 constexpr std::uint64_t kPiece = 256 * 1024;
 
 // Groups that were read lately keep what they read ahead and inflated, together so many bytes.
-constexpr std::uint64_t kMostHeld = 32 << 20;
+// Not fewer: groups read in turn would inflate a block of some MiB for every record.
+constexpr std::uint64_t kMostHeld = 64 << 20;
 constexpr std::size_t kMostRecent = 256;
 
 struct RecordStream {
@@ -105,6 +106,7 @@ struct SignalStreams {
 
   void open(ReaderState& state, int dg, int cg);
   const RecordStream* find(int dg, int cg);
+  void keepInMind(m4DataStream& stream);
   // False when the channel is null or was not there when the file was opened.
   bool describe(const m4Block* channel, Tables tables, MdfSigCCInfo& out) const {
     const auto found = texts.find(channel);
@@ -125,28 +127,32 @@ void MdfSigReader::setReadAllGroups(bool on) {
   streams_->readAllGroups = on;
 }
 
-// The records of (dg, cg), of the first group of dg when cg is negative; null when there are none
-// or the file is closed. What the groups that were read before hold in memory is kept up to a
+// Before a stream is read: what the others that were read lately hold in memory is kept up to a
 // limit.
+void SignalStreams::keepInMind(m4DataStream& stream) {
+  if (!recent.empty() && recent.front() == &stream) return;
+  recent.remove(&stream);
+  recent.push_front(&stream);
+  std::uint64_t held = 0;
+  for (m4DataStream* const other : recent) {
+    if (held > kMostHeld) other->releaseBuffers();
+    held += other->heldBytes();
+  }
+  if (recent.size() > kMostRecent) {
+    recent.back()->releaseBuffers();
+    recent.pop_back();
+  }
+}
+
+// The records of (dg, cg), of the first group of dg when cg is negative; null when there are none
+// or the file is closed.
 const RecordStream* SignalStreams::find(int dg, int cg) {
   const auto found = records.lower_bound({dg, std::max(cg, 0)});
   if (found == records.end() || found->first.first != dg) return nullptr;
   if (cg >= 0 && found->first.second != cg) return nullptr;
   const RecordStream& wanted = found->second;
   if (!wanted.stream->file().isOpen()) return nullptr;
-  if (recent.empty() || recent.front() != wanted.stream.get()) {
-    recent.remove(wanted.stream.get());
-    recent.push_front(wanted.stream.get());
-    std::uint64_t held = 0;
-    for (m4DataStream* const stream : recent) {
-      if (held > kMostHeld) stream->releaseBuffers();
-      held += stream->heldBytes();
-    }
-    if (recent.size() > kMostRecent) {
-      recent.back()->releaseBuffers();
-      recent.pop_back();
-    }
-  }
+  keepInMind(*wanted.stream);
   return &wanted;
 }
 
@@ -397,6 +403,7 @@ bool MdfSigReader::readValueBytes(int dg, int cg, int cn, const std::uint8_t* re
     values =
         streams_->values.emplace(channel, state_->openStream(channel->link(link::cn_data))).first;
   }
+  streams_->keepInMind(values->second);
   return values->second.readValue(offset, out);
 }
 

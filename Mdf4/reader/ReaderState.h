@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "Mdf4/format/MDF4File.h"
@@ -39,8 +40,8 @@ struct ReaderState {
   std::map<int, std::map<int, std::map<int, m4Block*>>> cnBlocks;
   std::vector<MdfCNInfo> valueChannels;
   std::vector<MdfCNInfo> canChannels;
-  std::vector<MdfCNInfo> timeChannels;
-  std::vector<std::unique_ptr<m4Block>> blocks;                             // all of the above
+  std::map<std::pair<int, int>, MdfCNInfo> timeChannels;  // the first of each (dg, cg)
+  std::vector<std::unique_ptr<m4Block>> blocks;           // all of the above
   std::unordered_map<std::uint64_t, std::shared_ptr<SegmentTable>> tables;  // by data link
 
   // The data group's, channel group's or channel's block without leaving an entry, or null.
