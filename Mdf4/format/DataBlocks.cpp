@@ -17,9 +17,9 @@ bool M4DataBlock::readData(std::uint64_t position, std::uint64_t length) {
 }
 
 bool M4DataBlock::reallocate(std::uint64_t bytes) {
-  std::unique_ptr<std::uint8_t[]> bigger(new (std::nothrow) std::uint8_t[bytes]());
+  std::unique_ptr<std::uint8_t[]> bigger(new (std::nothrow) std::uint8_t[bytes]);
   if (bigger != nullptr && buffer_ != nullptr) {
-    std::copy_n(buffer_.get(), std::min(capacity_, bytes), bigger.get());
+    std::copy_n(buffer_.get(), std::min(size_, bytes), bigger.get());
   }
   buffer_ = std::move(bigger);
   capacity_ = buffer_ != nullptr ? bytes : 0;
@@ -28,16 +28,15 @@ bool M4DataBlock::reallocate(std::uint64_t bytes) {
 }
 
 std::uint64_t M4DataBlock::place(DirectFile& file) {
-  if (file_ != nullptr && position_ != 0 && write(kSaveAll) == 0) return 0;
+  if (position_ != 0 && !writeOut()) return 0;
   size_ = 0;
+  written_ = false;
   return reserve(file, capacity_ + kBlockHeaderSize, "DT");
 }
 
-std::uint64_t M4DataBlock::append(const std::uint8_t* data, std::uint64_t bytes) {
-  const std::uint64_t count = std::min(bytes, capacity_ - size_);
-  if (data != nullptr) std::copy_n(data, count, buffer_.get() + size_);
-  size_ += count;
-  return count;
+bool M4DataBlock::writeOut() {
+  written_ = written_ || write(kSaveAll) != 0;
+  return written_;
 }
 
 M4DLBlock::M4DLBlock(std::uint32_t capacity, std::uint64_t equalLength)
@@ -50,23 +49,38 @@ void M4DLBlock::add(std::uint64_t dataPosition) {
   setLink(++dl_count, dataPosition);
 }
 
+void M4DLBlock::removeLast() {
+  links_.resize(links_.size() - 1);
+  --dl_count;
+}
+
 std::uint64_t M4DLBlock::place(DirectFile& file) {
-  return reserve(
-      file,
-      kBlockHeaderSize + kLinkSize * (std::uint64_t{capacity_} + 1) + recordSize() + extraSize(),
-      "DL");
+  const std::size_t links = links_.size();
+  links_.resize(std::size_t{capacity_} + 1);
+  const std::uint64_t end = file.end();
+  reserve(file, kBlockHeaderSize + kLinkSize * links_.size() + recordSize() + extraSize(), "DL");
+  if (write(kSaveAll) == 0) {
+    file.giveBack(end);
+    position_ = 0;
+  }
+  links_.resize(links);
+  return position_;
 }
 
 std::uint64_t M4DLBlock::moveOn() {
-  const std::uint64_t current = position_;
-  const std::uint64_t next = place(*file_);
-  setLink(link::dl_dl_next, next);
-  position_ = current;
-  if (save(nullptr, kSaveAll) == 0) return 0;
-  position_ = next;
+  const std::uint64_t end = file_->end();
+  M4DLBlock next(capacity_, extra_[0]);
+  if (next.place(*file_) == 0) return 0;
+  setLink(link::dl_dl_next, next.position());
+  if (save(nullptr, kSaveAll) == 0) {
+    setLink(link::dl_dl_next, 0);
+    file_->giveBack(end);
+    return 0;
+  }
+  position_ = next.position();
   links_.assign(1, 0);
   dl_count = 0;
-  return next;
+  return position_;
 }
 
 M4LDBlock::M4LDBlock(std::uint32_t capacity, bool invalidation)
@@ -81,6 +95,15 @@ void M4LDBlock::add(std::uint64_t dataPosition, std::uint64_t invalidationPositi
   }
 }
 
+void M4LDBlock::removeLast() {
+  if (hasInvalidation()) {
+    links_.resize(std::size_t{capacity_} + ld_count);
+  } else {
+    links_.resize(links_.size() - 1);
+  }
+  --ld_count;
+}
+
 std::uint64_t M4LDBlock::place(DirectFile& file) {
   const std::uint64_t perEntry = hasInvalidation() ? 2 : 1;
   return reserve(
@@ -90,10 +113,15 @@ std::uint64_t M4LDBlock::place(DirectFile& file) {
 
 std::uint64_t M4LDBlock::moveOn() {
   const std::uint64_t current = position_;
+  const std::uint64_t end = file_->end();
   const std::uint64_t next = place(*file_);
   setLink(link::ld_ld_next, next);
   position_ = current;
-  if (save(nullptr, kSaveAll) == 0) return 0;
+  if (save(nullptr, kSaveAll) == 0) {
+    setLink(link::ld_ld_next, 0);
+    file_->giveBack(end);
+    return 0;
+  }
   position_ = next;
   links_.assign(1, 0);
   ld_count = 0;

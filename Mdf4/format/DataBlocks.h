@@ -1,7 +1,9 @@
 // Blocks of raw bytes (records, signal values, invalidation bytes) and the lists that name them.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 
 #include "Mdf4/format/m4Block.h"
@@ -23,19 +25,38 @@ class M4DataBlock : public m4Block {
   virtual void setCapacity(std::uint64_t bytes) { capacity_ = bytes; }  // allocates nothing
   // Resizes the buffer. On failure the block has none, and the result is false.
   virtual bool reallocate(std::uint64_t bytes);
-  // Writes the contents at the old place, if there is one; then starts empty at the end of `file`,
-  // where capacity + 24 bytes are reserved. Returns the new position, or 0 when the write fails.
+  // Writes the contents at the old place, if there is one and they are not there yet; then starts
+  // empty at the end of `file`, where capacity + 24 bytes are reserved. Returns the new position,
+  // or 0, with everything as it was, when the write fails.
   virtual std::uint64_t place(DirectFile& file);
+  // Writes the contents at the block's place, unless they are there.
+  bool writeOut();
 
-  // Copies as many leading bytes as fit, or, without `data`, takes the buffer's own. Returns how
-  // many.
-  std::uint64_t append(const std::uint8_t* data, std::uint64_t bytes);
+  // Copies as many leading bytes as fit; without `data`, zeros. Returns how many.
+  std::uint64_t append(const std::uint8_t* data, std::uint64_t bytes) {
+    const std::uint64_t count = std::min(bytes, room());
+    if (data != nullptr) {
+      std::memcpy(buffer_.get() + size_, data, count);
+    } else {
+      std::memset(buffer_.get() + size_, 0, count);
+    }
+    size_ += count;
+    written_ &= count == 0;
+    return count;
+  }
+  // Drops the bytes that were appended last.
+  void takeBack(std::uint64_t bytes) {
+    size_ -= bytes;
+    written_ = false;
+  }
+  std::uint64_t room() const { return capacity_ - size_; }
   ByteSpan data() const { return {buffer_.get(), size_}; }
 
  private:
   std::unique_ptr<std::uint8_t[]> buffer_;
   std::uint64_t size_ = 0;
   std::uint64_t capacity_ = 0;
+  bool written_ = false;  // the file holds the contents
 };
 
 template <std::uint16_t Type>
@@ -63,9 +84,12 @@ class M4DLBlock : public m4BlockImpl<m4DLRecord, std::uint64_t, block_type::kDL>
 
   bool full() const { return dl_count >= capacity_; }
   void add(std::uint64_t dataPosition);
+  void removeLast();
+  // Reserves room for a full list at the end of `file` and fills it with this one, so that a full
+  // disk cannot keep its entries out later. Returns the position, or 0 when the write fails.
   std::uint64_t place(DirectFile& file);
   // Saves this list with a link to a new one behind it, and becomes that one. Returns the new
-  // list's position, or 0 when the write fails.
+  // list's position, or 0, with this list as it was, when a write fails.
   std::uint64_t moveOn();
 
  private:
@@ -82,6 +106,7 @@ class M4LDBlock : public m4BlockImpl<m4LDRecord, std::uint64_t, block_type::kLD>
   bool hasInvalidation() const { return (ld_flags & kLdFlagInvalidation) != 0; }
   // Invalidation links stand behind the room for `capacity` data links.
   void add(std::uint64_t dataPosition, std::uint64_t invalidationPosition);
+  void removeLast();
   std::uint64_t place(DirectFile& file);
   std::uint64_t moveOn();
 

@@ -28,7 +28,9 @@ bool DirectFile::Close() {
   inflated_.clear();
   position_ = kNoPosition;
   end_ = 0;
-  return file == nullptr || file->close();
+  if (file == nullptr || file->close()) return true;
+  if (writeError_.empty()) writeError_ = "closing the file failed: " + file->error();
+  return false;
 }
 
 bool DirectFile::open(const std::string& path, OpenMode mode) {
@@ -46,6 +48,7 @@ bool DirectFile::attach(std::unique_ptr<SystemFile> file) {
   std::uint64_t size = 0;
   if (!file->size(size)) return false;
   file_ = std::move(file);
+  writeError_.clear();
   position_ = size;
   end_ = size;
   return true;
@@ -110,10 +113,19 @@ bool DirectFile::WriteAt(std::uint64_t position, std::span<const ByteSpan> piece
   for (const ByteSpan& piece : pieces) length += piece.size();
   forgetPages(position, length);
   position_ = position;
-  if (!file_->write(position, pieces)) return false;
+  if (!file_->write(position, pieces)) {
+    noteWriteError(position, length);
+    return false;
+  }
   position_ = position + length;
   end_ = std::max(end_, position_);
   return true;
+}
+
+void DirectFile::noteWriteError(std::uint64_t position, std::uint64_t length) {
+  if (!writeError_.empty()) return;
+  writeError_ = formatText("writing %" PRIu64 " bytes at %" PRIu64 " failed: %s", length, position,
+                           file_->error().c_str());
 }
 
 void DirectFile::forgetPages(std::uint64_t position, std::uint64_t length) {

@@ -1,6 +1,7 @@
 // Positioned reading, writing and space allocation in one file.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <map>
@@ -39,6 +40,8 @@ class DirectFile {
   bool attach(std::unique_ptr<SystemFile> file);
   bool isOpen() const { return file_ != nullptr; }
   const std::string& openError() const { return openError_; }
+  // The first write, or the closing, that failed: what, where and why. "" when none did.
+  const std::string& writeError() const { return writeError_; }
 
   // Reads exactly `length` bytes. A short read prints "DirectFile::ReadAt failed" and fails.
   bool ReadAt(std::uint64_t position, std::uint64_t length, void* buffer);
@@ -53,6 +56,8 @@ class DirectFile {
   // multiple of 8. The area grows by the block; with `extend` the padding is counted twice, and
   // SetEnd is called with the block's position.
   std::uint64_t Allocate(std::uint64_t size, bool extend);
+  // Gives back what was allocated behind `end`, an earlier end of the area.
+  void giveBack(std::uint64_t end) { end_ = std::min(end_, end); }
   // Moves the end of the allocated area forward by writing a zero byte in front of it. An end that
   // is already there or further only prints "DirectFile::SetEnd Not Support, ...".
   bool SetEnd(std::uint64_t position);
@@ -86,12 +91,14 @@ class DirectFile {
 
   std::uint64_t readSmall(std::uint64_t position, WritableBytes bytes);
   void forgetPages(std::uint64_t position, std::uint64_t length);
+  void noteWriteError(std::uint64_t position, std::uint64_t length);
 
   std::unique_ptr<SystemFile> file_;
   std::unique_ptr<Pages> pages_;
   std::uint64_t position_ = kNoPosition;
   std::uint64_t end_ = 0;
   std::string openError_;
+  std::string writeError_;
   std::vector<std::string> problems_;
   std::map<std::uint64_t, std::weak_ptr<InflatedBlock>> inflated_;
   std::uint64_t loadBudget_ = kNoPosition;  // bytes that may still be loaded; kNoPosition: any

@@ -44,15 +44,24 @@ class PosixFile final : public SystemFile {
   bool write(std::uint64_t position, std::span<const ByteSpan> pieces) override {
     std::uint64_t wanted = 0;
     for (const ByteSpan& piece : pieces) wanted += piece.size();
-    return transfer(position, pieces, [this](const iovec* part, int count, off_t at) {
-             return ::pwritev(descriptor_, part, count, at);
-           }) == wanted;
+    errno = 0;
+    const std::uint64_t done =
+        transfer(position, pieces, [this](const iovec* part, int count, off_t at) {
+          return ::pwritev(descriptor_, part, count, at);
+        });
+    if (done == wanted) return true;
+    error_ = errno != 0 ? errno : EIO;
+    return false;
   }
 
   bool close() override {
     const int descriptor = std::exchange(descriptor_, -1);
-    return descriptor < 0 || ::close(descriptor) == 0;
+    if (descriptor < 0 || ::close(descriptor) == 0) return true;
+    error_ = errno;
+    return false;
   }
+
+  std::string error() const override { return std::generic_category().message(error_); }
 
  private:
   // Calls `move` until all pieces are done, it moves nothing more or it fails. Returns the bytes
@@ -96,6 +105,7 @@ class PosixFile final : public SystemFile {
   }
 
   int descriptor_;
+  int error_ = 0;  // of the last call that failed
 };
 
 }  // namespace
@@ -126,6 +136,13 @@ std::unique_ptr<SystemFile> openSystemFile(const std::string& path, OpenMode mod
     return nullptr;
   }
   return file;
+}
+
+std::uint64_t systemTicks() {
+  timespec now = {};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  return static_cast<std::uint64_t>(now.tv_sec) * 10'000'000 +
+         static_cast<std::uint64_t>(now.tv_nsec) / 100;
 }
 
 long timeZoneSeconds() {

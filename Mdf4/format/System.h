@@ -1,4 +1,5 @@
-// Everything that depends on the operating system: files with 64-bit positions, the time zone.
+// Everything that depends on the operating system: files with 64-bit positions, the clock, the
+// time zone.
 #pragma once
 
 #include <cstdint>
@@ -30,11 +31,16 @@ class SystemFile {
   virtual bool write(std::uint64_t position, std::span<const ByteSpan> pieces) = 0;
   // Closes the file; false when the system reports that something was not written.
   virtual bool close() = 0;
+  // Why the last write or the closing failed, in the system's words.
+  virtual std::string error() const = 0;
 };
 
 // Opens a file, or null; `error` then says why in the system's words.
 std::unique_ptr<SystemFile> openSystemFile(const std::string& path, OpenMode mode,
                                            std::string& error);
+
+// The current time in 100-nanosecond ticks since 1970-01-01 00:00 UTC.
+std::uint64_t systemTicks();
 
 // Seconds to add to local standard time to get UTC; 0 when unknown.
 long timeZoneSeconds();

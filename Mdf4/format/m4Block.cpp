@@ -65,12 +65,18 @@ void m4Block::setLink(std::size_t index, std::uint64_t position) {
 std::uint64_t m4Block::save(DirectFile* file, unsigned flags) {
   if (file != nullptr) file_ = file;
   if (file_ == nullptr) return 0;
-  if (position_ == 0) {
+  const std::uint64_t end = file_->end();
+  const bool isNew = position_ == 0;
+  if (isNew) {
     position_ = file_->Allocate(
         kBlockHeaderSize + links_.size() * kLinkSize + recordSize() + extraSize(), false);
   }
-  if (flags != 0 && write(flags) == 0) return 0;
-  return position_;
+  if (flags == 0 || write(flags) != 0) return position_;
+  if (isNew) {
+    file_->giveBack(end);
+    position_ = 0;
+  }
+  return 0;
 }
 
 std::uint64_t m4Block::write(unsigned flags) {

@@ -47,7 +47,7 @@ class m4Block {
 
   // Places the block at the end of the file when it has no position, then writes the parts that
   // `flags` names. A given file becomes the block's file. Returns the block's position, or 0
-  // without a file and when a write fails.
+  // without a file and when a write fails; a block that had no place then has none.
   std::uint64_t save(DirectFile* file, unsigned flags);
 
  protected:

@@ -70,7 +70,8 @@ class m4DataStream {
 
   // For writing: data blocks of the capacity that `data` has, listed by a DL or an LD (`list` given
   // anew, one of the two), with `invalidation` blocks beside them for an LD. Places the first list;
-  // data blocks are placed when a byte needs them.
+  // data blocks are placed when a byte needs them, and written, with their list, when they are
+  // full.
   struct Blocks {
     std::unique_ptr<M4DataBlock> data;
     std::unique_ptr<M4DataBlock> invalidation;
@@ -79,18 +80,30 @@ class m4DataStream {
   };
   m4DataStream(DirectFile& file, Blocks blocks);
 
-  // The position of the first list, for the data link.
+  // The position of the first list, for the data link; 0 when it could not be written.
   std::uint64_t firstList() const { return firstList_; }
+  // The appended bytes that the file holds in blocks that it lists.
+  std::uint64_t savedBytes() const { return savedBytes_; }
   // An 8-byte position that finish writes at `position`.
   void addPendingLink(std::uint64_t position, std::uint64_t value);
   // Appends bytes, and invalidation bytes in the same proportion to the blocks' capacities. False
-  // when a write fails or there is no list to name another block.
+  // when a write fails or there is no list to name another block: nothing is appended then, and the
+  // next call tries again. Only when a call's bytes fill several blocks and not the first of them
+  // fails, the stream refuses whatever follows, since a part of them is in the file.
   virtual bool write(const std::uint8_t* data, std::uint64_t length,
                      const std::uint8_t* invalidation, std::uint64_t invalidationLength);
-  // Appends bytes of no particular value.
+  // write, when the bytes fit into the open block and leave room in it: nothing can fail.
+  bool writeInto(const std::uint8_t* data, std::uint64_t length) {
+    if (!open_ || broken_ || length >= blocks_.data->room()) return false;
+    blocks_.data->append(data, length);
+    pending_ = true;
+    return true;
+  }
+  // Appends zeros.
   virtual bool skip(std::uint64_t length);
-  // Writes the open list, the pending links and the open data blocks. `full`: the file then covers
-  // the whole room reserved for a block, while its header states the bytes that are filled.
+  // Writes the open data blocks, their list and the pending links. `full`: the file then covers the
+  // whole room reserved for a block, while its header states the bytes that are filled. A data
+  // block that cannot be written is not listed.
   virtual bool finish(bool full);
   // Finishes what is pending and releases all buffers and blocks.
   virtual bool close();
@@ -115,8 +128,10 @@ class m4DataStream {
   std::uint64_t readMerged(std::uint64_t length, std::uint8_t* buffer, std::uint32_t records);
   std::uint64_t readMarks(std::size_t index, std::uint64_t offset, WritableBytes marks);
 
+  bool saveBlock();
+  bool saveList();
   bool nextBlock();
-  bool openBlocks();
+  void takeBack(std::uint64_t bytes, std::uint64_t marks);
 
   DirectFile* file_;
 
@@ -149,8 +164,11 @@ class m4DataStream {
   Blocks blocks_;
   std::vector<Pending> pendingLinks_;
   std::uint64_t firstList_ = 0;
-  bool pending_ = false;  // something is not in the file yet
-  bool open_ = false;     // the data blocks have a place
+  std::uint64_t savedBytes_ = 0;
+  std::uint64_t savedInBlock_ = 0;  // of them, those in the open block
+  bool pending_ = false;            // something is not in the file yet
+  bool open_ = false;               // the data blocks have a place
+  bool broken_ = false;             // the file holds a part of what a call should have appended
 };
 
 }  // namespace tolvex

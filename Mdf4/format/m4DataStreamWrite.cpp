@@ -16,24 +16,34 @@ void m4DataStream::addPendingLink(std::uint64_t position, std::uint64_t value) {
 
 bool m4DataStream::write(const std::uint8_t* data, std::uint64_t length,
                          const std::uint8_t* invalidation, std::uint64_t invalidationLength) {
-  if (blocks_.data == nullptr || blocks_.data->capacity() == 0) return false;
+  if (broken_ || blocks_.data == nullptr || blocks_.data->capacity() == 0) return false;
   if (invalidationLength != 0 &&
       (blocks_.invalidation == nullptr || blocks_.invalidation->capacity() == 0)) {
     return false;
   }
+  bool firstBlock = true;
   while (length != 0 || invalidationLength != 0) {
-    if (!open_ && !openBlocks()) return false;
+    const bool full = open_ && blocks_.data->room() == 0;
+    if ((!open_ || full || !firstBlock) && !nextBlock()) {
+      broken_ = !firstBlock;
+      return false;
+    }
     const std::uint64_t copied = blocks_.data->append(data, length);
-    if (data != nullptr) data += copied;
-    length -= copied;
     std::uint64_t marksCopied = 0;
     if (blocks_.invalidation != nullptr) {
       marksCopied = blocks_.invalidation->append(invalidation, invalidationLength);
-      if (invalidation != nullptr) invalidation += marksCopied;
-      invalidationLength -= marksCopied;
     }
     pending_ = true;
-    if ((length != 0 || invalidationLength != 0) && !nextBlock()) return false;
+    if (blocks_.data->room() == 0 && !saveBlock()) {
+      takeBack(copied, marksCopied);
+      broken_ = !firstBlock;
+      return false;
+    }
+    if (data != nullptr) data += copied;
+    length -= copied;
+    if (invalidation != nullptr) invalidation += marksCopied;
+    invalidationLength -= marksCopied;
+    firstBlock = false;
   }
   return true;
 }
@@ -42,17 +52,34 @@ bool m4DataStream::skip(std::uint64_t length) {
   return write(nullptr, length, nullptr, 0);
 }
 
-// Gives the data blocks their first place.
-bool m4DataStream::openBlocks() {
-  open_ = nextBlock();
-  return open_;
+void m4DataStream::takeBack(std::uint64_t bytes, std::uint64_t marks) {
+  blocks_.data->takeBack(bytes);
+  if (blocks_.invalidation != nullptr) blocks_.invalidation->takeBack(marks);
 }
 
-// Moves the data blocks to a new place, which writes what they hold, and lists it.
+// Writes what the data blocks hold to their place, then the list that names them: what the file
+// lists is there at every moment.
+bool m4DataStream::saveBlock() {
+  if (savedInBlock_ == blocks_.data->extraSize()) return true;
+  if (!blocks_.data->writeOut()) return false;
+  if (blocks_.invalidation != nullptr && !blocks_.invalidation->writeOut()) return false;
+  if (!saveList()) return false;
+  savedBytes_ += blocks_.data->extraSize() - savedInBlock_;
+  savedInBlock_ = blocks_.data->extraSize();
+  return true;
+}
+
+bool m4DataStream::saveList() {
+  if (blocks_.dataList != nullptr) return blocks_.dataList->save(nullptr, m4Block::kSaveAll) != 0;
+  return blocks_.columnList == nullptr || blocks_.columnList->save(nullptr, m4Block::kSaveAll) != 0;
+}
+
+// Gives the data blocks their next place, with those they had saved, and lists it.
 bool m4DataStream::nextBlock() {
   M4DLBlock* const dataList = blocks_.dataList.get();
   M4LDBlock* const columnList = blocks_.columnList.get();
   if (dataList == nullptr && columnList == nullptr) return false;
+  if (open_ && !saveBlock()) return false;
   const bool full = dataList != nullptr ? dataList->full() : columnList->full();
   if (full) {
     const m4Block& list = dataList != nullptr ? static_cast<m4Block&>(*dataList) : *columnList;
@@ -62,41 +89,39 @@ bool m4DataStream::nextBlock() {
     if (next == 0) return false;
   }
   const std::uint64_t dataPosition = blocks_.data->place(*file_);
-  if (dataPosition == 0) return false;
+  savedInBlock_ = 0;
+  std::uint64_t marksPosition = 0;
+  if (blocks_.invalidation != nullptr) marksPosition = blocks_.invalidation->place(*file_);
   if (dataList != nullptr) {
     dataList->add(dataPosition);
-    return true;
+  } else {
+    columnList->add(dataPosition, marksPosition);
   }
-  std::uint64_t marksPosition = 0;
-  if (blocks_.invalidation != nullptr) {
-    marksPosition = blocks_.invalidation->place(*file_);
-    if (marksPosition == 0) return false;
-  }
-  columnList->add(dataPosition, marksPosition);
+  open_ = true;
   return true;
 }
 
 bool m4DataStream::finish(bool full) {
   bool written = true;
-  if (blocks_.dataList != nullptr) {
-    written &= blocks_.dataList->save(nullptr, m4Block::kSaveAll) != 0;
+  const bool empty = open_ && blocks_.data->extraSize() == 0;
+  if (open_ && (empty || !saveBlock())) {
+    written = empty;
+    if (blocks_.dataList != nullptr) blocks_.dataList->removeLast();
+    if (blocks_.columnList != nullptr) blocks_.columnList->removeLast();
+    open_ = false;
   }
-  if (blocks_.columnList != nullptr) {
-    written &= blocks_.columnList->save(nullptr, m4Block::kSaveAll) != 0;
-  }
+  if (!open_) written &= saveList();
   for (const Pending& link : pendingLinks_) {
     written &= file_->WriteAt(link.position, sizeof link.value, &link.value);
   }
   pendingLinks_.clear();
   for (M4DataBlock* const block : {blocks_.data.get(), blocks_.invalidation.get()}) {
-    if (block == nullptr || !open_) continue;
+    if (block == nullptr || !open_ || !full) continue;
     const std::uint64_t filled = block->extraSize();
-    if (full) block->setDataSize(block->capacity());
+    block->append(nullptr, block->room());
     written &= block->save(nullptr, m4Block::kSaveAll) != 0;
-    if (full) {
-      block->setDataSize(filled);
-      written &= block->save(nullptr, m4Block::kSaveFixed) != 0;
-    }
+    block->setDataSize(filled);
+    written &= block->save(nullptr, m4Block::kSaveFixed) != 0;
   }
   blocks_.data.reset();
   blocks_.invalidation.reset();

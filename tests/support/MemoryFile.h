@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <string>
 #include <utility>
 
 #include "Mdf4/format/System.h"
@@ -50,6 +51,7 @@ class MemoryFile final : public SystemFile {
   }
 
   bool close() override { return true; }
+  std::string error() const override { return "no room in memory"; }
 
  private:
   Bytes bytes_;
