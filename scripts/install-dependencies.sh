@@ -10,9 +10,9 @@ for group in "$@"; do
   case $group in
     build)
       packages+=(cmake ninja-build g++ pkg-config zlib1g-dev libgtest-dev libcli11-dev
-        nlohmann-json3-dev libfmt-dev)
+        nlohmann-json3-dev libfmt-dev python3)
       ;;
-    bench) packages+=(libbenchmark-dev) ;;
+    bench) packages+=(libbenchmark-dev libhdf5-dev libsqlite3-dev) ;;
     check) packages+=(clang libclang-rt-dev llvm clang-format clang-tidy) ;;
     *)
       echo "install-dependencies.sh: unknown group '$group'" >&2

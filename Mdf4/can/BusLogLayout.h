@@ -1,14 +1,17 @@
-// How CAN frames lie in the records of a bus log: the names that fields are known by, and the three
-// record layouts that tolvex writes.
+// How CAN frames lie in the records of a bus log: the names that fields are known by, the record
+// layouts that tolvex writes, and how it writes fields into them.
 #pragma once
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+
+#include "Mdf4/format/Bytes.h"
 
 namespace tolvex {
 
@@ -99,6 +102,13 @@ struct CanFieldSlot {
 // ---------------------------------------------------------------------------------------------
 // Layouts, as tolvex writes them
 
+// Where a field lies in a record: a little-endian number, first bit lowest, or bytes.
+struct FieldPlace {
+  std::uint32_t byteOffset;  // from the start of the record, the time channel included
+  std::uint8_t bitOffset;
+  std::uint32_t bits;
+};
+
 // One field channel of a layout.
 struct BusLogChannel {
   // A bit count that stands for the whole payload of the maximum data length.
@@ -139,10 +149,126 @@ struct BusLogLayout {
                                                             : channel.bits;
   }
   std::string channelName(const BusLogChannel& channel) const;
+  // Where the channel with that suffix lies; to ask for one that there is not does not compile.
+  consteval FieldPlace place(std::string_view suffix) const {
+    for (const BusLogChannel& channel : channels) {
+      if (channel.suffix == suffix) return {channel.byteOffset, channel.bitOffset, channel.bits};
+    }
+    throw "no such channel";
+  }
 };
 
-extern const BusLogLayout kCanDataFrames;
-extern const BusLogLayout kCanErrorFrames;
-extern const BusLogLayout kCanFdErrorFrames;
+namespace bus_log {
+
+inline constexpr std::uint8_t kUnsigned = 0;  // little-endian
+inline constexpr std::uint8_t kByteArray = 10;
+inline constexpr bool kDlcToLength = true;
+
+// FrameDuration and BitCount overlap the payload, and lie beyond a record of 8 payload bytes;
+// nobody writes them. SingleWire and WakeUp name each other's bits of the flags byte. Files in use
+// have them so.
+inline constexpr BusLogChannel kDataFrameChannels[] = {
+    {"Flags", kUnsigned, 10, 0, 8},
+    {"BusChannel", kUnsigned, 8, 0, 8},
+    {"ID", kUnsigned, 11, 0, 32},
+    {"IDE", kUnsigned, 14, 7, 1},
+    {"FrameDuration", kUnsigned, 22, 0, 32},
+    {"BitCount", kUnsigned, 26, 0, 8},
+    {"DLC", kUnsigned, 9, 0, 8},
+    {"DataLength", kUnsigned, 9, 0, 8, kDlcToLength},
+    {"DataBytes", kByteArray, 15, 0, BusLogChannel::kMaxLengthPayload},
+    {"Dir", kUnsigned, 10, 0, 1},
+    {"SRR", kUnsigned, 10, 1, 1},
+    {"EDL", kUnsigned, 10, 2, 1},
+    {"BRS", kUnsigned, 10, 3, 1},
+    {"ESI", kUnsigned, 10, 4, 1},
+    {"SingleWire", kUnsigned, 10, 5, 1},
+    {"WakeUp", kUnsigned, 10, 6, 1},
+    {"RTR", kUnsigned, 10, 7, 1},
+};
+
+inline constexpr BusLogChannel kErrorFrameChannels[] = {
+    {"BusChannel", kUnsigned, 8, 0, 8},
+    {"ID", kUnsigned, 9, 0, 32},
+    {"IDE", kUnsigned, 12, 7, 1},
+    {"ErrorFlags", kUnsigned, 13, 0, 8},
+    {"Dir", kUnsigned, 14, 7, 1},
+    {"DLC", kUnsigned, 15, 0, 8},
+    {"DataLength", kUnsigned, 15, 0, 8, kDlcToLength},
+    {"TEC", kUnsigned, 16, 0, 8},
+    {"TREC", kUnsigned, 17, 0, 8},
+    {"DataBytes", kByteArray, 18, 0, 64},
+};
+
+// DataLength has a byte of its own that holds a length, and is still converted like a code.
+inline constexpr BusLogChannel kFdErrorFrameChannels[] = {
+    {"BusChannel", kUnsigned, 8, 0, 8},
+    {"ID", kUnsigned, 9, 0, 32},
+    {"IDE", kUnsigned, 12, 0, 1},
+    {"DLC", kUnsigned, 13, 0, 8},
+    {"DataLength", kUnsigned, 14, 0, 8, kDlcToLength},
+    {"TEC", kUnsigned, 16, 0, 8},
+    {"TREC", kUnsigned, 17, 0, 8},
+    {"TimeOffsetBRS", kUnsigned, 19, 0, 32},
+    {"TimeOffsetCRCDel", kUnsigned, 23, 0, 32},
+    {"CRC", kUnsigned, 27, 0, 21},
+    {"ErrorFlags", kUnsigned, 34, 0, 56},
+    {"DataBytes", kByteArray, 41, 0, 512},
+    {"BtrExtCfg", kUnsigned, 105, 0, 64},
+};
+
+}  // namespace bus_log
+
+inline constexpr BusLogLayout kCanDataFrames{"CAN_DataFrame", 7, true, bus_log::kDataFrameChannels};
+inline constexpr BusLogLayout kCanErrorFrames{"CAN_ErrorFrame", 18, false,
+                                              bus_log::kErrorFrameChannels};
+inline constexpr BusLogLayout kCanFdErrorFrames{"CAN_ErrorFrame", 105, false,
+                                                bus_log::kFdErrorFrameChannels};
+
+// Two kinds of records that belong to no group: a data frame without its payload, and a channel
+// number with a direction.
+inline constexpr std::uint32_t kHeaderOnlySize = kCanDataFrames.place("DataBytes").byteOffset;
+inline constexpr FieldPlace kChannelDirDir{8, 0, 1};
+inline constexpr FieldPlace kChannelDirChannel{8, 4, 4};
+inline constexpr std::uint32_t kChannelDirSize = 9;
+
+// ---------------------------------------------------------------------------------------------
+// Fields, as tolvex writes them
+
+// Sets the field to the low bits of `value`; the bits around it stay.
+template <FieldPlace place>
+void storeField(std::uint8_t* record, std::uint64_t value) {
+  constexpr std::uint32_t kBits = place.bitOffset + place.bits;
+  static_assert(place.bits > 0 && kBits <= 64);
+  constexpr std::uint64_t kMask = ~std::uint64_t{0} >> (64 - place.bits) << place.bitOffset;
+  constexpr std::uint32_t kBytes = (kBits + 7) / 8;
+  std::uint8_t* const bytes = record + place.byteOffset;
+  value = value << place.bitOffset & kMask;
+  if constexpr (place.bits % 8 != 0 || place.bitOffset != 0) {
+    std::uint64_t before = 0;
+    std::memcpy(&before, bytes, kBytes);
+    value |= before & ~kMask;
+  }
+  std::memcpy(bytes, &value, kBytes);
+}
+
+// As storeField, but the rest of the field's bytes becomes 0.
+template <FieldPlace place>
+void storeFieldAlone(std::uint8_t* record, std::uint64_t value) {
+  std::memset(record + place.byteOffset, 0, (place.bitOffset + place.bits + 7) / 8);
+  storeField<place>(record, value);
+}
+
+// Sets the `size` bytes at `bytes` to the payload, those beyond it to `fill`.
+inline void storePayload(std::uint8_t* bytes, std::size_t size, ByteSpan payload,
+                         std::uint8_t fill) {
+  if (size == kMaxClassicPayload && payload.size() >= size) {  // the usual one, in one step
+    std::memcpy(bytes, payload.data(), kMaxClassicPayload);
+    return;
+  }
+  const std::size_t copied = std::min(size, payload.size());
+  std::copy_n(payload.begin(), copied, bytes);
+  std::memset(bytes + copied, fill, size - copied);
+}
 
 }  // namespace tolvex

@@ -1,25 +1,28 @@
 #include "Mdf4/format/DataBlocks.h"
 
 #include <algorithm>
+#include <limits>
 #include <new>
 
 namespace tolvex {
 
 const void* M4DataBlock::extraData(unsigned index, std::uint64_t& size) const {
   size = index == 0 ? size_ : 0;
-  return index == 0 ? buffer_.get() : nullptr;
+  return index == 0 ? bytes() : nullptr;
 }
 
 bool M4DataBlock::readData(std::uint64_t position, std::uint64_t length) {
   if ((buffer_ == nullptr || capacity_ < length) && !reallocate(length)) return false;
   size_ = length;
-  return file_->ReadAt(position, length, buffer_.get());
+  return file_->ReadAt(position, length, bytes());
 }
 
 bool M4DataBlock::reallocate(std::uint64_t bytes) {
-  std::unique_ptr<std::uint8_t[]> bigger(new (std::nothrow) std::uint8_t[bytes]);
+  constexpr std::uint64_t kMost = std::numeric_limits<std::ptrdiff_t>::max() - kBlockHeaderSize;
+  std::unique_ptr<std::uint8_t[]> bigger;
+  if (bytes <= kMost) bigger.reset(new (std::nothrow) std::uint8_t[kBlockHeaderSize + bytes]);
   if (bigger != nullptr && buffer_ != nullptr) {
-    std::copy_n(buffer_.get(), std::min(size_, bytes), bigger.get());
+    std::copy_n(this->bytes(), std::min(size_, bytes), bigger.get() + kBlockHeaderSize);
   }
   buffer_ = std::move(bigger);
   capacity_ = buffer_ != nullptr ? bytes : 0;
@@ -35,7 +38,10 @@ std::uint64_t M4DataBlock::place(DirectFile& file) {
 }
 
 bool M4DataBlock::writeOut() {
-  written_ = written_ || write(kSaveAll) != 0;
+  if (written_) return true;
+  header_.length = kBlockHeaderSize + size_;
+  std::memcpy(buffer_.get(), &header_, kBlockHeaderSize);
+  written_ = file_->WriteAt(position_, header_.length, buffer_.get());
   return written_;
 }
 

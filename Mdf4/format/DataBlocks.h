@@ -36,24 +36,30 @@ class M4DataBlock : public m4Block {
   std::uint64_t append(const std::uint8_t* data, std::uint64_t bytes) {
     const std::uint64_t count = std::min(bytes, room());
     if (data != nullptr) {
-      std::memcpy(buffer_.get() + size_, data, count);
+      copyRecord(end(), data, count);
     } else {
-      std::memset(buffer_.get() + size_, 0, count);
+      std::memset(end(), 0, count);
     }
     size_ += count;
     written_ &= count == 0;
     return count;
   }
+  // Where the next bytes belong, room() of them, and their appending once they are there, to
+  // contents that are not written yet.
+  std::uint8_t* end() { return buffer_.get() + kBlockHeaderSize + size_; }
+  void appendInPlace(std::uint64_t bytes) { size_ += bytes; }
   // Drops the bytes that were appended last.
   void takeBack(std::uint64_t bytes) {
     size_ -= bytes;
     written_ = false;
   }
   std::uint64_t room() const { return capacity_ - size_; }
-  ByteSpan data() const { return {buffer_.get(), size_}; }
+  ByteSpan data() const { return {bytes(), size_}; }
 
  private:
-  std::unique_ptr<std::uint8_t[]> buffer_;
+  std::uint8_t* bytes() const { return buffer_ ? buffer_.get() + kBlockHeaderSize : nullptr; }
+
+  std::unique_ptr<std::uint8_t[]> buffer_;  // room for the header, so that one piece is written
   std::uint64_t size_ = 0;
   std::uint64_t capacity_ = 0;
   bool written_ = false;  // the file holds the contents

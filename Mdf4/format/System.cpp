@@ -145,6 +145,13 @@ std::uint64_t systemTicks() {
          static_cast<std::uint64_t>(now.tv_nsec) / 100;
 }
 
+std::uint64_t steadyMilliseconds() {
+  timespec now = {};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<std::uint64_t>(now.tv_sec) * 1000 +
+         static_cast<std::uint64_t>(now.tv_nsec) / 1'000'000;
+}
+
 long timeZoneSeconds() {
   ::tzset();
   return ::timezone;

@@ -42,6 +42,9 @@ std::unique_ptr<SystemFile> openSystemFile(const std::string& path, OpenMode mod
 // The current time in 100-nanosecond ticks since 1970-01-01 00:00 UTC.
 std::uint64_t systemTicks();
 
+// Milliseconds of a clock that nobody sets.
+std::uint64_t steadyMilliseconds();
+
 // Seconds to add to local standard time to get UTC; 0 when unknown.
 long timeZoneSeconds();
 

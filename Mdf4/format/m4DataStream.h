@@ -82,8 +82,8 @@ class m4DataStream {
 
   // The position of the first list, for the data link; 0 when it could not be written.
   std::uint64_t firstList() const { return firstList_; }
-  // The appended bytes that the file holds in blocks that it lists.
-  std::uint64_t savedBytes() const { return savedBytes_; }
+  // After finish: the appended bytes that no listed block of the file holds.
+  std::uint64_t lostBytes() const { return lostBytes_; }
   // An 8-byte position that finish writes at `position`.
   void addPendingLink(std::uint64_t position, std::uint64_t value);
   // Appends bytes, and invalidation bytes in the same proportion to the blocks' capacities. False
@@ -92,13 +92,12 @@ class m4DataStream {
   // fails, the stream refuses whatever follows, since a part of them is in the file.
   virtual bool write(const std::uint8_t* data, std::uint64_t length,
                      const std::uint8_t* invalidation, std::uint64_t invalidationLength);
-  // write, when the bytes fit into the open block and leave room in it: nothing can fail.
-  bool writeInto(const std::uint8_t* data, std::uint64_t length) {
-    if (!open_ || broken_ || length >= blocks_.data->room()) return false;
-    blocks_.data->append(data, length);
-    pending_ = true;
-    return true;
+  // Where to put the next `length` bytes, when they fit into the open block and leave room in it,
+  // so that appending them cannot fail; else null. They count as appended from appendInPlace on.
+  std::uint8_t* placeFor(std::uint64_t length) {
+    return filling_ != nullptr && length < filling_->room() ? filling_->end() : nullptr;
   }
+  void appendInPlace(std::uint64_t length) { filling_->appendInPlace(length); }
   // Appends zeros.
   virtual bool skip(std::uint64_t length);
   // Writes the open data blocks, their list and the pending links. `full`: the file then covers the
@@ -128,7 +127,9 @@ class m4DataStream {
   std::uint64_t readMerged(std::uint64_t length, std::uint8_t* buffer, std::uint32_t records);
   std::uint64_t readMarks(std::size_t index, std::uint64_t offset, WritableBytes marks);
 
+  bool fail(bool inFirstBlock);
   bool saveBlock();
+  bool writeOut();
   bool saveList();
   bool nextBlock();
   void takeBack(std::uint64_t bytes, std::uint64_t marks);
@@ -164,8 +165,10 @@ class m4DataStream {
   Blocks blocks_;
   std::vector<Pending> pendingLinks_;
   std::uint64_t firstList_ = 0;
-  std::uint64_t savedBytes_ = 0;
-  std::uint64_t savedInBlock_ = 0;  // of them, those in the open block
+  std::uint64_t unlistedBytes_ = 0;  // in blocks that the file holds, but no list in it
+  std::uint64_t lostBytes_ = 0;
+  std::uint64_t listSavedMs_ = 0;   // when the list was written last, of steadyMilliseconds
+  M4DataBlock* filling_ = nullptr;  // the open data block, unless the stream is broken
   bool pending_ = false;            // something is not in the file yet
   bool open_ = false;               // the data blocks have a place
   bool broken_ = false;             // the file holds a part of what a call should have appended

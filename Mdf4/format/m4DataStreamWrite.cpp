@@ -21,13 +21,9 @@ bool m4DataStream::write(const std::uint8_t* data, std::uint64_t length,
       (blocks_.invalidation == nullptr || blocks_.invalidation->capacity() == 0)) {
     return false;
   }
-  bool firstBlock = true;
-  while (length != 0 || invalidationLength != 0) {
+  for (bool first = true; length != 0 || invalidationLength != 0; first = false) {
     const bool full = open_ && blocks_.data->room() == 0;
-    if ((!open_ || full || !firstBlock) && !nextBlock()) {
-      broken_ = !firstBlock;
-      return false;
-    }
+    if ((!open_ || full || !first) && !nextBlock()) return fail(first);
     const std::uint64_t copied = blocks_.data->append(data, length);
     std::uint64_t marksCopied = 0;
     if (blocks_.invalidation != nullptr) {
@@ -36,16 +32,24 @@ bool m4DataStream::write(const std::uint8_t* data, std::uint64_t length,
     pending_ = true;
     if (blocks_.data->room() == 0 && !saveBlock()) {
       takeBack(copied, marksCopied);
-      broken_ = !firstBlock;
-      return false;
+      return fail(first);
     }
     if (data != nullptr) data += copied;
     length -= copied;
     if (invalidation != nullptr) invalidation += marksCopied;
     invalidationLength -= marksCopied;
-    firstBlock = false;
   }
   return true;
+}
+
+// The end of a call that could not append its bytes. Those that an earlier block took are in the
+// file, and nothing may follow them.
+bool m4DataStream::fail(bool inFirstBlock) {
+  if (!inFirstBlock) {
+    broken_ = true;
+    filling_ = nullptr;
+  }
+  return false;
 }
 
 bool m4DataStream::skip(std::uint64_t length) {
@@ -57,21 +61,35 @@ void m4DataStream::takeBack(std::uint64_t bytes, std::uint64_t marks) {
   if (blocks_.invalidation != nullptr) blocks_.invalidation->takeBack(marks);
 }
 
-// Writes what the data blocks hold to their place, then the list that names them: what the file
-// lists is there at every moment.
+// Writes what the data blocks hold to their place. What a list in the file names is there at every
+// moment, so the list comes behind them: at once, unless it was written a moment ago, for in a fast
+// recording its writes would cost a tenth of the time.
 bool m4DataStream::saveBlock() {
-  if (savedInBlock_ == blocks_.data->extraSize()) return true;
-  if (!blocks_.data->writeOut()) return false;
-  if (blocks_.invalidation != nullptr && !blocks_.invalidation->writeOut()) return false;
-  if (!saveList()) return false;
-  savedBytes_ += blocks_.data->extraSize() - savedInBlock_;
-  savedInBlock_ = blocks_.data->extraSize();
-  return true;
+  if (!writeOut()) return false;
+  constexpr std::uint64_t kMomentMs = 50;
+  const std::uint64_t now = steadyMilliseconds();
+  if (now - listSavedMs_ < kMomentMs) {
+    unlistedBytes_ += blocks_.data->extraSize();
+    return true;
+  }
+  listSavedMs_ = now;
+  return saveList();
+}
+
+bool m4DataStream::writeOut() {
+  return blocks_.data->writeOut() &&
+         (blocks_.invalidation == nullptr || blocks_.invalidation->writeOut());
 }
 
 bool m4DataStream::saveList() {
-  if (blocks_.dataList != nullptr) return blocks_.dataList->save(nullptr, m4Block::kSaveAll) != 0;
-  return blocks_.columnList == nullptr || blocks_.columnList->save(nullptr, m4Block::kSaveAll) != 0;
+  if (blocks_.dataList != nullptr && blocks_.dataList->save(nullptr, m4Block::kSaveAll) == 0) {
+    return false;
+  }
+  if (blocks_.columnList != nullptr && blocks_.columnList->save(nullptr, m4Block::kSaveAll) == 0) {
+    return false;
+  }
+  unlistedBytes_ = 0;
+  return true;
 }
 
 // Gives the data blocks their next place, with those they had saved, and lists it.
@@ -79,7 +97,7 @@ bool m4DataStream::nextBlock() {
   M4DLBlock* const dataList = blocks_.dataList.get();
   M4LDBlock* const columnList = blocks_.columnList.get();
   if (dataList == nullptr && columnList == nullptr) return false;
-  if (open_ && !saveBlock()) return false;
+  if (open_ && !writeOut()) return false;
   const bool full = dataList != nullptr ? dataList->full() : columnList->full();
   if (full) {
     const m4Block& list = dataList != nullptr ? static_cast<m4Block&>(*dataList) : *columnList;
@@ -87,9 +105,9 @@ bool m4DataStream::nextBlock() {
     if (covered > file_->end() && !file_->SetEnd(covered)) return false;
     const std::uint64_t next = dataList != nullptr ? dataList->moveOn() : columnList->moveOn();
     if (next == 0) return false;
+    unlistedBytes_ = 0;
   }
   const std::uint64_t dataPosition = blocks_.data->place(*file_);
-  savedInBlock_ = 0;
   std::uint64_t marksPosition = 0;
   if (blocks_.invalidation != nullptr) marksPosition = blocks_.invalidation->place(*file_);
   if (dataList != nullptr) {
@@ -98,19 +116,25 @@ bool m4DataStream::nextBlock() {
     columnList->add(dataPosition, marksPosition);
   }
   open_ = true;
+  filling_ = blocks_.data.get();
   return true;
 }
 
 bool m4DataStream::finish(bool full) {
   bool written = true;
   const bool empty = open_ && blocks_.data->extraSize() == 0;
-  if (open_ && (empty || !saveBlock())) {
+  const bool counted = open_ && blocks_.data->room() == 0;  // it was saved when it got full
+  if (open_ && (empty || !writeOut())) {
     written = empty;
+    lostBytes_ = blocks_.data->extraSize();
     if (blocks_.dataList != nullptr) blocks_.dataList->removeLast();
     if (blocks_.columnList != nullptr) blocks_.columnList->removeLast();
     open_ = false;
+  } else if (open_ && !counted) {
+    unlistedBytes_ += blocks_.data->extraSize();
   }
-  if (!open_) written &= saveList();
+  written &= saveList();
+  lostBytes_ += unlistedBytes_;
   for (const Pending& link : pendingLinks_) {
     written &= file_->WriteAt(link.position, sizeof link.value, &link.value);
   }
@@ -125,6 +149,7 @@ bool m4DataStream::finish(bool full) {
   }
   blocks_.data.reset();
   blocks_.invalidation.reset();
+  filling_ = nullptr;
   open_ = false;
   pending_ = false;
   return written;

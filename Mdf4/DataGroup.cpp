@@ -1,0 +1,156 @@
+#include "Mdf4/DataGroup.h"
+
+#include <algorithm>
+#include <limits>
+#include <string_view>
+#include <utility>
+
+#include "Mdf4/can/BusLogLayout.h"
+#include "Mdf4/format/Diagnostics.h"
+
+namespace tolvex {
+namespace {
+
+constexpr std::uint32_t kMost = std::numeric_limits<std::uint32_t>::max();
+constexpr std::uint8_t kValueToValueTable = 5;  // cc_type, without interpolation
+
+std::shared_ptr<const Formula> dlcToLengthFormula() {
+  auto formula = std::make_shared<Formula>();
+  formula->kind = kValueToValueTable;
+  for (std::size_t dlc = 0; dlc < kDlcLengths.size(); ++dlc) {
+    formula->parameters.insert(formula->parameters.end(),
+                               {static_cast<double>(dlc), static_cast<double>(kDlcLengths[dlc])});
+  }
+  return formula;
+}
+
+}  // namespace
+
+std::shared_ptr<DataGroup> DataGroup::create(const std::shared_ptr<Mdf4File>& file,
+                                             std::uint32_t recordsPerBlock) {
+  if (file == nullptr) return nullptr;
+  std::shared_ptr<CustomDGBlock> block = file->addDataGroup();
+  if (block == nullptr) return nullptr;
+  std::shared_ptr<CustomCGBlock> channelGroup = block->addChannelGroup();
+  if (channelGroup == nullptr) return nullptr;
+  const std::shared_ptr<DataGroup> group(new DataGroup);
+  group->file_ = file;
+  group->block_ = std::move(block);
+  group->recordsPerBlock_ = recordsPerBlock;
+  group->channelGroup_ = std::make_shared<ChannelGroup>(std::move(channelGroup));
+  group->layout_ = std::make_shared<RecordLayout>();
+  return group;
+}
+
+std::shared_ptr<DataGroup> DataGroup::createLike(const DataGroup& model,
+                                                 const std::shared_ptr<Mdf4File>& file) {
+  const std::shared_ptr<DataGroup> group = create(file, model.recordsPerBlock_);
+  if (group == nullptr) return nullptr;
+  const ChannelGroup& texts = *model.channelGroup_;
+  bool written =
+      model.busLog_ == nullptr || group->initBusLog(*model.busLog_, model.maxDataLength_);
+  if (model.busLog_ == nullptr && !texts.comment().empty()) {
+    written &= group->channelGroup_->setComment(texts.comment());
+  }
+  if (!texts.acquisitionName().empty()) {
+    written &= group->channelGroup_->setAcquisitionName(texts.acquisitionName());
+  }
+  for (std::size_t i = group->channels_.size(); i < model.channels_.size(); ++i) {
+    written &= group->addChannel(model.channels_[i]);
+  }
+  return written ? group : nullptr;
+}
+
+bool DataGroup::addChannel(const ChannelInfo& info) {
+  if (info.channelType == channel_type::kVlsd) {
+    printDiagnostic("[fatal] %s, %d: DataGroup::addChannel: VLSD write is not supported\n",
+                    __FILE__, __LINE__);
+    return false;
+  }
+  if (runningSize_ + info.byteCount > kMost) return false;
+  ChannelInfo channel = info;
+  channel.byteOffset = static_cast<std::uint32_t>(runningSize_);
+  runningSize_ += channel.byteCount;
+  if (!channelGroup_->addChannel(channel)) return false;
+  recordSize_ = channelGroup_->recordSize();
+  // Records made so far keep the layout that they were made for.
+  if (layout_.use_count() > 1) layout_ = std::make_shared<RecordLayout>(*layout_);
+  layout_->add(channel);
+  channels_.push_back(std::move(channel));
+  return true;
+}
+
+bool DataGroup::initCanBugLog(int maxDataLength) {
+  if (initBusLog(kCanDataFrames, maxDataLength)) return true;
+  printDiagnostic("[fatal] %s, %d: initCanBugLog failed\n", __FILE__, __LINE__);
+  return false;
+}
+
+bool DataGroup::initCanErrorLog(int maxDataLength) {
+  if (initBusLog(kCanErrorFrames, maxDataLength)) return true;
+  printDiagnostic("[fatal] %s, %d: initCanErrorLog failed\n", __FILE__, __LINE__);
+  return false;
+}
+
+bool DataGroup::initCanFdErrorLog(int maxDataLength) {
+  if (initBusLog(kCanFdErrorFrames, maxDataLength)) return true;
+  printDiagnostic("[fatal] %s, %d: initCanFdErrorLog failed\n", __FILE__, __LINE__);
+  return false;
+}
+
+bool DataGroup::initBusLog(const BusLogLayout& layout, int maxDataLength) {
+  busLog_ = &layout;
+  maxDataLength_ = static_cast<int>(BusLogLayout::payloadSize(maxDataLength));
+  return channelGroup_->setFlags(BusLogLayout::kGroupFlags) &&
+         channelGroup_->setComment(std::string(layout.group)) && addBusLogChannels();
+}
+
+// The time, the parent that fills the rest of the record, and inside it the fields.
+bool DataGroup::addBusLogChannels() {
+  ChannelInfo parent;
+  parent.name = busLog_->group;
+  parent.dataType = bus_log::kByteArray;
+  parent.byteCount = busLog_->parentSize(maxDataLength_);
+  parent.extraFlags = BusLogLayout::kChannelFlags;
+  if (!addChannel(timeChannel()) || !addChannel(parent)) return false;
+  return std::ranges::all_of(busLog_->channels, [&](const BusLogChannel& channel) {
+    ChannelInfo field;
+    field.name = busLog_->channelName(channel);
+    field.dataType = channel.dataType;
+    field.byteOffset = channel.byteOffset;
+    field.bitOffset = channel.bitOffset;
+    field.bitCount = busLog_->bitCount(channel, maxDataLength_);
+    field.extraFlags = BusLogLayout::kChannelFlags;
+    if (channel.dlcToLength) field.formula = dlcToLengthFormula();
+    return channelGroup_->addComponent(field);
+  });
+}
+
+bool DataGroup::insert(std::uint32_t size, const std::uint8_t* data) {
+  if (data == nullptr || size == 0 || size != recordSize_) return false;
+  if (stream_ == nullptr) {
+    stream_ = Mdf4DataStream::create(*file_, *block_, std::uint64_t{size} * recordsPerBlock_);
+  }
+  if (stream_ == nullptr || !stream_->append(size, data)) {
+    ++lostRecords_;
+    return false;
+  }
+  ++recordCount_;
+  return true;
+}
+
+bool DataGroup::flush() {
+  bool written = true;
+  std::uint64_t saved = recordCount_;
+  if (stream_ != nullptr) {
+    written = stream_->flush();
+    saved -= std::min(saved, (stream_->lostBytes() + recordSize_ - 1) / recordSize_);
+  }
+  lostRecords_ += recordCount_ - saved;
+  written &= channelGroup_->setCycleCount(saved);
+  if (block_->save(nullptr, m4Block::kSaveAll) != 0) return written;
+  printDiagnostic("[fatal] %s, %d: DataGroup::flush Failed\n", __FILE__, __LINE__);
+  return false;
+}
+
+}  // namespace tolvex

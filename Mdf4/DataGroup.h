@@ -1,0 +1,88 @@
+// A data group of a file under construction: its blocks, its record layout and its records.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Mdf4/ChannelGroup.h"
+#include "Mdf4/Mdf4DataStream.h"
+#include "Mdf4/Mdf4File.h"
+#include "Mdf4/Record.h"
+
+namespace tolvex {
+
+struct BusLogLayout;
+
+// One data group with one channel group, without record ids and invalidation bytes. Channels lie
+// back to back in the record, in the order in which they are added.
+//
+// What fails because a write failed may be tried again. Keeps the file alive. Not synchronised.
+class DataGroup {
+ public:
+  static constexpr std::uint32_t kRecordsPerBlock = 512;
+
+  // A data group at the end of the file's list, with an empty channel group; null when a write
+  // fails.
+  static std::shared_ptr<DataGroup> create(const std::shared_ptr<Mdf4File>& file,
+                                           std::uint32_t recordsPerBlock = kRecordsPerBlock);
+
+  // Channels of type 1 are refused. After a failure, a gap of the channel's size stays in front of
+  // the channels that follow.
+  bool addChannel(const ChannelInfo& info);
+  // The channels of a bus-log group of CAN frames; payload sizes are brought into 8 to 64.
+  bool initCanBugLog(int maxDataLength);
+  bool initCanErrorLog(int maxDataLength);
+  bool initCanFdErrorLog(int maxDataLength);
+
+  // Appends one record. False when `data` is null, when `size` is not the record's, and when a
+  // write fails; nothing is appended then.
+  bool insert(std::uint32_t size, const std::uint8_t* data);
+  // Where to build the next record, of `size` bytes, when it needs no write; else null. It is
+  // appended by insertInPlace, which cannot fail.
+  std::uint8_t* placeFor(std::uint32_t size) {
+    return stream_ != nullptr && size == recordSize_ ? stream_->placeFor(size) : nullptr;
+  }
+  void insertInPlace() {
+    stream_->appendInPlace(recordSize_);
+    ++recordCount_;
+  }
+  // Writes what is left of the records, their number and the data group. False, with a message when
+  // it is the data group, when something could not be written.
+  bool flush();
+
+  ChannelGroup& channelGroup() { return *channelGroup_; }
+  std::shared_ptr<const RecordLayout> layout() const { return layout_; }
+  int maxDataLength() const { return maxDataLength_; }        // of a bus-log group, bytes
+  std::uint64_t recordCount() const { return recordCount_; }  // appended
+  // Records that were refused because a write failed and, after flush, those that were appended and
+  // did not reach the file.
+  std::uint64_t lostRecords() const { return lostRecords_; }
+
+  // A group like `model`, without records, at the end of another file.
+  static std::shared_ptr<DataGroup> createLike(const DataGroup& model,
+                                               const std::shared_ptr<Mdf4File>& file);
+
+ private:
+  DataGroup() = default;
+
+  bool initBusLog(const BusLogLayout& layout, int maxDataLength);
+  bool addBusLogChannels();
+
+  std::shared_ptr<Mdf4File> file_;
+  std::shared_ptr<CustomDGBlock> block_;
+  std::uint32_t recordsPerBlock_ = 0;
+  std::uint64_t recordSize_ = 0;  // of the channel group, bytes
+  std::uint64_t recordCount_ = 0;
+  std::uint64_t lostRecords_ = 0;
+  std::shared_ptr<ChannelGroup> channelGroup_;
+  std::unique_ptr<Mdf4DataStream> stream_;  // made by the first record
+  std::vector<ChannelInfo> channels_;       // as added
+  std::shared_ptr<RecordLayout> layout_;
+  std::uint64_t runningSize_ = 0;         // bytes; where the next channel begins
+  const BusLogLayout* busLog_ = nullptr;  // null: an application's group
+  int maxDataLength_ = 0;                 // payload bytes of a bus-log group
+};
+
+}  // namespace tolvex

@@ -1,0 +1,271 @@
+#include "Mdf4/MdfAsyncRecorder.h"
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "Mdf4/can/DataFramePacking.h"
+#include "Mdf4/format/Diagnostics.h"
+#include "tolvex/Mdf4.h"
+
+namespace tolvex {
+namespace {
+
+// Of the process, over all its recordings.
+std::atomic<int> insertedRecords = 0;
+std::atomic<int> savedMessages = 0;
+
+std::uint32_t mostPending() {
+  return recorderSettings.maxPendingTasks.load(std::memory_order_relaxed);
+}
+
+}  // namespace
+
+std::uint8_t* MdfTasks::push(int groupIndex, std::uint32_t size) {
+  const MdfTask task = {groupIndex, size};
+  const std::size_t at = bytes_.size();
+  bytes_.resize(at + sizeof task + size);
+  std::memcpy(bytes_.data() + at, &task, sizeof task);
+  return bytes_.data() + at + sizeof task;
+}
+
+MdfAsyncRecorder::MdfAsyncRecorder(FileOpener open) : MdfRecorder(std::move(open)) {}
+
+MdfAsyncRecorder::~MdfAsyncRecorder() {
+  stop();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Groups and file
+
+// Runs what touches groups or file, and lets those who queue see the outcome.
+template <class Work>
+auto MdfAsyncRecorder::onFile(Work work) {
+  const std::lock_guard lock(fileMutex_);
+  struct Publishing {
+    MdfAsyncRecorder& recorder;
+    ~Publishing() { recorder.publish(); }
+  };
+  const Publishing publishing{*this};
+  return work();
+}
+
+// With fileMutex_ held.
+void MdfAsyncRecorder::publish() {
+  const std::lock_guard lock(mutex_);
+  queueing_.groupCount = groupCount();
+  queueing_.startTime = startTime();
+  if (!isRecording()) queueing_.accepting = false;
+}
+
+int MdfAsyncRecorder::startRecord(const std::string& path, std::uint64_t startTime) {
+  printDiagnostic("[info] startRecord\n");
+  if (onFile([&] { return isRecording(); })) stopRecord(onFile([&] { return latestTime(); }));
+  return onFile([&] {
+    if (MdfRecorder::startRecord(path, startTime) != 0) return 1;
+    splitFailed_ = false;
+    allow();
+    const std::lock_guard lock(mutex_);
+    queueing_ = {};
+    queueing_.accepting = true;
+    return 0;
+  });
+}
+
+void MdfAsyncRecorder::stopRecord(std::uint64_t stopTime) {
+  {
+    const std::lock_guard lock(mutex_);
+    queueing_.accepting = false;
+  }
+  stop();
+  MdfTasks rest;  // of a recording for which the system had no thread
+  if (take(rest)) writeAll(rest);
+  onFile([&] { MdfRecorder::stopRecord(stopTime); });
+  printDiagnostic("[info] stopRecord\n");
+}
+
+void MdfAsyncRecorder::setStartTime(std::uint64_t startTime) {
+  onFile([&] { MdfRecorder::setStartTime(startTime); });
+}
+
+int MdfAsyncRecorder::addDataGroup(const std::string& name) {
+  return onFile([&] { return MdfRecorder::addDataGroup(name); });
+}
+
+int MdfAsyncRecorder::addChannel(int groupIndex, const ChannelInfo& channel) {
+  return onFile([&] { return MdfRecorder::addChannel(groupIndex, channel); });
+}
+
+int MdfAsyncRecorder::setDataGroupComment(int groupIndex, const std::string& comment) {
+  return onFile([&] { return MdfRecorder::setDataGroupComment(groupIndex, comment); });
+}
+
+int MdfAsyncRecorder::setAcquisitionName(int groupIndex, const std::string& name) {
+  return onFile([&] { return MdfRecorder::setAcquisitionName(groupIndex, name); });
+}
+
+std::unique_ptr<RecordData> MdfAsyncRecorder::createRecordData(int groupIndex) {
+  return onFile([&] { return MdfRecorder::createRecordData(groupIndex); });
+}
+
+void MdfAsyncRecorder::setMaxCanDataLength(int bytes) {
+  onFile([&] { MdfRecorder::setMaxCanDataLength(bytes); });
+}
+
+std::uint64_t MdfAsyncRecorder::lostRecords() const {
+  const std::lock_guard lock(fileMutex_);
+  return MdfRecorder::lostRecords();
+}
+
+std::string MdfAsyncRecorder::firstError() const {
+  const std::lock_guard lock(fileMutex_);
+  return MdfRecorder::firstError();
+}
+
+// With fileMutex_ held.
+std::uint64_t MdfAsyncRecorder::latestTime() {
+  const std::lock_guard lock(mutex_);
+  return std::max(MdfRecorder::latestTime(), queueing_.latestTime);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Past the queue
+
+bool MdfAsyncRecorder::saveCanError(std::uint64_t timestamp, const MdfCanError& error) {
+  return onFile([&] { return MdfRecorder::saveCanError(timestamp, error); });
+}
+
+bool MdfAsyncRecorder::saveCanError(std::uint64_t timestamp, const MdfCanMessage& message) {
+  return onFile([&] { return MdfRecorder::saveCanError(timestamp, message); });
+}
+
+bool MdfAsyncRecorder::insertData(std::uint32_t groupIndex, std::uint32_t size,
+                                  const std::uint8_t* data) {
+  return onFile([&] { return MdfRecorder::insertData(groupIndex, size, data); });
+}
+
+// ---------------------------------------------------------------------------------------------
+// Into the queue
+
+bool MdfAsyncRecorder::insertRecord(const RecordData& record, int groupIndex) {
+  std::unique_lock lock(mutex_);
+  if (!queueing_.accepting || groupIndex < 0 ||
+      static_cast<std::size_t>(groupIndex) >= queueing_.groupCount) {
+    return false;
+  }
+  const std::uint64_t waiting = pending();
+  if (waiting >= mostPending()) {
+    lock.unlock();
+    printDiagnostic(
+        "[fatal] %s, %d: MdfAsyncRecorder insertRecord discarded: pending tasks %lld >= max %u\n",
+        __FILE__, __LINE__, static_cast<long long>(waiting), mostPending());
+    return false;
+  }
+  std::memcpy(queued_.push(groupIndex, record.size()), record.data(), record.size());
+  finishPush(lock, timestampOf(record, queueing_.startTime), insertedRecords);
+  return true;
+}
+
+bool MdfAsyncRecorder::saveCanMessage(std::uint64_t timestamp, const MdfCanMessage& message) {
+  std::unique_lock lock(mutex_);
+  if (queueing_.accepting && queueing_.busGroup < 0) {
+    lock.unlock();
+    if (!prepareBusLog()) return false;
+    lock.lock();
+  }
+  if (!queueing_.accepting || queueing_.busGroup < 0) return false;
+  const std::uint64_t waiting = pending();
+  if (waiting >= mostPending()) {
+    lock.unlock();
+    printDiagnostic(
+        "[fatal] %s, %d: MdfAsyncRecorder saveCanMessage discarded: pending tasks %lld >= max %u\n",
+        __FILE__, __LINE__, static_cast<long long>(waiting), mostPending());
+    return false;
+  }
+  std::uint8_t* const record = queued_.push(queueing_.busGroup, queueing_.busRecordSize);
+  DataFramePacking::pack(record, secondsSince(queueing_.startTime, timestamp), message,
+                         queueing_.busPayload);
+  finishPush(lock, timestamp, savedMessages);
+  return true;
+}
+
+// Makes the group of all data frames.
+bool MdfAsyncRecorder::prepareBusLog() {
+  return onFile([&] {
+    const int index = createBusLogConfiguration();
+    if (index < 0) return false;
+    const DataGroup& bus = *group(index);
+    const std::lock_guard lock(mutex_);
+    queueing_.busGroup = index;
+    queueing_.busPayload = static_cast<std::uint32_t>(bus.maxDataLength());
+    queueing_.busRecordSize = bus.layout()->size();
+    return true;
+  });
+}
+
+// Announces the task just pushed, counts it and releases the lock.
+void MdfAsyncRecorder::finishPush(std::unique_lock<std::mutex>& lock, std::uint64_t timestamp,
+                                  std::atomic<int>& counter) {
+  queueing_.latestTime = std::max(queueing_.latestTime, timestamp);
+  const std::uint64_t residue = queued(lock);
+  const int count = counter.fetch_add(1, std::memory_order_relaxed) + 1;
+  printDiagnostic("[info] count: %d, residue: %lld\n", count, static_cast<long long>(residue));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Out of the queue
+
+void MdfAsyncRecorder::doWork() {
+  std::uint64_t written = 0;
+  MdfTasks batch;
+  while (take(batch)) written += writeAll(batch);
+  printDiagnostic("[info] async insert stoped, count: %d, residue: %lld\n",
+                  static_cast<int>(written), static_cast<long long>(pending()));
+}
+
+// Returns the number of tasks that had a group.
+std::uint64_t MdfAsyncRecorder::writeAll(const MdfTasks& batch) {
+  constexpr std::uint64_t kTasksPerLock = 64;  // between them, others get at the file
+  std::uint64_t written = 0;
+  std::uint64_t sinceLock = 0;
+  std::unique_lock lock(fileMutex_);
+  batch.forEach([&](int groupIndex, ByteSpan record) {
+    written += write(groupIndex, record) ? 1 : 0;
+    if (++sinceLock < kTasksPerLock) return;
+    done(std::exchange(sinceLock, 0));
+    lock.unlock();
+    lock.lock();
+  });
+  done(sinceLock);
+  return written;
+}
+
+// With fileMutex_ held. False when the task has no group.
+bool MdfAsyncRecorder::write(int groupIndex, ByteSpan record) {
+  DataGroup* const target = group(groupIndex);
+  if (target == nullptr) {
+    countLost();
+    return false;
+  }
+  try {
+    target->insert(static_cast<std::uint32_t>(record.size()), record.data());
+  } catch (const std::bad_alloc&) {
+    countLost();
+  }
+  if (!stopping()) split();
+  return true;
+}
+
+// Starts the next file when it is time. With fileMutex_ held.
+void MdfAsyncRecorder::split() {
+  if (splitFailed_) return;
+  try {
+    checkSplit();
+  } catch (const std::exception& error) {
+    splitFailed_ = true;
+    printDiagnostic("[fatal] %s, %d: splitFile failed!, %s\n", __FILE__, __LINE__, error.what());
+  }
+  if (!isRecording()) publish();
+}
+
+}  // namespace tolvex

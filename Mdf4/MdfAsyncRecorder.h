@@ -1,0 +1,111 @@
+// The recorder whose callers do not wait for the disk.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Mdf4/MdfRecorder.h"
+#include "Mdf4/WorkerThread.h"
+
+namespace tolvex {
+
+// Records on their way to their groups, back to back.
+class MdfTasks {
+ public:
+  bool empty() const { return bytes_.empty(); }
+  void clear() { bytes_.clear(); }
+  // A task at the end. Returns where its record of `size` bytes belongs, until the next push.
+  std::uint8_t* push(int groupIndex, std::uint32_t size);
+
+  // Calls visit(groupIndex, record bytes) for each task, in order.
+  template <class Visit>
+  void forEach(Visit visit) const {
+    for (std::size_t at = 0; at < bytes_.size();) {
+      MdfTask task;
+      std::memcpy(&task, bytes_.data() + at, sizeof task);
+      at += sizeof task;
+      visit(task.groupIndex, ByteSpan(bytes_.data() + at, task.size));
+      at += task.size;
+    }
+  }
+
+ private:
+  struct MdfTask {
+    std::int32_t groupIndex;
+    std::uint32_t size;  // of the record that follows, bytes
+  };
+
+  std::vector<std::uint8_t> bytes_;
+};
+
+// Copies records and frames into a queue, from which a thread of its own writes them in the order
+// in which they came. When maxPendingTasks are queued, what comes is discarded with a message. All
+// data frames go into one group.
+//
+// Any number of threads may insert records and save frames, while others define groups, save errors
+// (which are written at once) or ask for counts; one thread at a time starts, stops and destroys.
+// A file that cannot be split goes on, and that is said once. Diagnostics of the worker come from
+// its thread; their handler must not call the recorder.
+class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks> {
+ public:
+  explicit MdfAsyncRecorder(FileOpener open = openSystemFile);
+  // Writes what is queued into the groups; only stopRecord completes the file.
+  ~MdfAsyncRecorder() override;
+
+  int startRecord(const std::string& path, std::uint64_t startTime) override;
+  void stopRecord(std::uint64_t stopTime) override;
+  void setStartTime(std::uint64_t startTime) override;
+  // True when the record is queued. False, silently, outside a recording and for a bad index.
+  bool insertRecord(const RecordData& record, int groupIndex) override;
+  bool saveCanMessage(std::uint64_t timestamp, const MdfCanMessage& message) override;
+  bool saveCanError(std::uint64_t timestamp, const MdfCanError& error) override;
+  bool saveCanError(std::uint64_t timestamp, const MdfCanMessage& message) override;
+  int addDataGroup(const std::string& name) override;
+  int addChannel(int groupIndex, const ChannelInfo& channel) override;
+  int setDataGroupComment(int groupIndex, const std::string& comment) override;
+  int setAcquisitionName(int groupIndex, const std::string& name) override;
+  bool insertData(std::uint32_t groupIndex, std::uint32_t size, const std::uint8_t* data) override;
+  std::unique_ptr<RecordData> createRecordData(int groupIndex) override;
+  void setMaxCanDataLength(int bytes) override;
+
+  std::uint64_t pendingTasks() const override { return pending(); }
+  std::uint64_t lostRecords() const override;
+  std::string firstError() const override;
+
+ private:
+  template <class Work>
+  auto onFile(Work work);
+  std::uint64_t latestTime() override;
+  void doWork() override;
+  std::uint64_t writeAll(const MdfTasks& batch);
+  bool write(int groupIndex, ByteSpan record);
+  void split();
+  void publish();
+  bool prepareBusLog();
+  void finishPush(std::unique_lock<std::mutex>& lock, std::uint64_t timestamp,
+                  std::atomic<int>& counter);
+
+  // Guards the recorder that this one derives from: groups and file. Taken before mutex_, never
+  // inside it, and never by a caller who only queues.
+  mutable std::mutex fileMutex_;
+  bool splitFailed_ = false;  // it is not tried again; guarded by fileMutex_
+
+  // Guarded by mutex_: what callers who queue need to know of the recording.
+  struct Queueing {
+    bool accepting = false;
+    std::size_t groupCount = 0;
+    std::uint64_t startTime = 0;
+    std::uint64_t latestTime = 0;     // of anything queued, microseconds since 1970
+    int busGroup = -1;                // the one group of data frames
+    std::uint32_t busRecordSize = 0;  // its, bytes
+    std::uint32_t busPayload = 0;
+  };
+  Queueing queueing_;
+};
+
+}  // namespace tolvex

@@ -1,0 +1,380 @@
+#include "Mdf4/MdfRecorder.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include "Mdf4/can/BusLogLayout.h"
+#include "Mdf4/can/DataFramePacking.h"
+#include "Mdf4/format/Diagnostics.h"
+#include "tolvex/Mdf4.h"
+
+namespace tolvex {
+namespace {
+
+constexpr double kMicrosecondsPerSecond = 1e6;
+constexpr std::uint32_t kTimeRecordsPerBlock = 1;
+
+enum Parameter : unsigned { kProgramId, kText1, kText2, kVersion, kSplitSize, kParameterCount };
+
+std::uint64_t now() {
+  return systemTicks() / 10;
+}
+
+// The path of the file with that number. Throws when there is no "." to put it in front of.
+std::string splitPath(const std::string& path, std::uint32_t number) {
+  const std::size_t dot = path.rfind('.');
+  if (dot == std::string::npos) throw std::out_of_range("invalid string position");
+  return path.substr(0, dot) + "_" + std::to_string(number) + path.substr(dot);
+}
+
+// One record of a time group.
+bool insertTime(DataGroup* group, std::uint64_t microseconds) {
+  if (group == nullptr) return false;
+  const double record[2] = {0.0, static_cast<double>(microseconds)};
+  return group->insert(sizeof record, bytesOf(record).data());
+}
+
+}  // namespace
+
+constinit RecorderSettings recorderSettings;
+
+MdfRecorder::MdfRecorder(FileOpener open) : open_(std::move(open)) {}
+
+MdfRecorder::~MdfRecorder() = default;
+
+// ---------------------------------------------------------------------------------------------
+// Files
+
+int MdfRecorder::startRecord(const std::string& path, std::uint64_t startTime) {
+  if (file_ != nullptr) MdfRecorder::stopRecord(latestTime());
+  const std::uint64_t earlierStart = std::exchange(startTime_, startTime);
+  firstError_.clear();
+  if (!openFile(path)) {
+    startTime_ = earlierStart;
+    return 1;
+  }
+  recordingPath_ = path;
+  measurementStartValue_ = startTime;
+  lastTimestamp_ = 0;
+  splitCounter_ = 1;
+  lostRecords_ = 0;
+  return 0;
+}
+
+// Creates the file with its time groups, as one that starts at startTime_.
+bool MdfRecorder::openFile(const std::string& path) {
+  auto file = std::make_shared<Mdf4File>();
+  if (!file->create(open_, path, programId_, recorderSettings.mdfVersion, startTime_)) {
+    noteError(path + ": " + file->error());
+    return false;
+  }
+  file_ = std::move(file);
+  filePath_ = path;
+  startTimeGroup_ = createTimeGroup("MeasurementStartTime");
+  stopTimeGroup_ = createTimeGroup("MeasurementStopTime");
+  return true;
+}
+
+std::shared_ptr<DataGroup> MdfRecorder::createTimeGroup(const char* valueName) {
+  std::shared_ptr<DataGroup> group = DataGroup::create(file_, kTimeRecordsPerBlock);
+  const bool complete = group != nullptr && group->addChannel(timeChannel()) &&
+                        group->addChannel(float64Channel(valueName));
+  return complete ? group : nullptr;
+}
+
+void MdfRecorder::stopRecord(std::uint64_t stopTime) {
+  stopTime_ = stopTime;
+  closeFile();
+  groups_.clear();
+  busLogIndex_ = -1;
+  for (BusLogs& logs : busLogs_) logs = {};
+}
+
+// Completes and closes the file; the groups stay as they were, to be made again in the next one.
+void MdfRecorder::closeFile() {
+  if (file_ == nullptr) return;
+  insertTime(startTimeGroup_.get(), measurementStartValue_);
+  insertTime(stopTimeGroup_.get(), stopTime_);
+  for (const auto& timeGroup : {startTimeGroup_, stopTimeGroup_}) {
+    if (timeGroup != nullptr) timeGroup->flush();
+  }
+  for (const auto& group : groups_) {
+    if (group == nullptr) continue;
+    group->flush();
+    lostRecords_ += group->lostRecords();
+  }
+  startTimeGroup_ = nullptr;
+  stopTimeGroup_ = nullptr;
+  file_->Close();
+  if (!file_->writeError().empty()) noteError(filePath_ + ": " + file_->writeError());
+  file_ = nullptr;
+}
+
+void MdfRecorder::splitFile() {
+  const std::string path = splitPath(recordingPath_, splitCounter_);
+  ++splitCounter_;
+  const std::uint64_t latest = latestTime();
+  const std::uint64_t time = latest != 0 ? latest : now();
+  stopTime_ = time;
+  closeFile();
+  const std::vector<std::shared_ptr<DataGroup>> earlier = std::exchange(groups_, {});
+  if (!openFile(path)) {
+    printDiagnostic("[fatal] %s, %d: splitFile failed!, path: %s\n", __FILE__, __LINE__,
+                    path.c_str());
+    busLogIndex_ = -1;
+    for (BusLogs& logs : busLogs_) logs = {};
+    return;
+  }
+  printDiagnostic("[info] splitFile: %u\n", splitCounter_);
+  measurementStartValue_ = time;
+  for (const auto& model : earlier) {
+    groups_.push_back(model == nullptr ? nullptr : DataGroup::createLike(*model, file_));
+  }
+  for (BusLogs& logs : busLogs_) {
+    for (const auto& log : logs) {
+      if (log != nullptr) attach(*log, group(log->groupIndex));
+    }
+  }
+}
+
+void MdfRecorder::setStartTime(std::uint64_t startTime) {
+  startTime_ = startTime;
+  measurementStartValue_ = startTime;
+  if (startTime != 0 && file_ != nullptr) file_->setStartTime(startTime);
+}
+
+int MdfRecorder::setParameter(int paramId, int dataSize, const void* data) {
+  if (data == nullptr) {
+    printDiagnostic("[fatal] %s, %d: MdfRecorder::setParameter nullptr, paramId: %d\n", __FILE__,
+                    __LINE__, paramId);
+    return -1;
+  }
+  const auto parameter = static_cast<unsigned>(paramId);
+  if (parameter >= kParameterCount) return 0;
+  if (parameter <= kText2) {
+    if (dataSize < 0) {
+      printDiagnostic(
+          "[fatal] %s, %d: MdfRecorder::setParameter invalid string dataSize, paramId: %d, "
+          "dataSize: %d\n",
+          __FILE__, __LINE__, paramId, dataSize);
+      return -1;
+    }
+    std::string_view text(static_cast<const char*>(data), static_cast<std::size_t>(dataSize));
+    if (!text.empty() && text.back() == '\0') text.remove_suffix(1);
+    (parameter == kProgramId ? programId_ : parameter == kText1 ? text1_ : text2_) = text;
+    return 0;
+  }
+  const int expected = parameter == kVersion ? 4 : 8;
+  if (dataSize < expected) {
+    printDiagnostic(
+        "[fatal] %s, %d: MdfRecorder::setParameter invalid dataSize, paramId: %d, dataSize: %d, "
+        "expected: %d\n",
+        __FILE__, __LINE__, paramId, dataSize, expected);
+    return -1;
+  }
+  const auto* const bytes = static_cast<const std::uint8_t*>(data);
+  if (parameter == kVersion) {
+    recorderSettings.mdfVersion = loadNumber<std::uint32_t>(bytes);
+  } else {
+    recorderSettings.splitSize = loadNumber<std::uint64_t>(bytes);
+  }
+  return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Groups
+
+int MdfRecorder::addDataGroup(const std::string& name) {
+  std::shared_ptr<DataGroup> group = DataGroup::create(file_);
+  if (group == nullptr || (!name.empty() && !group->channelGroup().setComment(name))) {
+    printDiagnostic("[fatal] %s, %d: MdfRecorder::addDataGroup Failed\n", __FILE__, __LINE__);
+    return -1;
+  }
+  groups_.push_back(std::move(group));
+  return static_cast<int>(groups_.size()) - 1;
+}
+
+int MdfRecorder::addChannel(int groupIndex, const ChannelInfo& channel) {
+  DataGroup* const target = group(groupIndex);
+  if (target == nullptr) return -1;
+  if (channel.channelType == channel_type::kVlsd) {
+    printDiagnostic("[fatal] %s, %d: MdfRecorder::addChannel: VLSD write is not supported\n",
+                    __FILE__, __LINE__);
+    return -1;
+  }
+  return target->addChannel(channel) ? 0 : -1;
+}
+
+int MdfRecorder::setDataGroupComment(int groupIndex, const std::string& comment) {
+  DataGroup* const target = group(groupIndex);
+  return target != nullptr && target->channelGroup().setComment(comment) ? 0 : -1;
+}
+
+int MdfRecorder::setAcquisitionName(int groupIndex, const std::string& name) {
+  DataGroup* const target = group(groupIndex);
+  return target != nullptr && target->channelGroup().setAcquisitionName(name) ? 0 : -1;
+}
+
+std::unique_ptr<RecordData> MdfRecorder::createRecordData(int groupIndex) {
+  const DataGroup* const source = group(groupIndex);
+  return source != nullptr ? std::make_unique<RecordData>(source->layout()) : nullptr;
+}
+
+void MdfRecorder::setMaxCanDataLength(int bytes) {
+  maxCanDataLength_ = static_cast<int>(BusLogLayout::payloadSize(bytes));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Records
+
+// Times that no integer can hold count as 0.
+std::uint64_t MdfRecorder::timestampOf(const RecordData& record, std::uint64_t startTime) {
+  constexpr double kLimit = 9e18;
+  const double offset = record.time() * kMicrosecondsPerSecond;
+  if (!(std::abs(offset) < kLimit)) return 0;
+  const auto whole = static_cast<std::int64_t>(offset);
+  if (whole >= 0) return startTime + static_cast<std::uint64_t>(whole);
+  const auto before = static_cast<std::uint64_t>(-whole);
+  return startTime > before ? startTime - before : 0;
+}
+
+bool MdfRecorder::insertRecord(const RecordData& record, int groupIndex) {
+  DataGroup* const target = group(groupIndex);
+  if (target == nullptr) return false;
+  lastTimestamp_ = std::max(lastTimestamp_, timestampOf(record, startTime_));
+  if (!target->insert(record.size(), record.data())) return false;
+  checkSplit();
+  return true;
+}
+
+bool MdfRecorder::insertData(std::uint32_t groupIndex, std::uint32_t size,
+                             const std::uint8_t* data) {
+  DataGroup* const target = group(groupIndex);
+  if (target == nullptr || !target->insert(size, data)) return false;
+  checkSplit();
+  return true;
+}
+
+std::uint64_t MdfRecorder::lostRecords() const {
+  std::uint64_t lost = lostRecords_;
+  for (const auto& group : groups_) {
+    if (group != nullptr) lost += group->lostRecords();
+  }
+  return lost;
+}
+
+std::string MdfRecorder::firstError() const {
+  if (!firstError_.empty() || file_ == nullptr || file_->writeError().empty()) return firstError_;
+  return filePath_ + ": " + file_->writeError();
+}
+
+void MdfRecorder::noteError(const std::string& error) {
+  if (firstError_.empty()) firstError_ = error;
+}
+
+// ---------------------------------------------------------------------------------------------
+// CAN frames
+
+std::shared_ptr<DataGroup> MdfRecorder::createBusLogGroup(BusLogKind kind) {
+  std::shared_ptr<DataGroup> group = DataGroup::create(file_);
+  const bool complete =
+      group != nullptr && (kind == kDataFrames    ? group->initCanBugLog(maxCanDataLength_)
+                           : kind == kErrorFrames ? group->initCanErrorLog(maxCanDataLength_)
+                                                  : group->initCanFdErrorLog(maxCanDataLength_));
+  if (complete) return group;
+  if (file_ != nullptr) countLost();
+  return nullptr;
+}
+
+int MdfRecorder::createBusLogConfiguration() {
+  if (busLogIndex_ >= 0) return busLogIndex_;
+  std::shared_ptr<DataGroup> group = createBusLogGroup(kDataFrames);
+  if (group == nullptr) return -1;
+  groups_.push_back(std::move(group));
+  busLogIndex_ = static_cast<int>(groups_.size()) - 1;
+  return busLogIndex_;
+}
+
+MdfRecorder::BusLog* MdfRecorder::busLog(BusLogKind kind, std::uint8_t busChannel, bool direction) {
+  std::unique_ptr<BusLog>& entry = busLogs_[kind][busLogKey(busChannel, direction)];
+  return entry != nullptr ? entry.get() : addBusLog(kind, entry);
+}
+
+MdfRecorder::BusLog* MdfRecorder::addBusLog(BusLogKind kind, std::unique_ptr<BusLog>& entry) {
+  std::shared_ptr<DataGroup> group = createBusLogGroup(kind);
+  if (group == nullptr) return nullptr;
+  entry = std::make_unique<BusLog>(
+      BusLog{nullptr, 0, 0, RecordData(group->layout()), static_cast<int>(groups_.size())});
+  attach(*entry, group.get());
+  groups_.push_back(std::move(group));
+  return entry.get();
+}
+
+// Makes `group`, which may be null, the one that the frames go to.
+void MdfRecorder::attach(BusLog& log, DataGroup* group) {
+  log.group = group;
+  if (group == nullptr) return;
+  log.record = RecordData(group->layout());
+  log.recordSize = log.record.size();
+  log.payloadSize = static_cast<std::uint32_t>(group->maxDataLength());
+}
+
+// `pack` fills the record of the group, which has room for so many payload bytes.
+template <class Pack>
+bool MdfRecorder::saveFrame(BusLog* log, std::uint64_t timestamp, Pack pack) {
+  if (log == nullptr) return false;
+  if (log->group == nullptr) {
+    countLost();
+    return false;
+  }
+  RecordData& record = log->record;
+  if (!record.setTime(secondsSince(startTime_, timestamp))) return false;
+  if (!pack(record, log->payloadSize)) return false;
+  lastTimestamp_ = std::max(lastTimestamp_, timestamp);
+  if (!log->group->insert(record.size(), record.data())) return false;
+  checkSplit();
+  return true;
+}
+
+// Packs the frame where it belongs when that needs no write, as for all but one frame of a block.
+bool MdfRecorder::saveCanMessage(std::uint64_t timestamp, const MdfCanMessage& message) {
+  BusLog* const log = busLogs_[kDataFrames][busLogKey(message.BusChannel(), message.Dir())].get();
+  DataGroup* const target = log != nullptr ? log->group : nullptr;
+  std::uint8_t* const place = target != nullptr ? target->placeFor(log->recordSize) : nullptr;
+  if (place == nullptr) return saveFirstOrLastOfBlock(timestamp, message);
+  DataFramePacking::pack(place, secondsSince(startTime_, timestamp), message, log->payloadSize);
+  lastTimestamp_ = std::max(lastTimestamp_, timestamp);
+  target->insertInPlace();
+  checkSplit();
+  return true;
+}
+
+bool MdfRecorder::saveFirstOrLastOfBlock(std::uint64_t timestamp, const MdfCanMessage& message) {
+  return saveFrame(busLog(kDataFrames, message.BusChannel(), message.Dir()), timestamp,
+                   [&](RecordData& record, unsigned payload) {
+                     return message.ToRaw(MessageType::DataFrame, record, payload, false);
+                   });
+}
+
+bool MdfRecorder::saveCanError(std::uint64_t timestamp, const MdfCanError& error) {
+  const bool canFd = error.IsCanFdError();
+  const BusLogKind kind = canFd ? kFdErrorFrames : kErrorFrames;
+  return saveFrame(
+      busLog(kind, error.BusChannel(), error.Dir()), timestamp,
+      [&](RecordData& record, unsigned payload) { return error.ToRaw(record, payload, canFd); });
+}
+
+bool MdfRecorder::saveCanError(std::uint64_t timestamp, const MdfCanMessage& message) {
+  const MessageType type = message.Edl() ? MessageType::FdErrorFrame : MessageType::ErrorFrame;
+  const BusLogKind kind = message.Edl() ? kFdErrorFrames : kErrorFrames;
+  return saveFrame(busLog(kind, message.BusChannel(), message.Dir()), timestamp,
+                   [&](RecordData& record, unsigned payload) {
+                     return message.ToRaw(type, record, payload, false);
+                   });
+}
+
+}  // namespace tolvex

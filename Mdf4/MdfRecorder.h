@@ -1,0 +1,158 @@
+// The recorder: a stream of records and CAN frames into one MDF 4 file, or a chain of them.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Mdf4/Channel.h"
+#include "Mdf4/DataGroup.h"
+#include "Mdf4/Mdf4File.h"
+#include "Mdf4/Record.h"
+
+namespace tolvex {
+
+class MdfCanMessage;
+class MdfCanError;
+
+// The settings that all recorders of the process share.
+struct RecorderSettings {
+  std::atomic<std::uint64_t> splitSize = 0;            // bytes; 0: files are never split
+  std::atomic<std::uint32_t> mdfVersion = 410;         // of new files
+  std::atomic<std::uint32_t> maxPendingTasks = 10000;  // of an asynchronous recorder
+};
+extern RecorderSettings recorderSettings;
+
+// Records into one file at a time. Groups belong to the open file: they are added after startRecord
+// and gone after stopRecord. Only stopRecord completes a file; the destructor just closes it.
+//
+// Integer times are microseconds since 1970-01-01 00:00 UTC; times in records are seconds since the
+// start time.
+//
+// When a write fails, the call that met it gives false and later ones try again; what the file
+// holds stays readable, and lostRecords counts what does not reach it. Not synchronised: one thread
+// at a time.
+class MdfRecorder {
+ public:
+  explicit MdfRecorder(FileOpener open = openSystemFile);
+  MdfRecorder(const MdfRecorder&) = delete;
+  MdfRecorder& operator=(const MdfRecorder&) = delete;
+  virtual ~MdfRecorder();
+
+  // Creates the file and its groups of the start and stop time; a recording under way is finished
+  // first. 0, or 1 when the file cannot be created. A start time of 0 means now.
+  virtual int startRecord(const std::string& path, std::uint64_t startTime);
+  // Completes the file and closes it; without an open file nothing.
+  virtual void stopRecord(std::uint64_t stopTime);
+  virtual void setStartTime(std::uint64_t startTime);
+  // True when the record reached its group. Throws std::out_of_range, as all that may split do,
+  // when a file that must be split has a path without "."; the record is then recorded.
+  virtual bool insertRecord(const RecordData& record, int groupIndex);
+  // Into the group of the frame's bus channel and direction, which is made when it is first needed.
+  virtual bool saveCanMessage(std::uint64_t timestamp, const MdfCanMessage& message);
+  virtual bool saveCanError(std::uint64_t timestamp, const MdfCanError& error);
+  virtual bool saveCanError(std::uint64_t timestamp, const MdfCanMessage& message);
+  // The index of the new group, or -1. The name becomes the group's comment.
+  virtual int addDataGroup(const std::string& name);
+  virtual int addChannel(int groupIndex, const ChannelInfo& channel);  // 0 or -1, as the next two
+  virtual int setDataGroupComment(int groupIndex, const std::string& comment);
+  virtual int setAcquisitionName(int groupIndex, const std::string& name);
+
+  // A record's bytes as they stand, past any queue.
+  virtual bool insertData(std::uint32_t groupIndex, std::uint32_t size, const std::uint8_t* data);
+  // A zeroed record with the channels that the group has now; null for an index without a group.
+  virtual std::unique_ptr<RecordData> createRecordData(int groupIndex);
+  // Ids 0 program identifier, 1 and 2 texts, 3 version, 4 split size. 0 or -1.
+  int setParameter(int paramId, int dataSize, const void* data);
+  // Payload bytes of a CAN record, for groups made from now on; brought into 8 to 64.
+  virtual void setMaxCanDataLength(int bytes);
+
+  // Records accepted and not yet handed to their group.
+  virtual std::uint64_t pendingTasks() const { return 0; }
+  // Of the current recording, or of the last one: records that a failed write kept out of the file.
+  virtual std::uint64_t lostRecords() const;
+  // The first failure of the current or last recording; "" when there was none.
+  virtual std::string firstError() const;
+
+ protected:
+  // The group for the data frames of all channels and directions, made on first use: its index, or
+  // -1.
+  int createBusLogConfiguration();
+  // What a split takes for the end of a file: the latest time of anything recorded, or 0.
+  virtual std::uint64_t latestTime() { return lastTimestamp_; }
+  // Starts the next file when the current one has outgrown the split size.
+  void checkSplit() {
+    const std::uint64_t limit = recorderSettings.splitSize.load(std::memory_order_relaxed);
+    if (limit != 0 && file_ != nullptr && file_->end() > limit) splitFile();
+  }
+
+  bool isRecording() const { return file_ != nullptr; }
+  DataGroup* group(std::int64_t index) const {
+    return index >= 0 && static_cast<std::uint64_t>(index) < groups_.size()
+               ? groups_[static_cast<std::size_t>(index)].get()
+               : nullptr;
+  }
+  std::size_t groupCount() const { return groups_.size(); }
+  std::uint64_t startTime() const { return startTime_; }
+  // A time in seconds since the start time, and a record's time as an integer time.
+  static double secondsSince(std::uint64_t startTime, std::uint64_t timestamp) {
+    return (static_cast<double>(timestamp) - static_cast<double>(startTime)) / 1e6;
+  }
+  static std::uint64_t timestampOf(const RecordData& record, std::uint64_t startTime);
+  // A record that a failed write, or the want of a file, kept from its group.
+  void countLost() { ++lostRecords_; }
+
+ private:
+  // The group and record template of one kind of frame on one bus channel in one direction.
+  struct BusLog {
+    DataGroup* group;  // null: could not be made again by a split
+    std::uint32_t recordSize;
+    std::uint32_t payloadSize;  // most payload bytes of a data frame
+    RecordData record;
+    int groupIndex;
+  };
+  enum BusLogKind : std::size_t { kDataFrames, kErrorFrames, kFdErrorFrames, kBusLogKinds };
+  using BusLogs = std::array<std::unique_ptr<BusLog>, 2 * 256>;  // by bus channel and direction
+
+  static std::size_t busLogKey(std::uint8_t busChannel, bool direction) {
+    return std::size_t{2} * busChannel + (direction ? 1 : 0);
+  }
+  bool openFile(const std::string& path);
+  std::shared_ptr<DataGroup> createTimeGroup(const char* valueName);
+  void closeFile();
+  void splitFile();
+  std::shared_ptr<DataGroup> createBusLogGroup(BusLogKind kind);
+  BusLog* busLog(BusLogKind kind, std::uint8_t busChannel, bool direction);
+  BusLog* addBusLog(BusLogKind kind, std::unique_ptr<BusLog>& entry);
+  static void attach(BusLog& log, DataGroup* group);
+  bool saveFirstOrLastOfBlock(std::uint64_t timestamp, const MdfCanMessage& message);
+  template <class Pack>
+  bool saveFrame(BusLog* log, std::uint64_t timestamp, Pack pack);
+  void noteError(const std::string& error);
+
+  const FileOpener open_;
+  std::string recordingPath_;  // as given to startRecord; names of splits derive from it
+  std::string filePath_;       // of the file being written
+  std::string programId_;
+  std::string text1_;
+  std::string text2_;
+  std::shared_ptr<Mdf4File> file_;  // null: not recording
+  std::shared_ptr<DataGroup> startTimeGroup_;
+  std::shared_ptr<DataGroup> stopTimeGroup_;
+  std::vector<std::shared_ptr<DataGroup>> groups_;  // null: could not be made again by a split
+  int busLogIndex_ = -1;                            // of the group of createBusLogConfiguration
+  std::array<BusLogs, kBusLogKinds> busLogs_;
+  std::uint64_t startTime_ = 0;
+  std::uint64_t stopTime_ = 0;
+  std::uint64_t measurementStartValue_ = 0;
+  std::uint64_t lastTimestamp_ = 0;
+  int maxCanDataLength_ = 8;  // bytes
+  std::uint32_t splitCounter_ = 1;
+  std::uint64_t lostRecords_ = 0;  // beside those of the open groups
+  std::string firstError_;
+};
+
+}  // namespace tolvex

@@ -1,0 +1,103 @@
+// A queue of tasks and the thread that works it off.
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+namespace tolvex {
+
+// Tasks wait in a `Batch`, a container with empty() and clear(), whose count the caller keeps:
+// under mutex_, push into queued_ and call queued(). One worker, started by the first task, takes
+// whole batches.
+//
+// While tasks keep coming the worker naps between batches and nobody wakes it, so a producer makes
+// a system call only for the first task after a pause and when many wait. Derived classes stop the
+// worker before they are destroyed.
+template <class Batch>
+class WorkerThread {
+ public:
+  WorkerThread() = default;
+  WorkerThread(const WorkerThread&) = delete;
+  WorkerThread& operator=(const WorkerThread&) = delete;
+
+ protected:
+  virtual ~WorkerThread() = default;
+
+  // The thread's body: take batches until there are no more.
+  virtual void doWork() = 0;
+  virtual void notify() { condition_.notify_all(); }
+
+  // Counts a task that the caller has just pushed, with mutex_ held in `lock`, starts the worker
+  // when there is none, and releases the lock. Returns the tasks that are pending. Throws
+  // std::system_error when there can be no thread; the task stays queued.
+  std::uint64_t queued(std::unique_lock<std::mutex>& lock) {
+    const std::uint64_t pending = pending_.fetch_add(1, std::memory_order_relaxed) + 1;
+    const bool wake = sleeping_ && (idle_ || pending >= kWakeAt);
+    if (wake) sleeping_ = false;
+    if (!worker_.joinable()) worker_ = std::thread([this] { doWork(); });
+    lock.unlock();
+    if (wake) notify();
+    return pending;
+  }
+  // Tasks queued or taken and not yet done.
+  std::uint64_t pending() const { return pending_.load(std::memory_order_relaxed); }
+  void done(std::uint64_t tasks) { pending_.fetch_sub(tasks, std::memory_order_relaxed); }
+
+  // For the worker: all tasks that wait, into `batch`. Waits for the first. False, with an empty
+  // batch, when none waits and the worker is to stop.
+  bool take(Batch& batch) {
+    batch.clear();
+    std::unique_lock lock(mutex_);
+    const auto stopped = [this] { return stop_.load(std::memory_order_relaxed); };
+    if (!stopped() && pending() < kWakeAt) {
+      sleeping_ = true;
+      condition_.wait_for(lock, kNap, [&] { return stopped() || !sleeping_; });
+    }
+    if (queued_.empty()) {
+      sleeping_ = idle_ = true;
+      condition_.wait(lock, [&] { return stopped() || !queued_.empty(); });
+      idle_ = false;
+    }
+    sleeping_ = false;
+    std::swap(batch, queued_);
+    return !batch.empty();
+  }
+
+  // For a new recording: no task is queued and no worker runs.
+  void allow() { stop_ = false; }
+  // Lets the worker finish what is queued and waits for its end. Tasks that no worker could be
+  // started for stay queued.
+  void stop() {
+    {
+      const std::lock_guard lock(mutex_);
+      stop_ = true;
+    }
+    notify();
+    if (worker_.joinable()) worker_.join();
+  }
+  bool stopping() const { return stop_.load(std::memory_order_relaxed); }
+
+  std::mutex mutex_;  // guards queued_, sleeping_, idle_, worker_ until stop, and what users add
+  Batch queued_;
+
+ private:
+  // With this many pending tasks a nap ends. Far below any sensible limit of the queue, and enough
+  // to make waking cheap.
+  static constexpr std::uint64_t kWakeAt = 1024;
+  static constexpr std::chrono::milliseconds kNap{1};
+
+  std::condition_variable condition_;
+  std::thread worker_;
+  std::atomic<bool> stop_ = false;
+  std::atomic<std::uint64_t> pending_ = 0;
+  bool sleeping_ = false;  // the worker waits for condition_
+  bool idle_ = false;      // without an end to its nap
+};
+
+}  // namespace tolvex

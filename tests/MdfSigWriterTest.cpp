@@ -1,0 +1,478 @@
+// Signals written, read back, and copied from one file into another.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <csignal>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/support/Diagnostics.h"
+#include "tests/support/FileBuilder.h"
+#include "tolvex/Mdf4.h"
+
+namespace tolvex::test {
+namespace {
+
+using Texts = std::vector<std::string>;
+using Fields = std::map<std::string, Bytes>;
+
+constexpr std::uint64_t kStart = 1'700'000'000'000'000;  // microseconds
+// A recorded file begins with two groups of the recorder's own.
+constexpr int kFirst = 2;
+
+MdfSigCCInfo describe(const std::string& name, std::uint32_t dataType, std::uint8_t bits,
+                      std::uint8_t conversion = 0, const std::vector<double>& values = {},
+                      const Texts& texts = {}) {
+  MdfSigCCInfo info;
+  info.name = name;
+  info.dataType = dataType;
+  info.bitCount = bits;
+  info.conversionType = conversion;
+  info.values = values;
+  info.valueCount = static_cast<std::uint16_t>(values.size());
+  info.texts = texts;
+  info.textCount = static_cast<std::uint16_t>(texts.size());
+  info.initDataTypeInfo();
+  return info;
+}
+
+// The physical value, then the text in front of "|"; "-" in front when there is none.
+std::string shown(const MdfSigCCInfo& info, const Bytes& record) {
+  double phys = 0;
+  std::string text;
+  const bool found = info.convertToPhysical(record, phys, text);
+  return (found ? "" : "- ") + (text.empty() ? "" : text + "|") + std::to_string(phys);
+}
+
+// While it lives, no file of this process grows beyond so many bytes.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(std::uint64_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
+    getrlimit(RLIMIT_FSIZE, &earlier_);
+    const rlimit limit = {bytes, earlier_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() {
+    setrlimit(RLIMIT_FSIZE, &earlier_);
+    std::signal(SIGXFSZ, handler_);
+  }
+  FileSizeLimit(const FileSizeLimit&) = delete;
+  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+ private:
+  void (*handler_)(int);
+  rlimit earlier_ = {};
+};
+
+class MdfSigWriterTest : public testing::Test {
+ protected:
+  MdfSigWriterTest() { collectErrors(writer_); }
+
+  void collectErrors(MdfSigWriter& writer) {
+    writer.setErrorCallback([this](const std::string& error) { errors_.push_back(error); });
+  }
+  Texts takeErrors() { return std::exchange(errors_, {}); }
+
+  void start() {
+    ASSERT_TRUE(writer_.open());
+    ASSERT_EQ(writer_.startRecord(kStart), 0);
+  }
+  // Starts a recording of one group with the channel.
+  void start(const MdfSigCCInfo& channel) {
+    start();
+    ASSERT_EQ(writer_.addDataGroup("group"), 0);
+    ASSERT_EQ(writer_.addSignalChannel(0, channel), 0);
+  }
+
+  std::shared_ptr<MdfSigReader> openFile(const std::string& path) {
+    auto reader = std::make_shared<MdfSigReader>(path);
+    EXPECT_TRUE(reader->open()) << reader->getLastError();
+    EXPECT_TRUE(reader->getProblems().empty()) << reader->getProblems()[0];
+    return reader;
+  }
+  // Completes the file and opens it.
+  std::shared_ptr<MdfSigReader> finish() {
+    writer_.close();
+    return openFile(path_);
+  }
+
+  static MdfSigCCInfo info(MdfSigReader& reader, int dg, int cn) {
+    MdfSigCCInfo info;
+    EXPECT_TRUE(reader.getCCInfo(dg, 0, cn, info)) << dg << " " << cn;
+    return info;
+  }
+  static Texts names(MdfSigReader& reader, int dg) {
+    Texts names;
+    const int count = reader.getCNCount(dg, 0);
+    for (int cn = 0; cn < count; ++cn) names.push_back(reader.getCNName(dg, 0, cn));
+    return names;
+  }
+
+  CapturedDiagnostics diagnostics_;
+  TempDir dir_;
+  std::string path_ = dir_.path("signals.mf4");
+  Texts errors_;
+  MdfSigWriter writer_{path_};
+};
+
+TEST_F(MdfSigWriterTest, ValuesReadBackByEveryConversion) {
+  struct Row {
+    MdfSigCCInfo channel;
+    Bytes first;
+    Bytes second;
+    Texts shown;
+  };
+  const auto u8 = [](std::uint8_t value) { return packed(value); };
+  const Row rows[] = {
+      {describe("none", 1, 16), {0x12, 0x34}, {0xFF, 0xFE}, {"4660.000000", "65534.000000"}},
+      {describe("float", 4, 32), packed(0.5F), packed(-2.0F), {"0.500000", "-2.000000"}},
+      {describe("linear", 2, 8, 1, {-40, 0.5}), u8(0x9C), u8(100), {"-90.000000", "10.000000"}},
+      {describe("rational", 4, 64, 2, {0, 1, 0, 0, 1, 1}),
+       packed(3.0),
+       packed(-1.0),
+       {"0.750000", "- -1.000000"}},
+      {describe("algebraic", 0, 8, 3), u8(5), u8(6), {"5.000000", "6.000000"}},
+      {describe("lines", 0, 8, 4, {0, 0, 10, 100}), u8(5), u8(11), {"50.000000", "100.000000"}},
+      {describe("steps", 0, 8, 5, {0, 7, 10, 8}), u8(4), u8(6), {"7.000000", "8.000000"}},
+      {describe("names", 0, 8, 7, {1, 2}, {"on", "off", "other"}),
+       u8(2),
+       u8(3),
+       {"off|2.000000", "other|3.000000"}},
+      {describe("ranges", 0, 8, 8, {0, 4, 5, 9}, {"low", "high", "else"}),
+       u8(9),
+       u8(10),
+       {"high|9.000000", "else|10.000000"}},
+      {describe("odd ranges", 0, 8, 8, {0, 4, 5}, {"low"}),
+       u8(1),
+       u8(2),
+       {"- 1.000000", "- 2.000000"}},
+      {describe("text to value", 0, 8, 9, {1}, {"a"}), u8(0), u8(1), {"0.000000", "1.000000"}},
+      {describe("text", 7, 64), {'a', 'b', 0}, {'c'}, {"ab|2.000000", "c|1.000000"}},
+  };
+  start();
+  ASSERT_EQ(writer_.addDataGroup("all kinds"), 0);
+  Fields first;
+  Fields second;
+  for (const Row& row : rows) {
+    EXPECT_EQ(writer_.addSignalChannel(0, row.channel), 0) << row.channel.name;
+    first[row.channel.name] = row.first;
+    second[row.channel.name] = row.second;
+  }
+  EXPECT_EQ(writer_.writeSignalDataBatch(0, 0.25, first), 0);
+  EXPECT_EQ(writer_.writeSignalDataBatch(0, 0.75, second), 0);
+  const auto reader = finish();
+
+  EXPECT_EQ(reader->getCGName(kFirst, 0), "all kinds");
+  EXPECT_EQ(reader->getStartTime(), kStart * 1000);
+  EXPECT_EQ(reader->getRecordCount(kFirst, 0), 2);
+  EXPECT_EQ(reader->readSignalTimeRange(kFirst, 0), std::pair(0.25, 0.75));
+  for (int i = 0; i < 2; ++i) {
+    const auto record = reader->readSignalDataByIndex(kFirst, i);
+    ASSERT_NE(record, nullptr);
+    for (int cn = 1; const Row& row : rows) {
+      const MdfSigCCInfo channel = info(*reader, kFirst, cn++);
+      EXPECT_EQ(channel.name, row.channel.name);
+      EXPECT_EQ(shown(channel, record->data), row.shown.at(static_cast<std::size_t>(i)))
+          << channel.name;
+    }
+  }
+  EXPECT_TRUE(errors_.empty());
+}
+
+// The format keeps the default value behind the ranges, where the reader's conversion, which knows
+// no default, does not expect it.
+TEST_F(MdfSigWriterTest, RangesToValuesKeepTheirDefaultValue) {
+  start(describe("with", 0, 8, 6, {0, 4, 10, 5, 9, 20, 7}));
+  EXPECT_EQ(writer_.addSignalChannel(0, describe("without", 0, 8, 6, {0, 4, 10})), 0);
+  const auto reader = finish();
+  MdfSigCCInfo with = info(*reader, kFirst, 1);
+  EXPECT_EQ(with.values, (std::vector<double>{0, 4, 10, 5, 9, 20, 7}));
+  EXPECT_EQ(info(*reader, kFirst, 2).values, (std::vector<double>{0, 4, 10, 0}));
+  --with.valueCount;
+  double phys = 0;
+  EXPECT_TRUE(with.convertToPhysical(packed(0.0, std::uint8_t{6}), phys));
+  EXPECT_EQ(phys, 20);
+}
+
+TEST_F(MdfSigWriterTest, ChannelsKeepTheirDescription) {
+  MdfSigCCInfo full = describe("full", 2, 16);
+  full.unit = "V";
+  full.comment = "measured";
+  full.flags = 0x4AF;
+  full.invalidBitPos = 3;
+  full.cnPrecisionValid = full.limitExtValid = true;
+  full.cnPrecision = 3;
+  full.limitExtMin = -5;
+  full.limitExtMax = 5;
+  full.physRangeValid = full.valueRangeValid = true;
+  full.physRangeMin = -1;
+  full.physRangeMax = 1;
+  full.valueRangeMax = 9;
+  MdfSigCCInfo raw = full;
+  raw.name = "raw range";
+  raw.physRangeValid = false;
+  const MdfSigCCInfo bits = [] {
+    MdfSigCCInfo info = describe("12 bits", 0, 12);
+    info.bitOffset = 3;
+    return info;
+  }();
+  start(full);
+  EXPECT_EQ(writer_.addSignalChannel(0, raw), 0);
+  EXPECT_EQ(writer_.addSignalChannel(0, bits), 0);
+  const auto reader = finish();
+
+  EXPECT_EQ(names(*reader, kFirst), (Texts{"time", "full", "raw range", "12 bits"}));
+  const MdfSigCCInfo time = info(*reader, kFirst, 0);
+  EXPECT_EQ(time.channelType, 2);
+  EXPECT_EQ(time.syncType, 1);
+  EXPECT_EQ(time.unit, "s");
+  const MdfSigCCInfo readFull = info(*reader, kFirst, 1);
+  EXPECT_EQ(readFull.unit, "V");
+  EXPECT_EQ(readFull.comment, "measured");
+  EXPECT_EQ(readFull.displayPrecision, 3);
+  EXPECT_EQ(std::pair(readFull.valueRangeMin, readFull.valueRangeMax), std::pair(0.0, 9.0));
+  EXPECT_EQ(std::pair(readFull.limitExtMin, readFull.limitExtMax), std::pair(-5.0, 5.0));
+  EXPECT_EQ(readFull.flags, 0x4BCU) << "less the two of invalid samples, and with its limits";
+  EXPECT_EQ(std::pair(readFull.limitMin, readFull.limitMax), std::pair(-1.0, 1.0));
+  const MdfSigCCInfo readRaw = info(*reader, kFirst, 2);
+  EXPECT_EQ(std::pair(readRaw.limitMin, readRaw.limitMax), std::pair(0.0, 9.0));
+  const MdfSigAttr place = reader->getSigAttr(kFirst, 0, 3);
+  EXPECT_EQ(place.byteOffset, 12U);
+  EXPECT_EQ(place.bitOffset, 0);
+  EXPECT_EQ(place.bitCount, 16U) << "whole bytes";
+}
+
+// Counts come from files, and may promise more than there is.
+TEST_F(MdfSigWriterTest, TakesOnlyWhatAnIncompleteConversionHolds) {
+  start(describe("whole", 0, 8));
+  for (std::uint8_t kind = 1; kind < 20; ++kind) {
+    for (const std::vector<double>& values : {std::vector<double>{}, {1}, {1, 2, 3}}) {
+      MdfSigCCInfo channel = describe("kind " + std::to_string(kind), 0, 8, kind, values, {"a"});
+      for (const unsigned count : {0U, 5U, 6U, 0xFFFFU}) {
+        channel.valueCount = static_cast<std::uint16_t>(count);
+        channel.textCount = static_cast<std::uint16_t>(count + 1);
+        EXPECT_EQ(writer_.addSignalChannel(0, channel), 0);
+      }
+    }
+  }
+  const auto reader = finish();
+  EXPECT_EQ(reader->getCNCount(kFirst, 0), 2 + 19 * 12);
+}
+
+TEST_F(MdfSigWriterTest, WritesSingleChannelsAndRefusesWhatDoesNotFit) {
+  start(describe("wide", 0, 16));
+  EXPECT_EQ(writer_.addSignalChannel(0, describe("other", 0, 8)), 0);
+  const std::uint8_t bytes[] = {1, 2, 3};
+  EXPECT_EQ(writer_.writeSignalData(0, 1, "wide", bytes, 2), 0);
+  EXPECT_EQ(writer_.writeSignalData(0, 2, "wide", bytes, 1), 0) << "fewer bytes";
+  EXPECT_EQ(writer_.writeSignalData(0, 3, "wide", bytes, 3), -1) << "more bytes";
+  EXPECT_EQ(writer_.writeSignalData(0, 3, "nobody", bytes, 1), -1);
+  EXPECT_EQ(writer_.writeSignalData(0, 3, "wide", nullptr, 1), -1);
+  EXPECT_EQ(writer_.writeSignalDataBatch(0, 3, {{"other", {7}}, {"wide", {1, 2, 3}}}), -1);
+  EXPECT_EQ(writer_.writeSignalDataBatch(0, 4, {}), 0) << "the time alone";
+  EXPECT_EQ(takeErrors(), Texts{});
+  EXPECT_EQ(writer_.writeSignalData(1, 5, "wide", bytes, 1), -1);
+  EXPECT_EQ(takeErrors(), Texts{"Failed to allocate record data"});
+  const auto reader = finish();
+
+  EXPECT_EQ(reader->getRecordCount(kFirst, 0), 3);
+  Bytes records;
+  int size = 0;
+  EXPECT_TRUE(reader->readSignalDataBlock(kFirst, 0, 3, records, size));
+  EXPECT_EQ(records, joined({packed(1.0, std::uint8_t{1}, std::uint8_t{2}, std::uint8_t{0}),
+                             packed(2.0, std::uint8_t{1}, std::uint8_t{0}, std::uint8_t{0}),
+                             packed(4.0, std::uint8_t{0}, std::uint8_t{0}, std::uint8_t{0})}));
+}
+
+TEST_F(MdfSigWriterTest, EveryGroupHasOneTime) {
+  start();
+  EXPECT_EQ(writer_.addDataGroup(""), 0);
+  EXPECT_EQ(writer_.addDataGroup("named"), 1);
+  EXPECT_EQ(writer_.setDataGroupComment(0, "named later"), 0);
+  EXPECT_EQ(writer_.addTimeChannel(1), 0);
+  EXPECT_EQ(writer_.addTimeChannel(1), 0);
+  for (int dg = 0; dg < 2; ++dg) {
+    EXPECT_EQ(writer_.addSignalChannel(dg, describe("a", 0, 8)), 0);
+    EXPECT_EQ(writer_.addSignalChannel(dg, describe("b", 0, 8)), 0);
+  }
+  const auto reader = finish();
+  EXPECT_EQ(reader->getDGCount(), kFirst + 2);
+  EXPECT_EQ(reader->getCGName(kFirst, 0), "named later");
+  for (int dg = 0; dg < 2; ++dg) {
+    EXPECT_EQ(names(*reader, kFirst + dg), (Texts{"time", "a", "b"}));
+  }
+}
+
+TEST_F(MdfSigWriterTest, ACopyOfARealFileHasItsValues) {
+  const auto source = openFile(TOLVEX_TEST_DATA "/decoded-00000005.mf4");
+  start();
+  const int groups = source->getDGCount();
+  ASSERT_EQ(groups, 9);
+  for (int dg = 0; dg < groups; ++dg) {
+    ASSERT_EQ(writer_.createDataGroupFromReader(source, dg, 0, source->getCGName(dg, 0)), dg);
+    const int channels = source->getCNCount(dg, 0);
+    MdfSigCCInfo time;
+    ASSERT_TRUE(source->getTimeCCInfo(dg, 0, time));
+    while (const auto record = source->readSignalData(dg, 0)) {
+      double seconds = 0;
+      ASSERT_TRUE(time.convertToPhysical(record->data, seconds));
+      Fields fields;
+      for (int cn = 1; cn < channels; ++cn) {
+        ASSERT_TRUE(source->readValueBytes(dg, 0, cn, record->data.data(), record->data.size(),
+                                           fields[source->getCNName(dg, 0, cn)]));
+      }
+      ASSERT_EQ(writer_.writeSignalDataBatch(dg, seconds, fields), 0);
+    }
+    source->resetDataStream(dg, 0);
+  }
+  const auto copy = finish();
+
+  for (int dg = 0; dg < groups; ++dg) {
+    SCOPED_TRACE(dg);
+    EXPECT_EQ(copy->getCGName(kFirst + dg, 0), source->getCGName(dg, 0));
+    EXPECT_EQ(names(*copy, kFirst + dg), names(*source, dg));
+    const int channels = source->getCNCount(dg, 0);
+    int count = 0;
+    for (; const auto want = source->readSignalData(dg, 0); ++count) {
+      const auto record = copy->readSignalData(kFirst + dg, 0);
+      ASSERT_NE(record, nullptr) << count;
+      for (int cn = 0; cn < channels; ++cn) {
+        const MdfSigCCInfo channel = info(*copy, kFirst + dg, cn);
+        const MdfSigCCInfo sourceChannel = info(*source, dg, cn);
+        ASSERT_EQ(channel.unit, sourceChannel.unit);
+        double phys = 0;
+        double wantPhys = 1;
+        ASSERT_TRUE(channel.convertToPhysical(record->data, phys));
+        ASSERT_TRUE(sourceChannel.convertToPhysical(want->data, wantPhys));
+        ASSERT_EQ(phys, wantPhys) << channel.name << " " << count;
+      }
+    }
+    EXPECT_EQ(copy->readSignalData(kFirst + dg, 0), nullptr);
+    EXPECT_EQ(count, dg == 8 ? 4518 : 41);
+  }
+  EXPECT_TRUE(errors_.empty());
+}
+
+TEST_F(MdfSigWriterTest, ACopyHoldsTheFixedLengthValueChannels) {
+  FileBuilder file;
+  const Link linear = file.cc({.type = 1, .values = {1, 0.5}, .name = file.tx("half")});
+  file.signalGroup(
+      {{.name = "packed", .byteOffset = 8, .bitOffset = 4, .bitCount = 12, .conversion = linear},
+       {.name = "marked", .byteOffset = 10, .flags = 2},
+       {.name = "angle", .type = 2, .sync = 2, .byteOffset = 8},
+       {.name = "variable", .type = 1, .byteOffset = 8}},
+      {packed(0.5, std::uint16_t{0xABC0}, std::uint8_t{1})});
+  file.signalGroup({}, {packed(0.5)});
+  const auto source = openFile(file.write());
+  start();
+  EXPECT_EQ(writer_.createDataGroupFromReader(source, 0, 0, "values"), 0);
+  EXPECT_EQ(writer_.createDataGroupFromReader(source, 1, 0, "masters"), 1);
+  // A packed channel's own bytes are not its value's: the copy has bytes for the value alone.
+  const auto record = source->readSignalData(0);
+  ASSERT_NE(record, nullptr);
+  std::uint64_t value = 0;
+  ASSERT_TRUE(info(*source, 0, 1).extractBitFieldValue(record->data, value));
+  const Fields fields = {{"packed [half]", packed(static_cast<std::uint16_t>(value))},
+                         {"marked", {9}}};
+  EXPECT_EQ(writer_.writeSignalDataBatch(0, 0.5, fields), 0);
+  const auto copy = finish();
+
+  EXPECT_EQ(names(*copy, kFirst), (Texts{"time", "packed [half]", "marked"}));
+  EXPECT_EQ(names(*copy, kFirst + 1), Texts{"time"});
+  const auto copied = copy->readSignalData(kFirst);
+  ASSERT_NE(copied, nullptr);
+  EXPECT_EQ(shown(info(*copy, kFirst, 1), copied->data), std::to_string(1 + 0.5 * 0xABC));
+  EXPECT_EQ(shown(info(*copy, kFirst, 2), copied->data), "9.000000");
+  EXPECT_FALSE(copy->isInvalidSample(kFirst, 0, 2, copied->data.data(), copied->data.size()));
+}
+
+TEST_F(MdfSigWriterTest, SaysWhatFailed) {
+  EXPECT_EQ(writer_.startRecord(1), -1);
+  EXPECT_EQ(takeErrors(), Texts{"MdfSigWriter is not open"});
+  EXPECT_TRUE(writer_.open());
+  EXPECT_FALSE(writer_.open());
+  EXPECT_EQ(takeErrors(), Texts{"MdfSigWriter is already open"});
+  EXPECT_EQ(writer_.addDataGroup("before the start"), -1);
+  EXPECT_EQ(takeErrors(), Texts{});
+  EXPECT_EQ(writer_.startRecord(1), 0) << "the second open left it open";
+
+  EXPECT_EQ(writer_.addTimeChannel(0), -1);
+  EXPECT_EQ(writer_.addSignalChannel(0, describe("a", 0, 8)), -1);
+  EXPECT_EQ(writer_.setDataGroupComment(0, "none"), -1);
+  EXPECT_EQ(takeErrors(), Texts{"Failed to add time channel"});
+  EXPECT_EQ(writer_.createDataGroupFromReader(nullptr, 0, 0, "a"), -1);
+  EXPECT_EQ(takeErrors(), Texts{"MdfSigReader is null"});
+  const auto source = openFile(TOLVEX_TEST_DATA "/decoded-00000005.mf4");
+  EXPECT_EQ(writer_.createDataGroupFromReader(source, 9, 0, "a"), -1);
+  EXPECT_EQ(takeErrors(), Texts{"Invalid channel count"});
+  writer_.close();
+  EXPECT_EQ(writer_.createDataGroupFromReader(source, 0, 0, "a"), -1);
+  EXPECT_EQ(takeErrors(), Texts{"Failed to create DataGroup"});
+
+  MdfSigWriter nowhere(dir_.path("no/such/folder.mf4"));
+  collectErrors(nowhere);
+  EXPECT_TRUE(nowhere.open());
+  EXPECT_EQ(nowhere.startRecord(5), 1);
+  EXPECT_EQ(takeErrors(), Texts{"Failed to start record"});
+  EXPECT_EQ(nowhere.getStartTime(), 5U);
+}
+
+// The record that would have split the file is in it all the same.
+TEST_F(MdfSigWriterTest, AFileThatCannotBeSplitGoesOnGrowing) {
+  const std::string path = dir_.path("log");
+  if (path.find('.') != std::string::npos) GTEST_SKIP() << "the temporary folder has a \".\"";
+  MdfSigWriter writer(path);
+  collectErrors(writer);
+  std::uint64_t splitSize = 1;
+  ASSERT_EQ(writer.setParameter(4, sizeof splitSize, &splitSize), 0);
+  EXPECT_TRUE(writer.open());
+  EXPECT_EQ(writer.startRecord(kStart), 0);
+  EXPECT_EQ(writer.addDataGroup("a"), 0);
+  EXPECT_EQ(writer.addTimeChannel(0), 0);
+  EXPECT_EQ(writer.writeSignalDataBatch(0, 1, {}), -1);
+  EXPECT_EQ(takeErrors(), Texts{"invalid string position"});
+  splitSize = 0;
+  ASSERT_EQ(writer.setParameter(4, sizeof splitSize, &splitSize), 0);
+  EXPECT_EQ(writer.writeSignalDataBatch(0, 2, {}), 0);
+  writer.close();
+  EXPECT_EQ(openFile(path)->getRecordCount(kFirst, 0), 2);
+}
+
+TEST_F(MdfSigWriterTest, RecordsThatAreLostAtTheEndAreReported) {
+  start(describe("a", 0, 8));
+  for (int i = 0; i < 600; ++i) ASSERT_EQ(writer_.writeSignalDataBatch(0, i, {}), 0);
+  {
+    const FileSizeLimit limit(std::filesystem::file_size(path_));
+    writer_.close();
+  }
+  const Texts errors = takeErrors();
+  ASSERT_EQ(errors.size(), 1U);
+  EXPECT_EQ(errors[0].rfind(path_ + ": ", 0), 0U) << errors[0];
+  MdfSigReader reader(path_);
+  EXPECT_TRUE(reader.open());
+  EXPECT_EQ(reader.getRecordCount(kFirst, 0), 512) << "a block of them was written in time";
+}
+
+TEST_F(MdfSigWriterTest, CanBeStoppedAndStartedAgain) {
+  start(describe("first", 0, 8));
+  EXPECT_EQ(writer_.writeSignalDataBatch(0, 1, {}), 0);
+  writer_.stopRecord(kStart + 5);
+  EXPECT_EQ(writer_.getStopTime(), kStart + 5);
+  EXPECT_EQ(writer_.writeSignalDataBatch(0, 1, {}), -1) << "groups are gone";
+  EXPECT_EQ(names(*openFile(path_), kFirst), (Texts{"time", "first"}));
+
+  EXPECT_EQ(writer_.startRecord(kStart), 0);
+  EXPECT_EQ(writer_.addDataGroup("again"), 0);
+  EXPECT_EQ(writer_.addSignalChannel(0, describe("second", 0, 8)), 0);
+  const auto reader = finish();
+  EXPECT_EQ(names(*reader, kFirst), (Texts{"time", "second"}));
+  EXPECT_EQ(reader->getRecordCount(kFirst, 0), 0);
+}
+
+}  // namespace
+}  // namespace tolvex::test
