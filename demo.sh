@@ -24,10 +24,22 @@ show() {
   eval "$2" 2>&1
 }
 
-show "What the logger's file holds" 'tolvex info tests/data/raw-00000005.MF4'
-show "Its first CAN frames, in the log format of can-utils" \
-  'tolvex cat tests/data/raw-00000005.MF4 | head -n 10'
-show "The same drive as signals, here the speed over ground" \
-  'tolvex export tests/data/decoded-00000005.mf4 --dg 6 | head -n 6'
+dir=$(mktemp -d)
+trap 'rm -rf "$log" "$dir"' EXIT
+raw=$PWD/tests/data/raw-00000005.MF4
+unfinished=$PWD/tests/data/unfinalized-00000002.MF4
+cd "$dir"
+cp "$raw" logger.mf4
+cp "$unfinished" unfinished.mf4
+
+show "What a CAN logger's file holds" 'tolvex info logger.mf4 | head -n 9'
+show "Its CAN frames, in the log format of can-utils" \
+  'tolvex cat logger.mf4 > drive.log; wc -l < drive.log; head -n 4 drive.log'
+show "The log recorded as a new measurement file" \
+  'tolvex record drive.log -o drive.mf4'
+show "What was recorded: start and stop time, and a group of frames per bus channel" \
+  'tolvex info drive.mf4 | grep --no-group-separator -A 1 -E "^dg|start "'
+show "The frames come back" \
+  'tolvex cat drive.mf4 | cmp - drive.log && echo "all $(wc -l < drive.log) lines are the same"'
 show "A file that its logger never finished is refused, and the error says why" \
-  'tolvex info tests/data/unfinalized-00000002.MF4' || echo "exit code $?"
+  'tolvex info unfinished.mf4' || echo "exit code $?"

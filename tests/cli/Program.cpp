@@ -1,7 +1,11 @@
 #include "tests/cli/Program.h"
 
+#include <fcntl.h>
+#include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -26,6 +30,55 @@ Outcome runTolvex(const std::string& arguments) {
   const int status = std::system(command.c_str());
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contentOf(dir.path("out")),
           contentOf(dir.path("err"))};
+}
+
+RunningTolvex::RunningTolvex(const std::vector<std::string>& arguments) {
+  std::vector<std::string> words = {TOLVEX_PROGRAM};
+  words.insert(words.end(), arguments.begin(), arguments.end());
+  std::vector<char*> pointers;
+  for (std::string& word : words) {
+    pointers.push_back(word.data());
+  }
+  pointers.push_back(nullptr);
+  int pipe[2] = {-1, -1};
+  posix_spawn_file_actions_t actions;
+  if (::pipe2(pipe, O_CLOEXEC) != 0 || ::posix_spawn_file_actions_init(&actions) != 0) {
+    return;
+  }
+  input_ = pipe[1];
+  ::posix_spawn_file_actions_adddup2(&actions, pipe[0], STDIN_FILENO);
+  ::posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, dir_.path("err").c_str(),
+                                     O_WRONLY | O_CREAT, 0600);
+  if (::posix_spawn(&process_, TOLVEX_PROGRAM, &actions, nullptr, pointers.data(), environ) != 0) {
+    process_ = -1;
+  }
+  ::posix_spawn_file_actions_destroy(&actions);
+  ::close(pipe[0]);
+}
+
+RunningTolvex::~RunningTolvex() {
+  if (process_ > 0) {
+    ::kill(process_, SIGKILL);
+    ::waitpid(process_, nullptr, 0);
+  }
+  ::close(input_);
+}
+
+void RunningTolvex::feed(const std::string& text) {
+  [[maybe_unused]] const ssize_t written = ::write(input_, text.data(), text.size());
+}
+
+void RunningTolvex::send(int signal) {
+  if (process_ > 0) {
+    ::kill(process_, signal);
+  }
+}
+
+Outcome RunningTolvex::wait() {
+  int status = 0;
+  const bool ended = process_ > 0 && ::waitpid(process_, &status, 0) == process_;
+  process_ = -1;
+  return {ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1, "", contentOf(dir_.path("err"))};
 }
 
 std::string contentOf(const std::string& path) {

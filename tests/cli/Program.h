@@ -1,6 +1,8 @@
 // Runs the tolvex program as a shell does.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
@@ -18,6 +20,26 @@ struct Outcome {
 
 // `arguments` as typed behind "tolvex"; they may go on with a pipe or redirect the output.
 Outcome runTolvex(const std::string& arguments);
+
+// The program running, with a standard input that stays open until it has ended.
+class RunningTolvex {
+ public:
+  explicit RunningTolvex(const std::vector<std::string>& arguments);
+  ~RunningTolvex();  // kills it if it was not waited for
+  RunningTolvex(const RunningTolvex&) = delete;
+  RunningTolvex& operator=(const RunningTolvex&) = delete;
+
+  void feed(const std::string& text);
+  void send(int signal);
+  // Gives what it left behind once it has ended; out is empty. The exit code is -1 when a signal
+  // killed it.
+  Outcome wait();
+
+ private:
+  TempDir dir_;
+  pid_t process_ = -1;
+  int input_ = -1;
+};
 
 std::string contentOf(const std::string& path);
 std::string realFile(const char* name);

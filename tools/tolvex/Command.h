@@ -20,7 +20,7 @@ enum ExitCode : int {
   kDone = 0,
   kFailed = 1,
   kWrongUse = 2,
-  kLost = 3,  // done, but something of the file did not reach the result
+  kLost = 3,  // done, but something of the input did not reach the result
 };
 
 // The chosen command with its options; gives the exit code.
@@ -31,6 +31,7 @@ using Command = std::function<int()>;
 void addInfo(CLI::App& app, Command& chosen);
 void addCat(CLI::App& app, Command& chosen);
 void addExport(CLI::App& app, Command& chosen);
+void addRecord(CLI::App& app, Command& chosen);
 
 // Writes the line "tolvex: FILE: what" to the standard error.
 void complain(std::string_view file, std::string_view what);

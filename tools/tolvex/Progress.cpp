@@ -22,9 +22,7 @@ Progress::Progress(std::string what, std::uint64_t total)
       next_(std::chrono::steady_clock::now() + kPeriod) {}
 
 Progress::~Progress() {
-  if (shown_) {
-    fmt::print(stderr, "{}", kClearLine);
-  }
+  clear();
 }
 
 void Progress::update(std::uint64_t done) {
@@ -34,7 +32,19 @@ void Progress::update(std::uint64_t done) {
   }
   next_ = now + kPeriod;
   const double percent = 100.0 * static_cast<double>(done) / static_cast<double>(total_);
-  fmt::print(stderr, "{}{}: {:.0f} % ({} of {} records)", kClearLine, what_, percent, done, total_);
+  show(fmt::format("{:.0f} % ({} of {} records)", percent, done, total_));
+}
+
+void Progress::show(std::string_view state) {
+  if (shown_) {
+    fmt::print(stderr, "{}{}: {}", kClearLine, what_, state);
+  }
+}
+
+void Progress::clear() {
+  if (shown_) {
+    fmt::print(stderr, "{}", kClearLine);
+  }
 }
 
 }  // namespace tolvex

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace tolvex {
 
@@ -11,12 +12,18 @@ namespace tolvex {
 // Silent when the standard error is no terminal.
 class Progress {
  public:
-  Progress(std::string what, std::uint64_t total);
+  explicit Progress(std::string what, std::uint64_t total = 0);
   ~Progress();
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
+  // The number of records done, of those in total.
   void update(std::uint64_t done);
+
+  // Writes the line now, for work that is told otherwise.
+  void show(std::string_view state);
+  // Makes room for a message; the line returns with the next update.
+  void clear();
 
  private:
   std::string what_;

@@ -1,4 +1,4 @@
-// The tolvex program: shows, prints and exports measurement files at a shell.
+// The tolvex program: shows, prints, exports and records measurement files at a shell.
 
 #include <tolvex/MdfEngine.h>
 
@@ -38,7 +38,8 @@ int showOutcome(const CLI::App& app, const CLI::ParseError& outcome) {
 }
 
 int run(int argc, char** argv) {
-  CLI::App app("Shows, prints and exports measurement files in the ASAM MDF 4 format.", "tolvex");
+  CLI::App app("Shows, prints, exports and records measurement files in the ASAM MDF 4 format.",
+               "tolvex");
   app.set_version_flag("--version", "tolvex " TOLVEX_VERSION, "Print the version and exit");
   app.require_subcommand(0, 1);
   app.footer(
@@ -46,6 +47,8 @@ int run(int argc, char** argv) {
       "  tolvex info drive.mf4                  what the file holds\n"
       "  tolvex cat drive.mf4 | head            the first CAN frames\n"
       "  tolvex export drive.mf4 -o drive       all signals, a CSV file per group\n"
+      "  candump -L can0 | tolvex record -o drive.mf4\n"
+      "                                         a live bus, until Ctrl-C\n"
       "\n"
       "Results go to the standard output, everything else to the standard error.\n"
       "Exit codes: 0 done, 1 failed, 2 wrong use, 3 done but something was lost.");
@@ -53,12 +56,13 @@ int run(int argc, char** argv) {
   addInfo(app, chosen);
   addCat(app, chosen);
   addExport(app, chosen);
+  addRecord(app, chosen);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& outcome) {
     return showOutcome(app, outcome);
   }
-  return chosen ? chosen() : complainOfUse("which command? info, cat or export");
+  return chosen ? chosen() : complainOfUse("which command? record, info, cat or export");
 }
 
 }  // namespace
@@ -68,8 +72,9 @@ int run(int argc, char** argv) {
 int main(int argc, char** argv) {
   // Diagnostics of the library would end up among the results; what matters comes as errors.
   setDiagnosticHandler(nullptr, nullptr);
-  // A closed pipe shows as a failed write.
+  // A closed pipe, and a file that grew to the allowed size, show as failed writes.
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
   try {
     return tolvex::run(argc, argv);
   } catch (const std::exception& error) {  // out of memory, mostly
