@@ -123,17 +123,20 @@ class MdfRecorder {
   bool openFile(const std::string& path);
   std::shared_ptr<DataGroup> createTimeGroup(const char* valueName);
   void closeFile();
-  void splitFile();
+  [[gnu::noinline]] void splitFile();
   std::shared_ptr<DataGroup> createBusLogGroup(BusLogKind kind);
   BusLog* busLog(BusLogKind kind, std::uint8_t busChannel, bool direction);
   BusLog* addBusLog(BusLogKind kind, std::unique_ptr<BusLog>& entry);
   static void attach(BusLog& log, DataGroup* group);
-  bool saveFirstOrLastOfBlock(std::uint64_t timestamp, const MdfCanMessage& message);
+  [[gnu::noinline]] bool saveFirstOrLastOfBlock(std::uint64_t timestamp,
+                                                const MdfCanMessage& message);
   template <class Pack>
   bool saveFrame(BusLog* log, std::uint64_t timestamp, Pack pack);
   void noteError(const std::string& error);
 
   const FileOpener open_;
+  std::uint64_t startTime_ = 0;
+  std::uint64_t lastTimestamp_ = 0;
   std::string recordingPath_;  // as given to startRecord; names of splits derive from it
   std::string filePath_;       // of the file being written
   std::string programId_;
@@ -145,10 +148,8 @@ class MdfRecorder {
   std::vector<std::shared_ptr<DataGroup>> groups_;  // null: could not be made again by a split
   int busLogIndex_ = -1;                            // of the group of createBusLogConfiguration
   std::array<BusLogs, kBusLogKinds> busLogs_;
-  std::uint64_t startTime_ = 0;
   std::uint64_t stopTime_ = 0;
   std::uint64_t measurementStartValue_ = 0;
-  std::uint64_t lastTimestamp_ = 0;
   int maxCanDataLength_ = 8;  // bytes
   std::uint32_t splitCounter_ = 1;
   std::uint64_t lostRecords_ = 0;  // beside those of the open groups

@@ -71,4 +71,10 @@ std::string BusLogLayout::channelName(const BusLogChannel& channel) const {
   return std::string(group).append(".").append(channel.suffix);
 }
 
+void storeAnyPayload(std::uint8_t* bytes, std::size_t size, ByteSpan payload, std::uint8_t fill) {
+  const std::size_t copied = std::min(size, payload.size());
+  std::copy_n(payload.begin(), copied, bytes);
+  std::memset(bytes + copied, fill, size - copied);
+}
+
 }  // namespace tolvex

@@ -260,15 +260,14 @@ void storeFieldAlone(std::uint8_t* record, std::uint64_t value) {
 }
 
 // Sets the `size` bytes at `bytes` to the payload, those beyond it to `fill`.
+void storeAnyPayload(std::uint8_t* bytes, std::size_t size, ByteSpan payload, std::uint8_t fill);
 inline void storePayload(std::uint8_t* bytes, std::size_t size, ByteSpan payload,
                          std::uint8_t fill) {
   if (size == kMaxClassicPayload && payload.size() >= size) {  // the usual one, in one step
     std::memcpy(bytes, payload.data(), kMaxClassicPayload);
-    return;
+  } else {
+    storeAnyPayload(bytes, size, payload, fill);
   }
-  const std::size_t copied = std::min(size, payload.size());
-  std::copy_n(payload.begin(), copied, bytes);
-  std::memset(bytes + copied, fill, size - copied);
 }
 
 }  // namespace tolvex

@@ -47,7 +47,8 @@ class PosixFile final : public SystemFile {
     errno = 0;
     const std::uint64_t done =
         transfer(position, pieces, [this](const iovec* part, int count, off_t at) {
-          return ::pwritev(descriptor_, part, count, at);
+          return count == 1 ? ::pwrite(descriptor_, part->iov_base, part->iov_len, at)
+                            : ::pwritev(descriptor_, part, count, at);
         });
     if (done == wanted) return true;
     error_ = errno != 0 ? errno : EIO;
