@@ -126,12 +126,12 @@ bool DataGroup::addBusLogChannels() {
   });
 }
 
-bool DataGroup::insert(std::uint32_t size, const std::uint8_t* data) {
+bool DataGroup::insertWithWrite(std::uint32_t size, const std::uint8_t* data) {
   if (data == nullptr || size == 0 || size != recordSize_) return false;
   if (stream_ == nullptr) {
     stream_ = Mdf4DataStream::create(*file_, *block_, std::uint64_t{size} * recordsPerBlock_);
   }
-  if (stream_ == nullptr || !stream_->append(size, data)) {
+  if (stream_ == nullptr || !stream_->write(data, size, nullptr, 0)) {
     ++lostRecords_;
     return false;
   }

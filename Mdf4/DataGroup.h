@@ -38,7 +38,13 @@ class DataGroup {
 
   // Appends one record. False when `data` is null, when `size` is not the record's, and when a
   // write fails; nothing is appended then.
-  bool insert(std::uint32_t size, const std::uint8_t* data);
+  bool insert(std::uint32_t size, const std::uint8_t* data) {
+    std::uint8_t* const place = data != nullptr ? placeFor(size) : nullptr;
+    if (place == nullptr) return insertWithWrite(size, data);
+    copyRecord(place, data, size);
+    insertInPlace();
+    return true;
+  }
   // Where to build the next record, of `size` bytes, when it needs no write; else null. It is
   // appended by insertInPlace, which cannot fail.
   std::uint8_t* placeFor(std::uint32_t size) {
@@ -67,6 +73,7 @@ class DataGroup {
  private:
   DataGroup() = default;
 
+  bool insertWithWrite(std::uint32_t size, const std::uint8_t* data);
   bool initBusLog(const BusLogLayout& layout, int maxDataLength);
   bool addBusLogChannels();
 

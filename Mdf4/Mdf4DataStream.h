@@ -20,14 +20,6 @@ class Mdf4DataStream : public m4DataStream {
   static std::unique_ptr<Mdf4DataStream> create(DirectFile& file, CustomDGBlock& group,
                                                 std::uint64_t capacity);
 
-  // False when a write fails; the bytes are then not appended.
-  bool append(std::uint64_t size, const std::uint8_t* data) {
-    std::uint8_t* const place = placeFor(size);
-    if (place == nullptr) return write(data, size, nullptr, 0);
-    copyRecord(place, data, size);
-    appendInPlace(size);
-    return true;
-  }
   // Writes what is left. False when something is lost; savedBytes tells how much is not.
   bool flush() { return finish(false); }
 

@@ -15,7 +15,6 @@
 namespace tolvex {
 namespace {
 
-constexpr double kMicrosecondsPerSecond = 1e6;
 constexpr std::uint32_t kTimeRecordsPerBlock = 1;
 
 enum Parameter : unsigned { kProgramId, kText1, kText2, kVersion, kSplitSize, kParameterCount };
@@ -231,14 +230,10 @@ void MdfRecorder::setMaxCanDataLength(int bytes) {
 // ---------------------------------------------------------------------------------------------
 // Records
 
-// Times that no integer can hold count as 0.
-std::uint64_t MdfRecorder::timestampOf(const RecordData& record, std::uint64_t startTime) {
-  constexpr double kLimit = 9e18;
-  const double offset = record.time() * kMicrosecondsPerSecond;
-  if (!(std::abs(offset) < kLimit)) return 0;
-  const auto whole = static_cast<std::int64_t>(offset);
-  if (whole >= 0) return startTime + static_cast<std::uint64_t>(whole);
-  const auto before = static_cast<std::uint64_t>(-whole);
+// A time that is negative or beyond all integers: the start time less it, or 0.
+std::uint64_t MdfRecorder::oddTimestamp(double offset, std::uint64_t startTime) {
+  if (!(offset < 0 && offset > -kMostMicroseconds)) return 0;
+  const auto before = static_cast<std::uint64_t>(-offset);
   return startTime > before ? startTime - before : 0;
 }
 

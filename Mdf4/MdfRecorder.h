@@ -101,7 +101,11 @@ class MdfRecorder {
   static double secondsSince(std::uint64_t startTime, std::uint64_t timestamp) {
     return (static_cast<double>(timestamp) - static_cast<double>(startTime)) / 1e6;
   }
-  static std::uint64_t timestampOf(const RecordData& record, std::uint64_t startTime);
+  static std::uint64_t timestampOf(const RecordData& record, std::uint64_t startTime) {
+    const double offset = record.time() * 1e6;
+    if (!(offset >= 0 && offset < kMostMicroseconds)) return oddTimestamp(offset, startTime);
+    return startTime + static_cast<std::uint64_t>(static_cast<std::int64_t>(offset));
+  }
   // A record that a failed write, or the want of a file, kept from its group.
   void countLost() { ++lostRecords_; }
 
@@ -117,6 +121,8 @@ class MdfRecorder {
   enum BusLogKind : std::size_t { kDataFrames, kErrorFrames, kFdErrorFrames, kBusLogKinds };
   using BusLogs = std::array<std::unique_ptr<BusLog>, 2 * 256>;  // by bus channel and direction
 
+  static constexpr double kMostMicroseconds = 9e18;  // 64 bits hold them
+  static std::uint64_t oddTimestamp(double offset, std::uint64_t startTime);
   static std::size_t busLogKey(std::uint8_t busChannel, bool direction) {
     return std::size_t{2} * busChannel + (direction ? 1 : 0);
   }

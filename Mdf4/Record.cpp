@@ -36,7 +36,11 @@ RecordData::RecordData(std::shared_ptr<const RecordLayout> layout)
     : layout_(std::move(layout)),
       time_(layout_->find(kTime)),
       size_(layout_->size()),
-      bytes_(new std::uint8_t[size_]()) {}
+      bytes_(new std::uint8_t[size_]()) {
+  if (time_ == RecordLayout::kNone) return;
+  const RecordLayout::Field& time = layout_->field(time_);
+  if (holds(time, sizeof(double))) timeOffset_ = time.byteOffset;
+}
 
 bool RecordData::setData(std::string_view name, std::uint32_t size, const std::uint8_t* data) {
   const std::size_t number = layout_->find(name, next_);
@@ -75,12 +79,6 @@ bool RecordData::set(const RecordLayout::Field& field, std::uint32_t size,
 bool RecordData::setTime(double seconds) {
   if (time_ == RecordLayout::kNone) return false;
   return set(layout_->field(time_), sizeof seconds, bytesOf(seconds).data());
-}
-
-double RecordData::time() const {
-  if (time_ == RecordLayout::kNone) return 0;
-  const RecordLayout::Field& field = layout_->field(time_);
-  return holds(field, sizeof(double)) ? loadNumber<double>(bytes_.get() + field.byteOffset) : 0;
 }
 
 }  // namespace tolvex

@@ -64,7 +64,9 @@ class RecordData {
   // As setData("time", ...) with the 8 bytes of `seconds`.
   bool setTime(double seconds);
   // What the channel "time" holds, in seconds since the recording's start; 0 when there is none.
-  double time() const;
+  double time() const {
+    return timeOffset_ != kNoTime ? loadNumber<double>(bytes_.get() + timeOffset_) : 0;
+  }
 
   std::uint8_t* data() { return bytes_.get(); }
   const std::uint8_t* data() const { return bytes_.get(); }
@@ -78,8 +80,11 @@ class RecordData {
   }
 
   std::shared_ptr<const RecordLayout> layout_;
-  std::size_t time_;      // the channel "time", or RecordLayout::kNone
-  std::size_t next_ = 0;  // the channel behind the one set last
+  static constexpr std::uint32_t kNoTime = ~std::uint32_t{0};
+
+  std::size_t time_;                    // the channel "time", or RecordLayout::kNone
+  std::uint32_t timeOffset_ = kNoTime;  // of its 8 bytes, when it has as many
+  std::size_t next_ = 0;                // the channel behind the one set last
   std::uint32_t size_;
   std::unique_ptr<std::uint8_t[]> bytes_;
 };

@@ -12,28 +12,25 @@ namespace {
 constexpr std::uint64_t kQuickPart = 100;
 constexpr int kRounds = 15;
 
-bool isQuick = false;
-
-double median(std::vector<double> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
+bool quickRun = false;
 
 }  // namespace
 
 void setQuick(bool quick) {
-  isQuick = quick;
+  quickRun = quick;
+}
+bool isQuick() {
+  return quickRun;
 }
 std::uint64_t scaled(std::uint64_t size) {
-  return isQuick ? std::max<std::uint64_t>(1, size / kQuickPart) : size;
+  return isQuick() ? std::max<std::uint64_t>(1, size / kQuickPart) : size;
 }
 int rounds() {
-  return isQuick ? 1 : kRounds;
+  return isQuick() ? 1 : kRounds;
 }
 
 std::string_view verdict(double figure, double goal) {
-  return figure > goal && !isQuick ? "  over" : "";
+  return figure > goal && !isQuick() ? "  over" : "";
 }
 
 double processorSeconds() {
@@ -60,17 +57,33 @@ void compare(benchmark::State& state, const Workload& workload, const Contestant
     ratios.push_back(seconds.back() / referenceSeconds.back());
     state.SetIterationTime(seconds.back());
   }
-  const double ns = median(seconds) / workload.items * 1e9;
-  const double referenceNs = median(referenceSeconds) / workload.items * 1e9;
-  const double ratio = median(ratios);
-  state.counters["ns"] = ns;
-  state.counters["reference_ns"] = referenceNs;
-  state.counters["ratio"] = ratio;
-  state.counters["goal"] = workload.goal;
   if (state.counters.count(kFailed) != 0) return;
-  show(state, fmt::format("{:9.1f} {:8.0f} {:10.1f} {:6.2f} {:5.2f}{}", ns,
-                          workload.bytes / median(seconds) / 1e6, referenceNs, ratio, workload.goal,
-                          verdict(ratio, workload.goal)));
+  const double nsPerSecond = 1e9 / workload.items;
+  showCompared(
+      state,
+      {median(seconds) * nsPerSecond, median(referenceSeconds) * nsPerSecond, median(ratios)},
+      workload.goal, workload.bytes / median(seconds) / 1e6);
+}
+
+void showCompared(benchmark::State& state, const Comparison& figures, double goal,
+                  double megabytesPerSecond) {
+  state.counters["ns"] = figures.ns;
+  state.counters["reference_ns"] = figures.referenceNs;
+  state.counters["ratio"] = figures.ratio;
+  state.counters["goal"] = goal;
+  const std::string speed =
+      megabytesPerSecond > 0 ? fmt::format("{:8.0f}", megabytesPerSecond) : std::string(8, ' ');
+  const std::string factor =
+      goal < 1 ? fmt::format("  {:.0f} times as fast", 1 / figures.ratio) : "";
+  show(state,
+       fmt::format("{:9.1f} {} {:10.1f} {:6.2f} {:5.2f}{}{}", figures.ns, speed,
+                   figures.referenceNs, figures.ratio, goal, factor, verdict(figures.ratio, goal)));
+}
+
+double median(std::vector<double> values) {
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
 }
 
 double medianSeconds(benchmark::State& state, const Contestant& subject) {

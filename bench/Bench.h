@@ -7,11 +7,13 @@
 #include <functional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tolvex::bench {
 
 // A quick run uses small inputs and one round: it shows that the benches work, not how fast.
 void setQuick(bool quick);
+bool isQuick();
 std::uint64_t scaled(std::uint64_t size);  // `size`, or a small part of it in a quick run
 int rounds();
 // What follows a figure above its goal; nothing in a quick run.
@@ -48,6 +50,16 @@ struct Workload {
 void compare(benchmark::State& state, const Workload& workload, const Contestant& subject,
              const Contestant& reference);
 
+// Figures beside those of a reference: the medians, and the median of the ratios.
+struct Comparison {
+  double ns = 0;
+  double referenceNs = 0;
+  double ratio = 0;
+};
+void showCompared(benchmark::State& state, const Comparison& figures, double goal,
+                  double megabytesPerSecond = 0);
+
+double median(std::vector<double> values);
 // The middle one of `count` measurements.
 double medianSeconds(benchmark::State& state, const Contestant& subject);
 
@@ -66,5 +78,12 @@ void addRecordBenches();
 void addCompressionBenches();
 void addOpenBenches();
 void addMemoryBenches();
+void addRecordingBenches();
+void addAsyncBenches();
+void addPeerBenches();
+
+// The part of the asynchronous benches that a process of its own runs.
+bool isPrintingRun(int argc, char** argv);
+int runPrinting(char** argv);
 
 }  // namespace tolvex::bench

@@ -2,7 +2,7 @@
 
 #include <malloc.h>
 
-#include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstdlib>
 #include <new>
@@ -10,11 +10,18 @@
 namespace {
 
 bool isCounting = false;
-std::int64_t heldBytes = 0;
-std::int64_t peakBytes = 0;
+std::atomic<std::int64_t> heldBytes = 0;
+std::atomic<std::int64_t> peakBytes = 0;
 
 std::int64_t chunkSize(void* memory) {
   return static_cast<std::int64_t>(malloc_usable_size(memory) + sizeof(std::size_t));
+}
+
+void count(std::int64_t more) {
+  const std::int64_t held = heldBytes.fetch_add(more, std::memory_order_relaxed) + more;
+  std::int64_t peak = peakBytes.load(std::memory_order_relaxed);
+  while (held > peak && !peakBytes.compare_exchange_weak(peak, held, std::memory_order_relaxed)) {
+  }
 }
 
 }  // namespace
@@ -23,15 +30,12 @@ std::int64_t chunkSize(void* memory) {
 void* operator new(std::size_t size) {
   void* const memory = std::malloc(size);
   if (memory == nullptr) throw std::bad_alloc();
-  if (isCounting) {
-    heldBytes += chunkSize(memory);
-    peakBytes = std::max(peakBytes, heldBytes);
-  }
+  if (isCounting) count(chunkSize(memory));
   return memory;
 }
 
 void operator delete(void* memory) noexcept {
-  if (isCounting && memory != nullptr) heldBytes -= chunkSize(memory);
+  if (isCounting && memory != nullptr) count(-chunkSize(memory));
   std::free(memory);
 }
 

@@ -6,7 +6,7 @@
 namespace tolvex::bench {
 
 // While one lives, counts the memory that is allocated and freed, with the allocator's overhead.
-// Only one may live at a time, in a program of one thread.
+// Only one may live at a time; it begins and ends while the program has one thread.
 class MemoryCount {
  public:
   MemoryCount();

@@ -31,8 +31,8 @@ class Table final : public benchmark::BenchmarkReporter {
   bool failed() const { return failed_; }
 
   bool ReportContext(const Context& context) override {
-    fmt::print("{} x {}; {}; {}; load {:.1f}; processor time\n", context.cpu_info.num_cpus,
-               processor(), kCompiler, TOLVEX_BUILD_TYPE,
+    fmt::print("{} x {}; {}; {}; load {:.1f}; processor time, p50 and p99 by the clock\n",
+               context.cpu_info.num_cpus, processor(), kCompiler, TOLVEX_BUILD_TYPE,
                context.cpu_info.load_avg.empty() ? 0.0 : context.cpu_info.load_avg.front());
     fmt::print("{:<52} {:>9} {:>8} {:>10} {:>6} {:>5}\n", "", "ns/item", "MB/s", "reference",
                "ratio", "goal");
@@ -56,6 +56,7 @@ class Table final : public benchmark::BenchmarkReporter {
 
 int main(int argc, char** argv) {
   using namespace tolvex::bench;
+  if (isPrintingRun(argc, argv)) return runPrinting(argv);
   char** const end = std::remove_if(argv + 1, argv + argc, [](const char* argument) {
     return std::string(argument) == "--quick";
   });
@@ -69,6 +70,9 @@ int main(int argc, char** argv) {
   addRecordBenches();
   addCompressionBenches();
   addOpenBenches();
+  addRecordingBenches();
+  addAsyncBenches();
+  addPeerBenches();
   addMemoryBenches();
   Table table;
   benchmark::RunSpecifiedBenchmarks(&table);

@@ -1,7 +1,11 @@
-// Memory while reading does not grow with the file, but for the table of its data blocks.
+// Memory does not grow with the file: while reading but for the table of its data blocks, while
+// recording not at all.
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <string>
+#include <thread>
 #include <vector>
 
 #include "Mdf4/format/DirectFile.h"
@@ -9,18 +13,28 @@
 #include "bench/Bench.h"
 #include "bench/CountedMemory.h"
 #include "bench/Inputs.h"
+#include "bench/Recordings.h"
 #include "tolvex/Mdf4.h"
+#include "tolvex/MdfEngine.h"
 
 namespace tolvex::bench {
 namespace {
 
-constexpr double kGoalPerBlock = 64;  // bytes
+constexpr double kGoalPerBlock = 64;           // bytes
+constexpr std::uint64_t kBetweenLooks = 1000;  // frames between two looks at the queue
 
 struct Peak {
   std::int64_t bytes = 0;  // the most memory that was held
   std::uint64_t blocks = 0;
   bool complete = false;
 };
+
+// The frames that a recording states and has room for; those of a long one take long to read.
+std::uint64_t storedFrames(const std::string& path) {
+  MdfReader reader(path);
+  const std::uint64_t count = reader.open() ? reader.getCanCount() : 0;
+  return std::filesystem::file_size(path) > count * kFrameRecordBytes ? count : 0;
+}
 
 Peak readFrames(std::uint64_t length) {
   const RecordFile& input = inputs().frames(scaled(1'250'000) * length);
@@ -64,6 +78,37 @@ Peak readCompressed(std::uint64_t length) {
   return {count.peak(), input.blocks.size(), bytes == input.bytes()};
 }
 
+// The peak of a recording of so many frames.
+Peak record(std::uint64_t frames) {
+  const test::TempDir folder;
+  const Traffic traffic(1);
+  const std::string path = folder.path("frames.mf4");
+  const MemoryCount count;
+  const std::uint64_t saved = recordFrames(path, traffic, frames);
+  return {count.peak(), 0, saved == frames && storedFrames(path) == frames};
+}
+
+// As fast as the queue takes them: when it is nearly full, the producer waits.
+Peak recordAsync(std::uint64_t frames) {
+  const test::TempDir folder;
+  const Traffic traffic(1);
+  const std::string path = folder.path("frames.mf4");
+  const MemoryCount count;
+  void* const recorder = createRecorder(true);
+  const std::uint64_t enough = getMaxPendingTasks(recorder) - kBetweenLooks;
+  startRecord(recorder, path.c_str(), kStartTimeUs);
+  std::uint64_t saved = 0;
+  for (std::uint64_t i = 0; i < frames; ++i) {
+    if (i % kBetweenLooks == 0) {
+      while (getPendingTaskCount(recorder) > enough) std::this_thread::yield();
+    }
+    if (saveCanMessage(recorder, Traffic::timeUs(i), &traffic.message(i)) == 0) ++saved;
+  }
+  stopRecord(recorder, Traffic::timeUs(frames));
+  deleteRecorder(recorder);
+  return {count.peak(), 0, saved == frames && storedFrames(path) == frames};
+}
+
 void measure(benchmark::State& state, Peak (*read)(std::uint64_t length)) {
   constexpr std::uint64_t kTimes = 4;
   const Peak once = read(1);
@@ -78,6 +123,21 @@ void measure(benchmark::State& state, Peak (*read)(std::uint64_t length)) {
                           verdict(perBlock, kGoalPerBlock)));
 }
 
+void measureRecording(benchmark::State& state, Peak (*record)(std::uint64_t frames), double goal) {
+  const std::uint64_t few = scaled(1'000'000);
+  const std::uint64_t many = scaled(50'000'000);
+  const Peak once = record(few);
+  const Peak longer = record(many);
+  for (auto _ : state) state.SetIterationTime(0);
+  if (!once.complete || !longer.complete) return fail(state, "not all was recorded");
+  const double ratio = static_cast<double>(longer.bytes) / static_cast<double>(once.bytes);
+  state.counters["ratio"] = ratio;
+  show(state,
+       fmt::format("{:.1f} KiB; {} times the length {:.1f} KiB, {:.2f} times (goal {}){}",
+                   static_cast<double>(once.bytes) / 1024, many / few,
+                   static_cast<double>(longer.bytes) / 1024, ratio, goal, verdict(ratio, goal)));
+}
+
 }  // namespace
 
 void addMemoryBenches() {
@@ -85,6 +145,12 @@ void addMemoryBenches() {
   add("peak memory: records", [](benchmark::State& state) { measure(state, readRecords); });
   add("peak memory: transposed records",
       [](benchmark::State& state) { measure(state, readCompressed); });
+  // The allocator may give a few bytes more than it is asked for, and how full the queue gets at
+  // most is not the same every time.
+  add("peak memory: recording frames",
+      [](benchmark::State& state) { measureRecording(state, record, 1.01); });
+  add("peak memory: recording frames, asynchronous",
+      [](benchmark::State& state) { measureRecording(state, recordAsync, 1.05); });
 }
 
 }  // namespace tolvex::bench

@@ -399,6 +399,18 @@ class Corpus {
     }
   }
 
+  // Steps as fuzz_record takes them: a group, a channel of 8 bytes, records; frames.
+  void writeRecordings() {
+    const Bytes group = {0, 'g', 0};
+    Bytes channel = {1, 't', 'i', 'm', 'e', 0, 's', 0, 0, 2, 1, 4, 0, 8, 0};
+    channel.resize(channel.size() + 18);  // no mask, no limit, no formula, the first group
+    const Bytes record = {4, 0, 8, 1, 2, 3, 4, 5, 6, 7, 8};
+    Bytes frame = {5, 1, 0x23, 1, 0, 0, 0, 1, 8, 8, 1, 2, 3, 4, 5, 6, 7, 8};
+    frame.resize(frame.size() + 9);  // its time, and that it is no error
+    add("record", "signals", joined({group, channel, record, record}));
+    add("record", "frames", joined({frame, frame, group, frame}));
+  }
+
  private:
   fs::path folder(const std::string& target) const {
     fs::create_directories(dir_ / target);
@@ -447,6 +459,7 @@ int main(int argc, char** argv) {
     corpus.writeFiles();
     corpus.writeStreams();
     corpus.writeConversions();
+    corpus.writeRecordings();
   } catch (const std::exception& error) {
     std::fprintf(stderr, "make_corpus: %s\n", error.what());
     return 1;
