@@ -60,6 +60,7 @@ int MdfRecorder::startRecord(const std::string& path, std::uint64_t startTime) {
   measurementStartValue_ = startTime;
   lastTimestamp_ = 0;
   splitCounter_ = 1;
+  brokenOff_ = false;
   lostRecords_ = 0;
   return 0;
 }
@@ -88,6 +89,7 @@ std::shared_ptr<DataGroup> MdfRecorder::createTimeGroup(const char* valueName) {
 void MdfRecorder::stopRecord(std::uint64_t stopTime) {
   stopTime_ = stopTime;
   closeFile();
+  brokenOff_ = false;
   groups_.clear();
   busLogIndex_ = -1;
   for (BusLogs& logs : busLogs_) logs = {};
@@ -124,6 +126,7 @@ void MdfRecorder::splitFile() {
   if (!openFile(path)) {
     printDiagnostic("[fatal] %s, %d: splitFile failed!, path: %s\n", __FILE__, __LINE__,
                     path.c_str());
+    brokenOff_ = true;
     busLogIndex_ = -1;
     for (BusLogs& logs : busLogs_) logs = {};
     return;
@@ -237,8 +240,16 @@ std::uint64_t MdfRecorder::oddTimestamp(double offset, std::uint64_t startTime) 
   return startTime > before ? startTime - before : 0;
 }
 
+// The group, or null: then a record is lost, if it is a failed split that took the group away.
+DataGroup* MdfRecorder::groupForRecord(std::int64_t index) {
+  DataGroup* const target = group(index);
+  const bool known = index >= 0 && static_cast<std::uint64_t>(index) < groupCount();
+  if (target == nullptr && (known || brokenOff_)) countLost();
+  return target;
+}
+
 bool MdfRecorder::insertRecord(const RecordData& record, int groupIndex) {
-  DataGroup* const target = group(groupIndex);
+  DataGroup* const target = groupForRecord(groupIndex);
   if (target == nullptr) return false;
   lastTimestamp_ = std::max(lastTimestamp_, timestampOf(record, startTime_));
   if (!target->insert(record.size(), record.data())) return false;
@@ -248,7 +259,7 @@ bool MdfRecorder::insertRecord(const RecordData& record, int groupIndex) {
 
 bool MdfRecorder::insertData(std::uint32_t groupIndex, std::uint32_t size,
                              const std::uint8_t* data) {
-  DataGroup* const target = group(groupIndex);
+  DataGroup* const target = groupForRecord(groupIndex);
   if (target == nullptr || !target->insert(size, data)) return false;
   checkSplit();
   return true;
@@ -281,7 +292,7 @@ std::shared_ptr<DataGroup> MdfRecorder::createBusLogGroup(BusLogKind kind) {
                            : kind == kErrorFrames ? group->initCanErrorLog(maxCanDataLength_)
                                                   : group->initCanFdErrorLog(maxCanDataLength_));
   if (complete) return group;
-  if (file_ != nullptr) countLost();
+  if (file_ != nullptr || brokenOff_) countLost();
   return nullptr;
 }
 
@@ -314,7 +325,7 @@ void MdfRecorder::attach(BusLog& log, DataGroup* group) {
   log.group = group;
   if (group == nullptr) return;
   log.record = RecordData(group->layout());
-  log.recordSize = log.record.size();
+  log.recordSize = kCanDataFrames.recordSize(group->maxDataLength());  // not one with more channels
   log.payloadSize = static_cast<std::uint32_t>(group->maxDataLength());
 }
 

@@ -72,7 +72,8 @@ class MdfRecorder {
 
   // Records accepted and not yet handed to their group.
   virtual std::uint64_t pendingTasks() const { return 0; }
-  // Of the current recording, or of the last one: records that a failed write kept out of the file.
+  // Of the current recording, or of the last one: records that a failed write, or the next file's
+  // failed creation, kept out of the file.
   virtual std::uint64_t lostRecords() const;
   // The first failure of the current or last recording; "" when there was none.
   virtual std::string firstError() const;
@@ -139,6 +140,7 @@ class MdfRecorder {
   template <class Pack>
   bool saveFrame(BusLog* log, std::uint64_t timestamp, Pack pack);
   void noteError(const std::string& error);
+  DataGroup* groupForRecord(std::int64_t index);
 
   const FileOpener open_;
   std::uint64_t startTime_ = 0;
@@ -158,6 +160,7 @@ class MdfRecorder {
   std::uint64_t measurementStartValue_ = 0;
   int maxCanDataLength_ = 8;  // bytes
   std::uint32_t splitCounter_ = 1;
+  bool brokenOff_ = false;         // a split found no place for the next file
   std::uint64_t lostRecords_ = 0;  // beside those of the open groups
   std::string firstError_;
 };

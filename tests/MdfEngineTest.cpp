@@ -1,0 +1,417 @@
+// Recording through the plain functions, and random recordings held against a simple model.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <random>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "Mdf4/MdfRecorder.h"
+#include "tests/support/Diagnostics.h"
+#include "tests/support/RecordedFile.h"
+#include "tolvex/Mdf4.h"
+#include "tolvex/MdfEngine.h"
+
+namespace tolvex::test {
+namespace {
+
+constexpr std::uint64_t kStart = 1'700'000'000'000'000;  // microseconds
+constexpr int kFirst = 2;  // a file begins with two groups of the recorder's own
+
+template <auto release>
+struct Releaser {
+  void operator()(void* handle) const { release(handle); }
+};
+using Record = std::unique_ptr<void, Releaser<freeRecord>>;
+using FormulaHandle = std::unique_ptr<void, Releaser<freeFormula>>;
+
+class MdfEngineTest : public testing::Test {
+ protected:
+  void TearDown() override {
+    deleteRecorder(recorder_);
+    recorderSettings.splitSize = 0;
+  }
+
+  void start(const std::string& name = "log.mf4") {
+    path_ = dir_.path(name);
+    ASSERT_EQ(startRecord(recorder_, path_.c_str(), kStart), 0);
+  }
+  // Starts with a group of one channel "a", and makes a record for it.
+  Record startWithBytes(std::uint32_t byteCount, const std::string& name = "log.mf4") {
+    start(name);
+    ChannelInfo channel;
+    channel.name = "a";
+    channel.byteCount = byteCount;
+    EXPECT_EQ(addDataGroup(recorder_, ""), 0);
+    EXPECT_EQ(addChannelToDG(recorder_, 0, &channel), 0);
+    return Record(allocRecord(recorder_, 0));
+  }
+  RecordedFile finish() {
+    stopRecord(recorder_, kStart + 1);
+    return RecordedFile(path_);
+  }
+
+  CapturedDiagnostics diagnostics_;
+  TempDir dir_;
+  std::string path_;
+  void* recorder_ = createRecorder(false);
+};
+
+Bytes contents(const Record& record) {
+  const auto& data = *static_cast<const RecordData*>(record.get());
+  return {data.data(), data.data() + data.size()};
+}
+
+TEST_F(MdfEngineTest, NullAndOtherWrongArgumentsAreRefused) {
+  start();
+  ASSERT_EQ(addDataGroup(recorder_, nullptr), 0);
+  const Record record(allocRecord(recorder_, 0));
+  const FormulaHandle formula(allocFormula(1));
+  void* const r = recorder_;
+  void* const f = formula.get();
+  const std::uint8_t bytes[16] = {};
+  char text[8] = {};
+  const int results[] = {setParameter(nullptr, 0, 0, bytes),
+                         setParameter(r, 0, -1, bytes),
+                         setParameter(r, 0, 1, nullptr),
+                         startRecord(nullptr, path_.c_str(), 0),
+                         startRecord(r, nullptr, 0),
+                         createBusLogConfiguration(nullptr, 0, 8),
+                         createBusLogConfiguration(r, 1, 8),
+                         saveCanMessage(nullptr, 0, bytes),
+                         saveCanMessage(r, 0, nullptr),
+                         saveCanError(nullptr, 0, bytes),
+                         saveCanError(r, 0, nullptr),
+                         saveCanErrorFromCanError(nullptr, 0, bytes),
+                         saveCanErrorFromCanError(r, 0, nullptr),
+                         addDataGroup(nullptr, "a"),
+                         addChannelToDG(nullptr, 0, bytes),
+                         addChannelToDG(r, 0, nullptr),
+                         fillRecordData(nullptr, "a", 1, bytes),
+                         fillRecordData(record.get(), nullptr, 0, bytes),
+                         fillRecordData(record.get(), "a", -1, bytes),
+                         fillRecordData(record.get(), "a", 1, nullptr),
+                         insertRecordToDG(nullptr, 0, record.get()),
+                         insertRecordToDG(r, 0, nullptr),
+                         insertData(nullptr, record.get()),
+                         insertData(r, nullptr),
+                         insertDataToDG(nullptr, 0, 1, bytes),
+                         insertDataToDG(r, 0, -1, bytes),
+                         insertDataToDG(r, 0, 1, nullptr),
+                         insertDataToDG(r, 1, 1, bytes),
+                         setChannelParameter(nullptr, 0, 1, bytes),
+                         setChannelFormula(nullptr, f),
+                         setFormulaParam(nullptr, 8, bytes),
+                         setFormulaParam(f, -8, bytes),
+                         setFormulaParam(f, 8, nullptr),
+                         addFormulaParamN2N(nullptr, 1, 2),
+                         addFormulaParamN2T(nullptr, 1, "a"),
+                         addFormulaParamN2T(f, 1, nullptr),
+                         addFormulaParamR2N(nullptr, 1, 2, 3),
+                         addFormulaParamR2T(nullptr, 1, 2, "a"),
+                         addFormulaParamR2T(f, 1, 2, nullptr),
+                         setFormulaParamDefault(nullptr, 8, bytes),
+                         setFormulaParamDefault(f, 8, bytes),
+                         getRecorderError(nullptr, text, 8),
+                         getRecorderError(r, nullptr, 8),
+                         getRecorderError(r, text, -1),
+                         allocRecord(nullptr, 0) == nullptr ? -1 : 0,
+                         allocRecord(r, 1) == nullptr ? -1 : 0};
+  for (std::size_t i = 0; i < std::size(results); ++i) EXPECT_EQ(results[i], -1) << "row " << i;
+  EXPECT_EQ(setParameter(r, 5, 0, bytes), 0) << "an unknown parameter";
+  deleteRecorder(nullptr);
+  setStartTime(nullptr, 1);
+  stopRecord(nullptr, 1);
+  resetRecordData(nullptr);
+  freeRecord(nullptr);
+  freeChannel(nullptr);
+  freeFormula(nullptr);
+  EXPECT_EQ(getPendingTaskCount(nullptr) + getMaxPendingTasks(nullptr), 0U);
+  EXPECT_EQ(getLostRecordCount(nullptr), 0U);
+}
+
+TEST_F(MdfEngineTest, SetsEachFieldOfAChannel) {
+  start();
+  const std::unique_ptr<void, Releaser<freeChannel>> channel(allocChannel());
+  const double limits[] = {-2.5, 7};
+  const std::uint32_t byteCount = 2;
+  const std::uint64_t mask = 0x7F8;
+  const std::uint8_t codes[] = {2, 1, 3, 1};
+  const std::tuple<int, int, const void*> fields[] = {
+      {0, 1, &codes[0]},  {1, 1, &codes[1]},  {2, 0, "name"},    {3, 0, "unit"},
+      {4, 8, &limits[0]}, {5, 8, &limits[1]}, {6, 1, &codes[2]}, {7, 4, &byteCount},
+      {8, 0, "comment"},  {9, 1, &codes[3]},  {10, 8, &mask}};
+  for (const auto& [id, size, data] : fields) {
+    EXPECT_EQ(setChannelParameter(channel.get(), id, size, data), 0) << id;
+  }
+  EXPECT_EQ(setChannelParameter(channel.get(), 11, 1, codes), -1);
+  EXPECT_EQ(setChannelParameter(channel.get(), -1, 1, codes), -1);
+  EXPECT_EQ(setChannelParameter(channel.get(), 2, -1, "a"), -1);
+  EXPECT_EQ(setChannelParameter(channel.get(), 2, 1, nullptr), -1);
+  EXPECT_EQ(addDataGroup(recorder_, "group"), 0);
+  EXPECT_EQ(addChannelToDG(recorder_, 0, channel.get()), 0);
+  EXPECT_EQ(addChannelToDG(recorder_, 1, channel.get()), -1);
+  const Record record(allocRecord(recorder_, 0));
+  EXPECT_EQ(fillRecordData(record.get(), "name", 2, "\x12\x34"), 0);
+  EXPECT_EQ(insertRecordToDG(recorder_, 0, record.get()), 0);
+  const RecordedGroup group = finish().groups.at(kFirst);
+  EXPECT_EQ(group.description(),
+            "group from  flags 0 bytes 2+0:"
+            " name[unit]comment type 2/1/2 at 0.3:8 flags 16 limits -2.5..7 {}");
+  EXPECT_EQ(group.bytes, (Bytes{0x30, 0x02})) << "turned around and masked";
+}
+
+TEST_F(MdfEngineTest, BuildsFormulasOfEachKind) {
+  const double n[] = {3, 4};
+  using Numbers = std::vector<double>;
+  for (std::uint8_t kind = 0; kind < 10; ++kind) {
+    SCOPED_TRACE(int{kind});
+    const FormulaHandle handle(allocFormula(kind));
+    void* const f = handle.get();
+    const Formula& formula = *static_cast<const Formula*>(f);
+    const bool takesNumbers = kind == 1 || kind == 2;
+    EXPECT_EQ(setFormulaParam(f, 12, n), kind == 3 ? 0 : -1);
+    EXPECT_EQ(setFormulaParam(f, 16, n), takesNumbers || kind == 3 ? 0 : -1);
+    EXPECT_EQ(formula.parameters, takesNumbers ? Numbers({3, 4}) : Numbers());
+    if (takesNumbers) {
+      EXPECT_EQ(setFormulaParam(f, 65536 + 8, n), 0);
+      EXPECT_EQ(formula.parameters, Numbers{3}) << "16 bits of the size count";
+      EXPECT_EQ(setFormulaParam(f, 65536, n), 0);
+      EXPECT_EQ(formula.parameters, Numbers());
+    }
+    EXPECT_EQ(setFormulaParam(f, 0, "X+1"), takesNumbers || kind == 3 ? 0 : -1);
+    EXPECT_EQ(formula.formulaText, kind == 3 ? "X+1" : "");
+    const void* const value = kind == 6 ? static_cast<const void*>(n) : "other";
+    EXPECT_EQ(setFormulaParamDefault(f, 8, value), kind >= 6 && kind <= 8 ? 0 : -1);
+    EXPECT_EQ(formula.defaultValue, kind == 6 ? 3 : 0);
+    EXPECT_EQ(formula.defaultText, kind == 7 || kind == 8 ? "other" : "");
+    EXPECT_EQ(addFormulaParamN2N(f, 1, 2) + addFormulaParamN2T(f, 3, "a"), 0);
+    EXPECT_EQ(addFormulaParamR2N(f, 4, 5, 6) + addFormulaParamR2T(f, 7, 8, "b"), 0);
+    EXPECT_EQ(formula.parameters, Numbers({1, 2, 3, 4, 5, 6, 7, 8})) << "whatever the kind";
+    EXPECT_EQ(formula.texts, (std::vector<std::string>{"a", "b"}));
+
+    ChannelInfo channel;
+    EXPECT_EQ(setChannelFormula(&channel, nullptr), -1);
+    EXPECT_EQ(setChannelFormula(&channel, f), 0);
+    EXPECT_EQ(addFormulaParamN2N(f, 1, 2), 0);
+    EXPECT_EQ(channel.formula->kind, kind);
+    EXPECT_EQ(channel.formula->parameters.size(), 8U) << "it has a copy";
+  }
+}
+
+TEST_F(MdfEngineTest, OnlyInsertingIntoAGroupZeroesTheRecord) {
+  const Record record = startWithBytes(2);
+  const std::uint8_t bytes[] = {7, 8, 9};
+  EXPECT_EQ(fillRecordData(record.get(), "a", 2, bytes), 0);
+  EXPECT_EQ(insertData(recorder_, record.get()), -1);
+  EXPECT_EQ(contents(record), (Bytes{7, 8}));
+  EXPECT_EQ(insertRecordToDG(recorder_, 1, record.get()), -1);
+  EXPECT_EQ(contents(record), Bytes(2));
+  EXPECT_EQ(fillRecordData(record.get(), "a", 1, bytes), 0);
+  EXPECT_EQ(insertRecordToDG(recorder_, 0, record.get()), 0);
+  EXPECT_EQ(contents(record), Bytes(2));
+  EXPECT_EQ(fillRecordData(record.get(), "b", 1, bytes), -1);
+  EXPECT_EQ(fillRecordData(record.get(), "a", 2, bytes), 0);
+  EXPECT_EQ(fillRecordData(record.get(), "a", 0, nullptr), 0);
+  EXPECT_EQ(contents(record), (Bytes{7, 8}));
+  EXPECT_EQ(fillRecordData(record.get(), "a", 3, bytes), -1);
+  EXPECT_EQ(contents(record), Bytes(2)) << "too many";
+  EXPECT_EQ(fillRecordData(record.get(), "a", 2, bytes), 0);
+  resetRecordData(record.get());
+  EXPECT_EQ(contents(record), Bytes(2));
+  EXPECT_EQ(insertDataToDG(recorder_, 0, 2, bytes + 1), 0);
+  EXPECT_EQ(insertDataToDG(recorder_, 0, 3, bytes), -1);
+  EXPECT_EQ(insertDataToDG(recorder_, ~0U, 2, bytes), -1);
+  EXPECT_EQ(finish().groups.at(kFirst).bytes, (Bytes{7, 0, 8, 9}));
+}
+
+TEST_F(MdfEngineTest, FramesTakeThePayloadThatWasConfigured) {
+  start();
+  MdfCanMessage message;
+  MdfCanError error;
+  const std::pair<int, std::uint32_t> rows[] = {{3, 23}, {12, 27}, {100, 79}, {-1, 23}};
+  for (const auto& [payload, size] : rows) {
+    message.BusChannel(static_cast<std::uint8_t>(message.BusChannel() + 1));
+    EXPECT_EQ(createBusLogConfiguration(recorder_, 0, payload), 0);
+    EXPECT_EQ(saveCanMessage(recorder_, kStart, &message), 0);
+  }
+  EXPECT_EQ(saveCanError(recorder_, kStart, &message), 0);
+  error.Crc(1);
+  EXPECT_EQ(saveCanErrorFromCanError(recorder_, kStart, &error), 0);
+  const RecordedFile file = finish();
+  std::vector<std::uint32_t> sizes;
+  for (const RecordedGroup& group : file.groups) sizes.push_back(group.cg.cg_data_bytes);
+  EXPECT_EQ(sizes, (std::vector<std::uint32_t>{16, 16, 23, 27, 79, 23, 26, 113}));
+  EXPECT_EQ(saveCanMessage(recorder_, kStart, &message), -1) << "after the end";
+}
+
+TEST_F(MdfEngineTest, TellsTheFirstError) {
+  char text[200] = "before";
+  EXPECT_EQ(getRecorderError(recorder_, text, 200), 0);
+  EXPECT_STREQ(text, "");
+  const std::string missing = dir_.path("no/such.mf4");
+  EXPECT_EQ(startRecord(recorder_, missing.c_str(), 0), 1);
+  const int length = getRecorderError(recorder_, text, 200);
+  EXPECT_EQ(static_cast<std::size_t>(length), std::strlen(text));
+  EXPECT_EQ(std::string(text).rfind(missing + ": ", 0), 0U) << text;
+  char shorter[5] = "abcd";
+  EXPECT_EQ(getRecorderError(recorder_, shorter, 4), length);
+  EXPECT_EQ(std::string(shorter, 5), missing.substr(0, 3) + std::string(2, '\0'));
+  EXPECT_EQ(getRecorderError(recorder_, shorter, 0), length);
+  start();
+  EXPECT_EQ(getRecorderError(recorder_, text, 200), 0);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Random recordings
+
+// The number that the channel should read from bytes as they were given.
+double rawOf(const ChannelInfo& channel, Bytes bytes) {
+  const std::uint64_t mask = channel.bitMask;
+  if ((mask != 0 ? channel.valueType : channel.dataType) % 2 == 1) {
+    std::reverse(bytes.begin(), bytes.end());
+  }
+  bytes.resize(8);
+  std::uint64_t bits = 0;
+  std::memcpy(&bits, bytes.data(), 8);
+  if (channel.dataType >= 4) {
+    return channel.byteCount == 8 ? std::bit_cast<double>(bits)
+                                  : std::bit_cast<float>(static_cast<std::uint32_t>(bits));
+  }
+  const int low = mask != 0 ? std::countr_zero(mask) : 0;
+  const int end = mask != 0 ? 64 - std::countl_zero(mask) : static_cast<int>(8 * channel.byteCount);
+  bits = (mask != 0 ? bits & mask : bits) >> low;
+  const bool negative = channel.dataType >= 2 && (bits >> (end - low - 1) & 1) != 0;
+  return static_cast<double>(bits) - (negative ? std::ldexp(1.0, end - low) : 0);
+}
+
+std::string shownOf(const ChannelInfo& channel, const Bytes& bytes) {
+  const double raw = rawOf(channel, bytes);
+  if (channel.formula == nullptr) return std::to_string(raw);
+  const std::vector<double>& parameters = channel.formula->parameters;
+  if (channel.formula->kind == 1) return std::to_string(parameters[0] + parameters[1] * raw);
+  return raw == parameters[0] ? "hit" : "miss";
+}
+
+class RandomRecording : public MdfEngineTest {
+ protected:
+  std::uint64_t below(std::uint64_t limit) { return random_() % limit; }
+
+  ChannelInfo randomChannel(const std::string& name) {
+    ChannelInfo channel;
+    channel.name = name;
+    channel.dataType = static_cast<std::uint8_t>(below(6));
+    channel.valueType = static_cast<std::uint8_t>(below(4));
+    const bool isFloat = channel.dataType >= 4;
+    channel.byteCount = static_cast<std::uint32_t>(isFloat ? 4 + 4 * below(2) : 1 + below(6));
+    if (!isFloat && below(2) == 0) {
+      const std::uint64_t all = (std::uint64_t{1} << channel.byteCount * 8) - 1;
+      channel.bitMask = (std::uint64_t{random_()} << 32 | random_()) & all;
+    }
+    const auto number = static_cast<double>(below(4));
+    const Formula formulas[] = {{1, {number - 3, 0.25}, {}, "", 0, ""},
+                                {7, {number}, {"hit"}, "", 0, "miss"}};
+    const std::uint64_t formula = below(3);
+    if (formula < 2) channel.formula = std::make_shared<Formula>(formulas[formula]);
+    return channel;
+  }
+  Bytes randomBytes(const ChannelInfo& channel) {
+    Bytes bytes(channel.byteCount);
+    for (auto& byte : bytes) byte = static_cast<std::uint8_t>(below(3) == 0 ? random_() : 0);
+    if (channel.dataType < 4) return bytes;
+    const double value = static_cast<double>(below(1000)) / 8 - 20;
+    bytes = channel.byteCount == 4 ? packed(static_cast<float>(value)) : packed(value);
+    if (channel.dataType == 5) std::reverse(bytes.begin(), bytes.end());
+    return bytes;
+  }
+  // The records of a file's group behind those in `lines`, as they read.
+  static void read(MdfSigReader& reader, int dg, std::vector<std::string>& lines) {
+    std::vector<MdfSigCCInfo> channels(static_cast<std::size_t>(reader.getCNCount(dg, 0)));
+    for (int cn = 0; MdfSigCCInfo & channel : channels) reader.getCCInfo(dg, 0, cn++, channel);
+    while (const auto record = reader.readSignalData(dg)) {
+      std::string& line = lines.emplace_back();
+      for (const MdfSigCCInfo& channel : channels) {
+        double value = 0;
+        std::string text;
+        EXPECT_TRUE(channel.convertToPhysical(record->data, value, text)) << channel.name;
+        line += text.empty() ? std::to_string(value) : text;
+        line += ' ';
+      }
+    }
+  }
+
+  std::mt19937 random_;
+};
+
+TEST_F(RandomRecording, ReadsBackOverItsSplits) {
+  const auto seed = std::random_device()();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  random_.seed(seed);
+  struct Group {
+    std::vector<ChannelInfo> channels = {timeChannel()};
+    Record record;
+    std::vector<std::string> model;
+    std::vector<std::string> read;
+  };
+  std::vector<Group> groups(1 + below(3));
+  start();
+  std::uint64_t blocks = 0;  // bytes that a block of each group takes
+  for (int dg = 0; Group & group : groups) {
+    ASSERT_EQ(addDataGroup(recorder_, "random"), dg);
+    for (std::uint64_t count = 1 + below(5); count > 0; --count) {
+      group.channels.push_back(randomChannel(std::to_string(count)));
+    }
+    for (const ChannelInfo& channel : group.channels) {
+      ASSERT_EQ(addChannelToDG(recorder_, dg, &channel), 0);
+      blocks += std::uint64_t{512} * channel.byteCount;
+    }
+    group.record.reset(allocRecord(recorder_, dg++));
+  }
+  const std::uint64_t splitSize = 20'000 + 2 * blocks;
+  recorderSettings.splitSize = splitSize;
+  double time = 0;
+  for (std::uint64_t written = 0; written < 4 * splitSize; time += 0.125) {
+    const std::uint64_t dg = below(groups.size());
+    Group& group = groups[dg];
+    std::string& line = group.model.emplace_back();
+    for (const ChannelInfo& channel : group.channels) {
+      Bytes bytes(channel.byteCount);  // of a channel that is not filled
+      if (channel.name == "time" || below(4) != 0) {
+        bytes = channel.name == "time" ? packed(time) : randomBytes(channel);
+        ASSERT_EQ(fillRecordData(group.record.get(), channel.name.c_str(),
+                                 static_cast<int>(bytes.size()), bytes.data()),
+                  0);
+      }
+      line += shownOf(channel, bytes);
+      line += ' ';
+      written += bytes.size();
+    }
+    ASSERT_EQ(insertRecordToDG(recorder_, static_cast<int>(dg), group.record.get()), 0);
+  }
+  stopRecord(recorder_, kStart);
+
+  int files = 0;
+  while (std::filesystem::exists(path_)) {
+    MdfSigReader reader(path_);
+    ASSERT_TRUE(reader.open());
+    for (int dg = kFirst; Group & group : groups) read(reader, dg++, group.read);
+    EXPECT_TRUE(reader.getProblems().empty());
+    path_ = dir_.path("log_" + std::to_string(++files) + ".mf4");
+  }
+  EXPECT_GE(files, 3);
+  for (const Group& group : groups) {
+    ASSERT_EQ(group.read.size(), group.model.size());
+    for (std::size_t i = 0; i < group.read.size(); ++i) ASSERT_EQ(group.read[i], group.model[i]);
+  }
+}
+
+}  // namespace
+}  // namespace tolvex::test

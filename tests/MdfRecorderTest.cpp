@@ -1,0 +1,605 @@
+// The recorder that writes on the calling thread: files, groups, CAN frames, splits, settings.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "Mdf4/MdfRecorder.h"
+#include "tests/support/Diagnostics.h"
+#include "tests/support/RecordedFile.h"
+#include "tolvex/Mdf4.h"
+
+namespace tolvex::test {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+constexpr std::uint64_t kStart = 1'700'000'000'000'000;  // microseconds
+constexpr std::uint64_t kSecond = 1'000'000;
+// The groups of a file in front of the caller's: start time and stop time.
+constexpr std::size_t kFirst = 2;
+
+class MdfRecorderTest : public testing::Test {
+ protected:
+  void TearDown() override {
+    recorderSettings.splitSize = 0;
+    recorderSettings.mdfVersion = 410;
+  }
+
+  std::string path(const std::string& name = "log.mf4") const { return dir_.path(name); }
+  std::string start() {
+    EXPECT_EQ(recorder_.startRecord(path(), kStart), 0);
+    return path();
+  }
+  // A group of "time" and float64 "value".
+  int addSignals(const std::string& name = "") {
+    const int group = recorder_.addDataGroup(name);
+    EXPECT_EQ(recorder_.addChannel(group, timeChannel()), 0);
+    EXPECT_EQ(recorder_.addChannel(group, float64Channel("value")), 0);
+    return group;
+  }
+  bool insert(int group, double time, double value) {
+    const std::unique_ptr<RecordData> record = recorder_.createRecordData(group);
+    return record != nullptr && record->setTime(time) &&
+           record->setData("value", sizeof value, bytesOf(value).data()) &&
+           recorder_.insertRecord(*record, group);
+  }
+  RecordedFile finish(const std::string& path) {
+    recorder_.stopRecord(kStart + kSecond);
+    return RecordedFile(path);
+  }
+  // The texts that name a source line, without it, and those of splits.
+  Texts messages() const {
+    Texts found;
+    std::istringstream lines(diagnostics_.text());
+    for (std::string line; std::getline(lines, line);) {
+      if (line.starts_with("[fatal] ")) found.push_back(line.substr(line.find(": ") + 2));
+      if (line.starts_with("[info] ")) found.push_back(line);
+    }
+    return found;
+  }
+
+  CapturedDiagnostics diagnostics_;
+  TempDir dir_;
+  MdfRecorder recorder_;
+};
+
+template <class Value>
+Bytes rawBytes(const Value& value) {
+  const ByteSpan bytes = bytesOf(value);
+  return {bytes.begin(), bytes.end()};
+}
+
+double measurementTime(const RecordedFile& file, std::size_t group) {
+  const Bytes& record = file.groups.at(group).bytes;
+  double values[2] = {-1, -1};
+  if (record.size() == sizeof values) std::memcpy(values, record.data(), sizeof values);
+  EXPECT_EQ(values[0], 0.0);
+  return values[1];
+}
+
+// ---------------------------------------------------------------------------------------------
+// The file
+
+TEST_F(MdfRecorderTest, IdentifiesTheFile) {
+  const struct {
+    std::uint32_t version;
+    std::string program;
+    const char* want;
+  } rows[] = {{410, "", "MDF     4.10    tolvex  "},
+              {411, "abcdefghij", "MDF     4.11    abcdefgh"},
+              {400, std::string("abc\0", 4), "MDF     4.00    abc     "},
+              {410, std::string("a\0b", 3), "MDF     4.10    a\0b     "}};
+  for (const auto& [version, program, want] : rows) {
+    EXPECT_EQ(recorder_.setParameter(3, 4, &version), 0);
+    EXPECT_EQ(recorder_.setParameter(0, static_cast<int>(program.size()), program.data()), 0);
+    const RecordedFile file = finish(start());
+    IdBlock id = {};
+    std::memcpy(&id, want, 24);
+    id.id_ver = static_cast<std::uint16_t>(version);
+    EXPECT_EQ(rawBytes(file.id), rawBytes(id)) << version << " " << program;
+    m4HDRecord header = {};
+    header.hd_start_time_ns = kStart * 1000;
+    EXPECT_EQ(rawBytes(file.header), rawBytes(header));
+  }
+}
+
+TEST_F(MdfRecorderTest, WritesStartAndStopIntoGroupsOfTheirOwn) {
+  const RecordedFile file = finish(start());
+  ASSERT_EQ(file.groups.size(), kFirst);
+  for (const std::size_t i : {0U, 1U}) {
+    const RecordedGroup& group = file.groups[i];
+    EXPECT_EQ(group.description(),
+              " from  flags 0 bytes 16+0:"
+              " time[s] type 2/1/4 at 0.0:64 flags 16 limits 0..0 {} " +
+                  std::string(i == 0 ? "MeasurementStartTime" : "MeasurementStopTime") +
+                  "[] type 0/0/4 at 8.0:64 flags 16 limits 0..0 {}");
+    EXPECT_EQ(group.cg.cg_cycle_count, 1U);
+    EXPECT_EQ(group.lists, (std::vector<std::vector<std::uint64_t>>{{16}}));
+  }
+  EXPECT_EQ(measurementTime(file, 0), static_cast<double>(kStart));
+  EXPECT_EQ(measurementTime(file, 1), static_cast<double>(kStart + kSecond));
+}
+
+TEST_F(MdfRecorderTest, TakesAMissingStartTimeForNow) {
+  EXPECT_EQ(recorder_.startRecord(path(), 0), 0);
+  recorder_.stopRecord(0);
+  const RecordedFile file(path());
+  EXPECT_GT(file.header.hd_start_time_ns, kStart * 1000);
+  EXPECT_EQ(measurementTime(file, 0), 0.0);
+  EXPECT_EQ(measurementTime(file, 1), 0.0);
+}
+
+TEST_F(MdfRecorderTest, TimesCountFromTheStartTimeSetLast) {
+  start();
+  recorder_.setStartTime(kStart - 2 * kSecond);
+  EXPECT_TRUE(recorder_.saveCanMessage(kStart, MdfCanMessage()));
+  EXPECT_TRUE(recorder_.saveCanMessage(kStart - 3 * kSecond, MdfCanMessage()));
+  recorder_.setStartTime(0);
+  const RecordedFile file = finish(path());
+  EXPECT_EQ(file.header.hd_start_time_ns, (kStart - 2 * kSecond) * 1000) << "0 leaves it";
+  EXPECT_EQ(measurementTime(file, 0), 0.0);
+  const std::vector<Bytes> records = file.groups.at(kFirst).records();
+  ASSERT_EQ(records.size(), 2U);
+  for (const auto& [record, time] : {std::pair(records[0], 2.0), {records[1], -1.0}}) {
+    EXPECT_EQ(Bytes(record.begin(), record.begin() + 8), packed(time));
+  }
+}
+
+TEST_F(MdfRecorderTest, ChecksParameters) {
+  const std::uint8_t bytes[16] = {0x9B, 1};  // 411
+  const struct {
+    int id, size, result;
+  } rows[] = {{0, 0, 0},  {2, 16, 0},  {0, -1, -1}, {3, 3, -1},
+              {4, 7, -1}, {4, -8, -1}, {5, 0, 0},   {-1, -1, 0}};
+  for (const auto& [id, size, result] : rows) {
+    EXPECT_EQ(recorder_.setParameter(id, size, bytes), result) << id << " " << size;
+  }
+  EXPECT_EQ(recorder_.setParameter(5, 8, nullptr), -1);
+  const std::string text = "MdfRecorder::setParameter ";
+  EXPECT_EQ(messages(), (Texts{text + "invalid string dataSize, paramId: 0, dataSize: -1",
+                               text + "invalid dataSize, paramId: 3, dataSize: 3, expected: 4",
+                               text + "invalid dataSize, paramId: 4, dataSize: 7, expected: 8",
+                               text + "invalid dataSize, paramId: 4, dataSize: -8, expected: 8",
+                               text + "nullptr, paramId: 5"}));
+  EXPECT_EQ(recorderSettings.mdfVersion, 410U);
+  EXPECT_EQ(recorderSettings.splitSize, 0U);
+  MdfRecorder other;
+  EXPECT_EQ(other.setParameter(3, 16, bytes), 0);
+  EXPECT_EQ(other.setParameter(4, 16, bytes), 0);
+  EXPECT_EQ(recorderSettings.splitSize, 411U);
+  EXPECT_EQ(finish(start()).id.id_ver, 411) << "settings are the process's";
+}
+
+TEST_F(MdfRecorderTest, GroupsBelongToTheOpenFile) {
+  EXPECT_EQ(recorder_.addDataGroup("too early"), -1);
+  EXPECT_EQ(messages(), Texts{"MdfRecorder::addDataGroup Failed"});
+  EXPECT_FALSE(recorder_.saveCanMessage(kStart, MdfCanMessage()));
+  recorder_.stopRecord(1);
+
+  start();
+  const int group = addSignals();
+  const std::unique_ptr<RecordData> record = recorder_.createRecordData(group);
+  EXPECT_TRUE(recorder_.insertRecord(*record, group));
+  recorder_.stopRecord(kStart);
+  recorder_.stopRecord(1);
+  EXPECT_FALSE(recorder_.insertRecord(*record, group));
+  EXPECT_FALSE(recorder_.saveCanMessage(kStart, MdfCanMessage()));
+  EXPECT_EQ(recorder_.createRecordData(group), nullptr);
+  EXPECT_EQ(recorder_.addDataGroup("too late"), -1);
+  const RecordedFile file(path());
+  EXPECT_EQ(measurementTime(file, 1), static_cast<double>(kStart));
+  EXPECT_EQ(file.groups.size(), kFirst + 1);
+  EXPECT_EQ(recorder_.startRecord(path("next.mf4"), kStart), 0);
+  EXPECT_FALSE(recorder_.insertRecord(*record, group));
+  EXPECT_EQ(addSignals(), 0);
+}
+
+TEST_F(MdfRecorderTest, StartingAgainFinishesTheRunningFile) {
+  const std::string first = start();
+  EXPECT_TRUE(insert(addSignals("first"), 2.5, 1));
+  EXPECT_EQ(recorder_.startRecord(path("no/such/folder.mf4"), 1), 1);
+  EXPECT_NE(recorder_.firstError().find("no/such/folder.mf4"), std::string::npos);
+  EXPECT_EQ(recorder_.startRecord(path("second.mf4"), kStart + 3 * kSecond), 0);
+  EXPECT_EQ(recorder_.firstError(), "");
+  EXPECT_EQ(addSignals("second"), 0);
+
+  const RecordedFile file(first);
+  ASSERT_EQ(file.groups.size(), kFirst + 1);
+  EXPECT_EQ(file.groups[kFirst].bytes, packed(2.5, 1.0));
+  EXPECT_EQ(measurementTime(file, 1), static_cast<double>(kStart + 2'500'000));
+  const RecordedFile second = finish(path("second.mf4"));
+  ASSERT_EQ(second.groups.size(), kFirst + 1);
+  EXPECT_EQ(second.groups[kFirst].comment, "second");
+  EXPECT_EQ(second.groups[kFirst].lists.size(), 0U) << "a group without records has no data";
+  EXPECT_EQ(second.groups[kFirst].cg.cg_cycle_count, 0U);
+}
+
+TEST_F(MdfRecorderTest, RefusesIndicesWithoutAGroup) {
+  start();
+  const int group = addSignals();
+  const std::unique_ptr<RecordData> record = recorder_.createRecordData(group);
+  for (const int index :
+       {-1, 1, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()}) {
+    SCOPED_TRACE(index);
+    EXPECT_EQ(recorder_.addChannel(index, timeChannel()), -1);
+    EXPECT_EQ(recorder_.setDataGroupComment(index, "a"), -1);
+    EXPECT_EQ(recorder_.setAcquisitionName(index, "a"), -1);
+    EXPECT_EQ(recorder_.createRecordData(index), nullptr);
+    EXPECT_FALSE(recorder_.insertRecord(*record, index));
+    EXPECT_FALSE(
+        recorder_.insertData(static_cast<std::uint32_t>(index), record->size(), record->data()));
+  }
+  EXPECT_EQ(messages(), Texts{});
+  ChannelInfo variable = float64Channel("text");
+  variable.channelType = 1;
+  EXPECT_EQ(recorder_.addChannel(group, variable), -1);
+  EXPECT_EQ(messages(), Texts{"MdfRecorder::addChannel: VLSD write is not supported"});
+  const RecordedFile file = finish(path());
+  EXPECT_EQ(file.groups.at(kFirst).channels.size(), 2U);
+  EXPECT_EQ(file.groups.at(kFirst).cg.cg_cycle_count, 0U);
+}
+
+// ---------------------------------------------------------------------------------------------
+// CAN frames
+
+MdfCanMessage frameOf(std::uint8_t busChannel, bool dir, const Bytes& payload = {}) {
+  MdfCanMessage frame;
+  frame.BusChannel(busChannel);
+  frame.Dir(dir);
+  frame.DataBytes(payload);
+  return frame;
+}
+
+TEST_F(MdfRecorderTest, EachBusChannelAndDirectionHasItsGroup) {
+  start();
+  const std::pair<std::uint8_t, bool> order[] = {{2, true},    {1, false}, {2, true},
+                                                 {1, true},    {0, true},  {255, false},
+                                                 {127, false}, {2, false}, {1, false}};
+  EXPECT_EQ(addSignals("signals"), 0);
+  for (const auto& [busChannel, dir] : order) {
+    EXPECT_TRUE(recorder_.saveCanMessage(kStart, frameOf(busChannel, dir)));
+  }
+  EXPECT_EQ(recorder_.addDataGroup("later"), 8) << "groups are numbered in one row";
+  const RecordedFile file = finish(path());
+  ASSERT_EQ(file.groups.size(), kFirst + 9);
+  const std::pair<std::uint8_t, std::uint64_t> wanted[] = {{2, 2},   {1, 2},   {1, 1}, {0, 1},
+                                                           {255, 1}, {127, 1}, {2, 1}};
+  for (std::size_t i = 0; i < std::size(wanted); ++i) {
+    const RecordedGroup& group = file.groups[kFirst + 1 + i];
+    const auto& [busChannel, count] = wanted[i];
+    EXPECT_EQ(group.comment, "CAN_DataFrame");
+    EXPECT_EQ(group.cg.cg_data_bytes, 23U);
+    EXPECT_EQ(group.cg.cg_flags, 6U);
+    EXPECT_EQ(group.cg.cg_cycle_count, count) << i;
+    for (const Bytes& record : group.records()) EXPECT_EQ(record.at(8), busChannel) << i;
+  }
+}
+
+TEST_F(MdfRecorderTest, AGroupWithAnotherChannelTakesNoMoreFrames) {
+  start();
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(recorder_.saveCanMessage(kStart, frameOf(1, true)));
+  EXPECT_EQ(recorder_.addChannel(0, float64Channel("more")), 0);
+  const Bytes whole(23 + 8, 7);
+  for (const unsigned splitSize : {0U, 1U, 0U}) {
+    recorderSettings.splitSize = splitSize;
+    EXPECT_FALSE(recorder_.saveCanMessage(kStart, frameOf(1, true)));
+    EXPECT_TRUE(recorder_.insertData(0, 31, whole.data()));
+    EXPECT_FALSE(recorder_.saveCanMessage(kStart, frameOf(1, true)));
+  }
+  EXPECT_EQ(finish(path("log_1.mf4")).groups.at(kFirst).bytes, whole);
+}
+
+// Expects the file's frames to be these, whose times are nanoseconds. A frame that was read has the
+// number of its bus channel less one, and the flags of wake-up and single wire exchanged.
+void expectFrames(const std::string& path, const std::vector<MdfCanMessage>& frames) {
+  MdfReader reader(path);
+  ASSERT_TRUE(reader.open());
+  reader.setPayloadByDlc(true);
+  for (std::size_t i = 0; i < frames.size(); ++i) {
+    SCOPED_TRACE(testing::Message() << "frame " << i);
+    const MdfCanMessage& want = frames[i];
+    const auto frame = reader.getCanMessage();
+    ASSERT_NE(frame, nullptr);
+    EXPECT_EQ(frame->Timestamp(), want.Timestamp());
+    EXPECT_EQ(frame->BusChannel(), want.BusChannel() - 1);
+    EXPECT_EQ(frame->MessageId(), want.MessageId());
+    EXPECT_EQ(frame->Dlc(), want.Dlc());
+    EXPECT_EQ(frame->DataBytes(), want.DataBytes());
+    const auto flags = [](const MdfCanMessage& f, bool wakeUp, bool singleWire) {
+      return std::vector<bool>{f.Dir(), f.Edl(), f.Brs(), f.Esi(), f.Rtr(), wakeUp, singleWire};
+    };
+    EXPECT_EQ(flags(*frame, frame->WakeUp(), frame->SingleWire()),
+              flags(want, want.SingleWire(), want.WakeUp()));
+  }
+  EXPECT_EQ(reader.getCanMessage(), nullptr);
+  EXPECT_TRUE(reader.getProblems().empty());
+}
+
+TEST_F(MdfRecorderTest, FramesReadBackAsTheyWereSaved) {
+  start();
+  recorder_.setMaxCanDataLength(64);
+  std::vector<MdfCanMessage> frames;
+  for (unsigned i = 0; i < 700; ++i) {
+    MdfCanMessage frame = frameOf(static_cast<std::uint8_t>(1 + i % 3), i % 2 != 0,
+                                  Bytes(i % 65, static_cast<std::uint8_t>(i)));
+    frame.Timestamp(7000 * i);
+    frame.MessageId(i * 0x2F1);
+    frame.ExtendedId(i % 5 == 0);
+    frame.Edl(i % 65 > 8);
+    frame.Brs(i % 7 == 0);
+    frame.Esi(i % 11 == 0);
+    frame.Rtr(i % 13 == 0);
+    frame.WakeUp(i % 17 == 0);
+    frame.SingleWire(i % 19 == 0);
+    EXPECT_TRUE(recorder_.saveCanMessage(kStart + 7 * i, frame));
+    frames.push_back(std::move(frame));
+  }
+  recorder_.stopRecord(kStart);
+  expectFrames(path(), frames);
+}
+
+TEST_F(MdfRecorderTest, RealFramesRecordedAgainAreTheSame) {
+  MdfReader logged(TOLVEX_TEST_DATA "/raw-00000005.MF4");
+  ASSERT_TRUE(logged.open());
+  const std::uint64_t startTime = logged.getFileInfo().startTimeNs / 1000;
+  EXPECT_EQ(recorder_.startRecord(path(), startTime), 0);
+  std::vector<MdfCanMessage> frames;
+  while (const auto frame = logged.getCanMessage()) {
+    frame->BusChannel(static_cast<std::uint8_t>(frame->BusChannel() + 1));
+    const std::uint64_t time = frame->Timestamp() / 1000;
+    ASSERT_TRUE(recorder_.saveCanMessage(startTime + time, *frame));
+    frame->Timestamp(time * 1000);
+    frames.push_back(*frame);
+  }
+  recorder_.stopRecord(kStart);
+  EXPECT_EQ(frames.size(), 5477U);
+  expectFrames(path(), frames);
+}
+
+TEST_F(MdfRecorderTest, ErrorsOfBothClassesGoIntoTheGroupOfTheirKind) {
+  start();
+  MdfCanError error;
+  error.BusChannel(3);
+  error.MessageId(0x123);
+  error.Tec(7);
+  error.DataBytes(Bytes{9});
+  MdfCanError fdError = error;
+  fdError.Crc(1);
+  MdfCanMessage message = frameOf(3, false, {9});
+  message.MessageId(0x456);
+  message.Crc(1);
+  MdfCanMessage fdMessage = message;
+  fdMessage.Edl(true);
+  EXPECT_TRUE(recorder_.saveCanError(kStart + 1, error));
+  EXPECT_TRUE(recorder_.saveCanError(kStart + 2, fdMessage));
+  EXPECT_TRUE(recorder_.saveCanError(kStart + 3, message));
+  EXPECT_TRUE(recorder_.saveCanError(kStart + 4, fdError));
+  error.Dir(true);
+  EXPECT_TRUE(recorder_.saveCanError(kStart + 5, error));
+
+  const RecordedFile file = finish(path());
+  const struct {
+    std::uint32_t recordSize;
+    std::uint64_t count;
+    std::size_t fields;
+  } groups[] = {{26, 2, 10}, {113, 2, 13}, {26, 1, 10}};
+  ASSERT_EQ(file.groups.size(), kFirst + std::size(groups));
+  for (std::size_t i = 0; i < std::size(groups); ++i) {
+    const RecordedGroup& group = file.groups[kFirst + i];
+    EXPECT_EQ(group.comment, "CAN_ErrorFrame");
+    EXPECT_EQ(group.cg.cg_data_bytes, groups[i].recordSize);
+    EXPECT_EQ(group.cg.cg_cycle_count, groups[i].count);
+    const RecordedChannel& parent = group.channels.at(1);
+    EXPECT_EQ(parent.name, group.comment);
+    EXPECT_EQ(parent.place(), (RecordedPlace{10, 8, 0, 8 * (groups[i].recordSize - 8)}));
+    EXPECT_EQ(parent.children.size(), groups[i].fields);
+  }
+
+  MdfReader reader(path());
+  ASSERT_TRUE(reader.open());
+  // Identifier, CRC (an error's own is turned around), flags (of a message its flags byte), kind,
+  // direction, counter.
+  using Fields = std::tuple<std::uint32_t, std::uint32_t, std::uint32_t, bool, bool, int>;
+  const Fields errors[] = {{0x123, 0, 0, false, false, 7},
+                           {0x456, 1, 4, true, false, 0},
+                           {0x456, 0, 0, false, false, 0},
+                           {0x123, 0x100000, 0, true, false, 7},
+                           {0x123, 0, 0, false, true, 7}};
+  for (std::uint64_t microseconds = 1; const Fields& want : errors) {
+    const auto read = reader.getCanError();
+    ASSERT_NE(read, nullptr);
+    EXPECT_EQ(read->Timestamp(), 1000 * microseconds++);
+    EXPECT_EQ(read->BusChannel(), 2);
+    EXPECT_EQ(read->DataBytes().at(0), 9);
+    EXPECT_EQ(Fields(read->MessageId(), read->Crc(), read->ErrorFlags(), read->IsCanFdError(),
+                     read->Dir(), read->Tec()),
+              want);
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// Splits
+
+TEST_F(MdfRecorderTest, SplitsAFileThatIsLargerThanAllowed) {
+  // The name's text fills its block to a multiple of 8, so that nothing lies between the blocks.
+  const auto record = [&](std::uint64_t splitSize) {
+    recorderSettings.splitSize = splitSize;
+    start();
+    const int group = recorder_.addDataGroup("");
+    EXPECT_EQ(recorder_.addChannel(group, float64Channel("seventh")), 0);
+    EXPECT_TRUE(recorder_.insertRecord(*recorder_.createRecordData(group), group));
+    recorderSettings.splitSize = 0;
+    return finish(path()).groups.at(kFirst);
+  };
+  const RecordedGroup whole = record(0);
+  const std::uint64_t size = whole.lastBlock + 24 + 512 * 8;
+  record(size);
+  EXPECT_FALSE(std::filesystem::exists(path("log_1.mf4")));
+  EXPECT_EQ(record(size - 1).bytes, Bytes(8)) << "the record is in front of the split";
+  const RecordedFile next(path("log_1.mf4"));
+  EXPECT_EQ(next.groups.at(kFirst).description(), whole.description());
+  EXPECT_TRUE(next.groups.at(kFirst).lists.empty());
+}
+
+TEST_F(MdfRecorderTest, NumbersTheFilesOfASplitInFrontOfTheLastDot) {
+  const Texts rows[] = {{"a.log.mf4", "a.log_1.mf4", "a.log_2.mf4", "a.log_3.mf4"},
+                        {"dir.old/log", "dir_1.old/log", "dir_2.old/log", "dir_3.old/log"}};
+  for (const Texts& names : rows) {
+    for (const std::string& name : names) {
+      std::filesystem::create_directories(std::filesystem::path(path(name)).parent_path());
+    }
+    EXPECT_EQ(recorder_.startRecord(path(names[0]), kStart), 0);
+    const int group = addSignals();
+    for (int i = 0; i < 4; ++i) {
+      recorderSettings.splitSize = i < 3 ? 1 : 0;
+      EXPECT_TRUE(insert(group, i, i));
+    }
+    recorder_.stopRecord(kStart + 3 * kSecond);
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      const RecordedFile file(path(names[i]));
+      const auto value = static_cast<double>(i);
+      EXPECT_EQ(file.groups.at(kFirst).bytes, packed(value, value));
+      EXPECT_EQ(measurementTime(file, 1), static_cast<double>(kStart + i * kSecond));
+    }
+  }
+  EXPECT_EQ(messages(),
+            (Texts{"[info] splitFile: 2", "[info] splitFile: 3", "[info] splitFile: 4",
+                   "[info] splitFile: 2", "[info] splitFile: 3", "[info] splitFile: 4"}));
+}
+
+// Every insert splits: each file has one record and the groups that were there by then.
+TEST_F(MdfRecorderTest, ASplitGoesOnWithTheSameGroups) {
+  recorderSettings.splitSize = 1;
+  recorder_.setMaxCanDataLength(12);
+  start();
+  const int signals = addSignals("signals");
+  ChannelInfo state = float64Channel("state");
+  state.formula = std::make_shared<Formula>(Formula{7, {1}, {"one"}, "", 0, "other"});
+  state.bitMask = 0xFF0;
+  state.comment = "of the engine";
+  EXPECT_EQ(recorder_.addChannel(signals, state), 0);
+  EXPECT_EQ(recorder_.setAcquisitionName(signals, "unit 1"), 0);
+  EXPECT_EQ(recorder_.setAcquisitionName(signals, "unit 2"), 0);
+  const int unnamed = addSignals();
+  EXPECT_EQ(recorder_.setDataGroupComment(unnamed, "first"), 0);
+  EXPECT_EQ(recorder_.setDataGroupComment(unnamed, "second"), 0);
+  EXPECT_EQ(recorder_.addDataGroup("no channels"), 2);
+
+  MdfCanError fdError;
+  fdError.Crc(1);
+  // What is recorded, where it goes, and the latest time then, in seconds.
+  const struct {
+    std::function<bool()> insert;
+    std::size_t group;
+    unsigned latest;
+  } steps[] = {
+      {[&] { return insert(signals, 5, 1); }, 0, 5},
+      {[&] { return insert(unnamed, 2, 2); }, 1, 5},
+      {[&] { return recorder_.saveCanMessage(kStart + 6 * kSecond, frameOf(1, true)); }, 3, 6},
+      {[&] { return recorder_.saveCanError(kStart, frameOf(1, true)); }, 4, 6},
+      {[&] { return recorder_.saveCanError(kStart, fdError); }, 5, 6},
+      {[&] { return insert(signals, 7, 3); }, 0, 7},
+      {[&] { return recorder_.saveCanMessage(kStart, frameOf(1, true)); }, 3, 7},
+      {[&] { return recorder_.saveCanError(kStart, fdError); }, 5, 7},
+      {[&] { return recorder_.insertData(1, 16, packed(9.0, 4.0).data()); }, 1, 7},
+  };
+  for (const auto& step : steps) {
+    EXPECT_TRUE(step.insert());
+    if (step.group == 3) recorder_.setMaxCanDataLength(64);  // for later groups
+  }
+  EXPECT_EQ(addSignals("later"), 6);
+  recorder_.stopRecord(kStart + 99 * kSecond);
+
+  std::vector<RecordedFile> files = {RecordedFile(path())};
+  for (std::size_t i = 1; i <= std::size(steps); ++i) {
+    files.emplace_back(path("log_" + std::to_string(i) + ".mf4"));
+  }
+  ASSERT_EQ(files.back().groups.size(), kFirst + 7);
+  std::uint64_t latest = kStart;
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    SCOPED_TRACE(testing::Message() << "file " << i);
+    const RecordedFile& file = files[i];
+    EXPECT_EQ(file.header.hd_start_time_ns, kStart * 1000);
+    EXPECT_EQ(measurementTime(file, 0), static_cast<double>(latest));
+    latest = kStart + kSecond * (i < std::size(steps) ? steps[i].latest : 99);
+    EXPECT_EQ(measurementTime(file, 1), static_cast<double>(latest));
+    for (std::size_t g = kFirst; g < file.groups.size(); ++g) {
+      SCOPED_TRACE(testing::Message() << "group " << g - kFirst);
+      const bool here = i < std::size(steps) && steps[i].group == g - kFirst;
+      EXPECT_EQ(file.groups[g].records().size(), here ? 1U : 0U);
+      EXPECT_EQ(file.groups[g].cg.cg_cycle_count, here ? 1U : 0U);
+      EXPECT_EQ(file.groups[g].equalLength, here ? 512 * file.groups[g].cg.cg_data_bytes : 0);
+      // Of two texts, the file that was open keeps the first, those behind it have the last.
+      RecordedGroup group = file.groups[g];
+      const RecordedGroup& last = files.back().groups[g];
+      if (i == 0) group.comment = last.comment;
+      if (i == 0) group.acquisitionName = last.acquisitionName;
+      EXPECT_EQ(group.description(), last.description());
+    }
+  }
+  EXPECT_EQ(files[0].groups[kFirst].acquisitionName, "unit 1");
+  EXPECT_EQ(files[1].groups[kFirst].acquisitionName, "unit 2");
+  EXPECT_EQ(files[0].groups[kFirst + 1].comment, "first");
+  EXPECT_EQ(files[1].groups[kFirst + 1].comment, "second");
+  EXPECT_EQ(files[3].groups.at(kFirst + 3).cg.cg_data_bytes, 27U) << "the payload is as it was";
+  EXPECT_EQ(files[8].groups[kFirst + 1].bytes, packed(9.0, 4.0));
+}
+
+TEST_F(MdfRecorderTest, APathWithoutADotIsNotSplit) {
+  const std::string plain = path("log");
+  if (plain.find('.') != std::string::npos) GTEST_SKIP() << "the temporary folder has a \".\"";
+  recorderSettings.splitSize = 1;
+  EXPECT_EQ(recorder_.startRecord(plain, kStart), 0);
+  const int group = addSignals();
+  EXPECT_THROW(insert(group, 1, 1), std::out_of_range);
+  EXPECT_THROW(recorder_.insertData(0, 16, packed(2.0, 2.0).data()), std::out_of_range);
+  EXPECT_THROW(recorder_.saveCanMessage(kStart, MdfCanMessage()), std::out_of_range);
+  EXPECT_THROW(recorder_.saveCanError(kStart, MdfCanError()), std::out_of_range);
+  const RecordedFile file = finish(plain);
+  EXPECT_EQ(file.groups.at(kFirst).bytes, packed(1.0, 1.0, 2.0, 2.0));
+  EXPECT_EQ(file.groups.at(kFirst + 1).records().size(), 1U);
+  EXPECT_EQ(file.groups.at(kFirst + 2).records().size(), 1U);
+}
+
+TEST_F(MdfRecorderTest, ASplitThatFailsEndsTheRecording) {
+  std::filesystem::create_directory(path("gone"));
+  EXPECT_EQ(recorder_.startRecord(path("gone/log.mf4"), kStart), 0);
+  const int group = addSignals();
+  EXPECT_TRUE(insert(group, 1, 1));
+  EXPECT_TRUE(recorder_.saveCanMessage(kStart, MdfCanMessage()));
+  std::filesystem::remove_all(path("gone"));
+  recorderSettings.splitSize = 1;
+  const std::unique_ptr<RecordData> record = recorder_.createRecordData(group);
+  EXPECT_TRUE(recorder_.insertRecord(*record, group)) << "it is in front of the split";
+  const std::string next = path("gone/log_1.mf4");
+  EXPECT_EQ(messages(), Texts{"splitFile failed!, path: " + next});
+  EXPECT_EQ(recorder_.firstError().rfind(next + ": ", 0), 0U) << recorder_.firstError();
+
+  EXPECT_FALSE(recorder_.insertRecord(*record, group));
+  EXPECT_FALSE(recorder_.saveCanMessage(kStart, MdfCanMessage()));
+  EXPECT_FALSE(recorder_.saveCanError(kStart, MdfCanError()));
+  EXPECT_EQ(recorder_.addDataGroup(""), -1);
+  EXPECT_EQ(recorder_.createRecordData(group), nullptr);
+  recorder_.stopRecord(kStart);
+
+  recorderSettings.splitSize = 0;
+  start();
+  EXPECT_TRUE(insert(addSignals(), 1, 1));
+  EXPECT_TRUE(recorder_.saveCanMessage(kStart, MdfCanMessage()));
+  EXPECT_EQ(finish(path()).groups.size(), kFirst + 2);
+}
+
+}  // namespace
+}  // namespace tolvex::test
