@@ -38,7 +38,6 @@ std::shared_ptr<DataGroup> DataGroup::create(const std::shared_ptr<Mdf4File>& fi
   group->block_ = std::move(block);
   group->recordsPerBlock_ = recordsPerBlock;
   group->channelGroup_ = std::make_shared<ChannelGroup>(std::move(channelGroup));
-  group->layout_ = std::make_shared<RecordLayout>();
   return group;
 }
 
@@ -73,9 +72,8 @@ bool DataGroup::addChannel(const ChannelInfo& info) {
   runningSize_ += channel.byteCount;
   if (!channelGroup_->addChannel(channel)) return false;
   recordSize_ = channelGroup_->recordSize();
-  // Records made so far keep the layout that they were made for.
-  if (layout_.use_count() > 1) layout_ = std::make_shared<RecordLayout>(*layout_);
-  layout_->add(channel);
+  layout_.add(channel);
+  sharedLayout_ = nullptr;
   channels_.push_back(std::move(channel));
   return true;
 }

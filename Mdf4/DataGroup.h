@@ -59,8 +59,13 @@ class DataGroup {
   bool flush();
 
   ChannelGroup& channelGroup() { return *channelGroup_; }
-  std::shared_ptr<const RecordLayout> layout() const { return layout_; }
+  // The layout as it is now; it stays so for those who have it.
+  std::shared_ptr<const RecordLayout> layout() const {
+    if (sharedLayout_ == nullptr) sharedLayout_ = std::make_shared<const RecordLayout>(layout_);
+    return sharedLayout_;
+  }
   int maxDataLength() const { return maxDataLength_; }        // of a bus-log group, bytes
+  std::uint64_t recordSize() const { return recordSize_; }    // bytes
   std::uint64_t recordCount() const { return recordCount_; }  // appended
   // Records that were refused because a write failed and, after flush, those that were appended and
   // did not reach the file.
@@ -86,7 +91,8 @@ class DataGroup {
   std::shared_ptr<ChannelGroup> channelGroup_;
   std::unique_ptr<Mdf4DataStream> stream_;  // made by the first record
   std::vector<ChannelInfo> channels_;       // as added
-  std::shared_ptr<RecordLayout> layout_;
+  RecordLayout layout_;
+  mutable std::shared_ptr<const RecordLayout> sharedLayout_;  // null: not asked for yet
   std::uint64_t runningSize_ = 0;         // bytes; where the next channel begins
   const BusLogLayout* busLog_ = nullptr;  // null: an application's group
   int maxDataLength_ = 0;                 // payload bytes of a bus-log group

@@ -55,12 +55,19 @@ void MdfAsyncRecorder::publish() {
   const std::lock_guard lock(mutex_);
   queueing_.groupCount = groupCount();
   queueing_.startTime = startTime();
-  if (!isRecording()) queueing_.accepting = false;
+  if (!isRecording() && queueing_.accepting) {  // the next file could not be made
+    queueing_.accepting = false;
+    queueing_.ended = true;
+  }
 }
 
 int MdfAsyncRecorder::startRecord(const std::string& path, std::uint64_t startTime) {
   printDiagnostic("[info] startRecord\n");
-  if (onFile([&] { return isRecording(); })) stopRecord(onFile([&] { return latestTime(); }));
+  if (onFile([&] { return isRecording(); })) {
+    stopRecord(onFile([&] { return latestTime(); }));
+  } else {
+    finishQueue();  // a split that failed leaves a worker and what it has not written
+  }
   return onFile([&] {
     if (MdfRecorder::startRecord(path, startTime) != 0) return 1;
     splitFailed_ = false;
@@ -73,15 +80,25 @@ int MdfAsyncRecorder::startRecord(const std::string& path, std::uint64_t startTi
 }
 
 void MdfAsyncRecorder::stopRecord(std::uint64_t stopTime) {
+  finishQueue();
+  onFile([&] { MdfRecorder::stopRecord(stopTime); });
+  printDiagnostic("[info] stopRecord\n");
+}
+
+// Takes no more tasks, writes those that wait and ends the worker.
+void MdfAsyncRecorder::finishQueue() {
   {
     const std::lock_guard lock(mutex_);
     queueing_.accepting = false;
+    queueing_.ended = false;
   }
   stop();
   MdfTasks rest;  // of a recording for which the system had no thread
   if (take(rest)) writeAll(rest);
-  onFile([&] { MdfRecorder::stopRecord(stopTime); });
-  printDiagnostic("[info] stopRecord\n");
+}
+
+int MdfAsyncRecorder::setParameter(int paramId, int dataSize, const void* data) {
+  return onFile([&] { return MdfRecorder::setParameter(paramId, dataSize, data); });
 }
 
 void MdfAsyncRecorder::setStartTime(std::uint64_t startTime) {
@@ -113,8 +130,9 @@ void MdfAsyncRecorder::setMaxCanDataLength(int bytes) {
 }
 
 std::uint64_t MdfAsyncRecorder::lostRecords() const {
-  const std::lock_guard lock(fileMutex_);
-  return MdfRecorder::lostRecords();
+  const std::lock_guard fileLock(fileMutex_);
+  const std::lock_guard lock(mutex_);
+  return MdfRecorder::lostRecords() + queueing_.refused;
 }
 
 std::string MdfAsyncRecorder::firstError() const {
@@ -151,7 +169,7 @@ bool MdfAsyncRecorder::insertRecord(const RecordData& record, int groupIndex) {
   std::unique_lock lock(mutex_);
   if (!queueing_.accepting || groupIndex < 0 ||
       static_cast<std::size_t>(groupIndex) >= queueing_.groupCount) {
-    return false;
+    return refuse();
   }
   const std::uint64_t waiting = pending();
   if (waiting >= mostPending()) {
@@ -173,7 +191,7 @@ bool MdfAsyncRecorder::saveCanMessage(std::uint64_t timestamp, const MdfCanMessa
     if (!prepareBusLog()) return false;
     lock.lock();
   }
-  if (!queueing_.accepting || queueing_.busGroup < 0) return false;
+  if (!queueing_.accepting || queueing_.busGroup < 0) return refuse();
   const std::uint64_t waiting = pending();
   if (waiting >= mostPending()) {
     lock.unlock();
@@ -189,16 +207,22 @@ bool MdfAsyncRecorder::saveCanMessage(std::uint64_t timestamp, const MdfCanMessa
   return true;
 }
 
+// With mutex_ held. What comes after a split that failed is lost.
+bool MdfAsyncRecorder::refuse() {
+  if (queueing_.ended) ++queueing_.refused;
+  return false;
+}
+
 // Makes the group of all data frames.
 bool MdfAsyncRecorder::prepareBusLog() {
   return onFile([&] {
     const int index = createBusLogConfiguration();
-    if (index < 0) return false;
-    const DataGroup& bus = *group(index);
+    const DataGroup* const bus = group(index);
+    if (bus == nullptr) return false;  // a split may have failed to make it again
     const std::lock_guard lock(mutex_);
     queueing_.busGroup = index;
-    queueing_.busPayload = static_cast<std::uint32_t>(bus.maxDataLength());
-    queueing_.busRecordSize = bus.layout()->size();
+    queueing_.busPayload = static_cast<std::uint32_t>(bus->maxDataLength());
+    queueing_.busRecordSize = bus->layout()->size();
     return true;
   });
 }
@@ -248,7 +272,11 @@ bool MdfAsyncRecorder::write(int groupIndex, ByteSpan record) {
     return false;
   }
   try {
-    target->insert(static_cast<std::uint32_t>(record.size()), record.data());
+    if (record.size() != target->recordSize()) {
+      countLost();  // of another group, or made before the group had all its channels
+    } else {
+      target->insert(static_cast<std::uint32_t>(record.size()), record.data());
+    }
   } catch (const std::bad_alloc&) {
     countLost();
   }

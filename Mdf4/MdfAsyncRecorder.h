@@ -71,6 +71,7 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
   int setAcquisitionName(int groupIndex, const std::string& name) override;
   bool insertData(std::uint32_t groupIndex, std::uint32_t size, const std::uint8_t* data) override;
   std::unique_ptr<RecordData> createRecordData(int groupIndex) override;
+  int setParameter(int paramId, int dataSize, const void* data) override;
   void setMaxCanDataLength(int bytes) override;
 
   std::uint64_t pendingTasks() const override { return pending(); }
@@ -80,12 +81,14 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
  private:
   template <class Work>
   auto onFile(Work work);
+  void finishQueue();
   std::uint64_t latestTime() override;
   void doWork() override;
   std::uint64_t writeAll(const MdfTasks& batch);
   bool write(int groupIndex, ByteSpan record);
   void split();
   void publish();
+  bool refuse();
   bool prepareBusLog();
   void finishPush(std::unique_lock<std::mutex>& lock, std::uint64_t timestamp,
                   std::atomic<int>& counter);
@@ -98,6 +101,8 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
   // Guarded by mutex_: what callers who queue need to know of the recording.
   struct Queueing {
     bool accepting = false;
+    bool ended = false;         // by a split that failed
+    std::uint64_t refused = 0;  // records that came after that
     std::size_t groupCount = 0;
     std::uint64_t startTime = 0;
     std::uint64_t latestTime = 0;     // of anything queued, microseconds since 1970

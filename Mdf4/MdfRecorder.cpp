@@ -122,15 +122,21 @@ void MdfRecorder::splitFile() {
   const std::uint64_t time = latest != 0 ? latest : now();
   stopTime_ = time;
   closeFile();
+  brokenOff_ = true;  // until the next file is there, also if making it throws
   const std::vector<std::shared_ptr<DataGroup>> earlier = std::exchange(groups_, {});
+  for (BusLogs& logs : busLogs_) {
+    for (const auto& log : logs) {
+      if (log != nullptr) log->group = nullptr;
+    }
+  }
   if (!openFile(path)) {
     printDiagnostic("[fatal] %s, %d: splitFile failed!, path: %s\n", __FILE__, __LINE__,
                     path.c_str());
-    brokenOff_ = true;
     busLogIndex_ = -1;
     for (BusLogs& logs : busLogs_) logs = {};
     return;
   }
+  brokenOff_ = false;
   printDiagnostic("[info] splitFile: %u\n", splitCounter_);
   measurementStartValue_ = time;
   for (const auto& model : earlier) {

@@ -66,7 +66,7 @@ class MdfRecorder {
   // A zeroed record with the channels that the group has now; null for an index without a group.
   virtual std::unique_ptr<RecordData> createRecordData(int groupIndex);
   // Ids 0 program identifier, 1 and 2 texts, 3 version, 4 split size. 0 or -1.
-  int setParameter(int paramId, int dataSize, const void* data);
+  virtual int setParameter(int paramId, int dataSize, const void* data);
   // Payload bytes of a CAN record, for groups made from now on; brought into 8 to 64.
   virtual void setMaxCanDataLength(int bytes);
 

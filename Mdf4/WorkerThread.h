@@ -83,7 +83,8 @@ class WorkerThread {
   }
   bool stopping() const { return stop_.load(std::memory_order_relaxed); }
 
-  std::mutex mutex_;  // guards queued_, sleeping_, idle_, worker_ until stop, and what users add
+  // Guards queued_, sleeping_, idle_, worker_ until stop, and what derived classes add.
+  mutable std::mutex mutex_;
   Batch queued_;
 
  private:

@@ -29,7 +29,7 @@ bool DirectFile::Close() {
   position_ = kNoPosition;
   end_ = 0;
   if (file == nullptr || file->close()) return true;
-  if (writeError_.empty()) writeError_ = "closing the file failed: " + file->error();
+  noteWriteError("closing the file failed: " + file->error());
   return false;
 }
 
@@ -114,18 +114,13 @@ bool DirectFile::WriteAt(std::uint64_t position, std::span<const ByteSpan> piece
   forgetPages(position, length);
   position_ = position;
   if (!file_->write(position, pieces)) {
-    noteWriteError(position, length);
+    noteWriteError(formatText("writing %" PRIu64 " bytes at %" PRIu64 " failed: %s", length,
+                              position, file_->error().c_str()));
     return false;
   }
   position_ = position + length;
   end_ = std::max(end_, position_);
   return true;
-}
-
-void DirectFile::noteWriteError(std::uint64_t position, std::uint64_t length) {
-  if (!writeError_.empty()) return;
-  writeError_ = formatText("writing %" PRIu64 " bytes at %" PRIu64 " failed: %s", length, position,
-                           file_->error().c_str());
 }
 
 void DirectFile::forgetPages(std::uint64_t position, std::uint64_t length) {

@@ -42,6 +42,10 @@ class DirectFile {
   const std::string& openError() const { return openError_; }
   // The first write, or the closing, that failed: what, where and why. "" when none did.
   const std::string& writeError() const { return writeError_; }
+  // Notes what else keeps something from being written.
+  void noteWriteError(const std::string& error) {
+    if (writeError_.empty()) writeError_ = error;
+  }
 
   // Reads exactly `length` bytes. A short read prints "DirectFile::ReadAt failed" and fails.
   bool ReadAt(std::uint64_t position, std::uint64_t length, void* buffer);
@@ -91,7 +95,6 @@ class DirectFile {
 
   std::uint64_t readSmall(std::uint64_t position, WritableBytes bytes);
   void forgetPages(std::uint64_t position, std::uint64_t length);
-  void noteWriteError(std::uint64_t position, std::uint64_t length);
 
   std::unique_ptr<SystemFile> file_;
   std::unique_ptr<Pages> pages_;

@@ -39,7 +39,8 @@ extern "C" {
  * `handler` receives each text (complete lines, ending in a line feed) with `user`, on the thread
  * that met the event, possibly on several at once; the text is the handler's only during the call.
  * A null handler drops all texts. One setting for the process; a call that is under way in another
- * thread may still use the earlier one. */
+ * thread may still use the earlier one. A handler must not call functions of a recorder, which may
+ * be the one that is waiting for it. */
 TOLVEX_API void setDiagnosticHandler(void (*handler)(void* user, const char* text), void* user);
 
 /* ---------------------------------------------------------------------------------------------
