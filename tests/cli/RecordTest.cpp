@@ -339,7 +339,7 @@ TEST_F(Record, FailsWithTheCodeAndTheWordsForWhatHappened) {
       {log_, 2, "--output is required"},
       {"-o x.mf4 --max-data-length 65", 2, "--max-data-length"},
       {"-o x.mf4 --max-data-length 7", 2, "--max-data-length"},
-      {"-o x.mf4 --split-size 1k", 2, "--split-size"},
+      {"-o x.mf4 --split-size 0", 2, "--split-size"},
       {"-o x.mf4 --split-size 5parsec", 2, "--split-size"},
       {"-o x.mf4 --channel can0", 2, "--channel"},
       {"-o x.mf4 --channel =1", 2, "--channel"},

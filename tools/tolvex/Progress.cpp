@@ -37,13 +37,14 @@ void Progress::update(std::uint64_t done) {
 
 void Progress::show(std::string_view state) {
   if (shown_) {
-    fmt::print(stderr, "{}{}: {}", kClearLine, what_, state);
+    const std::string text = fmt::format("{}{}: {}", kClearLine, what_, state);
+    std::fwrite(text.data(), 1, text.size(), stderr);
   }
 }
 
 void Progress::clear() {
   if (shown_) {
-    fmt::print(stderr, "{}", kClearLine);
+    std::fputs(kClearLine, stderr);
   }
 }
 

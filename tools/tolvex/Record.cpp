@@ -9,6 +9,7 @@
 #include <array>
 #include <charconv>
 #include <chrono>
+#include <cstdio>
 #include <map>
 #include <memory>
 #include <optional>
@@ -28,7 +29,6 @@ namespace {
 constexpr unsigned kMaxChannel = 254;  // files count from 1, in 8 bits
 constexpr std::uint32_t kMinDataLength = 8;
 constexpr std::uint32_t kMaxDataLength = 64;
-constexpr std::uint64_t kMinSplitSize = 64 * 1024;  // less holds little but the file's own tree
 constexpr std::uint64_t kMaxSplitSize = std::uint64_t{1} << 62;
 constexpr std::uint64_t kMaxComplaints = 20;
 constexpr std::chrono::milliseconds kReportPeriod(200);
@@ -313,7 +313,9 @@ class Recording {
   void complainOfWriting() {
     complainedOfWriting_ = true;
     progress_.clear();
-    fmt::print(stderr, "tolvex: {}\n", printable(recorderError()));  // it names the file
+    // It names the file. Not fmt::print, which throws when stderr cannot be written either.
+    const std::string line = fmt::format("tolvex: {}\n", printable(recorderError()));
+    std::fwrite(line.data(), 1, line.size(), stderr);
   }
 
   std::string recorderError() const {
@@ -466,11 +468,12 @@ void addRecord(CLI::App& app, Command& chosen) {
   command
       ->add_option("--split-size", options->splitSize,
                    "Go on in a further file, OUT with _1, _2, ... before its extension, whenever\n"
-                   "one has grown beyond so many bytes, at least 64k; k, M and G stand for 1024,\n"
-                   "1024 k and 1024 M")
+                   "one has grown beyond so many bytes; k, M and G stand for 1024, 1024 k and\n"
+                   "1024 M. A file begins with room for a block of 512 frames per channel and\n"
+                   "direction: a size below a megabyte makes many files")
       ->type_name("BYTES")
       ->transform(CLI::AsSizeValue(false).description(""))
-      ->check(CLI::Range(kMinSplitSize, kMaxSplitSize).description(""));
+      ->check(CLI::Range(std::uint64_t{1}, kMaxSplitSize).description(""));
   command->add_flag(
       "--async", options->async,
       "Write on a thread of its own, so that a slow disk does not delay the reading;\n"

@@ -104,6 +104,10 @@ ExitCode RecordTarget::claimFollowing(const Rules& rules) const {
       if (code != kDone) {
         return code;
       }
+      if (!S_ISREG(file->st_mode)) {
+        complain(nameBehind(path_, number), "is no regular file, which a recording needs");
+        return kWrongUse;
+      }
     }
   }
   return kDone;

@@ -1,6 +1,8 @@
 // The tolvex program: shows, prints, exports and records measurement files at a shell.
 
+#include <fcntl.h>
 #include <tolvex/MdfEngine.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <csignal>
@@ -15,6 +17,21 @@
 namespace tolvex {
 
 namespace {
+
+// Takes the numbers of standard streams that are closed, so that no file or pipe of the program's
+// gets one of them and what is printed goes into it.
+void occupyStandardStreams() {
+  while (true) {
+    const int descriptor = ::open("/dev/null", O_RDONLY);
+    if (descriptor < 0) {
+      return;
+    }
+    if (descriptor > STDERR_FILENO) {
+      ::close(descriptor);
+      return;
+    }
+  }
+}
 
 int complainOfUse(std::string_view what) {
   std::cerr << "tolvex: " << what << "\nRun 'tolvex --help' for the commands, "
@@ -70,6 +87,7 @@ int run(int argc, char** argv) {
 }  // namespace tolvex
 
 int main(int argc, char** argv) {
+  tolvex::occupyStandardStreams();
   // Diagnostics of the library would end up among the results; what matters comes as errors.
   setDiagnosticHandler(nullptr, nullptr);
   // A closed pipe, and a file that grew to the allowed size, show as failed writes.
