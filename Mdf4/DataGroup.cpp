@@ -33,7 +33,7 @@ std::shared_ptr<DataGroup> DataGroup::create(const std::shared_ptr<Mdf4File>& fi
   if (block == nullptr) return nullptr;
   std::shared_ptr<CustomCGBlock> channelGroup = block->addChannelGroup();
   if (channelGroup == nullptr) return nullptr;
-  const std::shared_ptr<DataGroup> group(new DataGroup);
+  std::shared_ptr<DataGroup> group(new DataGroup);
   group->file_ = file;
   group->block_ = std::move(block);
   group->recordsPerBlock_ = recordsPerBlock;
@@ -43,7 +43,7 @@ std::shared_ptr<DataGroup> DataGroup::create(const std::shared_ptr<Mdf4File>& fi
 
 std::shared_ptr<DataGroup> DataGroup::createLike(const DataGroup& model,
                                                  const std::shared_ptr<Mdf4File>& file) {
-  const std::shared_ptr<DataGroup> group = create(file, model.recordsPerBlock_);
+  std::shared_ptr<DataGroup> group = create(file, model.recordsPerBlock_);
   if (group == nullptr) return nullptr;
   const ChannelGroup& texts = *model.channelGroup_;
   bool written =

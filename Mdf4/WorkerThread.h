@@ -25,10 +25,9 @@ class WorkerThread {
   WorkerThread() = default;
   WorkerThread(const WorkerThread&) = delete;
   WorkerThread& operator=(const WorkerThread&) = delete;
-
- protected:
   virtual ~WorkerThread() = default;
 
+ protected:
   // The thread's body: take batches until there are no more.
   virtual void doWork() = 0;
   virtual void notify() { condition_.notify_all(); }

@@ -2,13 +2,15 @@
 #pragma once
 
 #include <cstdio>
+#include <mutex>
 #include <string>
 
 #include "tolvex/MdfEngine.h"
 
 namespace tolvex::test {
 
-// Collects every text while it lives; afterwards texts go to the standard output, as by default.
+// Collects every text, of any thread, while it lives; afterwards texts go to the standard output,
+// as by default.
 class CapturedDiagnostics {
  public:
   CapturedDiagnostics() { setDiagnosticHandler(&collect, this); }
@@ -16,15 +18,21 @@ class CapturedDiagnostics {
   CapturedDiagnostics(const CapturedDiagnostics&) = delete;
   CapturedDiagnostics& operator=(const CapturedDiagnostics&) = delete;
 
-  const std::string& text() const { return text_; }
+  std::string text() const {
+    const std::lock_guard lock(mutex_);
+    return text_;
+  }
 
  private:
   static void collect(void* self, const char* text) {
-    static_cast<CapturedDiagnostics*>(self)->text_ += text;
+    auto& captured = *static_cast<CapturedDiagnostics*>(self);
+    const std::lock_guard lock(captured.mutex_);
+    captured.text_ += text;
   }
   static void print(void* /*user*/, const char* text) { std::fputs(text, stdout); }
 
-  std::string text_;
+  mutable std::mutex mutex_;
+  std::string text_;  // guarded by mutex_
 };
 
 }  // namespace tolvex::test
