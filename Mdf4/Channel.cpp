@@ -7,21 +7,13 @@
 #include <utility>
 
 #include "Mdf4/Blocks.h"
+#include "Mdf4/format/BlockRecords.h"
 #include "Mdf4/format/Diagnostics.h"
 
 namespace tolvex {
 namespace {
 
-enum FormulaKind : std::uint8_t {
-  kLinear = 1,
-  kRational = 2,
-  kAlgebraic = 3,
-  kInterpolatedTable = 4,
-  kTable = 5,
-  kRangeToValue = 6,
-  kValueToText = 7,
-  kRangeToText = 8,
-};
+using namespace conversion_type;
 
 constexpr std::size_t kLinearParameters = 2;
 constexpr std::size_t kRationalParameters = 6;
@@ -65,20 +57,20 @@ bool describe(const Formula& formula, Conversion& conversion) {
       take(conversion, parameters, needed);
       return true;
     }
-    case kAlgebraic:
+    case kFormula:
       conversion.texts.push_back(&formula.formulaText);
       return true;
-    case kInterpolatedTable:
-    case kTable:
+    case kN2NInterpol:
+    case kN2N:
       take(conversion, parameters, 2 * wholeEntries(formula, 2));
       return true;
-    case kRangeToValue:
+    case kR2N:
       take(conversion, parameters, 3 * wholeEntries(formula, 3));
       conversion.values.push_back(formula.defaultValue);
       return true;
-    case kValueToText:
-    case kRangeToText: {
-      const std::size_t perEntry = formula.kind == kValueToText ? 1 : 2;
+    case kN2T:
+    case kR2T: {
+      const std::size_t perEntry = formula.kind == kN2T ? 1 : 2;
       const std::size_t entries = wholeEntries(formula, perEntry, formula.texts.size());
       take(conversion, parameters, perEntry * entries);
       takeTexts(conversion, formula, entries);

@@ -12,11 +12,10 @@ namespace tolvex {
 namespace {
 
 constexpr std::uint32_t kMost = std::numeric_limits<std::uint32_t>::max();
-constexpr std::uint8_t kValueToValueTable = 5;  // cc_type, without interpolation
 
 std::shared_ptr<const Formula> dlcToLengthFormula() {
   auto formula = std::make_shared<Formula>();
-  formula->kind = kValueToValueTable;
+  formula->kind = conversion_type::kN2N;
   for (std::size_t dlc = 0; dlc < kDlcLengths.size(); ++dlc) {
     formula->parameters.insert(formula->parameters.end(),
                                {static_cast<double>(dlc), static_cast<double>(kDlcLengths[dlc])});

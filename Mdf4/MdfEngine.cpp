@@ -11,6 +11,7 @@
 #include "Mdf4/MdfAsyncRecorder.h"
 #include "Mdf4/MdfRecorder.h"
 #include "Mdf4/Record.h"
+#include "Mdf4/format/BlockRecords.h"
 #include "Mdf4/format/Diagnostics.h"
 #include "tolvex/Mdf4.h"
 
@@ -20,14 +21,7 @@ namespace {
 constexpr int kFailure = -1;
 constexpr int kBusTypeCan = 0;
 
-enum ConversionKind : std::uint8_t {
-  kLinear = 1,
-  kRational = 2,
-  kAlgebraic = 3,
-  kRangeToValue = 6,
-  kValueToText = 7,
-  kRangeToText = 8,
-};
+using namespace conversion_type;
 
 MdfRecorder* recorderOf(void* handle) {
   return static_cast<MdfRecorder*>(handle);
@@ -333,7 +327,7 @@ int setFormulaParam(void* formula, int size, const void* data) {
   if (formula == nullptr || size < 0 || data == nullptr) return kFailure;
   auto& target = *static_cast<Formula*>(formula);
   return guarded([&] {
-    if (target.kind == kAlgebraic) {
+    if (target.kind == kFormula) {
       target.formulaText = textAt(data);
       return 0;
     }
@@ -365,11 +359,11 @@ int setFormulaParamDefault(void* formula, int size, const void* data) {
   auto& target = *static_cast<Formula*>(formula);
   return guarded([&] {
     switch (target.kind) {
-      case kRangeToValue:
+      case kR2N:
         target.defaultValue = read<double>(data);
         return 0;
-      case kValueToText:
-      case kRangeToText:
+      case kN2T:
+      case kR2T:
         target.defaultText = textAt(data);
         return 0;
       default:

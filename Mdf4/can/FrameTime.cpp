@@ -4,14 +4,14 @@
 #include <string>
 #include <utility>
 
+#include "Mdf4/format/BlockRecords.h"
+
 namespace tolvex {
 namespace {
 
 constexpr double kNsPerSecond = 1e9;
 // Doubles below this convert to a signed 64-bit integer.
 constexpr double kEndOfRange = 0x1p63;
-constexpr std::uint8_t kIdentity = 0;
-constexpr std::uint8_t kLinear = 1;
 constexpr std::uint32_t kFloatLittleEndian = 4;
 constexpr std::uint32_t kInvalidBitFlag = 0x02;
 
@@ -32,9 +32,9 @@ FrameTime::FrameTime(MdfSigCCInfo channel) : channel_(std::move(channel)) {
   offset_ = channel_->byteOffset;
   const bool plain = channel_->dataType == kFloatLittleEndian && channel_->bitCount == 64 &&
                      channel_->bitOffset == 0 && (channel_->flags & kInvalidBitFlag) == 0;
-  if (channel_->conversionType == kIdentity) {
+  if (channel_->conversionType == conversion_type::kIdentity) {
     direct_ = plain;
-  } else if (channel_->conversionType == kLinear && channel_->valueCount >= 2 &&
+  } else if (channel_->conversionType == conversion_type::kLinear && channel_->valueCount >= 2 &&
              channel_->values.size() >= 2) {
     direct_ = plain;
     summand_ = channel_->values[0];

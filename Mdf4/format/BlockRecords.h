@@ -256,6 +256,25 @@ inline constexpr std::uint8_t kMaster = 2;
 }  // namespace channel_type
 inline constexpr std::uint8_t kSyncTime = 1;
 
+// How raw values become physical ones (cc_type): N value, R value range, T text; kN2N looks up the
+// exact value, kN2NInterpol interpolates; kBTT is a text for each group of bits.
+namespace conversion_type {
+enum : std::uint8_t {
+  kIdentity,
+  kLinear,
+  kRational,
+  kFormula,
+  kN2NInterpol,
+  kN2N,
+  kR2N,
+  kN2T,
+  kR2T,
+  kT2N,
+  kT2T,
+  kBTT,
+};
+}  // namespace conversion_type
+
 inline constexpr std::uint32_t kCnFlagAllInvalid = 0x01;
 inline constexpr std::uint32_t kCnFlagInvalidBit = 0x02;
 inline constexpr std::uint32_t kCnFlagPrecision = 0x04;

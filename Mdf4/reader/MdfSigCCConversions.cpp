@@ -7,26 +7,14 @@
 #include <string_view>
 #include <utility>
 
+#include "Mdf4/format/BlockRecords.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {
 
 namespace {
 
-enum ConversionType : std::uint8_t {
-  kIdentity,
-  kLinear,
-  kRational,
-  kFormula,
-  kN2NInterpol,
-  kN2N,
-  kR2N,
-  kN2T,
-  kR2T,
-  kT2N,
-  kT2T,
-  kBTT,
-};
+using namespace conversion_type;
 
 constexpr double kTolerance = 1e-12;
 

@@ -12,6 +12,8 @@
 namespace tolvex {
 namespace {
 
+using namespace conversion_type;
+
 // The first `count` values, or all when there are fewer: counts are the file's claims.
 std::vector<double> firstValues(const MdfSigCCInfo& info, std::size_t count) {
   const auto end = static_cast<std::ptrdiff_t>(std::min(count, info.values.size()));
@@ -30,26 +32,26 @@ Formula formulaOf(const MdfSigCCInfo& info) {
   Formula formula;
   formula.kind = info.conversionType;
   switch (info.conversionType) {
-    case 1:  // linear
+    case kLinear:
       if (info.valueCount >= 2) formula.parameters = firstValues(info, 2);
       break;
-    case 2:  // rational
+    case kRational:
       if (info.valueCount >= 6) formula.parameters = firstValues(info, 6);
       break;
-    case 4:  // value to value, both kinds
-    case 5:
+    case kN2NInterpol:
+    case kN2N:
       formula.parameters = firstValues(info, info.valueCount);
       break;
-    case 6:  // range to value
+    case kR2N:
       formula.parameters = firstValues(info, info.valueCount);
       // The format's own form: the default value stands behind the triples.
       if (formula.parameters.size() % 3 == 1) formula.defaultValue = formula.parameters.back();
       break;
-    case 7:  // value to text
+    case kN2T:
       formula.parameters = firstValues(info, info.valueCount);
       takeTexts(info, info.valueCount, formula);
       break;
-    case 8:  // range to text
+    case kR2T:
       if (info.valueCount % 2 == 0) formula.parameters = firstValues(info, info.valueCount);
       takeTexts(info, info.valueCount / 2U, formula);
       break;
