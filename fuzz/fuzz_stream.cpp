@@ -41,6 +41,7 @@ class InputFile final : public SystemFile {
     return false;
   }
   bool close() override { return true; }
+  std::string error() const override { return "an input is not written"; }
 
  private:
   ByteSpan bytes_;

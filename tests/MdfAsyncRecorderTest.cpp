@@ -97,7 +97,7 @@ class MdfAsyncRecorderTest : public testing::Test {
     std::unique_ptr<RecordData> record;
   };
 
-  ~MdfAsyncRecorderTest() override {
+  void TearDown() override {
     recorderSettings.splitSize = 0;
     recorderSettings.maxPendingTasks = 10000;
   }

@@ -261,7 +261,7 @@ class RecorderFault : public testing::Test {
     splitSize_ = Readback({path_}).fileBytes;
     recorderSettings.splitSize = splitSize_;
   }
-  ~RecorderFault() override { recorderSettings.splitSize = 0; }
+  void TearDown() override { recorderSettings.splitSize = 0; }
 
   // Records on disks that fail after more and more bytes and are sound again before the number
   // `recovery`, until one has not failed, and hands over what came of each: the notes, what the
