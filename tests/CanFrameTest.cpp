@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
 #include <memory>
 #include <string_view>
 #include <utility>
@@ -87,20 +86,6 @@ void expectMovesToLeaveNoPayload() {
 TEST(CanFrames, HandOverTheirPayloadWhenMoved) {
   expectMovesToLeaveNoPayload<MdfCanMessage>();
   expectMovesToLeaveNoPayload<MdfCanError>();
-}
-
-TEST(CanMessage, KeepsTheFlagsApart) {
-  using M = MdfCanMessage;
-  const std::pair<void (M::*)(bool), bool (M::*)() const> flags[] = {
-      {&M::Dir, &M::Dir},       {&M::Srr, &M::Srr},
-      {&M::Edl, &M::Edl},       {&M::Brs, &M::Brs},
-      {&M::Esi, &M::Esi},       {&M::Rtr, &M::Rtr},
-      {&M::WakeUp, &M::WakeUp}, {&M::SingleWire, &M::SingleWire}};
-  for (const auto& [set, unused] : flags) {
-    M message;
-    (message.*set)(true);
-    for (const auto& [other, get] : flags) EXPECT_EQ((message.*get)(), other == set);
-  }
 }
 
 TEST(CanMessage, ResetKeepsTheTime) {
@@ -336,76 +321,6 @@ TEST(CanError, PacksOnlyIntoARecordThatIsLargeEnough) {
   RecordData record = recordOf(113);
   const RecordData taken = std::move(record);
   EXPECT_FALSE(fullError().ToRaw(record, 64, true));  // NOLINT(bugprone-use-after-move)
-}
-
-using Fields = std::map<std::string_view, std::uint64_t>;
-
-// The numbers in the record, read bit by bit where the layout's channels say.
-Fields fieldsIn(const RecordData& record, const BusLogLayout& layout) {
-  Fields fields;
-  for (const BusLogChannel& channel : layout.channels) {
-    const bool isWritten = channel.suffix != "FrameDuration" && channel.suffix != "BitCount";
-    if (!isWritten || channel.suffix == "DataBytes") continue;
-    std::uint64_t& value = fields[channel.suffix];
-    for (std::uint32_t k = 0; k < channel.bits; ++k) {
-      const std::uint32_t bit = channel.byteOffset * 8 + channel.bitOffset + k;
-      value |= (std::uint64_t{record.data()[bit / 8]} >> bit % 8 & 1) << k;
-    }
-  }
-  return fields;
-}
-
-TEST(CanMessage, PacksEachFlagWhereItsChannelReadsIt) {
-  using M = MdfCanMessage;
-  // SingleWire and WakeUp are named after each other.
-  const std::pair<std::string_view, void (M::*)(bool)> flags[] = {
-      {"Dir", &M::Dir}, {"SRR", &M::Srr},           {"EDL", &M::Edl},           {"BRS", &M::Brs},
-      {"ESI", &M::Esi}, {"SingleWire", &M::WakeUp}, {"WakeUp", &M::SingleWire}, {"RTR", &M::Rtr},
-  };
-  for (const auto& [name, set] : flags) {
-    M message;
-    message.BusChannel(0x35);
-    message.MessageId(0x92345678);
-    message.DataBytes(kTwelve);
-    (message.*set)(true);
-    RecordData record = recordOf(kCanDataFrames.recordSize(8));
-    ASSERT_TRUE(message.ToRaw(MessageType::DataFrame, record, 8, false));
-    Fields got = fieldsIn(record, kCanDataFrames);
-    got.erase("Flags");
-    Fields want = {
-        {"BusChannel", 0x35}, {"ID", 0x92345678}, {"IDE", 1}, {"DLC", 9}, {"DataLength", 9}};
-    for (const auto& [other, unused] : flags) want[other] = other == name;
-    EXPECT_EQ(got, want);
-  }
-}
-
-TEST(CanError, PacksEachFieldWhereItsChannelReadsIt) {
-  const MdfCanError error = fullError();
-  RecordData classic = recordOf(kCanErrorFrames.recordSize(8));
-  ASSERT_TRUE(error.ToRaw(classic, 0, false));
-  EXPECT_EQ(fieldsIn(classic, kCanErrorFrames), (Fields{{"BusChannel", 0x35},
-                                                        {"ID", 0x92345678},
-                                                        {"IDE", 1},
-                                                        {"ErrorFlags", 0xCD},
-                                                        {"Dir", 1},
-                                                        {"DLC", 9},
-                                                        {"DataLength", 9},
-                                                        {"TEC", 0x11},
-                                                        {"TREC", 0x22}}));
-  RecordData fd = recordOf(kCanFdErrorFrames.recordSize(8));
-  ASSERT_TRUE(error.ToRaw(fd, 0, true));
-  EXPECT_EQ(fieldsIn(fd, kCanFdErrorFrames), (Fields{{"BusChannel", 0x35},
-                                                     {"ID", 0x01345678},
-                                                     {"IDE", 1},
-                                                     {"DLC", 9},
-                                                     {"DataLength", 12},
-                                                     {"TEC", 0x11},
-                                                     {"TREC", 0x22},
-                                                     {"TimeOffsetBRS", 0x01020304},
-                                                     {"TimeOffsetCRCDel", 0x05060708},
-                                                     {"CRC", 0x0F67AB},
-                                                     {"ErrorFlags", 0xCD},
-                                                     {"BtrExtCfg", 0x1122334455667788}}));
 }
 
 }  // namespace

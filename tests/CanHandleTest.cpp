@@ -65,11 +65,6 @@ std::vector<std::uint64_t> answers(const void* handle) {
 
 const std::vector<std::uint64_t> kAllZero(6 + std::size(kBytes) + std::size(kFlags), 0);
 
-TEST_F(CanHandle, StartsWithAllZero) {
-  ASSERT_NE(handle(), nullptr);
-  EXPECT_EQ(answers(handle()), kAllZero);
-}
-
 TEST_F(CanHandle, SetsEachFieldAlone) {
   for (const auto& [changed, set] : kFlags) {
     set(handle(), true);
@@ -88,15 +83,6 @@ TEST_F(CanHandle, SetsEachFieldAlone) {
   for (const auto& [get, set] : kFlags) EXPECT_TRUE(get(handle()));
   EXPECT_TRUE(message->ExtendedId() && message->Rtr() && message->SingleWire());
   EXPECT_EQ(message->ErrorType(), static_cast<CanErrorType>(0xF3));
-}
-
-TEST_F(CanHandle, KeepsTheExtendedFlagInTheIdentifier) {
-  MdfCanMessageSetMessageId(handle(), 0x800);
-  EXPECT_TRUE(MdfCanMessageGetExtendedId(handle()));
-  EXPECT_EQ(MdfCanMessageGetMessageId(handle()), 0x80000800);
-  EXPECT_EQ(MdfCanMessageGetCanId(handle()), 0x800U);
-  MdfCanMessageSetMessageId(handle(), 0x7FF);
-  EXPECT_FALSE(MdfCanMessageGetExtendedId(handle()));
 }
 
 TEST_F(CanHandle, RefusesACodeAbove15) {

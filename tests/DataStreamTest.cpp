@@ -372,23 +372,5 @@ TEST(WritingDataStream, FullColumnListsReadBackWithTheirInvalidationBytes) {
   EXPECT_EQ(read(reader, 90, 30), want);
 }
 
-TEST(WritingDataStream, ReportsEveryFailedWrite) {
-  const CapturedDiagnostics diagnostics;
-  const Bytes stored(75, 7);
-  const auto writeAll = [&](WrittenFile& out) {
-    m4DataStream writer(out.file, WrittenFile::lists(false));
-    bool written = true;
-    for (int i = 0; i < 5; ++i) written = writer.write(stored.data(), 15, nullptr, 0) && written;
-    return writer.finish(true) && written;
-  };
-  WrittenFile whole;
-  ASSERT_TRUE(writeAll(whole));
-  const std::uint64_t needed = whole.bytes->written();
-  for (std::uint64_t room = 0; room < needed; ++room) {
-    WrittenFile out(room);
-    EXPECT_FALSE(writeAll(out)) << "room for " << room << " of " << needed << " bytes";
-  }
-}
-
 }  // namespace
 }  // namespace tolvex::test

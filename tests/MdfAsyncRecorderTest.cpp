@@ -296,28 +296,6 @@ TEST_F(MdfAsyncRecorderTest, WritesWhatItAcceptsOnceFromAnyNumberOfThreads) {
   EXPECT_EQ(read.extra, accepted.extra);
 }
 
-TEST_F(MdfAsyncRecorderTest, RecordsStayAsTheyWereMadeWhileChannelsAreAdded) {
-  MdfAsyncRecorder recorder;
-  const Group group = start(recorder, path_);
-  const std::uint32_t size = group.record->size();
-  std::atomic<bool> over = false;
-  std::thread maker([&] {
-    const Bytes value(8);
-    while (!over) {
-      const auto record = recorder.createRecordData(group.index);
-      EXPECT_TRUE(record->setData("time", 8, value.data()));
-      EXPECT_EQ(record->setData("last", 8, value.data()), record->size() == size + 100 * 8 + 8);
-    }
-  });
-  for (int i = 0; i < 100; ++i) {
-    EXPECT_EQ(recorder.addChannel(group.index, float64Channel(std::to_string(i))), 0);
-  }
-  EXPECT_EQ(recorder.addChannel(group.index, float64Channel("last")), 0);
-  over = true;
-  maker.join();
-  EXPECT_EQ(group.record->size(), size);
-}
-
 TEST_F(MdfAsyncRecorderTest, DoesNotMakeCallersWaitForTheDisk) {
   FailingDisk disk;
   Gate gate(disk);
@@ -471,22 +449,6 @@ TEST_F(MdfAsyncRecorderTest, EndsWhenTheNextFileCannotBeCreated) {
   EXPECT_EQ(numbersIn(after), below(10));
   EXPECT_EQ(recorder.firstError(), "");
   EXPECT_EQ(recorder.lostRecords(), 0U);
-}
-
-TEST_F(MdfAsyncRecorderTest, AccountsForWhatAFullDiskRefuses) {
-  for (std::uint64_t room = 0; room < 60'000; room += 1999) {
-    SCOPED_TRACE("room for " + std::to_string(room) + " bytes");
-    FailingDisk disk;
-    MdfAsyncRecorder recorder(disk.opener());
-    const Group group = start(recorder, path_);
-    disk.fillAfter(room);
-    insertAll(recorder, group, 3000);
-    recorder.stopRecord(0);
-    const Numbers read = numbersIn(path_);
-    EXPECT_EQ(read.size() + recorder.lostRecords(), 3000);
-    EXPECT_TRUE(std::ranges::includes(below(3000), read));
-    EXPECT_EQ(recorder.firstError().empty(), disk.refusals() == 0);
-  }
 }
 
 TEST_F(MdfAsyncRecorderTest, WritesTheQueueWhenItIsDestroyed) {

@@ -132,15 +132,6 @@ TEST_F(MdfRecorderTest, WritesStartAndStopIntoGroupsOfTheirOwn) {
   EXPECT_EQ(measurementTime(file, 1), static_cast<double>(kStart + kSecond));
 }
 
-TEST_F(MdfRecorderTest, TakesAMissingStartTimeForNow) {
-  EXPECT_EQ(recorder_.startRecord(path(), 0), 0);
-  recorder_.stopRecord(0);
-  const RecordedFile file(path());
-  EXPECT_GT(file.header.hd_start_time_ns, kStart * 1000);
-  EXPECT_EQ(measurementTime(file, 0), 0.0);
-  EXPECT_EQ(measurementTime(file, 1), 0.0);
-}
-
 TEST_F(MdfRecorderTest, TimesCountFromTheStartTimeSetLast) {
   start();
   recorder_.setStartTime(kStart - 2 * kSecond);

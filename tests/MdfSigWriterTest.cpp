@@ -184,21 +184,6 @@ TEST_F(MdfSigWriterTest, ValuesReadBackByEveryConversion) {
   EXPECT_TRUE(errors_.empty());
 }
 
-// The format keeps the default value behind the ranges, where the reader's conversion, which knows
-// no default, does not expect it.
-TEST_F(MdfSigWriterTest, RangesToValuesKeepTheirDefaultValue) {
-  start(describe("with", 0, 8, 6, {0, 4, 10, 5, 9, 20, 7}));
-  EXPECT_EQ(writer_.addSignalChannel(0, describe("without", 0, 8, 6, {0, 4, 10})), 0);
-  const auto reader = finish();
-  MdfSigCCInfo with = info(*reader, kFirst, 1);
-  EXPECT_EQ(with.values, (std::vector<double>{0, 4, 10, 5, 9, 20, 7}));
-  EXPECT_EQ(info(*reader, kFirst, 2).values, (std::vector<double>{0, 4, 10, 0}));
-  --with.valueCount;
-  double phys = 0;
-  EXPECT_TRUE(with.convertToPhysical(packed(0.0, std::uint8_t{6}), phys));
-  EXPECT_EQ(phys, 20);
-}
-
 TEST_F(MdfSigWriterTest, ChannelsKeepTheirDescription) {
   MdfSigCCInfo full = describe("full", 2, 16);
   full.unit = "V";
@@ -422,27 +407,6 @@ TEST_F(MdfSigWriterTest, SaysWhatFailed) {
   EXPECT_EQ(nowhere.getStartTime(), 5U);
 }
 
-// The record that would have split the file is in it all the same.
-TEST_F(MdfSigWriterTest, AFileThatCannotBeSplitGoesOnGrowing) {
-  const std::string path = dir_.path("log");
-  if (path.find('.') != std::string::npos) GTEST_SKIP() << "the temporary folder has a \".\"";
-  MdfSigWriter writer(path);
-  collectErrors(writer);
-  std::uint64_t splitSize = 1;
-  ASSERT_EQ(writer.setParameter(4, sizeof splitSize, &splitSize), 0);
-  EXPECT_TRUE(writer.open());
-  EXPECT_EQ(writer.startRecord(kStart), 0);
-  EXPECT_EQ(writer.addDataGroup("a"), 0);
-  EXPECT_EQ(writer.addTimeChannel(0), 0);
-  EXPECT_EQ(writer.writeSignalDataBatch(0, 1, {}), -1);
-  EXPECT_EQ(takeErrors(), Texts{"invalid string position"});
-  splitSize = 0;
-  ASSERT_EQ(writer.setParameter(4, sizeof splitSize, &splitSize), 0);
-  EXPECT_EQ(writer.writeSignalDataBatch(0, 2, {}), 0);
-  writer.close();
-  EXPECT_EQ(openFile(path)->getRecordCount(kFirst, 0), 2);
-}
-
 TEST_F(MdfSigWriterTest, RecordsThatAreLostAtTheEndAreReported) {
   start(describe("a", 0, 8));
   for (int i = 0; i < 600; ++i) ASSERT_EQ(writer_.writeSignalDataBatch(0, i, {}), 0);
@@ -456,22 +420,6 @@ TEST_F(MdfSigWriterTest, RecordsThatAreLostAtTheEndAreReported) {
   MdfSigReader reader(path_);
   EXPECT_TRUE(reader.open());
   EXPECT_EQ(reader.getRecordCount(kFirst, 0), 512) << "a block of them was written in time";
-}
-
-TEST_F(MdfSigWriterTest, CanBeStoppedAndStartedAgain) {
-  start(describe("first", 0, 8));
-  EXPECT_EQ(writer_.writeSignalDataBatch(0, 1, {}), 0);
-  writer_.stopRecord(kStart + 5);
-  EXPECT_EQ(writer_.getStopTime(), kStart + 5);
-  EXPECT_EQ(writer_.writeSignalDataBatch(0, 1, {}), -1) << "groups are gone";
-  EXPECT_EQ(names(*openFile(path_), kFirst), (Texts{"time", "first"}));
-
-  EXPECT_EQ(writer_.startRecord(kStart), 0);
-  EXPECT_EQ(writer_.addDataGroup("again"), 0);
-  EXPECT_EQ(writer_.addSignalChannel(0, describe("second", 0, 8)), 0);
-  const auto reader = finish();
-  EXPECT_EQ(names(*reader, kFirst), (Texts{"time", "second"}));
-  EXPECT_EQ(reader->getRecordCount(kFirst, 0), 0);
 }
 
 }  // namespace

@@ -143,30 +143,6 @@ class DataGroupTest : public testing::Test {
   Bytes all_;
 };
 
-TEST_F(DataGroupTest, ChannelsLieBackToBack) {
-  for (const auto& [name, bytes] : {std::pair("a", 8U), {"b", 1U}, {"c", 4U}}) {
-    EXPECT_TRUE(group_->addChannel(channelOf(name, bytes)));
-  }
-  RecordData earlier(group_->layout());
-  EXPECT_TRUE(group_->addChannel(channelOf("b", 2))) << "the name stands for the later one";
-  EXPECT_EQ(earlier.size(), 13U);
-  RecordData record(group_->layout());
-  const std::uint8_t bytes[] = {1, 2};
-  EXPECT_TRUE(record.setData("b", 2, bytes));
-  EXPECT_TRUE(earlier.setData("b", 1, bytes));
-  EXPECT_EQ(earlier.data()[8], 1);
-  EXPECT_EQ(Bytes(record.data(), record.data() + record.size()), joined({Bytes(13), {1, 2}}));
-
-  const RecordedGroup group = finish();
-  EXPECT_EQ(group.cg.cg_data_bytes, 15U);
-  EXPECT_EQ(group.cg.cg_inval_bytes, 0U);
-  std::vector<std::uint32_t> offsets;
-  for (const RecordedChannel& channel : group.channels) {
-    offsets.push_back(channel.cn.cn_byte_offset);
-  }
-  EXPECT_EQ(offsets, (std::vector<std::uint32_t>{0, 8, 9, 13}));
-}
-
 TEST_F(DataGroupTest, PlacesChannelsByBytesBitsOrMask) {
   const auto bits = [](std::uint8_t bitOffset, std::uint32_t bitCount,
                        std::uint32_t byteCount = 0) {

@@ -151,12 +151,6 @@ TEST_F(Record, TakesTimesChannelsAndDirectionsAsTheyStand) {
   EXPECT_NE(csv[2].find("0,100.500000000,0,data,1,0,0,0,0,rx"), std::string::npos);
 }
 
-TEST_F(Record, StartsALogThatBeginsIn1970There) {
-  writeLog({"(0.000000) can0 001#", "(0.000002) can0 002#"});
-  EXPECT_EQ(record().exitCode, 0);
-  EXPECT_EQ(cat(), (Lines{"(0.000000) can0 001#", "(0.000002) can0 002#"}));
-}
-
 TEST_F(Record, ReportsMalformedLinesAndGoesOn) {
   const std::pair<const char*, const char*> malformed[] = {
       {"can0  123   [2]  11 22", "expected a time such as (1436509052.249713), found \"can0"},
@@ -199,26 +193,6 @@ TEST_F(Record, ReportsMalformedLinesAndGoesOn) {
                              "20 malformed lines\n"),
             std::string::npos)
       << outcome.err;
-}
-
-TEST_F(Record, CountsMalformedLinesThatItNoLongerShows) {
-  Lines lines(1000, "nonsense");
-  lines.emplace_back("(2.000000) can0 002#");
-  writeLog(lines);
-  const Outcome outcome = record();
-  EXPECT_EQ(outcome.exitCode, 3);
-  EXPECT_EQ(count(outcome.err, "nonsense"), 20U);
-  EXPECT_NE(outcome.err.find("lost: 1000 malformed lines"), std::string::npos) << outcome.err;
-}
-
-TEST_F(Record, SaysWhenTwoInterfacesBecomeOneChannel) {
-  writeLog({"(1.000000) can0 001#", "(2.000000) vcan0 002#", "(3.000000) vcan0 003#"});
-  Outcome outcome = record();
-  EXPECT_EQ(outcome.exitCode, 0);
-  EXPECT_EQ(count(outcome.err, "can0 and vcan0 both become bus channel 0"), 1U) << outcome.err;
-  outcome = record("--force --channel vcan0=1");
-  EXPECT_EQ(count(outcome.err, "both become"), 0U) << outcome.err;
-  EXPECT_EQ(cat(), (Lines{"(1.000000) can0 001#", "(2.000000) can1 002#", "(3.000000) can1 003#"}));
 }
 
 TEST_F(Record, MakesRoomForTheLongestFrame) {
@@ -269,20 +243,6 @@ TEST_F(Record, SplitsIntoFilesThatTogetherHoldAllFrames) {
         << outcome.err;
     EXPECT_TRUE(frames == lines) << options;
   }
-}
-
-// A shorter recording leaves the last files of a longer one in its row.
-TEST_F(Record, TellsFilesOfAnEarlierRecordingFromItsOwn) {
-  writeLog(manyFrames(30000));
-  EXPECT_EQ(record("--split-size 256k").exitCode, 0);
-  for (const auto& file : std::filesystem::directory_iterator(dir_.path(""))) {
-    std::filesystem::last_write_time(file, file.last_write_time() - std::chrono::hours(1));
-  }
-  const Outcome outcome = record("--split-size 512k --force");
-  EXPECT_EQ(outcome.exitCode, 0);
-  EXPECT_NE(outcome.err.find(", 2 files\n"), std::string::npos) << outcome.err;
-  EXPECT_NE(outcome.err.find("drive_2.mf4: is of an earlier recording"), std::string::npos)
-      << outcome.err;
 }
 
 TEST_F(Record, OverwritesOnlyWhenTold) {
