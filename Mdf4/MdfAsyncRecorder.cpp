@@ -171,14 +171,7 @@ bool MdfAsyncRecorder::insertRecord(const RecordData& record, int groupIndex) {
       static_cast<std::size_t>(groupIndex) >= queueing_.groupCount) {
     return refuse();
   }
-  const std::uint64_t waiting = pending();
-  if (waiting >= mostPending()) {
-    lock.unlock();
-    printDiagnostic(
-        "[fatal] %s, %d: MdfAsyncRecorder insertRecord discarded: pending tasks %lld >= max %u\n",
-        __FILE__, __LINE__, static_cast<long long>(waiting), mostPending());
-    return false;
-  }
+  if (isFull(lock, "insertRecord")) return false;
   std::memcpy(queued_.push(groupIndex, record.size()), record.data(), record.size());
   finishPush(lock, timestampOf(record, queueing_.startTime), insertedRecords);
   return true;
@@ -192,18 +185,22 @@ bool MdfAsyncRecorder::saveCanMessage(std::uint64_t timestamp, const MdfCanMessa
     lock.lock();
   }
   if (!queueing_.accepting || queueing_.busGroup < 0) return refuse();
-  const std::uint64_t waiting = pending();
-  if (waiting >= mostPending()) {
-    lock.unlock();
-    printDiagnostic(
-        "[fatal] %s, %d: MdfAsyncRecorder saveCanMessage discarded: pending tasks %lld >= max %u\n",
-        __FILE__, __LINE__, static_cast<long long>(waiting), mostPending());
-    return false;
-  }
+  if (isFull(lock, "saveCanMessage")) return false;
   std::uint8_t* const record = queued_.push(queueing_.busGroup, queueing_.busRecordSize);
   DataFramePacking::pack(record, secondsSince(queueing_.startTime, timestamp), message,
                          queueing_.busPayload);
   finishPush(lock, timestamp, savedMessages);
+  return true;
+}
+
+// Whether a task must be discarded, which is then said, without the lock.
+bool MdfAsyncRecorder::isFull(std::unique_lock<std::mutex>& lock, const char* operation) {
+  const std::uint64_t waiting = pending();
+  const std::uint32_t most = mostPending();
+  if (waiting < most) return false;
+  lock.unlock();
+  printDiagnostic("[fatal] %s, %d: MdfAsyncRecorder %s discarded: pending tasks %lld >= max %u\n",
+                  __FILE__, __LINE__, operation, static_cast<long long>(waiting), most);
   return true;
 }
 

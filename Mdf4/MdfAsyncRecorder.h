@@ -88,6 +88,7 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
   bool write(int groupIndex, ByteSpan record);
   void split();
   void publish();
+  bool isFull(std::unique_lock<std::mutex>& lock, const char* operation);
   bool refuse();
   bool prepareBusLog();
   void finishPush(std::unique_lock<std::mutex>& lock, std::uint64_t timestamp,

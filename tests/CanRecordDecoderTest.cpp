@@ -255,15 +255,6 @@ TEST(BusLogLayout, DecodesToTheFrameThatWasWritten) {
   EXPECT_EQ(decode(slotsOf(kCanFdErrorFrames, 8), false, record), want);
 }
 
-TEST(BusLogLayout, SizesItsRecordsForThePayload) {
-  const std::pair<int, std::uint32_t> rows[] = {{-1, 23}, {0, 23}, {12, 27}, {64, 79}, {100, 79}};
-  for (const auto& [maxDataLength, recordSize] : rows) {
-    EXPECT_EQ(kCanDataFrames.recordSize(maxDataLength), recordSize);
-    EXPECT_EQ(kCanErrorFrames.recordSize(maxDataLength), 26U);
-    EXPECT_EQ(kCanFdErrorFrames.recordSize(maxDataLength), 113U);
-  }
-}
-
 TEST(CanRecordDecoder, CutsAPayloadToTheRecordsOwnCode) {
   const struct {
     std::uint32_t field;
@@ -300,26 +291,6 @@ TEST(CanRecordDecoder, HandlesFieldsByTheirKind) {
       {{constant}, {7}, {false, 1, 0, 0, 0, {}}},
   };
   for (const auto& [layout, record, want] : rows) EXPECT_EQ(decode(layout, false, record), want);
-}
-
-TEST(CanRecordDecoder, FetchesPayloadsFromOutsideTheRecord) {
-  const struct {
-    std::uint8_t offset;  // where StoredPayloads has that many bytes; at 4 it has nothing
-    std::uint64_t dlc;
-    std::size_t copied, size, errorSize;
-  } rows[] = {
-      {3, 3, 3, 3, 3}, {9, 9, 9, 12, 9}, {63, 15, 63, 64, 63}, {70, 8, 8, 8, 0}, {4, 2, 0, 2, 0}};
-  StoredPayloads stored;
-  for (const auto& [offset, dlc, copied, size, errorSize] : rows) {
-    SCOPED_TRACE(int{offset});
-    Layout layout = {{kData, CanField::DLC, 0, 0, 8}, {kData, CanField::DataBytes, 1, 0, 64}};
-    layout[1].variableLength = true;
-    Bytes want(copied, offset);
-    want.resize(size);
-    EXPECT_EQ(decode(layout, false, {2, offset}, &stored), (Fields{false, 0, 0, dlc, 0, want}));
-    for (CanFieldSlot& slot : layout) slot.kind = kError;
-    EXPECT_EQ(decode(layout, false, {2, offset}, &stored).payload, Bytes(errorSize, offset));
-  }
 }
 
 TEST(CanFieldNames, AreFoundByPrefixAndSuffix) {

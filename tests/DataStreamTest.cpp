@@ -256,22 +256,6 @@ TEST_F(DataStream, PutsInvalidationBytesBehindTheirRecords) {
   }
 }
 
-TEST_F(DataStream, ReadsValuesAcrossBlocksAndNoneBeyondTheEnd) {
-  const Bytes stored =
-      joined({packed(std::uint32_t{5}), {1, 2, 3, 4, 5}, packed(std::uint32_t{1})});
-  m4DataStream stream = open(file_.dl({file_.sd(slice(stored, 0, 3)), file_.dz(slice(stored, 3, 3)),
-                                       file_.sd(slice(stored, 6, 7))}));
-  Bytes value;
-  EXPECT_TRUE(stream.readValue(0, value));
-  EXPECT_EQ(value, (Bytes{1, 2, 3, 4, 5}));
-  EXPECT_TRUE(stream.readValue(0, value, 2));
-  EXPECT_EQ(value, (Bytes{1, 2}));
-  for (const std::uint64_t offset : {1U, 9U, 10U, 13U, 1000U}) {
-    EXPECT_FALSE(stream.readValue(offset, value)) << offset;
-  }
-  EXPECT_EQ(value, (Bytes{1, 2}));
-}
-
 TEST_F(DataStream, ReadsBeyondFourGigabytes) {
   constexpr std::uint64_t kFar = std::uint64_t{5} << 30;
   const Bytes stored = {1, 2, 3, 4};

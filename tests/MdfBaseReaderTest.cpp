@@ -280,23 +280,6 @@ TEST_F(MdfBaseReaderTest, DescribesGroupsAndMarksUnsortedOnes) {
   EXPECT_EQ(info.cgIndex, 1);
 }
 
-TEST_F(MdfBaseReaderTest, CopiesOutliveTheirSource) {
-  FileBuilder file({.startTimeNs = 11});
-  file.signalGroup({{.name = "v", .byteOffset = 8}}, {packed(1.0, std::uint8_t{7})});
-  std::optional<Reader> source(file.write());
-  ASSERT_TRUE(source->open());
-  Reader copy(*source);
-  Reader assigned("");
-  assigned = copy;
-  source.reset();
-  for (Reader* reader : {&copy, &assigned}) {
-    EXPECT_EQ(reader->getCNName(0, 0, 1), "v");
-    EXPECT_EQ(reader->getStartTime(), 11U);
-    ASSERT_NE(reader->readSignalDataByIndex(0, 0), nullptr);
-    EXPECT_EQ(reader->readSignalDataByIndex(0, 0)->data, packed(1.0, std::uint8_t{7}));
-  }
-}
-
 TEST_F(MdfBaseReaderTest, OpensTwiceAndKeepsItsListsWhenClosed) {
   FileBuilder file;
   file.signalGroup({{.name = "v", .byteOffset = 8}}, {packed(1.0, std::uint8_t{7})});

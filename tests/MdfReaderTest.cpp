@@ -102,33 +102,6 @@ class MdfReaderTest : public testing::Test {
   CapturedDiagnostics diagnostics_;
 };
 
-TEST_F(MdfReaderTest, ReadsTheRecordsThatTolvexWrites) {
-  const Bytes time = packed(0.000000001);
-  const Bytes data = joined({time, {3, 2, 0x9D, 0x23, 0x01, 0, 0x80}, {1, 2, 3, 4, 5, 6, 7, 8}});
-  EXPECT_EQ(frame(dataFrames(), data), "1 can2 123x [8] 0102030405060708 dir edl brs esi rtr");
-  EXPECT_EQ(frame(dataFrames(), data, true), "1 can2 123x [2] 0102 dir edl brs esi rtr");
-
-  Bytes fd = joined({time, {1, 9, 0, 0, 8, 0, 0}, Bytes(64, 0xAB)});
-  EXPECT_EQ(frame(dataFrames(64), fd), "1 can0 800 [15] " + hex(Bytes(64, 0xAB)));
-  EXPECT_EQ(frame(dataFrames(64), fd, true), "1 can0 800 [9] " + hex(Bytes(12, 0xAB)));
-
-  const Bytes error = joined(
-      {time, {2, 0x45, 0x23, 0x01, 0x80, 0x0C, 0x80, 0x1F, 16, 17}, {1, 2, 3, 4, 5, 6, 7, 8}});
-  EXPECT_EQ(frame(errorFrames(), error),
-            "1 error can1 80012345x [31/31] 0102030405060708 dir flags 12 tec 16 trec 17");
-
-  Bytes fdError(113);
-  std::copy(time.begin(), time.end(), fdError.begin());
-  const std::pair<std::size_t, std::uint8_t> bytes[] = {
-      {8, 4},  {9, 0x55}, {12, 1},    {13, 9}, {14, 11}, {16, 1},    {17, 2},     {20, 1},
-      {24, 2}, {27, 3},   {29, 0xFF}, {34, 6}, {35, 1},  {41, 0xEE}, {104, 0xDD}, {106, 1}};
-  for (const auto& [at, byte] : bytes) fdError[at] = byte;
-  // Byte 29 ends the CRC after its low 5 bits, and byte 12 is part of the identifier too.
-  EXPECT_EQ(frame(fdErrorFrames(), fdError),
-            "1 error can3 1000055x [9/11] ee" + hex(Bytes(62)) +
-                "dd flags 262 tec 1 trec 2 brs 256 del 512 crc 2031619 btr 256 fd");
-}
-
 TEST_F(MdfReaderTest, AppliesFieldsInTheOrderOfTheirNames) {
   const auto data = [](const std::vector<std::pair<std::string, std::uint64_t>>& fields) {
     return frame(dataFrames(), busRecord(dataFrames(), 0, fields)).substr(0, 19);

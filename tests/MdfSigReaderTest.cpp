@@ -80,30 +80,6 @@ void expectRecords(MdfSigReader& reader, int dg, const std::vector<Bytes>& want)
   EXPECT_EQ(reader.readSignalData(dg), nullptr) << "behind the last record";
 }
 
-TEST_F(MdfSigReaderTest, ReadsTheSameRecordsHoweverTheyAreStored) {
-  FileBuilder& f = file_;
-  const std::vector<Bytes> records = rampRecords(7);
-  const auto [a, b] = halves(joined(records), 29);  // inside a record
-  const auto [c, d] = halves(joined(records), 36);
-  const Link forms[] = {
-      f.dt(joined(records)),
-      f.dl({f.dt(a), f.dt(b)}),
-      f.chain({f.dl({f.dt(c)}, 36), f.dl({f.dt(d)}, 36)}),
-      f.hl(f.dl({f.dz(a, "DT", 1, 12), f.dz(b)}), 1),
-      f.ld({f.dv(c), f.dz(d, "DV")}),
-  };
-  for (const Link data : forms) {
-    f.signalGroup({kNumber}, {.records = 7, .dataBytes = 12}, data);
-  }
-  MdfSigReader reader = open();
-  for (int dg = 0; dg < static_cast<int>(std::size(forms)); ++dg) {
-    SCOPED_TRACE(dg);
-    expectRecords(reader, dg, records);
-    EXPECT_EQ(reader.readSignalTimeRange(dg, 0), Range(0, 3));
-    EXPECT_EQ(reader.findRecordIndexByTime(dg, 0, 1.6), 4);
-  }
-}
-
 TEST_F(MdfSigReaderTest, KnowsInvalidSamplesByTheBitsBehindTheData) {
   // In column storage the bits lie in blocks of their own.
   const std::vector<Bytes> data = rampRecords(7);
@@ -166,22 +142,6 @@ TEST_F(MdfSigReaderTest, CycleCountsBeyondTheDataEndInFailure) {
   EXPECT_FALSE(reader.readSignalDataBlock(0, 2, 2, out, size));
   EXPECT_TRUE(out.empty());
   EXPECT_EQ(size, 12);
-}
-
-// A seek to the end goes back to the first block, but leaves the place in the block as it was.
-TEST_F(MdfSigReaderTest, IndexPastTheEndGoesOnInTheFirstBlock) {
-  const auto [a, b] = halves(joined(rampRecords(7)), 24);
-  file_.signalGroup({kNumber}, {.records = 7, .dataBytes = 12},
-                    file_.dl({file_.dt(a), file_.dt(b)}));
-  MdfSigReader reader = open();
-  // What record `index` turns out to be; -1 for none. 1000 is 0x3E8.
-  const auto recordAt = [&](int index) {
-    const auto record = reader.readSignalDataByIndex(0, index);
-    return record == nullptr ? -1 : record->data[8] - 0xE8;
-  };
-  const std::pair<int, int> reads[] = {{7, 0}, {7, 1},  {2, 2}, {700, 1},
-                                       {5, 5}, {7, -1}, {6, 6}, {7, 0}};
-  for (const auto& [index, want] : reads) EXPECT_EQ(recordAt(index), want) << index;
 }
 
 TEST_F(MdfSigReaderTest, GroupsWithoutATimeChannelGiveNoNextRecord) {
