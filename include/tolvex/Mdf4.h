@@ -380,6 +380,8 @@ class TOLVEX_EXPORT MdfCanError {
   }
   std::uint64_t BtrExtCfg() const { return btrExtCfg_; }
   bool IsCanFdError() const { return isCanFdError_; }
+  void ErrorType(CanErrorType value) { errorType_ = value; }  // in no record that ToRaw packs
+  CanErrorType ErrorType() const { return errorType_; }
 
   // As MdfCanMessage::DlcToLength.
   static std::uint32_t DlcToLength(std::uint8_t dlc);
@@ -407,6 +409,7 @@ class TOLVEX_EXPORT MdfCanError {
   std::uint32_t crc_ = 0;
   std::uint64_t btrExtCfg_ = 0;
   bool isCanFdError_ = false;
+  CanErrorType errorType_ = CanErrorType::Unknown;
 };
 
 // A frame as MdfReader hands it out; an empty MdfCanMessage pointer stands for "no more frames".
@@ -615,6 +618,12 @@ class TOLVEX_EXPORT MdfReader : public MdfBaseReader {
   // Off by default. On: bus-log channels without a single recognised field, as signals measured
   // from a bus are marked, give no frames. Call before reading.
   void setRequireFields(bool on);
+  // Off by default. On: bus logs of hardware loggers are read as they are meant. Fields may be
+  // channels of 0 bits whose conversion is a constant, times may be integers, or numbers of
+  // the channel's unit without a conversion, the CAN bus may be named at the channel group, the
+  // fields SRR and ErrorType are known, and an error's identifier has no flag bit. Includes
+  // setPayloadByDlc and setRequireFields. Call before open.
+  void setLoggerRules(bool on);
 
  private:
   std::unique_ptr<FrameMerge> merge_;
@@ -700,5 +709,71 @@ class TOLVEX_EXPORT MdfSigWriter {
   std::function<void(const std::string&)> errorCallback_;
   std::map<int, int> timeChannelAdded_;  // by data group: 1 once it has its "time"
 };
+
+// ---------------------------------------------------------------------------------------------
+// Checking and recovering files
+
+// Told now and then by long work, on the thread that called it: bytes of the input done, and all.
+using MdfProgress = std::function<void(std::uint64_t done, std::uint64_t total)>;
+
+// One thing that is wrong with a file, or odd.
+struct MdfFinding {
+  bool error = false;          // false: a warning; the file can be read as it was meant
+  std::uint64_t position = 0;  // in the file: of the block or field that is meant
+  std::string what;            // e.g. "CN block: cn_data_type"
+  std::string expected;        // "" where there is nothing to compare
+  std::string found;
+};
+
+struct MdfCheckReport {
+  std::string failure;               // why the file could not be looked at; "" when it was
+  std::vector<MdfFinding> findings;  // the first 1000, in the order in which they were met
+  std::uint64_t errors = 0;          // all of them
+  std::uint64_t warnings = 0;
+};
+
+// Checks a file against the format: every block that is linked, every list of data blocks, the
+// records' number and times, variable-length values, and bytes that belong to no block. Stops at no
+// finding and never throws. A file that is no MDF 4 file at all has that as its one finding.
+TOLVEX_EXPORT MdfCheckReport checkFile(const std::string& path,
+                                       const MdfProgress& progress = nullptr);
+
+// One channel group of a recovered file.
+struct MdfRecoveredGroup {
+  std::string name;                 // the acquisition name, else the comment, else ""
+  std::int32_t dgIndex = -1;        // where it stood in the input; in the result each channel group
+  std::int32_t cgIndex = -1;        // has a data group of its own, in the same order
+  std::uint64_t records = 0;        // in the result
+  std::uint64_t foundBlocks = 0;    // data blocks among them that no list named
+  std::uint64_t lostRecords = 0;    // that the input held or names, as far as they can be counted
+  std::vector<std::string> losses;  // what is missing and where, the first 100
+  std::vector<std::string> repairs;  // what was put right without a loss, the first 100
+};
+
+struct MdfRecoveryReport {
+  std::string failure;  // why there is no usable result; "" when it was written
+  std::vector<MdfRecoveredGroup> groups;
+  std::vector<std::string> losses;   // outside the groups, the first 100
+  std::vector<std::string> repairs;  // likewise
+  bool lossless() const {
+    bool whole = failure.empty() && losses.empty();
+    for (const MdfRecoveredGroup& group : groups) {
+      whole = whole && group.losses.empty() && group.lostRecords == 0;
+    }
+    return whole;
+  }
+};
+
+struct MdfRecoverOptions {
+  bool verify = false;  // read the result again: check it, and compare every record
+  MdfProgress progress;
+};
+
+// Writes what is really there of `input` (finished or not, cut or damaged) into `output`, an
+// existing file of that name included: a finalized, sorted file with one data group for each
+// channel group. Needs memory for the channels, not for the records. Refuses to write over its
+// input. Never throws. After a failure there is no output file.
+TOLVEX_EXPORT MdfRecoveryReport recoverFile(const std::string& input, const std::string& output,
+                                            const MdfRecoverOptions& options = {});
 
 }  // namespace tolvex

@@ -83,13 +83,32 @@ std::uint64_t writeFrames(MdfReader& reader, const Window& window, FrameText& te
   }
 }
 
+// Says which bus events the file holds beside the CAN frames of `groups`, which are in order.
+void tellOfOtherEvents(MdfReader& reader, const std::vector<MdfGroupInfo>& groups,
+                       const std::string& file) {
+  constexpr unsigned kBusEvent = 0x2;
+  auto shown = groups.begin();
+  const int dataGroups = reader.getDGCount();
+  MdfGroupInfo group;
+  for (int dg = 0; dg < dataGroups; ++dg) {
+    for (int cg = 0; reader.getGroupInfo(dg, cg, group); ++cg) {
+      if (shown != groups.end() && shown->dgIndex == dg && shown->cgIndex == cg) {
+        ++shown;
+      } else if ((group.flags & kBusEvent) != 0 && group.recordCount > 0) {
+        complain(file, fmt::format("{:.100}: {} records are no CAN frames",
+                                   group.name.empty() ? "a group without a name" : group.name,
+                                   group.recordCount));
+      }
+    }
+  }
+}
+
 int cat(const CatOptions& options) {
   MdfReader reader(options.file);
+  reader.setLoggerRules(true);
   if (!openOrComplain(reader, options.file)) {
     return kFailed;
   }
-  reader.setPayloadByDlc(true);
-  reader.setRequireFields(true);
   const std::vector<MdfGroupInfo> groups = reader.getBusLogGroups();
   if (std::ranges::any_of(groups, [&](const MdfGroupInfo& group) {
         return complainIfUnsorted(group, options.file);
@@ -99,6 +118,7 @@ int cat(const CatOptions& options) {
   Output out;
   if (groups.empty()) {
     complain(options.file, "no CAN frames");
+    tellOfOtherEvents(reader, groups, options.file);
     return finish(out, reader, options.file, kDone);
   }
   FrameText text(out, formatOf(options.format), reader.getFileInfo().startTimeNs);
@@ -110,6 +130,7 @@ int cat(const CatOptions& options) {
   if (lost) {
     complain(options.file, fmt::format("{} of {} frames could be read", read, promised));
   }
+  tellOfOtherEvents(reader, groups, options.file);
   return exitCode;
 }
 
@@ -142,13 +163,16 @@ void addCat(CLI::App& app, Command& chosen) {
       "  candump  the log format of can-utils, read by canplayer: (SECONDS) canN ID#DATA with the\n"
       "           seconds since 1970 (UTC), identifier and data hexadecimal; ID##FDATA for CAN FD\n"
       "           (F: 1 bit rate switch, 2 error state), ID#RDLC for remote frames; error frames\n"
-      "           have 0x20000000 added to the identifier\n"
+      "           have 0x20000000 added to the identifier; where only the kind of error is known,\n"
+      "           identifier and data are those of SocketCAN\n"
       "  csv      every field, a line of names first; empty where a kind of frame has no such "
       "field\n"
       "  ndjson   the same fields, a JSON object per line; null where there is no such field\n"
       "In csv and ndjson, time_ns is nanoseconds since the recording's start, time is seconds "
       "since\n"
-      "1970 (UTC), id is decimal, length is bytes, data is hexadecimal.\n"
+      "1970 (UTC), id is decimal, length is bytes, data is hexadecimal; error_type is 1 bit, 2 "
+      "form,\n"
+      "3 bit stuffing, 4 CRC, 5 acknowledge.\n"
       "\n"
       "Examples:\n"
       "  tolvex cat drive.mf4 --start 10 --end 20 > part.log\n"

@@ -31,6 +31,8 @@ using Command = std::function<int()>;
 void addInfo(CLI::App& app, Command& chosen);
 void addCat(CLI::App& app, Command& chosen);
 void addExport(CLI::App& app, Command& chosen);
+void addDoctor(CLI::App& app, Command& chosen);
+void addRecover(CLI::App& app, Command& chosen);
 void addRecord(CLI::App& app, Command& chosen);
 
 // Writes the line "tolvex: FILE: what" to the standard error.

@@ -242,7 +242,12 @@ char* putRow(Row row, const MdfCanError& error, std::uint64_t startTimeNs) {
   row.number(error.Dlc());
   row.number(error.DataLength());
   row.hex(error.DataBytes());
-  row.nothing(3);  // record, bit_position, error_type
+  row.nothing(2);  // record, bit_position
+  if (error.ErrorType() == CanErrorType::Unknown) {
+    row.nothing(1);
+  } else {
+    row.number(static_cast<unsigned>(error.ErrorType()));
+  }
   row.number(error.ErrorFlags());
   row.number(error.Tec());
   row.number(error.Trec());
@@ -297,9 +302,32 @@ char* putCandump(char* at, const MdfCanMessage& message, std::uint64_t startTime
   return at;
 }
 
+// The kind of an error of which nothing else is known, as SocketCAN states it: class and data.
+char* putErrorType(char* at, CanErrorType type) {
+  switch (type) {
+    case CanErrorType::Bit:
+      return putText(at, "20000008#0000010000000000");
+    case CanErrorType::Form:
+      return putText(at, "20000008#0000020000000000");
+    case CanErrorType::BitStuffing:
+      return putText(at, "20000008#0000040000000000");
+    case CanErrorType::Crc:
+      return putText(at, "20000008#0000000800000000");
+    case CanErrorType::Acknowledge:
+      return putText(at, "20000020#0000000000000000");
+    default:
+      return putText(at, "20000000#");
+  }
+}
+
 char* putCandump(char* at, const MdfCanError& error, std::uint64_t startTimeNs) {
   const auto timeNs = static_cast<std::int64_t>(error.Timestamp());
   at = putCandumpStart(at, instantOf(startTimeNs, timeNs), error.BusChannel());
+  if (error.MessageId() == 0 && error.DataBytes().empty()) {
+    at = putErrorType(at, error.ErrorType());
+    *at++ = '\n';
+    return at;
+  }
   at = putHex(at, kErrorFrameFlag | (error.MessageId() & kIdentifierMask), 8);
   at = putText(at, error.DataBytes().size() > kMaxClassicLength ? "##0" : "#");
   at = putHex(at, error.DataBytes());

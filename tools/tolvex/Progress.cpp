@@ -15,9 +15,10 @@ constexpr const char* kClearLine = "\r\x1b[K";
 
 }  // namespace
 
-Progress::Progress(std::string what, std::uint64_t total)
+Progress::Progress(std::string what, std::uint64_t total, std::string unit)
     : what_(std::move(what)),
       total_(total),
+      unit_(std::move(unit)),
       shown_(::isatty(STDERR_FILENO) == 1),
       next_(std::chrono::steady_clock::now() + kPeriod) {}
 
@@ -32,7 +33,7 @@ void Progress::update(std::uint64_t done) {
   }
   next_ = now + kPeriod;
   const double percent = 100.0 * static_cast<double>(done) / static_cast<double>(total_);
-  show(fmt::format("{:.0f} % ({} of {} records)", percent, done, total_));
+  show(fmt::format("{:.0f} % ({} of {} {})", percent, done, total_, unit_));
 }
 
 void Progress::show(std::string_view state) {

@@ -12,12 +12,12 @@ namespace tolvex {
 // Silent when the standard error is no terminal.
 class Progress {
  public:
-  explicit Progress(std::string what, std::uint64_t total = 0);
+  explicit Progress(std::string what, std::uint64_t total = 0, std::string unit = "records");
   ~Progress();
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
-  // The number of records done, of those in total.
+  // The number of units done, of those in total.
   void update(std::uint64_t done);
 
   // Writes the line now, for work that is told otherwise.
@@ -28,6 +28,7 @@ class Progress {
  private:
   std::string what_;
   std::uint64_t total_;
+  std::string unit_;
   bool shown_;
   std::chrono::steady_clock::time_point next_;
 };

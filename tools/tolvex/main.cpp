@@ -73,6 +73,8 @@ int run(int argc, char** argv) {
   addInfo(app, chosen);
   addCat(app, chosen);
   addExport(app, chosen);
+  addDoctor(app, chosen);
+  addRecover(app, chosen);
   addRecord(app, chosen);
   try {
     app.parse(argc, argv);

@@ -1,0 +1,53 @@
+// The bytes of one data block, whatever its kind.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "Mdf4/format/DirectFile.h"
+#include "Mdf4/format/m4DataStream.h"
+#include "Mdf4/recovery/DataChain.h"
+
+namespace tolvex {
+
+// Reads a block from front to back. Borrows the file.
+class BlockBytes {
+ public:
+  // No compressed block that inflates to more is taken for one.
+  static constexpr std::uint64_t kLargestInflated = std::uint64_t{64} << 20;
+
+  BlockBytes(DirectFile& file, const ChainBlock& block);
+
+  std::uint64_t left() const { return left_; }
+  // The next `bytes`, at most left(). False when they cannot be read or inflated.
+  bool read(std::uint64_t bytes, std::uint8_t* to);
+
+ private:
+  DirectFile& file_;
+  std::uint64_t position_ = 0;
+  std::uint64_t left_ = 0;
+  std::optional<m4DataStream> inflated_;
+};
+
+// The same of a block in column storage and the one beside it: records of `dataBytes` with their
+// `invalBytes` behind them.
+class RecordBytes {
+ public:
+  RecordBytes(DirectFile& file, const ChainBlock& block, std::uint32_t dataBytes,
+              std::uint32_t invalBytes);
+
+  std::uint64_t left() const;
+  // At most left(); of a block in column storage whole records.
+  bool read(std::uint64_t bytes, std::uint8_t* to);
+  // Whether invalidation bytes that should be there are not; they are read as 0.
+  bool lostMarks() const { return lostMarks_; }
+
+ private:
+  BlockBytes data_;
+  std::optional<BlockBytes> marks_;
+  std::uint32_t dataBytes_;
+  std::uint32_t invalBytes_;  // 0: nothing is merged
+  bool lostMarks_ = false;
+};
+
+}  // namespace tolvex

@@ -1,0 +1,178 @@
+#include "Mdf4/recovery/DataChain.h"
+
+#include <algorithm>
+
+#include "Mdf4/format/Inflater.h"
+#include "Mdf4/recovery/LinkRules.h"
+
+namespace tolvex {
+namespace {
+
+constexpr std::uint64_t kAlignment = 8;
+
+}  // namespace
+
+bool readSoundHeader(DirectFile& file, std::uint64_t position, BlockHeader& header) {
+  std::uint64_t data = 0;
+  return position != 0 && file.holds(position, kBlockHeaderSize) &&
+         file.ReadAt(position, kBlockHeaderSize, &header) && header.marker == kBlockMarker &&
+         isKnownBlock(header.type) && file.holds(position, header.length) &&
+         header.dataLength(data) && header.linkCount >= leastLinks(header.type) &&
+         data >= leastData(header.type);
+}
+
+bool DataChain::next(ChainBlock& block) {
+  while (true) {
+    if (list_ != 0 && index_ < count_) {
+      if (nextEntry(block)) return true;
+      continue;
+    }
+    if (list_ != 0) {
+      next_ = link(0);
+      list_ = 0;
+    }
+    if (next_ == 0) return false;
+    const std::uint64_t position = next_;
+    next_ = 0;
+    return enter(position, block);
+  }
+}
+
+// A list, or the one data block of the chain.
+bool DataChain::enter(std::uint64_t position, ChainBlock& block) {
+  block = {};
+  block.position = position;
+  BlockHeader header;
+  if (!readSoundHeader(file_, position, header) || !isDataList(header.type)) {
+    settle(block, 0);
+    return true;
+  }
+  block.kind = ChainBlock::List;
+  block.type = header.type;
+  block.size = header.length;
+  if (header.type == block_type::kHL) {
+    std::uint64_t first = 0;
+    file_.ReadAt(position + kBlockHeaderSize, kLinkSize, &first);
+    next_ = first;
+    return true;
+  }
+  list_ = position;
+  index_ = 0;
+  links_ = header.linkCount;
+  columns_ = header.type == block_type::kLD;
+  const std::uint64_t record = position + kBlockHeaderSize + links_ * kLinkSize;
+  numbers_ = record + sizeof(m4DLRecord);
+  numberCount_ = (position + header.length - numbers_) / sizeof(std::uint64_t);
+  equalLength_ = 0;
+  if (columns_) {
+    m4LDRecord list = {};
+    file_.ReadAt(record, sizeof list, &list);
+    count_ = std::min<std::uint64_t>(list.ld_count, links_ - 1);
+    counted_ = count_;
+  } else {
+    // Entries are what has a link: a count can be damaged, or older than the links; one behind the
+    // count names the block that was being written.
+    m4DLRecord list = {};
+    file_.ReadAt(record, sizeof list, &list);
+    counted_ = list.dl_count;
+    count_ = links_ - 1;
+    while (count_ > list.dl_count && link(count_) == 0) --count_;
+    if ((list.dl_flags & kDlFlagEqualLength) != 0)
+      equalLength_ = number(0);
+    else if (numberCount_ < count_)
+      numberCount_ = 0;
+  }
+  return true;
+}
+
+std::uint64_t DataChain::link(std::uint64_t index) const {
+  std::uint64_t value = 0;
+  if (index < links_) {
+    file_.ReadAt(list_ + kBlockHeaderSize + index * kLinkSize, kLinkSize, &value);
+  }
+  return value;
+}
+
+std::uint64_t DataChain::number(std::uint64_t index) const {
+  std::uint64_t value = 0;
+  if (index < numberCount_) {
+    file_.ReadAt(numbers_ + index * sizeof value, sizeof value, &value);
+  }
+  return value;
+}
+
+std::uint64_t DataChain::expectedBytes(std::uint64_t index) const {
+  if (equalLength_ != 0) return equalLength_;
+  if (columns_ || index + 1 >= numberCount_) return 0;
+  const std::uint64_t start = number(index);
+  const std::uint64_t end = number(index + 1);
+  return end > start ? end - start : 0;
+}
+
+// False for an entry that is not used yet.
+bool DataChain::nextEntry(ChainBlock& block) {
+  const std::uint64_t index = index_++;
+  block = {};
+  block.position = link(1 + index);
+  block.columns = columns_;
+  if (columns_) block.marks = link(1 + count_ + index);
+  if (block.position == 0 && columns_) return false;
+  settle(block, expectedBytes(index));
+  block.uncounted = index >= counted_;
+  return block.kind == ChainBlock::Data || !block.uncounted;
+}
+
+// Whether a block, or the file's end, stands where one that ends at `end` would be followed.
+bool DataChain::followedByBlock(std::uint64_t end) const {
+  const std::uint64_t rest = end % kAlignment;
+  const std::uint64_t position = rest == 0 ? end : end + (kAlignment - rest);
+  if (end == file_.end() || position == file_.end()) return true;
+  BlockHeader header;
+  return end < file_.end() && readSoundHeader(file_, position, header);
+}
+
+// Finds out how much data the block holds when its list expects `expected` bytes, 0: any.
+void DataChain::settle(ChainBlock& block, std::uint64_t expected) {
+  block.kind = ChainBlock::Missing;
+  if (expected > mostInflated(file_.end())) expected = 0;
+  block.bytes = expected;
+  BlockHeader header;
+  if (block.position == 0 || !file_.holds(block.position, kBlockHeaderSize) ||
+      !file_.ReadAt(block.position, kBlockHeaderSize, &header) || header.marker != kBlockMarker) {
+    return;
+  }
+  const std::uint64_t present = file_.end() - block.position - kBlockHeaderSize;
+  std::uint64_t stated = 0;
+  if (header.type == block_type::kDZ) {
+    m4DZRecord record = {};
+    if (!header.dataLength(stated) || header.linkCount != 0 || stated > present ||
+        stated < sizeof record ||
+        !file_.ReadAt(block.position + kBlockHeaderSize, sizeof record, &record)) {
+      return;
+    }
+    if (record.dz_org_data_length > mostInflated(record.dz_data_length)) return;
+    block.bytes = record.dz_org_data_length;
+  } else if (isPlainData(header.type)) {
+    if (!header.dataLength(stated) || header.linkCount != 0) {
+      if (expected == 0 || expected > present) return;
+      stated = expected;
+    }
+    const std::uint64_t start = block.position + kBlockHeaderSize;
+    if (expected != 0 && stated != expected && expected <= present &&
+        (stated > present || !followedByBlock(start + stated)) &&
+        followedByBlock(start + expected)) {
+      stated = expected;
+      block.repaired = true;
+    }
+    block.cut = stated > present;
+    stated = std::min(stated, present);
+    block.bytes = stated;
+  } else {
+    return;
+  }
+  block.kind = ChainBlock::Data;
+  block.type = header.type;
+  block.size = kBlockHeaderSize + stated;
+}
+
+}  // namespace tolvex

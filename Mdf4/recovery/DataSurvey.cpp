@@ -1,0 +1,177 @@
+#include "Mdf4/recovery/DataSurvey.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "Mdf4/recovery/LinkRules.h"
+
+namespace tolvex {
+
+std::size_t DataSurvey::run(std::uint64_t dataLink) {
+  const auto [known, isNew] = byLink_.try_emplace(dataLink, runs_.size());
+  if (isNew) {
+    runs_.emplace_back();
+    if (dataLink != 0) addChain(known->second, dataLink);
+  }
+  return known->second;
+}
+
+void DataSurvey::addChain(std::size_t run, std::uint64_t start) {
+  runs_[run].chains.push_back({start, 0, {}});
+  walkers_.push_back({run, runs_[run].chains.size() - 1, DataChain(file_, start)});
+}
+
+void DataSurvey::addLoose(std::size_t run, const ChainBlock& block) {
+  if (!owned_.add(block.position, block.position + block.size)) return;
+  DataRun& found = runs_[run];
+  found.loose.push_back(block);
+  found.bytes += block.bytes;
+  ++found.blocks;
+  if (!found.first) found.first = block;
+  if (!found.last || found.last->position < block.position) found.last = block;
+}
+
+void DataSurvey::walk() {
+  const auto later = [this](std::size_t a, std::size_t b) {
+    return walkers_[a].next.position > walkers_[b].next.position;
+  };
+  std::vector<std::size_t> heap;  // of walkers, the one with the lowest position on top
+  for (std::size_t i = 0; i < walkers_.size(); ++i) {
+    if (walkers_[i].blocks.next(walkers_[i].next)) heap.push_back(i);
+  }
+  std::make_heap(heap.begin(), heap.end(), later);
+  while (!heap.empty()) {
+    std::pop_heap(heap.begin(), heap.end(), later);
+    const std::size_t number = heap.back();
+    heap.pop_back();
+    Walker& walker = walkers_[number];
+    const ChainBlock block = walker.next;
+    const bool more = walker.blocks.next(walker.next);
+    // Blocks do not overlap: the next one that is listed ends this one.
+    std::uint64_t limit = file_.end();
+    const auto endAt = [&](const ChainBlock& next) {
+      if (next.kind != ChainBlock::Missing && next.position > block.position) {
+        limit = std::min(limit, next.position);
+      }
+    };
+    if (more) endAt(walker.next);
+    if (!heap.empty()) endAt(walkers_[heap.front()].next);
+    if (take(walker, block, limit) && more) {
+      heap.push_back(number);
+      std::push_heap(heap.begin(), heap.end(), later);
+    }
+  }
+  walkers_.clear();
+}
+
+// Enters the block into its run. False when the chain ends in front of it.
+bool DataSurvey::take(const Walker& walker, const ChainBlock& block, std::uint64_t limit) {
+  DataRun& run = runs_[walker.run];
+  DataRun::Chain& chain = run.chains[walker.chain];
+  if (block.kind == ChainBlock::Missing) {
+    run.broken = true;
+    ++chain.steps;
+    return true;
+  }
+  if (block.kind == ChainBlock::List) {
+    if (!owned_.add(block.position, block.position + block.size)) {
+      run.broken = true;
+      return false;
+    }
+    if (walker.blocks.equalLength() != 0) run.equalLength = walker.blocks.equalLength();
+    run.lastList = block.position;
+    run.lastListEnd = block.position + block.size;
+    ++chain.steps;
+    return true;
+  }
+  ChainBlock taken = block;
+  const std::uint64_t room =
+      std::min(limit, owned_.nextOwned(block.position, file_.end())) - block.position;
+  if (room < block.size) {
+    taken.size = room;
+    taken.bytes =
+        room <= kBlockHeaderSize || !isPlainData(block.type) ? 0 : room - kBlockHeaderSize;
+    chain.bytes[chain.steps] = taken.bytes;
+    run.broken = true;
+  }
+  ++chain.steps;
+  if (room < kBlockHeaderSize || !owned_.add(taken.position, taken.position + taken.size)) {
+    chain.bytes[chain.steps - 1] = 0;
+    return true;
+  }
+  if (block.cut) run.broken = true;
+  if (block.marks != 0) ownMarks(block.marks);
+  if (run.last && run.last->position > taken.position) run.ascending = false;
+  if (!run.first) run.first = taken;
+  run.last = taken;
+  run.lastChain = walker.chain;
+  run.lastStep = chain.steps - 1;
+  run.bytes += taken.bytes;
+  ++run.blocks;
+  return true;
+}
+
+void DataSurvey::ownMarks(std::uint64_t position) {
+  BlockHeader header;
+  if (readSoundHeader(file_, position, header)) owned_.add(position, position + header.length);
+}
+
+void DataSurvey::extendLast(std::size_t number) {
+  DataRun& run = runs_[number];
+  if (!run.last || !isPlainData(run.last->type)) return;
+  const std::uint64_t end = run.last->position + run.last->size;
+  const std::uint64_t limit = owned_.nextOwned(end, file_.end());
+  constexpr std::uint64_t kAlignment = 8;
+  BlockHeader header;
+  const std::uint64_t next = (end + kAlignment - 1) / kAlignment * kAlignment;
+  if (limit <= end || readSoundHeader(file_, next, header)) return;
+  run.chains[run.lastChain].bytes[run.lastStep] = limit - run.last->position - kBlockHeaderSize;
+  owned_.add(end, limit);
+  run.bytes += limit - end;
+  run.last->bytes += limit - end;
+  run.last->size += limit - end;
+}
+
+bool DataSequence::nextListed(ChainBlock& block) {
+  while (true) {
+    if (!blocks_) {
+      if (chain_ == run_.chains.size()) return false;
+      blocks_.emplace(file_, run_.chains[chain_].start);
+      step_ = 0;
+    }
+    const DataRun::Chain& chain = run_.chains[chain_];
+    if (step_ == chain.steps || !blocks_->next(block)) {
+      blocks_.reset();
+      ++chain_;
+      continue;
+    }
+    const auto claim = chain.bytes.find(step_++);
+    if (claim != chain.bytes.end() && claim->second == 0) {
+      block.kind = ChainBlock::Missing;
+    } else if (claim != chain.bytes.end()) {
+      block.cut = claim->second < block.bytes;
+      block.bytes = claim->second;
+    }
+    if (block.kind != ChainBlock::List) return true;
+  }
+}
+
+bool DataSequence::next(ChainBlock& block) {
+  if (!listed_) {
+    listed_.emplace();
+    if (!nextListed(*listed_)) listed_->kind = ChainBlock::List;  // the end
+  }
+  const bool ended = listed_->kind == ChainBlock::List;
+  const bool looseFirst =
+      loose_ < run_.loose.size() &&
+      (ended || (run_.ascending && run_.loose[loose_].position < listed_->position));
+  if (looseFirst) {
+    block = run_.loose[loose_++];
+    return true;
+  }
+  if (ended) return false;
+  block = *std::exchange(listed_, std::nullopt);
+  return true;
+}
+
+}  // namespace tolvex

@@ -1,0 +1,128 @@
+#include "Mdf4/recovery/DataWriter.h"
+
+#include <zlib.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <new>
+
+#include "Mdf4/format/BlockRecords.h"
+#include "Mdf4/format/DataBlocks.h"
+
+namespace tolvex {
+namespace {
+
+constexpr std::size_t kBlocksPerList = 1024;
+constexpr std::uint64_t kSmallestBuffer = 4096;
+
+}  // namespace
+
+DataWriter::DataWriter(DirectFile& file, std::uint16_t type, std::uint64_t unit,
+                       std::uint64_t blockBytes)
+    : file_(file), type_(type), unit_(unit), blockBytes_(std::max(blockBytes, unit)) {}
+
+std::uint8_t* DataWriter::room(std::uint64_t bytes) {
+  if (bytes > capacity_ - used_) {
+    const std::uint64_t wanted = std::max({used_ + bytes, 2 * capacity_, kSmallestBuffer});
+    std::unique_ptr<std::uint8_t[]> bigger(new (std::nothrow) std::uint8_t[wanted]);
+    if (bigger == nullptr) {
+      file_.noteWriteError("no memory for a data block");
+      failed_ = true;
+      return nullptr;
+    }
+    if (used_ != 0) std::memcpy(bigger.get(), buffer_.get(), used_);
+    buffer_ = std::move(bigger);
+    capacity_ = wanted;
+  }
+  return buffer_.get() + used_;
+}
+
+bool DataWriter::commit(std::uint64_t bytes) {
+  used_ += bytes;
+  if (used_ < blockBytes_) return !failed_;
+  return writeBlock(used_ - rest());
+}
+
+bool DataWriter::append(ByteSpan bytes) {
+  std::uint8_t* const place = room(bytes.size());
+  if (place == nullptr) return false;
+  std::copy(bytes.begin(), bytes.end(), place);
+  return commit(bytes.size());
+}
+
+bool DataWriter::writeBlock(std::uint64_t bytes) {
+  if (failed_ || bytes == 0) return !failed_;
+  BlockHeader header;
+  header.type = type_;
+  header.length = kBlockHeaderSize + bytes;
+  const std::uint64_t position = file_.Allocate(header.length, false);
+  const std::array<ByteSpan, 2> pieces = {bytesOf(header), ByteSpan(buffer_.get(), bytes)};
+  failed_ = !file_.WriteAt(position, pieces);
+  if (failed_) return false;
+  if (hasChecksum_) {
+    checksum_ = static_cast<std::uint32_t>(crc32_z(checksum_, buffer_.get(), bytes));
+  }
+  blocks_.push_back({written_, position});
+  written_ += bytes;
+  used_ -= bytes;
+  std::memmove(buffer_.get(), buffer_.get() + bytes, used_);
+  return blocks_.size() - listed_ < kBlocksPerList || writeList();
+}
+
+// Writes the blocks that are not listed yet into a list behind the last one.
+bool DataWriter::writeList() {
+  M4DLBlock list;
+  list.dl_flags = 0;  // offsets, no equal length
+  std::vector<std::uint64_t> offsets;
+  for (; listed_ < blocks_.size(); ++listed_) {
+    list.add(blocks_[listed_].position);
+    offsets.push_back(blocks_[listed_].offset);
+  }
+  list.setExtra(std::move(offsets));
+  const std::uint64_t position = list.save(&file_, m4Block::kSaveAll);
+  failed_ = position == 0;
+  if (lastList_ != 0 && !failed_) {
+    failed_ = !file_.WriteAt(lastList_ + kBlockHeaderSize, sizeof position, &position);
+  }
+  if (link_ == 0) link_ = position;
+  lastList_ = position;
+  return !failed_;
+}
+
+bool DataWriter::finish() {
+  if (!writeBlock(used_)) return false;
+  buffer_.reset();
+  capacity_ = 0;
+  if (listed_ == 0 && blocks_.size() <= 1) {
+    if (!blocks_.empty()) link_ = blocks_[0].position;
+    return true;
+  }
+  return listed_ == blocks_.size() || writeList();
+}
+
+bool DataWriter::read(std::uint64_t offset, WritableBytes bytes) const {
+  if (offset > size() || bytes.size() > size() - offset) return false;
+  while (!bytes.empty()) {
+    std::uint64_t count = bytes.size();
+    if (offset >= written_) {
+      std::copy_n(buffer_.get() + (offset - written_), count, bytes.begin());
+    } else {
+      const auto after = std::upper_bound(
+          blocks_.begin(), blocks_.end(), offset,
+          [](std::uint64_t value, const Block& block) { return value < block.offset; });
+      const std::uint64_t end = after == blocks_.end() ? written_ : after->offset;
+      const Block& block = *std::prev(after);
+      count = std::min(count, end - offset);
+      if (!file_.ReadAt(block.position + kBlockHeaderSize + (offset - block.offset), count,
+                        bytes.data())) {
+        return false;
+      }
+    }
+    offset += count;
+    bytes = bytes.subspan(count);
+  }
+  return true;
+}
+
+}  // namespace tolvex

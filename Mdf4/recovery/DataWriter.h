@@ -1,0 +1,72 @@
+// Writes a sequence of bytes into data blocks.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "Mdf4/format/Bytes.h"
+#include "Mdf4/format/DirectFile.h"
+
+namespace tolvex {
+
+// Gathers bytes into blocks at the end of a file and lists the blocks. Borrows the file. After a
+// write failed, whatever follows fails as well.
+class DataWriter {
+ public:
+  // Blocks of kind `type` that hold about `blockBytes`, and only whole units of `unit` bytes.
+  DataWriter(DirectFile& file, std::uint16_t type, std::uint64_t unit, std::uint64_t blockBytes);
+
+  // Where to put the next `bytes`; null when there is no memory. They count from commit on.
+  std::uint8_t* room(std::uint64_t bytes);
+  bool commit(std::uint64_t bytes);
+  bool append(ByteSpan bytes);
+  // The bytes that were committed last; at most unit - 1 of them can always be taken back, and all
+  // those behind the last whole unit when they are.
+  std::uint8_t* last(std::uint64_t bytes) { return buffer_.get() + (used_ - bytes); }
+  void takeBack(std::uint64_t bytes) { used_ -= bytes; }
+  // Bytes committed so far that are no whole unit.
+  std::uint64_t rest() const { return used_ % unit_; }
+
+  // Writes what is gathered and the last list. Nothing may follow.
+  bool finish();
+
+  std::uint64_t size() const { return written_ + used_; }  // bytes
+  std::uint64_t units() const { return size() / unit_; }
+  // From now on a checksum of what is written is kept.
+  void keepChecksum() { hasChecksum_ = true; }
+  // CRC-32 of the written bytes.
+  std::uint32_t checksum() const { return checksum_; }
+  // After finish: the position of the one block or of the first list; 0 without bytes.
+  std::uint64_t link() const { return link_; }
+
+  // Reads bytes again, written or gathered. False when they are not all there.
+  bool read(std::uint64_t offset, WritableBytes bytes) const;
+
+ private:
+  struct Block {
+    std::uint64_t offset;  // of its first byte in the sequence
+    std::uint64_t position;
+  };
+
+  bool writeBlock(std::uint64_t bytes);
+  bool writeList();
+
+  DirectFile& file_;
+  const std::uint16_t type_;
+  const std::uint64_t unit_;
+  const std::uint64_t blockBytes_;
+  std::unique_ptr<std::uint8_t[]> buffer_;
+  std::uint64_t capacity_ = 0;
+  std::uint64_t used_ = 0;
+  std::uint64_t written_ = 0;
+  bool hasChecksum_ = false;
+  std::uint32_t checksum_ = 0;
+  std::vector<Block> blocks_;  // all: a few bytes for each MiB
+  std::size_t listed_ = 0;     // of them
+  std::uint64_t link_ = 0;
+  std::uint64_t lastList_ = 0;
+  bool failed_ = false;
+};
+
+}  // namespace tolvex

@@ -1,0 +1,324 @@
+#include "Mdf4/recovery/FileCheckData.h"
+
+#include <algorithm>
+#include <cinttypes>
+
+#include "Mdf4/format/Diagnostics.h"
+#include "Mdf4/recovery/LinkRules.h"
+
+namespace tolvex {
+namespace {
+
+using namespace block_type;
+
+constexpr std::uint32_t kLdFlagEqualLength = 0x1;
+
+std::string lettersOf(std::uint16_t type) {
+  return {static_cast<char>(type & 0xFF), static_cast<char>(type >> 8)};
+}
+
+}  // namespace
+
+void DataWalk::step() {
+  if (std::optional<FoundBlock> block = walk_.enterData(link_)) {
+    stepTo(*block);
+  } else if (link_.target == 0) {
+    finish();
+  } else {
+    lose();
+  }
+}
+
+void DataWalk::stepTo(FoundBlock& block) {
+  switch (block.type) {
+    case kHL:
+      openHeader(block);
+      break;
+    case kDL:
+    case kLD:
+      openList(block);
+      break;
+    default:
+      if (at_ == At::Marks) {
+        checkMarks(block);
+      } else {
+        checkData(block);
+      }
+      goOn();
+  }
+}
+
+// What the link should have led to is missing.
+void DataWalk::lose() {
+  complete_ = false;
+  if (at_ == At::List) {
+    finish();
+  } else {
+    goOn();
+  }
+}
+
+void DataWalk::finish() {
+  done_ = true;
+  sink_.end(complete_);
+}
+
+void DataWalk::openHeader(const FoundBlock& block) {
+  const auto record = walk_.record<m4HLRecord>(block);
+  if (record.hl_zip_type > kZipTransposeDeflate) {
+    walk_.findings().error(block.dataPosition() + offsetof(m4HLRecord, hl_zip_type),
+                           fieldName(kHL, "hl_zip_type"), "at most 1",
+                           std::to_string(record.hl_zip_type));
+  }
+  walk_.checkReserved(block.dataPosition() + offsetof(m4HLRecord, hl_reserved), kHL, "hl_reserved",
+                      bytesOf(record.hl_reserved));
+  zipType_ = record.hl_zip_type;
+  link_ = walk_.link(block, link::hl_dl_first);
+}
+
+void DataWalk::openList(const FoundBlock& block) {
+  list_ = {};
+  list_.block = block;
+  list_.columns = block.type == kLD;
+  list_.last = walk_.link(block, link::dl_dl_next).target == 0;
+  if (list_.columns) {
+    const auto record = walk_.record<m4LDRecord>(block);
+    list_.count = record.ld_count;
+    list_.equal = (record.ld_flags & kLdFlagEqualLength) != 0;
+    list_.marks = (record.ld_flags & kLdFlagInvalidation) != 0;
+  } else {
+    const auto record = walk_.record<m4DLRecord>(block);
+    list_.count = record.dl_count;
+    list_.equal = (record.dl_flags & kDlFlagEqualLength) != 0;
+    walk_.checkReserved(block.dataPosition() + offsetof(m4DLRecord, dl_reserved), kDL,
+                        "dl_reserved", bytesOf(record.dl_reserved));
+  }
+  checkCount();
+  checkLengths();
+  checkLikeFirst();
+  keepRoom();
+  entry_ = 0;
+  at_ = At::Data;
+  goToEntry();
+}
+
+std::string DataWalk::listField(const char* field) const {
+  return fieldName(list_.block.type, (list_.columns ? "ld_" : "dl_") + std::string(field));
+}
+
+// The field behind the record.
+std::string DataWalk::lengthField() const {
+  return listField(list_.equal ? (list_.columns ? "equal_sample_count" : "equal_length")
+                               : (list_.columns ? "sample_offset" : "offset"));
+}
+
+void DataWalk::checkCount() {
+  const std::uint64_t links = list_.block.links - std::min<std::uint64_t>(list_.block.links, 1);
+  const std::uint64_t room = list_.marks ? links / 2 : links;
+  list_.entries = std::min(list_.count, room);
+  if (list_.count == room || (list_.last && walk_.announced(Unfinished::LastList))) return;
+  const std::uint64_t position =
+      list_.block.dataPosition() +
+      (list_.columns ? offsetof(m4LDRecord, ld_count) : offsetof(m4DLRecord, dl_count));
+  const std::string expected = formatText("%" PRIu64 ", as the block has links", room);
+  if (list_.count > room) {
+    walk_.findings().error(position, listField("count"), expected, std::to_string(list_.count));
+  } else {
+    walk_.findings().warning(position, listField("count"), expected, std::to_string(list_.count));
+  }
+}
+
+void DataWalk::checkLengths() {
+  const std::uint64_t position = list_.block.dataPosition() + sizeof(m4DLRecord);
+  const std::uint64_t room =
+      (list_.block.dataBytes - std::min<std::uint64_t>(list_.block.dataBytes, sizeof(m4DLRecord))) /
+      sizeof(std::uint64_t);
+  const std::uint64_t needed = list_.equal ? 1 : list_.entries;
+  list_.offsets = !list_.equal && room >= needed;
+  if (room < needed) {
+    walk_.findings().error(position, lengthField(), formatText("%" PRIu64 " values", needed),
+                           formatText("room for %" PRIu64, room));
+    list_.equal = false;
+  }
+  if (list_.equal) walk_.read(position, sizeof list_.equalLength, &list_.equalLength);
+}
+
+// What a list states of its blocks' lengths holds for all lists of the chain.
+void DataWalk::checkLikeFirst() {
+  if (at_ != At::List) firstList_ = list_;
+  if (list_.equal == firstList_.equal && list_.equalLength == firstList_.equalLength) return;
+  const auto text = [](const List& list) {
+    return list.equal ? std::to_string(list.equalLength) : std::string("no equal length");
+  };
+  walk_.findings().error(list_.block.dataPosition(), lengthField(),
+                         text(firstList_) + ", as in the first list", text(list_));
+}
+
+// The recorder reserves room for five entries: what the last list does not use is no gap.
+void DataWalk::keepRoom() {
+  constexpr std::uint64_t kReserved =
+      kBlockHeaderSize + 6 * kLinkSize + sizeof(m4DLRecord) + sizeof(std::uint64_t);
+  const std::uint64_t end = list_.block.position + kReserved;
+  if (list_.last && list_.equal && !list_.columns && list_.block.end() < end) {
+    walk_.reserve(list_.block.end(), end);
+  }
+}
+
+// Goes on behind the block that was checked, or is missing.
+void DataWalk::goOn() {
+  if (at_ == At::Start) {
+    finish();
+  } else if (at_ == At::Data && list_.marks) {
+    at_ = At::Marks;
+    goToEntry();
+  } else {
+    at_ = At::Data;
+    ++entry_;
+    goToEntry();
+  }
+}
+
+// Takes the first link from here on that leads somewhere.
+void DataWalk::goToEntry() {
+  while (entry_ < list_.entries) {
+    const std::uint64_t skipped = at_ == At::Marks ? list_.count : 0;
+    link_ = walk_.link(list_.block, link::dl_data + skipped + entry_);
+    if (link_.target != 0) return;
+    if (at_ == At::Data && !list_.columns) {
+      complete_ = false;
+      if (!list_.last || !walk_.announced(Unfinished::LastList)) {
+        walk_.findings().error(link_.position, fieldName(kDL, linkName(kDL, link_.index)),
+                               "a data block", "none");
+      }
+    }
+    partLength_ = 0;
+    if (at_ == At::Data && list_.marks) {
+      at_ = At::Marks;
+    } else {
+      at_ = At::Data;
+      ++entry_;
+    }
+  }
+  at_ = At::List;
+  link_ = walk_.link(list_.block, link::dl_dl_next);
+  if (link_.target == 0) finish();
+}
+
+// The kind of plain block that belongs here; 0: any.
+std::uint16_t DataWalk::kindWanted() const {
+  const bool columns = list_.columns || (at_ == At::Start && recordBytes_ != 0);
+  const bool marks = at_ == At::Marks;
+  switch (place_) {
+    case DataPlace::Records:
+      return marks ? kDI : columns ? kDV : kDT;
+    case DataPlace::Values:
+      return kSD;
+    case DataPlace::Reduction:
+      return marks ? kRI : columns ? kRV : kRD;
+    case DataPlace::Array:
+      break;
+  }
+  return 0;
+}
+
+bool DataWalk::partOf(const FoundBlock& block, DataPart& part) {
+  const std::uint16_t wanted = kindWanted();
+  part = {block.dataPosition(), block.dataBytes, block.dataBytes};
+  part.compressed = block.type == kDZ;
+  std::uint16_t kind = block.type;
+  if (part.compressed) {
+    part.zip = walk_.record<m4DZRecord>(block);
+    kind = part.zip.dz_org_block_type;
+  }
+  if (wanted == 0 ? !isPlainData(kind) : kind != wanted) {
+    const std::string expected = wanted == 0 ? "a data block" : lettersOf(wanted);
+    walk_.findings().error(part.compressed ? block.dataPosition() : link_.position,
+                           part.compressed
+                               ? fieldName(kDZ, "dz_org_block_type")
+                               : fieldName(link_.from, linkName(link_.from, link_.index)),
+                           expected, quoted(lettersOf(kind)));
+  }
+  if (!part.compressed) return true;
+  const FieldFaults faults = faultsOf(part.zip, block.room());
+  walk_.enter(block, faults);
+  part.position += sizeof part.zip;
+  part.stored = part.zip.dz_data_length;
+  part.length = part.zip.dz_org_data_length;
+  if (zipType_ >= 0 && zipType_ != part.zip.dz_zip_type) {
+    walk_.findings().warning(
+        block.dataPosition() + offsetof(m4DZRecord, dz_zip_type), fieldName(kDZ, "dz_zip_type"),
+        formatText("%d, as the HL block states", zipType_), std::to_string(part.zip.dz_zip_type));
+    zipType_ = -1;
+  }
+  return std::ranges::none_of(faults, &FieldFault::error);
+}
+
+// Where the file says so itself, the last block goes on to the next one, or to the end of the file.
+void DataWalk::extend(FoundBlock& block) {
+  if (!walk_.lengthIsAnnounced(block.type) || !isLastBlock()) return;
+  const OwnedRanges::Range rest = walk_.owned().nextGap(block.end(), walk_.file().end());
+  if (rest.start == rest.end || rest.start - block.end() >= kLinkSize) return;
+  if (walk_.owned().add(block.end(), rest.end)) block.dataBytes = rest.end - block.dataPosition();
+  block.cut = false;
+}
+
+void DataWalk::checkData(FoundBlock& block) {
+  extend(block);
+  DataPart part;
+  const bool sound = partOf(block, part);
+  partLength_ = part.length;
+  complete_ &= sound && !block.cut;
+  if (!sound) return;
+  if (!block.cut || part.compressed) {
+    checkEqualLength(block);
+    checkOffset();
+  }
+  sink_.begin(part);
+  delivery_.deliver(block, part, sink_);
+  length_ += part.length;
+}
+
+void DataWalk::checkEqualLength(const FoundBlock& block) {
+  if (at_ == At::Start || unit() == 0) return;
+  if (list_.columns && partLength_ % recordBytes_ != 0) {
+    walk_.findings().error(block.position, fieldName(block.type, "data"),
+                           formatText("whole records of %" PRIu64 " bytes", recordBytes_),
+                           formatText("%" PRIu64 " bytes", partLength_));
+  }
+  if (!list_.equal) return;
+  const std::uint64_t length = partLength_ / unit();
+  const bool fits = isLastBlock() ? length <= list_.equalLength : length == list_.equalLength;
+  if (fits) return;
+  walk_.findings().error(
+      block.position, fieldName(block.type, "data"),
+      formatText("%s%" PRIu64 " %s, as the list states", isLastBlock() ? "at most " : "",
+                 list_.equalLength, list_.columns ? "records" : "bytes"),
+      std::to_string(length));
+}
+
+void DataWalk::checkOffset() {
+  if (at_ == At::Start || !list_.offsets || !complete_ || unit() == 0) return;
+  const std::uint64_t position =
+      list_.block.dataPosition() + sizeof(m4DLRecord) + entry_ * sizeof(std::uint64_t);
+  std::uint64_t offset = 0;
+  if (!walk_.read(position, sizeof offset, &offset) || offset == length_ / unit()) return;
+  walk_.findings().error(position, lengthField(),
+                         formatText("%" PRIu64 ", the sum of the lengths before", length_ / unit()),
+                         std::to_string(offset));
+}
+
+// The invalidation bytes beside the records of the data block before.
+void DataWalk::checkMarks(const FoundBlock& block) {
+  DataPart part;
+  if (!partOf(block, part) || block.cut) return;
+  DataSink nobody;
+  delivery_.deliver(block, part, nobody);
+  const std::uint64_t wanted =
+      recordBytes_ == 0 ? part.length : partLength_ / recordBytes_ * markBytes_;
+  if (part.length == wanted) return;
+  walk_.findings().error(block.position, fieldName(block.type, "data"),
+                         formatText("%" PRIu64 " bytes, for the records beside", wanted),
+                         std::to_string(part.length));
+}
+
+}  // namespace tolvex

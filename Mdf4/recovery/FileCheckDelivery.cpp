@@ -1,0 +1,135 @@
+#include "Mdf4/recovery/FileCheckDelivery.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <new>
+#include <span>
+#include <utility>
+
+#include "Mdf4/format/Diagnostics.h"
+#include "Mdf4/format/Transposition.h"
+
+namespace tolvex {
+namespace {
+
+constexpr std::uint64_t kPieceSize = 512 * 1024;
+constexpr std::uint64_t kMostHeld = std::uint64_t{16} << 20;
+// As many inflated bytes as no file of records reaches, but one made to inflate without end.
+constexpr std::uint64_t kInflatedPerByte = 128;
+constexpr std::uint64_t kAlwaysInflated = std::uint64_t{256} << 20;
+
+void need(bool memory) {
+  if (!memory) throw std::bad_alloc();
+}
+
+}  // namespace
+
+DataDelivery::DataDelivery(BlockWalk& walk, std::function<void(std::uint64_t)> progress)
+    : walk_(walk),
+      progress_(std::move(progress)),
+      inflater_(walk.file()),
+      lookUps_(walk.file()),
+      budget_(walk.file().end() / 2 > ~std::uint64_t{0} / kInflatedPerByte / 4
+                  ? ~std::uint64_t{0}
+                  : walk.file().end() * kInflatedPerByte + kAlwaysInflated) {}
+
+bool DataDelivery::canBeHeld(const DataPart& part) {
+  return part.length <= kMostHeld;
+}
+
+void DataDelivery::deliver(const FoundBlock& block, const DataPart& part, DataSink& sink) {
+  if (part.compressed) {
+    deliverInflated(block, part, sink);
+  } else {
+    deliverPlain(block, part, sink);
+  }
+}
+
+void DataDelivery::deliverPlain(const FoundBlock& block, const DataPart& part, DataSink& sink) {
+  if (!sink.wantsBytes()) {
+    sink.skip(part.length);
+    progress_(part.stored);
+    return;
+  }
+  need(buffer_.reserve(kPieceSize));
+  for (std::uint64_t done = 0; done < part.length;) {
+    const std::uint64_t length = std::min(kPieceSize, part.length - done);
+    const WritableBytes piece(buffer_.data(), length);
+    if (walk_.file().readPieces(part.position + done, std::span(&piece, 1)) != length) {
+      walk_.findings().error(part.position + done, fieldName(block.type, "data"),
+                             formatText("%" PRIu64 " bytes", length),
+                             "a file that fails to be read");
+      sink.skip(part.length - done);
+      return;
+    }
+    sink.bytes(piece, part.position + done);
+    done += length;
+    progress_(length);
+  }
+}
+
+void DataDelivery::deliverInflated(const FoundBlock& block, const DataPart& part, DataSink& sink) {
+  progress_(part.stored);
+  if (!charge(part.length)) {
+    if (!std::exchange(toldOfBudget_, true)) {
+      walk_.findings().warning(block.position, fieldName(block.type, "compressed data"), "",
+                               "not inflated, as all that follow: they are too many");
+    }
+    sink.skip(part.length);
+    return;
+  }
+  const bool transposed = part.zip.dz_zip_type == kZipTransposeDeflate;
+  std::uint64_t delivered = 0;
+  std::string fault;
+  if (transposed && sink.wantsBytes() && canBeHeld(part)) {
+    fault = inflateRows(inflater_, part, rows_);
+    if (fault.empty()) {
+      delivered = part.length;
+      sink.bytes({rows_.data(), part.length}, part.position);
+    }
+  } else {
+    PieceInflater::Piece take;
+    if (sink.wantsBytes() && !transposed) {
+      take = [&](ByteSpan piece) {
+        delivered += piece.size();
+        sink.bytes(piece, part.position);
+      };
+    }
+    fault = inflater_.inflate(part.position, part.stored, part.length, take);
+  }
+  if (delivered != part.length) sink.skip(part.length - delivered);
+  if (fault.empty()) return;
+  walk_.findings().error(part.position, fieldName(block.type, "compressed data"),
+                         formatText("%" PRIu64 " bytes, inflated", part.length), fault);
+}
+
+// Puts the whole of a block that can be held into `rows`. "" or what is wrong with it.
+std::string DataDelivery::inflateRows(PieceInflater& inflater, const DataPart& part,
+                                      ByteBuffer& rows) {
+  const bool transposed = part.zip.dz_zip_type == kZipTransposeDeflate;
+  ByteBuffer& target = transposed ? columns_ : rows;
+  need(target.reserve(part.length) && rows.reserve(part.length));
+  std::uint64_t done = 0;
+  std::string fault =
+      inflater.inflate(part.position, part.stored, part.length, [&](ByteSpan piece) {
+        std::copy(piece.begin(), piece.end(), target.data() + done);
+        done += piece.size();
+      });
+  if (fault.empty() && transposed) {
+    undoTransposition({columns_.data(), part.length}, part.zip.dz_zip_parameter,
+                      {rows.data(), part.length});
+  }
+  return fault;
+}
+
+bool DataDelivery::inflate(const DataPart& part, ByteBuffer& out) {
+  return canBeHeld(part) && charge(part.length) && inflateRows(lookUps_, part, out).empty();
+}
+
+bool DataDelivery::charge(std::uint64_t bytes) {
+  if (bytes > budget_) return false;
+  budget_ -= bytes;
+  return true;
+}
+
+}  // namespace tolvex

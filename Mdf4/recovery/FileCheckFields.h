@@ -1,0 +1,57 @@
+// What can be told of one block alone: its codes and counts, against each other and against the
+// room that the block has for what they count.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "Mdf4/format/BlockRecords.h"
+
+namespace tolvex {
+
+struct FieldFault {
+  bool error = true;       // false: odd, but read as it was meant
+  std::size_t offset = 0;  // of the field in the block's record
+  const char* field = "";  // e.g. "cn_data_type"
+  std::string expected = {};
+  std::string found = {};
+};
+using FieldFaults = std::vector<FieldFault>;
+
+// What a block has room for: its links, and the bytes behind them, record included.
+struct BlockRoom {
+  std::uint64_t links = 0;
+  std::uint64_t dataBytes = 0;
+};
+
+FieldFaults faultsOf(const m4CNRecord& channel, BlockRoom room);
+FieldFaults faultsOf(const m4CCRecord& conversion, BlockRoom room);
+FieldFaults faultsOf(const m4CARecord& array, BlockRoom room);
+FieldFaults faultsOf(const m4CHRecord& hierarchy, BlockRoom room);
+FieldFaults faultsOf(const m4EVRecord& event, BlockRoom room);
+FieldFaults faultsOf(const m4ATRecord& attachment, BlockRoom room);
+FieldFaults faultsOf(const m4DZRecord& compressed, BlockRoom room);
+
+// Whether a reader can rely on the block: none of its faults is an error.
+template <class Record>
+bool isSound(const Record& record, BlockRoom room) {
+  for (const FieldFault& fault : faultsOf(record, room)) {
+    if (fault.error) return false;
+  }
+  return true;
+}
+
+// Virtual channels have no bits in the record.
+constexpr bool isVirtual(const m4CNRecord& channel) {
+  constexpr std::uint8_t kVirtualMaster = 3;
+  constexpr std::uint8_t kVirtualData = 6;
+  return channel.cn_type == kVirtualMaster || channel.cn_type == kVirtualData;
+}
+// Masters, virtual ones included.
+constexpr bool isMaster(const m4CNRecord& channel) {
+  return channel.cn_type == channel_type::kMaster || channel.cn_type == channel_type::kMaster + 1;
+}
+
+}  // namespace tolvex

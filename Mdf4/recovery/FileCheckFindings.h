@@ -1,0 +1,43 @@
+// What a check of a file finds, and the words for it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "tolvex/Mdf4.h"
+
+namespace tolvex {
+
+// Enters findings into a report: all of them are counted, the first 1000 kept.
+class Findings {
+ public:
+  explicit Findings(MdfCheckReport& report) : report_(report) {}
+
+  // A reader that follows the format reads something wrong there, or cannot read it.
+  void error(std::uint64_t position, std::string what, std::string expected, std::string found) {
+    enter(true, position, std::move(what), std::move(expected), std::move(found));
+  }
+  // Odd, but read as it was meant.
+  void warning(std::uint64_t position, std::string what, std::string expected, std::string found) {
+    enter(false, position, std::move(what), std::move(expected), std::move(found));
+  }
+
+ private:
+  void enter(bool error, std::uint64_t position, std::string what, std::string expected,
+             std::string found);
+
+  MdfCheckReport& report_;
+};
+
+// "CN block: cn_data_type".
+std::string fieldName(std::uint16_t blockType, std::string_view field);
+// The name of a link, e.g. "cn_tx_name" or "dl_data[3]".
+std::string linkName(std::uint16_t blockType, std::size_t index);
+// "TX or MD": what link `index` may lead to.
+std::string allowedKinds(std::uint16_t blockType, std::size_t index);
+// Bytes of a file in quotes; those that are no ASCII text as "\xNN".
+std::string quoted(std::string_view bytes);
+
+}  // namespace tolvex

@@ -1,0 +1,128 @@
+// What a check looks at in records: their times, and the values that they point at.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+#include "Mdf4/recovery/FileCheckDelivery.h"
+#include "Mdf4/recovery/FileCheckTree.h"
+#include "tolvex/Mdf4.h"
+
+namespace tolvex {
+
+// The values of variable-length channels, as their blocks come: a length and so many bytes each.
+class ValueData final : public DataSink {
+ public:
+  ValueData(BlockWalk& walk, DataDelivery& delivery) : walk_(walk), delivery_(delivery) {}
+
+  void begin(const DataPart& part) override;
+  std::uint64_t size() const { return size_; }
+  // Whether a value stands there, as far as that can be told: not in a damaged block.
+  bool holdsValue(std::uint64_t offset);
+
+ private:
+  struct Part {
+    std::uint64_t start;
+    DataPart part;
+  };
+  enum class Prefix : std::uint8_t { Read, Unknown };
+
+  const Part& partAt(std::uint64_t offset);
+  Prefix readPrefix(std::uint64_t offset, std::uint32_t& length);
+  bool inflate(const Part& part);
+
+  BlockWalk& walk_;
+  DataDelivery& delivery_;
+  std::vector<Part> parts_;  // none empty
+  std::uint64_t size_ = 0;
+  std::size_t last_ = 0;        // of parts_, looked at last
+  std::uint64_t inflated_ = 0;  // position of the part that `bytes_` holds, or failed to
+  bool inflatedWhole_ = false;
+  ByteBuffer bytes_;
+};
+
+// Looks at the records of one channel group. Of a record that comes in pieces, it keeps the bytes
+// that it looks at.
+class RecordWatch {
+ public:
+  // `values` has an entry for each of the group's variable-length channels; null: not looked at.
+  RecordWatch(BlockWalk& walk, const CheckedGroup& group, const std::vector<ValueData*>& values,
+              bool withInvalidation);
+
+  bool looksAtBytes() const { return time_.has_value() || !values_.empty(); }
+  std::uint64_t records() const { return records_; }
+
+  // The next record, whole.
+  void check(const std::uint8_t* record, std::uint64_t position) {
+    look({record, false}, position);
+    ++records_;
+  }
+  // A piece of the next record, and its end.
+  void keep(ByteSpan piece, std::uint64_t offset);
+  void checkKept(std::uint64_t position) {
+    look({kept_.data(), true}, position);
+    ++records_;
+  }
+  // Records that nobody can look at.
+  void pass(std::uint64_t records) { records_ += records; }
+  // `valueBytes` by position of their channel groups: of values that stand among the records.
+  void end(const std::unordered_map<std::uint64_t, std::uint64_t>& valueBytes);
+
+ private:
+  struct Field {
+    std::uint64_t offset = 0;  // in a record
+    std::uint32_t length = 0;
+    std::uint32_t keptAt = 0;
+  };
+  struct View {
+    const std::uint8_t* bytes;
+    bool kept;
+    const std::uint8_t* at(const Field& field) const {
+      return bytes + (kept ? field.keptAt : field.offset);
+    }
+  };
+  struct Time {
+    Field field;
+    MdfSigCCInfo channel;
+    bool plain = false;    // a float64 as it stands
+    bool falling = false;  // the conversion turns rising numbers into falling times
+    double last = 0;
+    std::uint64_t notRising = 0;
+    std::uint64_t firstPosition = 0;
+    std::uint64_t firstRecord = 0;
+    double firstBefore = 0;
+    double firstTime = 0;
+  };
+  struct Value {
+    Field field;
+    std::uint32_t bitOffset = 0;
+    std::uint32_t bitCount = 0;
+    std::optional<Field> invalid;
+    std::uint8_t invalidMask = 0;
+    ValueData* data = nullptr;
+    std::uint64_t group = 0;  // where the values stand among the records, when there is no data
+    std::uint64_t block = 0;  // of the channel
+    std::uint64_t wrong = 0;
+    std::uint64_t greatest = 0;  // offset, of those into a group
+    std::uint64_t greatestPosition = 0;
+  };
+
+  Field field(std::uint64_t offset, std::uint32_t length);
+  void watchTime(const WatchedChannel& channel);
+  void watchValue(const WatchedChannel& channel, ValueData* data, bool withInvalidation);
+  void look(View record, std::uint64_t position);
+  void lookAtTime(double time, std::uint64_t position);
+  void lookAtValue(Value& value, View record, std::uint64_t position);
+
+  BlockWalk& walk_;
+  const std::uint64_t dataBytes_;
+  const std::uint64_t recordSize_;
+  std::uint64_t records_ = 0;
+  std::optional<Time> time_;
+  std::vector<Value> values_;
+  std::vector<std::uint8_t> kept_;
+};
+
+}  // namespace tolvex

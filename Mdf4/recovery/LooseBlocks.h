@@ -1,0 +1,64 @@
+// Finds the data blocks that no list names, and the groups that they belong to.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "Mdf4/format/DirectFile.h"
+#include "Mdf4/recovery/DataSurvey.h"
+#include "Mdf4/recovery/OwnedRanges.h"
+#include "Mdf4/recovery/TreeCopy.h"
+
+namespace tolvex {
+
+// Looks through the bytes that no known block owns: for groups and channels whose chain broke off,
+// for lists, and for data blocks.
+//
+// A recording writes full blocks of one size for each group, and a list of them now and then. So a
+// block belongs to a group that misses records, has blocks of this size, and whose last list and
+// block stand in front of it. Where several do, what stands in the records tells them apart: bus
+// channel and direction, and times that go on where the group's last block ends. Borrows
+// everything.
+class LooseBlocks {
+ public:
+  // `runs` are the survey's, one for each data group of the tree.
+  LooseBlocks(DirectFile& in, OwnedRanges& owned, TreeCopy& tree, DataSurvey& survey,
+              bool unfinished);
+
+  // The next position from `from` on of a sound block that nothing owns and whose kind is one of
+  // `wanted`; 0 when there is none.
+  std::uint64_t find(std::uint64_t from, bool (*wanted)(std::uint16_t type));
+  // Gives the data blocks to their groups. Notes in `report` those that it cannot.
+  void assign(const std::vector<std::size_t>& runs, MdfRecoveryReport& report);
+  // The data group whose list the block at the position is; nothing when there is none.
+  std::optional<std::size_t> ownerOfList(std::uint64_t position,
+                                         const std::vector<std::size_t>& runs);
+
+ private:
+  struct Times {
+    double first = 0;
+    double last = 0;
+    double spacing = 0;  // from record to record, on average
+  };
+
+  std::uint64_t nextMarker(std::uint64_t at, std::uint64_t end);
+  std::optional<std::size_t> ownerOf(const ChainBlock& block, std::uint64_t expected,
+                                     const std::vector<std::size_t>& runs);
+  bool misses(const SourceData& data, const DataRun& run) const;
+  const SourceGroup* sortedGroup(const SourceData& data) const;
+  bool sameBus(const SourceGroup& group, const ChainBlock& a, const ChainBlock& b);
+  std::optional<Times> timesOf(const SourceGroup& group, const ChainBlock& block);
+  bool readRecord(const SourceGroup& group, const ChainBlock& block, std::uint64_t number,
+                  std::vector<std::uint8_t>& record);
+
+  DirectFile& in_;
+  OwnedRanges& owned_;
+  TreeCopy& tree_;
+  DataSurvey& survey_;
+  const bool unfinished_;
+  std::map<std::uint64_t, MdfSigCCInfo> masters_;  // by the position of the channel
+};
+
+}  // namespace tolvex

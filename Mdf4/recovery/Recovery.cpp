@@ -1,0 +1,500 @@
+// recoverFile: from the blocks that are really there to a file as the format asks for it.
+#include <algorithm>
+#include <cinttypes>
+#include <cstring>
+#include <deque>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <new>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "Mdf4/format/Diagnostics.h"
+#include "Mdf4/format/DirectFile.h"
+#include "Mdf4/recovery/DataSurvey.h"
+#include "Mdf4/recovery/DataWriter.h"
+#include "Mdf4/recovery/LooseBlocks.h"
+#include "Mdf4/recovery/OwnedRanges.h"
+#include "Mdf4/recovery/RecordValues.h"
+#include "Mdf4/recovery/RecoveryNotes.h"
+#include "Mdf4/recovery/SortedRecords.h"
+#include "Mdf4/recovery/TreeCopy.h"
+#include "Mdf4/recovery/UnsortedRecords.h"
+#include "Mdf4/recovery/VerifyRecovery.h"
+#include "tolvex/Mdf4.h"
+
+namespace tolvex {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::string_view kFileId = "MDF     ";
+constexpr std::string_view kUnfinalizedFileId = "UnFinMF ";
+constexpr std::uint16_t kLastDataLength = 0x04;       // id_unfin_flags
+constexpr std::uint16_t kLastReductionLength = 0x08;  //
+constexpr std::uint16_t kValueOffsets = 0x40;         //
+constexpr std::uint64_t kBlockBytes = 1 << 20;        // of a data block in the output
+constexpr std::uint64_t kAllBlocks = 64 << 20;        // of all that are gathered at a time
+constexpr std::uint64_t kSmallestBlock = 16 << 10;
+constexpr std::uint64_t kLargestRecord = 64 << 20;            // bytes; larger ones are none
+constexpr std::uint64_t kPlausible = std::uint64_t{1} << 40;  // records that a file may have lost
+constexpr char kHistory[] =
+    "<FHcomment><TX>Recovered: finalized and sorted.</TX><tool_id>tolvex</tool_id>"
+    "<tool_vendor>tolvex</tool_vendor><tool_version>" TOLVEX_VERSION "</tool_version></FHcomment>";
+
+class Recovery {
+ public:
+  Recovery(const MdfRecoverOptions& options, MdfRecoveryReport& report)
+      : options_(options), report_(report) {}
+
+  // Reads `input` and writes all of the result into `output`. Fills the report; its `failure`
+  // when there is no result.
+  void run(const std::string& input, const std::string& output);
+  const std::vector<GroupChecksum>& checksums() const { return checksums_; }
+
+ private:
+  bool open(const std::string& input, const std::string& output);
+  bool readIdentification();
+  void survey();
+  void extendLast();
+  void adoptLost();
+  bool copyData();
+  void keepChecksums(DataWriter& records, RecordValues& values) const;
+  bool copySorted(SourceGroup& group, std::size_t run);
+  bool copyUnsorted(const SourceData& data, std::size_t run);
+  bool copyValues(SourceGroup& group, RecordValues& values, std::size_t channel);
+  template <class AddGroups>
+  std::uint8_t recordIdSize(const SourceData& data, const DataRun& run, const AddGroups& addTo);
+  bool copyReductions(SourceGroup& group);
+  bool finishGroup(SourceGroup& group, DataWriter& records, RecordValues& values,
+                   const DataRun& run);
+  const SourceGroup* valuesAt(const SourceData& data, std::uint64_t position);
+  bool writeEnd();
+  void advance(std::uint64_t bytes);
+
+  const MdfRecoverOptions& options_;
+  MdfRecoveryReport& report_;
+  DirectFile in_;
+  DirectFile out_;
+  IdBlock id_ = {};
+  bool unfinished_ = false;
+  OwnedRanges owned_;
+  std::unique_ptr<TreeCopy> tree_;
+  std::unique_ptr<DataSurvey> survey_;
+  std::vector<std::size_t> runs_;  // of the survey's, one for each data group
+  std::set<std::size_t> used_;     // runs whose data have been taken over
+  std::vector<GroupChecksum> checksums_;
+  std::uint64_t done_ = 0;
+  std::uint64_t told_ = 0;
+};
+
+bool Recovery::open(const std::string& input, const std::string& output) {
+  if (!in_.open(input, OpenMode::Read)) {
+    report_.failure = in_.openError();
+    return false;
+  }
+  std::string error;
+  std::unique_ptr<SystemFile> file = openSystemFile(output, OpenMode::Create, error);
+  if (file == nullptr || !out_.attach(std::move(file))) {
+    report_.failure = output + ": " + error;
+    return false;
+  }
+  return true;
+}
+
+// Whatever the identification says: a header block behind it makes it a measurement file.
+bool Recovery::readIdentification() {
+  BlockHeader header;
+  const bool hasHeader =
+      readSoundHeader(in_, kHeaderBlockPosition, header) && header.type == block_type::kHD;
+  std::string_view fileId;
+  if (in_.holds(0, sizeof id_) && in_.ReadAt(0, sizeof id_, &id_)) {
+    fileId = {id_.id_file, sizeof id_.id_file};
+  }
+  unfinished_ = fileId == kUnfinalizedFileId;
+  constexpr std::uint16_t kOldest = 400;
+  constexpr std::uint16_t kNewest = 499;
+  constexpr std::uint16_t kUsual = 410;
+  if (id_.id_ver < kOldest || id_.id_ver > kNewest) {
+    if (!hasHeader) fileId = {};
+    noteRepair(report_, formatText("version number at 28: expected 400 to 499, found %u",
+                                   unsigned{id_.id_ver}));
+    id_.id_ver = kUsual;
+  }
+  if (fileId != kFileId && !unfinished_) {
+    if (!hasHeader) {
+      report_.failure =
+          "identification at 0: no measurement file in this format, and no header "
+          "block at 64";
+      return false;
+    }
+    noteRepair(report_, "identification at 0: expected \"MDF     \" or \"UnFinMF \"");
+  }
+  if (id_.id_custom_unfin_flags != 0) {
+    noteRepair(report_, formatText("identification: steps of finalization that only the logger's "
+                                   "maker knows (flags 0x%04X at 62) were not done",
+                                   unsigned{id_.id_custom_unfin_flags}));
+  }
+  return true;
+}
+
+// The group of the values that a channel of the same data group leads to.
+const SourceGroup* Recovery::valuesAt(const SourceData& data, std::uint64_t position) {
+  for (const std::size_t number : data.groups) {
+    const SourceGroup& group = tree_->groups()[number];
+    if (group.holdsValues() && group.position == position) return &group;
+  }
+  return nullptr;
+}
+
+// Walks the data of all groups that are known by now.
+void Recovery::survey() {
+  runs_.clear();
+  for (const SourceData& data : tree_->data()) {
+    runs_.push_back(survey_->run(data.dataLink));
+    for (const std::size_t number : data.groups) {
+      const SourceGroup& group = tree_->groups()[number];
+      for (const ValueChannel& values : group.values) {
+        if (valuesAt(data, values.data) == nullptr) survey_->run(values.data);
+      }
+      for (const SampleReduction& reduction : group.reductions) survey_->run(reduction.data);
+    }
+  }
+  survey_->walk();
+}
+
+// Gives the last blocks of an unfinished file the length that their logger had no time to write.
+void Recovery::extendLast() {
+  if (!unfinished_) return;
+  if ((id_.id_unfin_flags & kLastDataLength) != 0) {
+    for (const std::size_t run : runs_) survey_->extendLast(run);
+  }
+  if ((id_.id_unfin_flags & kLastReductionLength) == 0) return;
+  for (const SourceGroup& group : tree_->groups()) {
+    for (const SampleReduction& reduction : group.reductions) {
+      survey_->extendLast(survey_->run(reduction.data));
+    }
+  }
+}
+
+// Takes in what stands where chains broke off.
+void Recovery::adoptLost() {
+  LooseBlocks loose(in_, owned_, *tree_, *survey_, unfinished_);
+  const auto isTree = [](std::uint16_t type) {
+    return type == block_type::kDG || type == block_type::kCG || type == block_type::kCN;
+  };
+  for (std::uint64_t at = loose.find(0, isTree); at != 0; at = loose.find(at + 1, isTree)) {
+    if (tree_->adopt(at)) survey();
+  }
+  const auto isList = [](std::uint16_t type) {
+    return type == block_type::kDL || type == block_type::kLD;
+  };
+  for (std::uint64_t at = loose.find(0, isList); at != 0; at = loose.find(at + 1, isList)) {
+    if (const std::optional<std::size_t> owner = loose.ownerOfList(at, runs_)) {
+      survey_->addChain(runs_[*owner], at);
+      survey_->walk();
+    }
+  }
+  loose.assign(runs_, report_);
+}
+
+void Recovery::advance(std::uint64_t bytes) {
+  constexpr std::uint64_t kStep = 4 << 20;
+  done_ += bytes;
+  if (options_.progress && done_ - told_ >= kStep) {
+    told_ = done_;
+    options_.progress(std::min(done_, in_.end()), in_.end());
+  }
+}
+
+bool Recovery::copyData() {
+  for (std::size_t i = 0; i < tree_->data().size(); ++i) {
+    const SourceData& data = tree_->data()[i];
+    const std::size_t run = runs_[i];
+    if (data.groups.empty()) continue;
+    if (data.dataLink != 0 && !used_.insert(run).second) {
+      noteLoss(report_, formatText("data group at %" PRIu64 ": its data belong to another group",
+                                   data.position));
+      continue;
+    }
+    const bool sorted = data.groups.size() == 1 && data.recordIdSize == 0;
+    if (sorted ? !copySorted(tree_->groups()[data.groups[0]], run) : !copyUnsorted(data, run)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Fetches the values of a channel that has signal data of its own.
+bool Recovery::copyValues(SourceGroup& group, RecordValues& values, std::size_t channel) {
+  const std::uint64_t link = group.values[channel].data;
+  if (link == 0) return true;
+  const std::size_t run = survey_->run(link);
+  if (!used_.insert(run).second) {
+    noteLoss(group.report,
+             formatText("signal data at %" PRIu64 ": they belong to another channel", link));
+    return true;
+  }
+  ValueData& data = values.data(channel);
+  if (!data.copy(in_, survey_->runs()[run])) return false;
+  if (data.lostBytes() != 0 || data.openEnd()) {
+    noteLoss(group.report,
+             formatText("signal data at %" PRIu64 ": %" PRIu64 " bytes%s", link, data.lostBytes(),
+                        data.openEnd() ? " and what stands behind them" : ""));
+  }
+  advance(survey_->runs()[run].bytes);
+  return true;
+}
+
+void Recovery::keepChecksums(DataWriter& records, RecordValues& values) const {
+  if (!options_.verify) return;
+  records.keepChecksum();
+  for (std::size_t i = 0; i < values.count(); ++i) values.data(i).writer().keepChecksum();
+}
+
+bool Recovery::copySorted(SourceGroup& group, std::size_t number) {
+  const DataRun& run = survey_->runs()[number];
+  const std::uint64_t size = group.recordSize();
+  RecordValues values(out_, group);
+  if (size == 0 || size > kLargestRecord) {
+    if (run.bytes != 0) {
+      noteLoss(group.report, formatText("records of %" PRIu64 " bytes cannot be told apart", size));
+    }
+    return copyReductions(group);
+  }
+  DataWriter records(out_, block_type::kDT, size, kBlockBytes);
+  keepChecksums(records, values);
+  for (std::size_t i = 0; i < values.count(); ++i) {
+    if (!copyValues(group, values, i)) return false;
+  }
+  SortedRecords copy(in_, group, values, records);
+  return copy.copy(run, [this](std::uint64_t bytes) { advance(bytes); }) &&
+         finishGroup(group, records, values, run);
+}
+
+bool Recovery::copyUnsorted(const SourceData& data, std::size_t number) {
+  const DataRun& run = survey_->runs()[number];
+  const bool byOrder = unfinished_ && (id_.id_unfin_flags & kValueOffsets) != 0;
+  struct Part {
+    SourceGroup* group;
+    std::unique_ptr<DataWriter> records;
+    std::unique_ptr<RecordValues> values;
+    std::unique_ptr<SplitGroup> split;
+  };
+  const std::uint64_t blockBytes =
+      std::clamp(kAllBlocks / data.groups.size(), kSmallestBlock, kBlockBytes);
+  std::vector<Part> parts;
+  for (const std::size_t groupNumber : data.groups) {
+    SourceGroup& group = tree_->groups()[groupNumber];
+    const std::uint64_t size = group.recordSize();
+    if (group.holdsValues() || size == 0 || size > kLargestRecord) continue;
+    Part part;
+    part.group = &group;
+    part.records = std::make_unique<DataWriter>(out_, block_type::kDT, size, blockBytes);
+    part.values = std::make_unique<RecordValues>(out_, group);
+    keepChecksums(*part.records, *part.values);
+    part.split = std::make_unique<SplitGroup>(group, *part.records, *part.values, byOrder);
+    parts.push_back(std::move(part));
+  }
+  const auto addTo = [&](UnsortedRecords& sequence) {
+    std::set<const SourceGroup*> known;
+    for (Part& part : parts) {
+      sequence.addGroup(*part.split);
+      for (std::size_t i = 0; i < part.group->values.size(); ++i) {
+        const SourceGroup* const source = valuesAt(data, part.group->values[i].data);
+        if (source != nullptr && known.insert(source).second) {
+          sequence.addValues(*source, part.split.get(), i);
+        }
+      }
+    }
+    for (const std::size_t groupNumber : data.groups) {
+      const SourceGroup& group = tree_->groups()[groupNumber];
+      if (group.holdsValues() && known.insert(&group).second) {
+        sequence.addValues(group, nullptr, 0);
+      }
+    }
+  };
+  for (Part& part : parts) {
+    for (std::size_t i = 0; i < part.group->values.size(); ++i) {
+      if (valuesAt(data, part.group->values[i].data) == nullptr &&
+          !copyValues(*part.group, *part.values, i)) {
+        return false;
+      }
+    }
+  }
+  const std::uint8_t idSize = recordIdSize(data, run, addTo);
+  if (idSize == 0) {
+    if (run.bytes != 0) {
+      noteLoss(report_, formatText("data group at %" PRIu64 ": %" PRIu64
+                                   " bytes of records that cannot be told apart",
+                                   data.position, run.bytes));
+    }
+  } else {
+    UnsortedRecords sequence(in_, idSize);
+    addTo(sequence);
+    if (!sequence.copy(run, report_, [this](std::uint64_t bytes) { advance(bytes); })) return false;
+  }
+  return std::all_of(parts.begin(), parts.end(), [&](Part& part) {
+    return finishGroup(*part.group, *part.records, *part.values, run);
+  });
+}
+
+// The bytes of a record id: as stated, unless only another size makes records of what is there.
+template <class AddGroups>
+std::uint8_t Recovery::recordIdSize(const SourceData& data, const DataRun& run,
+                                    const AddGroups& addTo) {
+  for (const std::uint8_t size :
+       {data.recordIdSize, std::uint8_t{1}, std::uint8_t{2}, std::uint8_t{4}, std::uint8_t{8}}) {
+    if (size != 1 && size != 2 && size != 4 && size != 8) continue;
+    UnsortedRecords sequence(in_, size);
+    addTo(sequence);
+    if (!sequence.startsAsSequence(run)) continue;
+    if (size != data.recordIdSize) {
+      noteRepair(report_, formatText("data group at %" PRIu64 ": dg_rec_id_size: found %u, the "
+                                     "records have %u",
+                                     data.position, unsigned{data.recordIdSize}, unsigned{size}));
+    }
+    return size;
+  }
+  const bool usable = data.recordIdSize == 1 || data.recordIdSize == 2 || data.recordIdSize == 4 ||
+                      data.recordIdSize == 8;
+  return usable ? data.recordIdSize : 0;
+}
+
+bool Recovery::finishGroup(SourceGroup& group, DataWriter& records, RecordValues& values,
+                           const DataRun& run) {
+  if (!records.finish() || !values.finish(*tree_)) return false;
+  MdfRecoveredGroup& report = group.report;
+  report.records = records.units();
+  report.foundBlocks = run.loose.size();
+  tree_->setLink(group.dataBlock, link::dg_data, records.link());
+  tree_->setCycleCount(group, report.records);
+  checksums_.push_back({records.link(), records.size(), records.checksum()});
+  for (std::size_t i = 0; i < values.count(); ++i) {
+    const DataWriter& data = values.data(i).writer();
+    checksums_.push_back({data.link(), data.size(), data.checksum()});
+  }
+  if (values.lostValues() != 0) {
+    noteLoss(report, formatText("%" PRIu64 " values of variable length", values.lostValues()));
+  }
+  const std::uint64_t counted = group.record.cg_cycle_count;
+  const std::uint64_t missing = counted > report.records ? counted - report.records : 0;
+  const bool explained = run.broken || !report.losses.empty() || report.lostRecords != 0;
+  if (missing != 0 && missing < kPlausible && explained) {
+    report.lostRecords = std::max(report.lostRecords, missing);
+  } else if (counted != report.records) {
+    noteRepair(report, formatText("number of records: found %" PRIu64 ", there are %" PRIu64,
+                                  counted, report.records));
+  }
+  return copyReductions(group);
+}
+
+bool Recovery::copyReductions(SourceGroup& group) {
+  for (const SampleReduction& reduction : group.reductions) {
+    const std::size_t number = survey_->run(reduction.data);
+    const std::uint64_t size = reduction.recordSize;
+    std::uint64_t link = 0;
+    std::uint64_t cycles = 0;
+    if (reduction.data != 0 && size != 0 && size <= kLargestRecord && used_.insert(number).second) {
+      SourceGroup plain;  // its records are just bytes
+      plain.record.cg_data_bytes = static_cast<std::uint32_t>(size);
+      RecordValues none(out_, plain);
+      DataWriter records(out_, block_type::kRD, size, kBlockBytes);
+      SortedRecords copy(in_, plain, none, records);
+      if (!copy.copy(survey_->runs()[number], [this](std::uint64_t bytes) { advance(bytes); }) ||
+          !records.finish()) {
+        return false;
+      }
+      link = records.link();
+      cycles = records.units();
+      if (!plain.report.losses.empty()) {
+        noteLoss(group.report, "sample reduction: " + plain.report.losses.front());
+      }
+    }
+    tree_->setReduction(reduction.block, cycles, link);
+  }
+  return true;
+}
+
+bool Recovery::writeEnd() {
+  tree_->addHistory(kHistory);
+  if (!tree_->write()) return false;
+  const std::string version = formatText("%u.%02u    ", id_.id_ver / 100U, id_.id_ver % 100U);
+  IdBlock id = {};
+  std::copy(kFileId.begin(), kFileId.end(), id.id_file);
+  std::copy_n(version.begin(), sizeof id.id_vers, id.id_vers);
+  std::copy_n(id_.id_prog, sizeof id.id_prog, id.id_prog);
+  id.id_ver = id_.id_ver;
+  return out_.WriteAt(0, sizeof id, &id) && out_.Close();
+}
+
+void Recovery::run(const std::string& input, const std::string& output) {
+  if (!open(input, output) || !readIdentification()) return;
+  out_.Allocate(kIdBlockSize, false);
+  tree_ = std::make_unique<TreeCopy>(in_, out_, owned_, report_);
+  survey_ = std::make_unique<DataSurvey>(in_, owned_);
+  tree_->readHeader();
+  survey();
+  extendLast();
+  adoptLost();
+  if (tree_->groups().empty()) {
+    report_.failure = "nothing usable: no channel group was found";
+    return;
+  }
+  if (!copyData() || !writeEnd()) {
+    report_.failure = out_.writeError().empty() ? "the input cannot be read" : out_.writeError();
+    return;
+  }
+  for (const SourceGroup& group : tree_->groups()) {
+    if (!group.holdsValues()) report_.groups.push_back(group.report);
+  }
+  if (options_.progress) options_.progress(in_.end(), in_.end());
+}
+
+// A file that is replaced once the result is whole; anything else, a device or a pipe, is written
+// to directly.
+bool isReplaceable(const std::string& path) {
+  std::error_code error;
+  const fs::file_status status = fs::symlink_status(path, error);
+  return status.type() == fs::file_type::not_found || status.type() == fs::file_type::regular;
+}
+
+}  // namespace
+
+MdfRecoveryReport recoverFile(const std::string& input, const std::string& output,
+                              const MdfRecoverOptions& options) {
+  MdfRecoveryReport report;
+  const bool replace = isReplaceable(output);
+  const std::string path = replace ? output + ".recovering" : output;
+  std::error_code error;
+  try {
+    if (fs::equivalent(input, output, error)) {
+      report.failure = "the output is the input";
+      return report;
+    }
+    {
+      Recovery recovery(options, report);
+      recovery.run(input, path);
+      if (report.failure.empty() && options.verify) {
+        report.failure = verifyRecovery(path, recovery.checksums(), options.progress);
+      }
+    }
+    if (report.failure.empty() && replace) {
+      fs::rename(path, output, error);
+      if (error) report.failure = output + ": " + error.message();
+    }
+  } catch (const std::bad_alloc&) {
+    report.failure = "no memory";
+  } catch (const std::exception& unexpected) {
+    report.failure = unexpected.what();
+  }
+  if (!report.failure.empty() && replace) fs::remove(path, error);
+  return report;
+}
+
+}  // namespace tolvex

@@ -1,0 +1,49 @@
+// Takes over the records of a group that stand one behind the other.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+#include "Mdf4/recovery/BlockBytes.h"
+#include "Mdf4/recovery/DataSurvey.h"
+#include "Mdf4/recovery/DataWriter.h"
+#include "Mdf4/recovery/RecordValues.h"
+#include "Mdf4/recovery/TreeCopy.h"
+
+namespace tolvex {
+
+// Copies whole records from block to block and steps over what is missing: where the length of the
+// missing part is known, with the record that begins behind it, else with the next block. Borrows
+// everything.
+class SortedRecords {
+ public:
+  using Done = std::function<void(std::uint64_t bytes)>;
+
+  SortedRecords(DirectFile& in, SourceGroup& group, RecordValues& values, DataWriter& records)
+      : in_(in), group_(group), values_(values), records_(records), size_(group.recordSize()) {}
+
+  // False when a write fails.
+  bool copy(const DataRun& run, const Done& done);
+
+ private:
+  bool copyBlock(const ChainBlock& found, const Done& done);
+  std::uint64_t writtenBytes(const ChainBlock& block);
+  bool takePiece(RecordBytes& bytes, std::uint64_t count, bool& read);
+  bool takeRecords(ByteSpan bytes);
+  void leaveOut(std::uint64_t bytes, std::uint64_t position);
+
+  DirectFile& in_;
+  SourceGroup& group_;
+  RecordValues& values_;
+  DataWriter& records_;
+  const std::uint64_t size_;           // of a record
+  bool oneByOne_ = false;              // records are looked at, not just copied
+  std::uint64_t offset_ = 0;           // in the sequence of all records, as far as it is known
+  std::uint64_t skip_ = 0;             // bytes up to the next record
+  std::vector<std::uint8_t> piece_;    // one by one: what was read
+  std::vector<std::uint8_t> partial_;  // and the beginning of a record
+  bool ended_ = false;                 // what follows is unused room
+};
+
+}  // namespace tolvex

@@ -1,0 +1,370 @@
+#include "Mdf4/recovery/UnsortedRecords.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstring>
+#include <utility>
+
+#include "Mdf4/format/Diagnostics.h"
+#include "Mdf4/recovery/RecoveryNotes.h"
+
+namespace tolvex {
+namespace {
+
+constexpr std::uint64_t kPrefix = sizeof(std::uint32_t);  // a value's length
+constexpr std::uint64_t kPiece = 1 << 20;                 // bytes that are read at a time
+constexpr std::uint64_t kLongestValue = 64 << 20;         // bytes; longer ones are none
+constexpr std::size_t kMostWaiting = 256;                 // records of a group
+constexpr std::size_t kMostRecent = 1024;                 // values of a channel
+constexpr std::size_t kMostChannels = 64;                 // with values, of a group
+constexpr int kSequence = 8;  // so many records in a row are no accident
+
+constexpr std::uint64_t bit(std::size_t channel) {
+  return std::uint64_t{1} << channel;
+}
+
+}  // namespace
+
+SplitGroup::SplitGroup(SourceGroup& group, DataWriter& records, RecordValues& values, bool byOrder)
+    : group_(group),
+      records_(records),
+      values_(values),
+      byOrder_(byOrder),
+      channels_(std::min(values.count(), kMostChannels)) {}
+
+bool SplitGroup::takeRecord(const std::uint8_t* bytes) {
+  const std::uint64_t size = group_.recordSize();
+  if (channels_.empty()) return records_.append({bytes, size});
+  if (hasNext_) queueNext();
+  // The usual case: the value that comes next is this record's.
+  if (values_.count() == 1 && channels_[0].expected && channels_[0].inStep && !byOrder_ &&
+      waiting_.empty() && values_.isValid(0, bytes) &&
+      values_.offset(0, bytes) == channels_[0].nextKey) {
+    next_.assign(bytes, bytes + size);
+    hasNext_ = true;
+    return true;
+  }
+  Waiting record = {{bytes, bytes + size}};
+  bool kept = true;
+  for (std::size_t i = 0; i < channels_.size() && kept; ++i) {
+    Channel& channel = channels_[i];
+    if (!channel.expected || !values_.isValid(i, bytes)) continue;
+    const std::uint64_t key = byOrder_ ? channel.nextRecord++ : values_.offset(i, bytes);
+    if (!channel.inStep && channel.orphan) {
+      // The value in front of it is its own, as those before the missing bytes were.
+      channel.recent.assign(1, {key, channel.orphan->offset});
+      channel.nextKey = key + channel.orphan->step;
+      channel.inStep = true;
+      channel.orphan.reset();
+    }
+    const auto placed = std::lower_bound(
+        channel.recent.begin(), channel.recent.end(), key,
+        [](const Placed& value, std::uint64_t wanted) { return value.key < wanted; });
+    if (placed != channel.recent.end() && placed->key == key) {
+      values_.setOffset(i, record.record.data(), placed->offset);
+      channel.valueFirst = true;
+    } else if (channel.inStep && key < channel.nextKey) {
+      kept = values_.loseValue(i, record.record.data());
+    } else {
+      values_.setOffset(i, record.record.data(), key);
+      record.channels |= bit(i);
+    }
+  }
+  if (!kept) {
+    ++group_.report.lostRecords;
+    return true;
+  }
+  if (record.channels == 0 && waiting_.empty()) return forward(record.record);
+  waiting_.push_back(std::move(record));
+  return waiting_.size() <= kMostWaiting || giveUpFirst();
+}
+
+bool SplitGroup::takeValue(std::size_t number, ByteSpan value) {
+  Channel& channel = channels_[number];
+  const std::uint64_t step = byOrder_ ? 1 : value.size();
+  if (!channel.inStep) {
+    if (channel.valueFirst) {
+      channel.orphan = Orphan{values_.data(number).add(value), step};
+      return true;
+    }
+    const auto first = std::find_if(waiting_.begin(), waiting_.end(), [&](const Waiting& record) {
+      return (record.channels & bit(number)) != 0;
+    });
+    if (first == waiting_.end()) return true;  // its record is lost
+    channel.nextKey = values_.offset(number, first->record.data());
+    channel.inStep = true;
+  }
+  const std::uint64_t key = channel.nextKey;
+  channel.nextKey += step;
+  const std::uint64_t offset = values_.data(number).add(value);
+  if (hasNext_) {
+    values_.setOffset(number, next_.data(), offset);
+    channel.valueFirst = false;
+    hasNext_ = false;
+    return records_.append(next_);
+  }
+  channel.recent.push_back({key, offset});
+  if (channel.recent.size() > kMostRecent) channel.recent.pop_front();
+  for (Waiting& record : waiting_) {
+    if ((record.channels & bit(number)) != 0 &&
+        values_.offset(number, record.record.data()) == key) {
+      values_.setOffset(number, record.record.data(), offset);
+      record.channels &= ~bit(number);
+      channel.valueFirst = false;
+      break;
+    }
+  }
+  return forwardReady();
+}
+
+void SplitGroup::queueNext() {
+  hasNext_ = false;
+  waiting_.push_back({next_, bit(0)});
+}
+
+bool SplitGroup::breakOff() {
+  if (hasNext_) queueNext();
+  while (!waiting_.empty()) {
+    if (!giveUpFirst()) return false;
+  }
+  for (Channel& channel : channels_) {
+    channel.inStep = false;
+    channel.orphan.reset();
+    channel.recent.clear();
+  }
+  return true;
+}
+
+// Values that are copied with their blocks have their offsets changed now.
+bool SplitGroup::forward(std::vector<std::uint8_t>& record) {
+  for (std::size_t i = 0; i < values_.count(); ++i) {
+    const bool separate = i < channels_.size() && channels_[i].expected;
+    if (!separate && !values_.placeOne(i, record.data())) {
+      ++group_.report.lostRecords;
+      return true;
+    }
+  }
+  return records_.append(record);
+}
+
+bool SplitGroup::forwardReady() {
+  while (!waiting_.empty() && waiting_.front().channels == 0) {
+    if (!forward(waiting_.front().record)) return false;
+    waiting_.pop_front();
+  }
+  return true;
+}
+
+bool SplitGroup::giveUpFirst() {
+  Waiting record = std::move(waiting_.front());
+  waiting_.pop_front();
+  for (std::size_t i = 0; i < channels_.size(); ++i) {
+    if ((record.channels & bit(i)) != 0 && !values_.loseValue(i, record.record.data())) {
+      ++group_.report.lostRecords;
+      return forwardReady();
+    }
+  }
+  return forward(record.record) && forwardReady();
+}
+
+UnsortedRecords::UnsortedRecords(DirectFile& in, std::uint8_t recordIdSize)
+    : in_(in), idSize_(recordIdSize), idMask_(~std::uint64_t{0} >> (64 - 8 * recordIdSize)) {}
+
+void UnsortedRecords::addKind(std::uint64_t id, const Kind& kind) {
+  const auto [entry, isNew] = kinds_.try_emplace(id, kind);
+  if (isNew && id < usual_.size()) usual_[id] = &entry->second;
+}
+
+void UnsortedRecords::addGroup(SplitGroup& group) {
+  const SourceGroup& source = group.source();
+  if (source.recordSize() > kLongestValue) return;
+  addKind(source.record.cg_record_id, {source.recordSize(), false, &group, 0});
+  groups_.push_back(&group);
+}
+
+void UnsortedRecords::addValues(const SourceGroup& values, SplitGroup* group, std::size_t channel) {
+  if (group != nullptr) group->expectValues(channel);
+  addKind(values.record.cg_record_id, {kPrefix, true, group, channel});
+}
+
+const UnsortedRecords::Kind* UnsortedRecords::kindAt(std::uint64_t at) {
+  // The window has a few bytes more than are filled.
+  const auto id = loadNumber<std::uint64_t>(window_.data() + at_ + at) & idMask_;
+  if (id < usual_.size()) return usual_[id];
+  const auto found = kinds_.find(id);
+  return found == kinds_.end() ? nullptr : &found->second;
+}
+
+// Makes sure that the window has `bytes` behind at_, unless the part ends before.
+bool UnsortedRecords::fill(std::uint64_t bytes) {
+  if (windowEnd_ - at_ >= bytes) return true;
+  if (at_ > kPiece) {
+    std::memmove(window_.data(), window_.data() + at_, windowEnd_ - at_);
+    windowEnd_ -= at_;
+    at_ = 0;
+  }
+  while (!partEnds_ && windowEnd_ - at_ < bytes) {
+    if (!block_ || block_->left() == 0) {
+      nextBlock();
+      continue;
+    }
+    const std::uint64_t count = std::min(block_->left(), kPiece);
+    if (window_.size() < windowEnd_ + count) window_.resize(windowEnd_ + count + kPiece);
+    if (!block_->read(count, window_.data() + windowEnd_)) {
+      endPart();
+      break;
+    }
+    windowEnd_ += count;
+    done_(count);
+  }
+  return windowEnd_ - at_ >= bytes;
+}
+
+void UnsortedRecords::nextBlock() {
+  if (block_ && blockCut_) {
+    blockCut_ = false;
+    endPart();
+    return;
+  }
+  ChainBlock block;
+  if (!blocks_->next(block)) {
+    block_.reset();
+    partEnds_ = true;
+    ended_ = true;
+    return;
+  }
+  lastPosition_ = block.position;
+  if (block.kind == ChainBlock::Missing) {
+    endPart();
+    return;
+  }
+  block_.emplace(in_, block);
+  blockCut_ = block.cut;
+  if (block_->left() == 0 && block.bytes != 0) endPart();
+}
+
+void UnsortedRecords::endPart() {
+  block_.reset();
+  partEnds_ = true;
+}
+
+UnsortedRecords::Found UnsortedRecords::probe(std::uint64_t at, std::uint64_t& size) {
+  size = idSize_;
+  if (!fill(at + size)) return Found::Incomplete;
+  const Kind* const kind = kindAt(at);
+  if (kind == nullptr) return Found::Unknown;
+  size += kind->size;
+  if (!fill(at + size)) return Found::Incomplete;
+  if (!kind->isValue) return Found::Record;
+  const auto length = loadNumber<std::uint32_t>(window_.data() + at_ + at + idSize_);
+  if (length > kLongestValue) return Found::Unknown;
+  size += length;
+  return fill(at + size) ? Found::Record : Found::Incomplete;
+}
+
+// Whether records follow one another from there on, up to the end of the part if need be.
+bool UnsortedRecords::isSequence(std::uint64_t at) {
+  std::uint64_t size = 0;
+  for (int records = 0; records < kSequence; ++records) {
+    const Found found = probe(at, size);
+    if (found == Found::Unknown) return false;
+    if (found == Found::Incomplete) return records > 1 || (records == 1 && !fill(at + 1));
+    at += size;
+  }
+  return true;
+}
+
+bool UnsortedRecords::take(std::uint64_t size) {
+  const Kind& kind = *kindAt(0);
+  const std::uint8_t* const record = window_.data() + at_ + idSize_;
+  at_ += size;
+  if (kind.group == nullptr) return true;
+  return kind.isValue ? kind.group->takeValue(kind.channel, {record, size - idSize_})
+                      : kind.group->takeRecord(record);
+}
+
+// The distance to the next sequence of records, from `from` on; that to the end of the part when
+// there is none, or as far as it makes sense to look at a time.
+std::uint64_t UnsortedRecords::findSequence(std::uint64_t from) {
+  while (from < kPiece && fill(from + 1) && !isSequence(from)) ++from;
+  return from;
+}
+
+// Whether a damaged record of a known size may have stood there.
+bool UnsortedRecords::mayBeRecord(std::uint64_t at, std::uint64_t size) {
+  return std::any_of(kinds_.begin(), kinds_.end(), [&](const auto& entry) {
+    const Kind& kind = entry.second;
+    if (!kind.isValue) return size == idSize_ + kind.size;
+    return size >= idSize_ + kPrefix &&
+           loadNumber<std::uint32_t>(window_.data() + at_ + at + idSize_) ==
+               size - idSize_ - kPrefix;
+  });
+}
+
+// Leaves out bytes that are no records.
+bool UnsortedRecords::leaveOut(std::uint64_t bytes, MdfRecoveryReport& report) {
+  const auto begin = window_.begin() + static_cast<std::ptrdiff_t>(at_);
+  const bool unused = std::all_of(begin, begin + static_cast<std::ptrdiff_t>(bytes),
+                                  [](std::uint8_t byte) { return byte == 0; });
+  at_ += bytes;
+  if (unused && !fill(1)) return true;
+  noteLoss(report, formatText("data block at %" PRIu64 ": %" PRIu64 " bytes that are no records",
+                              lastPosition_, bytes));
+  return breakOff();
+}
+
+bool UnsortedRecords::breakOff() {
+  return std::all_of(groups_.begin(), groups_.end(), [](SplitGroup* g) { return g->breakOff(); });
+}
+
+// Takes the records up to the next missing bytes.
+bool UnsortedRecords::copyPart(MdfRecoveryReport& report) {
+  std::uint64_t size = 0;
+  Found found = probe(0, size);
+  while (fill(1)) {
+    std::uint64_t nextSize = 0;
+    const Found nextFound = found == Found::Record ? probe(size, nextSize) : Found::Unknown;
+    if (nextFound != Found::Unknown) {
+      if (!take(size)) return false;
+      found = nextFound;
+      size = nextSize;
+      continue;
+    }
+    const std::uint64_t next = findSequence(1);
+    if (found == Found::Record && next >= size &&
+        (next == size || !fill(next + 1) || mayBeRecord(size, next - size))) {
+      // This one is sound, what follows is not.
+      if (!take(size) || !leaveOut(next - size, report)) return false;
+    } else if (!leaveOut(next, report)) {
+      return false;
+    }
+    found = probe(0, size);
+  }
+  return true;
+}
+
+bool UnsortedRecords::copy(const DataRun& run, MdfRecoveryReport& report, const Done& done) {
+  done_ = done;
+  blocks_.emplace(in_, run);
+  for (bool first = true; !ended_; first = false) {
+    partEnds_ = false;
+    if (!first) {
+      noteLoss(report,
+               formatText("data block at %" PRIu64 ": it is missing or ends early", lastPosition_));
+      if (!breakOff()) return false;
+      const std::uint64_t start = findSequence(0);
+      if (start != 0 && fill(1) && !leaveOut(std::min(start, windowEnd_ - at_), report))
+        return false;
+    }
+    if (!copyPart(report)) return false;
+  }
+  return breakOff();
+}
+
+bool UnsortedRecords::startsAsSequence(const DataRun& run) {
+  done_ = [](std::uint64_t) {};
+  blocks_.emplace(in_, run);
+  return isSequence(0);
+}
+
+}  // namespace tolvex

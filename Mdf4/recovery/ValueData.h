@@ -1,0 +1,49 @@
+// The variable-length values of one channel in a recovered file.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "Mdf4/format/Bytes.h"
+#include "Mdf4/recovery/DataSurvey.h"
+#include "Mdf4/recovery/DataWriter.h"
+
+namespace tolvex {
+
+// A value is a 32-bit length and so many bytes; a record names it by its offset. Values are taken
+// over with the blocks that they lie in, or one by one. Borrows the files.
+class ValueData {
+ public:
+  explicit ValueData(DirectFile& out);
+
+  // Copies all blocks of the input's signal data. False when a write fails.
+  bool copy(DirectFile& in, const DataRun& run);
+  // Where the value lies that had this offset in the input; nothing when it is not whole.
+  std::optional<std::uint64_t> find(std::uint64_t offset) const;
+  // The bytes of the input's signal data that are lost. More when `openEnd`, for want of a length.
+  std::uint64_t lostBytes() const { return lostBytes_; }
+  bool openEnd() const { return openEnd_; }
+
+  // Adds a value with its length in front and gives its offset.
+  std::uint64_t add(ByteSpan value);
+  // The offset of a value without bytes.
+  std::uint64_t empty();
+
+  DataWriter& writer() { return writer_; }
+
+ private:
+  struct Lost {
+    std::uint64_t start;  // in the input's signal data
+    std::uint64_t end;
+    std::uint64_t before;  // bytes lost up to `end`
+  };
+
+  DataWriter writer_;
+  std::vector<Lost> lost_;  // in ascending order
+  std::uint64_t lostBytes_ = 0;
+  bool openEnd_ = false;
+  std::optional<std::uint64_t> empty_;
+};
+
+}  // namespace tolvex
