@@ -85,7 +85,7 @@ const SourceGroup* LooseBlocks::sortedGroup(const SourceData& data) const {
 // counted them.
 bool LooseBlocks::misses(const SourceData& data, const DataRun& run) const {
   const SourceGroup* const group = sortedGroup(data);
-  if (group == nullptr) return run.broken || unfinished_;
+  if (group == nullptr || data.isLost) return run.broken || unfinished_ || data.isLost;
   const std::uint64_t counted = group->record.cg_cycle_count;
   if (counted == 0) return data.dataLink != 0;
   return counted > run.bytes / group->recordSize();
@@ -206,17 +206,13 @@ std::optional<std::size_t> LooseBlocks::ownerOfList(std::uint64_t position,
 }
 
 void LooseBlocks::assign(const std::vector<std::size_t>& runs, MdfRecoveryReport& report) {
-  const auto anyMisses = [&] {
-    for (std::size_t i = 0; i < runs.size(); ++i) {
-      if (misses(tree_.data()[i], survey_.runs()[runs[i]])) return true;
-    }
-    return false;
-  };
+  std::uint64_t blocks = 0;
+  std::uint64_t bytes = 0;
+  std::uint64_t first = 0;
   for (std::uint64_t at = find(0, isRecordBlock); at != 0;) {
     ChainBlock block;
     DataChain(in_, at).next(block);
     block.uncounted = true;
-    const std::uint64_t next = at + std::max(block.size, kBlockHeaderSize);
     // A block that is cut still states how long it was to be.
     BlockHeader header;
     in_.ReadAt(at, kBlockHeaderSize, &header);
@@ -226,16 +222,23 @@ void LooseBlocks::assign(const std::vector<std::size_t>& runs, MdfRecoveryReport
     if (owner) {
       survey_.addLoose(runs[*owner], block);
     } else if (block.bytes != 0) {
-      std::string text = formatText("data block at %" PRIu64 ": its %" PRIu64
-                                    " bytes belong to no group that misses them",
-                                    at, block.bytes);
-      if (anyMisses()) {
-        noteLoss(report, std::move(text));
-      } else {
-        noteRepair(report, std::move(text));
-      }
+      if (blocks++ == 0) first = at;
+      bytes += block.bytes;
     }
-    at = find(next, isRecordBlock);
+    at = find(at + std::max(block.size, kBlockHeaderSize), isRecordBlock);
+  }
+  if (blocks == 0) return;
+  std::string text = formatText("%" PRIu64 " data blocks from %" PRIu64 " on: %" PRIu64
+                                " bytes that belong to no group that misses them",
+                                blocks, first, bytes);
+  bool wanted = !report.losses.empty();
+  for (std::size_t i = 0; i < runs.size(); ++i) {
+    wanted = wanted || misses(tree_.data()[i], survey_.runs()[runs[i]]);
+  }
+  if (wanted) {
+    noteLoss(report, std::move(text));
+  } else {
+    noteRepair(report, std::move(text));
   }
 }
 

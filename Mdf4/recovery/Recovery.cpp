@@ -272,9 +272,18 @@ bool Recovery::copySorted(SourceGroup& group, std::size_t number) {
   for (std::size_t i = 0; i < values.count(); ++i) {
     if (!copyValues(group, values, i)) return false;
   }
+  MdfRecoveredGroup& report = group.report;
+  const std::size_t before = report.losses.size();
   SortedRecords copy(in_, group, values, records);
-  return copy.copy(run, [this](std::uint64_t bytes) { advance(bytes); }) &&
-         finishGroup(group, records, values, run);
+  if (!copy.copy(run, [this](std::uint64_t bytes) { advance(bytes); })) return false;
+  if (records.units() == group.record.cg_cycle_count && values.lostValues() == 0 &&
+      report.lostRecords == 0) {
+    // All that is counted is there: of what was missing nothing is lost.
+    const auto first = report.losses.begin() + static_cast<std::ptrdiff_t>(before);
+    for (auto loss = first; loss != report.losses.end(); ++loss) noteRepair(report, *loss);
+    report.losses.erase(first, report.losses.end());
+  }
+  return finishGroup(group, records, values, run);
 }
 
 bool Recovery::copyUnsorted(const SourceData& data, std::size_t number) {

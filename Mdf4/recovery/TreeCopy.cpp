@@ -298,6 +298,9 @@ void TreeCopy::followChannel(const Step& step, PlannedBlock loaded) {
   }
   if (hasConversion && blocks_[block].links[link::cn_cc_conversion].position == 0) {
     blocks_[block].links[link::cn_md_unit] = {};  // it is that of the converted values
+    noteLoss(groups_[step.group].report,
+             formatText("channel \"%s\" at %" PRIu64 ": its conversion, and the unit with it",
+                        name.c_str(), blocks_[block].source));
   }
   describeChannel(groups_[step.group], block, channel, name, dataLink);
 }
@@ -479,9 +482,14 @@ bool TreeCopy::adopt(std::uint64_t position) {
   const std::size_t known = bySource_.size();
   if (header.type == kDG) {
     readGroups(position, kDG);
-  } else if (header.type == kCG && !brokenGroups_.empty()) {
-    const std::size_t data = brokenGroups_.back();
-    brokenGroups_.pop_back();
+  } else if (header.type == kCG) {
+    std::size_t data = data_.size();
+    if (brokenGroups_.empty()) {
+      data_.emplace_back().isLost = true;
+    } else {
+      data = brokenGroups_.back();
+      brokenGroups_.pop_back();
+    }
     readChannelGroups(data, position);
   } else if (header.type == kCN && !brokenChannels_.empty()) {
     Step step = brokenChannels_.back();

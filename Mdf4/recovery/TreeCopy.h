@@ -63,6 +63,7 @@ struct SourceData {
   std::uint64_t dataLink = 0;
   std::uint64_t comment = 0;
   std::uint8_t recordIdSize = 0;
+  bool isLost = false;                   // only its channel groups were found
   std::vector<std::size_t> groups = {};  // of TreeCopy's
 };
 
