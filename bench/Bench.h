@@ -81,6 +81,7 @@ void addMemoryBenches();
 void addRecordingBenches();
 void addAsyncBenches();
 void addPeerBenches();
+void addRecoveryBenches();
 
 // The part of the asynchronous benches that a process of its own runs.
 bool isPrintingRun(int argc, char** argv);

@@ -73,6 +73,7 @@ int main(int argc, char** argv) {
   addRecordingBenches();
   addAsyncBenches();
   addPeerBenches();
+  addRecoveryBenches();
   addMemoryBenches();
   Table table;
   benchmark::RunSpecifiedBenchmarks(&table);

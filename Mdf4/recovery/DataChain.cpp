@@ -10,6 +10,13 @@ namespace {
 
 constexpr std::uint64_t kAlignment = 8;
 
+// Data blocks are large and their headers far apart: not worth the pages that other reads keep.
+bool readHeader(DirectFile& file, std::uint64_t position, BlockHeader& header) {
+  const WritableBytes bytes = writableBytesOf(header);
+  return file.holds(position, kBlockHeaderSize) &&
+         file.readPieces(position, std::span(&bytes, 1)) == kBlockHeaderSize;
+}
+
 }  // namespace
 
 bool readSoundHeader(DirectFile& file, std::uint64_t position, BlockHeader& header) {
@@ -137,8 +144,8 @@ void DataChain::settle(ChainBlock& block, std::uint64_t expected) {
   if (expected > mostInflated(file_.end())) expected = 0;
   block.bytes = expected;
   BlockHeader header;
-  if (block.position == 0 || !file_.holds(block.position, kBlockHeaderSize) ||
-      !file_.ReadAt(block.position, kBlockHeaderSize, &header) || header.marker != kBlockMarker) {
+  if (block.position == 0 || !readHeader(file_, block.position, header) ||
+      header.marker != kBlockMarker) {
     return;
   }
   const std::uint64_t present = file_.end() - block.position - kBlockHeaderSize;

@@ -13,7 +13,7 @@
 namespace tolvex {
 namespace {
 
-constexpr std::size_t kBlocksPerList = 1024;
+constexpr std::size_t kBlocksPerList = 4096;
 constexpr std::uint64_t kSmallestBuffer = 4096;
 
 }  // namespace

@@ -60,6 +60,7 @@ void DataWalk::lose() {
 
 void DataWalk::finish() {
   done_ = true;
+  if (at_ != At::Start && walk_.announced(Unfinished::LastList)) complete_ = false;
   sink_.end(complete_);
 }
 
@@ -253,11 +254,17 @@ bool DataWalk::partOf(const FoundBlock& block, DataPart& part) {
   return std::ranges::none_of(faults, &FieldFault::error);
 }
 
-// Where the file says so itself, the last block goes on to the next one, or to the end of the file.
+// Where the file says so itself, the last block goes on to the next one, linked or not, or to the
+// end of the file.
 void DataWalk::extend(FoundBlock& block) {
   if (!walk_.lengthIsAnnounced(block.type) || !isLastBlock()) return;
   const OwnedRanges::Range rest = walk_.owned().nextGap(block.end(), walk_.file().end());
   if (rest.start == rest.end || rest.start - block.end() >= kLinkSize) return;
+  BlockHeader next;
+  if (walk_.read(rest.start, sizeof next, &next) && next.marker == kBlockMarker &&
+      isKnownBlock(next.type)) {
+    return;
+  }
   if (walk_.owned().add(block.end(), rest.end)) block.dataBytes = rest.end - block.dataPosition();
   block.cut = false;
 }

@@ -171,10 +171,7 @@ void UnsortedRecords::beginBody(std::uint64_t size) {
 void UnsortedRecords::end(bool complete) {
   std::unordered_map<std::uint64_t, std::uint64_t> values;
   for (const Group& group : groups_) {
-    if (!group.group->holdsValues() || lost_ || !complete ||
-        walk_.announced(Unfinished::ValueOffsets)) {
-      continue;
-    }
+    if (!group.group->holdsValues() || lost_ || !complete) continue;
     values.emplace(group.group->block.position,
                    group.valueBytes + kPrefixSize * group.watch.records());
   }

@@ -46,7 +46,7 @@ void ValueData::begin(const DataPart& part) {
 }
 
 bool ValueData::holdsValue(std::uint64_t offset) {
-  if (offset > size_ || size_ - offset < kPrefixSize) return false;
+  if (offset > size_ || size_ - offset < kPrefixSize) return walk_.announced(Unfinished::LastList);
   std::uint32_t length = 0;
   return readPrefix(offset, length) == Prefix::Unknown || length <= size_ - offset - kPrefixSize;
 }
@@ -97,6 +97,7 @@ RecordWatch::RecordWatch(BlockWalk& walk, const CheckedGroup& group,
       recordSize_(withInvalidation ? group.recordSize() : dataBytes_) {
   if (group.time) watchTime(*group.time);
   for (std::size_t i = 0; i < group.values.size(); ++i) {
+    if (walk.announced(Unfinished::ValueOffsets)) break;
     watchValue(group.values[i], values[i], withInvalidation);
   }
 }

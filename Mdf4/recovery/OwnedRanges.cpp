@@ -3,14 +3,14 @@
 #include <algorithm>
 #include <iterator>
 
+#include "Mdf4/format/BlockRecords.h"
+
 namespace tolvex {
 namespace {
 
-constexpr std::uint64_t kAlignment = 8;
-
-std::uint64_t roundedUp(std::uint64_t position) {
-  const std::uint64_t rest = position % kAlignment;
-  return rest == 0 ? position : position + (kAlignment - rest);
+// Whether a block fits between two ranges.
+bool hasRoom(std::uint64_t end, std::uint64_t start) {
+  return start > end && start - end >= kBlockHeaderSize;
 }
 
 }  // namespace
@@ -27,12 +27,12 @@ bool OwnedRanges::add(std::uint64_t start, std::uint64_t end) {
   auto next = ranges_.lower_bound(start);
   if (next != ranges_.begin()) {
     const auto before = std::prev(next);
-    if (roundedUp(before->second) >= start) {
+    if (!hasRoom(before->second, start)) {
       start = before->first;
       ranges_.erase(before);
     }
   }
-  if (next != ranges_.end() && roundedUp(end) >= next->first) {
+  if (next != ranges_.end() && !hasRoom(end, next->first)) {
     end = next->second;
     next = ranges_.erase(next);
   }
@@ -48,12 +48,12 @@ std::uint64_t OwnedRanges::nextOwned(std::uint64_t from, std::uint64_t fileEnd) 
 
 OwnedRanges::Range OwnedRanges::nextGap(std::uint64_t from, std::uint64_t fileEnd) const {
   auto next = ranges_.upper_bound(from);
-  if (next != ranges_.begin() && roundedUp(std::prev(next)->second) > from) {
-    from = roundedUp(std::prev(next)->second);  // and what follows lies behind: they would be one
-  }
-  if (from >= fileEnd) return {fileEnd, fileEnd};
-  if (next != ranges_.end() && next->first <= from) return nextGap(next->first, fileEnd);
-  return {from, next == ranges_.end() ? fileEnd : std::min(next->first, fileEnd)};
+  if (next != ranges_.begin()) from = std::max(from, std::prev(next)->second);
+  const std::uint64_t end = next == ranges_.end() ? fileEnd : std::min(next->first, fileEnd);
+  constexpr std::uint64_t kPadding = 8;  // that a file may end with
+  if (from < end && (end < fileEnd || end - from >= kPadding)) return {from, end};
+  if (next == ranges_.end() || next->first >= fileEnd) return {fileEnd, fileEnd};
+  return nextGap(next->first, fileEnd);
 }
 
 }  // namespace tolvex

@@ -6,9 +6,9 @@
 
 namespace tolvex {
 
-// Half-open ranges of file positions that do not overlap. Ranges that meet, or leave only the
-// padding between two blocks, are kept as one: so a file that is walked front to back costs a few
-// entries, however many blocks it has.
+// Half-open ranges of file positions that do not overlap. Ranges that leave no room for a block
+// between them are kept as one: so a file that is walked front to back costs a few entries, however
+// many blocks it has.
 class OwnedRanges {
  public:
   struct Range {
@@ -22,7 +22,7 @@ class OwnedRanges {
   // The first owned byte at or after `from`, or `fileEnd`.
   std::uint64_t nextOwned(std::uint64_t from, std::uint64_t fileEnd) const;
   // The first range of bytes at or after `from` that no block owns, up to `fileEnd`; empty (start
-  // equals end) when there is none. Padding counts as owned.
+  // equals end) when there is none. What has no room for a block counts as owned.
   Range nextGap(std::uint64_t from, std::uint64_t fileEnd) const;
 
  private:

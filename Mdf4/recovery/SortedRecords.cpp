@@ -12,7 +12,7 @@
 namespace tolvex {
 namespace {
 
-constexpr std::uint64_t kPiece = 1 << 20;  // bytes that are read at a time
+constexpr std::uint64_t kPiece = 256 << 10;  // bytes that are read at a time
 constexpr std::uint64_t kOne = 1;
 
 }  // namespace

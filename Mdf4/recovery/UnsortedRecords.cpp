@@ -12,11 +12,13 @@ namespace tolvex {
 namespace {
 
 constexpr std::uint64_t kPrefix = sizeof(std::uint32_t);  // a value's length
-constexpr std::uint64_t kPiece = 1 << 20;                 // bytes that are read at a time
+constexpr std::uint64_t kPiece = 256 << 10;               // bytes that are read at a time
+constexpr std::uint64_t kFarthest = 1 << 20;              // to look for records at a time
 constexpr std::uint64_t kLongestValue = 64 << 20;         // bytes; longer ones are none
 constexpr std::size_t kMostWaiting = 256;                 // records of a group
 constexpr std::size_t kMostRecent = 1024;                 // values of a channel
 constexpr std::size_t kMostChannels = 64;                 // with values, of a group
+constexpr std::size_t kPairsAtATime = 32 << 10;           // bytes
 constexpr int kSequence = 8;  // so many records in a row are no accident
 
 constexpr std::uint64_t bit(std::size_t channel) {
@@ -35,15 +37,6 @@ SplitGroup::SplitGroup(SourceGroup& group, DataWriter& records, RecordValues& va
 bool SplitGroup::takeRecord(const std::uint8_t* bytes) {
   const std::uint64_t size = group_.recordSize();
   if (channels_.empty()) return records_.append({bytes, size});
-  if (hasNext_) queueNext();
-  // The usual case: the value that comes next is this record's.
-  if (values_.count() == 1 && channels_[0].expected && channels_[0].inStep && !byOrder_ &&
-      waiting_.empty() && values_.isValid(0, bytes) &&
-      values_.offset(0, bytes) == channels_[0].nextKey) {
-    next_.assign(bytes, bytes + size);
-    hasNext_ = true;
-    return true;
-  }
   Waiting record = {{bytes, bytes + size}};
   bool kept = true;
   for (std::size_t i = 0; i < channels_.size() && kept; ++i) {
@@ -79,6 +72,55 @@ bool SplitGroup::takeRecord(const std::uint8_t* bytes) {
   return waiting_.size() <= kMostWaiting || giveUpFirst();
 }
 
+std::uint64_t SplitGroup::takePairs(const PairLayout& layout, ByteSpan bytes, bool& written) {
+  Channel& channel = channels_[layout.channel];
+  const ValueChannel& place = values_.channel(layout.channel);
+  if (values_.count() != 1 || !channel.inStep || byOrder_ || !waiting_.empty() ||
+      place.bytes != sizeof(std::uint64_t) || (place.flags & kCnFlagInvalidBit) != 0) {
+    return 0;
+  }
+  DataWriter& data = values_.data(layout.channel).writer();
+  const std::uint64_t recordSize = group_.recordSize();
+  const std::uint64_t idSize = layout.idSize;
+  const std::uint64_t least = 2 * idSize + recordSize + kPrefix;
+  bytes = bytes.first(std::min<std::size_t>(bytes.size(), kPairsAtATime));
+  std::uint8_t* const records = records_.room(bytes.size());
+  std::uint8_t* const values = data.room(bytes.size());
+  written = records != nullptr && values != nullptr;
+  if (!written) return 0;
+  const std::uint64_t firstOffset = data.size();
+  std::uint64_t recordBytes = 0;
+  std::uint64_t valueBytes = 0;
+  const auto idAt = [&](const std::uint8_t* at) {
+    return loadNumber<std::uint64_t>(at) & layout.idMask;
+  };
+  std::uint64_t at = 0;
+  // The id behind a value tells whether its length is right.
+  while (bytes.size() - at >= least + sizeof(std::uint64_t)) {
+    const std::uint8_t* const record = bytes.data() + at + idSize;
+    const std::uint8_t* const value = record + recordSize + idSize;
+    const std::uint64_t size = kPrefix + loadNumber<std::uint32_t>(value);
+    if (idAt(bytes.data() + at) != layout.recordId || idAt(record + recordSize) != layout.valueId ||
+        size - kPrefix > bytes.size() - at - least - sizeof(std::uint64_t) ||
+        idAt(value + size) != layout.recordId ||
+        loadNumber<std::uint64_t>(record + place.byteOffset) != channel.nextKey) {
+      break;
+    }
+    std::uint8_t* const copied = records + recordBytes;
+    copyRecord(copied, record, recordSize);
+    const std::uint64_t offset = firstOffset + valueBytes;
+    std::memcpy(copied + place.byteOffset, &offset, sizeof offset);
+    copyRecord(values + valueBytes, value, size);
+    recordBytes += recordSize;
+    valueBytes += size;
+    channel.nextKey += size;
+    at += 2 * idSize + recordSize + size;
+  }
+  channel.valueFirst = channel.valueFirst && at == 0;
+  written = records_.commit(recordBytes) && data.commit(valueBytes);
+  return at;
+}
+
 bool SplitGroup::takeValue(std::size_t number, ByteSpan value) {
   Channel& channel = channels_[number];
   const std::uint64_t step = byOrder_ ? 1 : value.size();
@@ -97,12 +139,6 @@ bool SplitGroup::takeValue(std::size_t number, ByteSpan value) {
   const std::uint64_t key = channel.nextKey;
   channel.nextKey += step;
   const std::uint64_t offset = values_.data(number).add(value);
-  if (hasNext_) {
-    values_.setOffset(number, next_.data(), offset);
-    channel.valueFirst = false;
-    hasNext_ = false;
-    return records_.append(next_);
-  }
   channel.recent.push_back({key, offset});
   if (channel.recent.size() > kMostRecent) channel.recent.pop_front();
   for (Waiting& record : waiting_) {
@@ -117,13 +153,7 @@ bool SplitGroup::takeValue(std::size_t number, ByteSpan value) {
   return forwardReady();
 }
 
-void SplitGroup::queueNext() {
-  hasNext_ = false;
-  waiting_.push_back({next_, bit(0)});
-}
-
 bool SplitGroup::breakOff() {
-  if (hasNext_) queueNext();
   while (!waiting_.empty()) {
     if (!giveUpFirst()) return false;
   }
@@ -283,10 +313,26 @@ bool UnsortedRecords::take(std::uint64_t size) {
                       : kind.group->takeRecord(record);
 }
 
+// Takes records with the values behind them, as they mostly come. False when a write fails.
+bool UnsortedRecords::takePairs(std::uint64_t firstSize) {
+  const Kind& kind = *kindAt(0);
+  const Kind& next = *kindAt(firstSize);
+  if (kind.isValue || !next.isValue || kind.group == nullptr || kind.group != next.group) {
+    return true;
+  }
+  const auto idAt = [&](std::uint64_t at) {
+    return loadNumber<std::uint64_t>(window_.data() + at_ + at) & idMask_;
+  };
+  const SplitGroup::PairLayout layout = {idSize_, idMask_, idAt(0), idAt(firstSize), next.channel};
+  bool written = true;
+  at_ += kind.group->takePairs(layout, ByteSpan(window_).subspan(at_, windowEnd_ - at_), written);
+  return written;
+}
+
 // The distance to the next sequence of records, from `from` on; that to the end of the part when
 // there is none, or as far as it makes sense to look at a time.
 std::uint64_t UnsortedRecords::findSequence(std::uint64_t from) {
-  while (from < kPiece && fill(from + 1) && !isSequence(from)) ++from;
+  while (from < kFarthest && fill(from + 1) && !isSequence(from)) ++from;
   return from;
 }
 
@@ -325,6 +371,12 @@ bool UnsortedRecords::copyPart(MdfRecoveryReport& report) {
     std::uint64_t nextSize = 0;
     const Found nextFound = found == Found::Record ? probe(size, nextSize) : Found::Unknown;
     if (nextFound != Found::Unknown) {
+      const std::uint64_t before = at_;
+      if (nextFound == Found::Record && !takePairs(size)) return false;
+      if (at_ != before) {
+        found = probe(0, size);
+        continue;
+      }
       if (!take(size)) return false;
       found = nextFound;
       size = nextSize;

@@ -35,6 +35,17 @@ class SplitGroup {
   bool takeRecord(const std::uint8_t* record);
   // A value with its length in front.
   bool takeValue(std::size_t channel, ByteSpan value);
+  // How records with their values behind them lie in the sequence.
+  struct PairLayout {
+    std::uint64_t idSize;
+    std::uint64_t idMask;
+    std::uint64_t recordId;
+    std::uint64_t valueId;
+    std::size_t channel;
+  };
+  // Takes as many such pairs from the front of `bytes` as follow one another and belong together.
+  // Returns the bytes taken; `written` becomes false when a write fails.
+  std::uint64_t takePairs(const PairLayout& layout, ByteSpan bytes, bool& written);
   // Bytes are missing here, in the sequence of all groups: what waits goes without its values.
   bool breakOff();
 
@@ -62,7 +73,6 @@ class SplitGroup {
     std::uint64_t channels = 0;  // a bit for each whose value is not there yet
   };
 
-  void queueNext();
   bool forward(std::vector<std::uint8_t>& record);
   bool forwardReady();
   bool giveUpFirst();
@@ -72,8 +82,6 @@ class SplitGroup {
   RecordValues& values_;
   const bool byOrder_;
   std::vector<Channel> channels_;
-  std::vector<std::uint8_t> next_;  // a record that the next value belongs to
-  bool hasNext_ = false;
   std::deque<Waiting> waiting_;
 };
 
@@ -111,6 +119,7 @@ class UnsortedRecords {
   std::uint64_t findSequence(std::uint64_t from);
   bool mayBeRecord(std::uint64_t at, std::uint64_t size);
   bool take(std::uint64_t size);
+  bool takePairs(std::uint64_t firstSize);
   bool leaveOut(std::uint64_t bytes, MdfRecoveryReport& report);
   bool breakOff();
   bool copyPart(MdfRecoveryReport& report);

@@ -9,7 +9,7 @@
 namespace tolvex {
 namespace {
 
-constexpr std::uint64_t kBlockBytes = 1 << 20;
+constexpr std::uint64_t kBlockBytes = 256 << 10;
 constexpr std::uint64_t kPrefix = sizeof(std::uint32_t);
 
 }  // namespace
