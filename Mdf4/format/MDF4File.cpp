@@ -53,8 +53,8 @@ bool MDF4File::readIdentification() {
   if (fileId == kUnfinalizedFileId) {
     error_ = formatText(
         "identification at 0: expected \"MDF     \", found \"UnFinMF \": an unfinalized recording, "
-        "left by its logger before it was finished (flags 0x%04X at 60); it must be finalized "
-        "before it can be read",
+        "left by its logger before it was finished (flags 0x%04X at 60); tolvex recover makes a "
+        "finished file of it",
         unsigned{id_.id_unfin_flags});
     return false;
   }

@@ -75,6 +75,12 @@ std::uint64_t LooseBlocks::find(std::uint64_t from, bool (*wanted)(std::uint16_t
   return 0;
 }
 
+std::uint64_t LooseBlocks::findBehind(std::uint64_t position, bool (*wanted)(std::uint16_t type)) {
+  BlockHeader header;
+  const bool whole = readSoundHeader(in_, position, header);
+  return find(position + (whole ? header.length : kBlockHeaderSize), wanted);
+}
+
 const SourceGroup* LooseBlocks::sortedGroup(const SourceData& data) const {
   if (data.groups.size() != 1 || data.recordIdSize != 0) return nullptr;
   const SourceGroup& group = tree_.groups()[data.groups[0]];
@@ -145,6 +151,9 @@ std::optional<std::size_t> LooseBlocks::ownerOf(const ChainBlock& block, std::ui
   using Rank = std::tuple<bool, bool, bool, bool, bool, double, double>;
   std::optional<std::size_t> owner;
   Rank best;
+  constexpr std::uint64_t kMostEffort = 20'000'000;
+  effort_ += runs.size();
+  if (effort_ > kMostEffort) return std::nullopt;
   for (std::size_t i = 0; i < runs.size(); ++i) {
     const SourceData& data = tree_.data()[i];
     const DataRun& run = survey_.runs()[runs[i]];

@@ -30,6 +30,8 @@ class LooseBlocks {
   // The next position from `from` on of a sound block that nothing owns and whose kind is one of
   // `wanted`; 0 when there is none.
   std::uint64_t find(std::uint64_t from, bool (*wanted)(std::uint16_t type));
+  // The same behind the block at the position.
+  std::uint64_t findBehind(std::uint64_t position, bool (*wanted)(std::uint16_t type));
   // Gives the data blocks to their groups. Notes in `report` those that it cannot.
   void assign(const std::vector<std::size_t>& runs, MdfRecoveryReport& report);
   // The data group whose list the block at the position is; nothing when there is none.
@@ -58,6 +60,7 @@ class LooseBlocks {
   TreeCopy& tree_;
   DataSurvey& survey_;
   const bool unfinished_;
+  std::uint64_t effort_ = 0;                       // groups that were considered for a block
   std::map<std::uint64_t, MdfSigCCInfo> masters_;  // by the position of the channel
 };
 

@@ -35,7 +35,8 @@ namespace fs = std::filesystem;
 
 constexpr std::string_view kFileId = "MDF     ";
 constexpr std::string_view kUnfinalizedFileId = "UnFinMF ";
-constexpr std::uint16_t kLastDataLength = 0x04;       // id_unfin_flags
+constexpr std::uint16_t kCycleCounts = 0x01;          // id_unfin_flags
+constexpr std::uint16_t kLastDataLength = 0x04;       //
 constexpr std::uint16_t kLastReductionLength = 0x08;  //
 constexpr std::uint16_t kValueOffsets = 0x40;         //
 constexpr std::uint64_t kBlockBytes = 256 << 10;      // of a data block in the output
@@ -188,13 +189,15 @@ void Recovery::adoptLost() {
   const auto isTree = [](std::uint16_t type) {
     return type == block_type::kDG || type == block_type::kCG || type == block_type::kCN;
   };
-  for (std::uint64_t at = loose.find(0, isTree); at != 0; at = loose.find(at + 1, isTree)) {
-    if (tree_->adopt(at)) survey();
+  bool adopted = false;
+  for (std::uint64_t at = loose.find(0, isTree); at != 0; at = loose.findBehind(at, isTree)) {
+    adopted |= tree_->adopt(at);
   }
+  if (adopted) survey();
   const auto isList = [](std::uint16_t type) {
     return type == block_type::kDL || type == block_type::kLD;
   };
-  for (std::uint64_t at = loose.find(0, isList); at != 0; at = loose.find(at + 1, isList)) {
+  for (std::uint64_t at = loose.find(0, isList); at != 0; at = loose.findBehind(at, isList)) {
     if (const std::optional<std::size_t> owner = loose.ownerOfList(at, runs_)) {
       survey_->addChain(runs_[*owner], at);
       survey_->walk();
@@ -445,7 +448,8 @@ bool Recovery::writeEnd() {
 void Recovery::run(const std::string& input, const std::string& output) {
   if (!open(input, output) || !readIdentification()) return;
   out_.Allocate(kIdBlockSize, false);
-  tree_ = std::make_unique<TreeCopy>(in_, out_, owned_, report_);
+  const bool counted = !unfinished_ || (id_.id_unfin_flags & kCycleCounts) == 0;
+  tree_ = std::make_unique<TreeCopy>(in_, out_, owned_, report_, counted);
   survey_ = std::make_unique<DataSurvey>(in_, owned_);
   tree_->readHeader();
   survey();

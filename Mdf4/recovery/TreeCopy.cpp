@@ -107,8 +107,9 @@ std::vector<std::uint8_t> dataOf(const Record& record) {
 
 }  // namespace
 
-TreeCopy::TreeCopy(DirectFile& in, DirectFile& out, OwnedRanges& owned, MdfRecoveryReport& report)
-    : in_(in), out_(out), owned_(owned), report_(report) {}
+TreeCopy::TreeCopy(DirectFile& in, DirectFile& out, OwnedRanges& owned, MdfRecoveryReport& report,
+                   bool counted)
+    : in_(in), out_(out), owned_(owned), report_(report), counted_(counted) {}
 
 void TreeCopy::lose(std::size_t group, std::string text) {
   if (group == kNone) {
@@ -436,6 +437,7 @@ void TreeCopy::readChannelGroup(std::size_t data, PlannedBlock loaded) {
   SourceGroup& group = groups_.emplace_back();
   group.position = loaded.source;
   group.record = recordOf<m4CGRecord>(loaded.data);
+  if (!counted_) group.record.cg_cycle_count = 0;
   group.report.dgIndex = static_cast<std::int32_t>(data);
   group.report.cgIndex = static_cast<std::int32_t>(data_[data].groups.size());
   group.report.name = text(loaded.links[link::cg_tx_acq_name].position);

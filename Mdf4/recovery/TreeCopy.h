@@ -74,7 +74,9 @@ struct SourceData {
 // the description only. Borrows everything that it is given.
 class TreeCopy {
  public:
-  TreeCopy(DirectFile& in, DirectFile& out, OwnedRanges& owned, MdfRecoveryReport& report);
+  // The cycle counts of a file that is not `counted` are not looked at.
+  TreeCopy(DirectFile& in, DirectFile& out, OwnedRanges& owned, MdfRecoveryReport& report,
+           bool counted);
 
   // Reads the header block and all that it leads to.
   void readHeader();
@@ -140,6 +142,7 @@ class TreeCopy {
   DirectFile& out_;
   OwnedRanges& owned_;
   MdfRecoveryReport& report_;
+  const bool counted_;
   std::vector<PlannedBlock> blocks_;                         // the header block first
   std::unordered_map<std::uint64_t, std::size_t> bySource_;  // planned blocks by input position
   std::unordered_map<std::uint64_t, std::uint64_t> dataOfGroup_;  // by CG: its DG in the output

@@ -63,7 +63,7 @@ bool openOrComplain(MdfBaseReader& reader, const std::string& file) {
 bool complainIfUnsorted(const MdfGroupInfo& group, const std::string& file) {
   if (group.unsorted) {
     complain(file, fmt::format("data group {} is unsorted: records of several channel groups, or "
-                               "with record ids, lie in one sequence, which cannot be read",
+                               "with record ids, lie in one sequence; tolvex recover sorts it",
                                group.dgIndex));
   }
   return group.unsorted;

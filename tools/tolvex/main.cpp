@@ -1,4 +1,4 @@
-// The tolvex program: shows, prints, exports and records measurement files at a shell.
+// The tolvex program: shows, prints, exports, records, checks and recovers measurement files.
 
 #include <fcntl.h>
 #include <tolvex/MdfEngine.h>
@@ -55,8 +55,9 @@ int showOutcome(const CLI::App& app, const CLI::ParseError& outcome) {
 }
 
 int run(int argc, char** argv) {
-  CLI::App app("Shows, prints, exports and records measurement files in the ASAM MDF 4 format.",
-               "tolvex");
+  CLI::App app(
+      "Shows, prints, exports, records, checks and recovers measurement files (ASAM MDF 4).",
+      "tolvex");
   app.set_version_flag("--version", "tolvex " TOLVEX_VERSION, "Print the version and exit");
   app.require_subcommand(0, 1);
   app.footer(
@@ -66,6 +67,9 @@ int run(int argc, char** argv) {
       "  tolvex export drive.mf4 -o drive       all signals, a CSV file per group\n"
       "  candump -L can0 | tolvex record -o drive.mf4\n"
       "                                         a live bus, until Ctrl-C\n"
+      "  tolvex doctor drive.mf4                what is wrong with the file\n"
+      "  tolvex recover crashed.mf4 -o whole.mf4\n"
+      "                                         what is there of a broken one\n"
       "\n"
       "Results go to the standard output, everything else to the standard error.\n"
       "Exit codes: 0 done, 1 failed, 2 wrong use, 3 done but something was lost.");
@@ -81,7 +85,8 @@ int run(int argc, char** argv) {
   } catch (const CLI::ParseError& outcome) {
     return showOutcome(app, outcome);
   }
-  return chosen ? chosen() : complainOfUse("which command? record, info, cat or export");
+  return chosen ? chosen()
+                : complainOfUse("which command? record, info, cat, export, doctor or recover");
 }
 
 }  // namespace
