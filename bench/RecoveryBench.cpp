@@ -28,7 +28,7 @@ constexpr double kGoalPeakTimes = 1.1;  // times the peak of a short file
 
 // A recording of four buses whose process went away.
 std::string killedRecording(const test::TempDir& folder, std::uint64_t frames) {
-  const std::string path = folder.path(fmt::format("killed-{}.mf4", frames));
+  std::string path = folder.path(fmt::format("killed-{}.mf4", frames));
   const Traffic traffic(kBuses);
   MdfRecorder recorder;
   recorder.startRecord(path, kStartTimeUs);
@@ -67,7 +67,7 @@ std::string loggerFile(const test::TempDir& folder, std::uint64_t frames) {
   file.setU64(56, std::uint64_t{0x25} << 32);  // counts, last length and value bytes are missing
   const Link data = file.dt(records);
   file.dg({.groups = {group, values}, .data = data, .recordIdSize = 1});
-  const std::string path = folder.path(fmt::format("logger-{}.mf4", frames));
+  std::string path = folder.path(fmt::format("logger-{}.mf4", frames));
   std::filesystem::copy_file(file.write(), path);
   return path;
 }

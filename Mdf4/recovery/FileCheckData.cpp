@@ -281,7 +281,7 @@ void DataWalk::checkData(FoundBlock& block) {
     checkOffset();
   }
   sink_.begin(part);
-  delivery_.deliver(block, part, sink_);
+  complete_ &= delivery_.deliver(block, part, sink_);
   length_ += part.length;
 }
 

@@ -37,19 +37,15 @@ bool DataDelivery::canBeHeld(const DataPart& part) {
   return part.length <= kMostHeld;
 }
 
-void DataDelivery::deliver(const FoundBlock& block, const DataPart& part, DataSink& sink) {
-  if (part.compressed) {
-    deliverInflated(block, part, sink);
-  } else {
-    deliverPlain(block, part, sink);
-  }
+bool DataDelivery::deliver(const FoundBlock& block, const DataPart& part, DataSink& sink) {
+  return part.compressed ? deliverInflated(block, part, sink) : deliverPlain(block, part, sink);
 }
 
-void DataDelivery::deliverPlain(const FoundBlock& block, const DataPart& part, DataSink& sink) {
+bool DataDelivery::deliverPlain(const FoundBlock& block, const DataPart& part, DataSink& sink) {
   if (!sink.wantsBytes()) {
     sink.skip(part.length);
     progress_(part.stored);
-    return;
+    return true;
   }
   need(buffer_.reserve(kPieceSize));
   for (std::uint64_t done = 0; done < part.length;) {
@@ -60,15 +56,16 @@ void DataDelivery::deliverPlain(const FoundBlock& block, const DataPart& part, D
                              formatText("%" PRIu64 " bytes", length),
                              "a file that fails to be read");
       sink.skip(part.length - done);
-      return;
+      return false;
     }
     sink.bytes(piece, part.position + done);
     done += length;
     progress_(length);
   }
+  return true;
 }
 
-void DataDelivery::deliverInflated(const FoundBlock& block, const DataPart& part, DataSink& sink) {
+bool DataDelivery::deliverInflated(const FoundBlock& block, const DataPart& part, DataSink& sink) {
   progress_(part.stored);
   if (!charge(part.length)) {
     if (!std::exchange(toldOfBudget_, true)) {
@@ -76,7 +73,7 @@ void DataDelivery::deliverInflated(const FoundBlock& block, const DataPart& part
                                "not inflated, as all that follow: they are too many");
     }
     sink.skip(part.length);
-    return;
+    return true;
   }
   const bool transposed = part.zip.dz_zip_type == kZipTransposeDeflate;
   std::uint64_t delivered = 0;
@@ -98,9 +95,10 @@ void DataDelivery::deliverInflated(const FoundBlock& block, const DataPart& part
     fault = inflater_.inflate(part.position, part.stored, part.length, take);
   }
   if (delivered != part.length) sink.skip(part.length - delivered);
-  if (fault.empty()) return;
+  if (fault.empty()) return true;
   walk_.findings().error(part.position, fieldName(block.type, "compressed data"),
                          formatText("%" PRIu64 " bytes, inflated", part.length), fault);
+  return false;
 }
 
 // Puts the whole of a block that can be held into `rows`. "" or what is wrong with it.

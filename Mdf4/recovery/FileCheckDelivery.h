@@ -43,8 +43,8 @@ class DataDelivery {
   // `progress` is told of bytes of the file, as they are done with.
   DataDelivery(BlockWalk& walk, std::function<void(std::uint64_t)> progress);
 
-  // Hands the block's bytes to the sink, and enters what is wrong with them.
-  void deliver(const FoundBlock& block, const DataPart& part, DataSink& sink);
+  // Hands the block's bytes to the sink, and enters what is wrong with them. False when there was.
+  bool deliver(const FoundBlock& block, const DataPart& part, DataSink& sink);
   // The whole of a compressed block in order. False when it is damaged, is too large to be held or
   // too much was inflated already.
   bool inflate(const DataPart& part, ByteBuffer& out);
@@ -52,8 +52,8 @@ class DataDelivery {
   static bool canBeHeld(const DataPart& part);
 
  private:
-  void deliverPlain(const FoundBlock& block, const DataPart& part, DataSink& sink);
-  void deliverInflated(const FoundBlock& block, const DataPart& part, DataSink& sink);
+  bool deliverPlain(const FoundBlock& block, const DataPart& part, DataSink& sink);
+  bool deliverInflated(const FoundBlock& block, const DataPart& part, DataSink& sink);
   std::string inflateRows(PieceInflater& inflater, const DataPart& part, ByteBuffer& rows);
   bool charge(std::uint64_t bytes);
 

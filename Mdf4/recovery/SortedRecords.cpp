@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cinttypes>
 
 #include "Mdf4/format/Diagnostics.h"
@@ -68,6 +69,7 @@ bool SortedRecords::copyBlock(const ChainBlock& found, const Done& done) {
 // page by page: what it did not reach begins with one, and is zeros when blocks behind it were
 // written before. Zeros that are less than a record may as well be its end.
 std::uint64_t SortedRecords::writtenBytes(const ChainBlock& block) {
+  assert(size_ != 0);
   constexpr std::uint64_t kPage = 4096;
   if (!isPlainData(block.type)) return block.bytes;
   const std::uint64_t start = block.position + kBlockHeaderSize;

@@ -226,9 +226,13 @@ void TreeCopy::followLinks(std::size_t block, std::size_t group) {
   }
 }
 
-// Follows the link and all that are met on the way.
-void TreeCopy::follow(Step first) {
+void TreeCopy::follow(const Step& first) {
   steps_.push_back(first);
+  followSteps();
+}
+
+// Follows the links that wait, and all that are met on the way.
+void TreeCopy::followSteps() {
   while (!steps_.empty()) {
     const Step step = steps_.back();
     steps_.pop_back();
@@ -387,8 +391,7 @@ void TreeCopy::readHeader() {
   lastData_ = 0;
   readGroups(firstGroup, kHD);
   followLinks(0, kNone);
-  const std::vector<Step> first = std::exchange(steps_, {});
-  for (auto step = first.rbegin(); step != first.rend(); ++step) follow(*step);
+  followSteps();
 }
 
 void TreeCopy::readGroups(std::uint64_t first, std::uint16_t from) {

@@ -122,7 +122,8 @@ class TreeCopy {
   bool load(std::uint64_t position, std::uint16_t from, std::size_t index, PlannedBlock& block);
   std::size_t place(PlannedBlock block);
   std::uint64_t takeOver(std::uint64_t position, std::uint16_t from, std::size_t index, int depth);
-  void follow(Step first);
+  void follow(const Step& first);
+  void followSteps();
   void followChannel(const Step& step, PlannedBlock loaded);
   void followLinks(std::size_t block, std::size_t group);
   void readGroups(std::uint64_t first, std::uint16_t from);
