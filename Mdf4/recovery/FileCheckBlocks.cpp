@@ -29,14 +29,16 @@ bool BlockWalk::read(std::uint64_t position, std::uint64_t length, void* bytes) 
 }
 
 BlockLink BlockWalk::link(const FoundBlock& block, std::size_t index) {
-  BlockLink link = {block.type, index, block.position + kBlockHeaderSize + index * kLinkSize, 0};
-  if (index < block.links) read(link.position, sizeof link.target, &link.target);
+  BlockLink link = {block.type, index, block.position, 0};
+  if (index >= block.links) return link;
+  link.position += kBlockHeaderSize + index * kLinkSize;
+  read(link.position, sizeof link.target, &link.target);
   return link;
 }
 
 void BlockWalk::enter(const FoundBlock& block, const FieldFaults& faults) {
   for (const FieldFault& fault : faults) {
-    const std::uint64_t position = block.dataPosition() + fault.offset;
+    const std::uint64_t position = block.field(fault.offset);
     std::string what = fieldName(block.type, fault.field);
     if (fault.error) {
       findings_.error(position, std::move(what), fault.expected, fault.found);

@@ -1,7 +1,8 @@
 // How a check goes from link to block: what every block must be, whatever its kind.
 #pragma once
 
-#include <array>
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -48,6 +49,10 @@ struct FoundBlock {
 
   std::uint64_t dataPosition() const { return position + kBlockHeaderSize + links * kLinkSize; }
   std::uint64_t end() const { return dataPosition() + dataBytes; }
+  // Of a field of the record, as far as the block goes.
+  std::uint64_t field(std::size_t offset) const {
+    return std::min<std::uint64_t>(dataPosition() + offset, end());
+  }
   BlockRoom room() const { return {links, dataBytes}; }
 };
 

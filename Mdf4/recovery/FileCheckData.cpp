@@ -67,11 +67,11 @@ void DataWalk::finish() {
 void DataWalk::openHeader(const FoundBlock& block) {
   const auto record = walk_.record<m4HLRecord>(block);
   if (record.hl_zip_type > kZipTransposeDeflate) {
-    walk_.findings().error(block.dataPosition() + offsetof(m4HLRecord, hl_zip_type),
+    walk_.findings().error(block.field(offsetof(m4HLRecord, hl_zip_type)),
                            fieldName(kHL, "hl_zip_type"), "at most 1",
                            std::to_string(record.hl_zip_type));
   }
-  walk_.checkReserved(block.dataPosition() + offsetof(m4HLRecord, hl_reserved), kHL, "hl_reserved",
+  walk_.checkReserved(block.field(offsetof(m4HLRecord, hl_reserved)), kHL, "hl_reserved",
                       bytesOf(record.hl_reserved));
   zipType_ = record.hl_zip_type;
   link_ = walk_.link(block, link::hl_dl_first);
@@ -91,8 +91,8 @@ void DataWalk::openList(const FoundBlock& block) {
     const auto record = walk_.record<m4DLRecord>(block);
     list_.count = record.dl_count;
     list_.equal = (record.dl_flags & kDlFlagEqualLength) != 0;
-    walk_.checkReserved(block.dataPosition() + offsetof(m4DLRecord, dl_reserved), kDL,
-                        "dl_reserved", bytesOf(record.dl_reserved));
+    walk_.checkReserved(block.field(offsetof(m4DLRecord, dl_reserved)), kDL, "dl_reserved",
+                        bytesOf(record.dl_reserved));
   }
   checkCount();
   checkLengths();
@@ -118,9 +118,8 @@ void DataWalk::checkCount() {
   const std::uint64_t room = list_.marks ? links / 2 : links;
   list_.entries = std::min(list_.count, room);
   if (list_.count == room || (list_.last && walk_.announced(Unfinished::LastList))) return;
-  const std::uint64_t position =
-      list_.block.dataPosition() +
-      (list_.columns ? offsetof(m4LDRecord, ld_count) : offsetof(m4DLRecord, dl_count));
+  const std::uint64_t position = list_.block.field(list_.columns ? offsetof(m4LDRecord, ld_count)
+                                                                 : offsetof(m4DLRecord, dl_count));
   const std::string expected = formatText("%" PRIu64 ", as the block has links", room);
   if (list_.count > room) {
     walk_.findings().error(position, listField("count"), expected, std::to_string(list_.count));
@@ -130,7 +129,7 @@ void DataWalk::checkCount() {
 }
 
 void DataWalk::checkLengths() {
-  const std::uint64_t position = list_.block.dataPosition() + sizeof(m4DLRecord);
+  const std::uint64_t position = list_.block.field(sizeof(m4DLRecord));
   const std::uint64_t room =
       (list_.block.dataBytes - std::min<std::uint64_t>(list_.block.dataBytes, sizeof(m4DLRecord))) /
       sizeof(std::uint64_t);
@@ -247,7 +246,7 @@ bool DataWalk::partOf(const FoundBlock& block, DataPart& part) {
   part.length = part.zip.dz_org_data_length;
   if (zipType_ >= 0 && zipType_ != part.zip.dz_zip_type) {
     walk_.findings().warning(
-        block.dataPosition() + offsetof(m4DZRecord, dz_zip_type), fieldName(kDZ, "dz_zip_type"),
+        block.field(offsetof(m4DZRecord, dz_zip_type)), fieldName(kDZ, "dz_zip_type"),
         formatText("%d, as the HL block states", zipType_), std::to_string(part.zip.dz_zip_type));
     zipType_ = -1;
   }

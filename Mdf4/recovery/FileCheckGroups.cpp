@@ -26,8 +26,8 @@ void FileCheckTree::checkDataGroup(const FoundBlock& block) {
     walk_.findings().error(block.dataPosition(), fieldName(block.type, "dg_rec_id_size"),
                            "0, 1, 2, 4 or 8", std::to_string(idSize));
   }
-  walk_.checkReserved(block.dataPosition() + offsetof(m4DGRecord, dg_reserved), block.type,
-                      "dg_reserved", bytesOf(group.record.dg_reserved));
+  walk_.checkReserved(block.field(offsetof(m4DGRecord, dg_reserved)), block.type, "dg_reserved",
+                      bytesOf(group.record.dg_reserved));
   shareTexts(block, dg_md_comment, dg_md_comment);
   chain(walk_.link(block, dg_cg_first), cg_cg_next,
         [&](const FoundBlock& next) { checkGroup(next, group); });
@@ -48,7 +48,7 @@ void FileCheckTree::checkRecordIds(const CheckedDataGroup& group) {
   for (const CheckedGroup& each : group.groups) {
     if (idSize == 0) break;
     const std::uint64_t id = each.record.cg_record_id;
-    const std::uint64_t position = each.block.dataPosition() + offsetof(m4CGRecord, cg_record_id);
+    const std::uint64_t position = each.block.field(offsetof(m4CGRecord, cg_record_id));
     if (idSize < sizeof id && id >> (8 * idSize) != 0) {
       walk_.findings().error(position, fieldName(each.block.type, "cg_record_id"),
                              formatText("a number of %u bytes", unsigned{idSize}),
@@ -63,8 +63,8 @@ void FileCheckTree::checkRecordIds(const CheckedDataGroup& group) {
 
 void FileCheckTree::checkGroup(const FoundBlock& block, CheckedDataGroup& parent) {
   CheckedGroup group = {block, walk_.record<m4CGRecord>(block)};
-  walk_.checkReserved(block.dataPosition() + offsetof(m4CGRecord, cg_reserved), block.type,
-                      "cg_reserved", bytesOf(group.record.cg_reserved));
+  walk_.checkReserved(block.field(offsetof(m4CGRecord, cg_reserved)), block.type, "cg_reserved",
+                      bytesOf(group.record.cg_reserved));
   walk_.shareText(walk_.link(block, cg_tx_acq_name));
   checkSource(walk_.link(block, cg_si_acq_source));
   walk_.shareText(walk_.link(block, cg_md_comment));
@@ -88,8 +88,8 @@ void FileCheckTree::checkReduction(const FoundBlock& block, const CheckedGroup& 
   constexpr std::uint8_t kInvalidation = 0x1;
   constexpr std::uint64_t kParts = 3;  // mean, least and greatest value
   CheckedReduction reduction = {block, walk_.record<m4SRRecord>(block)};
-  walk_.checkReserved(block.dataPosition() + offsetof(m4SRRecord, sr_reserved), block.type,
-                      "sr_reserved", bytesOf(reduction.record.sr_reserved));
+  walk_.checkReserved(block.field(offsetof(m4SRRecord, sr_reserved)), block.type, "sr_reserved",
+                      bytesOf(reduction.record.sr_reserved));
   reduction.recordSize = kParts * group.record.cg_data_bytes;
   if ((reduction.record.sr_flags & kInvalidation) != 0) {
     reduction.recordSize += group.record.cg_inval_bytes;
@@ -150,15 +150,14 @@ void FileCheckTree::checkPlace(const FoundBlock& block, const m4CNRecord& channe
   if (!isVirtual(channel) &&
       !liesInside(channel, textAt(walk_.link(block, cn_tx_name).target), size)) {
     walk_.findings().error(
-        block.dataPosition() + offsetof(m4CNRecord, cn_byte_offset),
-        fieldName(block.type, "cn_byte_offset"),
+        block.field(offsetof(m4CNRecord, cn_byte_offset)), fieldName(block.type, "cn_byte_offset"),
         formatText("a place inside the record of %u bytes", unsigned{size}),
         formatText("%u bits at byte %u, bit %u", unsigned{channel.cn_bit_count},
                    unsigned{channel.cn_byte_offset}, unsigned{channel.cn_bit_offset}));
   }
   if (!invalidationBitLiesInside(channel, group.record.cg_inval_bytes)) {
     walk_.findings().error(
-        block.dataPosition() + offsetof(m4CNRecord, cn_inval_bit_pos),
+        block.field(offsetof(m4CNRecord, cn_inval_bit_pos)),
         fieldName(block.type, "cn_inval_bit_pos"),
         formatText("a bit of %u invalidation bytes", unsigned{group.record.cg_inval_bytes}),
         std::to_string(channel.cn_inval_bit_pos));

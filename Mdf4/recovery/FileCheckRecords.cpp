@@ -12,7 +12,7 @@ namespace {
 constexpr std::uint64_t kPrefixSize = sizeof(std::uint32_t);  // of a variable-length value
 
 std::uint64_t cycleCountPosition(const CheckedGroup& group) {
-  return group.block.dataPosition() + offsetof(m4CGRecord, cg_cycle_count);
+  return group.block.field(offsetof(m4CGRecord, cg_cycle_count));
 }
 
 }  // namespace
@@ -199,7 +199,7 @@ void UnsortedRecords::checkCounts(const Group& group) {
       bytes == group.valueBytes || bytes == group.valueBytes + kPrefixSize * records) {
     return;
   }
-  walk_.findings().error(stated.block.dataPosition() + offsetof(m4CGRecord, cg_data_bytes),
+  walk_.findings().error(stated.block.field(offsetof(m4CGRecord, cg_data_bytes)),
                          fieldName(block_type::kCG, "cg_data_bytes and cg_inval_bytes"),
                          formatText("%" PRIu64 ", the bytes of the values", group.valueBytes),
                          std::to_string(bytes));
@@ -213,7 +213,7 @@ void ReductionRecords::end(bool complete) {
       (records == stated && total_ == (size == 0 ? 0 : records * size))) {
     return;
   }
-  walk_.findings().error(reduction_.block.dataPosition() + offsetof(m4SRRecord, sr_cycle_count),
+  walk_.findings().error(reduction_.block.field(offsetof(m4SRRecord, sr_cycle_count)),
                          fieldName(block_type::kSR, "sr_cycle_count"),
                          formatText("%" PRIu64 ", for %" PRIu64 " bytes of records of %" PRIu64,
                                     records, total_, size),

@@ -22,8 +22,8 @@ void FileCheckTree::check() {
   const std::optional<FoundBlock> header = walk_.enterBlock(root);
   if (!header) return;
   const auto record = walk_.record<m4HDRecord>(*header);
-  walk_.checkReserved(header->dataPosition() + offsetof(m4HDRecord, hd_reserved), header->type,
-                      "hd_reserved", bytesOf(record.hd_reserved));
+  walk_.checkReserved(header->field(offsetof(m4HDRecord, hd_reserved)), header->type, "hd_reserved",
+                      bytesOf(record.hd_reserved));
   shareTexts(*header, hd_md_comment, hd_md_comment);
   chain(walk_.link(*header, hd_fh_first), fh_fh_next,
         [this](const FoundBlock& block) { checkHistory(block); });
@@ -38,8 +38,8 @@ void FileCheckTree::check() {
 
 void FileCheckTree::checkHistory(const FoundBlock& block) {
   const auto record = walk_.record<m4FHRecord>(block);
-  walk_.checkReserved(block.dataPosition() + offsetof(m4FHRecord, fh_reserved), block.type,
-                      "fh_reserved", bytesOf(record.fh_reserved));
+  walk_.checkReserved(block.field(offsetof(m4FHRecord, fh_reserved)), block.type, "fh_reserved",
+                      bytesOf(record.fh_reserved));
   shareTexts(block, fh_md_comment, fh_md_comment);
 }
 
@@ -95,8 +95,8 @@ void FileCheckTree::checkSource(const BlockLink& link) {
   const std::optional<FoundBlock> block = walk_.shareBlock(link);
   if (!block) return;
   const auto record = walk_.record<m4SIRecord>(*block);
-  walk_.checkReserved(block->dataPosition() + offsetof(m4SIRecord, si_reserved), block->type,
-                      "si_reserved", bytesOf(record.si_reserved));
+  walk_.checkReserved(block->field(offsetof(m4SIRecord, si_reserved)), block->type, "si_reserved",
+                      bytesOf(record.si_reserved));
   shareTexts(*block, si_tx_name, si_md_comment);
 }
 

@@ -17,25 +17,29 @@ std::uint32_t bytesOf(std::uint32_t bitOffset, std::uint32_t bits) {
   return bitOffset / 8 + (bitOffset % 8 + bits + 7) / 8;
 }
 
-// What the conversion makes of numbers that rise: 1 rising ones, -1 falling ones, 0 anything.
-int directionOf(BlockWalk& walk, const BlockLink& link) {
-  if (link.target == 0) return 1;
+// A linear conversion; none when there is another one.
+struct Linear {
+  double summand = 0;
+  double factor = 1;
+};
+std::optional<Linear> conversionAt(BlockWalk& walk, const BlockLink& link) {
+  Linear linear;
+  if (link.target == 0) return linear;
   BlockHeader header;
-  if (walk.kindAt(link) != block_type::kCC || !walk.read(link.target, sizeof header, &header)) {
-    return 0;
-  }
   std::uint64_t length = 0;
-  if (!header.dataLength(length)) return 0;
+  if (walk.kindAt(link) != block_type::kCC || !walk.read(link.target, sizeof header, &header) ||
+      !header.dataLength(length)) {
+    return std::nullopt;
+  }
   const std::uint64_t position = link.target + kBlockHeaderSize + header.linkCount * kLinkSize;
   m4CCRecord record;
-  if (length < sizeof record || !walk.read(position, sizeof record, &record)) return 0;
-  if (record.cc_type == conversion_type::kIdentity) return 1;
-  double factor = 0;
-  if (record.cc_type != conversion_type::kLinear ||
-      !walk.read(position + sizeof record + sizeof factor, sizeof factor, &factor)) {
-    return 0;
+  if (length < sizeof record || !walk.read(position, sizeof record, &record)) return std::nullopt;
+  if (record.cc_type == conversion_type::kIdentity) return linear;
+  if (record.cc_type != conversion_type::kLinear || length < sizeof record + sizeof linear ||
+      !walk.read(position + sizeof record, sizeof linear, &linear)) {
+    return std::nullopt;
   }
-  return factor > 0 ? 1 : factor < 0 ? -1 : 0;
+  return linear;
 }
 
 }  // namespace
@@ -111,15 +115,17 @@ RecordWatch::Field RecordWatch::field(std::uint64_t offset, std::uint32_t length
 void RecordWatch::watchTime(const WatchedChannel& channel) {
   constexpr std::uint8_t kFloat = 4;  // little-endian
   const m4CNRecord& record = channel.record;
-  const int direction = directionOf(walk_, walk_.link(channel.block, link::cn_cc_conversion));
+  const std::optional<Linear> linear =
+      conversionAt(walk_, walk_.link(channel.block, link::cn_cc_conversion));
   const std::uint32_t length = bytesOf(record.cn_bit_offset, record.cn_bit_count);
-  if (direction == 0 || record.cn_bit_count == 0 || record.cn_bit_count > 64 ||
-      length > dataBytes_ || record.cn_byte_offset > dataBytes_ - length) {
+  if (!linear || record.cn_bit_count == 0 || record.cn_bit_count > 64 || length > dataBytes_ ||
+      record.cn_byte_offset > dataBytes_ - length) {
     return;
   }
   Time time;
   time.field = field(record.cn_byte_offset, length);
-  time.falling = direction < 0;
+  time.summand = linear->summand;
+  time.factor = linear->factor;
   time.plain =
       record.cn_data_type == kFloat && record.cn_bit_count == 64 && record.cn_bit_offset == 0;
   time.channel.dataType = record.cn_data_type;
@@ -179,14 +185,15 @@ void RecordWatch::look(View record, std::uint64_t position) {
       std::memcpy(&time, bytes, sizeof time);
       lookAtTime(time, position);
     } else if (time_->channel.convertToPhysical(bytes, time_->field.length, time, text)) {
-      lookAtTime(time_->falling ? -time : time, position);
+      lookAtTime(time, position);
     }
   }
   for (Value& value : values_) lookAtValue(value, record, position);
 }
 
-void RecordWatch::lookAtTime(double time, std::uint64_t position) {
+void RecordWatch::lookAtTime(double stored, std::uint64_t position) {
   Time& times = *time_;
+  const double time = stored * times.factor + times.summand;
   // Written so that what is no number does not rise.
   if (records_ != 0 && !(time >= times.last)) {
     if (times.notRising++ == 0) {

@@ -86,8 +86,9 @@ class RecordWatch {
   struct Time {
     Field field;
     MdfSigCCInfo channel;
-    bool plain = false;    // a float64 as it stands
-    bool falling = false;  // the conversion turns rising numbers into falling times
+    bool plain = false;  // a float64 as it stands
+    double summand = 0;  // of the conversion
+    double factor = 1;
     double last = 0;
     std::uint64_t notRising = 0;
     std::uint64_t firstPosition = 0;

@@ -5,7 +5,6 @@
 #include <cinttypes>
 #include <cmath>
 #include <string>
-#include <tuple>
 
 #include "Mdf4/format/BlockLoader.h"
 #include "Mdf4/format/Diagnostics.h"
@@ -91,7 +90,9 @@ const SourceGroup* LooseBlocks::sortedGroup(const SourceData& data) const {
 // counted them.
 bool LooseBlocks::misses(const SourceData& data, const DataRun& run) const {
   const SourceGroup* const group = sortedGroup(data);
-  if (group == nullptr || data.isLost) return run.broken || unfinished_ || data.isLost;
+  if (data.isLost) return true;
+  if (!run.broken && run.lastList == 0 && run.blocks != 0) return false;  // one block is all
+  if (group == nullptr) return run.broken || unfinished_;
   const std::uint64_t counted = group->record.cg_cycle_count;
   if (counted == 0) return data.dataLink != 0;
   return counted > run.bytes / group->recordSize();
@@ -143,61 +144,78 @@ std::optional<LooseBlocks::Times> LooseBlocks::timesOf(const SourceGroup& group,
   return times;
 }
 
-// The data group that a block belongs to. Blocks of its run hold `expected` bytes, but for the
-// last.
+// Whether another group holds the same kind of frames: then each has those of one source.
+bool LooseBlocks::sharesItsLayout(const SourceGroup& group) const {
+  return std::ranges::any_of(tree_.groups(), [&](const SourceGroup& other) {
+    return &other != &group && other.recordSize() == group.recordSize() &&
+           other.report.name == group.report.name;
+  });
+}
+
+// How well a block goes with a sorted group whose blocks hold `expected` bytes, but for the last;
+// nothing when it does not.
+std::optional<LooseBlocks::Rank> LooseBlocks::rankOf(const SourceGroup& group, const DataRun& run,
+                                                     const ChainBlock& block,
+                                                     std::uint64_t expected) {
+  constexpr std::uint64_t kRecordsPerBlock = 512;  // as tolvex records
+  const std::uint64_t size = group.recordSize();
+  const std::uint64_t counted = group.record.cg_cycle_count;
+  const std::uint64_t records = (run.bytes + block.bytes) / size;
+  if (expected < size) return std::nullopt;
+  Rank rank;
+  if (run.equalLength != 0) {
+    rank.full = expected == run.equalLength;
+    if (!rank.full && (expected > run.equalLength || expected % size != 0)) return std::nullopt;
+  } else {
+    rank.full = expected == kRecordsPerBlock * size;
+    if (!rank.full && (expected % size != 0 || records > counted)) return std::nullopt;
+  }
+  if (run.first && (group.busChannel.bits != 0 || group.direction.bits != 0)) {
+    rank.sameBus = sameBus(group, *run.first, block);
+    if (!rank.sameBus && sharesItsLayout(group)) return std::nullopt;
+  }
+  // The first block of a list is put directly behind it.
+  constexpr std::uint64_t kPadding = 2 * kAlignment;
+  rank.behindList = run.lastList != 0 && (!run.last || run.last->position < run.lastList) &&
+                    block.position >= run.lastListEnd &&
+                    block.position - run.lastListEnd < kPadding;
+  rank.complete = counted != 0 && counted == records;
+  const std::optional<Times> times = timesOf(group, block);
+  const std::optional<Times> before = run.last ? timesOf(group, *run.last) : std::nullopt;
+  if (times && before) {
+    const bool paced = times->spacing > 0 && before->spacing > 0;
+    const double slower = paced ? std::abs(std::log2(times->spacing / before->spacing)) : 0;
+    const double pause = times->first - before->last;
+    rank.goesOn = pause >= 0 && slower < 1;
+    rank.nearness = -std::abs(pause);
+  }
+  if (run.last) rank.waiting = -static_cast<double>(run.last->position);
+  return rank;
+}
+
+// The data group that a block belongs to.
 std::optional<std::size_t> LooseBlocks::ownerOf(const ChainBlock& block, std::uint64_t expected,
                                                 const std::vector<std::size_t>& runs) {
-  // Better candidates compare greater: what decides first stands first.
-  using Rank = std::tuple<bool, bool, bool, bool, bool, double, double>;
-  std::optional<std::size_t> owner;
-  Rank best;
   constexpr std::uint64_t kMostEffort = 20'000'000;
   effort_ += runs.size();
   if (effort_ > kMostEffort) return std::nullopt;
+  std::optional<std::size_t> owner;
+  Rank best;
   for (std::size_t i = 0; i < runs.size(); ++i) {
     const SourceData& data = tree_.data()[i];
     const DataRun& run = survey_.runs()[runs[i]];
     if (!misses(data, run)) continue;
     if (!run.broken && run.last && block.position < run.last->position) continue;
     if (!run.broken && block.position < run.lastList) continue;
-    const SourceGroup* const group = sortedGroup(data);
-    Rank rank = {};
-    if (group == nullptr) {
-      rank = {false, false, false, false, false, 0, 0};
+    std::optional<Rank> rank;
+    if (const SourceGroup* const group = sortedGroup(data)) {
+      rank = rankOf(*group, run, block, expected);
     } else {
-      const std::uint64_t size = group->recordSize();
-      const bool full = run.equalLength != 0 ? expected == run.equalLength : expected % size == 0;
-      const bool part = run.equalLength != 0 && expected < run.equalLength && expected % size == 0;
-      if (expected < size || (!full && !part)) continue;
-      const bool isBus = group->busChannel.bits != 0 || group->direction.bits != 0;
-      const bool known = isBus && run.first;
-      if (known && !sameBus(*group, *run.first, block)) continue;
-      // The first block of a list is put directly behind it.
-      constexpr std::uint64_t kPadding = 2 * kAlignment;
-      const bool behindList =
-          run.lastList != 0 && (!run.last || run.last->position < run.lastList) &&
-          block.position >= run.lastListEnd && block.position - run.lastListEnd < kPadding;
-      const std::optional<Times> times = timesOf(*group, block);
-      const std::optional<Times> before = run.last ? timesOf(*group, *run.last) : std::nullopt;
-      const bool comparable = times && before;
-      const double pause = comparable ? times->first - before->last : 0;
-      const double slower = comparable && times->spacing > 0 && before->spacing > 0
-                                ? std::abs(std::log2(times->spacing / before->spacing))
-                                : 0;
-      const bool rising = !comparable || pause >= 0;
-      const bool counted = group->record.cg_cycle_count != 0 &&
-                           group->record.cg_cycle_count == (run.bytes + block.bytes) / size;
-      rank = {behindList,
-              full,
-              known,
-              counted,
-              rising && slower < 1,
-              -std::abs(pause),
-              run.last ? -static_cast<double>(run.last->position) : 0};
+      rank.emplace().nearness = -static_cast<double>(block.position - run.lastList);
     }
-    if (owner && rank <= best) continue;
+    if (!rank || (owner && *rank <= best)) continue;
     owner = i;
-    best = rank;
+    best = *rank;
   }
   return owner;
 }
@@ -214,7 +232,18 @@ std::optional<std::size_t> LooseBlocks::ownerOfList(std::uint64_t position,
   return ownerOf(block, chain.equalLength() != 0 ? chain.equalLength() : block.bytes, runs);
 }
 
-void LooseBlocks::assign(const std::vector<std::size_t>& runs, MdfRecoveryReport& report) {
+// Gives a block whose length was not written yet all bytes up to the next block.
+void LooseBlocks::extend(ChainBlock& block) {
+  const std::uint64_t end = block.position + block.size;
+  std::uint64_t limit = owned_.nextOwned(end, in_.end());
+  if (const std::uint64_t next = find(end, isKnownBlock); next != 0) limit = std::min(limit, next);
+  if (limit - end < kBlockHeaderSize) return;
+  block.size += limit - end;
+  block.bytes += limit - end;
+}
+
+void LooseBlocks::assign(const std::vector<std::size_t>& runs, bool openEnds,
+                         MdfRecoveryReport& report) {
   std::uint64_t blocks = 0;
   std::uint64_t bytes = 0;
   std::uint64_t first = 0;
@@ -225,6 +254,7 @@ void LooseBlocks::assign(const std::vector<std::size_t>& runs, MdfRecoveryReport
     // A block that is cut still states how long it was to be.
     BlockHeader header;
     in_.ReadAt(at, kBlockHeaderSize, &header);
+    if (openEnds && isPlainData(block.type)) extend(block);
     const std::uint64_t stated = block.cut ? header.length - kBlockHeaderSize : block.bytes;
     const std::optional<std::size_t> owner =
         block.kind == ChainBlock::Data ? ownerOf(block, stated, runs) : std::nullopt;

@@ -1,6 +1,7 @@
 // Finds the data blocks that no list names, and the groups that they belong to.
 #pragma once
 
+#include <compare>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -32,8 +33,9 @@ class LooseBlocks {
   std::uint64_t find(std::uint64_t from, bool (*wanted)(std::uint16_t type));
   // The same behind the block at the position.
   std::uint64_t findBehind(std::uint64_t position, bool (*wanted)(std::uint16_t type));
-  // Gives the data blocks to their groups. Notes in `report` those that it cannot.
-  void assign(const std::vector<std::size_t>& runs, MdfRecoveryReport& report);
+  // Gives the data blocks to their groups. Notes in `report` those that it cannot. With `openEnds`
+  // a block may be longer than it says.
+  void assign(const std::vector<std::size_t>& runs, bool openEnds, MdfRecoveryReport& report);
   // The data group whose list the block at the position is; nothing when there is none.
   std::optional<std::size_t> ownerOfList(std::uint64_t position,
                                          const std::vector<std::size_t>& runs);
@@ -45,7 +47,23 @@ class LooseBlocks {
     double spacing = 0;  // from record to record, on average
   };
 
+  void extend(ChainBlock& block);
   std::uint64_t nextMarker(std::uint64_t at, std::uint64_t end);
+  // What speaks for a group, the most telling first.
+  struct Rank {
+    bool behindList = false;  // the block stands where the group's next one would be put
+    bool full = false;        // it is as long as the group's blocks are
+    bool sameBus = false;
+    bool complete = false;  // with it the group has all records that it counts
+    bool goesOn = false;    // its times go on where the group's end, at the same pace
+    double nearness = 0;    // of the times, or of the list
+    double waiting = 0;     // how far the group's last block lies in front
+    auto operator<=>(const Rank&) const = default;
+  };
+
+  bool sharesItsLayout(const SourceGroup& group) const;
+  std::optional<Rank> rankOf(const SourceGroup& group, const DataRun& run, const ChainBlock& block,
+                             std::uint64_t expected);
   std::optional<std::size_t> ownerOf(const ChainBlock& block, std::uint64_t expected,
                                      const std::vector<std::size_t>& runs);
   bool misses(const SourceData& data, const DataRun& run) const;

@@ -203,7 +203,8 @@ void Recovery::adoptLost() {
       survey_->walk();
     }
   }
-  loose.assign(runs_, report_);
+  const bool openEnds = unfinished_ && (id_.id_unfin_flags & kLastDataLength) != 0;
+  loose.assign(runs_, openEnds, report_);
 }
 
 void Recovery::advance(std::uint64_t bytes) {
@@ -216,6 +217,9 @@ void Recovery::advance(std::uint64_t bytes) {
 }
 
 bool Recovery::copyData() {
+  for (SourceGroup& group : tree_->groups()) {
+    if (!group.holdsValues() && group.recordSize() != 0) tree_->setCycleCount(group, 0);
+  }
   for (std::size_t i = 0; i < tree_->data().size(); ++i) {
     const SourceData& data = tree_->data()[i];
     const std::size_t run = runs_[i];
@@ -225,10 +229,9 @@ bool Recovery::copyData() {
                                    data.position));
       continue;
     }
-    const bool sorted = data.groups.size() == 1 && data.recordIdSize == 0;
-    if (sorted ? !copySorted(tree_->groups()[data.groups[0]], run) : !copyUnsorted(data, run)) {
-      return false;
-    }
+    SourceGroup& group = tree_->groups()[data.groups[0]];
+    const bool sorted = data.groups.size() == 1 && data.recordIdSize == 0 && !group.holdsValues();
+    if (sorted ? !copySorted(group, run) : !copyUnsorted(data, run)) return false;
   }
   return true;
 }
@@ -455,7 +458,8 @@ void Recovery::run(const std::string& input, const std::string& output) {
   survey();
   extendLast();
   adoptLost();
-  if (tree_->groups().empty()) {
+  const std::vector<SourceGroup>& groups = tree_->groups();
+  if (std::ranges::all_of(groups, [](const SourceGroup& group) { return group.holdsValues(); })) {
     report_.failure = "nothing usable: no channel group was found";
     return;
   }
@@ -463,7 +467,7 @@ void Recovery::run(const std::string& input, const std::string& output) {
     report_.failure = out_.writeError().empty() ? "the input cannot be read" : out_.writeError();
     return;
   }
-  for (const SourceGroup& group : tree_->groups()) {
+  for (const SourceGroup& group : groups) {
     if (!group.holdsValues()) report_.groups.push_back(group.report);
   }
   if (options_.progress) options_.progress(in_.end(), in_.end());

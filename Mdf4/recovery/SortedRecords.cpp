@@ -4,6 +4,7 @@
 #include <array>
 #include <cassert>
 #include <cinttypes>
+#include <optional>
 
 #include "Mdf4/format/Diagnostics.h"
 #include "Mdf4/recovery/BlockBytes.h"
@@ -51,7 +52,10 @@ bool SortedRecords::copyBlock(const ChainBlock& found, const Done& done) {
   bool read = whole != 0 || block.bytes == 0;
   while (read && bytes.left() != 0 && !ended_) {
     const std::uint64_t count = std::min(std::max(kPiece / size_, kOne) * size_, bytes.left());
-    if (!takePiece(bytes, count, read)) return false;
+    const bool plain = isPlainData(block.type) && !block.columns;
+    const std::uint64_t position =
+        plain ? block.position + kBlockHeaderSize + (whole - bytes.left()) : 0;
+    if (!takePiece(bytes, count, position, read)) return false;
     done(count);
   }
   if (!read) leaveOut(whole == 0 ? block.bytes : bytes.left(), block.position);
@@ -88,30 +92,72 @@ std::uint64_t SortedRecords::writtenBytes(const ChainBlock& block) {
   return end - written < size_ ? block.bytes : (written - start) / size_ * size_;
 }
 
-// The next bytes of a block. `read` becomes false when they cannot be read.
-bool SortedRecords::takePiece(RecordBytes& bytes, std::uint64_t count, bool& read) {
-  if (skip_ != 0) {
-    const std::uint64_t skipped = std::min(skip_, count);
-    piece_.resize(skipped);
-    read = bytes.read(skipped, piece_.data());
+// The next bytes of a block, from `position` of the file on unless that is 0. `read` becomes false
+// when they cannot be read.
+bool SortedRecords::takePiece(RecordBytes& bytes, std::uint64_t count, std::uint64_t position,
+                              bool& read) {
+  if (!oneByOne_ && skip_ == 0) {
+    std::uint8_t* const place = records_.room(count);
+    if (place == nullptr) return false;
+    read = bytes.read(count, place);
     if (!read) return true;
-    skip_ -= skipped;
-    offset_ += skipped;
-    count -= skipped;
-  }
-  if (oneByOne_) {
+    if (position == 0 || !findHole({place, count}, 0, position)) {
+      offset_ += count;
+      return records_.commit(count);
+    }
+    piece_.assign(place, place + count);
+  } else {
     piece_.resize(count);
     read = bytes.read(count, piece_.data());
     if (!read) return true;
-    offset_ += count;
-    return takeRecords(piece_);
   }
-  std::uint8_t* const place = records_.room(count);
-  if (place == nullptr) return false;
-  read = bytes.read(count, place);
-  if (!read) return true;
-  offset_ += count;
-  return records_.commit(count);
+  for (std::uint64_t at = 0; at < count;) {
+    const std::optional<Hole> hole = position == 0 ? std::nullopt : findHole(piece_, at, position);
+    const std::uint64_t end = hole ? hole->start : count;
+    if (!takeBytes(ByteSpan(piece_).subspan(at, end - at))) return false;
+    if (hole) leaveOut(hole->end - hole->start, position + hole->start, "zeros");
+    at = hole ? hole->end : count;
+  }
+  return true;
+}
+
+// Looks, from `from` on, for whole sectors of zeros among records: what a disk or a card lost, or a
+// system that crashed had not written. Their time falls to zero, which tells them from records of
+// zeros.
+std::optional<SortedRecords::Hole> SortedRecords::findHole(ByteSpan bytes, std::uint64_t from,
+                                                           std::uint64_t position) const {
+  constexpr std::uint64_t kSector = 512;
+  const RecordField& time = group_.time;
+  const std::uint64_t timeEnd = time.byteOffset + (time.bits + 7) / 8;
+  if (time.bits == 0 || timeEnd > size_) return std::nullopt;
+  const auto isZero = [](std::uint8_t byte) { return byte == 0; };
+  const std::uint64_t phase = offset_ % size_;  // of bytes[from], in its record
+  std::uint64_t at = from + (kSector - (position + from) % kSector) % kSector;
+  for (; at + sizeof(std::uint64_t) <= bytes.size(); at += kSector) {
+    if (loadNumber<std::uint64_t>(bytes.data() + at) != 0) continue;
+    const auto begin = bytes.begin() + static_cast<std::ptrdiff_t>(at);
+    std::uint64_t end =
+        at + static_cast<std::uint64_t>(std::find_if_not(begin, bytes.end(), isZero) - begin);
+    if (end != bytes.size()) end -= (position + end) % kSector;
+    const std::uint64_t inRecord = (at - from + phase) % size_;
+    const std::uint64_t record = at + (inRecord == 0 ? 0 : size_ - inRecord);  // the next one
+    if (end < at || end - at < kSector || record + size_ > end || record < from + size_) continue;
+    const auto before = bytes.begin() + static_cast<std::ptrdiff_t>(record - size_);
+    if (!std::all_of(before + time.byteOffset, before + static_cast<std::ptrdiff_t>(timeEnd),
+                     isZero)) {
+      return Hole{at, end};
+    }
+  }
+  return std::nullopt;
+}
+
+// Bytes that stand where the next ones belong.
+bool SortedRecords::takeBytes(ByteSpan bytes) {
+  const std::uint64_t skipped = std::min<std::uint64_t>(skip_, bytes.size());
+  skip_ -= skipped;
+  offset_ += bytes.size();
+  bytes = bytes.subspan(skipped);
+  return oneByOne_ ? takeRecords(bytes) : records_.append(bytes);
 }
 
 bool SortedRecords::takeRecords(ByteSpan bytes) {
@@ -139,7 +185,7 @@ bool SortedRecords::takeRecords(ByteSpan bytes) {
 }
 
 // So many bytes, 0: nobody knows how many, that belong here are not there.
-void SortedRecords::leaveOut(std::uint64_t bytes, std::uint64_t position) {
+void SortedRecords::leaveOut(std::uint64_t bytes, std::uint64_t position, const char* what) {
   const std::uint64_t rest = oneByOne_ ? partial_.size() : records_.rest();
   const std::uint64_t begin = offset_ - rest;
   if (!oneByOne_) records_.takeBack(rest);
@@ -151,11 +197,10 @@ void SortedRecords::leaveOut(std::uint64_t bytes, std::uint64_t position) {
   group_.report.lostRecords += lost;
   if (bytes == 0) {
     noteLoss(group_.report,
-             formatText("data block at %" PRIu64 ": it is missing or ends early", position));
+             formatText("%s at %" PRIu64 ": it is missing or ends early", what, position));
   } else {
-    noteLoss(group_.report, formatText("data block at %" PRIu64 ": its %" PRIu64
-                                       " bytes of data, %" PRIu64 " records",
-                                       position, bytes, lost));
+    noteLoss(group_.report, formatText("%s at %" PRIu64 ": %" PRIu64 " bytes, %" PRIu64 " records",
+                                       what, position, bytes, lost));
   }
 }
 

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <vector>
 
 #include "Mdf4/recovery/BlockBytes.h"
@@ -29,9 +30,17 @@ class SortedRecords {
  private:
   bool copyBlock(const ChainBlock& found, const Done& done);
   std::uint64_t writtenBytes(const ChainBlock& block);
-  bool takePiece(RecordBytes& bytes, std::uint64_t count, bool& read);
+  // A part of a piece that holds nothing.
+  struct Hole {
+    std::uint64_t start;
+    std::uint64_t end;
+  };
+
+  bool takePiece(RecordBytes& bytes, std::uint64_t count, std::uint64_t position, bool& read);
+  std::optional<Hole> findHole(ByteSpan bytes, std::uint64_t from, std::uint64_t position) const;
+  bool takeBytes(ByteSpan bytes);
   bool takeRecords(ByteSpan bytes);
-  void leaveOut(std::uint64_t bytes, std::uint64_t position);
+  void leaveOut(std::uint64_t bytes, std::uint64_t position, const char* what = "data block");
 
   DirectFile& in_;
   SourceGroup& group_;

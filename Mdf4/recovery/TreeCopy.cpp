@@ -325,6 +325,14 @@ const char* TreeCopy::misplaced(const SourceGroup& group, const m4CNRecord& chan
       (channel.cn_bit_offset != 0 || channel.cn_bit_count % 8 != 0 || channel.cn_bit_count > 64)) {
     return "an offset of whole bytes";
   }
+  // Values are given offsets of their own.
+  const auto shares = [&](const ValueChannel& other) {
+    return channel.cn_byte_offset < other.byteOffset + other.bytes &&
+           other.byteOffset < channel.cn_byte_offset + channel.cn_bit_count / 8;
+  };
+  if (channel.cn_type == channel_type::kVlsd && std::ranges::any_of(group.values, shares)) {
+    return "no offset that another channel uses";
+  }
   return nullptr;
 }
 
@@ -333,6 +341,7 @@ void TreeCopy::describeChannel(SourceGroup& group, std::size_t block, const m4CN
   if (isMaster(channel)) group.masters |= 1U << channel.cn_sync_type;
   if (channel.cn_type == channel_type::kMaster && channel.cn_sync_type == kSyncTime) {
     group.master = blocks_[block].source;
+    group.time = {channel.cn_byte_offset, channel.cn_bit_offset, channel.cn_bit_count};
   }
   if (channel.cn_type == channel_type::kVlsd) {
     group.values.push_back({block, dataLink, channel.cn_byte_offset, channel.cn_bit_count / 8,

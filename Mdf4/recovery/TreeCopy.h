@@ -24,7 +24,7 @@ struct ValueChannel {
   std::uint32_t invalidBit;
 };
 
-// The number in a record that tells which bus channel or direction a frame has.
+// A number in a record.
 struct RecordField {
   std::uint32_t byteOffset = 0;
   std::uint32_t bitOffset = 0;
@@ -48,6 +48,7 @@ struct SourceGroup {
   std::vector<SampleReduction> reductions;
   std::uint64_t master = 0;   // position of the time master channel; 0: none
   std::uint32_t masters = 0;  // a bit for each kind of master (cn_sync_type) that there is
+  RecordField time;           // of that channel
   RecordField busChannel;
   RecordField direction;
 
