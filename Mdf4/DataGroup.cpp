@@ -44,6 +44,7 @@ std::shared_ptr<DataGroup> DataGroup::createLike(const DataGroup& model,
                                                  const std::shared_ptr<Mdf4File>& file) {
   std::shared_ptr<DataGroup> group = create(file, model.recordsPerBlock_);
   if (group == nullptr) return nullptr;
+  group->source_ = model.source_;
   const ChannelGroup& texts = *model.channelGroup_;
   bool written =
       model.busLog_ == nullptr || group->initBusLog(*model.busLog_, model.maxDataLength_);
@@ -126,7 +127,8 @@ bool DataGroup::addBusLogChannels() {
 bool DataGroup::insertWithWrite(std::uint32_t size, const std::uint8_t* data) {
   if (data == nullptr || size == 0 || size != recordSize_) return false;
   if (stream_ == nullptr) {
-    stream_ = Mdf4DataStream::create(*file_, *block_, std::uint64_t{size} * recordsPerBlock_);
+    stream_ = Mdf4DataStream::create(*file_, *block_,
+                                     {std::uint64_t{size} * recordsPerBlock_, busLog_, source_});
   }
   if (stream_ == nullptr || !stream_->write(data, size, nullptr, 0)) {
     ++lostRecords_;

@@ -35,6 +35,8 @@ class DataGroup {
   bool initCanBugLog(int maxDataLength);
   bool initCanErrorLog(int maxDataLength);
   bool initCanFdErrorLog(int maxDataLength);
+  // Of a bus-log group: the one source that its records, as they state themselves, come from.
+  void setSource(int source) { source_ = source; }
 
   // Appends one record. False when `data` is null, when `size` is not the record's, and when a
   // write fails; nothing is appended then.
@@ -96,6 +98,7 @@ class DataGroup {
   std::uint64_t runningSize_ = 0;         // bytes; where the next channel begins
   const BusLogLayout* busLog_ = nullptr;  // null: an application's group
   int maxDataLength_ = 0;                 // payload bytes of a bus-log group
+  int source_ = BlockOwner::kAnySource;
 };
 
 }  // namespace tolvex

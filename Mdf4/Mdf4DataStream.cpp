@@ -2,23 +2,41 @@
 
 #include <cinttypes>
 #include <utility>
+#include <vector>
 
 #include "Mdf4/Blocks.h"
 #include "Mdf4/format/Diagnostics.h"
 
 namespace tolvex {
 
-std::unique_ptr<Mdf4DataStream> Mdf4DataStream::create(DirectFile& file, CustomDGBlock& group,
-                                                       std::uint64_t capacity) {
+Mdf4DataStream::Mdf4DataStream(Mdf4File& file, Blocks blocks, const BlockOwner& owner)
+    : m4DataStream(file, std::move(blocks)), mdfFile_(file), owner_(owner) {
+  mdfFile_.streams().push_back(this);
+}
+
+Mdf4DataStream::~Mdf4DataStream() {
+  std::erase(mdfFile_.streams(), this);
+}
+
+std::unique_ptr<Mdf4DataStream> Mdf4DataStream::create(Mdf4File& file, CustomDGBlock& group,
+                                                       const BlockOwner& owner) {
   Blocks blocks;
   blocks.data = std::make_unique<M4DTBlock>();
-  if (!blocks.data->reallocate(capacity)) {
-    file.noteWriteError(formatText("no memory for a data block of %" PRIu64 " bytes", capacity));
+  if (!blocks.data->reallocate(owner.capacity)) {
+    file.noteWriteError(
+        formatText("no memory for a data block of %" PRIu64 " bytes", owner.capacity));
     return nullptr;
   }
-  blocks.dataList = std::make_unique<M4DLBlock>(kBlocksPerList, capacity);
+  blocks.dataList = std::make_unique<M4DLBlock>(kBlocksPerList, owner.capacity);
+  bool mistakable = false;
+  for (Mdf4DataStream* const other : file.streams()) {
+    if (!owner.mayBeMistakenFor(other->owner_)) continue;
+    if (!other->nameBlocksAtOnce()) return nullptr;
+    mistakable = true;
+  }
   const std::uint64_t end = file.end();
-  std::unique_ptr<Mdf4DataStream> stream(new Mdf4DataStream(file, std::move(blocks)));
+  std::unique_ptr<Mdf4DataStream> stream(new Mdf4DataStream(file, std::move(blocks), owner));
+  if (mistakable) stream->nameBlocksAtOnce();
   if (stream->firstList() != 0 && writeLink(group, link::dg_data, stream->firstList())) {
     return stream;
   }

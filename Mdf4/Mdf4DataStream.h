@@ -9,22 +9,44 @@
 
 namespace tolvex {
 
+struct BusLogLayout;
+
+// What a full data block itself shows of whose it is, when no list names it.
+struct BlockOwner {
+  static constexpr int kAnySource = -1;
+
+  std::uint64_t capacity = 0;            // bytes
+  const BusLogLayout* layout = nullptr;  // of its records; null: an application's
+  int source = kAnySource;               // that each of them states, of a bus log
+
+  bool mayBeMistakenFor(const BlockOwner& other) const {
+    const bool toldApart = layout != nullptr && layout == other.layout && source != other.source &&
+                           source != kAnySource && other.source != kAnySource;
+    return capacity == other.capacity && !toldApart;
+  }
+};
+
 // Appends records to data blocks of equal length, in lists of five. Every full block is handed to
-// the system at once. Borrows the file.
+// the system at once; its list may follow later, unless another stream of the file has blocks that
+// it may be mistaken for. Borrows the file.
 class Mdf4DataStream : public m4DataStream {
  public:
   static constexpr std::uint32_t kBlocksPerList = 5;
 
-  // Writes the first list, of blocks of `capacity` bytes, at the end of the file and links it from
-  // the data group. Null, with the group as it was, when a write fails or there is no memory.
-  static std::unique_ptr<Mdf4DataStream> create(DirectFile& file, CustomDGBlock& group,
-                                                std::uint64_t capacity);
+  // Writes the first list at the end of the file and links it from the data group. Null, with the
+  // group as it was, when a write fails or there is no memory.
+  static std::unique_ptr<Mdf4DataStream> create(Mdf4File& file, CustomDGBlock& group,
+                                                const BlockOwner& owner);
+  ~Mdf4DataStream() override;
 
-  // Writes what is left. False when something is lost; savedBytes tells how much is not.
+  // Writes what is left. False when something is lost; lostBytes tells how much.
   bool flush() { return finish(false); }
 
  private:
-  using m4DataStream::m4DataStream;
+  Mdf4DataStream(Mdf4File& file, Blocks blocks, const BlockOwner& owner);
+
+  Mdf4File& mdfFile_;
+  const BlockOwner owner_;
 };
 
 }  // namespace tolvex

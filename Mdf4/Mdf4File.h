@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "Mdf4/format/DirectFile.h"
 #include "Mdf4/format/m4Block.h"
@@ -16,6 +17,7 @@ using FileOpener = std::function<std::unique_ptr<SystemFile>(const std::string& 
                                                              std::string& error)>;
 
 class CustomDGBlock;
+class Mdf4DataStream;
 
 // The header block, and the last data group of its list.
 class HeaderBlock : public M4HDBlock {
@@ -58,6 +60,8 @@ class Mdf4File : public DirectFile {
 
   // A data group at the end of the list, in the file; null when a write fails.
   std::shared_ptr<CustomDGBlock> addDataGroup();
+  // The streams of records that go into it, as long as they live.
+  std::vector<Mdf4DataStream*>& streams() { return streams_; }
   // The start time of the header block, microseconds since 1970, as UTC.
   bool setStartTime(std::uint64_t startTimeUs);
 
@@ -66,6 +70,7 @@ class Mdf4File : public DirectFile {
 
  private:
   HeaderBlock header_;
+  std::vector<Mdf4DataStream*> streams_;
   std::string error_;
 };
 

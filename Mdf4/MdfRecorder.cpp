@@ -313,12 +313,15 @@ int MdfRecorder::createBusLogConfiguration() {
 
 MdfRecorder::BusLog* MdfRecorder::busLog(BusLogKind kind, std::uint8_t busChannel, bool direction) {
   std::unique_ptr<BusLog>& entry = busLogs_[kind][busLogKey(busChannel, direction)];
-  return entry != nullptr ? entry.get() : addBusLog(kind, entry);
+  return entry != nullptr ? entry.get() : addBusLog(kind, busLogKey(busChannel, direction), entry);
 }
 
-MdfRecorder::BusLog* MdfRecorder::addBusLog(BusLogKind kind, std::unique_ptr<BusLog>& entry) {
+MdfRecorder::BusLog* MdfRecorder::addBusLog(BusLogKind kind, std::size_t key,
+                                            std::unique_ptr<BusLog>& entry) {
   std::shared_ptr<DataGroup> group = createBusLogGroup(kind);
   if (group == nullptr) return nullptr;
+  const bool statesDirection = kind != kFdErrorFrames;
+  group->setSource(static_cast<int>(statesDirection ? key : key & ~std::size_t{1}));
   entry = std::make_unique<BusLog>(
       BusLog{nullptr, 0, 0, RecordData(group->layout()), static_cast<int>(groups_.size())});
   attach(*entry, group.get());

@@ -133,7 +133,7 @@ class MdfRecorder {
   [[gnu::noinline]] void splitFile();
   std::shared_ptr<DataGroup> createBusLogGroup(BusLogKind kind);
   BusLog* busLog(BusLogKind kind, std::uint8_t busChannel, bool direction);
-  BusLog* addBusLog(BusLogKind kind, std::unique_ptr<BusLog>& entry);
+  BusLog* addBusLog(BusLogKind kind, std::size_t key, std::unique_ptr<BusLog>& entry);
   static void attach(BusLog& log, DataGroup* group);
   [[gnu::noinline]] bool saveFirstOrLastOfBlock(std::uint64_t timestamp,
                                                 const MdfCanMessage& message);

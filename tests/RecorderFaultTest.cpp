@@ -1,9 +1,13 @@
-// What is left of a recording when writes fail: on disks that break, run full, or fail once.
+// What is left of a recording when writes fail, on disks that break, run full, or fail once, and
+// when its process ends.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
+#include <cmath>
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -12,6 +16,7 @@
 #include <vector>
 
 #include "Mdf4/MdfRecorder.h"
+#include "Mdf4/format/BlockRecords.h"
 #include "tests/support/Diagnostics.h"
 #include "tests/support/FailingFile.h"
 #include "tests/support/FileBuilder.h"
@@ -29,12 +34,8 @@ constexpr unsigned kSplitStep = kList + kBlock / 2;  // a file that holds so muc
 constexpr std::uint64_t kStride = 197;
 
 // Where records come from. Each has a number that all else in it derives from.
-enum Source : std::size_t { kCounter, kWide, kFrames1, kFrames2, kErrors, kSources };
+enum Source : std::size_t { kCounter, kFrames1, kFrames2, kErrors, kSources };
 using Contents = std::array<std::vector<unsigned>, kSources>;  // numbers
-
-double secondsOf(unsigned number) {
-  return number / 1000.0;
-}
 
 MdfCanMessage frameOf(unsigned number, std::uint8_t channel) {
   MdfCanMessage frame;
@@ -58,13 +59,27 @@ ChannelInfo unsignedChannel(const char* name, std::uint32_t bytes) {
   return info;
 }
 
+// The record with that number, as the file should have it.
+Bytes recordOf(Source source, unsigned number) {
+  const double time = number / 1000.0;
+  const auto channel = static_cast<std::uint8_t>(source == kFrames2 ? 2 : 1);
+  switch (source) {
+    case kCounter:
+      return packed(static_cast<std::uint16_t>(number));
+    case kErrors:
+      return joined({packed(time, channel, number), Bytes(13)});
+    default:
+      return packed(time, channel, std::uint8_t{8}, std::uint8_t{0}, number % 0x800,
+                    std::uint64_t{number} * 0x10001);
+  }
+}
+
 // What the files of a recording hold, in the order in which it is stored; each record is held
 // against what belongs to its number.
 struct Readback {
   explicit Readback(const std::vector<std::string>& paths) {
     for (const std::string& path : paths) {
-      readSignals(path);
-      readFrames(path);
+      read(path);
       if (std::filesystem::exists(path)) fileBytes += std::filesystem::file_size(path);
     }
     for (const auto& numbers : contents) records += numbers.size();
@@ -76,50 +91,35 @@ struct Readback {
   std::vector<std::string> damage;  // that the files themselves show
 
  private:
-  void readSignals(const std::string& path) {
+  void read(const std::string& path) {
     MdfSigReader reader(path);
+    reader.setReadAllGroups(true);
     if (!reader.open()) return;
     for (const int dg : reader.getDataGroupSigsIndex()) {
-      const std::string name = reader.getCGName(dg, 0);
       const auto count = static_cast<int>(reader.getStoredRecordCount(dg, 0));
-      if (reader.getRecordCount(dg, 0) != count) damage.push_back("count of " + name);
-      if (count == 0 || (name != "counter" && name != "wide")) continue;
       Bytes bytes;
       int size = 0;
-      ASSERT_TRUE(reader.readSignalDataBlock(dg, 0, count, bytes, size)) << name;
-      for (std::size_t at = 0; at < bytes.size(); at += static_cast<std::size_t>(size)) {
-        const std::uint8_t* const record = bytes.data() + at;
-        if (name == "counter") {
-          contents[kCounter].push_back(loadNumber<std::uint16_t>(record));
-          continue;
-        }
-        const auto number = loadNumber<std::uint32_t>(record + sizeof(double));
-        contents[kWide].push_back(number);
-        EXPECT_EQ(loadNumber<double>(record), secondsOf(number));
-      }
+      if (reader.getRecordCount(dg, 0) != count) damage.push_back(reader.getCGName(dg, 0));
+      if (count == 0) continue;
+      ASSERT_TRUE(reader.readSignalDataBlock(dg, 0, count, bytes, size)) << dg;
+      for (auto at = bytes.begin(); at != bytes.end(); at += size) take({at, at + size});
     }
     for (const std::string& problem : reader.getProblems()) damage.push_back(problem);
   }
 
-  void readFrames(const std::string& path) {
-    MdfReader reader(path);
-    if (!reader.open()) return;
-    for (unsigned i = 0; i < kSteps; ++i) {
-      const MdfFrame next = reader.getNext();
-      const auto number = static_cast<unsigned>(
-          (MdfReader::getSignedTimestampNsFromVariant(next) + 500'000) / 1'000'000);
-      if (const auto* const error = std::get_if<std::shared_ptr<MdfCanError>>(&next)) {
-        contents[kErrors].push_back(number);
-        EXPECT_EQ((*error)->MessageId(), number);
-        continue;
-      }
-      const auto& frame = std::get<std::shared_ptr<MdfCanMessage>>(next);
-      if (frame == nullptr) return;
-      ASSERT_LT(frame->BusChannel(), 2);  // readers count from 0, recorders from 1
-      contents[kFrames1 + frame->BusChannel()].push_back(number);
-      EXPECT_EQ(frame->MessageId(), number % 0x800);
-      EXPECT_EQ(frame->DataBytes(), frameOf(number, 1).DataBytes());
-    }
+  void take(const Bytes& record) {
+    constexpr std::size_t kStartOrStop = 16;  // bytes of a record
+    if (record.size() == kStartOrStop) return;
+    const Source source = record.size() == 2    ? kCounter
+                          : record.size() == 26 ? kErrors
+                          : record[8] == 2      ? kFrames2
+                                                : kFrames1;
+    const auto number =
+        source == kCounter
+            ? loadNumber<std::uint16_t>(record.data())
+            : static_cast<unsigned>(std::lround(loadNumber<double>(record.data()) * 1000));
+    EXPECT_EQ(record, recordOf(source, number));
+    contents[source].push_back(number);
   }
 };
 
@@ -133,16 +133,23 @@ class Recording {
     started_ = recorder_.startRecord(path, kStart) == 0;
     EXPECT_TRUE(started_ || disk_.refusals() != 0);
     seen_ = disk_.refusals();
-    define(counter_, "counter", {unsignedChannel("n", 2)});
-    define(wide_, "wide", {timeChannel(), unsignedChannel("n", 4)});
+    counter_ = recorder_.addDataGroup("counter");
+    const bool defined =
+        counter_ >= 0 && recorder_.addChannel(counter_, unsignedChannel("n", 2)) == 0;
+    expectTold(defined);
+    if (!defined) counter_ = -1;
   }
 
   // The records with the numbers from `first` on, before `last`.
   void record(unsigned first, unsigned last) {
     for (unsigned number = first; number < last; ++number) {
       const std::uint64_t time = kStart + std::uint64_t{number} * 1000;
-      insert(kCounter, counter_, number);
-      if (number % 5 == 0) insert(kWide, wide_, number);
+      if (counter_ >= 0) {
+        note(kCounter, number, [&] {
+          return recorder_.insertData(static_cast<std::uint32_t>(counter_), 2,
+                                      recordOf(kCounter, number).data());
+        });
+      }
       if (number % 20 == 1) {
         const std::uint8_t channel = number % 40 == 1 ? 1 : 2;
         note(channel == 1 ? kFrames1 : kFrames2, number,
@@ -166,28 +173,6 @@ class Recording {
   bool untold() const { return untold_ || seen_ != disk_.refusals(); }
 
  private:
-  struct Group {
-    int index = -1;
-    std::unique_ptr<RecordData> record;  // null: it could not be defined
-  };
-
-  void define(Group& group, const char* name, const std::vector<ChannelInfo>& channels) {
-    group.index = recorder_.addDataGroup(name);
-    bool complete = group.index >= 0;
-    for (const ChannelInfo& channel : channels) {
-      complete = complete && recorder_.addChannel(group.index, channel) == 0;
-    }
-    expectTold(complete);
-    if (complete) group.record = recorder_.createRecordData(group.index);
-  }
-
-  void insert(Source source, const Group& group, unsigned number) {
-    if (group.record == nullptr) return;
-    group.record->setTime(secondsOf(number));
-    group.record->setData("n", source == kCounter ? 2 : 4, packed(number).data());
-    note(source, number, [&] { return recorder_.insertRecord(*group.record, group.index); });
-  }
-
   template <class HandOver>
   void note(Source source, unsigned number, HandOver handOver) {
     counted_ += started_ ? 1U : 0U;
@@ -220,8 +205,7 @@ class Recording {
   bool started_ = false;
   bool untold_ = false;
   std::size_t files_ = 1;
-  Group counter_;
-  Group wide_;
+  int counter_ = -1;  // the group, when it could be defined
   Contents handedOver_;
   Contents accepted_;
   std::array<std::size_t, kSources> before_ = {};  // of the accepted, in earlier files
@@ -344,6 +328,141 @@ TEST_F(RecorderFault, OnlyRefusedRecordsAreMissingWhenOneWriteFails) {
                   expectAmong(read.contents, recording.accepted());
                   EXPECT_EQ(read.records + lost, recording.counted());
                 });
+}
+
+// ---------------------------------------------------------------------------------------------
+// What a process leaves that ends between two writes
+
+class WatchedFile final : public SystemFile {
+ public:
+  explicit WatchedFile(std::function<void(const Bytes& file)> afterWrite)
+      : afterWrite_(std::move(afterWrite)) {}
+
+  bool size(std::uint64_t& bytes) override { return memory_.size(bytes); }
+  std::uint64_t read(std::uint64_t position, std::span<const WritableBytes> pieces) override {
+    return memory_.read(position, pieces);
+  }
+  bool write(std::uint64_t position, std::span<const ByteSpan> pieces) override {
+    memory_.write(position, pieces);
+    afterWrite_(memory_.bytes());
+    return true;
+  }
+  bool close() override { return true; }
+  std::string error() const override { return ""; }
+
+ private:
+  MemoryFile memory_;
+  const std::function<void(const Bytes& file)> afterWrite_;
+};
+
+// Data blocks that no list names, but for those of the start and stop time. What a list counts must
+// be there.
+std::size_t unnamedBlocks(const Bytes& file) {
+  std::vector<Link> blocks;
+  std::vector<Link> named;
+  std::vector<Link> counted;
+  for (Link at = kIdBlockSize; at + kBlockHeaderSize <= file.size(); at += 8) {
+    BlockHeader header;
+    std::memcpy(&header, file.data() + at, sizeof header);
+    if (header.marker != kBlockMarker) continue;
+    if (header.type == block_type::kDT) blocks.push_back(at);
+    if (header.type != block_type::kDL) continue;
+    const std::uint8_t* const links = file.data() + at + kBlockHeaderSize;
+    const std::uint8_t* const record = links + header.linkCount * kLinkSize;
+    const auto count = loadNumber<std::uint32_t>(record + offsetof(m4DLRecord, dl_count));
+    for (std::size_t i = link::dl_data; i < header.linkCount; ++i) {
+      named.push_back(loadNumber<Link>(links + i * kLinkSize));
+      if (i <= count) counted.push_back(named.back());
+    }
+  }
+  const auto isIn = [](const std::vector<Link>& links) {
+    return [&links](Link at) { return std::ranges::find(links, at) != links.end(); };
+  };
+  EXPECT_TRUE(std::ranges::all_of(counted, isIn(blocks)));
+  std::erase_if(blocks, isIn(named));
+  std::erase_if(blocks, [&](Link at) { return loadNumber<Link>(file.data() + at + 8) == 24 + 16; });
+  return blocks.size();
+}
+
+// Opens files that note the most blocks without a name after any write.
+FileOpener noting(std::size_t& most) {
+  return [&](const std::string& /*path*/, OpenMode /*mode*/, std::string& /*error*/) {
+    return std::make_unique<WatchedFile>(
+        [&](const Bytes& file) { most = std::max(most, unnamedBlocks(file)); });
+  };
+}
+
+using Insert = std::function<bool(MdfRecorder& recorder)>;  // of a record, into its own group
+
+Insert signals(std::uint32_t group, std::uint32_t bytes) {
+  return
+      [=](MdfRecorder& recorder) { return recorder.insertData(group, bytes, Bytes(bytes).data()); };
+}
+Insert frames(std::uint8_t channel) {
+  return
+      [=](MdfRecorder& recorder) { return recorder.saveCanMessage(kStart, frameOf(1, channel)); };
+}
+Insert errors(bool direction, bool canFd) {
+  MdfCanError error = errorOf(1);
+  error.Dir(direction);
+  if (canFd) error.Crc(1);
+  return [=](MdfRecorder& recorder) { return recorder.saveCanError(kStart, error); };
+}
+
+// Starts a recording of three groups of signals.
+void startSignals(MdfRecorder& recorder) {
+  recorder.startRecord("log.mf4", kStart);
+  for (const std::uint32_t bytes : {23U, 23U, 24U}) {
+    recorder.addChannel(recorder.addDataGroup(""), unsignedChannel("n", bytes));
+  }
+}
+
+TEST(RecorderKilled, ListsNameEveryBlockThatMightBeTakenForAnotherGroups) {
+  const struct {
+    const char* name;
+    Insert first, second;
+    bool alike;  // else lists are written now and then
+  } rows[] = {
+      {"signals of one size", signals(0, 23), signals(1, 23), true},
+      {"signals as long as frames", signals(0, 23), frames(1), true},
+      {"CAN FD errors, which state no direction", errors(false, true), errors(true, true), true},
+      {"errors of two directions", errors(false, false), errors(true, false), false},
+      {"frames of two channels", frames(1), frames(2), false},
+      {"signals of two sizes", signals(0, 23), signals(2, 24), false},
+  };
+  for (const auto& [name, first, second, alike] : rows) {
+    SCOPED_TRACE(name);
+    const CapturedDiagnostics diagnostics;
+    std::size_t most = 0;  // blocks without a name at one time
+    MdfRecorder recorder(noting(most));
+    startSignals(recorder);
+    for (const std::size_t split : {0U, 1U}) {
+      recorderSettings.splitSize = split;  // bytes: before the next record
+      EXPECT_TRUE(first(recorder));
+      recorderSettings.splitSize = 0;
+      for (std::size_t i = 0; i < 4 * kBlock; ++i) EXPECT_TRUE(first(recorder));
+      EXPECT_TRUE(second(recorder));
+      most = 0;
+      for (std::size_t i = 0; i < 12 * kBlock; ++i) {
+        EXPECT_TRUE(i < 2 * kBlock || first(recorder));
+        EXPECT_TRUE(second(recorder));
+      }
+      EXPECT_EQ(most == 0, alike) << "split " << split;
+    }
+    recorder.stopRecord(0);
+    EXPECT_EQ(most == 0, alike);
+  }
+}
+
+TEST(RecorderKilled, ALastBlockIsNamedBeforeItIsWritten) {
+  const CapturedDiagnostics diagnostics;
+  std::size_t most = 0;
+  MdfRecorder recorder(noting(most));
+  startSignals(recorder);
+  for (std::size_t i = 0; i < kBlock + 1; ++i) EXPECT_TRUE(signals(0, 23)(recorder));
+  most = 0;  // the list of the first block follows it at once
+  recorder.stopRecord(0);
+  EXPECT_EQ(most, 0U);
 }
 
 }  // namespace

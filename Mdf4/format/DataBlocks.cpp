@@ -60,6 +60,13 @@ void M4DLBlock::removeLast() {
   --dl_count;
 }
 
+bool M4DLBlock::saveWithLastUncounted() {
+  --dl_count;
+  const bool saved = save(nullptr, kSaveAll) != 0;
+  ++dl_count;
+  return saved;
+}
+
 std::uint64_t M4DLBlock::place(DirectFile& file) {
   const std::size_t links = links_.size();
   links_.resize(std::size_t{capacity_} + 1);

@@ -91,6 +91,9 @@ class M4DLBlock : public m4BlockImpl<m4DLRecord, std::uint64_t, block_type::kDL>
   bool full() const { return dl_count >= capacity_; }
   void add(std::uint64_t dataPosition);
   void removeLast();
+  // Saves the list with its last block named behind the others, but not counted: readers pass it
+  // over. False when the write fails.
+  bool saveWithLastUncounted();
   // Reserves room for a full list at the end of `file` and fills it with this one, so that a full
   // disk cannot keep its entries out later. Returns the position, or 0 when the write fails.
   std::uint64_t place(DirectFile& file);

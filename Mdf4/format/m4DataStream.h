@@ -86,6 +86,10 @@ class m4DataStream {
   std::uint64_t lostBytes() const { return lostBytes_; }
   // An 8-byte position that finish writes at `position`.
   void addPendingLink(std::uint64_t position, std::uint64_t value);
+  // From now on the file tells whose every block is: a DL names each one as soon as it has its
+  // place, and counts it, as ever, once it is there. For blocks that might be taken for those of
+  // another stream. False when the open block could not be named; writing tries again then.
+  bool nameBlocksAtOnce();
   // Appends bytes, and invalidation bytes in the same proportion to the blocks' capacities. False
   // when a write fails or there is no list to name another block: nothing is appended then, and the
   // next call tries again. Only when a call's bytes fill several blocks and not the first of them
@@ -100,9 +104,10 @@ class m4DataStream {
   void appendInPlace(std::uint64_t length) { filling_->appendInPlace(length); }
   // Appends zeros.
   virtual bool skip(std::uint64_t length);
-  // Writes the open data blocks, their list and the pending links. `full`: the file then covers the
-  // whole room reserved for a block, while its header states the bytes that are filled. A data
-  // block that cannot be written is not listed.
+  // Names the open data blocks, writes them, counts them and writes the pending links, in this
+  // order: lists lead to all that the file holds at every moment in between. `full`: the file then
+  // covers the whole room reserved for a block, while its header states the bytes that are filled.
+  // A data block that cannot be written is not listed.
   virtual bool finish(bool full);
   // Finishes what is pending and releases all buffers and blocks.
   virtual bool close();
@@ -131,6 +136,7 @@ class m4DataStream {
   bool saveBlock();
   bool writeOut();
   bool saveList();
+  bool nameOpenBlock();
   bool nextBlock();
   void takeBack(std::uint64_t bytes, std::uint64_t marks);
 
@@ -171,7 +177,9 @@ class m4DataStream {
   M4DataBlock* filling_ = nullptr;  // the open data block, unless the stream is broken
   bool pending_ = false;            // something is not in the file yet
   bool open_ = false;               // the data blocks have a place
-  bool broken_ = false;             // the file holds a part of what a call should have appended
+  bool named_ = false;              // which a list in the file names
+  bool nameAtOnce_ = false;
+  bool broken_ = false;  // the file holds a part of what a call should have appended
 };
 
 }  // namespace tolvex

@@ -24,6 +24,8 @@ bool m4DataStream::write(const std::uint8_t* data, std::uint64_t length,
   for (bool first = true; length != 0 || invalidationLength != 0; first = false) {
     const bool full = open_ && blocks_.data->room() == 0;
     if ((!open_ || full || !first) && !nextBlock()) return fail(first);
+    if (nameAtOnce_ && !named_ && !nameOpenBlock()) return fail(first);
+    filling_ = blocks_.data.get();
     const std::uint64_t copied = blocks_.data->append(data, length);
     std::uint64_t marksCopied = 0;
     if (blocks_.invalidation != nullptr) {
@@ -89,6 +91,23 @@ bool m4DataStream::saveList() {
     return false;
   }
   unlistedBytes_ = 0;
+  named_ = true;
+  return true;
+}
+
+bool m4DataStream::nameBlocksAtOnce() {
+  nameAtOnce_ = true;
+  return !open_ || named_ || nameOpenBlock();
+}
+
+// Writes the list with what it lacks: blocks that are full and in the file, and the open block's
+// place, which is not counted until the block has come to it.
+bool m4DataStream::nameOpenBlock() {
+  if (blocks_.dataList == nullptr) return true;  // an LD counts all that it names
+  if (blocks_.data->room() == 0) return saveList();
+  if (!blocks_.dataList->saveWithLastUncounted()) return false;
+  unlistedBytes_ = 0;
+  named_ = true;
   return true;
 }
 
@@ -116,14 +135,16 @@ bool m4DataStream::nextBlock() {
     columnList->add(dataPosition, marksPosition);
   }
   open_ = true;
-  filling_ = blocks_.data.get();
+  named_ = false;
+  filling_ = nullptr;
   return true;
 }
 
 bool m4DataStream::finish(bool full) {
   bool written = true;
   const bool empty = open_ && blocks_.data->extraSize() == 0;
-  const bool counted = open_ && blocks_.data->room() == 0;  // it was saved when it got full
+  const bool counted = open_ && blocks_.data->room() == 0;      // it was saved when it got full
+  if (open_ && !empty && !counted && !named_) nameOpenBlock();  // nothing is lost if that fails
   if (open_ && (empty || !writeOut())) {
     written = empty;
     lostBytes_ = blocks_.data->extraSize();
