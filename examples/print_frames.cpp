@@ -30,7 +30,7 @@ int main(int argc, char** argv) {
   setDiagnosticHandler(nullptr, nullptr);  // the library's own texts would mix with the results
 
   tolvex::MdfReader reader(argv[1]);
-  reader.setPayloadByDlc(true);  // a 3-byte frame stored in an 8-byte field has 3 bytes
+  reader.setLoggerRules(true);  // frames as the logger meant them: 3 bytes stay 3 bytes
   if (!reader.open()) {
     std::fprintf(stderr, "print_frames: %s\n", reader.getLastError().c_str());
     return 1;

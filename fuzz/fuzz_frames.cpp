@@ -84,6 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const MemoryFile file(input);
 
   MdfReader reader(file.path());
+  reader.setLoggerRules((switches & 4) != 0);
   const bool opened = reader.open();
   reader.setPayloadByDlc((switches & 1) != 0);
   reader.setRequireFields((switches & 2) != 0);

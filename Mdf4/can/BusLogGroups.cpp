@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cinttypes>
 #include <map>
 #include <memory>
 #include <optional>
@@ -17,8 +18,27 @@ namespace {
 // Far more than there are fields: each is looked at for every record.
 constexpr std::size_t kMostFields = 1000;
 
-// What a channel of 0 bits stands for when its conversion is a constant.
-std::optional<std::uint8_t> constantOf(DirectFile& file, const M4CNBlock& channel) {
+constexpr std::uint8_t kUnsignedBigEndian = 1;  // cn_data_type
+constexpr std::uint8_t kSignedBigEndian = 3;
+
+// The largest number that a frame holds for the field.
+double largestValue(CanField field) {
+  switch (field) {
+    case CanField::BusChannel:
+    case CanField::DLC:
+    case CanField::TEC:
+    case CanField::TREC:
+    case CanField::ErrorType:
+      return 0xFF;
+    default:
+      return 0xFFFFFFFF;
+  }
+}
+
+// What a channel of 0 bits stands for when its conversion is a constant from 0 to `largest`. A
+// formula is none: formulas are not evaluated.
+std::optional<std::uint32_t> constantOf(DirectFile& file, const M4CNBlock& channel,
+                                        double largest) {
   Conversion conversion;
   if (loadConversionNumbers(file, channel.link(link::cn_cc_conversion), conversion) == nullptr) {
     return std::nullopt;
@@ -29,11 +49,20 @@ std::optional<std::uint8_t> constantOf(DirectFile& file, const M4CNBlock& channe
   info.values = std::move(conversion.values);
   double value = 0;
   std::string text;
-  if (!info.isNumericConversion() || !info.applyConversion(0, value, text) || !(value >= 0) ||
-      value > 255) {
+  const bool isNumber =
+      info.isNumericConversion() && info.conversionType != conversion_type::kFormula;
+  if (!isNumber || !info.applyConversion(0, value, text) || !(value >= 0) || value > largest) {
     return std::nullopt;
   }
-  return static_cast<std::uint8_t>(value);
+  return static_cast<std::uint32_t>(value);
+}
+
+// A field that states nothing is no damage; one whose statement is lost is.
+void reportNoConstant(DirectFile& file, const M4CNBlock& channel, const std::string& name) {
+  if (channel.link(link::cn_cc_conversion) == 0) return;
+  file.report(formatText("channel at %" PRIu64
+                         ": its conversion gives no constant that fits the field %.100s",
+                         channel.position(), name.c_str()));
 }
 
 }  // namespace
@@ -42,9 +71,10 @@ std::vector<const MdfCNInfo*> busLogChannels(const ReaderState& state, bool requ
   std::map<std::array<std::int32_t, 3>, const MdfCNInfo*> channels;
   for (const MdfCNInfo& channel : state.canChannels) {
     const bool hasFields =
-        std::any_of(channel.children.begin(), channel.children.end(),
-                    [](const auto& child) { return classifyFieldName(child.first).has_value(); });
-    if (requireFields && !hasFields) continue;
+        std::any_of(channel.children.begin(), channel.children.end(), [&](const auto& child) {
+          return classifyFieldName(child.first, state.loggerRules).has_value();
+        });
+    if ((requireFields || state.loggerRules) && !hasFields) continue;
     channels.try_emplace({channel.dgIndex, channel.cgIndex, channel.cnIndex}, &channel);
   }
   std::vector<const MdfCNInfo*> inOrder;
@@ -55,7 +85,7 @@ std::vector<const MdfCNInfo*> busLogChannels(const ReaderState& state, bool requ
 std::vector<CanFieldSlot> layoutOf(ReaderState& state, const MdfCNInfo& channel) {
   std::vector<CanFieldSlot> layout;
   for (const auto& [name, child] : channel.children) {
-    const std::optional<CanFieldName> field = classifyFieldName(name);
+    const std::optional<CanFieldName> field = classifyFieldName(name, state.loggerRules);
     if (!field) continue;
     if (layout.size() == kMostFields) {
       state.file.report(formatText("data group %d: more than %zu fields in a frame",
@@ -70,9 +100,17 @@ std::vector<CanFieldSlot> layoutOf(ReaderState& state, const MdfCNInfo& channel)
     slot.bitCount = child->cn_bit_count;
     slot.cn = child;
     slot.variableLength = child->cn_type == channel_type::kVlsd;
-    if (slot.field == CanField::BusChannel && slot.bitCount == 0) {
-      slot.constant = constantOf(state.file, *child);
+    const bool mayBeConstant = slot.field == CanField::BusChannel ||
+                               (state.loggerRules && slot.field != CanField::DataBytes);
+    if (slot.bitCount == 0 && mayBeConstant) {
+      slot.constant = constantOf(state.file, *child, largestValue(slot.field));
+      if (state.loggerRules && !slot.constant) {
+        reportNoConstant(state.file, *child, name);
+        continue;
+      }
     }
+    slot.bigEndian = state.loggerRules && (child->cn_data_type == kUnsignedBigEndian ||
+                                           child->cn_data_type == kSignedBigEndian);
     layout.push_back(slot);
   }
   return layout;
@@ -81,6 +119,10 @@ std::vector<CanFieldSlot> layoutOf(ReaderState& state, const MdfCNInfo& channel)
 FrameTime frameTimeOf(ReaderState& state, const MdfCNInfo& channel) {
   const MdfCNInfo* const master = state.findTimeChannel(channel.dgIndex, channel.cgIndex);
   if (master == nullptr) return {};
+  if (state.loggerRules) {
+    const ChannelTexts texts = ChannelTextLoader(state.file, 1).load(*master->cnBlock);
+    return FrameTime(describeChannel(*master->cnBlock, texts, Tables::With), true);
+  }
   ChannelTexts numbers;
   auto conversion = std::make_shared<Conversion>();
   const std::uint64_t link = master->cnBlock->link(link::cn_cc_conversion);

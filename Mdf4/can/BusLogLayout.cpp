@@ -31,8 +31,10 @@ constexpr std::string_view kFieldNames[] = {
     "BtrExtCfg",
     "TEC",
     "TREC",
+    "SRR",
+    "ErrorType",
 };
-static_assert(std::size(kFieldNames) == static_cast<std::size_t>(CanField::TREC) + 1);
+static_assert(std::size(kFieldNames) == static_cast<std::size_t>(CanField::ErrorType) + 1);
 
 // The first that is found decides.
 constexpr std::pair<std::string_view, CanFrameKind> kGroupNames[] = {
@@ -58,12 +60,13 @@ std::optional<CanField> fieldOf(std::string_view suffix) {
 
 }  // namespace
 
-std::optional<CanFieldName> classifyFieldName(std::string_view name) {
+std::optional<CanFieldName> classifyFieldName(std::string_view name, bool loggerRules) {
   const std::size_t dot = name.rfind('.');
   if (dot == std::string_view::npos) return std::nullopt;
   const auto kind = kindOf(name.substr(0, dot));
   const auto field = fieldOf(name.substr(dot + 1));
   if (!kind || !field) return std::nullopt;
+  if (!loggerRules && *field > CanField::TREC) return std::nullopt;
   return CanFieldName{*kind, *field};
 }
 

@@ -75,6 +75,9 @@ enum class CanField : std::uint32_t {
   BtrExtCfg,
   TEC,
   TREC,
+  // Known under logger rules only.
+  SRR,
+  ErrorType,
 };
 
 struct CanFieldName {
@@ -85,7 +88,7 @@ struct CanFieldName {
 
 // What a channel of that name holds; nothing when it is not a field of a CAN frame. The text before
 // the last "." tells the frame kind by what it contains, the text after it is the field's name.
-std::optional<CanFieldName> classifyFieldName(std::string_view name);
+std::optional<CanFieldName> classifyFieldName(std::string_view name, bool loggerRules = false);
 
 // One recognised channel of a group, as the file places it in the record. Nothing is checked.
 struct CanFieldSlot {
@@ -96,7 +99,8 @@ struct CanFieldSlot {
   std::uint32_t bitCount = 0;    // cn_bit_count
   const m4Block* cn = nullptr;   // the channel's block, borrowed
   bool variableLength = false;   // the bits are the value's offset in the signal data
-  std::optional<std::uint8_t> constant = std::nullopt;  // what a BusChannel of 0 bits stands for
+  std::optional<std::uint32_t> constant = std::nullopt;  // what 0 bits stand for; else 0
+  bool bigEndian = false;  // a number of 8 bits or more has its bytes in reverse
 };
 
 // ---------------------------------------------------------------------------------------------

@@ -11,6 +11,8 @@ namespace {
 constexpr std::uint32_t kValueBits = 64;  // of a wider field its first ones
 
 constexpr std::uint32_t kNoLimit = ~std::uint32_t{0};  // bytes
+constexpr std::uint32_t kMaxStandardId = 0x7FF;
+constexpr std::uint32_t kIdentifierMask = 0x1FFFFFFF;
 
 bool isRemoteField(CanField field) {
   switch (field) {
@@ -21,6 +23,7 @@ bool isRemoteField(CanField field) {
     case CanField::IDE:
     case CanField::SingleWire:
     case CanField::WakeUp:
+    case CanField::SRR:
       return true;
     default:
       return false;
@@ -39,12 +42,15 @@ PayloadSource::~PayloadSource() = default;
 // ---------------------------------------------------------------------------------------------
 // What a layout means
 
-CanRecordDecoder::BitField::BitField(const CanFieldSlot& slot)
-    : byte_(slot.byteOffset), shift_(slot.bitOffset & 7) {
+CanRecordDecoder::BitField::BitField(const CanFieldSlot& slot) {
   const std::uint32_t bits = std::min(slot.bitCount, kValueBits);
+  byte_ = slot.byteOffset;
+  shift_ = slot.bitOffset & 7;
   if (bits > 0) mask_ = ~std::uint64_t{0} >> (kValueBits - bits);
-  const bool inNineBytes = shift_ + bits > kValueBits;
-  sizeForOneLoad_ = inNineBytes ? ~std::uint64_t{0} : byte_ + sizeof(std::uint64_t);
+  if (bits == 0) constant_ = slot.constant.value_or(0);
+  if (slot.bigEndian && bits >= 8) reversedBytes_ = static_cast<std::uint8_t>((bits + 7) / 8);
+  const bool inOneLoad = shift_ + bits <= kValueBits && reversedBytes_ == 0 && constant_ == 0;
+  sizeForOneLoad_ = inOneLoad ? byte_ + sizeof(std::uint64_t) : ~std::uint64_t{0};
 }
 
 CanRecordDecoder::Step::Step(const CanFieldSlot& slot)
@@ -55,8 +61,9 @@ CanRecordDecoder::Step::Step(const CanFieldSlot& slot)
       offset(slot.byteOffset),
       size(slot.bitCount / 8) {}
 
-CanRecordDecoder::CanRecordDecoder(const std::vector<CanFieldSlot>& layout, bool payloadByDlc)
-    : payloadByDlc_(payloadByDlc) {
+CanRecordDecoder::CanRecordDecoder(const std::vector<CanFieldSlot>& layout, bool payloadByDlc,
+                                   bool loggerRules)
+    : payloadByDlc_(payloadByDlc), loggerRules_(loggerRules) {
   isError_ = std::any_of(layout.begin(), layout.end(),
                          [](const CanFieldSlot& slot) { return slot.kind == CanFrameKind::Error; });
   if (isError_) {
@@ -68,13 +75,14 @@ CanRecordDecoder::CanRecordDecoder(const std::vector<CanFieldSlot>& layout, bool
 
 // Files count bus channels from 1, frames from 0.
 void CanRecordDecoder::planBusChannel(const CanFieldSlot& slot) {
-  busChannel_ = BitField(slot);
-  const std::uint8_t constant = slot.bitCount == 0 ? slot.constant.value_or(0) : 0;
+  busChannel_ = slot.bitCount == 0 ? BitField() : BitField(slot);
+  const std::uint32_t constant = slot.bitCount == 0 ? slot.constant.value_or(0) : 0;
   busChannelBias_ = static_cast<std::uint8_t>(constant - 1);
 }
 
 // Any bit of the field that is 1 means yes, so each of the field's bytes answers alone.
 void CanRecordDecoder::planMark(std::uint16_t mark, const CanFieldSlot& slot) {
+  if (slot.bitCount == 0 && slot.constant.value_or(0) != 0) constantMarks_ |= mark;
   const std::uint32_t begin = slot.bitOffset & 7;
   const std::uint32_t end = begin + std::min(slot.bitCount, kValueBits);
   for (std::uint32_t bit = begin; bit < end; ++bit) {
@@ -92,6 +100,8 @@ std::uint16_t CanRecordDecoder::markOf(CanField field) {
   switch (field) {
     case CanField::Dir:
       return MdfCanMessage::kDir;
+    case CanField::SRR:
+      return MdfCanMessage::kSrr;
     case CanField::EDL:
       return MdfCanMessage::kEdl;
     case CanField::BRS:
@@ -159,6 +169,7 @@ void CanRecordDecoder::planError(const std::vector<CanFieldSlot>& layout) {
       planBusChannel(slot);
     } else {
       steps_.emplace_back(slot);
+      hasExtended_ = hasExtended_ || slot.field == CanField::IDE;
     }
   }
 }
@@ -166,15 +177,24 @@ void CanRecordDecoder::planError(const std::vector<CanFieldSlot>& layout) {
 // ---------------------------------------------------------------------------------------------
 // What a record holds
 
-// The field is near the end of the record or beyond it, or touches nine bytes.
+// The field is near the end of the record or beyond it, touches nine bytes, is big-endian or a
+// constant.
 std::uint64_t CanRecordDecoder::BitField::readSlowly(ByteSpan record) const {
-  if (byte_ >= record.size()) return 0;
+  if (constant_ != 0 || byte_ >= record.size()) return constant_;
   std::array<std::uint8_t, 9> bytes{};
   const ByteSpan rest = firstBytes(record.subspan(byte_), bytes.size());
   std::copy(rest.begin(), rest.end(), bytes.begin());
   std::uint64_t value = loadNumber<std::uint64_t>(bytes.data()) >> shift_;
   if (shift_ > 0) value |= std::uint64_t{bytes[8]} << (kValueBits - shift_);
-  return value & mask_;
+  value &= mask_;
+  if (reversedBytes_ != 0) {
+    std::array<std::uint8_t, sizeof(value)> number{};
+    for (std::uint8_t i = 0; i < reversedBytes_; ++i) {
+      number[reversedBytes_ - 1U - i] = static_cast<std::uint8_t>(value >> 8 * i);
+    }
+    value = loadNumber<std::uint64_t>(number.data());
+  }
+  return value;
 }
 
 ByteSpan CanRecordDecoder::Step::inRecord(ByteSpan record) const {
@@ -307,6 +327,10 @@ void CanRecordDecoder::decodeError(ByteSpan record, PayloadSource* payloads,
         break;
       case CanField::ID:
         error.MessageId(static_cast<std::uint32_t>(value));
+        if (loggerRules_) {
+          if (!hasExtended_) error.ExtendedId(error.MessageId() > kMaxStandardId);
+          error.MessageId(error.MessageId() & kIdentifierMask);
+        }
         break;
       case CanField::IDE:
         error.ExtendedId(value != 0);
@@ -331,6 +355,12 @@ void CanRecordDecoder::decodeError(ByteSpan record, PayloadSource* payloads,
         break;
       case CanField::TREC:
         error.Trec(static_cast<std::uint8_t>(value));
+        break;
+      case CanField::ErrorType:
+        error.ErrorType(static_cast<CanErrorType>(value));
+        break;
+      case CanField::EDL:
+        if (loggerRules_ && value != 0) error.isCanFdError_ = true;
         break;
       default:
         break;

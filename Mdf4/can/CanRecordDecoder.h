@@ -31,8 +31,11 @@ class CanRecordDecoder {
   // `layout` is in order of application. With payloadByDlc a payload is cut to the length that the
   // record's data length code stands for, as far as it was applied before the payload; a
   // remote frame keeps the code and has no payload, a classic frame of 8 bytes keeps a code
-  // above 8.
-  CanRecordDecoder(const std::vector<CanFieldSlot>& layout, bool payloadByDlc);
+  // above 8. With loggerRules an error's identifier has its 29 bits alone, an error without
+  // IDE has the extended flag when its ID is a larger number than others have, and EDL makes it one
+  // of CAN FD.
+  CanRecordDecoder(const std::vector<CanFieldSlot>& layout, bool payloadByDlc,
+                   bool loggerRules = false);
 
   // The frame in `record`, whose bits beyond its end count as 0: an MdfCanError when the layout has
   // a slot of an error frame, else an MdfCanMessage. `payloads` may be null, where there are none
@@ -42,7 +45,7 @@ class CanRecordDecoder {
                   PayloadSource* payloads) const;
 
  private:
-  // A little-endian number of up to 64 bits; the default reads 0.
+  // A number of up to 64 bits, or a constant; the default reads 0.
   class BitField {
    public:
     BitField() = default;
@@ -59,7 +62,9 @@ class CanRecordDecoder {
     std::uint64_t byte_ = 0;
     std::uint64_t sizeForOneLoad_ = sizeof(std::uint64_t);
     std::uint64_t mask_ = 0;
+    std::uint64_t constant_ = 0;  // the number, where it has no bits
     std::uint8_t shift_ = 0;
+    std::uint8_t reversedBytes_ = 0;  // big-endian: the number's bytes
   };
 
   // A byte of the record that answers yes-or-no fields: for each of its values the marks that it
@@ -99,12 +104,14 @@ class CanRecordDecoder {
 
   bool isError_ = false;
   bool payloadByDlc_;
+  bool loggerRules_;
   BitField busChannel_;
   std::uint8_t busChannelBias_ = 0;  // added to the number in the record
 
+  bool hasExtended_ = false;  // the extended flag is set or cleared by its own field
+
   // Messages only.
   BitField id_;
-  bool hasExtended_ = false;  // the extended flag is set or cleared by its own field
   std::uint16_t constantMarks_ = 0;
   std::vector<MarkByte> markBytes_;
 

@@ -61,7 +61,8 @@ void FrameMerge::open(ReaderState& state, const MdfCNInfo& channel) {
     }
   }
   groups_.push_back({channel.dgIndex, channel.recordSize, *records,
-                     std::make_shared<CanRecordDecoder>(layout, payloadByDlc),
+                     std::make_shared<CanRecordDecoder>(layout, payloadByDlc || state.loggerRules,
+                                                        state.loggerRules),
                      frameTimeOf(state, channel), std::move(payloads)});
 }
 

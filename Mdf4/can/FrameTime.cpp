@@ -1,7 +1,9 @@
 #include "Mdf4/can/FrameTime.h"
 
 #include <cmath>
+#include <limits>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "Mdf4/format/BlockRecords.h"
@@ -14,6 +16,17 @@ constexpr double kNsPerSecond = 1e9;
 constexpr double kEndOfRange = 0x1p63;
 constexpr std::uint32_t kFloatLittleEndian = 4;
 constexpr std::uint32_t kInvalidBitFlag = 0x02;
+constexpr std::uint32_t kSignedKind = 1;  // 0 is unsigned, from 2 on there are no integers
+// Ticks and the time of the first one stay in range together.
+constexpr std::int64_t kMostTicksNs = std::numeric_limits<std::int64_t>::max() / 2;
+
+// Of a time without a conversion. Anything else counts as seconds.
+double secondsPer(std::string_view unit) {
+  if (unit == "ms") return 1e-3;
+  if (unit == "us" || unit == "\u00B5s" || unit == "\u03BCs") return 1e-6;
+  if (unit == "ns") return 1e-9;
+  return 1;
+}
 
 std::uint64_t firstBytes(ByteSpan record) {
   return record.size() < sizeof(std::uint64_t) ? 0 : loadNumber<std::uint64_t>(record.data());
@@ -28,7 +41,15 @@ std::int64_t roundToNearest(double value) {
 
 }  // namespace
 
-FrameTime::FrameTime(MdfSigCCInfo channel) : channel_(std::move(channel)) {
+FrameTime::FrameTime(MdfSigCCInfo channel, bool loggerRules) : channel_(std::move(channel)) {
+  if (loggerRules) {
+    channel_->flags &= ~kInvalidBitFlag;
+    if (channel_->conversionType == conversion_type::kIdentity) {
+      channel_->conversionType = conversion_type::kLinear;
+      channel_->valueCount = 2;
+      channel_->values = {0, secondsPer(channel_->unit)};
+    }
+  }
   offset_ = channel_->byteOffset;
   const bool plain = channel_->dataType == kFloatLittleEndian && channel_->bitCount == 64 &&
                      channel_->bitOffset == 0 && (channel_->flags & kInvalidBitFlag) == 0;
@@ -39,16 +60,34 @@ FrameTime::FrameTime(MdfSigCCInfo channel) : channel_(std::move(channel)) {
     direct_ = plain;
     summand_ = channel_->values[0];
     factor_ = channel_->values[1];
+    if (loggerRules && channel_->valueKind <= kSignedKind) planTicks();
+  }
+}
+
+void FrameTime::planTicks() {
+  const double perTick = std::round(factor_ * kNsPerSecond);
+  const double first = std::round(summand_ * kNsPerSecond);
+  const auto isWhole = [](double seconds, double ns) {
+    return std::abs(seconds * kNsPerSecond - ns) <= std::abs(ns) * 1e-12;
+  };
+  if (isWhole(factor_, perTick) && isWhole(summand_, first) && perTick >= 1 &&
+      perTick < kEndOfRange && std::abs(first) < kEndOfRange / 2) {
+    nsPerTick_ = static_cast<std::int64_t>(perTick);
+    firstTickNs_ = static_cast<std::int64_t>(first);
   }
 }
 
 std::uint64_t FrameTime::nearest(ByteSpan record) const {
+  if (nsPerTick_ != 0) {
+    if (const auto ticks = ofTicks(record)) return *ticks;
+  }
   double ns = 0;
   return nanoseconds(record, ns) ? static_cast<std::uint64_t>(roundToNearest(ns))
                                  : firstBytes(record);
 }
 
 std::optional<std::uint64_t> FrameTime::cutOff(ByteSpan record) const {
+  if (const auto ticks = ofTicks(record)) return ticks;
   double ns = 0;
   if (nanoseconds(record, ns)) return static_cast<std::uint64_t>(static_cast<std::int64_t>(ns));
   if (record.size() < sizeof(std::uint64_t)) return std::nullopt;
@@ -63,6 +102,24 @@ bool FrameTime::nanoseconds(ByteSpan record, double& ns) const {
     return false;
   }
   return std::abs(ns) < kEndOfRange;  // false for NaN
+}
+
+// An integer time of whole nanoseconds, where a double would round those of long ago.
+std::optional<std::uint64_t> FrameTime::ofTicks(ByteSpan record) const {
+  std::uint64_t raw = 0;
+  if (nsPerTick_ == 0 || !channel_->extractBitFieldValue(record.data(), record.size(), raw)) {
+    return std::nullopt;
+  }
+  auto ticks = static_cast<std::int64_t>(raw);
+  if (channel_->valueKind == kSignedKind) {
+    const int above = 64 - channel_->bitCount;
+    if (above < 64) ticks = static_cast<std::int64_t>(raw << above) >> above;
+  } else if (ticks < 0) {
+    return std::nullopt;
+  }
+  const std::int64_t most = kMostTicksNs / nsPerTick_;
+  if (ticks > most || ticks < -most) return std::nullopt;
+  return static_cast<std::uint64_t>(ticks * nsPerTick_ + firstTickNs_);
 }
 
 // Any other channel.

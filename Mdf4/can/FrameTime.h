@@ -11,10 +11,13 @@ namespace tolvex {
 
 // Reads the master time channel of one group's records. Times are seconds in the file; negative
 // ones become two's complement nanoseconds.
+//
+// Under logger rules a time without a conversion counts in the channel's unit, an integer time of
+// whole nanoseconds is exact, and the channel's invalidation bit means nothing.
 class FrameTime {
  public:
   FrameTime() = default;  // a group without a master time channel
-  explicit FrameTime(MdfSigCCInfo channel);
+  explicit FrameTime(MdfSigCCInfo channel, bool loggerRules = false);
 
   // Rounded to the nearest nanosecond. A time that cannot be converted is taken from the record's
   // first 8 bytes as they stand, as 0 when it has fewer.
@@ -24,8 +27,10 @@ class FrameTime {
   std::optional<std::uint64_t> cutOff(ByteSpan record) const;
 
  private:
+  void planTicks();
   bool nanoseconds(ByteSpan record, double& ns) const;
   bool convert(ByteSpan record, double& ns) const;
+  std::optional<std::uint64_t> ofTicks(ByteSpan record) const;
 
   std::optional<MdfSigCCInfo> channel_;
   // A float64 on whole bytes whose conversion is linear needs no more than this.
@@ -33,6 +38,9 @@ class FrameTime {
   std::uint64_t offset_ = 0;
   double factor_ = 1;
   double summand_ = 0;
+  // An integer time is raw x nsPerTick_ + firstTickNs_; 0: it is not taken so.
+  std::int64_t nsPerTick_ = 0;
+  std::int64_t firstTickNs_ = 0;
 };
 
 }  // namespace tolvex

@@ -127,5 +127,8 @@ void MdfReader::setPayloadByDlc(bool on) {
 void MdfReader::setRequireFields(bool on) {
   merge_->requireFields = on;
 }
+void MdfReader::setLoggerRules(bool on) {
+  state_->loggerRules = on;
+}
 
 }  // namespace tolvex

@@ -48,19 +48,25 @@ std::string trimmed(const char (&text)[Size]) {
   return std::string(view.substr(0, view.find_last_not_of(' ') + 1));
 }
 
-bool isBusLogName(const std::string& name) {
+bool isBusLogName(const std::string& name, bool loggerRules) {
   for (const char* const known : {"CAN_DataFrame", "CAN_ErrorFrame", "CAN_FdErrorFrame"}) {
     if (strcasecmp(name.c_str(), known) == 0) return true;
   }
-  return false;
+  return loggerRules && strcasecmp(name.c_str(), "CAN_RemoteFrame") == 0;
 }
 
-bool isCanChannel(DirectFile& file, const M4CNBlock& channel) {
-  const auto source = loadBlockAs<M4SIBlock>(file, channel.link(link::cn_si_source));
-  if (source != nullptr && source->si_type == kSiTypeBus && source->si_bus_type == kSiBusCan) {
-    return true;
-  }
-  return isBusLogName(loadText(file, channel.link(link::cn_tx_name)));
+bool isCanSource(DirectFile& file, std::uint64_t position) {
+  const auto source = loadBlockAs<M4SIBlock>(file, position);
+  return source != nullptr && source->si_type == kSiTypeBus && source->si_bus_type == kSiBusCan;
+}
+
+bool isCanChannel(DirectFile& file, const M4CNBlock& channel, bool loggerRules) {
+  return isCanSource(file, channel.link(link::cn_si_source)) ||
+         isBusLogName(loadText(file, channel.link(link::cn_tx_name)), loggerRules);
+}
+
+bool isMasterTime(const M4CNBlock& channel) {
+  return channel.cn_type == channel_type::kMaster && channel.cn_sync_type == kSyncTime;
 }
 
 }  // namespace
@@ -213,25 +219,31 @@ class TreeWalk {
   }
 
   void channels(int dg, int cg, const M4CGBlock& group) {
+    const bool canGroup =
+        state_.loggerRules && isCanSource(file_, group.link(link::cg_si_acq_source));
     int cn = 0;
     for (std::uint64_t at = group.link(link::cg_cn_first); at != 0; ++cn) {
       M4CNBlock* const block = load<M4CNBlock>(at);
       if (block == nullptr) return;
       state_.cnBlocks[dg][cg][cn] = block;
-      list({dg, cg, cn, recordSizeOf(group), block, {}});
+      list({dg, cg, cn, recordSizeOf(group), block, {}}, canGroup);
       at = block->link(link::cn_cn_next);
     }
   }
 
-  void list(MdfCNInfo info) {
+  // Loggers name the bus for a whole group, its time included: `canGroup` says that they did.
+  void list(MdfCNInfo info, bool canGroup) {
     const M4CNBlock& channel = *info.cnBlock;
-    if (isCanChannel(file_, channel)) {
+    const bool rules = state_.loggerRules;
+    const bool isCan = (canGroup && channel.link(link::cn_composition) != 0) ||
+                       isCanChannel(file_, channel, rules);
+    if (isCan && !(rules && isMasterTime(channel))) {
       composition(info);
       state_.canChannels.push_back(std::move(info));
     } else if (channel.cn_type == channel_type::kFixedLength ||
                channel.cn_type == channel_type::kVlsd) {
       state_.valueChannels.push_back(std::move(info));
-    } else if (channel.cn_type == channel_type::kMaster && channel.cn_sync_type == kSyncTime) {
+    } else if (isMasterTime(channel)) {
       state_.timeChannels.try_emplace({info.dgIndex, info.cgIndex}, std::move(info));
     }
   }

@@ -34,6 +34,7 @@ struct ReaderState {
   MDF4File file;
   MdfFileInfo info;
   std::uint64_t startTime = 0;  // ns, in UTC
+  bool loggerRules = false;     // MdfReader::setLoggerRules
   // By index. A look-up of what does not exist leaves an empty entry.
   std::map<int, m4Block*> dgBlocks;
   std::map<int, std::map<int, m4Block*>> cgBlocks;

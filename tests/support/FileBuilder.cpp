@@ -194,7 +194,7 @@ Link FileBuilder::cn(const Cn& cn) {
 Link FileBuilder::cg(const Cg& cg) {
   const Link channels = chain(cg.channels);
   const Link name = named(cg.name);
-  return block("CG", {0, channels, name, 0, 0, cg.comment},
+  return block("CG", {0, channels, name, cg.source, 0, cg.comment},
                packed(cg.recordId, cg.records, cg.flags, std::uint16_t{'.'}, std::uint32_t{0},
                       cg.dataBytes, cg.invalBytes));
 }
@@ -230,23 +230,27 @@ Link FileBuilder::busLog(const BusLayout& layout, std::uint64_t records, Link da
   std::vector<Link> children;
   for (const BusField& field : layout.fields) {
     const bool outside = layout.payloadOutside && field.name == "DataBytes";
-    children.push_back(cn({.name = layout.group + "." + field.name,
-                           .type = static_cast<std::uint8_t>(outside ? 1 : 0),
-                           .dataType = field.dataType,
-                           .byteOffset = field.byte,
-                           .bitOffset = field.bit,
-                           .bitCount = field.bits,
-                           .flags = 0x400,
-                           .data = outside ? signalData : 0}));
+    children.push_back(
+        cn({.name = layout.group + "." + field.name,
+            .type = static_cast<std::uint8_t>(outside ? 1 : 0),
+            .dataType = field.dataType,
+            .byteOffset = field.byte,
+            .bitOffset = field.bit,
+            .bitCount = field.bits,
+            .flags = 0x400,
+            .conversion = field.linear.empty() ? 0 : cc({.type = 1, .values = field.linear}),
+            .data = outside ? signalData : 0}));
   }
-  const Link time =
-      cn({.name = "time",
-          .type = 2,
-          .sync = 1,
-          .dataType = 4,
-          .bitCount = 64,
-          .conversion =
-              layout.timeFactor == 1 ? 0 : cc({.type = 1, .values = {0, layout.timeFactor}})});
+  const Link time = cn(
+      {.name = "time",
+       .type = 2,
+       .sync = 1,
+       .dataType = layout.time.dataType,
+       .byteOffset = layout.time.byte,
+       .bitOffset = layout.time.bit,
+       .bitCount = layout.time.bits,
+       .conversion = layout.timeFactor == 1 ? 0 : cc({.type = 1, .values = {0, layout.timeFactor}}),
+       .unit = named(layout.timeUnit)});
   const Link parent = cn({.name = layout.group,
                           .dataType = 10,
                           .byteOffset = 8,
@@ -258,7 +262,8 @@ Link FileBuilder::busLog(const BusLayout& layout, std::uint64_t records, Link da
                          .channels = {time, parent},
                          .records = records,
                          .dataBytes = layout.recordBytes,
-                         .flags = 6});
+                         .flags = 6,
+                         .source = layout.groupBus == 0 ? 0 : si(2, layout.groupBus)});
   return dg({.groups = {group}, .data = data});
 }
 
@@ -302,9 +307,11 @@ std::string FileBuilder::write(std::uint64_t size) const {
 Bytes busRecord(const BusLayout& layout, double time,
                 const std::vector<std::pair<std::string, std::uint64_t>>& fields,
                 const Bytes& payload) {
+  constexpr std::uint8_t kFloat = 4;
   Bytes record(layout.recordBytes);
-  const Bytes timeBytes = packed(time);
-  std::copy(timeBytes.begin(), timeBytes.end(), record.begin());
+  setBits(record, layout.time,
+          layout.time.dataType == kFloat ? std::bit_cast<std::uint64_t>(time)
+                                         : static_cast<std::uint64_t>(time));
   for (const auto& [name, value] : fields) setBits(record, fieldNamed(layout, name), value);
   if (!payload.empty()) {
     std::copy(payload.begin(), payload.end(),

@@ -99,6 +99,7 @@ struct Cg {
   std::uint16_t flags = 0;
   std::uint64_t recordId = 0;
   Link comment = 0;
+  Link source = 0;
 };
 
 struct Dg {
@@ -114,6 +115,7 @@ struct BusField {
   std::uint8_t bit = 0;
   std::uint32_t bits = 0;
   std::uint8_t dataType = 0;
+  std::vector<double> linear = {};  // offset and factor of a linear conversion
 };
 
 struct BusLayout {
@@ -123,6 +125,9 @@ struct BusLayout {
   double timeFactor = 1;        // seconds per unit of the time channel
   bool payloadOutside = false;  // DataBytes holds an offset into the signal data
   bool namedSource = true;      // the group's channel carries a CAN bus source block
+  std::uint8_t groupBus = 0;    // the bus type of the channel group's own source block, if any
+  BusField time = {"time", 0, 0, 64, 4};
+  std::string timeUnit = {};
 };
 
 // As the library lays them out.
@@ -134,7 +139,8 @@ BusLayout fdErrorFrames();
 BusLayout remoteFrames();
 BusLayout loggerFrames();
 
-// A record with `time` in its first 8 bytes, the named fields' bits, and `payload` in DataBytes.
+// A record with `time`, an integer where the layout has one, the named fields' bits, and `payload`
+// in DataBytes.
 Bytes busRecord(const BusLayout& layout, double time,
                 const std::vector<std::pair<std::string, std::uint64_t>>& fields,
                 const Bytes& payload = {});

@@ -83,10 +83,10 @@ std::uint64_t writeFrames(MdfReader& reader, const Window& window, FrameText& te
   }
 }
 
-// Says which bus events the file holds beside the CAN frames of `groups`, which are in order.
+// Says which bus events the file holds beside those of `groups`, which are in order.
 void tellOfOtherEvents(MdfReader& reader, const std::vector<MdfGroupInfo>& groups,
                        const std::string& file) {
-  constexpr unsigned kBusEvent = 0x2;
+  constexpr unsigned kPlainBusEvent = 0x4;
   auto shown = groups.begin();
   const int dataGroups = reader.getDGCount();
   MdfGroupInfo group;
@@ -94,8 +94,8 @@ void tellOfOtherEvents(MdfReader& reader, const std::vector<MdfGroupInfo>& group
     for (int cg = 0; reader.getGroupInfo(dg, cg, group); ++cg) {
       if (shown != groups.end() && shown->dgIndex == dg && shown->cgIndex == cg) {
         ++shown;
-      } else if ((group.flags & kBusEvent) != 0 && group.recordCount > 0) {
-        complain(file, fmt::format("{:.100}: {} records are no CAN frames",
+      } else if ((group.flags & kPlainBusEvent) != 0 && group.recordCount > 0) {
+        complain(file, fmt::format("{:.100}: {} records are no CAN data, remote or error frames",
                                    group.name.empty() ? "a group without a name" : group.name,
                                    group.recordCount));
       }
