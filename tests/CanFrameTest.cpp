@@ -68,35 +68,12 @@ TEST(CanMessage, KeepsCodeAndPayloadInStep) {
             (Bytes{0xCC, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC, 0xCC, 0, 0, 0}));
   message.DataBytes(nullptr, 0);
   EXPECT_TRUE(message.DataBytes().empty());
-}
 
-template <class Frame>
-void expectMovesToLeaveNoPayload() {
-  Frame source;
-  source.DataBytes(Bytes{1, 2, 3});
-  Frame built(std::move(source));
-  EXPECT_TRUE(source.DataBytes().empty());  // NOLINT(bugprone-use-after-move)
-  Frame assigned;
-  assigned.DataBytes(Bytes{4});
-  assigned = std::move(built);
-  EXPECT_TRUE(built.DataBytes().empty());  // NOLINT(bugprone-use-after-move)
-  EXPECT_EQ(assigned.DataBytes(), (Bytes{1, 2, 3}));
-}
-
-TEST(CanFrames, HandOverTheirPayloadWhenMoved) {
-  expectMovesToLeaveNoPayload<MdfCanMessage>();
-  expectMovesToLeaveNoPayload<MdfCanError>();
-}
-
-TEST(CanMessage, ResetKeepsTheTime) {
-  MdfCanMessage message;
   message.Timestamp(5);
-  message.MessageId(0x123);
-  message.DataBytes({1, 2});
   message.Rtr(true);
+  message.DataBytes({1, 2});
   message.Reset();
-  EXPECT_EQ(message.Timestamp(), 5U);
-  EXPECT_EQ(message.MessageId(), 0U);
+  EXPECT_EQ(message.Timestamp(), 5U) << "all but the time";
   EXPECT_EQ(message.Dlc(), 0);
   EXPECT_TRUE(message.DataBytes().empty());
   EXPECT_FALSE(message.Rtr());
@@ -230,97 +207,48 @@ TEST(CanError, PacksEachLayout) {
   EXPECT_EQ(contents(first), want);
 }
 
-TEST(CanFrames, FillTheRecordBeyondAShortPayload) {
-  MdfCanMessage message;
-  MdfCanError error;
-  for (const Bytes& payload : {Bytes{}, Bytes{7}, Bytes(7, 7), Bytes(8, 7), Bytes(48, 7)}) {
-    SCOPED_TRACE(payload.size());
-    message.DataBytes(payload);
-    error.DataBytes(payload);
-    Bytes eight = payload;
-    eight.resize(8);
-    Bytes sixtyFour = payload;
-    sixtyFour.resize(64);
-    const auto expectTail = [](const RecordData& record, std::size_t at, const Bytes& want) {
-      const Bytes all = contents(record);
-      const auto begin = all.begin() + static_cast<std::ptrdiff_t>(at);
-      EXPECT_EQ(Bytes(begin, begin + static_cast<std::ptrdiff_t>(want.size())), want);
-    };
-    RecordData data = recordOf(23);
-    EXPECT_TRUE(message.ToRaw(MessageType::DataFrame, data, 8, true));
-    expectTail(data, 15, eight);
-    RecordData longData = recordOf(79);
-    EXPECT_TRUE(message.ToRaw(MessageType::DataFrame, longData, 64, false));
-    expectTail(longData, 15, sixtyFour);
-    RecordData classic = recordOf(26);
-    EXPECT_TRUE(error.ToRaw(classic, 0, false));
-    expectTail(classic, 18, eight);
-    RecordData fd = recordOf(113);
-    EXPECT_TRUE(error.ToRaw(fd, 0, true));
-    expectTail(fd, 41, sixtyFour);
-  }
-}
-
-TEST(CanMessage, PacksOnlyIntoARecordOfTheRightSize) {
-  const auto data = MessageType::DataFrame;
+TEST(CanFrames, PackOnlyIntoARecordOfTheRightSize) {
+  using enum MessageType;
   const struct {
     MessageType type;
-    std::uint32_t size;
     unsigned dataBytes;
-    bool fixedEight, fits;
+    std::vector<std::uint32_t> fits, doesNot;
+    bool fixedEight = false;
   } rows[] = {
-      {data, 23, 8, false, true},
-      {data, 22, 8, false, false},
-      {data, 24, 8, false, false},
-      {data, 23, 0, false, true},
-      {data, 79, 64, false, true},
-      {data, 78, 64, false, false},
-      {data, 115, 100, false, true},
-      {data, 14, ~0U, false, false},
-      {data, 23, 8, true, true},
-      {data, 23, 3, true, true},
-      {data, 23, 64, true, false},
-      {data, 79, 64, true, false},
-      {MessageType::HeaderOnlyFrame, 15, 8, false, true},
-      {MessageType::HeaderOnlyFrame, 14, 8, false, false},
-      {MessageType::HeaderOnlyFrame, 16, 8, false, false},
-      {MessageType::ErrorFrame, 26, 8, false, true},
-      {MessageType::ErrorFrame, 25, 8, false, false},
-      {MessageType::FdErrorFrame, 113, 8, false, true},
-      {MessageType::FdErrorFrame, 112, 64, false, false},
-      {MessageType::ChannelDirFrame, 9, 8, false, true},
-      {MessageType::ChannelDirFrame, 8, 8, false, false},
-      {MessageType::ChannelDirFrame, 10, 8, false, false},
-      {static_cast<MessageType>(5), 113, 8, false, false},
-      {static_cast<MessageType>(255), 23, 8, false, false},
-      {data, 0, 8, false, false},
+      {DataFrame, 8, {23}, {0, 22, 24}},
+      {DataFrame, 0, {23}, {15}},
+      {DataFrame, 64, {79}, {78, 80}},
+      {DataFrame, 100, {115}, {79}},
+      {DataFrame, ~0U, {}, {14}},
+      {DataFrame, 3, {23}, {18}, true},
+      {DataFrame, 64, {}, {23, 79}, true},
+      {HeaderOnlyFrame, 8, {15}, {14, 16}},
+      {ErrorFrame, 8, {26, 113}, {25}},
+      {FdErrorFrame, 64, {113, 114}, {112}},
+      {ChannelDirFrame, 8, {9}, {8, 10}},
+      {static_cast<MessageType>(5), 8, {}, {9, 23, 113}},
+      {static_cast<MessageType>(255), 8, {}, {23}},
   };
-  for (const auto& [type, size, dataBytes, fixedEight, fits] : rows) {
-    SCOPED_TRACE(testing::Message() << "type " << static_cast<int>(type) << ", " << size
-                                    << " bytes for " << dataBytes);
-    RecordData record = recordOf(size);
-    EXPECT_EQ(fullMessage().ToRaw(type, record, dataBytes, fixedEight), fits);
-    EXPECT_EQ(contents(record) != Bytes(size, kUntouched), fits);
-  }
-  RecordData record = recordOf(23);
-  const RecordData taken = std::move(record);
-  EXPECT_FALSE(fullMessage().ToRaw(data, record, 8, false));  // NOLINT(bugprone-use-after-move)
-}
-
-TEST(CanError, PacksOnlyIntoARecordThatIsLargeEnough) {
-  const struct {
-    std::uint32_t size;
-    bool canFd, fits;
-  } rows[] = {{25, false, false}, {26, false, true},  {113, false, true},
-              {26, true, false},  {112, true, false}, {113, true, true}};
-  for (const auto& [size, canFd, fits] : rows) {
-    RecordData record = recordOf(size);
-    EXPECT_EQ(fullError().ToRaw(record, 64, canFd), fits) << size;
-    EXPECT_EQ(contents(record) != Bytes(size, kUntouched), fits) << size;
+  for (const auto& row : rows) {
+    const auto expectFit = [&](std::uint32_t size, bool fits) {
+      SCOPED_TRACE(testing::Message() << "type " << static_cast<int>(row.type) << ", " << size
+                                      << " bytes for " << row.dataBytes);
+      RecordData record = recordOf(size);
+      EXPECT_EQ(fullMessage().ToRaw(row.type, record, row.dataBytes, row.fixedEight), fits);
+      EXPECT_EQ(contents(record) != Bytes(size, kUntouched), fits);
+      if (row.type != ErrorFrame && row.type != FdErrorFrame) return;
+      RecordData error = recordOf(size);
+      EXPECT_EQ(fullError().ToRaw(error, 64, row.type == FdErrorFrame), fits);
+      EXPECT_EQ(contents(error) != Bytes(size, kUntouched), fits);
+    };
+    for (const std::uint32_t size : row.fits) expectFit(size, true);
+    for (const std::uint32_t size : row.doesNot) expectFit(size, false);
   }
   RecordData record = recordOf(113);
   const RecordData taken = std::move(record);
-  EXPECT_FALSE(fullError().ToRaw(record, 64, true));  // NOLINT(bugprone-use-after-move)
+  EXPECT_FALSE(
+      fullMessage().ToRaw(DataFrame, record, 8, false));  // NOLINT(bugprone-use-after-move)
+  EXPECT_FALSE(fullError().ToRaw(record, 64, true));
 }
 
 }  // namespace

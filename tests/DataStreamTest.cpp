@@ -25,9 +25,9 @@ Bytes slice(const Bytes& bytes, std::uint64_t at, std::uint64_t count) {
   return {begin, begin + static_cast<std::ptrdiff_t>(count)};
 }
 
-Bytes read(m4DataStream& stream, std::uint64_t length, std::uint32_t records = 0) {
+Bytes read(m4DataStream& stream, std::uint64_t length) {
   Bytes bytes(length);
-  bytes.resize(stream.Read(length, bytes.data(), records));
+  bytes.resize(stream.Read(length, bytes.data()));
   return bytes;
 }
 
@@ -218,44 +218,6 @@ TEST_F(DataStream, CutFilesGiveTheWholeSharesThatAreLeft) {
   EXPECT_EQ(read(shorter, 10), Bytes{});
 }
 
-TEST_F(DataStream, PutsInvalidationBytesBehindTheirRecords) {
-  FileBuilder& f = file_;
-  const Bytes records = {1, 1, 2, 2, 3, 3, 4, 4, 5, 5, 6, 6};  // two bytes each
-  const Bytes a = slice(records, 0, 6);
-  const Bytes b = slice(records, 6, 6);
-  const Bytes marked = {1, 1, 91, 2, 2, 92, 3, 3, 93, 4, 4, 94, 5, 5, 95, 6, 6, 96};
-  const Bytes half = {1, 1, 91, 2, 2, 92, 3, 3, 93, 4, 4, 0, 5, 5, 0, 6, 6, 0};
-  const struct {
-    const char* name;
-    Link data;
-    Bytes want;
-  } rows[] = {
-      {"DV and DI", f.ld({f.dv(a), f.dv(b)}, {f.di({91, 92, 93}), f.di({94, 95, 96})}), marked},
-      {"DZ and DZ",
-       f.ld({f.dz(a, "DV", 1, 2), f.dz(b, "DV")},
-            {f.dz({91, 92, 93}, "DI"), f.dz({94, 95, 96}, "DI")}),
-       marked},
-      {"DZ and DI", f.ld({f.dz(a, "DV"), f.dv(b)}, {f.di({91, 92, 93}), f.dz({94, 95, 96}, "DI")}),
-       marked},
-      {"a block whose samples are all valid", f.ld({f.dv(a), f.dv(b)}, {f.di({91, 92, 93}), 0}),
-       half},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    for (std::uint32_t start = 0; start < 6; ++start) {
-      for (std::uint32_t count = 1; start + count <= 6; ++count) {
-        m4DataStream stream = open(row.data);
-        stream.mergeInvalidation(2, 1);
-        stream.Seek(2 * start);
-        EXPECT_EQ(read(stream, 3 * count, count), slice(row.want, 3 * start, 3 * count));
-        if (start + count < 6) {
-          EXPECT_EQ(viewed(stream, 3), slice(row.want, 3 * (start + count), 3));
-        }
-      }
-    }
-  }
-}
-
 TEST_F(DataStream, ReadsBeyondFourGigabytes) {
   constexpr std::uint64_t kFar = std::uint64_t{5} << 30;
   const Bytes stored = {1, 2, 3, 4};
@@ -288,42 +250,22 @@ TEST(Transposition, IsUndoneForAnyShape) {
 }
 
 // Three blocks of ten bytes a list: what was written comes back, however it was handed over.
-struct WrittenFile {
-  explicit WrittenFile(std::uint64_t room = ~std::uint64_t{0}) {
-    auto memory = std::make_unique<MemoryFile>(Bytes(64));
-    memory->failAfter(room);
-    bytes = memory.get();
-    EXPECT_TRUE(file.attach(std::move(memory)));
-  }
-
-  static m4DataStream::Blocks lists(bool columns) {
-    m4DataStream::Blocks blocks;
-    if (columns) {
-      blocks.data = std::make_unique<M4DVBlock>();
-      blocks.invalidation = std::make_unique<M4DIBlock>();
-      blocks.invalidation->reallocate(5);
-      blocks.columnList = std::make_unique<M4LDBlock>(3, true);
-    } else {
-      blocks.data = std::make_unique<M4DTBlock>();
-      blocks.dataList = std::make_unique<M4DLBlock>(3, 10);
-    }
-    blocks.data->reallocate(10);
-    return blocks;
-  }
-
-  DirectFile file;
-  MemoryFile* bytes;
-};
-
 TEST(WritingDataStream, ReadsBackWhatWasWritten) {
   const CapturedDiagnostics diagnostics;
   std::mt19937 random(1);
   for (std::uint64_t size = 1; size < 75; ++size) {
     for (const bool full : {false, true}) {
       SCOPED_TRACE(size);
-      WrittenFile out;
+      auto memory = std::make_unique<MemoryFile>(Bytes(64));
+      const MemoryFile& written = *memory;
+      DirectFile file;
+      ASSERT_TRUE(file.attach(std::move(memory)));
+      m4DataStream::Blocks blocks;
+      blocks.data = std::make_unique<M4DTBlock>();
+      blocks.data->reallocate(10);
+      blocks.dataList = std::make_unique<M4DLBlock>(3, 10);
       const Bytes stored = randomBytes(random, size);
-      m4DataStream writer(out.file, WrittenFile::lists(false));
+      m4DataStream writer(file, std::move(blocks));
       writer.addPendingLink(8, writer.firstList());
       for (std::uint64_t at = 0; at < size;) {
         const std::uint64_t count = std::min<std::uint64_t>(1 + random() % 25, size - at);
@@ -331,29 +273,12 @@ TEST(WritingDataStream, ReadsBackWhatWasWritten) {
         at += count;
       }
       ASSERT_TRUE(writer.finish(full));
-      EXPECT_EQ(loadNumber<std::uint64_t>(out.bytes->bytes().data() + 8), writer.firstList());
-      m4DataStream reader(out.file, writer.firstList());
+      EXPECT_EQ(loadNumber<std::uint64_t>(written.bytes().data() + 8), writer.firstList());
+      m4DataStream reader(file, writer.firstList());
       EXPECT_EQ(read(reader, size + 1), stored);
-      EXPECT_TRUE(out.file.problems().empty());
+      EXPECT_TRUE(file.problems().empty());
     }
   }
-}
-
-TEST(WritingDataStream, FullColumnListsReadBackWithTheirInvalidationBytes) {
-  const CapturedDiagnostics diagnostics;
-  WrittenFile out;
-  m4DataStream writer(out.file, WrittenFile::lists(true));
-  Bytes want;
-  for (std::uint8_t i = 0; i < 30; ++i) {
-    const Bytes data = {i, i};
-    const Bytes mark = {static_cast<std::uint8_t>(100 + i)};
-    ASSERT_TRUE(writer.write(data.data(), 2, mark.data(), 1));
-    want = joined({want, data, mark});
-  }
-  ASSERT_TRUE(writer.finish(true));
-  m4DataStream reader(out.file, writer.firstList());
-  reader.mergeInvalidation(2, 1);
-  EXPECT_EQ(read(reader, 90, 30), want);
 }
 
 }  // namespace

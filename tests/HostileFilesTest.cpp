@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <ostream>
-#include <random>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -263,40 +262,6 @@ TEST_F(HostileFiles, ChainsEndWhereTheyMeetThemselves) {
   }
 }
 
-TEST_F(HostileFiles, CutFilesShowNoMoreThanWhatIsLeft) {
-  const FileBuilder file = sound();
-  const Seen whole = visit(file);
-  std::vector<std::uint64_t> sizes;
-  for (const Link block : file.blocks()) {
-    sizes.insert(sizes.end(), {block - 1, block, block + 1, block + 24, block + 30});
-  }
-  const auto seed = static_cast<unsigned>(std::random_device()());
-  SCOPED_TRACE("seed " + std::to_string(seed));
-  std::mt19937 random(seed);
-  for (int i = 0; i < 100; ++i) sizes.push_back(random() % file.size());
-  for (const std::uint64_t size : sizes) {
-    const Seen seen = visit(file.write(size));
-    EXPECT_EQ(seen.opened, size >= 64 + 104) << size;
-    EXPECT_LE(seen.channels, whole.channels) << size;
-    EXPECT_LE(seen.records, whole.records) << size;
-    EXPECT_LE(seen.frames, whole.frames) << size;
-  }
-}
-
-TEST_F(HostileFiles, AnyByteMayBeWrong) {
-  const FileBuilder file = sound();
-  const std::uint64_t blocks = file.size() / 24;
-  for (std::uint64_t at = 0; at < file.size(); ++at) {
-    for (const std::uint8_t value : Bytes{0xFF, 0x00}) {
-      FileBuilder bad = file;
-      bad.setByte(at, value);
-      const Seen seen = visit(bad);
-      ASSERT_LE(seen.channels, blocks) << unsigned{value} << " at " << at;
-      ASSERT_LE(seen.textBytes, 64 * file.size()) << unsigned{value} << " at " << at;
-    }
-  }
-}
-
 TEST_F(HostileFiles, CompressedBlocksThatLieHoldNothing) {
   const Bytes data(9000, 7);
   const struct {
@@ -347,30 +312,6 @@ TEST_F(HostileFiles, RecordsHaveASizeWithinLimits) {
     FileBuilder file;
     file.signalGroup({{.name = "v"}}, {.records = 5, .dataBytes = dataBytes}, file.dt(Bytes(90)));
     EXPECT_EQ(visit(file).records, 0U) << dataBytes;
-  }
-}
-
-TEST_F(HostileFiles, ConversionsHoldWhatTheirBlockHolds) {
-  FileBuilder file;
-  std::vector<Cn> channels;
-  for (std::uint8_t type = 0; type < 14; ++type) {
-    const Link conversion = file.cc({.type = type, .values = {1, 2}, .refs = {file.tx("text")}});
-    file.setU64(file.dataPosition(conversion), 0xFFFF'FFFF'0000'0000U | type);
-    channels.push_back({.name = "v", .byteOffset = 8, .conversion = conversion});
-  }
-  file.signalGroup(channels, {packed(0.0, std::uint8_t{1})});
-  MdfSigReader reader(file.write());
-  ASSERT_TRUE(reader.open());
-  for (int i = 1; i <= 14; ++i) {
-    MdfSigCCInfo info;
-    ASSERT_TRUE(reader.getCCInfo(0, 0, i, info));
-    EXPECT_EQ(info.valueCount, 0xFFFF);
-    EXPECT_EQ(info.textCount, 0xFFFF);
-    EXPECT_EQ(info.values, (std::vector<double>{1, 2}));
-    EXPECT_EQ(info.texts, std::vector<std::string>{"text"});
-    double value = 0;
-    std::string text;
-    info.convertToPhysical(packed(0.0, std::uint8_t{1}), value, text);
   }
 }
 

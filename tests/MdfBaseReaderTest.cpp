@@ -3,10 +3,14 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <limits>
 #include <optional>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include "tests/support/Diagnostics.h"
@@ -75,18 +79,14 @@ TEST_F(MdfBaseReaderTest, RefusesWhatIsNoMeasurementFileAndSaysWhy) {
     EXPECT_EQ(callbackTexts(reader), std::vector<std::string>{"Failed to open MDF4 file: " + path});
     EXPECT_NE(reader.getLastError(), "");
   }
-}
 
-TEST_F(MdfBaseReaderTest, OpensAnEmptyFileOfVersion400) {
-  const FileBuilder file({.version = 400, .program = "prog", .startTimeNs = 7});
-  Reader reader(file.write());
-  ASSERT_TRUE(reader.open());
-  EXPECT_EQ(reader.getDGCount(), 0);
+  const FileBuilder empty({.version = 400, .program = "prog", .startTimeNs = 7});
+  Reader reader(empty.write());
+  EXPECT_TRUE(reader.open());
   EXPECT_EQ(reader.getLastError(), "");
   EXPECT_TRUE(reader.getProblems().empty());
   const MdfFileInfo info = reader.getFileInfo();
-  EXPECT_EQ(info.size, file.size());
-  EXPECT_EQ(info.version, 400);
+  EXPECT_EQ(info.size, empty.size());
   EXPECT_EQ(info.versionText, "4.00");
   EXPECT_EQ(info.program, "prog");
   EXPECT_EQ(info.startTimeNs, 7U);
@@ -127,37 +127,25 @@ TEST_F(MdfBaseReaderTest, TakesTheZoneThatTheTimeFlagsNameOffTheStartTime) {
   tzset();
 }
 
-TEST_F(MdfBaseReaderTest, LookingUpWhatIsNotThereAddsAnEntry) {
+TEST_F(MdfBaseReaderTest, LookingUpABlockThatIsNotThereAddsAnEntry) {
   FileBuilder file;
   file.signalGroup({}, {packed(0.0)});
   file.signalGroup({}, {packed(0.0)});
   Reader reader(file.write());
   ASSERT_TRUE(reader.open());
-
   EXPECT_EQ(reader.getCGCount(5), 0);
   EXPECT_EQ(reader.getCNCount(6, 1), 0);
   EXPECT_EQ(reader.getDGCount(), 2);
   EXPECT_EQ(reader.getDGBlock(5), nullptr);
-  EXPECT_EQ(reader.getDGBlock(5), nullptr);
-  EXPECT_EQ(reader.getDGCount(), 3);
-
-  EXPECT_EQ(reader.getCGBlock(0, 7), nullptr);
   EXPECT_EQ(reader.getCGName(0, 8), "");
-  EXPECT_EQ(reader.getCGCount(0), 3);
-  EXPECT_EQ(reader.getCNCount(0, 7), 0);
-
-  EXPECT_EQ(reader.getCNBlock(1, 0, 3), nullptr);
   EXPECT_EQ(reader.getCNName(1, 0, -1), "");
-  EXPECT_EQ(reader.getCNCount(1, 0), 3);
-  EXPECT_EQ(reader.getCGName(9, 0), "");
-  EXPECT_EQ(reader.getCGCount(9), 1);
   EXPECT_EQ(reader.getDGCount(), 3);
-
+  EXPECT_EQ(reader.getCGCount(0), 2);
+  EXPECT_EQ(reader.getCNCount(1, 0), 2);
   MdfGroupInfo info;
-  EXPECT_FALSE(reader.getGroupInfo(30, 0, info));
-  EXPECT_FALSE(reader.getGroupInfo(1, 5, info));
-  EXPECT_FALSE(reader.getGroupInfo(0, 7, info)) << "an added entry is no group";
-  EXPECT_EQ(reader.getDGCount(), 3);
+  for (const auto& [dg, cg] : {std::pair(30, 0), {1, 5}, {0, 8}}) {
+    EXPECT_FALSE(reader.getGroupInfo(dg, cg, info)) << "an added entry is no group";
+  }
   EXPECT_EQ(reader.getCGCount(1), 1);
 }
 
@@ -167,48 +155,48 @@ TEST_F(MdfBaseReaderTest, SortsChannelsIntoValuesTimesAndBusLogs) {
   enum List { kNone, kValue, kTime, kCan };
   const struct {
     const char* name;
-    std::uint8_t type;
-    std::uint8_t sync;
-    std::vector<std::uint8_t> source;  // type and bus type
+    std::uint8_t type, sync, sourceType, busType;
     List want;
   } rows[] = {
-      {"speed", 0, 0, {}, kValue},
-      {"text of any length", 1, 0, {}, kValue},
-      {"time", 2, 1, {}, kTime},
-      {"angle", 2, 2, {}, kNone},
-      {"index", 3, 0, {}, kNone},
-      {"sync", 4, 1, {}, kNone},
-      {"bits of other channels", 5, 0, {}, kNone},
-      {"CAN_DataFrame", 0, 0, {}, kCan},
-      {"can_dataFRAME", 0, 0, {}, kCan},
-      {"CAN_ErrorFrame", 3, 0, {}, kCan},
-      {"CAN_FdErrorFrame", 2, 1, {}, kCan},
-      {"CAN_DataFrame.ID", 0, 0, {}, kValue},
-      {"CAN_RemoteFrame", 0, 0, {}, kValue},
-      {"CAN_RemoteFrame", 0, 0, {2, 2}, kCan},
-      {"speed on CAN", 0, 0, {2, 2}, kCan},
-      {"speed on LIN", 0, 0, {2, 3}, kValue},
-      {"speed in a unit", 0, 0, {1, 2}, kValue},
+      {"speed", 0, 0, 0, 0, kValue},
+      {"text of any length", 1, 0, 0, 0, kValue},
+      {"time", 2, 1, 0, 0, kTime},
+      {"angle", 2, 2, 0, 0, kNone},
+      {"index", 3, 0, 0, 0, kNone},
+      {"sync", 4, 1, 0, 0, kNone},
+      {"bits of other channels", 5, 0, 0, 0, kNone},
+      {"CAN_DataFrame", 0, 0, 0, 0, kCan},
+      {"can_dataFRAME", 0, 0, 0, 0, kCan},
+      {"CAN_ErrorFrame", 3, 0, 0, 0, kCan},
+      {"CAN_FdErrorFrame", 2, 1, 0, 0, kCan},
+      {"CAN_DataFrame.ID", 0, 0, 0, 0, kValue},
+      {"CAN_RemoteFrame", 0, 0, 0, 0, kValue},
+      {"CAN_RemoteFrame", 0, 0, 2, 2, kCan},
+      {"speed on CAN", 0, 0, 2, 2, kCan},
+      {"speed on LIN", 0, 0, 2, 3, kValue},
+      {"speed in a unit", 0, 0, 1, 2, kValue},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    FileBuilder file;
-    const Link source = row.source.empty() ? 0 : file.si(row.source[0], row.source[1]);
-    const Link channel = file.cn(
-        {.name = row.name, .type = row.type, .sync = row.sync, .bitCount = 64, .source = source});
+  FileBuilder file;
+  for (const auto& [name, type, sync, sourceType, busType, want] : rows) {
+    const Link source = sourceType == 0 ? 0 : file.si(sourceType, busType);
+    const Link channel =
+        file.cn({.name = name, .type = type, .sync = sync, .bitCount = 64, .source = source});
     const Link group = file.cg({.channels = {channel}, .records = 2, .dataBytes = 8});
     file.dg({.groups = {group}, .data = file.dt(packed(1.0, 2.0))});
-    const std::string path = file.write();
-
-    Reader signals(path);
-    ASSERT_TRUE(signals.open());
-    MdfReader frames(path);
-    ASSERT_TRUE(frames.open());
+  }
+  Reader signals(file.write());
+  ASSERT_TRUE(signals.open());
+  MdfReader frames(file.write());
+  ASSERT_TRUE(frames.open());
+  const std::vector<int> valueGroups = signals.getDataGroupSigsIndex();
+  const std::vector<MdfGroupInfo> canGroups = frames.getBusLogGroups();
+  for (int dg = 0; const auto& row : rows) {
+    SCOPED_TRACE(row.name);
     MdfSigCCInfo time;
-    EXPECT_EQ(signals.getDataGroupSigsIndex(), std::vector<int>(row.want == kValue ? 1 : 0));
-    EXPECT_EQ(signals.getTimeCCInfo(0, 0, time), row.want == kTime);
-    EXPECT_EQ(frames.getCanCount(), row.want == kCan ? 2U : 0U);
-    EXPECT_EQ(signals.getCNCount(0, 0), 1);
+    EXPECT_EQ(std::ranges::count(valueGroups, dg), row.want == kValue ? 1 : 0);
+    EXPECT_EQ(signals.getTimeCCInfo(dg, 0, time), row.want == kTime);
+    EXPECT_EQ(std::ranges::count(canGroups, dg, &MdfGroupInfo::dgIndex), row.want == kCan ? 1 : 0);
+    ++dg;
   }
 }
 
@@ -252,32 +240,31 @@ TEST_F(MdfBaseReaderTest, NamesGroupsAndChannels) {
 
 TEST_F(MdfBaseReaderTest, DescribesGroupsAndMarksUnsortedOnes) {
   FileBuilder file;
-  const auto group = [&] { return file.cg({.records = 1}); };
   const Cg full = {
       .name = "full", .records = 0x100000002, .dataBytes = 8, .invalBytes = 2, .flags = 6};
-  file.dg({.groups = {file.cg(full)}, .data = file.dt(packed(0.0))});
-  file.dg({.groups = {group()}, .data = file.dt(packed(0.0)), .recordIdSize = 1});
-  file.dg({.groups = {group(), file.cg({.dataBytes = 8, .invalBytes = 2, .flags = 1})},
-           .data = file.dt(packed(0.0))});
+  Cg values = full;
+  values.flags = 1;
+  const Link data = file.dt(packed(0.0));
+  file.dg({.groups = {file.cg(full)}, .data = data});
+  file.dg({.groups = {file.cg(full)}, .data = data, .recordIdSize = 1});
+  file.dg({.groups = {file.cg(full), file.cg(values)}, .data = data});
   Reader reader(file.write());
   ASSERT_TRUE(reader.open());
-  MdfGroupInfo info;
-  ASSERT_TRUE(reader.getGroupInfo(0, 0, info));
-  EXPECT_EQ(info.name, "full");
-  EXPECT_EQ(info.recordCount, 0x100000002U);
-  EXPECT_EQ(info.recordSize, 10U);
-  EXPECT_EQ(info.dataBytes, 8U);
-  EXPECT_EQ(info.invalBytes, 2U);
-  EXPECT_EQ(info.flags, 6);
-  EXPECT_FALSE(info.unsorted);
-  ASSERT_TRUE(reader.getGroupInfo(1, 0, info));
-  EXPECT_EQ(info.recordIdSize, 1);
-  EXPECT_TRUE(info.unsorted);
-  ASSERT_TRUE(reader.getGroupInfo(2, 1, info));
-  EXPECT_TRUE(info.unsorted);
-  EXPECT_EQ(info.recordSize, 8U) << "no invalidation bytes beside signal data";
-  EXPECT_EQ(info.dgIndex, 2);
-  EXPECT_EQ(info.cgIndex, 1);
+  using Numbers = std::array<std::uint64_t, 8>;
+  const std::tuple<int, int, Numbers> rows[] = {{0, 0, {0, 0, 0x100000002, 10, 8, 2, 6, 0}},
+                                                {1, 0, {1, 0, 0x100000002, 10, 8, 2, 6, 1}},
+                                                // no invalidation bytes beside signal data
+                                                {2, 1, {2, 1, 0x100000002, 8, 8, 2, 1, 0}}};
+  for (const auto& [dg, cg, want] : rows) {
+    MdfGroupInfo info;
+    ASSERT_TRUE(reader.getGroupInfo(dg, cg, info));
+    EXPECT_EQ((Numbers{static_cast<std::uint64_t>(info.dgIndex),
+                       static_cast<std::uint64_t>(info.cgIndex), info.recordCount, info.recordSize,
+                       info.dataBytes, info.invalBytes, info.flags, info.recordIdSize}),
+              want);
+    EXPECT_EQ(info.name, "full");
+    EXPECT_EQ(info.unsorted, dg > 0);
+  }
 }
 
 TEST_F(MdfBaseReaderTest, OpensTwiceAndKeepsItsListsWhenClosed) {

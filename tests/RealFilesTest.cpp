@@ -105,14 +105,5 @@ TEST_F(RealFiles, FramesHoldTheSignalsOfTheDecodedFile) {
   EXPECT_EQ(values, 32938);
 }
 
-TEST_F(RealFiles, UnfinalizedFilesAreRefusedAsSuch) {
-  for (const char* name : {"unfinalized-00000002.MF4", "unfinalized-00000170.MF4"}) {
-    MdfReader reader(data(name));
-    EXPECT_FALSE(reader.open());
-    EXPECT_NE(reader.getLastError().find("unfinalized"), std::string::npos)
-        << reader.getLastError();
-  }
-}
-
 }  // namespace
 }  // namespace tolvex::test

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <cmath>
 #include <cstring>
 #include <iterator>
 
@@ -194,16 +195,18 @@ void RecordWatch::look(View record, std::uint64_t position) {
 void RecordWatch::lookAtTime(double stored, std::uint64_t position) {
   Time& times = *time_;
   const double time = stored * times.factor + times.summand;
-  // Written so that what is no number does not rise.
-  if (records_ != 0 && !(time >= times.last)) {
-    if (times.notRising++ == 0) {
-      times.firstPosition = position;
-      times.firstRecord = records_;
-      times.firstBefore = times.last;
-      times.firstTime = time;
-    }
+  if (time >= times.last) {
+    times.last = time;
+    return;
   }
-  times.last = time;
+  // It falls, or is no number.
+  if (times.notRising++ == 0) {
+    times.firstPosition = position;
+    times.firstRecord = records_;
+    times.firstBefore = times.last;
+    times.firstTime = time;
+  }
+  if (!std::isnan(time)) times.last = time;
 }
 
 void RecordWatch::lookAtValue(Value& value, View record, std::uint64_t position) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <unordered_map>
 #include <vector>
@@ -89,7 +90,7 @@ class RecordWatch {
     bool plain = false;  // a float64 as it stands
     double summand = 0;  // of the conversion
     double factor = 1;
-    double last = 0;
+    double last = -std::numeric_limits<double>::infinity();
     std::uint64_t notRising = 0;
     std::uint64_t firstPosition = 0;
     std::uint64_t firstRecord = 0;
@@ -114,7 +115,7 @@ class RecordWatch {
   void watchTime(const WatchedChannel& channel);
   void watchValue(const WatchedChannel& channel, ValueData* data, bool withInvalidation);
   void look(View record, std::uint64_t position);
-  void lookAtTime(double time, std::uint64_t position);
+  void lookAtTime(double stored, std::uint64_t position);
   void lookAtValue(Value& value, View record, std::uint64_t position);
 
   BlockWalk& walk_;

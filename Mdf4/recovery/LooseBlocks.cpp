@@ -131,6 +131,7 @@ std::optional<LooseBlocks::Times> LooseBlocks::timesOf(const SourceGroup& group,
     entry->second = describeChannel(*channel, numbers, Tables::With);
   }
   const std::uint64_t records = block.bytes / group.recordSize();
+  if (records == 0) return std::nullopt;
   Times times;
   std::vector<std::uint8_t> record;
   std::string text;

@@ -71,7 +71,8 @@ bool SortedRecords::copyBlock(const ChainBlock& found, const Done& done) {
 
 // Of a block whose writing may have been broken off, the bytes that were written. A system copies
 // page by page: what it did not reach begins with one, and is zeros when blocks behind it were
-// written before. Zeros that are less than a record may as well be its end.
+// written before. Zeros that are less than a record may as well be its end, unless its time is
+// among them.
 std::uint64_t SortedRecords::writtenBytes(const ChainBlock& block) {
   assert(size_ != 0);
   constexpr std::uint64_t kPage = 4096;
@@ -89,7 +90,9 @@ std::uint64_t SortedRecords::writtenBytes(const ChainBlock& block) {
     }
     written = from;
   }
-  return end - written < size_ ? block.bytes : (written - start) / size_ * size_;
+  const std::uint64_t timeEnd = group_.time.byteOffset + (group_.time.bits + 7) / 8;
+  if (end - written < size_ && end - size_ + timeEnd <= written) return block.bytes;
+  return (written - start) / size_ * size_;
 }
 
 // The next bytes of a block, from `position` of the file on unless that is 0. `read` becomes false

@@ -1,6 +1,7 @@
 #include "tests/cli/Program.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -30,6 +31,14 @@ Outcome runTolvex(const std::string& arguments) {
   const int status = std::system(command.c_str());
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contentOf(dir.path("out")),
           contentOf(dir.path("err"))};
+}
+
+Outcome runTolvex(const std::string& arguments, int exitCode, const std::string& said) {
+  Outcome outcome = runTolvex(arguments);
+  EXPECT_EQ(outcome.exitCode, exitCode) << arguments << ": " << outcome.err;
+  EXPECT_NE(outcome.err.find(said), std::string::npos)
+      << arguments << ": expected \"" << said << "\", found \"" << outcome.err << "\"";
+  return outcome;
 }
 
 RunningTolvex::RunningTolvex(const std::vector<std::string>& arguments) {

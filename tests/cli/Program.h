@@ -20,6 +20,8 @@ struct Outcome {
 
 // `arguments` as typed behind "tolvex"; they may go on with a pipe or redirect the output.
 Outcome runTolvex(const std::string& arguments);
+// The same, where that exit code and `said` on the standard error are expected.
+Outcome runTolvex(const std::string& arguments, int exitCode, const std::string& said = "");
 
 // The program running, with a standard input that stays open until it has ended.
 class RunningTolvex {

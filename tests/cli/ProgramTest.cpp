@@ -23,7 +23,7 @@ TEST(Program, EndsWithTheCodeAndTheWordsForWhatHappened) {
       {"--version", 0, ""},
       {"--help", 0, ""},
       {"cat --help", 0, ""},
-      {"", 2, "info, cat or export"},
+      {"", 2, "info, cat, export, doctor or recover"},
       {"dance", 2, "dance"},
       {"info", 2, "FILE"},
       {"cat " + raw + " --format xml", 2, "candump,csv,ndjson"},
@@ -45,10 +45,7 @@ TEST(Program, EndsWithTheCodeAndTheWordsForWhatHappened) {
       {"export " + decoded + " -o " + raw, 1, raw},
   };
   for (const auto& [arguments, exitCode, said] : cases) {
-    SCOPED_TRACE(arguments);
-    const Outcome outcome = runTolvex(arguments);
-    EXPECT_EQ(outcome.exitCode, exitCode);
-    EXPECT_NE(outcome.err.find(said), std::string::npos) << outcome.err;
+    const Outcome outcome = runTolvex(arguments, exitCode, said);
     EXPECT_EQ(outcome.err.empty(), said.empty()) << outcome.err;
     EXPECT_EQ(outcome.out.empty(), !said.empty()) << outcome.out;
   }
@@ -66,34 +63,21 @@ TEST(Program, TakesAClosedPipeForANormalEnd) {
 }
 
 TEST(Program, DescribesAFileInJson) {
-  const Outcome outcome = runTolvex("info " + realFile("decoded-00000005.mf4") + " --format json");
-  ASSERT_EQ(outcome.exitCode, 0) << outcome.err;
-  const Json file = Json::parse(outcome.out);
-  const std::vector<std::string> fileKeys = {"file",    "size",          "version",
-                                             "program", "start_time_ns", "groups"};
-  const std::vector<std::string> groupKeys = {"dg",          "cg",       "name",     "records",
-                                              "record_size", "channels", "unsorted", "duration_s"};
-  const auto keys = [](const Json& object) {
-    std::vector<std::string> names;
-    for (const auto& entry : object.items()) {
-      names.push_back(entry.key());
-    }
-    return names;
-  };
-  EXPECT_EQ(keys(file), fileKeys);
-  EXPECT_EQ(file["size"], 285112);
-  EXPECT_EQ(file["version"], "4.11");
-  EXPECT_EQ(file["start_time_ns"], 1627274454000000000U);
+  const std::string decoded = realFile("decoded-00000005.mf4");
+  Json file = Json::parse(runTolvex("info " + decoded + " --format json", 0).out);
   ASSERT_EQ(file["groups"].size(), 9U);
-  const Json& group = file["groups"][2];
-  EXPECT_EQ(keys(group), groupKeys);
-  EXPECT_EQ(group["name"], "CAN2 message ID=0x3 from 0x3");
-  EXPECT_EQ(group["records"], 41);
-  EXPECT_EQ(group["record_size"], 26);
+  Json group = file["groups"][2];
+  file.erase("file");
+  file.erase("groups");
+  EXPECT_EQ(file.dump(), R"({"size":285112,"version":"4.11","program":"amdf700d",)"
+                         R"("start_time_ns":1627274454000000000})");
   EXPECT_EQ(group["channels"][2].dump(),
             R"({"cn":2,"name":"Latitude","unit":"deg","comment":"Latitude","channel_type":0,)"
             R"("sync_type":0,"data_type":4,"byte_offset":9,"bit_offset":0,"bit_count":64,)"
             R"("conversion_type":0})");
+  group.erase("channels");
+  EXPECT_EQ(group.dump(), R"({"dg":2,"cg":0,"name":"CAN2 message ID=0x3 from 0x3","records":41,)"
+                          R"("record_size":26,"unsorted":false,"duration_s":41.98239999999987})");
 }
 
 // Names that are no text at all must neither end the program nor reach the terminal as they are.
@@ -108,9 +92,7 @@ TEST(Program, DescribesAFileOnOneScreen) {
                     {.name = "bad\xFF", .dataType = 6, .byteOffset = 10, .bitCount = 16}},
                    {packed(0.5, std::uint32_t{0}), packed(2.0, std::uint32_t{0})});
   const std::string path = file.write();
-  const Outcome text = runTolvex("info " + path);
-  EXPECT_EQ(text.exitCode, 0) << text.err;
-  EXPECT_EQ(text.out,
+  EXPECT_EQ(runTolvex("info " + path, 0).out,
             path +
                 "\n"
                 "  size     " +
@@ -127,9 +109,8 @@ TEST(Program, DescribesAFileOnOneScreen) {
                 "  time                 float 64, master time  64\n"
                 "  Geschw\xC3\xB6hnlich  km/h  int 16 BE              16    linear conversion\n"
                 "  bad\xEF\xBF\xBD                 string                 16\n");
-  const Outcome json = runTolvex("info " + path + " --format json");
-  EXPECT_EQ(json.exitCode, 0) << json.err;
-  EXPECT_EQ(Json::parse(json.out)["groups"][0]["duration_s"], 1.5);
+  const Json json = Json::parse(runTolvex("info " + path + " --format json", 0).out);
+  EXPECT_EQ(json["groups"][0]["duration_s"], 1.5);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # check-exports.sh LIBRARY HEADERS: the shared library exports the interface that the headers
-# declare (member functions of the exported classes, plain functions) and nothing beside it.
+# declare (member functions of the exported classes, free and plain functions) and nothing beside it.
 set -euo pipefail
 library=$1
 headers=$2
@@ -11,7 +11,8 @@ functions=$(grep -v '^#' "$headers/MdfEngine.h" | tr '\n' ' ' |
 
 exported=$(nm -DC --defined-only "$library" |
   sed -E 's/^[0-9a-f]* +[A-Za-z] //; s/\[abi:cxx11\]//' | sort -u)
-interface="(typeinfo|typeinfo name|vtable) for tolvex::($classes)|tolvex::($classes)::[^:(]+(\(.*)?"
+free=$(sed -nE 's/^TOLVEX_EXPORT [A-Za-z]+ ([a-z][A-Za-z]+)\(.*/\1/p' "$headers/Mdf4.h" | paste -sd '|')
+interface="tolvex::($free)\(.*|(typeinfo|typeinfo name|vtable) for tolvex::($classes)|tolvex::($classes)::[^:(]+(\(.*)?"
 foreign=$(grep -vxE "$interface" <<<"$exported" | grep -vxFf <(echo "$functions") || true)
 absent=$(grep -vxFf <(echo "$exported") <<<"$functions" || true)
 

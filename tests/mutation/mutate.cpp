@@ -1,0 +1,334 @@
+// tolvex_mutate SECONDS SEED FILE...: changes files in single places and does with each what the
+// program's commands do, for so long; for 0 seconds, with every change in turn. The name "samples"
+// stands for small files of every kind, the seed 0 for one by the clock. What fails is printed as
+// the FILE@CHANGE that repeats it.
+#include <malloc.h>
+#include <sys/mman.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <new>
+#include <random>
+
+#include "tests/support/SampleFiles.h"
+#include "tolvex/Mdf4.h"
+#include "tolvex/MdfEngine.h"
+
+namespace {
+
+constexpr std::size_t kMostMemory = 256U << 20;  // bytes
+constexpr int kMostSeconds = 5;                  // of computing, for each command
+constexpr int kOutOfMemory = 99;                 // exit code
+
+std::size_t memoryInUse = 0;
+
+}  // namespace
+
+// One that is too much ends the process. There are no threads.
+void* operator new(std::size_t size) {
+  void* const memory = size > kMostMemory ? nullptr : std::malloc(size != 0 ? size : 1);
+  const std::size_t taken = memory == nullptr ? size : ::malloc_usable_size(memory);
+  if (memory == nullptr || (memoryInUse += taken) > kMostMemory) ::_exit(kOutOfMemory);
+  return memory;
+}
+void operator delete(void* memory) noexcept {
+  if (memory == nullptr) return;
+  memoryInUse -= ::malloc_usable_size(memory);
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t /*size*/) noexcept {
+  operator delete(memory);
+}
+
+namespace tolvex::test {
+namespace {
+
+// What takes the place of up to eight bytes of a file, or its end.
+struct Mutation {
+  std::uint64_t position;
+  unsigned width = 0;  // bytes; 0: the file ends at the position
+  std::uint64_t value = 0;
+
+  static Mutation of(const std::string& text) {
+    unsigned long long position = 0;
+    unsigned long long value = 0;
+    unsigned width = 0;
+    std::sscanf(text.c_str(), "%llu:%u:%llu", &position, &width, &value);
+    return {position, width, value};
+  }
+  std::string text() const {
+    return std::to_string(position) + ":" + std::to_string(width) + ":" + std::to_string(value);
+  }
+};
+
+struct Subject {
+  std::string name;
+  Bytes bytes;
+  std::vector<Mutation> mutations;
+};
+
+// All mutations, but of long data only those of some hundred of its bytes.
+std::vector<Mutation> mutationsOf(const Bytes& bytes, std::mt19937& random) {
+  constexpr std::uint64_t kWords[] = {0, 1, std::uint64_t{1} << 31, std::uint64_t{1} << 63,
+                                      ~std::uint64_t{0}};
+  constexpr std::uint64_t kFew = 512;
+  std::vector<Mutation> all;
+  for (int i = 0; i < 200; ++i) all.push_back({random() % bytes.size()});
+  std::uint64_t dense = kFew;  // up to here every byte is taken
+  for (std::uint64_t at = 0; at < bytes.size(); ++at) {
+    if (at % 8 == 0 && at + 1 < bytes.size() && bytes[at] == '#' && bytes[at + 1] == '#') {
+      all.push_back({at});  // where a block begins
+      dense = at + kFew;
+    }
+    if (at >= dense && random() % (bytes.size() / kFew + 1) != 0) continue;
+    all.push_back({at, 1, bytes[at] ^ 0xFFU});
+    all.push_back({at, 1, bytes[at] ^ 1U << random() % 8});
+    for (const unsigned width : {2U, 4U, 8U}) {
+      if (at % width != 0 || at + width > bytes.size()) continue;
+      for (const std::uint64_t word : kWords) {
+        if (word >> 4 * width >> 4 * width == 0 || word + 1 == 0) all.push_back({at, width, word});
+      }
+    }
+  }
+  return all;
+}
+
+// What the process that tries mutations says of itself, to the one that watches it.
+struct Progress {
+  std::size_t mutation;
+  const char* step;
+};
+
+// One after the other, mutations of a file in memory.
+class Trial {
+ public:
+  Trial(const Subject& subject, const TempDir& dir, Progress& progress)
+      : subject_(subject),
+        progress_(progress),
+        descriptor_(::memfd_create("mutated", MFD_CLOEXEC)),
+        path_("/proc/self/fd/" + std::to_string(descriptor_)),
+        recovered_(dir.path("recovered.mf4")) {
+    put(0, subject.bytes.data(), subject.bytes.size());
+  }
+
+  bool run(std::size_t number) {
+    progress_.mutation = number;
+    const Mutation& mutation = subject_.mutations[number];
+    const std::uint64_t size = subject_.bytes.size();
+    if (mutation.width == 0) {
+      if (::ftruncate(descriptor_, static_cast<off_t>(mutation.position)) != 0) std::abort();
+    } else {
+      put(mutation.position, &mutation.value, mutation.width);
+    }
+    failure_.clear();
+    runCommands(number % 4 == 0);
+    const std::uint64_t end = mutation.width == 0 ? size : mutation.position + mutation.width;
+    put(mutation.position, subject_.bytes.data() + mutation.position, end - mutation.position);
+    return failure_.empty();
+  }
+  const std::string& failure() const { return failure_; }
+
+ private:
+  void put(std::uint64_t at, const void* bytes, std::size_t count) const {
+    const auto written = ::pwrite(descriptor_, bytes, count, static_cast<off_t>(at));
+    if (written != static_cast<ssize_t>(count)) std::abort();
+  }
+
+  // The time for the step that now begins.
+  void begin(const char* step) {
+    progress_.step = step;
+    const ::itimerval time = {{0, 0}, {kMostSeconds, 0}};
+    ::setitimer(ITIMER_PROF, &time, nullptr);
+  }
+
+  void runCommands(bool verify) {
+    begin("info and export");
+    readSignals();
+    begin("cat");
+    readFrames();
+    begin("doctor");
+    checkFile(path_);
+    begin("recover");
+    const MdfRecoveryReport report = recoverFile(path_, recovered_, {verify, nullptr});
+    if (!report.failure.empty()) return;
+    begin("doctor of what came back");
+    const MdfCheckReport check = checkFile(recovered_);
+    failure_ = check.failure;
+    for (const MdfFinding& finding : check.findings) {
+      if (!finding.error || !failure_.empty()) continue;
+      failure_ = finding.what + " at " + std::to_string(finding.position) + ": expected " +
+                 finding.expected + ", found " + finding.found;
+    }
+    if (!MdfSigReader(recovered_).open()) failure_ += " cannot be opened";
+  }
+
+  void readSignals() {
+    MdfSigReader reader(path_);
+    reader.setReadAllGroups(true);
+    reader.open();
+    MdfGroupInfo group;
+    for (int dg = 0; dg < reader.getDGCount(); ++dg) {
+      for (int cg = 0; reader.getGroupInfo(dg, cg, group); ++cg) {
+        reader.readSignalTimeRange(dg, cg);
+        if (!group.unsorted) readGroup(reader, dg, cg);
+      }
+    }
+  }
+
+  static void readGroup(MdfSigReader& reader, int dg, int cg) {
+    constexpr std::uint64_t kAtOnce = 512;  // records
+    std::vector<MdfSigCCInfo> channels;
+    for (int cn = 0; cn < reader.getCNCount(dg, cg); ++cn) {
+      reader.getCCInfo(dg, cg, cn, channels.emplace_back());
+    }
+    Bytes records;
+    Bytes value;
+    std::string text;
+    int size = 0;
+    const std::uint64_t count = reader.getStoredRecordCount(dg, cg);
+    for (std::uint64_t done = 0; done < count && done < 1U << 31; done += kAtOnce) {
+      const auto some = static_cast<int>(std::min(kAtOnce, count - done));
+      if (!reader.readSignalDataBlock(dg, cg, static_cast<int>(done), some, records, size)) return;
+      for (auto at = records.begin(); at != records.end(); at += size) {
+        const Bytes record(at, at + size);
+        double number = 0;
+        for (int cn = 0; const MdfSigCCInfo& channel : channels) {
+          channel.convertToPhysical(record, number);
+          if (channel.channelType == 1) {
+            reader.readValueBytes(dg, cg, cn, record.data(), record.size(), value);
+          }
+          reader.readText(dg, cg, cn++, record.data(), record.size(), text);
+        }
+      }
+    }
+  }
+
+  void readFrames() {
+    MdfReader reader(path_);
+    reader.open();
+    reader.setPayloadByDlc(true);
+    reader.setRequireFields(true);
+    reader.getBusLogGroups();
+    for (;;) {
+      const MdfFrame frame = reader.getNext();
+      const auto* const message = std::get_if<std::shared_ptr<MdfCanMessage>>(&frame);
+      if (message != nullptr && *message == nullptr) break;
+    }
+    reader.getStopTime();
+  }
+
+  const Subject& subject_;
+  Progress& progress_;
+  int descriptor_;
+  std::string path_;
+  std::string recovered_;
+  std::string failure_;
+};
+
+// Tries the mutations from `first` on, before `last`, and goes on behind one that ends the process.
+// Returns how many failed.
+unsigned tryAll(const Subject& subject, std::size_t first, std::size_t last) {
+  constexpr std::size_t kBatch = 500;  // then a new process, whatever the last one kept
+  const TempDir dir;
+  auto* const progress = static_cast<Progress*>(
+      ::mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  unsigned failed = 0;
+  const auto tell = [&](std::size_t number, const std::string& what) {
+    ++failed;
+    std::printf("%s@%s: %s\n", subject.name.c_str(), subject.mutations[number].text().c_str(),
+                what.c_str());
+    std::fflush(stdout);
+  };
+  while (first < last) {
+    const std::size_t end = std::min(first + kBatch, last);
+    *progress = {first, "start"};
+    const pid_t process = ::fork();
+    if (process == 0) {
+      failed = 0;
+      Trial trial(subject, dir, *progress);
+      for (std::size_t number = first; number < end; ++number) {
+        if (!trial.run(number)) tell(number, trial.failure());
+      }
+      ::_exit(static_cast<int>(std::min(failed, 90U)));
+    }
+    int status = 0;
+    ::waitpid(process, &status, 0);
+    const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    first = end;
+    if (code >= 0 && code <= 90) {
+      failed += static_cast<unsigned>(code);
+      continue;
+    }
+    first = progress->mutation + 1;
+    tell(progress->mutation,
+         std::string(progress->step) + (code == kOutOfMemory ? ": more than 256 MiB"
+                                        : WIFSIGNALED(status) && WTERMSIG(status) == SIGPROF
+                                            ? ": more than 5 seconds"
+                                            : ": died with status " + std::to_string(status)));
+  }
+  ::munmap(progress, sizeof(Progress));
+  return failed;
+}
+
+// What an argument names: a file, or a sample, or all of these; with the change behind "@" alone.
+void addSubjects(const std::string& argument, std::vector<Subject>& subjects) {
+  const std::string name = argument.substr(0, argument.find('@'));
+  std::vector<std::pair<std::string, std::string>> paths;
+  const auto samples = sampleFiles();
+  for (const auto& [sample, file] : samples) {
+    if (name == sample || name == "samples") paths.emplace_back(sample, file.write());
+  }
+  if (paths.empty()) paths.emplace_back(name, name);
+  for (const auto& [shown, path] : paths) {
+    std::ifstream in(path, std::ios::binary);
+    subjects.push_back({shown, Bytes(std::istreambuf_iterator<char>(in), {}), {}});
+    if (name == argument) continue;
+    subjects.back().mutations = {Mutation::of(argument.substr(name.size() + 1))};
+  }
+}
+
+}  // namespace
+}  // namespace tolvex::test
+
+int main(int argc, char** argv) {
+  using namespace tolvex::test;
+  if (argc < 4) return 2;
+  const double seconds = std::strtod(argv[1], nullptr);
+  auto seed = static_cast<std::uint32_t>(std::strtoul(argv[2], nullptr, 10));
+  if (seed == 0) seed = std::random_device()();
+  std::printf("seed %u\n", seed);
+  std::fflush(stdout);
+  setDiagnosticHandler([](void* /*user*/, const char* /*text*/) {}, nullptr);
+  std::vector<Subject> subjects;
+  for (int i = 3; i < argc; ++i) addSubjects(argv[i], subjects);
+  std::mt19937 random(seed);
+  for (Subject& subject : subjects) {
+    if (subject.mutations.empty()) subject.mutations = mutationsOf(subject.bytes, random);
+    if (seconds > 0) std::shuffle(subject.mutations.begin(), subject.mutations.end(), random);
+  }
+  // A few of each file in turn, so that all have theirs when the time is over.
+  const std::size_t batch = seconds > 0 ? 20 : 1000;
+  const auto start = std::chrono::steady_clock::now();
+  unsigned failed = 0;
+  std::size_t tried = 0;
+  for (std::size_t first = 0, before = 1; tried != before; first += batch) {
+    before = tried;
+    for (const Subject& subject : subjects) {
+      const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
+      if (first >= subject.mutations.size() || (seconds > 0 && spent.count() > seconds)) continue;
+      const std::size_t last = std::min(first + batch, subject.mutations.size());
+      failed += tryAll(subject, first, last);
+      tried += last - first;
+    }
+  }
+  std::printf("%zu changes, %u failed\n", tried, failed);
+  return failed == 0 ? 0 : 1;
+}
