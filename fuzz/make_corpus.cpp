@@ -55,9 +55,10 @@ class Corpus {
       recorder.addChannel(group, byte);
       record = recorder.createRecordData(group);
     }
-    for (unsigned i = 0; i < 1100; ++i) {
+    for (unsigned i = 0; i < 2100; ++i) {
       records[0]->setTime(i);
-      for (int group = 0; group < 2; ++group) recorder.insertRecord(*records[group], group);
+      if (i % 4 == 0) recorder.insertRecord(*records[0], 0);
+      recorder.insertRecord(*records[1], 1);
     }
   }
 

@@ -168,8 +168,11 @@ std::optional<LooseBlocks::Rank> LooseBlocks::rankOf(const SourceGroup& group, c
     rank.full = expected == run.equalLength;
     if (!rank.full && (expected > run.equalLength || expected % size != 0)) return std::nullopt;
   } else {
+    // Its lists are lost. It may end in a shorter block.
     rank.full = expected == kRecordsPerBlock * size;
-    if (!rank.full && (expected % size != 0 || records > counted)) return std::nullopt;
+    const bool isLast = run.blocks != 0 && expected < kRecordsPerBlock * size;
+    if (counted != 0 ? records > counted : !rank.full && !isLast) return std::nullopt;
+    if (!rank.full && expected % size != 0) return std::nullopt;
   }
   if (run.first && (group.busChannel.bits != 0 || group.direction.bits != 0)) {
     rank.sameBus = sameBus(group, *run.first, block);

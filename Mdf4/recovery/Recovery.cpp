@@ -218,7 +218,11 @@ void Recovery::advance(std::uint64_t bytes) {
 
 bool Recovery::copyData() {
   for (SourceGroup& group : tree_->groups()) {
-    if (!group.holdsValues() && group.recordSize() != 0) tree_->setCycleCount(group, 0);
+    if (group.holdsValues()) continue;
+    // Groups of virtual channels alone have nothing but the number of their records.
+    const bool isVirtual = group.recordSize() == 0 && group.report.losses.empty();
+    group.report.records = isVirtual ? group.record.cg_cycle_count : 0;
+    tree_->setCycleCount(group, group.report.records);
   }
   for (std::size_t i = 0; i < tree_->data().size(); ++i) {
     const SourceData& data = tree_->data()[i];
