@@ -26,6 +26,7 @@ class Corpus {
 
   void writeFiles() {
     for (const auto& [name, file] : sampleFiles()) {
+      addFile("doctor", name, file, {});
       addFile("recover", name, file, packed(std::uint8_t{1}));
       addFile("open", name, file, packed(std::uint8_t{1}));
       addFile("signals", name, file,
@@ -140,10 +141,10 @@ class Corpus {
 
   // A recording of a logger, which claims to be finished even where it is not.
   void addRecording(const fs::path& path) {
-    for (const char* target : {"open", "signals", "frames", "recover"}) {
+    for (const char* target : {"open", "signals", "frames", "doctor", "recover"}) {
       const fs::path copy = folder(target) / path.filename();
       fs::copy_file(path, copy, fs::copy_options::overwrite_existing);
-      if (target == std::string("recover")) continue;
+      if (target == std::string("doctor") || target == std::string("recover")) continue;
       std::fstream file(copy, std::ios::binary | std::ios::in | std::ios::out);
       if (!file.write("MDF     ", 8).flush())
         throw std::runtime_error("cannot write " + copy.string());

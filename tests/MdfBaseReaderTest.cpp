@@ -200,20 +200,6 @@ TEST_F(MdfBaseReaderTest, SortsChannelsIntoValuesTimesAndBusLogs) {
   }
 }
 
-TEST_F(MdfBaseReaderTest, PrintsTheFieldsOfABusLogChannel) {
-  FileBuilder file;
-  const Link unnamed = file.cn({});
-  const Link mdName = file.cn({});
-  file.setLink(mdName, 2, file.md("no TX"));
-  const Link parent = file.cn(
-      {.name = "CAN_DataFrame",
-       .children = {file.cn({.name = "CAN_DataFrame.ID"}), unnamed, mdName, file.si(0, 0)}});
-  file.dg({.groups = {file.cg({.channels = {parent}})}});
-  Reader reader(file.write());
-  ASSERT_TRUE(reader.open());
-  EXPECT_EQ(diagnostics_.text(), "Name: CAN_DataFrame.IDName: Name: \n");
-}
-
 TEST_F(MdfBaseReaderTest, NamesGroupsAndChannels) {
   FileBuilder file;
   const auto group = [&](const std::string& name, Link comment) {

@@ -254,7 +254,7 @@ void FileCheck::checkGaps() {
     owned.add(room.start, std::min(room.end, file_.end()));
   }
   // Zeros beyond this are not looked for any more, and any gap is told of.
-  std::uint64_t budget = std::uint64_t{1} << 30;
+  std::uint64_t budget = std::uint64_t{256} << 20;
   for (OwnedRanges::Range gap = owned.nextGap(0, file_.end()); gap.start < gap.end;
        gap = owned.nextGap(gap.end, file_.end())) {
     checkGap(gap, budget);

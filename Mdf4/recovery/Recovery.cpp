@@ -121,20 +121,20 @@ bool Recovery::readIdentification() {
   constexpr std::uint16_t kOldest = 400;
   constexpr std::uint16_t kNewest = 499;
   constexpr std::uint16_t kUsual = 410;
-  if (id_.id_ver < kOldest || id_.id_ver > kNewest) {
-    if (!hasHeader) fileId = {};
+  const bool isKnown = fileId == kFileId || unfinished_;
+  const bool isVersion = id_.id_ver >= kOldest && id_.id_ver <= kNewest;
+  if (!hasHeader && !(isKnown && isVersion)) {
+    report_.failure =
+        "identification at 0: no measurement file in this format, and no header block at 64";
+    return false;
+  }
+  if (!isKnown) {
+    noteRepair(report_, "identification at 0: expected \"MDF     \" or \"UnFinMF \"");
+  }
+  if (!isVersion) {
     noteRepair(report_, formatText("version number at 28: expected 400 to 499, found %u",
                                    unsigned{id_.id_ver}));
     id_.id_ver = kUsual;
-  }
-  if (fileId != kFileId && !unfinished_) {
-    if (!hasHeader) {
-      report_.failure =
-          "identification at 0: no measurement file in this format, and no header "
-          "block at 64";
-      return false;
-    }
-    noteRepair(report_, "identification at 0: expected \"MDF     \" or \"UnFinMF \"");
   }
   if (id_.id_custom_unfin_flags != 0) {
     noteRepair(report_, formatText("identification: steps of finalization that only the logger's "

@@ -158,9 +158,8 @@ void MixedRecording::record(MdfRecorder& recorder) const {
   }
 }
 
-bool LoggedWrite::isA(const char* type) const {
-  return bytes.size() > 3 && bytes[0] == '#' && bytes[1] == '#' && bytes[2] == type[0] &&
-         bytes[3] == type[1];
+bool LoggedWrite::isA(std::string_view type) const {
+  return keyOf(bytes, std::min<std::size_t>(bytes.size(), 4)) == "##" + std::string(type);
 }
 
 std::vector<LoggedWrite> logOf(const MixedRecording& recording) {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -55,7 +56,7 @@ struct LoggedWrite {
   std::uint64_t position;
   Bytes bytes;
 
-  bool isA(const char* type) const;  // whether it writes the start of such a block
+  bool isA(std::string_view type) const;  // whether it writes the start of such a block
 };
 
 // All writes of a recording that nothing ends early.

@@ -2,7 +2,6 @@
 // program's commands do, for so long; for 0 seconds, with every change in turn. The name "samples"
 // stands for small files of every kind, the seed 0 for one by the clock. What fails is printed as
 // the FILE@CHANGE that repeats it.
-#include <malloc.h>
 #include <sys/mman.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -15,41 +14,18 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <new>
 #include <random>
 
+#include "bench/CountedMemory.h"
 #include "tests/support/SampleFiles.h"
 #include "tolvex/Mdf4.h"
 #include "tolvex/MdfEngine.h"
 
-namespace {
-
-constexpr std::size_t kMostMemory = 256U << 20;  // bytes
-constexpr int kMostSeconds = 5;                  // of computing, for each command
-constexpr int kOutOfMemory = 99;                 // exit code
-
-std::size_t memoryInUse = 0;
-
-}  // namespace
-
-// One that is too much ends the process. There are no threads.
-void* operator new(std::size_t size) {
-  void* const memory = size > kMostMemory ? nullptr : std::malloc(size != 0 ? size : 1);
-  const std::size_t taken = memory == nullptr ? size : ::malloc_usable_size(memory);
-  if (memory == nullptr || (memoryInUse += taken) > kMostMemory) ::_exit(kOutOfMemory);
-  return memory;
-}
-void operator delete(void* memory) noexcept {
-  if (memory == nullptr) return;
-  memoryInUse -= ::malloc_usable_size(memory);
-  std::free(memory);
-}
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
-  operator delete(memory);
-}
-
 namespace tolvex::test {
 namespace {
+
+constexpr std::int64_t kMostMemory = 256 << 20;  // bytes
+constexpr int kMostSeconds = 5;                  // of computing, for each command
 
 // What takes the place of up to eight bytes of a file, or its end.
 struct Mutation {
@@ -142,32 +118,33 @@ class Trial {
     if (written != static_cast<ssize_t>(count)) std::abort();
   }
 
-  // The time for the step that now begins.
-  void begin(const char* step) {
-    progress_.step = step;
+  template <class Work>
+  void step(const char* name, Work work) {
+    progress_.step = name;
     const ::itimerval time = {{0, 0}, {kMostSeconds, 0}};
     ::setitimer(ITIMER_PROF, &time, nullptr);
+    const bench::MemoryCount memory;
+    work();
+    if (memory.peak() > kMostMemory) failure_ = std::string(name) + ": more than 256 MiB";
   }
 
   void runCommands(bool verify) {
-    begin("info and export");
-    readSignals();
-    begin("cat");
-    readFrames();
-    begin("doctor");
-    checkFile(path_);
-    begin("recover");
-    const MdfRecoveryReport report = recoverFile(path_, recovered_, {verify, nullptr});
+    step("info and export", [&] { readSignals(); });
+    step("cat", [&] { readFrames(); });
+    step("doctor", [&] { checkFile(path_); });
+    MdfRecoveryReport report;
+    step("recover", [&] { report = recoverFile(path_, recovered_, {verify, nullptr}); });
     if (!report.failure.empty()) return;
-    begin("doctor of what came back");
-    const MdfCheckReport check = checkFile(recovered_);
-    failure_ = check.failure;
-    for (const MdfFinding& finding : check.findings) {
-      if (!finding.error || !failure_.empty()) continue;
-      failure_ = finding.what + " at " + std::to_string(finding.position) + ": expected " +
-                 finding.expected + ", found " + finding.found;
-    }
-    if (!MdfSigReader(recovered_).open()) failure_ += " cannot be opened";
+    step("doctor of what came back", [&] {
+      const MdfCheckReport check = checkFile(recovered_);
+      failure_ = check.failure;
+      if (!MdfSigReader(recovered_).open()) failure_ = "what came back cannot be opened";
+      for (const MdfFinding& finding : check.findings) {
+        if (!finding.error || !failure_.empty()) continue;
+        failure_ = finding.what + " at " + std::to_string(finding.position) + ": expected " +
+                   finding.expected + ", found " + finding.found;
+      }
+    });
   }
 
   void readSignals() {
@@ -261,18 +238,15 @@ unsigned tryAll(const Subject& subject, std::size_t first, std::size_t last) {
     }
     int status = 0;
     ::waitpid(process, &status, 0);
-    const int code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     first = end;
-    if (code >= 0 && code <= 90) {
-      failed += static_cast<unsigned>(code);
+    if (WIFEXITED(status)) {
+      failed += static_cast<unsigned>(WEXITSTATUS(status));
       continue;
     }
     first = progress->mutation + 1;
+    const bool late = WTERMSIG(status) == SIGPROF;
     tell(progress->mutation,
-         std::string(progress->step) + (code == kOutOfMemory ? ": more than 256 MiB"
-                                        : WIFSIGNALED(status) && WTERMSIG(status) == SIGPROF
-                                            ? ": more than 5 seconds"
-                                            : ": died with status " + std::to_string(status)));
+         std::string(progress->step) + (late ? ": more than 5 seconds" : ": died"));
   }
   ::munmap(progress, sizeof(Progress));
   return failed;

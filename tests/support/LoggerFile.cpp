@@ -8,6 +8,7 @@
 #include <iterator>
 #include <map>
 #include <stdexcept>
+#include <string_view>
 
 namespace tolvex::test {
 namespace {
@@ -68,8 +69,9 @@ class LoggerFile {
     return u64(block + 24 + 8 * index);
   }
   std::uint64_t data(std::uint64_t block) const { return block + 24 + 8 * u64(block + 16); }
-  bool isA(std::uint64_t block, const char* type) const {
-    return bytes_.at(block + 2) == type[0] && bytes_.at(block + 3) == type[1];
+  bool isA(std::uint64_t block, std::string_view type) const {
+    return std::equal(type.begin(), type.end(),
+                      bytes_.begin() + static_cast<std::ptrdiff_t>(block) + 2);
   }
   std::string text(std::uint64_t block) const {
     return block == 0 ? "" : reinterpret_cast<const char*>(&bytes_.at(data(block)));
@@ -209,8 +211,8 @@ class LoggerFile {
 
   void fillValues(const LoggerGroup& group, LoggerChannel& channel, const Values& values) const {
     auto inOrder = values.begin();
-    for (std::size_t i = 0; i < group.records.size(); ++i) {
-      auto found = values.find(bitsAt(group.records[i], channel.firstBit, channel.bitCount));
+    for (const Bytes& record : group.records) {
+      auto found = values.find(bitsAt(record, channel.firstBit, channel.bitCount));
       if ((flags_ & kOffsetsUnknown) != 0) found = inOrder == values.end() ? inOrder : inOrder++;
       if (found == values.end()) break;
       channel.values.push_back(found->second);

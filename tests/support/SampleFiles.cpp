@@ -421,7 +421,7 @@ class UnsortedWriter {
     return dg;
   }
   Bytes takeRecords() {
-    const Bytes all = joined(parts_);
+    Bytes all = joined(parts_);
     parts_.clear();
     std::fill_n(valueBytes_, kValues, 0);
     std::fill_n(counts_, kValues, 0);

@@ -4,8 +4,10 @@
 #include <tolvex/Mdf4.h>
 
 #include <CLI/CLI.hpp>
+#include <filesystem>
 #include <memory>
 #include <optional>
+#include <system_error>
 
 #include "Command.h"
 #include "Progress.h"
@@ -46,6 +48,11 @@ void describe(const MdfRecoveredGroup& group, const std::string& file) {
 }
 
 int recover(const RecoverOptions& options) {
+  std::error_code error;
+  if (std::filesystem::equivalent(options.input, options.output, error)) {
+    complain(options.output, "is the input itself; name another output");
+    return kWrongUse;
+  }
   MdfRecoverOptions settings;
   settings.verify = options.verify;
   std::optional<Progress> progress;
