@@ -42,7 +42,7 @@ class FileCheck {
   void planValues(Walks& walks);
   void planRecords(Walks& walks);
   std::unique_ptr<DataSink> recordsOf(const CheckedDataGroup& group, bool columns);
-  std::vector<ValueData*> valuesOf(const CheckedGroup& group);
+  std::vector<CheckedValues*> valuesOf(const CheckedGroup& group);
   bool inColumns(const BlockLink& data);
   void add(Walks& walks, const BlockLink& link, DataPlace place, std::unique_ptr<DataSink> sink,
            std::uint64_t recordBytes = 0, std::uint64_t markBytes = 0);
@@ -58,8 +58,8 @@ class FileCheck {
   DataDelivery delivery_;
   FileCheckTree tree_;
   std::vector<std::unique_ptr<DataSink>> sinks_;
-  std::map<std::uint64_t, ValueData*> values_;  // by data link
-  std::uint64_t done_ = 0;                      // bytes
+  std::map<std::uint64_t, CheckedValues*> values_;  // by data link
+  std::uint64_t done_ = 0;                          // bytes
   std::uint64_t told_ = 0;
 };
 
@@ -170,7 +170,7 @@ void FileCheck::planValues(Walks& walks) {
         if (link.target == 0 || walk_.kindAt(link) == block_type::kCG) continue;
         const auto [entry, isNew] = values_.try_emplace(link.target);
         if (!isNew) continue;
-        auto values = std::make_unique<ValueData>(walk_, delivery_);
+        auto values = std::make_unique<CheckedValues>(walk_, delivery_);
         entry->second = values.get();
         add(walks, link, DataPlace::Values, std::move(values));
       }
@@ -203,20 +203,20 @@ std::unique_ptr<DataSink> FileCheck::recordsOf(const CheckedDataGroup& group, bo
   const std::uint8_t idSize = group.record.dg_rec_id_size;
   const bool single = group.groups.size() == 1;
   if (single && idSize == 0 && !group.groups[0].holdsValues()) {
-    return std::make_unique<SortedRecords>(walk_, group.groups[0], valuesOf(group.groups[0]),
-                                           columns);
+    return std::make_unique<SortedRecordCheck>(walk_, group.groups[0], valuesOf(group.groups[0]),
+                                               columns);
   }
   if ((single && idSize == 0) ||
       (!group.groups.empty() && std::ranges::find(kIdSizes, idSize) != std::end(kIdSizes))) {
-    std::vector<std::vector<ValueData*>> values;
+    std::vector<std::vector<CheckedValues*>> values;
     for (const CheckedGroup& each : group.groups) values.push_back(valuesOf(each));
-    return std::make_unique<UnsortedRecords>(walk_, group, values);
+    return std::make_unique<UnsortedRecordCheck>(walk_, group, values);
   }
   return std::make_unique<DataSink>();  // nobody can tell the records apart
 }
 
-std::vector<ValueData*> FileCheck::valuesOf(const CheckedGroup& group) {
-  std::vector<ValueData*> values;
+std::vector<CheckedValues*> FileCheck::valuesOf(const CheckedGroup& group) {
+  std::vector<CheckedValues*> values;
   for (const WatchedChannel& channel : group.values) {
     const auto found = values_.find(channel.data.target);
     values.push_back(found == values_.end() ? nullptr : found->second);

@@ -17,14 +17,14 @@ std::uint64_t cycleCountPosition(const CheckedGroup& group) {
 
 }  // namespace
 
-SortedRecords::SortedRecords(BlockWalk& walk, const CheckedGroup& group,
-                             const std::vector<ValueData*>& values, bool columns)
+SortedRecordCheck::SortedRecordCheck(BlockWalk& walk, const CheckedGroup& group,
+                                     const std::vector<CheckedValues*>& values, bool columns)
     : walk_(walk),
       group_(group),
       recordSize_(columns ? group.record.cg_data_bytes : group.recordSize()),
       watch_(walk, group, values, !columns) {}
 
-void SortedRecords::bytes(ByteSpan piece, std::uint64_t position) {
+void SortedRecordCheck::bytes(ByteSpan piece, std::uint64_t position) {
   total_ += piece.size();
   while (!piece.empty()) {
     if (inRecord_ == 0) recordPosition_ = position;
@@ -49,7 +49,7 @@ void SortedRecords::bytes(ByteSpan piece, std::uint64_t position) {
   }
 }
 
-void SortedRecords::skip(std::uint64_t length) {
+void SortedRecordCheck::skip(std::uint64_t length) {
   total_ += length;
   if (recordSize_ == 0) return;
   const std::uint64_t rest = length % recordSize_;
@@ -58,7 +58,7 @@ void SortedRecords::skip(std::uint64_t length) {
   hasHole_ = inRecord_ != 0 && (hasHole_ || length != 0);
 }
 
-void SortedRecords::end(bool complete) {
+void SortedRecordCheck::end(bool complete) {
   watch_.end({});
   const std::uint64_t stated = group_.record.cg_cycle_count;
   const std::uint64_t records = recordSize_ == 0 ? stated : total_ / recordSize_;
@@ -76,8 +76,8 @@ void SortedRecords::end(bool complete) {
   }
 }
 
-UnsortedRecords::UnsortedRecords(BlockWalk& walk, const CheckedDataGroup& group,
-                                 const std::vector<std::vector<ValueData*>>& values)
+UnsortedRecordCheck::UnsortedRecordCheck(BlockWalk& walk, const CheckedDataGroup& group,
+                                         const std::vector<std::vector<CheckedValues*>>& values)
     : walk_(walk), dataGroup_(group), idSize_(group.record.dg_rec_id_size) {
   for (std::size_t i = 0; i < group.groups.size(); ++i) {
     const CheckedGroup& each = group.groups[i];
@@ -86,7 +86,7 @@ UnsortedRecords::UnsortedRecords(BlockWalk& walk, const CheckedDataGroup& group,
   }
 }
 
-void UnsortedRecords::bytes(ByteSpan piece, std::uint64_t position) {
+void UnsortedRecordCheck::bytes(ByteSpan piece, std::uint64_t position) {
   while (!piece.empty() && !lost_) {
     const std::size_t used = take(piece, position);
     piece = piece.subspan(used);
@@ -95,7 +95,7 @@ void UnsortedRecords::bytes(ByteSpan piece, std::uint64_t position) {
 }
 
 // Takes what it can of a piece that is not empty; returns how much.
-std::size_t UnsortedRecords::take(ByteSpan piece, std::uint64_t position) {
+std::size_t UnsortedRecordCheck::take(ByteSpan piece, std::uint64_t position) {
   std::size_t used = 0;
   switch (awaited_) {
     case Awaited::Id:
@@ -126,7 +126,7 @@ std::size_t UnsortedRecords::take(ByteSpan piece, std::uint64_t position) {
 }
 
 // Completes the id or length at the start of a record; false while bytes of it are missing.
-bool UnsortedRecords::gather(ByteSpan piece, std::size_t size, std::size_t& used) {
+bool UnsortedRecordCheck::gather(ByteSpan piece, std::size_t size, std::size_t& used) {
   used = std::min(size - headSize_, piece.size());
   std::memcpy(head_.data() + headSize_, piece.data(), used);
   headSize_ += used;
@@ -135,7 +135,7 @@ bool UnsortedRecords::gather(ByteSpan piece, std::size_t size, std::size_t& used
   return true;
 }
 
-void UnsortedRecords::beginRecord() {
+void UnsortedRecordCheck::beginRecord() {
   std::uint64_t id = 0;
   std::memcpy(&id, head_.data(), idSize_);
   if (groups_[current_].group->record.cg_record_id != id || idSize_ == 0) {
@@ -157,7 +157,7 @@ void UnsortedRecords::beginRecord() {
   }
 }
 
-void UnsortedRecords::beginBody(std::uint64_t size) {
+void UnsortedRecordCheck::beginBody(std::uint64_t size) {
   Group& group = groups_[current_];
   if (group.group->holdsValues()) group.valueBytes += size;
   bodySize_ = size;
@@ -168,7 +168,7 @@ void UnsortedRecords::beginBody(std::uint64_t size) {
   awaited_ = Awaited::Id;
 }
 
-void UnsortedRecords::end(bool complete) {
+void UnsortedRecordCheck::end(bool complete) {
   std::unordered_map<std::uint64_t, std::uint64_t> values;
   for (const Group& group : groups_) {
     if (!group.group->holdsValues() || lost_ || !complete) continue;
@@ -185,7 +185,7 @@ void UnsortedRecords::end(bool complete) {
   for (const Group& group : groups_) checkCounts(group);
 }
 
-void UnsortedRecords::checkCounts(const Group& group) {
+void UnsortedRecordCheck::checkCounts(const Group& group) {
   const CheckedGroup& stated = *group.group;
   const std::uint64_t records = group.watch.records();
   if (stated.record.cg_cycle_count != records && !walk_.announced(Unfinished::CycleCounts)) {

@@ -13,11 +13,11 @@
 namespace tolvex {
 
 // The records of a data group with one channel group, back to back.
-class SortedRecords final : public DataSink {
+class SortedRecordCheck final : public DataSink {
  public:
   // In column storage records have their data bytes only.
-  SortedRecords(BlockWalk& walk, const CheckedGroup& group, const std::vector<ValueData*>& values,
-                bool columns);
+  SortedRecordCheck(BlockWalk& walk, const CheckedGroup& group,
+                    const std::vector<CheckedValues*>& values, bool columns);
 
   bool wantsBytes() const override { return watch_.looksAtBytes() && recordSize_ != 0; }
   void begin(const DataPart& part) override { moves_ = !part.compressed; }
@@ -39,11 +39,11 @@ class SortedRecords final : public DataSink {
 
 // The records of several channel groups, told apart by the ids in front of them; those of groups of
 // variable-length signal data state their length.
-class UnsortedRecords final : public DataSink {
+class UnsortedRecordCheck final : public DataSink {
  public:
   // `values` has an entry for each group, as RecordWatch has it.
-  UnsortedRecords(BlockWalk& walk, const CheckedDataGroup& group,
-                  const std::vector<std::vector<ValueData*>>& values);
+  UnsortedRecordCheck(BlockWalk& walk, const CheckedDataGroup& group,
+                      const std::vector<std::vector<CheckedValues*>>& values);
 
   bool wantsBytes() const override { return true; }
   void begin(const DataPart& part) override { moves_ = !part.compressed; }

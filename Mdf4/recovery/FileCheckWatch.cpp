@@ -45,18 +45,18 @@ std::optional<Linear> conversionAt(BlockWalk& walk, const BlockLink& link) {
 
 }  // namespace
 
-void ValueData::begin(const DataPart& part) {
+void CheckedValues::begin(const DataPart& part) {
   if (part.length != 0) parts_.push_back({size_, part});
   size_ += part.length;
 }
 
-bool ValueData::holdsValue(std::uint64_t offset) {
+bool CheckedValues::holdsValue(std::uint64_t offset) {
   if (offset > size_ || size_ - offset < kPrefixSize) return walk_.announced(Unfinished::LastList);
   std::uint32_t length = 0;
   return readPrefix(offset, length) == Prefix::Unknown || length <= size_ - offset - kPrefixSize;
 }
 
-const ValueData::Part& ValueData::partAt(std::uint64_t offset) {
+const CheckedValues::Part& CheckedValues::partAt(std::uint64_t offset) {
   const auto holds = [&](std::size_t index) {
     return index < parts_.size() && offset >= parts_[index].start &&
            offset - parts_[index].start < parts_[index].part.length;
@@ -69,7 +69,7 @@ const ValueData::Part& ValueData::partAt(std::uint64_t offset) {
   return parts_[last_];
 }
 
-ValueData::Prefix ValueData::readPrefix(std::uint64_t offset, std::uint32_t& length) {
+CheckedValues::Prefix CheckedValues::readPrefix(std::uint64_t offset, std::uint32_t& length) {
   std::uint8_t bytes[kPrefixSize] = {};
   for (std::uint64_t done = 0; done < kPrefixSize;) {
     const Part& part = partAt(offset + done);
@@ -87,7 +87,7 @@ ValueData::Prefix ValueData::readPrefix(std::uint64_t offset, std::uint32_t& len
   return Prefix::Read;
 }
 
-bool ValueData::inflate(const Part& part) {
+bool CheckedValues::inflate(const Part& part) {
   if (inflated_ != part.part.position) {
     inflated_ = part.part.position;
     inflatedWhole_ = delivery_.inflate(part.part, bytes_);
@@ -96,7 +96,7 @@ bool ValueData::inflate(const Part& part) {
 }
 
 RecordWatch::RecordWatch(BlockWalk& walk, const CheckedGroup& group,
-                         const std::vector<ValueData*>& values, bool withInvalidation)
+                         const std::vector<CheckedValues*>& values, bool withInvalidation)
     : walk_(walk),
       dataBytes_(group.record.cg_data_bytes),
       recordSize_(withInvalidation ? group.recordSize() : dataBytes_) {
@@ -136,7 +136,7 @@ void RecordWatch::watchTime(const WatchedChannel& channel) {
   time_ = std::move(time);
 }
 
-void RecordWatch::watchValue(const WatchedChannel& channel, ValueData* data,
+void RecordWatch::watchValue(const WatchedChannel& channel, CheckedValues* data,
                              bool withInvalidation) {
   const m4CNRecord& record = channel.record;
   const std::uint32_t length = bytesOf(record.cn_bit_offset, record.cn_bit_count);

@@ -14,9 +14,9 @@
 namespace tolvex {
 
 // The values of variable-length channels, as their blocks come: a length and so many bytes each.
-class ValueData final : public DataSink {
+class CheckedValues final : public DataSink {
  public:
-  ValueData(BlockWalk& walk, DataDelivery& delivery) : walk_(walk), delivery_(delivery) {}
+  CheckedValues(BlockWalk& walk, DataDelivery& delivery) : walk_(walk), delivery_(delivery) {}
 
   void begin(const DataPart& part) override;
   std::uint64_t size() const { return size_; }
@@ -49,7 +49,7 @@ class ValueData final : public DataSink {
 class RecordWatch {
  public:
   // `values` has an entry for each of the group's variable-length channels; null: not looked at.
-  RecordWatch(BlockWalk& walk, const CheckedGroup& group, const std::vector<ValueData*>& values,
+  RecordWatch(BlockWalk& walk, const CheckedGroup& group, const std::vector<CheckedValues*>& values,
               bool withInvalidation);
 
   bool looksAtBytes() const { return time_.has_value() || !values_.empty(); }
@@ -103,7 +103,7 @@ class RecordWatch {
     std::uint32_t bitCount = 0;
     std::optional<Field> invalid;
     std::uint8_t invalidMask = 0;
-    ValueData* data = nullptr;
+    CheckedValues* data = nullptr;
     std::uint64_t group = 0;  // where the values stand among the records, when there is no data
     std::uint64_t block = 0;  // of the channel
     std::uint64_t wrong = 0;
@@ -113,7 +113,7 @@ class RecordWatch {
 
   Field field(std::uint64_t offset, std::uint32_t length);
   void watchTime(const WatchedChannel& channel);
-  void watchValue(const WatchedChannel& channel, ValueData* data, bool withInvalidation);
+  void watchValue(const WatchedChannel& channel, CheckedValues* data, bool withInvalidation);
   void look(View record, std::uint64_t position);
   void lookAtTime(double stored, std::uint64_t position);
   void lookAtValue(Value& value, View record, std::uint64_t position);
