@@ -1,17 +1,20 @@
 #!/usr/bin/env bash
-# mutate.sh BIN [RUNS]: changes the real files and samples of every kind in every place that
-# tolvex_mutate knows (takes half an hour), then runs the program itself on so many files (200) with
-# a few bytes changed or cut off. BIN is the folder of a build's programs.
+# mutate.sh BIN [RUNS]: changes the real files and samples of every kind in every way that
+# tolvex_mutate knows, which takes hours, then runs the program itself on so many files (200) with a
+# few bytes changed or cut off. BIN is the folder of a build's programs.
 set -euo pipefail
 bin=$(realpath "$1")
 runs=${2:-200}
 cd "$(dirname "$0")/.."
 
-failed=0
-"$bin/tolvex_mutate" 0 1 tests/data/*.[mM]*4 samples || failed=1
-
 dir=$(mktemp -d)
 trap 'rm -rf "$dir"' EXIT
+files=(tests/data/*.[mM]*4)
+failed=0
+
+printf '%s\0' "${files[@]}" samples |
+  xargs -0 -P "$(nproc)" -I{} "$bin/tolvex_mutate" 0 1 {} || failed=1
+
 RANDOM=1
 
 # Runs the program with what a user gives it, within 5 seconds and 256 MiB beside the program itself.
@@ -23,7 +26,6 @@ try() {
   failed=1
 }
 
-files=(tests/data/*.[mM]*4)
 for ((run = 1; run <= runs; ++run)); do
   file=${files[run % ${#files[@]}]}
   cp "$file" "$dir/in.mf4"

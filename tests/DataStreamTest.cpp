@@ -202,6 +202,18 @@ TEST_F(DataStream, EndsWhereAListLeadsOutOfTheFile) {
   }
 }
 
+TEST_F(DataStream, EndsInFrontOfABlockWhoseBytesAreListedTwice) {
+  const Link first = file_.dt({1, 2});
+  const Link second = file_.dt({3, 4});
+  const Link third = file_.dt({5, 6});
+  for (const std::vector<Link>& blocks :
+       {std::vector{first, second, second}, {third, second, second}}) {
+    m4DataStream stream = open(file_.dl(blocks, 2));
+    EXPECT_EQ(read(stream, 6).size(), 2U);
+    EXPECT_FALSE(direct_.problems().empty());
+  }
+}
+
 TEST_F(DataStream, CutFilesGiveTheWholeSharesThatAreLeft) {
   const Bytes stored = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10};
   const Link data = file_.dl({file_.dt(slice(stored, 0, 5)), file_.dt(slice(stored, 5, 5))}, 5);

@@ -198,6 +198,15 @@ TEST_F(MdfEngineTest, OnlyInsertingIntoAGroupZeroesTheRecord) {
   EXPECT_EQ(finish().groups.at(kFirst).bytes, (Bytes{7, 0, 8, 9}));
 }
 
+TEST_F(MdfEngineTest, AnErrorIsCutToTheRoomForIt) {
+  const std::string path = dir_.path("no such folder/log.mf4");
+  EXPECT_EQ(startRecord(recorder_, path.c_str(), kStart), 1);
+  char text[9] = "xxxxxxxx";
+  EXPECT_GT(getRecorderError(recorder_, text, 8), static_cast<int>(path.size()));
+  EXPECT_EQ(std::string(text, 9), path.substr(0, 7) + '\0' + '\0');
+  EXPECT_GT(getRecorderError(recorder_, text, 0), 8);
+}
+
 TEST_F(MdfEngineTest, FramesTakeThePayloadThatWasConfigured) {
   start();
   MdfCanMessage message;

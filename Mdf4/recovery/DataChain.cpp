@@ -1,6 +1,7 @@
 #include "Mdf4/recovery/DataChain.h"
 
 #include <algorithm>
+#include <array>
 
 #include "Mdf4/format/Inflater.h"
 #include "Mdf4/recovery/LinkRules.h"
@@ -138,6 +139,15 @@ bool DataChain::followedByBlock(std::uint64_t end) const {
   return end < file_.end() && readSoundHeader(file_, position, header);
 }
 
+// Whether nothing was written behind the kind of a data block.
+bool DataChain::beginsWithZeros(std::uint64_t position) const {
+  constexpr std::uint64_t kKind = 4;
+  std::array<std::uint8_t, 128> bytes = {};
+  const std::uint64_t count = std::min<std::uint64_t>(bytes.size(), file_.end() - position);
+  return file_.ReadAt(position, count, bytes.data()) &&
+         std::all_of(bytes.begin() + kKind, bytes.end(), [](std::uint8_t b) { return b == 0; });
+}
+
 // Finds out how much data the block holds when its list expects `expected` bytes, 0: any.
 void DataChain::settle(ChainBlock& block, std::uint64_t expected) {
   block.kind = ChainBlock::Missing;
@@ -161,7 +171,7 @@ void DataChain::settle(ChainBlock& block, std::uint64_t expected) {
     block.bytes = record.dz_org_data_length;
   } else if (isPlainData(header.type)) {
     if (!header.dataLength(stated) || header.linkCount != 0) {
-      if (expected == 0 || expected > present) return;
+      if (expected == 0 || expected > present || beginsWithZeros(block.position)) return;
       stated = expected;
     }
     const std::uint64_t start = block.position + kBlockHeaderSize;

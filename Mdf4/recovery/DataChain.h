@@ -49,6 +49,7 @@ class DataChain {
   std::uint64_t link(std::uint64_t index) const;
   std::uint64_t number(std::uint64_t index) const;
   void settle(ChainBlock& block, std::uint64_t expected);
+  bool beginsWithZeros(std::uint64_t position) const;
   bool followedByBlock(std::uint64_t end) const;
 
   DirectFile& file_;

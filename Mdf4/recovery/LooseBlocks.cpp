@@ -186,6 +186,7 @@ std::optional<LooseBlocks::Rank> LooseBlocks::rankOf(const SourceGroup& group, c
   rank.complete = counted != 0 && counted == records;
   const std::optional<Times> times = timesOf(group, block);
   const std::optional<Times> before = run.last ? timesOf(group, *run.last) : std::nullopt;
+  rank.rises = !times || times->last >= times->first;
   if (times && before) {
     const bool paced = times->spacing > 0 && before->spacing > 0;
     const double slower = paced ? std::abs(std::log2(times->spacing / before->spacing)) : 0;

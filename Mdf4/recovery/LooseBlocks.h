@@ -52,6 +52,7 @@ class LooseBlocks {
   // What speaks for a group, the most telling first.
   struct Rank {
     bool behindList = false;  // the block stands where the group's next one would be put
+    bool rises = false;       // its times do, read as the group's
     bool full = false;        // it is as long as the group's blocks are
     bool sameBus = false;
     bool complete = false;  // with it the group has all records that it counts

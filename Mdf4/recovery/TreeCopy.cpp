@@ -274,12 +274,19 @@ void TreeCopy::followChannel(const Step& step, PlannedBlock loaded) {
   const auto channel = recordOf<m4CNRecord>(loaded.data);
   const std::string name = text(loaded.links[link::cn_tx_name].position);
   if (const char* const expected = misplaced(groups_[step.group], channel, name)) {
-    noteLoss(groups_[step.group].report,
-             formatText("channel \"%s\" at %" PRIu64
-                        ": expected %s, found byte %u, bit %u, %u bits in a record of %u bytes",
-                        name.c_str(), loaded.source, expected, channel.cn_byte_offset,
-                        unsigned{channel.cn_bit_offset}, channel.cn_bit_count,
-                        groups_[step.group].record.cg_data_bytes));
+    MdfRecoveredGroup& report = groups_[step.group].report;
+    std::string text =
+        formatText("channel \"%s\" at %" PRIu64
+                   ": expected %s, found byte %u, bit %u, %u bits in a record of %u bytes",
+                   name.c_str(), loaded.source, expected, channel.cn_byte_offset,
+                   unsigned{channel.cn_bit_offset}, channel.cn_bit_count,
+                   groups_[step.group].record.cg_data_bytes);
+    const SourceData& data = data_[static_cast<std::size_t>(report.dgIndex)];
+    if (data.dataLink == 0 && groups_[step.group].record.cg_cycle_count == 0) {
+      noteRepair(report, std::move(text));  // nothing was recorded: a group that was being made
+    } else {
+      noteLoss(report, std::move(text));
+    }
     const std::uint64_t next = loaded.links[link::cn_cn_next].position;
     if (next != 0) steps_.push_back({step.parent, step.index, next, step.group});
     return;

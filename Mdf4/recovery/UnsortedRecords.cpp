@@ -69,7 +69,10 @@ bool SplitGroup::takeRecord(const std::uint8_t* bytes) {
   }
   if (record.channels == 0 && waiting_.empty()) return forward(record.record);
   waiting_.push_back(std::move(record));
-  return waiting_.size() <= kMostWaiting || giveUpFirst();
+  if (waiting_.size() <= kMostWaiting) return true;
+  // Their values do not come: nobody knows any more which value is next.
+  for (Channel& channel : channels_) channel.inStep = false;
+  return giveUpFirst();
 }
 
 std::uint64_t SplitGroup::takePairs(const PairLayout& layout, ByteSpan bytes, bool& written) {
@@ -129,11 +132,12 @@ bool SplitGroup::takeValue(std::size_t number, ByteSpan value) {
       channel.orphan = Orphan{values_.data(number).add(value), step};
       return true;
     }
-    const auto first = std::find_if(waiting_.begin(), waiting_.end(), [&](const Waiting& record) {
+    // The record in front of it is its own; what waits before that may be damaged.
+    const auto own = std::find_if(waiting_.rbegin(), waiting_.rend(), [&](const Waiting& record) {
       return (record.channels & bit(number)) != 0;
     });
-    if (first == waiting_.end()) return true;  // its record is lost
-    channel.nextKey = values_.offset(number, first->record.data());
+    if (own == waiting_.rend()) return true;  // its record is lost
+    channel.nextKey = values_.offset(number, own->record.data());
     channel.inStep = true;
   }
   const std::uint64_t key = channel.nextKey;

@@ -28,7 +28,7 @@ FileBuilder signals() {
                     {.name = "ratio", .dataType = 4, .byteOffset = 11, .bitCount = 64},
                     {.name = "count", .byteOffset = 19, .bitCount = 64},
                     {.name = "label", .dataType = 7, .byteOffset = 27, .bitCount = 320},
-                    {.name = "bytes", .dataType = 10, .byteOffset = 67, .bitCount = 24},
+                    {.name = "bytes", .dataType = 12, .byteOffset = 67, .bitCount = 24},
                     {.name = "index", .type = 6, .bitCount = 0}},
                    {.name = "one/of each", .records = 2, .dataBytes = 70, .invalBytes = 1}, 0);
   const auto record = [](double time, std::int16_t speed, std::uint8_t mode, double ratio,
@@ -42,7 +42,7 @@ FileBuilder signals() {
   file.setLink(
       dg, 2,
       file.dt(joined(
-          {record(0.1, -30, 1, 1.0 / 3, 1ULL << 62, "over thirty-one bytes, one\nline end", 0),
+          {record(0.1, -31, 1, 1.0 / 3, 1ULL << 62, "over thirty-one bytes and one\nline end", 0),
            record(1, 0, 7, std::numeric_limits<double>::quiet_NaN(), ~std::uint64_t{0}, "", 1)})));
   return file;
 }
@@ -51,14 +51,14 @@ TEST(Export, WritesEveryKindOfChannel) {
   const FileBuilder file = signals();
   const std::string path = file.write();
   const std::string header = "time,speed [km/h],\"mode, now\",ratio,count,label,bytes,index\n";
-  const std::string label = "\"over thirty-one bytes, one\nline end\"";
+  const std::string label = "\"over thirty-one bytes and one\nline end\"";
   EXPECT_EQ(runTolvex("export " + path + " --dg 0", 0).out,
             header +
-                "0.1,-2,\"on, \"\"really\"\"\",0.3333333333333333,"
+                "0.1,-2.1,\"on, \"\"really\"\"\",0.3333333333333333,"
                 "4.611686018427388e+18," +
                 label + ",00abff,0\n1,,?,nan,-1,,00abff,1\n");
   EXPECT_EQ(runTolvex("export " + path + " --dg 0 --raw", 0).out,
-            header + "0.1,-30,1,0.3333333333333333,4611686018427387904," + label +
+            header + "0.1,-31,1,0.3333333333333333,4611686018427387904," + label +
                 ",00abff,0\n1,,7,nan,18446744073709551615,,00abff,1\n");
   EXPECT_EQ(runTolvex("export " + path + " --dg 0 --channel index --channel ratio", 0).out,
             "time,ratio,index\n0.1,0.3333333333333333,0\n1,nan,1\n");

@@ -132,10 +132,10 @@ TEST_F(Record, TakesTimesChannelsAndDirectionsAsTheyStand) {
             "(100.5) can0 001#\n"
             "(99.25)   vcan254 002# T \n\n"
             "(101.0000014) bus 003# R\r\n"
-            "(102.0000016) can1 004#");
-  record("--channel bus=7");
+            "(102.0000016) vcan0 004#");
+  record("--channel bus=7", 0, "can0 and vcan0 both become bus channel 0");
   EXPECT_EQ(cat(), (Lines{"(99.250000) can254 002#", "(100.500000) can0 001#",
-                          "(101.000001) can7 003#", "(102.000002) can1 004#"}));
+                          "(101.000001) can7 003#", "(102.000002) can0 004#"}));
   const Lines csv = runTolvex("cat " + output_ + " --format csv").lines();
   ASSERT_EQ(csv.size(), 5U);
   EXPECT_NE(csv[1].find("-1250000000,99.250000000,254,data,2,0,0,0,0,tx"), std::string::npos);
