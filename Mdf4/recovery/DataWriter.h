@@ -21,9 +21,7 @@ class DataWriter {
   std::uint8_t* room(std::uint64_t bytes);
   bool commit(std::uint64_t bytes);
   bool append(ByteSpan bytes);
-  // The bytes that were committed last; at most unit - 1 of them can always be taken back, and all
-  // those behind the last whole unit when they are.
-  std::uint8_t* last(std::uint64_t bytes) { return buffer_.get() + (used_ - bytes); }
+  // Drops the bytes that were committed last: at most rest() of them.
   void takeBack(std::uint64_t bytes) { used_ -= bytes; }
   // Bytes committed so far that are no whole unit.
   std::uint64_t rest() const { return used_ % unit_; }

@@ -6,6 +6,7 @@
 
 #include "Mdf4/format/BlockRecords.h"
 #include "Mdf4/format/Diagnostics.h"
+#include "Mdf4/recovery/BlockParts.h"
 #include "Mdf4/recovery/LinkRules.h"
 
 namespace tolvex {
@@ -15,10 +16,6 @@ using namespace block_type;
 
 constexpr std::uint16_t kKinds[] = {kHD, kFH, kTX, kMD, kDG, kCG, kCN, kCC, kSI, kSR, kCA, kCH, kAT,
                                     kEV, kDL, kLD, kHL, kDZ, kDT, kSD, kRD, kDV, kDI, kRV, kRI};
-
-std::string letters(std::uint16_t type) {
-  return {static_cast<char>(type & 0xFF), static_cast<char>(type >> 8)};
-}
 
 // The links of a kind in order. The last name stands for all that follow when it ends in "[".
 std::span<const char* const> namesOf(std::uint16_t type) {
