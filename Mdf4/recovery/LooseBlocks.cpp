@@ -218,7 +218,7 @@ std::optional<std::size_t> LooseBlocks::ownerOf(const ChainBlock& block, std::ui
     } else {
       rank.emplace().nearness = -static_cast<double>(block.position - run.lastList);
     }
-    if (!rank || (owner && *rank <= best)) continue;
+    if (!rank || (owner && !(best < *rank))) continue;
     owner = i;
     best = *rank;
   }

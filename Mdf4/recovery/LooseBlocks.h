@@ -1,10 +1,10 @@
 // Finds the data blocks that no list names, and the groups that they belong to.
 #pragma once
 
-#include <compare>
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <tuple>
 #include <vector>
 
 #include "Mdf4/format/DirectFile.h"
@@ -59,7 +59,13 @@ class LooseBlocks {
     bool goesOn = false;    // its times go on where the group's end, at the same pace
     double nearness = 0;    // of the times, or of the list
     double waiting = 0;     // how far the group's last block lies in front
-    auto operator<=>(const Rank&) const = default;
+
+    bool operator<(const Rank& other) const { return inOrder() < other.inOrder(); }
+
+   private:
+    std::tuple<bool, bool, bool, bool, bool, bool, double, double> inOrder() const {
+      return {behindList, rises, full, sameBus, complete, goesOn, nearness, waiting};
+    }
   };
 
   bool sharesItsLayout(const SourceGroup& group) const;
