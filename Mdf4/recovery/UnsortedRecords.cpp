@@ -88,7 +88,8 @@ std::uint64_t SplitGroup::takePairs(const PairLayout& layout, ByteSpan bytes, bo
   const std::uint64_t least = 2 * idSize + recordSize + kPrefix;
   bytes = bytes.first(std::min<std::size_t>(bytes.size(), kPairsAtATime));
   std::uint8_t* const records = records_.room(bytes.size());
-  std::uint8_t* const values = data.room(bytes.size());
+  constexpr std::uint64_t kStep = kPrefix + sizeof(std::uint64_t);  // most values are no longer
+  std::uint8_t* const values = data.room(bytes.size() + kStep);
   written = records != nullptr && values != nullptr;
   if (!written) return 0;
   const std::uint64_t firstOffset = data.size();
@@ -113,7 +114,11 @@ std::uint64_t SplitGroup::takePairs(const PairLayout& layout, ByteSpan bytes, bo
     copyRecord(copied, record, recordSize);
     const std::uint64_t offset = firstOffset + valueBytes;
     std::memcpy(copied + place.byteOffset, &offset, sizeof offset);
-    copyRecord(values + valueBytes, value, size);
+    if (size <= kStep) {  // an id follows, so as many bytes can be read
+      std::memcpy(values + valueBytes, value, kStep);
+    } else {
+      copyRecord(values + valueBytes, value, size);
+    }
     recordBytes += recordSize;
     valueBytes += size;
     channel.nextKey += size;
