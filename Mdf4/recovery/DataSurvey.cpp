@@ -8,12 +8,14 @@
 namespace tolvex {
 
 std::size_t DataSurvey::run(std::uint64_t dataLink) {
-  const auto [known, isNew] = byLink_.try_emplace(dataLink, runs_.size());
-  if (isNew) {
-    runs_.emplace_back();
-    if (dataLink != 0) addChain(known->second, dataLink);
-  }
-  return known->second;
+  const auto known = byLink_.find(dataLink);
+  if (known != byLink_.end()) return known->second;
+  const std::size_t run = runs_.size();
+  runs_.emplace_back();
+  if (dataLink == 0) return run;
+  byLink_.emplace(dataLink, run);
+  addChain(run, dataLink);
+  return run;
 }
 
 void DataSurvey::addChain(std::size_t run, std::uint64_t start) {

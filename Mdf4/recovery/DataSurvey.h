@@ -41,7 +41,8 @@ class DataSurvey {
  public:
   DataSurvey(DirectFile& file, OwnedRanges& owned) : file_(file), owned_(owned) {}
 
-  // The number of the run; one for each data link, however often it is asked for.
+  // The number of the run; one for each data link, however often it is asked for, but a new one
+  // each time for 0: what is found for a group without data is that group's alone.
   std::size_t run(std::uint64_t dataLink);
   // Adds a chain that was found to the run.
   void addChain(std::size_t run, std::uint64_t start);

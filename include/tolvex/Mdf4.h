@@ -772,7 +772,8 @@ struct MdfRecoverOptions {
 // Writes what is really there of `input` (finished or not, cut or damaged) into `output`, an
 // existing file of that name included: a finalized, sorted file with one data group for each
 // channel group. Needs memory for the channels, not for the records. Refuses to write over its
-// input. Never throws. After a failure there is no output file.
+// input. Never throws. The result takes the output's name when it is whole: after a failure a file
+// of that name is as it was. Several threads may recover and check different files at once.
 TOLVEX_EXPORT MdfRecoveryReport recoverFile(const std::string& input, const std::string& output,
                                             const MdfRecoverOptions& options = {});
 
