@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <set>
 
 #include "tests/support/Diagnostics.h"
 #include "tests/support/LoggerFile.h"
@@ -251,6 +252,22 @@ TEST_F(Recovery, FindsItsWayBackIntoUnsortedRecords) {
       EXPECT_GE(common.size() + size / 36 + 3, want.size());  // a frame fills 36 bytes
     }
   }
+}
+
+// Of two groups only the channel groups are found; a third one never had records.
+TEST_F(Recovery, GivesGroupsThatLostTheirDataGroupTheirOwnRecords) {
+  FileBuilder file;
+  const Link narrow = file.signalGroup({{.name = "narrow", .byteOffset = 8}},
+                                       std::vector<Bytes>(3, packed(1.0, std::uint8_t{1})));
+  const Link wide = file.signalGroup({{.name = "wide", .byteOffset = 8, .bitCount = 32}},
+                                     std::vector<Bytes>(2, packed(1.0, 1U)));
+  file.signalGroup({{.name = "never", .byteOffset = 8}}, {.dataBytes = 9}, 0);
+  for (const Link group : {narrow, wide}) file.setByte(group, 0);
+  std::multiset<std::uint64_t> records;
+  for (const auto& group : recoverFile(file.write(), dir_.path("found.mf4")).groups) {
+    records.insert(group.records);
+  }
+  EXPECT_EQ(records, (std::multiset<std::uint64_t>{0, 2, 3}));
 }
 
 }  // namespace
