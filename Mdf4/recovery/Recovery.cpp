@@ -1,12 +1,12 @@
-// recoverFile: from the blocks that are really there to a file as the format asks for it.
+// From the blocks that are really there to a file as the format asks for it.
+#include "Mdf4/recovery/Recovery.h"
+
 #include <algorithm>
 #include <cinttypes>
 #include <cstring>
 #include <deque>
-#include <filesystem>
 #include <map>
 #include <memory>
-#include <new>
 #include <optional>
 #include <set>
 #include <string>
@@ -25,13 +25,10 @@
 #include "Mdf4/recovery/SortedRecords.h"
 #include "Mdf4/recovery/TreeCopy.h"
 #include "Mdf4/recovery/UnsortedRecords.h"
-#include "Mdf4/recovery/VerifyRecovery.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {
 namespace {
-
-namespace fs = std::filesystem;
 
 constexpr std::string_view kFileId = "MDF     ";
 constexpr std::string_view kUnfinalizedFileId = "UnFinMF ";
@@ -50,16 +47,14 @@ constexpr char kHistory[] =
 
 class Recovery {
  public:
-  Recovery(const MdfRecoverOptions& options, MdfRecoveryReport& report)
-      : options_(options), report_(report) {}
+  Recovery(const MdfRecoverOptions& options, RecoveryResult& result)
+      : options_(options), report_(result.report), checksums_(result.checksums) {}
 
   // Reads `input` and writes all of the result into `output`. Fills the report; its `failure`
   // when there is no result.
-  void run(const std::string& input, const std::string& output);
-  const std::vector<GroupChecksum>& checksums() const { return checksums_; }
+  void run(std::unique_ptr<SystemFile> input, std::unique_ptr<SystemFile> output);
 
  private:
-  bool open(const std::string& input, const std::string& output);
   bool readIdentification();
   void survey();
   void extendLast();
@@ -80,6 +75,7 @@ class Recovery {
 
   const MdfRecoverOptions& options_;
   MdfRecoveryReport& report_;
+  std::vector<GroupChecksum>& checksums_;
   DirectFile in_;
   DirectFile out_;
   IdBlock id_ = {};
@@ -89,24 +85,9 @@ class Recovery {
   std::unique_ptr<DataSurvey> survey_;
   std::vector<std::size_t> runs_;  // of the survey's, one for each data group
   std::set<std::size_t> used_;     // runs whose data have been taken over
-  std::vector<GroupChecksum> checksums_;
   std::uint64_t done_ = 0;
   std::uint64_t told_ = 0;
 };
-
-bool Recovery::open(const std::string& input, const std::string& output) {
-  if (!in_.open(input, OpenMode::Read)) {
-    report_.failure = in_.openError();
-    return false;
-  }
-  std::string error;
-  std::unique_ptr<SystemFile> file = openSystemFile(output, OpenMode::Create, error);
-  if (file == nullptr || !out_.attach(std::move(file))) {
-    report_.failure = output + ": " + error;
-    return false;
-  }
-  return true;
-}
 
 // Whatever the identification says: a header block behind it makes it a measurement file.
 bool Recovery::readIdentification() {
@@ -452,8 +433,12 @@ bool Recovery::writeEnd() {
   return out_.WriteAt(0, sizeof id, &id) && out_.Close();
 }
 
-void Recovery::run(const std::string& input, const std::string& output) {
-  if (!open(input, output) || !readIdentification()) return;
+void Recovery::run(std::unique_ptr<SystemFile> input, std::unique_ptr<SystemFile> output) {
+  if (!in_.attach(std::move(input)) || !out_.attach(std::move(output))) {
+    report_.failure = "a file's size is unknown";
+    return;
+  }
+  if (!readIdentification()) return;
   out_.Allocate(kIdBlockSize, false);
   const bool counted = !unfinished_ || (id_.id_unfin_flags & kCycleCounts) == 0;
   tree_ = std::make_unique<TreeCopy>(in_, out_, owned_, report_, counted);
@@ -477,45 +462,14 @@ void Recovery::run(const std::string& input, const std::string& output) {
   if (options_.progress) options_.progress(in_.end(), in_.end());
 }
 
-// A file that is replaced once the result is whole; anything else, a device or a pipe, is written
-// to directly.
-bool isReplaceable(const std::string& path) {
-  std::error_code error;
-  const fs::file_status status = fs::symlink_status(path, error);
-  return status.type() == fs::file_type::not_found || status.type() == fs::file_type::regular;
-}
-
 }  // namespace
 
-MdfRecoveryReport recoverFile(const std::string& input, const std::string& output,
+RecoveryResult recoverBetween(std::unique_ptr<SystemFile> input, std::unique_ptr<SystemFile> output,
                               const MdfRecoverOptions& options) {
-  MdfRecoveryReport report;
-  const bool replace = isReplaceable(output);
-  const std::string path = replace ? output + ".recovering" : output;
-  std::error_code error;
-  try {
-    if (fs::equivalent(input, output, error)) {
-      report.failure = "the output is the input";
-      return report;
-    }
-    {
-      Recovery recovery(options, report);
-      recovery.run(input, path);
-      if (report.failure.empty() && options.verify) {
-        report.failure = verifyRecovery(path, recovery.checksums(), options.progress);
-      }
-    }
-    if (report.failure.empty() && replace) {
-      fs::rename(path, output, error);
-      if (error) report.failure = output + ": " + error.message();
-    }
-  } catch (const std::bad_alloc&) {
-    report.failure = "no memory";
-  } catch (const std::exception& unexpected) {
-    report.failure = unexpected.what();
-  }
-  if (!report.failure.empty() && replace) fs::remove(path, error);
-  return report;
+  RecoveryResult result;
+  Recovery recovery(options, result);
+  recovery.run(std::move(input), std::move(output));
+  return result;
 }
 
 }  // namespace tolvex
