@@ -103,13 +103,19 @@ void setParameters(Formula& formula, int size, const void* data) {
   std::memcpy(formula.parameters.data(), data, formula.parameters.size() * sizeof(double));
 }
 
-// Appends numbers, and a text unless it is null.
+// Appends numbers, and a text unless it is null; all of it or nothing.
 int append(void* handle, std::initializer_list<double> numbers, const char* text) {
   if (handle == nullptr) return kFailure;
   auto& formula = *static_cast<Formula*>(handle);
   return guarded([&] {
+    const std::size_t before = formula.parameters.size();
     formula.parameters.insert(formula.parameters.end(), numbers);
-    if (text != nullptr) formula.texts.emplace_back(text);
+    try {
+      if (text != nullptr) formula.texts.emplace_back(text);
+    } catch (...) {
+      formula.parameters.resize(before);
+      throw;
+    }
     return 0;
   });
 }
