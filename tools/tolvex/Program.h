@@ -1,0 +1,10 @@
+// The program's command line, apart from the process that it runs in.
+#pragma once
+
+namespace tolvex {
+
+// Does what the command line asks; results go to the standard output, everything else to the
+// standard error. Gives the exit code. Throws when memory runs out.
+int runProgram(int argc, char** argv);
+
+}  // namespace tolvex
