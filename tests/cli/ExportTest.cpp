@@ -64,6 +64,31 @@ TEST(Export, WritesEveryKindOfChannel) {
             "time,ratio,index\n0.1,0.3333333333333333,0\n1,nan,1\n");
 }
 
+// Spreadsheets run formulas that they find in a text.
+TEST(Export, PutsAnApostropheBeforeFormulasWhenAsked) {
+  const std::pair<std::string, std::string> cells[] = {
+      {"=1+1", "'=1+1"},   {"=1", "'=1"},         {"@SUM(A1)", "'@SUM(A1)"},
+      {"+cmd", "'+cmd"},   {"-2+3", "'-2+3"},     {"-1.5e-3", "-1.5e-3"},
+      {"+7", "+7"},        {"-.5", "-.5"},        {"-inf", "'-inf"},
+      {"-", "'-"},         {"a=1", "a=1"},        {"\tx", "'\tx"},
+      {"\rx", "\"'\rx\""}, {"=a,b", "\"'=a,b\""},
+  };
+  for (const auto& [text, cell] : cells) {
+    SCOPED_TRACE(text);
+    FileBuilder file;
+    Bytes record = packed(-1.5);
+    record.insert(record.end(), text.begin(), text.end());
+    file.signalGroup({{.name = text,
+                       .dataType = 7,
+                       .byteOffset = 8,
+                       .bitCount = static_cast<std::uint32_t>(8 * text.size())}},
+                     {record});
+    const std::string command = "export --dg 0 " + file.write();
+    EXPECT_EQ(runTolvex(command + " --safe-csv").out, "time," + cell + "\n-1.5," + cell + "\n");
+    EXPECT_EQ(runTolvex(command).out.find("'"), std::string::npos);
+  }
+}
+
 TEST(Export, NumbersTheRecordsOfAGroupWithoutTime) {
   FileBuilder file;
   const Link channel = file.cn({.name = "x"});

@@ -2,8 +2,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -38,6 +40,28 @@ Outcome runTolvex(const std::string& arguments, int exitCode, const std::string&
   EXPECT_EQ(outcome.exitCode, exitCode) << arguments << ": " << outcome.err;
   EXPECT_NE(outcome.err.find(said), std::string::npos)
       << arguments << ": expected \"" << said << "\", found \"" << outcome.err << "\"";
+  return outcome;
+}
+
+Outcome runOnTerminal(const std::string& arguments) {
+  const std::string command = "exec '" TOLVEX_PROGRAM "' " + arguments;
+  termios settings{};
+  ::cfmakeraw(&settings);  // what is written comes as it is
+  int terminal = -1;
+  const pid_t process = ::forkpty(&terminal, nullptr, &settings, nullptr);
+  if (process == 0) {
+    ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+    ::_exit(127);
+  }
+  Outcome outcome;
+  char buffer[4096];
+  for (ssize_t count = 0; (count = ::read(terminal, buffer, sizeof(buffer))) > 0;) {
+    outcome.out.append(buffer, static_cast<std::size_t>(count));
+  }
+  ::close(terminal);
+  int status = 0;
+  const bool ended = process > 0 && ::waitpid(process, &status, 0) == process;
+  outcome.exitCode = ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   return outcome;
 }
 

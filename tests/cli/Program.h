@@ -23,6 +23,9 @@ Outcome runTolvex(const std::string& arguments);
 // The same, where that exit code and `said` on the standard error are expected.
 Outcome runTolvex(const std::string& arguments, int exitCode, const std::string& said = "");
 
+// What the program shows on a terminal, which gets its standard output and error.
+Outcome runOnTerminal(const std::string& arguments);
+
 // The program running, with a standard input that stays open until it has ended.
 class RunningTolvex {
  public:

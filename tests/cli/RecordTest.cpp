@@ -159,7 +159,7 @@ TEST_F(Record, ReportsMalformedLinesAndGoesOn) {
       {"(1.5) can0 123#R9", "a length up to 8"},
       {"(1.5) can0 123##", "a hexadecimal digit of flags, found the end of the line"},
       {"(1.5) can0 20000080#R", "the end of the line, found \"R\""},
-      {"(1.5) can0 123#11 \x1b[2J", "the end of the line, found \"?[2J\""},
+      {"(1.5) can0 123#11 \x1b[2J", "the end of the line, found \"\\x1B[2J\""},
       {"(1.5) slcan 123#11", "or --channel NAME=N, found \"slcan\""},
       {"(1.5) can255 123#11", "a number up to 254"},
   };

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "Output.h"
+#include "PrintableText.h"
 
 namespace CLI {
 class App;
@@ -35,7 +36,7 @@ void addDoctor(CLI::App& app, Command& chosen);
 void addRecover(CLI::App& app, Command& chosen);
 void addRecord(CLI::App& app, Command& chosen);
 
-// Writes the line "tolvex: FILE: what" to the standard error.
+// Writes the line "tolvex: FILE: what", printable, to the standard error.
 void complain(std::string_view file, std::string_view what);
 
 // Opens the reader's file, or complains and gives false.
@@ -50,9 +51,5 @@ ExitCode reportProblems(const MdfBaseReader& reader, const std::string& file, Ex
 // The exit code after all results were written: closes `out`, which may fail, then reports the
 // problems. A reader of our pipe that went away is a normal end.
 ExitCode finish(Output& out, const MdfBaseReader& reader, const std::string& file, ExitCode soFar);
-
-// `text`, which comes from a file, fit to be shown: control characters become '?', bytes that are
-// no UTF-8 become U+FFFD.
-std::string printable(std::string_view text);
 
 }  // namespace tolvex

@@ -5,7 +5,10 @@
 
 #include <algorithm>
 #include <bit>
+#include <charconv>
 #include <cmath>
+
+#include "PrintableText.h"
 
 namespace tolvex {
 
@@ -64,9 +67,29 @@ std::int64_t signExtend(std::uint64_t value, unsigned bitCount) {
   return std::bit_cast<std::int64_t>(value << unused) >> unused;
 }
 
+// Spreadsheets compute what begins with one of these characters.
+bool looksLikeFormula(std::string_view text) {
+  if (text.empty() || std::string_view("=+-@\t\r").find(text[0]) == std::string_view::npos) {
+    return false;
+  }
+  const bool isSigned = text[0] == '+' || text[0] == '-';
+  const std::string_view digits = text.substr(1);
+  const char* const end = digits.data() + digits.size();
+  double number = 0;
+  return !isSigned || digits.find_first_of("0123456789") > 1 ||
+         std::from_chars(digits.data(), end, number).ptr != end;
+}
+
 }  // namespace
 
-void writeCsvText(Output& out, std::string_view text) {
+void writeCsvText(Output& out, std::string_view text, bool safe) {
+  std::string changed;
+  if (safe && looksLikeFormula(text)) {
+    text = changed = fmt::format("'{}", text);
+  }
+  if (out.isTerminal()) {
+    text = changed = printable(text);
+  }
   if (text.find_first_of(",\"\r\n") == std::string_view::npos) {
     out.write(text);
     return;
@@ -81,10 +104,15 @@ void writeCsvText(Output& out, std::string_view text) {
   out.write('"');
 }
 
-CsvColumn::CsvColumn(MdfSigReader& reader, int dg, int cg, int cn, bool raw)
-    : reader_(reader), dg_(dg), cg_(cg), cn_(cn), raw_(raw), name_(reader.getCNName(dg, cg, cn)) {
+CsvColumn::CsvColumn(MdfSigReader& reader, int dg, int cg, int cn, const CsvOptions& options)
+    : reader_(reader),
+      dg_(dg),
+      cg_(cg),
+      cn_(cn),
+      options_(options),
+      name_(reader.getCNName(dg, cg, cn)) {
   reader.getCCInfo(dg, cg, cn, description_);
-  kind_ = kindOf(description_, reader.getSigAttr(dg, cg, cn).bitCount, raw);
+  kind_ = kindOf(description_, reader.getSigAttr(dg, cg, cn).bitCount, options.raw);
   hasInvalidSamples_ = (description_.flags & (kAllInvalid | kInvalidationBit)) != 0;
   // Validity is read from the record's invalidation bytes, never from the value itself.
   description_.flags &= ~kInvalidationBit;
@@ -133,7 +161,7 @@ void CsvColumn::writeCell(Output& out, std::span<const std::uint8_t> record, std
       return;
     case Kind::Text:
       if (reader_.readText(dg_, cg_, cn_, record.data(), record.size(), text_)) {
-        writeCsvText(out, text_);
+        writeCsvText(out, text_, options_.safe);
       }
       return;
     case Kind::Bytes:
@@ -154,7 +182,7 @@ void CsvColumn::writePhysical(Output& out, std::span<const std::uint8_t> record)
 
 void CsvColumn::writeConverted(Output& out, double value) {
   if (description_.isTextConversion()) {
-    writeCsvText(out, text_);
+    writeCsvText(out, text_, options_.safe);
   } else {
     writeNumber(out, value);
   }
@@ -178,7 +206,7 @@ void CsvColumn::writeRaw(Output& out, std::span<const std::uint8_t> record) {
 void CsvColumn::writeIndex(Output& out, std::uint64_t index) {
   double value = 0;
   text_.clear();
-  if (raw_) {
+  if (options_.raw) {
     writeInteger(out, index);
   } else if (description_.applyConversion(static_cast<double>(index), value, text_)) {
     writeConverted(out, value);

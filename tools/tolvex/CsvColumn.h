@@ -13,15 +13,19 @@
 
 namespace tolvex {
 
-// Writes `text`, in quotes where the format asks for them.
-void writeCsvText(Output& out, std::string_view text);
+struct CsvOptions {
+  bool raw = false;   // numbers as they stand in the records, without the conversion
+  bool safe = false;  // an apostrophe goes before texts that a spreadsheet takes for formulas
+};
+
+// Writes `text`, in quotes where the format asks for them; to a terminal, printable.
+void writeCsvText(Output& out, std::string_view text, bool safe);
 
 // One channel of a group. Decodes its value in a record and writes it as one cell; the cell stays
 // empty where there is no valid value. Borrows the reader. Not synchronised: one thread at a time.
 class CsvColumn {
  public:
-  // `raw`: numbers as they stand in the records, without the conversion.
-  CsvColumn(MdfSigReader& reader, int dg, int cg, int cn, bool raw);
+  CsvColumn(MdfSigReader& reader, int dg, int cg, int cn, const CsvOptions& options);
 
   const std::string& name() const { return name_; }
   const std::string& unit() const { return description_.unit; }
@@ -43,7 +47,7 @@ class CsvColumn {
   int dg_;
   int cg_;
   int cn_;
-  bool raw_;
+  CsvOptions options_;
   std::string name_;
   MdfSigCCInfo description_;
   Kind kind_;

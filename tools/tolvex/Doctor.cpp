@@ -61,14 +61,15 @@ std::string jsonText(const std::string& file, const MdfCheckReport& report) {
                                 {"expected", finding.expected},
                                 {"found", finding.found}});
   }
-  return json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
+  return printableJson(json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) +
+                       '\n');
 }
 
 MdfCheckReport check(const std::string& file) {
   std::optional<Progress> progress;
   return checkFile(file, [&](std::uint64_t done, std::uint64_t total) {
     if (!progress) {
-      progress.emplace("Checking " + printable(file), total, "bytes");
+      progress.emplace("Checking " + file, total, "bytes");
     }
     progress->update(done);
   });

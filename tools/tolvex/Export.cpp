@@ -27,7 +27,7 @@ struct ExportOptions {
   std::optional<int> dg;
   int cg = 0;
   std::vector<std::string> channels;  // all when empty
-  bool raw = false;
+  CsvOptions csv;
   std::string output;
 
   bool wants(const std::string& channel) const {
@@ -47,9 +47,9 @@ Columns columnsOf(MdfSigReader& reader, const MdfGroupInfo& group, const ExportO
   const int count = reader.getCNCount(dg, cg);
   Columns columns;
   for (int cn = 0; cn < count; ++cn) {
-    CsvColumn column(reader, dg, cg, cn, options.raw);
+    CsvColumn column(reader, dg, cg, cn, options.csv);
     if (!columns.time && column.isMasterTime()) {
-      columns.time.emplace(reader, dg, cg, cn, false);
+      columns.time.emplace(reader, dg, cg, cn, CsvOptions{.safe = options.csv.safe});
     } else if (options.wants(column.name())) {
       columns.values.push_back(std::move(column));
     }
@@ -61,15 +61,15 @@ bool hasWanted(const Columns& columns, const ExportOptions& options) {
   return !columns.values.empty() || (columns.time && options.wants(columns.time->name()));
 }
 
-void writeHeader(Output& out, const Columns& columns) {
+void writeHeader(Output& out, const Columns& columns, bool safe) {
   const auto title = [](const CsvColumn& column) {
     return column.unit().empty() ? column.name()
                                  : fmt::format("{} [{}]", column.name(), column.unit());
   };
-  writeCsvText(out, columns.time ? title(*columns.time) : "record");
+  writeCsvText(out, columns.time ? title(*columns.time) : "record", safe);
   for (const CsvColumn& column : columns.values) {
     out.write(',');
-    writeCsvText(out, title(column));
+    writeCsvText(out, title(column), safe);
   }
   out.write('\n');
 }
@@ -127,14 +127,14 @@ std::uint64_t writeRecords(MdfSigReader& reader, const MdfGroupInfo& group, Colu
 
 // Writes the group's header and records. kLost, said why, when records are missing.
 ExitCode exportGroup(MdfSigReader& reader, const MdfGroupInfo& group, Columns& columns, Output& out,
-                     const std::string& file) {
-  writeHeader(out, columns);
+                     const ExportOptions& options) {
+  writeHeader(out, columns, options.csv.safe);
   const std::uint64_t written = writeRecords(reader, group, columns, out);
   if (!out.good() || written >= group.recordCount) {
     return kDone;
   }
-  complain(file, fmt::format("{}: {} of {} records could be read", nameOf(group), written,
-                             group.recordCount));
+  complain(options.file, fmt::format("{}: {} of {} records could be read", nameOf(group), written,
+                                     group.recordCount));
   return kLost;
 }
 
@@ -186,7 +186,7 @@ int exportOne(MdfSigReader& reader, const ExportOptions& options) {
     }
   }
   Columns columns = columnsOf(reader, group, options);
-  const ExitCode code = exportGroup(reader, group, columns, out, options.file);
+  const ExitCode code = exportGroup(reader, group, columns, out, options);
   return finish(out, reader, options.file, code);
 }
 
@@ -244,7 +244,7 @@ int exportAll(MdfSigReader& reader, const ExportOptions& options) {
     if (const ExitCode code = openOutput(out, path, options.file); code != kDone) {
       return code;
     }
-    if (exportGroup(reader, group, columns, out, options.file) == kLost) {
+    if (exportGroup(reader, group, columns, out, options) == kLost) {
       soFar = kLost;
     }
     if (!out.close()) {
@@ -289,9 +289,11 @@ void addExport(CLI::App& app, Command& chosen) {
                    "Export the channels of this name only; may be given several times")
       ->type_name("NAME")
       ->allow_extra_args(false);
-  command->add_flag("--raw", options->raw,
+  command->add_flag("--raw", options->csv.raw,
                     "Numbers as recorded, before the conversion to physical values; the time\n"
                     "column stays physical");
+  command->add_flag("--safe-csv", options->csv.safe,
+                    "An apostrophe before texts that a spreadsheet would take for formulas");
   command
       ->add_option("-o,--output", options->output,
                    "With --dg, the file to write; by default the standard output. Without --dg,\n"
@@ -303,7 +305,10 @@ void addExport(CLI::App& app, Command& chosen) {
       "read\n"
       "back as the same 64-bit floating point number; texts are quoted where they hold a comma,\n"
       "a quote or a line end; byte arrays are hexadecimal. A cell is empty where a sample is\n"
-      "invalid or cannot be converted. Lines end in a line feed.\n"
+      "invalid or cannot be converted. Lines end in a line feed. With --safe-csv, texts that "
+      "begin\n"
+      "with = + - @, tab or carriage return and are no numbers get an apostrophe in front. On a\n"
+      "terminal, control characters show as \\n, \\x1B or \\u202E.\n"
       "\n"
       "Examples:\n"
       "  tolvex export drive.mf4 -o drive\n"

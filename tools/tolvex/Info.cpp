@@ -137,7 +137,8 @@ std::string jsonText(const std::string& file, const MdfFileInfo& info,
     json["groups"].push_back(groupJson(group));
   }
   // Names that are no UTF-8 show replacement characters.
-  return json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + '\n';
+  return printableJson(json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) +
+                       '\n');
 }
 
 // "2021-07-26T04:34:14.5Z": a fraction only as far as there is one.
@@ -265,7 +266,7 @@ std::string plainText(const std::string& file, const MdfFileInfo& info,
       "  program  {}\n"
       "  start    {}\n"
       "  groups   {}\n",
-      file, info.size, printable(info.versionText), printable(info.program),
+      printable(file), info.size, printable(info.versionText), printable(info.program),
       timeText(info.startTimeNs), groups.size());
   for (const Group& group : groups) {
     text += groupText(group);

@@ -15,7 +15,11 @@ constexpr std::size_t kBufferSize = 256 * 1024;
 
 }  // namespace
 
-Output::Output() : name_("standard output"), descriptor_(STDOUT_FILENO), buffer_(kBufferSize) {}
+Output::Output()
+    : name_("standard output"),
+      descriptor_(STDOUT_FILENO),
+      terminal_(::isatty(STDOUT_FILENO) == 1),
+      buffer_(kBufferSize) {}
 
 Output::~Output() {
   if (owned_) {
@@ -32,6 +36,7 @@ Output::Opened Output::open(const std::string& path, const std::string& input) {
     return Opened::Failed;
   }
   owned_ = true;
+  terminal_ = ::isatty(descriptor_) == 1;
   struct stat target {};
   struct stat source {};
   if (::fstat(descriptor_, &target) != 0 || ::stat(input.c_str(), &source) != 0) {

@@ -41,6 +41,7 @@ class Output {
   bool pipeClosed() const;  // the failure is that nobody reads the pipe any more
   std::string error() const;
   const std::string& name() const { return name_; }
+  bool isTerminal() const { return terminal_; }  // then texts of files must be printable
 
   // Writes the rest and closes a file. False when anything failed since the opening.
   bool close();
@@ -52,6 +53,7 @@ class Output {
   std::string name_;
   int descriptor_;
   bool owned_ = false;
+  bool terminal_;
   int errorNumber_ = 0;
   std::vector<char> buffer_;
   std::size_t used_ = 0;

@@ -13,7 +13,7 @@ namespace tolvex {
 namespace {
 
 int complainOfUse(std::string_view what) {
-  std::cerr << "tolvex: " << what << "\nRun 'tolvex --help' for the commands, "
+  std::cerr << "tolvex: " << printable(what) << "\nRun 'tolvex --help' for the commands, "
             << "'tolvex COMMAND --help' for their options.\n";
   return kWrongUse;
 }

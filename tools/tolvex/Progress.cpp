@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <utility>
 
+#include "PrintableText.h"
+
 namespace tolvex {
 
 namespace {
@@ -15,8 +17,8 @@ constexpr const char* kClearLine = "\r\x1b[K";
 
 }  // namespace
 
-Progress::Progress(std::string what, std::uint64_t total, std::string unit)
-    : what_(std::move(what)),
+Progress::Progress(std::string_view what, std::uint64_t total, std::string unit)
+    : what_(printable(what)),
       total_(total),
       unit_(std::move(unit)),
       shown_(::isatty(STDERR_FILENO) == 1),

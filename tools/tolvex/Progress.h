@@ -12,7 +12,7 @@ namespace tolvex {
 // Silent when the standard error is no terminal.
 class Progress {
  public:
-  explicit Progress(std::string what, std::uint64_t total = 0, std::string unit = "records");
+  explicit Progress(std::string_view what, std::uint64_t total = 0, std::string unit = "records");
   ~Progress();
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;

@@ -44,7 +44,7 @@ int main(int argc, char** argv) {
   try {
     return tolvex::runProgram(argc, argv);
   } catch (const std::exception& error) {  // out of memory, mostly
-    std::cerr << "tolvex: " << error.what() << '\n';
+    std::cerr << "tolvex: " << tolvex::printable(error.what()) << '\n';
     return tolvex::kFailed;
   }
 }
