@@ -10,6 +10,7 @@
 
 #include "Mdf4/MdfRecorder.h"
 #include "Mdf4/format/BlockRecords.h"
+#include "Mdf4/recovery/WorkSizes.h"
 #include "tests/support/Diagnostics.h"
 #include "tests/support/SampleFiles.h"
 #include "tolvex/Mdf4.h"
@@ -22,10 +23,15 @@ std::string textOf(const MdfFinding& finding) {
          finding.what + ": expected " + finding.expected + ", found " + finding.found;
 }
 
-std::string check(const std::string& path) {
-  const MdfCheckReport report = checkFile(path);
+std::string textOf(const MdfCheckReport& report) {
   std::string text = report.failure;
   for (const MdfFinding& finding : report.findings) text += textOf(finding) + "\n";
+  return text;
+}
+
+std::string check(const std::string& path) {
+  const std::string text = textOf(checkFile(path));
+  EXPECT_EQ(textOf(checkFile(path, nullptr, WorkSizes{.piece = 7})), text) << "in small steps";
   return text;
 }
 
@@ -289,6 +295,21 @@ TEST(FileCheck, FilesCutAnywhereHaveAnError) {
   }
   for (const std::uint64_t size : sizes) {
     EXPECT_GT(checkFile(sample.file.write(size)).errors, 0U) << size;
+  }
+}
+
+// Whatever the offset of a value claims to be.
+TEST(FileCheck, LooksAtNoValueWhoseBitsBeginBehindTheirByte) {
+  for (const std::uint8_t bitOffset : Bytes{8, 64, 255}) {
+    FileBuilder file;
+    const Cn value = {.name = "v",
+                      .type = 1,
+                      .byteOffset = 8,
+                      .bitOffset = bitOffset,
+                      .bitCount = 64,
+                      .data = file.sd(Bytes(8))};
+    file.signalGroup({value}, std::vector<Bytes>(2, joined({packed(1.0), Bytes(60)})));
+    EXPECT_EQ(checkFile(file.write()).errors, 1U) << int{bitOffset};
   }
 }
 

@@ -8,6 +8,7 @@
 #include <random>
 #include <set>
 
+#include "Mdf4/recovery/WorkSizes.h"
 #include "tests/support/Diagnostics.h"
 #include "tests/support/LoggerFile.h"
 #include "tests/support/SampleFiles.h"
@@ -185,6 +186,24 @@ TEST_F(Recovery, FinishesUnsortedFilesWhateverWasLeftOpen) {
   }
 }
 
+TEST_F(Recovery, GivesTheSameInStepsOfAnySize) {
+  for (const std::uint64_t piece : {1U, 7U, 64U, 500U}) {
+    const WorkSizes sizes = {.piece = piece, .block = piece, .blocksPerList = 2, .farthest = piece};
+    for (const std::uint8_t idSize : {std::uint8_t{1}, std::uint8_t{4}, std::uint8_t{8}}) {
+      SCOPED_TRACE(testing::Message() << "ids of " << int{idSize} << ", " << piece << " bytes");
+      const auto file = unsortedFile({.idSize = idSize, .unfinalized = 0x25, .listed = true});
+      const std::string input = file.write();
+      EXPECT_TRUE(recoverFile(input, recovered_, {true, nullptr}, sizes).lossless());
+      expectGroups(readLoggerFile(input), recovered_);
+    }
+    for (const char* name : {"raw-00000005.MF4", "decoded-00000005.mf4"}) {
+      SCOPED_TRACE(testing::Message() << name << ", " << piece << " bytes");
+      EXPECT_TRUE(recoverFile(data(name), recovered_, {true, nullptr}, sizes).lossless());
+      EXPECT_TRUE(contentsOf(recovered_) == contentsOf(data(name)));
+    }
+  }
+}
+
 TEST_F(Recovery, DropsTheRecordThatAnUnsortedFileEndsIn) {
   const FileBuilder whole = unsortedFile({.unfinalized = 0x25});
   for (std::uint64_t cut = 1; cut < 60; ++cut) {
@@ -252,6 +271,22 @@ TEST_F(Recovery, FindsItsWayBackIntoUnsortedRecords) {
       EXPECT_GE(common.size() + size / 36 + 3, want.size());  // a frame fills 36 bytes
     }
   }
+}
+
+// A name that the layout of frames puts beyond short records makes no room for an offset there.
+TEST_F(Recovery, LeavesOutAChannelOfValuesThatLiesBeyondItsRecord) {
+  FileBuilder file;
+  const Cn beyond = {.name = "CAN_DataFrame.FrameDuration",
+                     .type = 1,
+                     .byteOffset = 22,
+                     .bitCount = 32,
+                     .data = file.sd(Bytes(8))};
+  file.signalGroup({beyond}, std::vector<Bytes>(3, packed(1.0, std::uint8_t{0})));
+  const MdfRecoveryReport report = recoverFile(file.write(), recovered_);
+  ASSERT_EQ(report.groups.size(), 1U);
+  EXPECT_EQ(report.groups[0].records, 3U);
+  EXPECT_EQ(report.groups[0].losses.size(), 1U);
+  EXPECT_EQ(firstError(recovered_), "");
 }
 
 // Of two groups only the channel groups are found; a third one never had records.

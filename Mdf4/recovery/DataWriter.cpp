@@ -13,14 +13,17 @@
 namespace tolvex {
 namespace {
 
-constexpr std::size_t kBlocksPerList = 4096;
 constexpr std::uint64_t kSmallestBuffer = 4096;
 
 }  // namespace
 
 DataWriter::DataWriter(DirectFile& file, std::uint16_t type, std::uint64_t unit,
-                       std::uint64_t blockBytes)
-    : file_(file), type_(type), unit_(unit), blockBytes_(std::max(blockBytes, unit)) {}
+                       const WorkSizes& sizes)
+    : file_(file),
+      type_(type),
+      unit_(unit),
+      blockBytes_(std::max(sizes.block, unit)),
+      blocksPerList_(sizes.blocksPerList) {}
 
 std::uint8_t* DataWriter::room(std::uint64_t bytes) {
   if (bytes > capacity_ - used_) {
@@ -67,7 +70,7 @@ bool DataWriter::writeBlock(std::uint64_t bytes) {
   written_ += bytes;
   used_ -= bytes;
   std::memmove(buffer_.get(), buffer_.get() + bytes, used_);
-  return blocks_.size() - listed_ < kBlocksPerList || writeList();
+  return blocks_.size() - listed_ < blocksPerList_ || writeList();
 }
 
 // Writes the blocks that are not listed yet into a list behind the last one.

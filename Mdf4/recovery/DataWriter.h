@@ -7,6 +7,7 @@
 
 #include "Mdf4/format/Bytes.h"
 #include "Mdf4/format/DirectFile.h"
+#include "Mdf4/recovery/WorkSizes.h"
 
 namespace tolvex {
 
@@ -14,8 +15,8 @@ namespace tolvex {
 // write failed, whatever follows fails as well.
 class DataWriter {
  public:
-  // Blocks of kind `type` that hold about `blockBytes`, and only whole units of `unit` bytes.
-  DataWriter(DirectFile& file, std::uint16_t type, std::uint64_t unit, std::uint64_t blockBytes);
+  // Blocks of kind `type` that hold about `sizes.block` bytes, and only whole units of `unit`.
+  DataWriter(DirectFile& file, std::uint16_t type, std::uint64_t unit, const WorkSizes& sizes);
 
   // Where to put the next `bytes`; null when there is no memory. They count from commit on.
   std::uint8_t* room(std::uint64_t bytes);
@@ -54,6 +55,7 @@ class DataWriter {
   const std::uint16_t type_;
   const std::uint64_t unit_;
   const std::uint64_t blockBytes_;
+  const std::size_t blocksPerList_;
   std::unique_ptr<std::uint8_t[]> buffer_;
   std::uint64_t capacity_ = 0;
   std::uint64_t used_ = 0;

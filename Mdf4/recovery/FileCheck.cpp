@@ -13,6 +13,7 @@
 #include "Mdf4/recovery/FileCheckData.h"
 #include "Mdf4/recovery/FileCheckRecords.h"
 #include "Mdf4/recovery/FileCheckTree.h"
+#include "Mdf4/recovery/WorkSizes.h"
 
 namespace tolvex {
 namespace {
@@ -22,13 +23,14 @@ constexpr std::string_view kUnfinished = "UnFinMF ";
 
 class FileCheck {
  public:
-  FileCheck(DirectFile& file, MdfCheckReport& report, const MdfProgress& progress)
+  FileCheck(DirectFile& file, MdfCheckReport& report, const MdfProgress& progress,
+            const WorkSizes& sizes)
       : file_(file),
         findings_(report),
         progress_(progress),
         walk_(file, findings_),
-        delivery_(walk_, [this](std::uint64_t bytes) { advance(bytes); }),
-        tree_(walk_) {}
+        delivery_(walk_, sizes, [this](std::uint64_t bytes) { advance(bytes); }),
+        tree_(walk_, sizes) {}
 
   void run();
 
@@ -298,11 +300,16 @@ void FileCheck::advance(std::uint64_t bytes) {
 }  // namespace
 
 MdfCheckReport checkFile(const std::string& path, const MdfProgress& progress) {
+  return checkFile(path, progress, WorkSizes{});
+}
+
+MdfCheckReport checkFile(const std::string& path, const MdfProgress& progress,
+                         const WorkSizes& sizes) {
   MdfCheckReport report;
   try {
     DirectFile file;
     if (file.open(path, OpenMode::Read)) {
-      FileCheck(file, report, progress).run();
+      FileCheck(file, report, progress, sizes).run();
     } else {
       report.failure = file.openError();
     }

@@ -12,8 +12,6 @@
 namespace tolvex {
 namespace {
 
-constexpr std::uint64_t kPieceSize = 512 * 1024;
-constexpr std::uint64_t kMostHeld = std::uint64_t{16} << 20;
 // As many inflated bytes as no file of records reaches, but one made to inflate without end.
 constexpr std::uint64_t kInflatedPerByte = 128;
 constexpr std::uint64_t kAlwaysInflated = std::uint64_t{256} << 20;
@@ -24,18 +22,16 @@ void need(bool memory) {
 
 }  // namespace
 
-DataDelivery::DataDelivery(BlockWalk& walk, std::function<void(std::uint64_t)> progress)
+DataDelivery::DataDelivery(BlockWalk& walk, const WorkSizes& sizes,
+                           std::function<void(std::uint64_t)> progress)
     : walk_(walk),
+      sizes_(sizes),
       progress_(std::move(progress)),
-      inflater_(walk.file()),
-      lookUps_(walk.file()),
+      inflater_(walk.file(), sizes.piece),
+      lookUps_(walk.file(), sizes.piece),
       budget_(walk.file().end() / 2 > ~std::uint64_t{0} / kInflatedPerByte / 4
                   ? ~std::uint64_t{0}
                   : walk.file().end() * kInflatedPerByte + kAlwaysInflated) {}
-
-bool DataDelivery::canBeHeld(const DataPart& part) {
-  return part.length <= kMostHeld;
-}
 
 bool DataDelivery::deliver(const FoundBlock& block, const DataPart& part, DataSink& sink) {
   return part.compressed ? deliverInflated(block, part, sink) : deliverPlain(block, part, sink);
@@ -47,9 +43,9 @@ bool DataDelivery::deliverPlain(const FoundBlock& block, const DataPart& part, D
     progress_(part.stored);
     return true;
   }
-  need(buffer_.reserve(kPieceSize));
+  need(buffer_.reserve(sizes_.piece));
   for (std::uint64_t done = 0; done < part.length;) {
-    const std::uint64_t length = std::min(kPieceSize, part.length - done);
+    const std::uint64_t length = std::min(sizes_.piece, part.length - done);
     const WritableBytes piece(buffer_.data(), length);
     if (walk_.file().readPieces(part.position + done, std::span(&piece, 1)) != length) {
       walk_.findings().error(part.position + done, fieldName(block.type, "data"),

@@ -8,6 +8,7 @@
 #include "Mdf4/format/Inflater.h"
 #include "Mdf4/recovery/FileCheckBlocks.h"
 #include "Mdf4/recovery/FileCheckInflate.h"
+#include "Mdf4/recovery/WorkSizes.h"
 
 namespace tolvex {
 
@@ -41,7 +42,8 @@ class DataSink {
 class DataDelivery {
  public:
   // `progress` is told of bytes of the file, as they are done with.
-  DataDelivery(BlockWalk& walk, std::function<void(std::uint64_t)> progress);
+  DataDelivery(BlockWalk& walk, const WorkSizes& sizes,
+               std::function<void(std::uint64_t)> progress);
 
   // Hands the block's bytes to the sink, and enters what is wrong with them. False when there was.
   bool deliver(const FoundBlock& block, const DataPart& part, DataSink& sink);
@@ -49,7 +51,7 @@ class DataDelivery {
   // too much was inflated already.
   bool inflate(const DataPart& part, ByteBuffer& out);
   // False for blocks that inflate never gives.
-  static bool canBeHeld(const DataPart& part);
+  bool canBeHeld(const DataPart& part) const { return part.length <= sizes_.held; }
 
  private:
   bool deliverPlain(const FoundBlock& block, const DataPart& part, DataSink& sink);
@@ -58,6 +60,7 @@ class DataDelivery {
   bool charge(std::uint64_t bytes);
 
   BlockWalk& walk_;
+  const WorkSizes sizes_;
   std::function<void(std::uint64_t)> progress_;
   PieceInflater inflater_;
   PieceInflater lookUps_;  // while the other one is at work

@@ -9,20 +9,17 @@
 #include "Mdf4/format/Diagnostics.h"
 
 namespace tolvex {
-namespace {
-
-constexpr std::size_t kPieceSize = 256 * 1024;
-
-}  // namespace
-
 struct PieceInflater::Stream {
+  explicit Stream(std::uint64_t pieceSize) : in(pieceSize), out(pieceSize) {}
+
   z_stream z = {};
   bool ready = false;
-  std::vector<std::uint8_t> in = std::vector<std::uint8_t>(kPieceSize);
-  std::vector<std::uint8_t> out = std::vector<std::uint8_t>(kPieceSize);
+  std::vector<std::uint8_t> in;
+  std::vector<std::uint8_t> out;
 };
 
-PieceInflater::PieceInflater(DirectFile& file) : file_(file), stream_(std::make_unique<Stream>()) {
+PieceInflater::PieceInflater(DirectFile& file, std::uint64_t pieceSize)
+    : file_(file), stream_(std::make_unique<Stream>(pieceSize)) {
   stream_->ready = inflateInit(&stream_->z) == Z_OK;
 }
 
@@ -39,7 +36,7 @@ std::string PieceInflater::inflate(std::uint64_t position, std::uint64_t length,
   int result = Z_OK;
   while (result == Z_OK || result == Z_BUF_ERROR) {
     if (z.avail_in == 0 && length != 0) {
-      const std::uint64_t next = std::min<std::uint64_t>(length, kPieceSize);
+      const std::uint64_t next = std::min<std::uint64_t>(length, stream_->in.size());
       if (!file_.holds(position, next) || !file_.ReadAt(position, next, stream_->in.data())) break;
       position += next;
       length -= next;
@@ -47,9 +44,9 @@ std::string PieceInflater::inflate(std::uint64_t position, std::uint64_t length,
       z.avail_in = static_cast<uInt>(next);
     }
     z.next_out = stream_->out.data();
-    z.avail_out = static_cast<uInt>(kPieceSize);
+    z.avail_out = static_cast<uInt>(stream_->out.size());
     result = ::inflate(&z, Z_NO_FLUSH);
-    const std::uint64_t made = kPieceSize - z.avail_out;
+    const std::uint64_t made = stream_->out.size() - z.avail_out;
     const std::uint64_t wanted = std::min(made, expected - std::min(expected, done));
     if (piece && wanted != 0) piece(ByteSpan(stream_->out.data(), wanted));
     done += made;

@@ -16,7 +16,7 @@ class PieceInflater {
  public:
   using Piece = std::function<void(ByteSpan)>;
 
-  explicit PieceInflater(DirectFile& file);
+  PieceInflater(DirectFile& file, std::uint64_t pieceSize);
   ~PieceInflater();
 
   // Inflates `length` bytes of the file at `position` and hands on what comes out, in order and not

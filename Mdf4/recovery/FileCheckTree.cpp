@@ -66,7 +66,7 @@ void FileCheckTree::checkAttachment(const FoundBlock& block) {
   walk_.enter(block, faults);
   shareTexts(block, at_tx_filename, at_md_comment);
   if ((record.at_flags & kCompressed) != kCompressed || !faults.empty()) return;
-  PieceInflater inflater(walk_.file());
+  PieceInflater inflater(walk_.file(), sizes_.piece);
   const std::string fault = inflater.inflate(block.dataPosition() + sizeof record,
                                              record.at_embedded_size, record.at_original_size);
   if (fault.empty()) return;

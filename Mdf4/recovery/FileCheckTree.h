@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Mdf4/recovery/FileCheckBlocks.h"
+#include "Mdf4/recovery/WorkSizes.h"
 
 namespace tolvex {
 
@@ -50,7 +51,7 @@ struct CheckedDataGroup {
 // the members. Needs memory for the description only.
 class FileCheckTree {
  public:
-  explicit FileCheckTree(BlockWalk& walk) : walk_(walk) {}
+  FileCheckTree(BlockWalk& walk, const WorkSizes& sizes) : walk_(walk), sizes_(sizes) {}
 
   void check();
 
@@ -87,6 +88,7 @@ class FileCheckTree {
   std::string textAt(std::uint64_t position);
 
   BlockWalk& walk_;
+  const WorkSizes sizes_;
   std::uint32_t masters_ = 0;            // sync types of the group's masters, a bit each
   std::vector<BlockLink> compositions_;  // of the group's channels, to be followed
 };

@@ -141,8 +141,8 @@ void RecordWatch::watchValue(const WatchedChannel& channel, CheckedValues* data,
   const m4CNRecord& record = channel.record;
   const std::uint32_t length = bytesOf(record.cn_bit_offset, record.cn_bit_count);
   const bool mayBeInvalid = (record.cn_flags & kCnFlagInvalidBit) != 0;
-  if ((record.cn_flags & kCnFlagAllInvalid) != 0 || record.cn_bit_count == 0 ||
-      record.cn_bit_count > 64 || length > dataBytes_ ||
+  if ((record.cn_flags & kCnFlagAllInvalid) != 0 || record.cn_bit_offset > 7 ||
+      record.cn_bit_count == 0 || record.cn_bit_count > 64 || length > dataBytes_ ||
       record.cn_byte_offset > dataBytes_ - length || (mayBeInvalid && !withInvalidation)) {
     return;
   }

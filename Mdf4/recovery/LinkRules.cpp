@@ -38,8 +38,10 @@ constexpr std::uint64_t bytesOfBits(std::uint64_t bits) {
   return bits / 8 + (bits % 8 != 0 ? 1 : 0);
 }
 
-// The fields whose place the layout itself puts beyond a record of the smallest payload.
+// The fields whose place the layout itself puts beyond a record of the smallest payload. The offset
+// of a value is no such field.
 bool mayLieOutside(const m4CNRecord& channel, std::string_view name) {
+  if (channel.cn_type == channel_type::kVlsd) return false;
   return std::ranges::any_of(kCanDataFrames.channels, [&](const BusLogChannel& field) {
     return field.byteOffset == channel.cn_byte_offset && field.bits == channel.cn_bit_count &&
            field.byteOffset + field.bits / 8 > kCanDataFrames.recordSize(0) &&

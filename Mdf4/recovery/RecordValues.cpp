@@ -10,8 +10,9 @@ constexpr std::uint16_t kBusEvent = 0x2;  // cg_flags
 
 }  // namespace
 
-RecordValues::RecordValues(DirectFile& out, SourceGroup& group) : group_(group) {
-  for (std::size_t i = 0; i < group.values.size(); ++i) data_.emplace_back(out);
+RecordValues::RecordValues(DirectFile& out, SourceGroup& group, const WorkSizes& sizes)
+    : group_(group) {
+  for (std::size_t i = 0; i < group.values.size(); ++i) data_.emplace_back(out, sizes);
 }
 
 bool RecordValues::isValid(std::size_t i, const std::uint8_t* record) const {

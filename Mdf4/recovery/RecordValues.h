@@ -13,7 +13,7 @@ namespace tolvex {
 // One for each variable-length channel of the group. Borrows the group.
 class RecordValues {
  public:
-  RecordValues(DirectFile& out, SourceGroup& group);
+  RecordValues(DirectFile& out, SourceGroup& group, const WorkSizes& sizes);
 
   bool empty() const { return data_.empty(); }
   std::size_t count() const { return data_.size(); }

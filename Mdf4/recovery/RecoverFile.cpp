@@ -10,6 +10,7 @@
 #include "Mdf4/format/System.h"
 #include "Mdf4/recovery/Recovery.h"
 #include "Mdf4/recovery/VerifyRecovery.h"
+#include "Mdf4/recovery/WorkSizes.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {
@@ -29,6 +30,11 @@ bool isReplaceable(const std::string& path) {
 
 MdfRecoveryReport recoverFile(const std::string& input, const std::string& output,
                               const MdfRecoverOptions& options) {
+  return recoverFile(input, output, options, WorkSizes{});
+}
+
+MdfRecoveryReport recoverFile(const std::string& input, const std::string& output,
+                              const MdfRecoverOptions& options, const WorkSizes& sizes) {
   MdfRecoveryReport report;
   const bool replace = isReplaceable(output);
   const std::string path = replace ? output + ".recovering" : output;
@@ -49,7 +55,7 @@ MdfRecoveryReport recoverFile(const std::string& input, const std::string& outpu
       report.failure = output + ": " + failure;
       return report;
     }
-    RecoveryResult result = recoverBetween(std::move(in), std::move(out), options);
+    RecoveryResult result = recoverBetween(std::move(in), std::move(out), options, sizes);
     report = std::move(result.report);
     if (report.failure.empty() && options.verify) {
       report.failure = verifyRecovery(path, result.checksums, options.progress);

@@ -25,6 +25,7 @@
 #include "Mdf4/recovery/SortedRecords.h"
 #include "Mdf4/recovery/TreeCopy.h"
 #include "Mdf4/recovery/UnsortedRecords.h"
+#include "Mdf4/recovery/WorkSizes.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {
@@ -36,7 +37,6 @@ constexpr std::uint16_t kCycleCounts = 0x01;          // id_unfin_flags
 constexpr std::uint16_t kLastDataLength = 0x04;       //
 constexpr std::uint16_t kLastReductionLength = 0x08;  //
 constexpr std::uint16_t kValueOffsets = 0x40;         //
-constexpr std::uint64_t kBlockBytes = 256 << 10;      // of a data block in the output
 constexpr std::uint64_t kAllBlocks = 64 << 20;        // of all that are gathered at a time
 constexpr std::uint64_t kSmallestBlock = 16 << 10;
 constexpr std::uint64_t kLargestRecord = 64 << 20;            // bytes; larger ones are none
@@ -47,8 +47,8 @@ constexpr char kHistory[] =
 
 class Recovery {
  public:
-  Recovery(const MdfRecoverOptions& options, RecoveryResult& result)
-      : options_(options), report_(result.report), checksums_(result.checksums) {}
+  Recovery(const MdfRecoverOptions& options, const WorkSizes& sizes, RecoveryResult& result)
+      : options_(options), sizes_(sizes), report_(result.report), checksums_(result.checksums) {}
 
   // Reads `input` and writes all of the result into `output`. Fills the report; its `failure`
   // when there is no result.
@@ -74,6 +74,7 @@ class Recovery {
   void advance(std::uint64_t bytes);
 
   const MdfRecoverOptions& options_;
+  const WorkSizes sizes_;
   MdfRecoveryReport& report_;
   std::vector<GroupChecksum>& checksums_;
   DirectFile in_;
@@ -251,21 +252,21 @@ void Recovery::keepChecksums(DataWriter& records, RecordValues& values) const {
 bool Recovery::copySorted(SourceGroup& group, std::size_t number) {
   const DataRun& run = survey_->runs()[number];
   const std::uint64_t size = group.recordSize();
-  RecordValues values(out_, group);
+  RecordValues values(out_, group, sizes_);
   if (size == 0 || size > kLargestRecord) {
     if (run.bytes != 0) {
       noteLoss(group.report, formatText("records of %" PRIu64 " bytes cannot be told apart", size));
     }
     return copyReductions(group);
   }
-  DataWriter records(out_, block_type::kDT, size, kBlockBytes);
+  DataWriter records(out_, block_type::kDT, size, sizes_);
   keepChecksums(records, values);
   for (std::size_t i = 0; i < values.count(); ++i) {
     if (!copyValues(group, values, i)) return false;
   }
   MdfRecoveredGroup& report = group.report;
   const std::size_t before = report.losses.size();
-  SortedRecords copy(in_, group, values, records);
+  SortedRecords copy(in_, group, values, records, sizes_);
   if (!copy.copy(run, [this](std::uint64_t bytes) { advance(bytes); })) return false;
   if (records.units() == group.record.cg_cycle_count && values.lostValues() == 0 &&
       report.lostRecords == 0) {
@@ -286,8 +287,8 @@ bool Recovery::copyUnsorted(const SourceData& data, std::size_t number) {
     std::unique_ptr<RecordValues> values;
     std::unique_ptr<SplitGroup> split;
   };
-  const std::uint64_t blockBytes =
-      std::clamp(kAllBlocks / data.groups.size(), kSmallestBlock, kBlockBytes);
+  WorkSizes sizes = sizes_;
+  sizes.block = std::min(std::max(kAllBlocks / data.groups.size(), kSmallestBlock), sizes_.block);
   std::vector<Part> parts;
   for (const std::size_t groupNumber : data.groups) {
     SourceGroup& group = tree_->groups()[groupNumber];
@@ -295,10 +296,10 @@ bool Recovery::copyUnsorted(const SourceData& data, std::size_t number) {
     if (group.holdsValues() || size == 0 || size > kLargestRecord) continue;
     Part part;
     part.group = &group;
-    part.records = std::make_unique<DataWriter>(out_, block_type::kDT, size, blockBytes);
-    part.values = std::make_unique<RecordValues>(out_, group);
+    part.records = std::make_unique<DataWriter>(out_, block_type::kDT, size, sizes);
+    part.values = std::make_unique<RecordValues>(out_, group, sizes_);
     keepChecksums(*part.records, *part.values);
-    part.split = std::make_unique<SplitGroup>(group, *part.records, *part.values, byOrder);
+    part.split = std::make_unique<SplitGroup>(group, *part.records, *part.values, byOrder, sizes_);
     parts.push_back(std::move(part));
   }
   const auto addTo = [&](UnsortedRecords& sequence) {
@@ -335,7 +336,7 @@ bool Recovery::copyUnsorted(const SourceData& data, std::size_t number) {
                                    data.position, run.bytes));
     }
   } else {
-    UnsortedRecords sequence(in_, idSize);
+    UnsortedRecords sequence(in_, idSize, sizes_);
     addTo(sequence);
     if (!sequence.copy(run, report_, [this](std::uint64_t bytes) { advance(bytes); })) return false;
   }
@@ -351,7 +352,7 @@ std::uint8_t Recovery::recordIdSize(const SourceData& data, const DataRun& run,
   for (const std::uint8_t size :
        {data.recordIdSize, std::uint8_t{1}, std::uint8_t{2}, std::uint8_t{4}, std::uint8_t{8}}) {
     if (size != 1 && size != 2 && size != 4 && size != 8) continue;
-    UnsortedRecords sequence(in_, size);
+    UnsortedRecords sequence(in_, size, sizes_);
     addTo(sequence);
     if (!sequence.startsAsSequence(run)) continue;
     if (size != data.recordIdSize) {
@@ -403,9 +404,9 @@ bool Recovery::copyReductions(SourceGroup& group) {
     if (reduction.data != 0 && size != 0 && size <= kLargestRecord && used_.insert(number).second) {
       SourceGroup plain;  // its records are just bytes
       plain.record.cg_data_bytes = static_cast<std::uint32_t>(size);
-      RecordValues none(out_, plain);
-      DataWriter records(out_, block_type::kRD, size, kBlockBytes);
-      SortedRecords copy(in_, plain, none, records);
+      RecordValues none(out_, plain, sizes_);
+      DataWriter records(out_, block_type::kRD, size, sizes_);
+      SortedRecords copy(in_, plain, none, records, sizes_);
       if (!copy.copy(survey_->runs()[number], [this](std::uint64_t bytes) { advance(bytes); }) ||
           !records.finish()) {
         return false;
@@ -465,9 +466,9 @@ void Recovery::run(std::unique_ptr<SystemFile> input, std::unique_ptr<SystemFile
 }  // namespace
 
 RecoveryResult recoverBetween(std::unique_ptr<SystemFile> input, std::unique_ptr<SystemFile> output,
-                              const MdfRecoverOptions& options) {
+                              const MdfRecoverOptions& options, const WorkSizes& sizes) {
   RecoveryResult result;
-  Recovery recovery(options, result);
+  Recovery recovery(options, sizes, result);
   recovery.run(std::move(input), std::move(output));
   return result;
 }

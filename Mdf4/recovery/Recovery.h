@@ -6,6 +6,7 @@
 
 #include "Mdf4/format/System.h"
 #include "Mdf4/recovery/VerifyRecovery.h"
+#include "Mdf4/recovery/WorkSizes.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {
@@ -18,6 +19,6 @@ struct RecoveryResult {
 // Writes all of the result into `output`, an empty file, and closes it. May throw; the result is
 // then as unusable as after a failure.
 RecoveryResult recoverBetween(std::unique_ptr<SystemFile> input, std::unique_ptr<SystemFile> output,
-                              const MdfRecoverOptions& options);
+                              const MdfRecoverOptions& options, const WorkSizes& sizes = {});
 
 }  // namespace tolvex

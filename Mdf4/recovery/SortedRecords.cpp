@@ -12,12 +12,6 @@
 #include "Mdf4/recovery/RecoveryNotes.h"
 
 namespace tolvex {
-namespace {
-
-constexpr std::uint64_t kPiece = 256 << 10;  // bytes that are read at a time
-constexpr std::uint64_t kOne = 1;
-
-}  // namespace
 
 bool SortedRecords::copy(const DataRun& run, const Done& done) {
   const std::uint64_t counted = group_.record.cg_cycle_count;
@@ -51,7 +45,7 @@ bool SortedRecords::copyBlock(const ChainBlock& found, const Done& done) {
   }
   bool read = whole != 0 || block.bytes == 0;
   while (read && bytes.left() != 0 && !ended_) {
-    const std::uint64_t count = std::min(std::max(kPiece / size_, kOne) * size_, bytes.left());
+    const std::uint64_t count = std::min(pieceSize_, bytes.left());
     const bool plain = isPlainData(block.type) && !block.columns;
     const std::uint64_t position =
         plain ? block.position + kBlockHeaderSize + (whole - bytes.left()) : 0;

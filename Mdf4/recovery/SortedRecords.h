@@ -1,6 +1,7 @@
 // Takes over the records of a group that stand one behind the other.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <optional>
@@ -21,8 +22,14 @@ class SortedRecords {
  public:
   using Done = std::function<void(std::uint64_t bytes)>;
 
-  SortedRecords(DirectFile& in, SourceGroup& group, RecordValues& values, DataWriter& records)
-      : in_(in), group_(group), values_(values), records_(records), size_(group.recordSize()) {}
+  SortedRecords(DirectFile& in, SourceGroup& group, RecordValues& values, DataWriter& records,
+                const WorkSizes& sizes)
+      : in_(in),
+        group_(group),
+        values_(values),
+        records_(records),
+        size_(group.recordSize()),
+        pieceSize_(std::max(sizes.piece / size_, std::uint64_t{1}) * size_) {}
 
   // False when a write fails.
   bool copy(const DataRun& run, const Done& done);
@@ -47,6 +54,7 @@ class SortedRecords {
   RecordValues& values_;
   DataWriter& records_;
   const std::uint64_t size_;           // of a record
+  const std::uint64_t pieceSize_;      // bytes of whole records that are read at a time
   bool oneByOne_ = false;              // records are looked at, not just copied
   std::uint64_t offset_ = 0;           // in the sequence of all records, as far as it is known
   std::uint64_t skip_ = 0;             // bytes up to the next record

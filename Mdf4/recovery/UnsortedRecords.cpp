@@ -12,13 +12,10 @@ namespace tolvex {
 namespace {
 
 constexpr std::uint64_t kPrefix = sizeof(std::uint32_t);  // a value's length
-constexpr std::uint64_t kPiece = 256 << 10;               // bytes that are read at a time
-constexpr std::uint64_t kFarthest = 1 << 20;              // to look for records at a time
 constexpr std::uint64_t kLongestValue = 64 << 20;         // bytes; longer ones are none
-constexpr std::size_t kMostWaiting = 256;                 // records of a group
-constexpr std::size_t kMostRecent = 1024;                 // values of a channel
 constexpr std::size_t kMostChannels = 64;                 // with values, of a group
 constexpr std::size_t kPairsAtATime = 32 << 10;           // bytes
+constexpr std::uint64_t kSlack = sizeof(std::uint64_t);   // an id is loaded as 8 bytes
 constexpr int kSequence = 8;  // so many records in a row are no accident
 
 constexpr std::uint64_t bit(std::size_t channel) {
@@ -27,11 +24,13 @@ constexpr std::uint64_t bit(std::size_t channel) {
 
 }  // namespace
 
-SplitGroup::SplitGroup(SourceGroup& group, DataWriter& records, RecordValues& values, bool byOrder)
+SplitGroup::SplitGroup(SourceGroup& group, DataWriter& records, RecordValues& values, bool byOrder,
+                       const WorkSizes& sizes)
     : group_(group),
       records_(records),
       values_(values),
       byOrder_(byOrder),
+      sizes_(sizes),
       channels_(std::min(values.count(), kMostChannels)) {}
 
 bool SplitGroup::takeRecord(const std::uint8_t* bytes) {
@@ -69,7 +68,7 @@ bool SplitGroup::takeRecord(const std::uint8_t* bytes) {
   }
   if (record.channels == 0 && waiting_.empty()) return forward(record.record);
   waiting_.push_back(std::move(record));
-  if (waiting_.size() <= kMostWaiting) return true;
+  if (waiting_.size() <= sizes_.waiting) return true;
   // Their values do not come: nobody knows any more which value is next.
   for (Channel& channel : channels_) channel.inStep = false;
   return giveUpFirst();
@@ -149,7 +148,7 @@ bool SplitGroup::takeValue(std::size_t number, ByteSpan value) {
   channel.nextKey += step;
   const std::uint64_t offset = values_.data(number).add(value);
   channel.recent.push_back({key, offset});
-  if (channel.recent.size() > kMostRecent) channel.recent.pop_front();
+  if (channel.recent.size() > sizes_.recent) channel.recent.pop_front();
   for (Waiting& record : waiting_) {
     if ((record.channels & bit(number)) != 0 &&
         values_.offset(number, record.record.data()) == key) {
@@ -206,8 +205,12 @@ bool SplitGroup::giveUpFirst() {
   return forward(record.record) && forwardReady();
 }
 
-UnsortedRecords::UnsortedRecords(DirectFile& in, std::uint8_t recordIdSize)
-    : in_(in), idSize_(recordIdSize), idMask_(~std::uint64_t{0} >> (64 - 8 * recordIdSize)) {}
+UnsortedRecords::UnsortedRecords(DirectFile& in, std::uint8_t recordIdSize, const WorkSizes& sizes)
+    : in_(in),
+      idSize_(recordIdSize),
+      idMask_(~std::uint64_t{0} >> (64 - 8 * recordIdSize)),
+      sizes_(sizes),
+      window_(kSlack) {}
 
 void UnsortedRecords::addKind(std::uint64_t id, const Kind& kind) {
   const auto [entry, isNew] = kinds_.try_emplace(id, kind);
@@ -227,7 +230,6 @@ void UnsortedRecords::addValues(const SourceGroup& values, SplitGroup* group, st
 }
 
 const UnsortedRecords::Kind* UnsortedRecords::kindAt(std::uint64_t at) {
-  // The window has a few bytes more than are filled.
   const auto id = loadNumber<std::uint64_t>(window_.data() + at_ + at) & idMask_;
   if (id < usual_.size()) return usual_[id];
   const auto found = kinds_.find(id);
@@ -237,7 +239,7 @@ const UnsortedRecords::Kind* UnsortedRecords::kindAt(std::uint64_t at) {
 // Makes sure that the window has `bytes` behind at_, unless the part ends before.
 bool UnsortedRecords::fill(std::uint64_t bytes) {
   if (windowEnd_ - at_ >= bytes) return true;
-  if (at_ > kPiece) {
+  if (at_ > sizes_.piece) {
     std::memmove(window_.data(), window_.data() + at_, windowEnd_ - at_);
     windowEnd_ -= at_;
     at_ = 0;
@@ -247,8 +249,10 @@ bool UnsortedRecords::fill(std::uint64_t bytes) {
       nextBlock();
       continue;
     }
-    const std::uint64_t count = std::min(block_->left(), kPiece);
-    if (window_.size() < windowEnd_ + count) window_.resize(windowEnd_ + count + kPiece);
+    const std::uint64_t count = std::min(block_->left(), sizes_.piece);
+    if (window_.size() < windowEnd_ + count + kSlack) {
+      window_.resize(windowEnd_ + count + kSlack + sizes_.piece);
+    }
     if (!block_->read(count, window_.data() + windowEnd_)) {
       endPart();
       break;
@@ -341,7 +345,7 @@ bool UnsortedRecords::takePairs(std::uint64_t firstSize) {
 // The distance to the next sequence of records, from `from` on; that to the end of the part when
 // there is none, or as far as it makes sense to look at a time.
 std::uint64_t UnsortedRecords::findSequence(std::uint64_t from) {
-  while (from < kFarthest && fill(from + 1) && !isSequence(from)) ++from;
+  while (from < sizes_.farthest && fill(from + 1) && !isSequence(from)) ++from;
   return from;
 }
 

@@ -27,7 +27,8 @@ class SplitGroup {
  public:
   // With `byOrder` the offsets in the records are not to be trusted: the first record has the first
   // value, and so on.
-  SplitGroup(SourceGroup& group, DataWriter& records, RecordValues& values, bool byOrder);
+  SplitGroup(SourceGroup& group, DataWriter& records, RecordValues& values, bool byOrder,
+             const WorkSizes& sizes);
 
   SourceGroup& source() { return group_; }
   // The channel's values come as records.
@@ -81,6 +82,7 @@ class SplitGroup {
   DataWriter& records_;
   RecordValues& values_;
   const bool byOrder_;
+  const WorkSizes sizes_;
   std::vector<Channel> channels_;
   std::deque<Waiting> waiting_;
 };
@@ -90,7 +92,7 @@ class UnsortedRecords {
  public:
   using Done = std::function<void(std::uint64_t bytes)>;
 
-  UnsortedRecords(DirectFile& in, std::uint8_t recordIdSize);
+  UnsortedRecords(DirectFile& in, std::uint8_t recordIdSize, const WorkSizes& sizes);
 
   void addGroup(SplitGroup& group);
   // The group of the values that belong to the channel; without a group to none.
@@ -127,6 +129,7 @@ class UnsortedRecords {
   DirectFile& in_;
   const std::uint8_t idSize_;
   const std::uint64_t idMask_;
+  const WorkSizes sizes_;
   std::unordered_map<std::uint64_t, Kind> kinds_;  // by record id
   std::array<const Kind*, 256> usual_ = {};        // those of the smallest ids
   std::vector<SplitGroup*> groups_;

@@ -9,12 +9,12 @@
 namespace tolvex {
 namespace {
 
-constexpr std::uint64_t kBlockBytes = 256 << 10;
 constexpr std::uint64_t kPrefix = sizeof(std::uint32_t);
 
 }  // namespace
 
-ValueData::ValueData(DirectFile& out) : writer_(out, block_type::kSD, 1, kBlockBytes) {}
+ValueData::ValueData(DirectFile& out, const WorkSizes& sizes)
+    : pieceSize_(sizes.piece), writer_(out, block_type::kSD, 1, sizes) {}
 
 bool ValueData::copy(DirectFile& in, const DataRun& run) {
   DataSequence blocks(in, run);
@@ -25,7 +25,7 @@ bool ValueData::copy(DirectFile& in, const DataRun& run) {
     if (block.kind == ChainBlock::Data) {
       BlockBytes bytes(in, block);
       while (bytes.left() != 0) {
-        const std::uint64_t count = std::min(bytes.left(), kBlockBytes);
+        const std::uint64_t count = std::min(bytes.left(), pieceSize_);
         std::uint8_t* const place = writer_.room(count);
         if (place == nullptr) return false;
         if (!bytes.read(count, place)) break;

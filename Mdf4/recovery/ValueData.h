@@ -15,7 +15,7 @@ namespace tolvex {
 // over with the blocks that they lie in, or one by one. Borrows the files.
 class ValueData {
  public:
-  explicit ValueData(DirectFile& out);
+  ValueData(DirectFile& out, const WorkSizes& sizes);
 
   // Copies all blocks of the input's signal data. False when a write fails.
   bool copy(DirectFile& in, const DataRun& run);
@@ -39,6 +39,7 @@ class ValueData {
     std::uint64_t before;  // bytes lost up to `end`
   };
 
+  const std::uint64_t pieceSize_;
   DataWriter writer_;
   std::vector<Lost> lost_;  // in ascending order
   std::uint64_t lostBytes_ = 0;
