@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <type_traits>
 #include <utility>
 
 #include "Mdf4/can/DataFramePacking.h"
@@ -19,6 +20,16 @@ std::uint32_t mostPending() {
   return recorderSettings.maxPendingTasks.load(std::memory_order_relaxed);
 }
 
+// What a call gives in a child process.
+template <class Result>
+Result refusal() {
+  if constexpr (std::is_same_v<Result, int>) {
+    return -1;
+  } else {
+    return Result();
+  }
+}
+
 }  // namespace
 
 std::uint8_t* MdfTasks::push(int groupIndex, std::uint32_t size) {
@@ -32,7 +43,11 @@ std::uint8_t* MdfTasks::push(int groupIndex, std::uint32_t size) {
 MdfAsyncRecorder::MdfAsyncRecorder(FileOpener open) : MdfRecorder(std::move(open)) {}
 
 MdfAsyncRecorder::~MdfAsyncRecorder() {
-  stop();
+  if (isParents()) {
+    abandon();
+  } else {
+    stop();
+  }
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -41,6 +56,7 @@ MdfAsyncRecorder::~MdfAsyncRecorder() {
 // Runs what touches groups or file, and lets those who queue see the outcome.
 template <class Work>
 auto MdfAsyncRecorder::onFile(Work work) {
+  if (isParents()) return refusal<decltype(work())>();
   const std::lock_guard lock(fileMutex_);
   struct Publishing {
     MdfAsyncRecorder& recorder;
@@ -63,6 +79,7 @@ void MdfAsyncRecorder::publish() {
 
 int MdfAsyncRecorder::startRecord(const std::string& path, std::uint64_t startTime) {
   printDiagnostic("[info] startRecord\n");
+  if (isParents()) return 1;
   if (onFile([&] { return isRecording(); })) {
     stopRecord(onFile([&] { return latestTime(); }));
   } else {
@@ -72,6 +89,7 @@ int MdfAsyncRecorder::startRecord(const std::string& path, std::uint64_t startTi
     if (MdfRecorder::startRecord(path, startTime) != 0) return 1;
     splitFailed_ = false;
     allow();
+    recording_ = true;
     const std::lock_guard lock(mutex_);
     queueing_ = {};
     queueing_.accepting = true;
@@ -80,8 +98,10 @@ int MdfAsyncRecorder::startRecord(const std::string& path, std::uint64_t startTi
 }
 
 void MdfAsyncRecorder::stopRecord(std::uint64_t stopTime) {
+  if (isParents()) return;
   finishQueue();
   onFile([&] { MdfRecorder::stopRecord(stopTime); });
+  recording_ = false;
   printDiagnostic("[info] stopRecord\n");
 }
 
@@ -130,12 +150,14 @@ void MdfAsyncRecorder::setMaxCanDataLength(int bytes) {
 }
 
 std::uint64_t MdfAsyncRecorder::lostRecords() const {
+  if (isParents()) return 0;
   const std::lock_guard fileLock(fileMutex_);
   const std::lock_guard lock(mutex_);
   return MdfRecorder::lostRecords() + queueing_.refused;
 }
 
 std::string MdfAsyncRecorder::firstError() const {
+  if (isParents()) return "the recording belongs to the parent process";
   const std::lock_guard lock(fileMutex_);
   return MdfRecorder::firstError();
 }
@@ -166,6 +188,7 @@ bool MdfAsyncRecorder::insertData(std::uint32_t groupIndex, std::uint32_t size,
 // Into the queue
 
 bool MdfAsyncRecorder::insertRecord(const RecordData& record, int groupIndex) {
+  if (isParents()) return false;
   std::unique_lock lock(mutex_);
   if (!queueing_.accepting || groupIndex < 0 ||
       static_cast<std::size_t>(groupIndex) >= queueing_.groupCount) {
@@ -178,6 +201,7 @@ bool MdfAsyncRecorder::insertRecord(const RecordData& record, int groupIndex) {
 }
 
 bool MdfAsyncRecorder::saveCanMessage(std::uint64_t timestamp, const MdfCanMessage& message) {
+  if (isParents()) return false;
   std::unique_lock lock(mutex_);
   if (queueing_.accepting && queueing_.busGroup < 0) {
     lock.unlock();

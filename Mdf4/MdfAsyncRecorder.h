@@ -51,6 +51,9 @@ class MdfTasks {
 // (which are written at once) or ask for counts; one thread at a time starts, stops and destroys.
 // A file that cannot be split goes on, and that is said once. Diagnostics of the worker come from
 // its thread; their handler must not call the recorder.
+//
+// In a child process (fork) a recording that the parent began has no worker: every call fails, and
+// only destroying has an effect, which leaves the parent's file alone.
 class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks> {
  public:
   explicit MdfAsyncRecorder(FileOpener open = openSystemFile);
@@ -79,6 +82,7 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
   std::string firstError() const override;
 
  private:
+  bool isParents() const { return recording_.load(std::memory_order_relaxed) && inherited(); }
   template <class Work>
   auto onFile(Work work);
   void finishQueue();
@@ -98,6 +102,7 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
   // inside it, and never by a caller who only queues.
   mutable std::mutex fileMutex_;
   bool splitFailed_ = false;  // it is not tried again; guarded by fileMutex_
+  std::atomic<bool> recording_ = false;  // from startRecord to stopRecord
 
   // Guarded by mutex_: what callers who queue need to know of the recording.
   struct Queueing {

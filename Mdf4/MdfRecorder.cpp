@@ -5,6 +5,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <string_view>
+#include <tuple>
 #include <utility>
 
 #include "Mdf4/can/BusLogLayout.h"
@@ -53,6 +54,8 @@ int MdfRecorder::startRecord(const std::string& path, std::uint64_t startTime) {
   const std::uint64_t earlierStart = std::exchange(startTime_, startTime);
   firstError_.clear();
   if (!openFile(path)) {
+    printDiagnostic("[fatal] %s, %d: startRecord failed!, %s\n", __FILE__, __LINE__,
+                    firstError_.c_str());
     startTime_ = earlierStart;
     return 1;
   }
@@ -113,6 +116,16 @@ void MdfRecorder::closeFile() {
   file_->Close();
   if (!file_->writeError().empty()) noteError(filePath_ + ": " + file_->writeError());
   file_ = nullptr;
+}
+
+void MdfRecorder::abandon() {
+  // Nothing of it can be destroyed.
+  using Left = std::tuple<decltype(file_), decltype(startTimeGroup_), decltype(stopTimeGroup_),
+                          decltype(groups_), decltype(busLogs_)>;
+  auto left = std::make_unique<Left>(std::move(file_), std::move(startTimeGroup_),
+                                     std::move(stopTimeGroup_), std::move(groups_),
+                                     std::move(busLogs_));
+  static_cast<void>(left.release());
 }
 
 void MdfRecorder::splitFile() {

@@ -90,6 +90,10 @@ class MdfRecorder {
     if (limit != 0 && file_ != nullptr && file_->end() > limit) splitFile();
   }
 
+  // For a child process: gives up groups and file as they are, in whatever state the threads of the
+  // parent left them.
+  void abandon();
+
   bool isRecording() const { return file_ != nullptr; }
   DataGroup* group(std::int64_t index) const {
     return index >= 0 && static_cast<std::uint64_t>(index) < groups_.size()

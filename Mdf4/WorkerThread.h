@@ -6,11 +6,37 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
 
+#include "Mdf4/format/System.h"
+
 namespace tolvex {
+
+// What a thread of the library's own waits at. In a child process (fork), which has no such thread,
+// destroying this would wait for ever, so it is given up there.
+template <class State>
+class ThreadState {
+ public:
+  ThreadState() = default;
+  ThreadState(const ThreadState&) = delete;
+  ThreadState& operator=(const ThreadState&) = delete;
+  ~ThreadState() {
+    if (inherited()) static_cast<void>(state_.release());
+  }
+
+  State* operator->() const { return state_.get(); }
+  // Whether this process is a child of the one that made it, or adopted it last.
+  bool inherited() const { return generation_ != processGeneration(); }
+  // For while no thread uses it.
+  void adopt() { generation_ = processGeneration(); }
+
+ private:
+  unsigned generation_ = processGeneration();
+  std::unique_ptr<State> state_ = std::make_unique<State>();
+};
 
 // Tasks wait in a `Batch`, a container with empty() and clear(), whose count the caller keeps:
 // under mutex_, push into queued_ and call queued(). One worker, started by the first task, takes
@@ -30,7 +56,7 @@ class WorkerThread {
  protected:
   // The thread's body: take batches until there are no more.
   virtual void doWork() = 0;
-  virtual void notify() { condition_.notify_all(); }
+  virtual void notify() { thread_->condition.notify_all(); }
 
   // Counts a task that the caller has just pushed, with mutex_ held in `lock`, starts the worker
   // when there is none, and releases the lock. Returns the tasks that are pending. Throws
@@ -39,7 +65,7 @@ class WorkerThread {
     const std::uint64_t pending = pending_.fetch_add(1, std::memory_order_relaxed) + 1;
     const bool wake = sleeping_ && (idle_ || pending >= kWakeAt);
     if (wake) sleeping_ = false;
-    if (!worker_.joinable()) worker_ = std::thread([this] { doWork(); });
+    if (!thread_->worker.joinable()) thread_->worker = std::thread([this] { doWork(); });
     lock.unlock();
     if (wake) notify();
     return pending;
@@ -56,11 +82,11 @@ class WorkerThread {
     const auto stopped = [this] { return stop_.load(std::memory_order_relaxed); };
     if (!stopped() && pending() < kWakeAt) {
       sleeping_ = true;
-      condition_.wait_for(lock, kNap, [&] { return stopped() || !sleeping_; });
+      thread_->condition.wait_for(lock, kNap, [&] { return stopped() || !sleeping_; });
     }
     if (queued_.empty()) {
       sleeping_ = idle_ = true;
-      condition_.wait(lock, [&] { return stopped() || !queued_.empty(); });
+      thread_->condition.wait(lock, [&] { return stopped() || !queued_.empty(); });
       idle_ = false;
     }
     sleeping_ = false;
@@ -69,7 +95,12 @@ class WorkerThread {
   }
 
   // For a new recording: no task is queued and no worker runs.
-  void allow() { stop_ = false; }
+  void allow() {
+    stop_ = false;
+    thread_.adopt();
+  }
+  // Whether the worker is a thread of the parent process. mutex_ may then be locked for ever.
+  bool inherited() const { return thread_.inherited(); }
   // Lets the worker finish what is queued and waits for its end. Tasks that no worker could be
   // started for stay queued.
   void stop() {
@@ -78,11 +109,11 @@ class WorkerThread {
       stop_ = true;
     }
     notify();
-    if (worker_.joinable()) worker_.join();
+    if (thread_->worker.joinable()) thread_->worker.join();
   }
   bool stopping() const { return stop_.load(std::memory_order_relaxed); }
 
-  // Guards queued_, sleeping_, idle_, worker_ until stop, and what derived classes add.
+  // Guards queued_, sleeping_, idle_, the worker until stop, and what derived classes add.
   mutable std::mutex mutex_;
   Batch queued_;
 
@@ -92,11 +123,15 @@ class WorkerThread {
   static constexpr std::uint64_t kWakeAt = 1024;
   static constexpr std::chrono::milliseconds kNap{1};
 
-  std::condition_variable condition_;
-  std::thread worker_;
+  struct Thread {
+    std::condition_variable condition;
+    std::thread worker;
+  };
+
+  ThreadState<Thread> thread_;
   std::atomic<bool> stop_ = false;
   std::atomic<std::uint64_t> pending_ = 0;
-  bool sleeping_ = false;  // the worker waits for condition_
+  bool sleeping_ = false;  // the worker waits for the condition
   bool idle_ = false;      // without an end to its nap
 };
 

@@ -1,15 +1,19 @@
 #include "Mdf4/format/System.h"
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <ctime>
 #include <limits>
+#include <mutex>
 #include <system_error>
 #include <utility>
 
@@ -19,14 +23,26 @@ namespace {
 constexpr std::size_t kPiecesPerCall = 128;
 constexpr std::uint64_t kMaxPosition = std::numeric_limits<off_t>::max();
 
+std::string textOf(int error) {
+  return std::generic_category().message(error);
+}
+
+class PosixFile;
+
+// Held while a process forks. None of these is ever destroyed: files may outlive all that is.
+constinit std::mutex lockedFilesMutex;
+constinit PosixFile* firstLocked = nullptr;  // guarded by lockedFilesMutex
+constinit std::atomic<unsigned> generation = 1;
+
 class PosixFile final : public SystemFile {
  public:
-  explicit PosixFile(int descriptor) : descriptor_(descriptor) {}
+  PosixFile() = default;
   PosixFile(const PosixFile&) = delete;
   PosixFile& operator=(const PosixFile&) = delete;
-  ~PosixFile() override {
-    if (descriptor_ >= 0) ::close(descriptor_);
-  }
+  ~PosixFile() override { PosixFile::close(); }
+
+  // Once. False when it cannot be opened; `error` says why.
+  bool open(const std::string& path, OpenMode mode, std::string& error);
 
   bool size(std::uint64_t& bytes) override {
     struct stat status = {};
@@ -56,13 +72,29 @@ class PosixFile final : public SystemFile {
   }
 
   bool close() override {
+    const bool locked = std::exchange(locked_, false);
+    if (locked) forget();
     const int descriptor = std::exchange(descriptor_, -1);
-    if (descriptor < 0 || ::close(descriptor) == 0) return true;
+    if (descriptor < 0) return true;
+    // A child of another thread may hold the file until its exec.
+    if (locked) ::flock(descriptor, LOCK_UN);
+    if (::close(descriptor) == 0) return true;
     error_ = errno;
     return false;
   }
 
-  std::string error() const override { return std::generic_category().message(error_); }
+  std::string error() const override {
+    return inherited_ ? "the file belongs to the parent process" : textOf(error_);
+  }
+
+  // In a child process, with lockedFilesMutex held. The locks stay with the parent.
+  static void closeInherited() {
+    for (PosixFile* file = std::exchange(firstLocked, nullptr); file != nullptr;
+         file = file->nextLocked_) {
+      ::close(std::exchange(file->descriptor_, -1));
+      file->inherited_ = true;
+    }
+  }
 
  private:
   // Calls `move` until all pieces are done, it moves nothing more or it fails. Returns the bytes
@@ -105,38 +137,86 @@ class PosixFile final : public SystemFile {
     return done;
   }
 
-  int descriptor_;
+  void remember() {
+    const std::lock_guard guard(lockedFilesMutex);
+    nextLocked_ = std::exchange(firstLocked, this);
+  }
+  void forget() const {
+    const std::lock_guard guard(lockedFilesMutex);
+    PosixFile** place = &firstLocked;
+    while (*place != nullptr && *place != this) place = &(*place)->nextLocked_;
+    if (*place != nullptr) *place = nextLocked_;
+  }
+
+  int descriptor_ = -1;
   int error_ = 0;  // of the last call that failed
+  bool locked_ = false;
+  bool inherited_ = false;           // by a child process
+  PosixFile* nextLocked_ = nullptr;  // guarded by lockedFilesMutex
 };
+
+bool watchForks() {
+  const auto lock = [] { lockedFilesMutex.lock(); };
+  const auto unlock = [] { lockedFilesMutex.unlock(); };
+  const auto leave = [] {
+    PosixFile::closeInherited();
+    generation.fetch_add(1, std::memory_order_relaxed);
+    lockedFilesMutex.unlock();
+  };
+  return ::pthread_atfork(lock, unlock, leave) == 0;
+}
+
+[[maybe_unused]] const bool watching = watchForks();
+
+bool PosixFile::open(const std::string& path, OpenMode mode, std::string& error) {
+  const bool creates = mode == OpenMode::Create || mode == OpenMode::Fill;
+  constexpr mode_t kPermissions = 0666;
+  const int flags = mode == OpenMode::Read ? O_RDONLY : O_RDWR;
+  // Where a file must be new or empty, a link that leads nowhere is not followed.
+  const int exclusive = mode == OpenMode::Fill ? O_EXCL : 0;
+  descriptor_ =
+      ::open(path.c_str(), flags | O_CLOEXEC | (creates ? O_CREAT : 0) | exclusive, kPermissions);
+  if (descriptor_ < 0 && exclusive != 0 && errno == EEXIST) {
+    descriptor_ = ::open(path.c_str(), flags | O_CLOEXEC);
+  }
+  if (descriptor_ < 0) {
+    error = textOf(errno);
+    return false;
+  }
+  // File systems without locks are written to without.
+  if (creates && ::flock(descriptor_, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+    error = "locked by another recorder or program";
+    return false;
+  }
+  locked_ = creates;
+  if (locked_) remember();
+  struct stat status = {};
+  if (::fstat(descriptor_, &status) != 0 || S_ISDIR(status.st_mode)) {
+    error = "is a directory";
+    return false;
+  }
+  if (mode == OpenMode::Fill && (!S_ISREG(status.st_mode) || status.st_size != 0)) {
+    error = "exists";
+    return false;
+  }
+  if (mode == OpenMode::Create && status.st_size != 0 && ::ftruncate(descriptor_, 0) != 0) {
+    error = textOf(errno);
+    return false;
+  }
+  return true;
+}
 
 }  // namespace
 
 std::unique_ptr<SystemFile> openSystemFile(const std::string& path, OpenMode mode,
                                            std::string& error) {
-  int flags = O_CLOEXEC;
-  switch (mode) {
-    case OpenMode::Read:
-      flags |= O_RDONLY;
-      break;
-    case OpenMode::Update:
-      flags |= O_RDWR;
-      break;
-    case OpenMode::Create:
-      flags |= O_RDWR | O_CREAT | O_TRUNC;
-      break;
-  }
-  const int descriptor = ::open(path.c_str(), flags, 0666);
-  if (descriptor < 0) {
-    error = std::generic_category().message(errno);
-    return nullptr;
-  }
-  auto file = std::make_unique<PosixFile>(descriptor);
-  struct stat status = {};
-  if (::fstat(descriptor, &status) != 0 || S_ISDIR(status.st_mode)) {
-    error = "is a directory";
-    return nullptr;
-  }
+  auto file = std::make_unique<PosixFile>();
+  if (!file->open(path, mode, error)) return nullptr;
   return file;
+}
+
+unsigned processGeneration() {
+  return generation.load(std::memory_order_relaxed);
 }
 
 std::uint64_t systemTicks() {

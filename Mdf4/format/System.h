@@ -15,10 +15,14 @@ enum class OpenMode : std::uint8_t {
   Read,    // an existing file, "rb"
   Update,  // an existing file for reading and writing, "r+b"
   Create,  // a new or emptied file for reading and writing, "wb"
+  Fill,    // as Create, but a file that exists must be empty
 };
 
 // An open file, addressed by position. An interface, so that a test can put a failing one below
 // DirectFile. Not synchronised.
+//
+// A file opened to be created is locked until it is closed: nobody else can create it meanwhile. It
+// belongs to the process that opened it. In a child (fork) it is closed, and every call fails.
 class SystemFile {
  public:
   virtual ~SystemFile() = default;
@@ -41,6 +45,9 @@ std::unique_ptr<SystemFile> openSystemFile(const std::string& path, OpenMode mod
 
 // The current time in 100-nanosecond ticks since 1970-01-01 00:00 UTC.
 std::uint64_t systemTicks();
+
+// Changes in a child process (fork), where none of the parent's other threads exists.
+unsigned processGeneration();
 
 // Milliseconds of a clock that nobody sets.
 std::uint64_t steadyMilliseconds();

@@ -48,7 +48,11 @@ TOLVEX_API void setDiagnosticHandler(void (*handler)(void* user, const char* tex
  *
  * createRecorder, startRecord, addDataGroup and addChannelToDG for signals, records and frames in
  * any order, stopRecord, deleteRecorder. Groups belong to the open file: they are added after
- * startRecord and gone after stopRecord. Only stopRecord completes a file. */
+ * startRecord and gone after stopRecord. Only stopRecord completes a file.
+ *
+ * A recording belongs to the process that started it. In a child process (fork) its file is closed,
+ * without an effect on the parent's: the child may delete the recorder, all other calls fail or do
+ * nothing that lasts. Recorders that are not recording, or new ones, are the child's to use. */
 
 /* A recorder that writes on the calling thread, or (`async`) queues records and frames for a thread
  * of its own: no call then waits for the disk, but for those that define groups and CAN errors. */
@@ -69,7 +73,8 @@ enum MdfRecorderParameter {
 TOLVEX_API int setParameter(void* recorder, int paramId, int dataSize, const void* data);
 TOLVEX_API void setStartTime(void* recorder, uint64_t startTime);
 /* Creates the file (an existing one is emptied) and starts recording; a recording under way is
- * finished first. A `startTime` of 0 means now. 1 when the file cannot be created. */
+ * finished first. A `startTime` of 0 means now. 1 when the file cannot be created, or is locked by
+ * another recorder, of this process or another, that is recording into it. */
 TOLVEX_API int startRecord(void* recorder, const char* path, uint64_t startTime);
 /* Writes what is queued, completes the file and closes it. */
 TOLVEX_API void stopRecord(void* recorder, uint64_t stopTime);
