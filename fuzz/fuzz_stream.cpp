@@ -25,7 +25,7 @@ class InputFile final : public SystemFile {
     bytes = bytes_.size() + missing_;
     return true;
   }
-  std::uint64_t read(std::uint64_t position, std::span<const WritableBytes> pieces) override {
+  ReadResult read(std::uint64_t position, std::span<const WritableBytes> pieces) override {
     std::uint64_t done = 0;
     for (const WritableBytes& piece : pieces) {
       if (position + done >= bytes_.size()) break;
@@ -35,7 +35,7 @@ class InputFile final : public SystemFile {
       done += count;
       if (count != piece.size()) break;
     }
-    return done;
+    return {done};
   }
   bool write(std::uint64_t /*position*/, std::span<const ByteSpan> /*pieces*/) override {
     return false;

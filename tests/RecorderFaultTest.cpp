@@ -339,7 +339,7 @@ class WatchedFile final : public SystemFile {
       : afterWrite_(std::move(afterWrite)) {}
 
   bool size(std::uint64_t& bytes) override { return memory_.size(bytes); }
-  std::uint64_t read(std::uint64_t position, std::span<const WritableBytes> pieces) override {
+  ReadResult read(std::uint64_t position, std::span<const WritableBytes> pieces) override {
     return memory_.read(position, pieces);
   }
   bool write(std::uint64_t position, std::span<const ByteSpan> pieces) override {

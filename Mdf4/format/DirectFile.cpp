@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "Mdf4/format/Diagnostics.h"
+#include "Mdf4/format/SectorReader.h"
 
 namespace tolvex {
 namespace {
@@ -18,6 +19,8 @@ std::uint64_t alignUp(std::uint64_t position) {
 
 }  // namespace
 
+DirectFile::DirectFile() = default;
+
 DirectFile::~DirectFile() {
   DirectFile::Close();
 }
@@ -25,6 +28,7 @@ DirectFile::~DirectFile() {
 bool DirectFile::Close() {
   const std::unique_ptr<SystemFile> file = std::move(file_);
   pages_.reset();
+  sectors_.reset();
   inflated_.clear();
   position_ = kNoPosition;
   end_ = 0;
@@ -49,20 +53,31 @@ bool DirectFile::attach(std::unique_ptr<SystemFile> file) {
   if (!file->size(size)) return false;
   file_ = std::move(file);
   writeError_.clear();
+  readError_.clear();
+  lastFailedRead_ = kNoPosition;
+  openedSize_ = size;
   position_ = size;
   end_ = size;
   return true;
 }
 
+void DirectFile::readBySectors() {
+  sectors_ = std::make_unique<SectorReader>();
+}
+
+ByteRange DirectFile::nextUnreadable(std::uint64_t from, std::uint64_t end) const {
+  return sectors_ == nullptr ? ByteRange{end, end} : sectors_->nextUnreadable(from, end);
+}
+
 bool DirectFile::ReadAt(std::uint64_t position, std::uint64_t length, void* buffer) {
   const WritableBytes bytes(static_cast<std::uint8_t*>(buffer), length);
-  std::uint64_t done = 0;
+  bool done = false;
   if (file_ != nullptr && holds(position, length)) {
     position_ = position;
     done = length < kPageSize ? readSmall(position, bytes)
-                              : file_->read(position, std::span(&bytes, 1));
+                              : read(position, std::span(&bytes, 1)) == length;
   }
-  if (file_ == nullptr || done != length || !holds(position, length)) {
+  if (!done) {
     printDiagnostic("DirectFile::ReadAt failed\n");
     return false;
   }
@@ -70,7 +85,48 @@ bool DirectFile::ReadAt(std::uint64_t position, std::uint64_t length, void* buff
   return true;
 }
 
-std::uint64_t DirectFile::readSmall(std::uint64_t position, WritableBytes bytes) {
+ReadResult DirectFile::readRaw(std::uint64_t position, std::span<const WritableBytes> pieces) {
+  return sectors_ == nullptr ? file_->read(position, pieces)
+                             : sectors_->read(*file_, position, pieces);
+}
+
+// Reads from the system. Returns the bytes read; fewer than asked for without a note at the end of
+// the file.
+std::uint64_t DirectFile::read(std::uint64_t position, std::span<const WritableBytes> pieces) {
+  const ReadResult result = readRaw(position, pieces);
+  std::uint64_t length = 0;
+  for (const WritableBytes& piece : pieces) length += piece.size();
+  if (result.error != 0) {
+    noteFailedRead(position + result.bytes, length - result.bytes, systemErrorText(result.error));
+  } else if (result.bytes < promised(position, length)) {
+    noteFailedRead(position + result.bytes, length - result.bytes,
+                   formatText("the file ends earlier than its size of %" PRIu64
+                              " bytes, when it was opened, promised",
+                              openedSize_));
+  }
+  return result.bytes;
+}
+
+// How many of the bytes the file had when it was opened.
+std::uint64_t DirectFile::promised(std::uint64_t position, std::uint64_t length) const {
+  return position < openedSize_ ? std::min(length, openedSize_ - position) : 0;
+}
+
+void DirectFile::noteFailedRead(std::uint64_t position, std::uint64_t length,
+                                const std::string& why) {
+  ++failedReads_;
+  if (std::exchange(lastFailedRead_, position) == position) return;  // another attempt
+  std::string text = formatText("reading %" PRIu64 " bytes at %" PRIu64 " failed: %s", length,
+                                position, why.c_str());
+  if (!readError_.empty()) {
+    report(std::move(text));
+    return;
+  }
+  readError_ = text;
+  problems_.push_back(std::move(text));  // however many there are already
+}
+
+bool DirectFile::readSmall(std::uint64_t position, WritableBytes bytes) {
   if (pages_ == nullptr) {
     pages_ = std::make_unique<Pages>();
     pages_->numbers.fill(kNoPosition);
@@ -80,24 +136,38 @@ std::uint64_t DirectFile::readSmall(std::uint64_t position, WritableBytes bytes)
     const std::uint64_t number = (position + done) / kPageSize;
     const std::uint64_t offset = (position + done) % kPageSize;
     const std::size_t slot = number % kPageCount;
-    if (pages_->numbers[slot] != number) {
-      const WritableBytes page = pages_->bytes[slot];
-      pages_->numbers[slot] = number;
-      pages_->filled[slot] =
-          static_cast<std::uint32_t>(file_->read(number * kPageSize, std::span(&page, 1)));
+    if (pages_->numbers[slot] != number && !loadPage(slot, number)) {
+      // What is wanted of the page may be sound all the same.
+      const WritableBytes part =
+          bytes.subspan(done, std::min(bytes.size() - done, kPageSize - offset));
+      if (read(position + done, std::span(&part, 1)) != part.size()) return false;
+      done += part.size();
+      continue;
     }
-    if (pages_->filled[slot] <= offset) break;
+    if (pages_->filled[slot] <= offset) return false;
     const std::uint64_t count = std::min(bytes.size() - done, pages_->filled[slot] - offset);
     std::copy_n(pages_->bytes[slot].data() + offset, count, bytes.data() + done);
     done += count;
   }
-  return done;
+  return true;
+}
+
+// A page is kept only when all of it could be read that the file has.
+bool DirectFile::loadPage(std::size_t slot, std::uint64_t number) {
+  const std::uint64_t start = number * kPageSize;
+  const WritableBytes page = pages_->bytes[slot];
+  if (!nextUnreadable(start, start + kPageSize).empty()) return false;
+  const ReadResult result = readRaw(start, std::span(&page, 1));
+  const bool whole = result.error == 0 && result.bytes >= promised(start, kPageSize);
+  pages_->numbers[slot] = whole ? number : kNoPosition;
+  pages_->filled[slot] = static_cast<std::uint32_t>(result.bytes);
+  return whole;
 }
 
 std::uint64_t DirectFile::readPieces(std::uint64_t position,
                                      std::span<const WritableBytes> pieces) {
   if (file_ == nullptr || position > end_) return 0;
-  const std::uint64_t done = file_->read(position, pieces);
+  const std::uint64_t done = read(position, pieces);
   position_ = position + done;
   return done;
 }

@@ -16,6 +16,15 @@
 namespace tolvex {
 
 struct InflatedBlock;
+class SectorReader;
+
+// Bytes of a file from `start` up to `end`.
+struct ByteRange {
+  std::uint64_t start = 0;
+  std::uint64_t end = 0;
+
+  bool empty() const { return start == end; }
+};
 
 // One open file. Small reads are served from a few pages that are kept, so that walking a tree of
 // blocks costs a system call per page, not per block.
@@ -27,7 +36,7 @@ class DirectFile {
  public:
   static constexpr std::uint64_t kNoPosition = ~std::uint64_t{0};
 
-  DirectFile() = default;
+  DirectFile();
   DirectFile(const DirectFile&) = delete;
   DirectFile& operator=(const DirectFile&) = delete;
   virtual ~DirectFile();
@@ -42,10 +51,23 @@ class DirectFile {
   const std::string& openError() const { return openError_; }
   // The first write, or the closing, that failed: what, where and why. "" when none did.
   const std::string& writeError() const { return writeError_; }
+  // The first read that the system refused, or for which the file had become too short: what, where
+  // and why. "" when none did. It is among the problems, too.
+  const std::string& readError() const { return readError_; }
+  // How many reads failed so: who sees it grow knows that bytes are unknown, not wrong, and that
+  // another attempt may get them.
+  std::uint64_t failedReads() const { return failedReads_; }
   // Notes what else keeps something from being written.
   void noteWriteError(const std::string& error) {
     if (writeError_.empty()) writeError_ = error;
   }
+
+  // For files on a damaged medium, before anything is read: what the system refuses is tried again,
+  // then sector by sector. A read whose bytes are not all there still fails.
+  void readBySectors();
+  // The first bytes between `from` and `end` that were found to be unreadable so; empty, at `end`,
+  // when there are none. What is unreadable stays so.
+  ByteRange nextUnreadable(std::uint64_t from, std::uint64_t end) const;
 
   // Reads exactly `length` bytes. A short read prints "DirectFile::ReadAt failed" and fails.
   bool ReadAt(std::uint64_t position, std::uint64_t length, void* buffer);
@@ -53,7 +75,8 @@ class DirectFile {
   bool WriteAt(std::uint64_t position, std::uint64_t length, const void* data);
   // The pieces back to back, in one call to the system.
   bool WriteAt(std::uint64_t position, std::span<const ByteSpan> pieces);
-  // Fills the pieces from consecutive bytes, as many as the file has. Returns the bytes read.
+  // Fills the pieces from consecutive bytes, as many as the file has and can be read. Returns the
+  // bytes read.
   std::uint64_t readPieces(std::uint64_t position, std::span<const WritableBytes> pieces);
 
   // The position of a new block of `size` bytes at the end of the allocated area, rounded up to a
@@ -93,15 +116,25 @@ class DirectFile {
     std::array<std::array<std::uint8_t, kPageSize>, kPageCount> bytes;
   };
 
-  std::uint64_t readSmall(std::uint64_t position, WritableBytes bytes);
+  bool readSmall(std::uint64_t position, WritableBytes bytes);
+  bool loadPage(std::size_t slot, std::uint64_t number);
+  ReadResult readRaw(std::uint64_t position, std::span<const WritableBytes> pieces);
+  std::uint64_t read(std::uint64_t position, std::span<const WritableBytes> pieces);
+  std::uint64_t promised(std::uint64_t position, std::uint64_t length) const;
+  void noteFailedRead(std::uint64_t position, std::uint64_t length, const std::string& why);
   void forgetPages(std::uint64_t position, std::uint64_t length);
 
   std::unique_ptr<SystemFile> file_;
+  std::unique_ptr<SectorReader> sectors_;  // null: the system's first word is taken
   std::unique_ptr<Pages> pages_;
   std::uint64_t position_ = kNoPosition;
   std::uint64_t end_ = 0;
+  std::uint64_t openedSize_ = 0;
   std::string openError_;
   std::string writeError_;
+  std::string readError_;
+  std::uint64_t failedReads_ = 0;
+  std::uint64_t lastFailedRead_ = kNoPosition;
   std::vector<std::string> problems_;
   std::map<std::uint64_t, std::weak_ptr<InflatedBlock>> inflated_;
   std::uint64_t loadBudget_ = kNoPosition;  // bytes that may still be loaded; kNoPosition: any

@@ -46,7 +46,7 @@ bool MDF4File::readIdentification() {
     return false;
   }
   if (!ReadAt(0, kIdBlockSize, &id_)) {
-    error_ = "identification at 0: cannot be read";
+    error_ = "identification at 0: " + readError();
     return false;
   }
   const std::string_view fileId(id_.id_file, sizeof id_.id_file);
@@ -74,8 +74,11 @@ bool MDF4File::readIdentification() {
 bool MDF4File::readHeader() {
   BlockHeader header;
   if (!ReadAt(kHeaderBlockPosition, kBlockHeaderSize, &header)) {
-    error_ = formatText("header block at %" PRIu64 ": the file ends at %" PRIu64,
-                        kHeaderBlockPosition, end());
+    error_ = readError().empty()
+                 ? formatText("header block at %" PRIu64 ": the file ends at %" PRIu64,
+                              kHeaderBlockPosition, end())
+                 : formatText("header block at %" PRIu64 ": %s", kHeaderBlockPosition,
+                              readError().c_str());
     return false;
   }
   if (header.marker != kBlockMarker || header.type != block_type::kHD) {

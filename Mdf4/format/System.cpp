@@ -23,10 +23,6 @@ namespace {
 constexpr std::size_t kPiecesPerCall = 128;
 constexpr std::uint64_t kMaxPosition = std::numeric_limits<off_t>::max();
 
-std::string textOf(int error) {
-  return std::generic_category().message(error);
-}
-
 class PosixFile;
 
 // Held while a process forks. None of these is ever destroyed: files may outlive all that is.
@@ -51,7 +47,7 @@ class PosixFile final : public SystemFile {
     return true;
   }
 
-  std::uint64_t read(std::uint64_t position, std::span<const WritableBytes> pieces) override {
+  ReadResult read(std::uint64_t position, std::span<const WritableBytes> pieces) override {
     return transfer(position, pieces, [this](const iovec* part, int count, off_t at) {
       return ::preadv(descriptor_, part, count, at);
     });
@@ -60,14 +56,13 @@ class PosixFile final : public SystemFile {
   bool write(std::uint64_t position, std::span<const ByteSpan> pieces) override {
     std::uint64_t wanted = 0;
     for (const ByteSpan& piece : pieces) wanted += piece.size();
-    errno = 0;
-    const std::uint64_t done =
+    const ReadResult result =
         transfer(position, pieces, [this](const iovec* part, int count, off_t at) {
           return count == 1 ? ::pwrite(descriptor_, part->iov_base, part->iov_len, at)
                             : ::pwritev(descriptor_, part, count, at);
         });
-    if (done == wanted) return true;
-    error_ = errno != 0 ? errno : EIO;
+    if (result.bytes == wanted) return true;
+    error_ = result.error != 0 ? result.error : EIO;
     return false;
   }
 
@@ -84,7 +79,7 @@ class PosixFile final : public SystemFile {
   }
 
   std::string error() const override {
-    return inherited_ ? "the file belongs to the parent process" : textOf(error_);
+    return inherited_ ? "the file belongs to the parent process" : systemErrorText(error_);
   }
 
   // In a child process, with lockedFilesMutex held. The locks stay with the parent.
@@ -97,10 +92,9 @@ class PosixFile final : public SystemFile {
   }
 
  private:
-  // Calls `move` until all pieces are done, it moves nothing more or it fails. Returns the bytes
-  // moved.
+  // Calls `move` until all pieces are done, it moves nothing more or it fails.
   template <class Piece, class Move>
-  static std::uint64_t transfer(std::uint64_t position, std::span<const Piece> pieces, Move move) {
+  static ReadResult transfer(std::uint64_t position, std::span<const Piece> pieces, Move move) {
     std::uint64_t done = 0;
     std::size_t first = 0;        // the first piece that is not complete
     std::size_t firstOffset = 0;  // bytes of it that are
@@ -110,7 +104,7 @@ class PosixFile final : public SystemFile {
         firstOffset = 0;
         continue;
       }
-      if (position > kMaxPosition - done) return done;
+      if (position > kMaxPosition - done) return {done, EOVERFLOW};
       std::array<iovec, kPiecesPerCall> parts;
       const std::size_t count = std::min(parts.size(), pieces.size() - first);
       for (std::size_t i = 0; i < count; ++i) {
@@ -122,7 +116,7 @@ class PosixFile final : public SystemFile {
       const ssize_t moved =
           move(parts.data(), static_cast<int>(count), static_cast<off_t>(position + done));
       if (moved < 0 && errno == EINTR) continue;
-      if (moved <= 0) return done;
+      if (moved <= 0) return {done, moved < 0 ? errno : 0};
       done += static_cast<std::uint64_t>(moved);
       for (auto left = static_cast<std::size_t>(moved); left > 0;) {
         const std::size_t step = std::min(left, pieces[first].size() - firstOffset);
@@ -134,7 +128,7 @@ class PosixFile final : public SystemFile {
         }
       }
     }
-    return done;
+    return {done, 0};
   }
 
   void remember() {
@@ -180,7 +174,7 @@ bool PosixFile::open(const std::string& path, OpenMode mode, std::string& error)
     descriptor_ = ::open(path.c_str(), flags | O_CLOEXEC);
   }
   if (descriptor_ < 0) {
-    error = textOf(errno);
+    error = systemErrorText(errno);
     return false;
   }
   // File systems without locks are written to without.
@@ -200,7 +194,7 @@ bool PosixFile::open(const std::string& path, OpenMode mode, std::string& error)
     return false;
   }
   if (mode == OpenMode::Create && status.st_size != 0 && ::ftruncate(descriptor_, 0) != 0) {
-    error = textOf(errno);
+    error = systemErrorText(errno);
     return false;
   }
   return true;
@@ -217,6 +211,10 @@ std::unique_ptr<SystemFile> openSystemFile(const std::string& path, OpenMode mod
 
 unsigned processGeneration() {
   return generation.load(std::memory_order_relaxed);
+}
+
+std::string systemErrorText(int error) {
+  return std::generic_category().message(error);
 }
 
 std::uint64_t systemTicks() {

@@ -18,6 +18,12 @@ enum class OpenMode : std::uint8_t {
   Fill,    // as Create, but a file that exists must be empty
 };
 
+// How far a read got. Fewer bytes than asked for with an error of 0: the file ends there.
+struct ReadResult {
+  std::uint64_t bytes = 0;
+  int error = 0;  // of the system, which refused to read on (errno); 0: none
+};
+
 // An open file, addressed by position. An interface, so that a test can put a failing one below
 // DirectFile. Not synchronised.
 //
@@ -28,9 +34,8 @@ class SystemFile {
   virtual ~SystemFile() = default;
 
   virtual bool size(std::uint64_t& bytes) = 0;
-  // Fills the pieces in order from `position` on. Returns the bytes read: fewer than asked at the
-  // end of the file or on failure.
-  virtual std::uint64_t read(std::uint64_t position, std::span<const WritableBytes> pieces) = 0;
+  // Fills the pieces in order from `position` on, up to the end of the file.
+  virtual ReadResult read(std::uint64_t position, std::span<const WritableBytes> pieces) = 0;
   // Writes the pieces in order from `position` on. False unless every byte was taken.
   virtual bool write(std::uint64_t position, std::span<const ByteSpan> pieces) = 0;
   // Closes the file; false when the system reports that something was not written.
@@ -42,6 +47,9 @@ class SystemFile {
 // Opens a file, or null; `error` then says why in the system's words.
 std::unique_ptr<SystemFile> openSystemFile(const std::string& path, OpenMode mode,
                                            std::string& error);
+
+// What an error number means, in the system's words.
+std::string systemErrorText(int error);
 
 // The current time in 100-nanosecond ticks since 1970-01-01 00:00 UTC.
 std::uint64_t systemTicks();

@@ -100,10 +100,20 @@ void m4DataStream::setWindow(const std::uint8_t* bytes, std::uint64_t start, std
 }
 
 ByteSpan m4DataStream::nextSlowly(std::uint64_t length) {
-  if (merges()) {
-    if (!scratch_.reserve(length)) return {};
-    return {scratch_.data(), Read(length, scratch_.data(), 1)};
-  }
+  const std::uint64_t start = at_;
+  const std::uint64_t failed = file_->failedReads();
+  const ByteSpan bytes = merges() ? nextMerged(length) : nextPlain(length);
+  if (bytes.size() == length || file_->failedReads() == failed) return bytes;
+  at_ = start;  // another attempt may get them all
+  return {};
+}
+
+ByteSpan m4DataStream::nextMerged(std::uint64_t length) {
+  if (!scratch_.reserve(length)) return {};
+  return {scratch_.data(), Read(length, scratch_.data(), 1)};
+}
+
+ByteSpan m4DataStream::nextPlain(std::uint64_t length) {
   const std::uint64_t wanted = std::min(length, limit_ - at_);
   if (wanted == 0) {
     releaseBuffers();
@@ -119,7 +129,7 @@ ByteSpan m4DataStream::nextSlowly(std::uint64_t length) {
     refill(wanted);
   }
   if (at_ < windowStart_ || at_ > windowEnd_ || wanted > windowEnd_ - at_) {
-    // The bytes lie in blocks of different kinds, or the file ends among them.
+    // The bytes lie in blocks of different kinds, the file ends among them or a read failed.
     if (!scratch_.reserve(std::min(wanted, presentSize()))) return {};
     return {scratch_.data(), assemble(std::min(wanted, presentSize()), scratch_.data())};
   }
@@ -151,7 +161,7 @@ std::uint64_t m4DataStream::Read(std::uint64_t length, std::uint8_t* buffer,
       return length;
     }
     if (!merges()) {
-      const ByteSpan bytes = nextSlowly(length);
+      const ByteSpan bytes = nextPlain(length);
       std::copy(bytes.begin(), bytes.end(), buffer);
       return bytes.size();
     }
@@ -291,8 +301,9 @@ bool m4DataStream::inflate(std::size_t index) {
     } else {
       block = std::make_shared<InflatedBlock>();
     }
+    const std::uint64_t failed = file_->failedReads();
     if (!inflateBlock(segment, block->bytes)) {
-      segment.damaged = true;
+      segment.damaged = file_->failedReads() == failed;
       return false;
     }
     block->position = segment.position;

@@ -54,7 +54,8 @@ class m4DataStream {
   // a cut file no longer holds of a block's share is not delivered in part.
   std::uint64_t Read(std::uint64_t length, std::uint8_t* buffer, std::uint32_t records = 0);
   // The next `length` bytes, or the next record when merging, without copying where possible; fewer
-  // as for Read. The view lasts until the stream is used again.
+  // as for Read, but none when the system fails to read them: then another call tries again. The
+  // view lasts until the stream is used again.
   ByteSpan next(std::uint64_t length) {
     if (at_ >= windowStart_ && at_ <= windowEnd_ && length <= windowEnd_ - at_ && !merges()) {
       const std::uint8_t* const bytes = window_ + (at_ - windowStart_);
@@ -122,6 +123,8 @@ class m4DataStream {
   std::uint64_t offsetInSegment() const;
   std::size_t segmentAt(std::uint64_t offset);
   ByteSpan nextSlowly(std::uint64_t length);
+  ByteSpan nextMerged(std::uint64_t length);
+  ByteSpan nextPlain(std::uint64_t length);
   void refill(std::uint64_t wanted);
   void setWindow(const std::uint8_t* bytes, std::uint64_t start, std::uint64_t length);
   std::uint64_t assemble(std::uint64_t length, std::uint8_t* buffer);

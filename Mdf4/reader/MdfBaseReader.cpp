@@ -331,7 +331,8 @@ std::string MdfBaseReader::getCNName(int dg, int cg, int cn) {
 }
 
 std::string MdfBaseReader::getLastError() const {
-  return filePath_.empty() ? "the path is empty" : state_->file.error();
+  if (filePath_.empty()) return "the path is empty";
+  return state_->file.error().empty() ? state_->file.readError() : state_->file.error();
 }
 
 std::vector<std::string> MdfBaseReader::getProblems() const {

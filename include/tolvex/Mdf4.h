@@ -476,9 +476,12 @@ class TOLVEX_EXPORT MdfBaseReader {
   std::string getCGName(int dg, int cg);
   std::string getCNName(int dg, int cg, int cn);
 
-  // Why the last open failed: what, where in the file, expected and found. "" after a success.
+  // Why the last open failed: what, where in the file, expected and found. After a success the
+  // first read since that failed, in the system's words; "" when none did.
   std::string getLastError() const;
-  // The damage met so far while opening and reading, a text each; the first 100 are kept.
+  // The damage met so far while opening and reading, a text each; the first 100 are kept. A read
+  // that the system refuses is among them, with its position: data end there as at damage, but
+  // another attempt to read them may succeed.
   std::vector<std::string> getProblems() const;
   // Both are filled by a successful open. getGroupInfo gives false when there is no such group
   // and, unlike the counts, adds nothing.

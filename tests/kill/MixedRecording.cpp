@@ -27,7 +27,7 @@ class ObservedFile final : public SystemFile {
       : inner_(std::move(inner)), number_(number), onWrite_(std::move(onWrite)) {}
 
   bool size(std::uint64_t& bytes) override { return inner_->size(bytes); }
-  std::uint64_t read(std::uint64_t position, std::span<const WritableBytes> pieces) override {
+  ReadResult read(std::uint64_t position, std::span<const WritableBytes> pieces) override {
     return inner_->read(position, pieces);
   }
   bool write(std::uint64_t position, std::span<const ByteSpan> pieces) override {

@@ -58,7 +58,7 @@ class FailingDisk {
     }
 
     bool size(std::uint64_t& bytes) override { return memory_.size(bytes); }
-    std::uint64_t read(std::uint64_t position, std::span<const WritableBytes> pieces) override {
+    ReadResult read(std::uint64_t position, std::span<const WritableBytes> pieces) override {
       return memory_.read(position, pieces);
     }
     bool write(std::uint64_t position, std::span<const ByteSpan> pieces) override {

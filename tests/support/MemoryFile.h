@@ -25,7 +25,7 @@ class MemoryFile final : public SystemFile {
     return true;
   }
 
-  std::uint64_t read(std::uint64_t position, std::span<const WritableBytes> pieces) override {
+  ReadResult read(std::uint64_t position, std::span<const WritableBytes> pieces) override {
     std::uint64_t done = 0;
     for (const WritableBytes& piece : pieces) {
       const std::uint64_t at = std::min<std::uint64_t>(position + done, bytes_.size());
@@ -34,7 +34,7 @@ class MemoryFile final : public SystemFile {
       done += count;
       if (count < piece.size()) break;
     }
-    return done;
+    return {done};
   }
 
   bool write(std::uint64_t position, std::span<const ByteSpan> pieces) override {
