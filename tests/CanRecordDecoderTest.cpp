@@ -54,6 +54,7 @@ struct Fields {
   bool extended = false, isFd = false;
   std::uint64_t dataLength = 0, errorFlags = 0, brs = 0, crcDel = 0, crc = 0, btr = 0;
   std::uint64_t tec = 0, trec = 0;
+  bool missing = false;  // the payload
 
   bool operator==(const Fields&) const = default;
 };
@@ -62,7 +63,7 @@ void PrintTo(const Fields& f, std::ostream* out) {
   for (const std::uint64_t number : {std::uint64_t{f.isError}, f.channel, f.id, f.dlc, f.flags}) {
     *out << number << ' ';
   }
-  *out << testing::PrintToString(f.payload);
+  *out << testing::PrintToString(f.payload) << (f.missing ? " is missing" : "");
 }
 
 constexpr std::pair<CanField, std::uint64_t> kFlags[] = {
@@ -76,10 +77,12 @@ Fields decode(const Layout& layout, bool payloadByDlc, const Bytes& record,
   if (const auto* error = std::get_if<1>(&frame)) {
     const MdfCanError& e = **error;
     EXPECT_EQ(e.Timestamp(), 17U);
-    return {true,           e.BusChannel(), e.MessageId(),     e.Dlc(),
-            e.Dir(),        e.DataBytes(),  e.ExtendedId(),    e.IsCanFdError(),
-            e.DataLength(), e.ErrorFlags(), e.TimeOffsetBRS(), e.TimeOffsetCRCDel(),
-            e.Crc(),        e.BtrExtCfg(),  e.Tec(),           e.Trec()};
+    return {true,           e.BusChannel(),    e.MessageId(),
+            e.Dlc(),        e.Dir(),           e.DataBytes(),
+            e.ExtendedId(), e.IsCanFdError(),  e.DataLength(),
+            e.ErrorFlags(), e.TimeOffsetBRS(), e.TimeOffsetCRCDel(),
+            e.Crc(),        e.BtrExtCfg(),     e.Tec(),
+            e.Trec(),       e.PayloadMissing()};
   }
   const MdfCanMessage& m = *std::get<0>(frame);
   EXPECT_EQ(m.Timestamp(), 17U);
@@ -87,6 +90,7 @@ Fields decode(const Layout& layout, bool payloadByDlc, const Bytes& record,
   const bool flags[] = {m.Dir(), m.Edl(), m.Brs(), m.Esi(), m.WakeUp(), m.SingleWire(), m.Rtr()};
   Fields f{false, m.BusChannel(), m.MessageId(), m.Dlc(), m.Srr() ? 2U : 0U, m.DataBytes()};
   for (std::size_t i = 0; i < std::size(flags); ++i) f.flags |= flags[i] ? kFlags[i].second : 0;
+  f.missing = m.PayloadMissing();
   return f;
 }
 
@@ -107,6 +111,7 @@ Fields model(const Layout& layout, bool payloadByDlc, const Bytes& record,
   for (const CanFieldSlot& slot : layout) f.isError |= slot.kind == kError;
   std::size_t limit = ~std::size_t{0};
   std::optional<std::uint64_t> code;
+  std::optional<bool> missing;
   const CanFieldSlot* fd = nullptr;
   for (const CanFieldSlot& slot : layout) {
     if (slot.kind == kData && slot.field == CanField::EDL) fd = &slot;
@@ -136,15 +141,20 @@ Fields model(const Layout& layout, bool payloadByDlc, const Bytes& record,
       if (!f.isError && byte <= 15) f.payload.resize(slot.kind == kRemote ? 0 : length);
     } else if (field == CanField::DataBytes) {
       Bytes bytes;
+      bool isWhole = true;
       if (slot.variableLength) {
-        if (payloads == nullptr || !payloads->read(value, bytes)) continue;
-        if (f.isError && bytes.size() > 64) continue;
+        isWhole = payloads != nullptr && payloads->read(value, bytes) &&
+                  (!f.isError || bytes.size() <= 64);
       } else {
         for (std::uint64_t i = 0; i < slot.bitCount / 8; ++i) {
           if (slot.byteOffset + i >= record.size()) break;
           bytes.push_back(record[slot.byteOffset + i]);
         }
+        isWhole = bytes.size() >= std::min<std::size_t>(slot.bitCount / 8, limit) &&
+                  (f.isError || slot.bitCount / 8 > 0 || !code);
       }
+      missing = !isWhole && limit > 0;
+      if (slot.variableLength ? !isWhole : *missing && !f.isError && code) continue;
       bytes.resize(std::min(bytes.size(), limit));
       MdfCanMessage message;
       message.DataBytes(bytes);
@@ -172,6 +182,9 @@ Fields model(const Layout& layout, bool payloadByDlc, const Bytes& record,
     }
     if (slot.kind == kRemote) f.flags |= 0x80;
   }
+  const bool isRemote = (f.flags & 0x84) == 0x80;
+  f.missing =
+      f.isError ? missing.value_or(false) : !isRemote && missing.value_or(f.payload.size() > 0);
   if (!f.isError && code && !isFd && (f.flags & 0x80) != 0) {
     f.dlc = *code;
     f.payload.clear();

@@ -84,7 +84,7 @@ TEST(LoggerRules, FieldsWithoutBitsAreConstants) {
       {"IDE", {1, 0}, 0x7F, "0 can0 7fx [0]", "0 can0 7f [0]"},
       {"IDE", {0, 0}, 0x800, "0 can0 800 [0]", "0 can0 800 [0]"},
       {"ID", {0x1ABCDEF, 0}, 0, "0 can0 1abcdefx [0]", "0 can0 0 [0]"},
-      {"DLC", {3, 0}, 1, "0 can0 1 [3]", "0 can0 1 [0]"},
+      {"DLC", {3, 0}, 1, "0 can0 1 [3]", "0 can0 1 [0]", 1},  // no payload to go with it
       {"Dir", {1, 0}, 1, "0 can0 1 [0] dir", "0 can0 1 [0]"},
       {"SRR", {0, 0}, 1, "0 can0 1 [0]", "0 can0 1 [0]"},
       // Nothing that the field could hold: as if the channel were not there.

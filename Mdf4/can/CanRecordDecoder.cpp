@@ -202,6 +202,10 @@ ByteSpan CanRecordDecoder::Step::inRecord(ByteSpan record) const {
   return firstBytes(record.subspan(offset), size);
 }
 
+bool CanRecordDecoder::Step::isInside(ByteSpan record, std::uint32_t limit) const {
+  return inRecord(record).size() >= std::min<std::uint64_t>(size, limit);
+}
+
 bool CanRecordDecoder::Step::fetch(ByteSpan record, PayloadSource* payloads,
                                    std::vector<std::uint8_t>& out) const {
   std::vector<std::uint8_t> value;
@@ -260,6 +264,7 @@ void CanRecordDecoder::decodePayload(ByteSpan record, PayloadSource* payloads,
   // With payloadByDlc: the code that the record states, for classic frames whose payload cannot
   // tell it: remote ones, which have none, and those of 8 bytes with a code above 8.
   std::optional<std::uint8_t> ownCode;
+  std::optional<bool> isMissing;  // the payload; nothing when the layout has none
   for (const Step& step : steps_) {
     if (step.field == CanField::DLC) {
       const auto dlc = static_cast<std::uint8_t>(step.number.read(record));
@@ -272,11 +277,15 @@ void CanRecordDecoder::decodePayload(ByteSpan record, PayloadSource* payloads,
       }
     } else {
       if (!step.variableLength) {
+        isMissing =
+            !step.isInside(record, limit) || (step.size == 0 && limit != 0 && limit != kNoLimit);
+        if (*isMissing && limit != kNoLimit) continue;
         bytes = step.inRecord(record);
-      } else if (step.fetch(record, payloads, payload)) {
-        bytes = payload;
       } else {
-        continue;
+        const bool isFetched = step.fetch(record, payloads, payload);
+        isMissing = !isFetched && limit > 0;
+        if (!isFetched) continue;
+        bytes = payload;
       }
       bytes = firstBytes(bytes, limit);
       message.dlc_ = lengthToDlc(bytes.size());
@@ -297,6 +306,8 @@ void CanRecordDecoder::decodePayload(ByteSpan record, PayloadSource* payloads,
     if (payload.capacity() > kMaxPayload) payload.shrink_to_fit();
   }
   if (payload.size() < length) payload.resize(length, message.fillByte_);
+  const bool isRemote = message.Rtr() && !message.Edl();
+  message.payloadMissing_ = !isRemote && isMissing.value_or(length > 0);
 }
 
 void CanRecordDecoder::decodeError(ByteSpan record, PayloadSource* payloads,
@@ -315,8 +326,11 @@ void CanRecordDecoder::decodeError(ByteSpan record, PayloadSource* payloads,
         if (!step.variableLength) {
           const ByteSpan bytes = firstBytes(step.inRecord(record), limit);
           payload.assign(bytes.begin(), bytes.end());
-        } else if (step.fetch(record, payloads, payload) && payload.size() > limit) {
-          payload.resize(limit);
+          error.payloadMissing_ = !step.isInside(record, limit);
+        } else {
+          const bool isFetched = step.fetch(record, payloads, payload);
+          error.payloadMissing_ = !isFetched && limit > 0;
+          if (isFetched && payload.size() > limit) payload.resize(limit);
         }
         break;
       case CanField::DataLength:

@@ -40,7 +40,7 @@ class CanRecordDecoder {
   // The frame in `record`, whose bits beyond its end count as 0: an MdfCanError when the layout has
   // a slot of an error frame, else an MdfCanMessage. `payloads` may be null, where there are none
   // outside the records; a payload that cannot be read leaves the frame as its other fields made
-  // it.
+  // it, and PayloadMissing() says so.
   MdfFrame decode(ByteSpan record, std::uint64_t timestampNs, std::uint64_t dataIndex,
                   PayloadSource* payloads) const;
 
@@ -78,8 +78,10 @@ class CanRecordDecoder {
   // A slot whose effect depends on the record or on the slots before it.
   struct Step {
     explicit Step(const CanFieldSlot& slot);
-    // A payload's bytes in the record.
+    // A payload's bytes in the record, as far as they lie inside it.
     ByteSpan inRecord(ByteSpan record) const;
+    // Whether all of them do, or the first `limit`.
+    bool isInside(ByteSpan record, std::uint32_t limit) const;
     // Replaces `out` by a payload from outside the record; false when it cannot be read.
     bool fetch(ByteSpan record, PayloadSource* payloads, std::vector<std::uint8_t>& out) const;
 

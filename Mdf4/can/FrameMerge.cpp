@@ -18,6 +18,10 @@ std::shared_ptr<Frame> cloned(const std::shared_ptr<Frame>& frame) {
   return frame == nullptr ? nullptr : std::make_shared<Frame>(*frame);
 }
 
+bool isPayloadMissing(const MdfFrame& frame) {
+  return std::visit([](const auto& pointer) { return pointer->PayloadMissing(); }, frame);
+}
+
 }  // namespace
 
 FrameMerge::FrameMerge(const FrameMerge& other)
@@ -81,12 +85,21 @@ bool FrameMerge::advance(Group& group) {
   return true;
 }
 
+// Once for a group: it is mostly all of them.
+void FrameMerge::reportMissingPayload(Group& group) {
+  group.reportedPayload = true;
+  group.records.file().report(formatText("data group %d: record %" PRIu64
+                                         ": its payload is not in the file or cannot be read",
+                                         int{group.dg}, group.nextIndex - 1));
+}
+
 MdfFrame FrameMerge::next() {
   if (heap_.empty()) return {};
   const std::size_t index = heap_.front().group;
   Group& group = groups_[index];
   MdfFrame frame = group.decoder->decode(group.record, group.timestampNs, group.nextIndex - 1,
                                          group.payloads ? &*group.payloads : nullptr);
+  if (!group.reportedPayload && isPayloadMissing(frame)) reportMissingPayload(group);
   const bool more = advance(group);
   if (more && heap_.size() == 1) return frame;  // its place in the heap is always the first
   std::pop_heap(heap_.begin(), heap_.end());

@@ -64,6 +64,7 @@ class FrameMerge {
     ByteSpan record = {};
     std::uint64_t timestampNs = 0;
     std::vector<std::uint8_t> copied = {};
+    bool reportedPayload = false;  // that one is missing
   };
   struct HeapEntry {
     std::int64_t timestampNs;
@@ -74,6 +75,7 @@ class FrameMerge {
 
   void open(ReaderState& state, const MdfCNInfo& channel);
   static bool advance(Group& group);
+  static void reportMissingPayload(Group& group);
 
   bool started_ = false;
   std::vector<Group> groups_;

@@ -73,6 +73,7 @@ void MdfCanMessage::DataBytes(const std::vector<std::uint8_t>& bytes) {
 
 void MdfCanMessage::DataBytes(const std::uint8_t* bytes, std::size_t size) {
   Dlc(lengthToDlc(size));
+  payloadMissing_ = false;
   const std::size_t copied = std::min(size, dataBytes_.size());
   std::copy_n(bytes, copied, dataBytes_.begin());
   std::fill(dataBytes_.begin() + static_cast<std::ptrdiff_t>(copied), dataBytes_.end(), fillByte_);
@@ -119,6 +120,7 @@ void MdfCanMessage::Reset() {
   flags_ = 0;
   dataIndex_ = 0;
   dataBytes_.clear();
+  payloadMissing_ = false;
   bitPosition_ = 0;
   errorType_ = CanErrorType::Unknown;
   timeOffsetBrs_ = 0;

@@ -240,6 +240,10 @@ class TOLVEX_EXPORT MdfCanMessage {
   void DataBytes(const std::vector<std::uint8_t>& bytes);
   void DataBytes(const std::uint8_t* bytes, std::size_t size);
   const std::vector<std::uint8_t>& DataBytes() const { return dataBytes_; }
+  // Whether a reader made the frame of a record whose payload is not in the file or cannot be read.
+  // DataBytes() is then no payload: what of it could be read, with zeros up to the code's length.
+  // Setting the payload makes it false.
+  bool PayloadMissing() const { return payloadMissing_; }
 
   void Dir(bool value) { flag(kDir, value); }  // true: transmitted
   bool Dir() const { return flag(kDir); }
@@ -321,6 +325,7 @@ class TOLVEX_EXPORT MdfCanMessage {
   std::uint8_t bitPosition_ = 0;
   CanErrorType errorType_ = CanErrorType::Unknown;
   std::uint8_t fillByte_ = 0;
+  bool payloadMissing_ = false;
   std::uint32_t timeOffsetBrs_ = 0;
   std::uint32_t timeOffsetCrcDel_ = 0;
   std::uint32_t crc_ = 0;
@@ -353,8 +358,14 @@ class TOLVEX_EXPORT MdfCanError {
   std::uint8_t Dlc() const { return dlc_; }
   void DataLength(std::uint32_t value) { dataLength_ = value; }  // not derived from the code
   std::uint32_t DataLength() const { return dataLength_; }
-  void DataBytes(const std::vector<std::uint8_t>& bytes) { dataBytes_ = bytes; }
+  void DataBytes(const std::vector<std::uint8_t>& bytes) {
+    dataBytes_ = bytes;
+    payloadMissing_ = false;
+  }
   const std::vector<std::uint8_t>& DataBytes() const { return dataBytes_; }
+  // Whether a reader made the frame of a record whose payload cannot be read; DataBytes() then
+  // holds what of it could be. Setting the payload makes it false.
+  bool PayloadMissing() const { return payloadMissing_; }
   void Tec(std::uint8_t value) { tec_ = value; }  // transmit error counter
   std::uint8_t Tec() const { return tec_; }
   void Trec(std::uint8_t value) { trec_ = value; }  // receive error counter
@@ -409,6 +420,7 @@ class TOLVEX_EXPORT MdfCanError {
   std::uint32_t crc_ = 0;
   std::uint64_t btrExtCfg_ = 0;
   bool isCanFdError_ = false;
+  bool payloadMissing_ = false;
   CanErrorType errorType_ = CanErrorType::Unknown;
 };
 

@@ -80,6 +80,61 @@ TEST(Cat, CarriesEveryFieldInCsvAndNdjson) {
                    R"("time_offset_crc_del":0,"crc":0,"btr_ext_cfg":0})"}));
 }
 
+// A frame's code alone says nothing of its payload: zeros would read like a payload of zeros.
+TEST(Cat, PrintsFramesWithoutTheirLostPayloads) {
+  BusLayout withoutPayload = dataFrames();
+  std::erase_if(withoutPayload.fields, [](const BusField& f) { return f.name == "DataBytes"; });
+  FileBuilder channelLost;
+  channelLost.busLog(withoutPayload,
+                     {busRecord(withoutPayload, 0, {{"BusChannel", 1}, {"ID", 1}, {"DLC", 8}}),
+                      busRecord(withoutPayload, 1, {{"BusChannel", 1}, {"ID", 2}, {"DLC", 0}}),
+                      busRecord(withoutPayload, 2, {{"BusChannel", 1}, {"ID", 3}, {"RTR", 1}})});
+  // Values: 2 bytes at 0; beyond the end.
+  const BusLayout outside = loggerFrames();
+  FileBuilder valueLost;
+  valueLost.busLog(
+      outside,
+      {busRecord(outside, 0, {{"BusChannel", 1}, {"ID", 1}, {"DLC", 2}}, packed(std::uint64_t{0})),
+       busRecord(outside, 1e9, {{"BusChannel", 1}, {"ID", 2}, {"DLC", 9}, {"EDL", 1}},
+                 packed(std::uint64_t{99}))},
+      valueLost.sd(packed(std::uint32_t{2}, std::uint16_t{0xBBAA})));
+  const struct {
+    const char* name;
+    const FileBuilder& file;
+    const char* said;
+    Lines candump;
+    Lines csv;     // what stands from the code to the data
+    Lines ndjson;  //
+  } cases[] = {
+      {"no channel",
+       channelLost,
+       "1 of 3 frames have lost",
+       {"(0.000000) can0 001#", "(1.000000) can0 002#", "(2.000000) can0 003#R0"},
+       {",8,8,,0,", ",0,0,,1,", ",0,0,,2,"},
+       {R"("dlc":8,"length":8,"data":null)", R"("dlc":0,"length":0,"data":"")",
+        R"("dlc":0,"length":0,"data":"")"}},
+      {"no value",
+       valueLost,
+       "1 of 2 frames have lost",
+       {"(0.000000) can0 001#AABB", "(1.000000) can0 002##0"},
+       {",2,2,AABB,0,", ",9,12,,1,"},
+       {R"("dlc":2,"length":2,"data":"AABB")", R"("dlc":9,"length":12,"data":null)"}},
+  };
+  for (const auto& [name, file, said, candump, csv, ndjson] : cases) {
+    SCOPED_TRACE(name);
+    const std::string command = "cat " + file.write();
+    EXPECT_EQ(runTolvex(command, 3, said).lines(), candump);
+    const Lines rows = runTolvex(command + " --format csv", 3, "data group 0").lines();
+    const Lines objects = runTolvex(command + " --format ndjson", 3, "data group 0").lines();
+    ASSERT_EQ(rows.size(), csv.size() + 1);
+    ASSERT_EQ(objects.size(), ndjson.size());
+    for (std::size_t i = 0; i < csv.size(); ++i) {
+      EXPECT_NE(rows[i + 1].find(csv[i]), std::string::npos) << rows[i + 1];
+      EXPECT_NE(objects[i].find(ndjson[i]), std::string::npos) << objects[i];
+    }
+  }
+}
+
 TEST(Cat, RefusesAnUnsortedGroup) {
   FileBuilder file;
   const BusLayout layout = dataFrames();

@@ -61,25 +61,34 @@ std::uint64_t countPromised(const std::vector<MdfGroupInfo>& groups) {
   return count;
 }
 
-// Writes all frames inside the window. Gives the number of frames read, inside or not.
-std::uint64_t writeFrames(MdfReader& reader, const Window& window, FrameText& text,
-                          const Output& out) {
+// The frames of a file.
+struct FrameCounts {
   std::uint64_t read = 0;
-  for (;; ++read) {
+  std::uint64_t written = 0;
+  std::uint64_t withoutPayload = 0;  // of those written
+};
+
+// Writes all frames inside the window.
+FrameCounts writeFrames(MdfReader& reader, const Window& window, FrameText& text,
+                        const Output& out) {
+  FrameCounts counts;
+  for (;; ++counts.read) {
     const MdfFrame frame = reader.getNext();
     const auto* message = std::get_if<std::shared_ptr<MdfCanMessage>>(&frame);
     if ((message != nullptr && *message == nullptr) || !out.good()) {
-      return read;
+      return counts;
     }
     const std::int64_t timeNs = MdfReader::getSignedTimestampNsFromVariant(frame);
     if (timeNs < window.firstNs || timeNs > window.lastNs) {
       continue;
     }
-    if (message != nullptr) {
-      text.write(**message);
-    } else {
-      text.write(*std::get<std::shared_ptr<MdfCanError>>(frame));
-    }
+    std::visit(
+        [&](const auto& pointer) {
+          text.write(*pointer);
+          counts.withoutPayload += pointer->PayloadMissing() ? 1 : 0;
+        },
+        frame);
+    ++counts.written;
   }
 }
 
@@ -123,12 +132,18 @@ int cat(const CatOptions& options) {
   }
   FrameText text(out, formatOf(options.format), reader.getFileInfo().startTimeNs);
   text.writeHeader();
-  const std::uint64_t read = writeFrames(reader, windowOf(options), text, out);
+  const FrameCounts counts = writeFrames(reader, windowOf(options), text, out);
   const std::uint64_t promised = countPromised(groups);
-  const bool lost = out.good() && read < promised;
-  const int exitCode = finish(out, reader, options.file, lost ? kLost : kDone);
+  const bool lost = out.good() && counts.read < promised;
+  const bool lacking = out.good() && counts.withoutPayload > 0;
+  const int exitCode = finish(out, reader, options.file, lost || lacking ? kLost : kDone);
   if (lost) {
-    complain(options.file, fmt::format("{} of {} frames could be read", read, promised));
+    complain(options.file, fmt::format("{} of {} frames could be read", counts.read, promised));
+  }
+  if (lacking) {
+    complain(options.file, fmt::format("{} of {} frames have lost their payload, and are printed "
+                                       "without one",
+                                       counts.withoutPayload, counts.written));
   }
   tellOfOtherEvents(reader, groups, options.file);
   return exitCode;
@@ -173,6 +188,10 @@ void addCat(CLI::App& app, Command& chosen) {
       "1970 (UTC), id is decimal, length is bytes, data is hexadecimal; error_type is 1 bit, 2 "
       "form,\n"
       "3 bit stuffing, 4 CRC, 5 acknowledge.\n"
+      "A frame whose payload the file has lost is printed without one, and the exit code is 3: "
+      "in\n"
+      "candump nothing follows the '#', in csv and ndjson length keeps the bytes that it had and\n"
+      "data is empty or null.\n"
       "\n"
       "Examples:\n"
       "  tolvex cat drive.mf4 --start 10 --end 20 > part.log\n"

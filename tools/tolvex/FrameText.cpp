@@ -106,6 +106,13 @@ bool isRemote(const MdfCanMessage& message) {
   return message.Rtr() && !message.Edl();
 }
 
+// What of a frame's payload is known to be one.
+template <typename Frame>
+const Bytes& payloadOf(const Frame& frame) {
+  static const Bytes kNone;
+  return frame.PayloadMissing() ? kNone : frame.DataBytes();
+}
+
 // The fields of a line in csv and ndjson. A frame has a value, or nothing, for each of them.
 constexpr std::array<std::string_view, 27> kFieldNames = {"time_ns",
                                                           "time",
@@ -159,10 +166,15 @@ class Row {
     at_ = putText(at_, value);
     quote();
   }
-  void hex(const Bytes& bytes) {
+  template <typename Frame>
+  void payload(const Frame& frame) {
+    if (frame.PayloadMissing()) {
+      nothing(1);
+      return;
+    }
     begin();
     quote();
-    at_ = putHex(at_, bytes);
+    at_ = putHex(at_, frame.DataBytes());
     quote();
   }
   void nothing(int fields) {
@@ -215,7 +227,7 @@ char* putRow(Row row, const MdfCanMessage& message, std::uint64_t startTimeNs) {
   row.flag(message.SingleWire());
   row.number(message.Dlc());
   row.number(message.DataBytes().size());
-  row.hex(message.DataBytes());
+  row.payload(message);
   row.number(message.DataIndex());
   row.number(message.BitPosition());
   row.number(static_cast<unsigned>(message.ErrorType()));
@@ -241,7 +253,7 @@ char* putRow(Row row, const MdfCanError& error, std::uint64_t startTimeNs) {
   row.nothing(4);  // srr, rtr, wake_up, single_wire
   row.number(error.Dlc());
   row.number(error.DataLength());
-  row.hex(error.DataBytes());
+  row.payload(error);
   row.nothing(2);  // record, bit_position
   if (error.ErrorType() == CanErrorType::Unknown) {
     row.nothing(1);
@@ -283,11 +295,11 @@ char* putCandump(char* at, const MdfCanMessage& message, std::uint64_t startTime
   const bool extended = message.ExtendedId() || message.CanId() > kMaxStandardId;
   at = putHex(at, message.CanId() & kIdentifierMask, extended ? 8 : 3);
   *at++ = '#';
-  const Bytes& data = message.DataBytes();
+  const Bytes& data = payloadOf(message);
   if (isRemote(message)) {
     *at++ = 'R';
     at = putLengthCode(at, message.Dlc());
-  } else if (message.Edl() || data.size() > kMaxClassicLength) {
+  } else if (message.Edl() || message.DataBytes().size() > kMaxClassicLength) {
     *at++ = '#';
     at = putHex(at, (message.Brs() ? kFlagBrs : 0) | (message.Esi() ? kFlagEsi : 0), 1);
     at = putHex(at, data);
@@ -323,14 +335,15 @@ char* putErrorType(char* at, CanErrorType type) {
 char* putCandump(char* at, const MdfCanError& error, std::uint64_t startTimeNs) {
   const auto timeNs = static_cast<std::int64_t>(error.Timestamp());
   at = putCandumpStart(at, instantOf(startTimeNs, timeNs), error.BusChannel());
-  if (error.MessageId() == 0 && error.DataBytes().empty()) {
+  const Bytes& data = payloadOf(error);
+  if (error.MessageId() == 0 && data.empty()) {
     at = putErrorType(at, error.ErrorType());
     *at++ = '\n';
     return at;
   }
   at = putHex(at, kErrorFrameFlag | (error.MessageId() & kIdentifierMask), 8);
-  at = putText(at, error.DataBytes().size() > kMaxClassicLength ? "##0" : "#");
-  at = putHex(at, error.DataBytes());
+  at = putText(at, data.size() > kMaxClassicLength ? "##0" : "#");
+  at = putHex(at, data);
   *at++ = '\n';
   return at;
 }
