@@ -202,16 +202,76 @@ TEST_F(DataStream, EndsWhereAListLeadsOutOfTheFile) {
   }
 }
 
-TEST_F(DataStream, EndsInFrontOfABlockWhoseBytesAreListedTwice) {
+TEST_F(DataStream, ReadsABlockThatIsListedTwiceOnce) {
   const Link first = file_.dt({1, 2});
   const Link second = file_.dt({3, 4});
-  const Link third = file_.dt({5, 6});
-  for (const std::vector<Link>& blocks :
-       {std::vector{first, second, second}, {third, second, second}}) {
-    m4DataStream stream = open(file_.dl(blocks, 2));
-    EXPECT_EQ(read(stream, 6).size(), 2U);
-    EXPECT_FALSE(direct_.problems().empty());
+  const Link third = file_.dz({5, 6});
+  const struct {
+    std::vector<Link> blocks;
+    Bytes want;
+    Bytes behind;  // read from the last block
+  } rows[] = {{{first, second, second}, {1, 2, 3, 4}, {}},
+              {{first, first, second}, {1, 2}, {3, 4}},
+              {{third, second, third, first}, {5, 6, 3, 4}, {1, 2}},
+              {{second, third, third, third, first}, {3, 4, 5, 6}, {1, 2}}};
+  for (const auto& row : rows) {
+    for (const std::uint64_t equal : {0U, 2U}) {
+      m4DataStream stream = open(file_.dl(row.blocks, equal));
+      EXPECT_EQ(read(stream, 100), row.want);
+      EXPECT_FALSE(direct_.problems().empty());
+      stream.Seek(2 * row.blocks.size() - 2);
+      EXPECT_EQ(read(stream, 100), row.behind);
+    }
   }
+  const Link marks = file_.di({9, 8});
+  m4DataStream columns = open(file_.ld({file_.dv({1, 2}), file_.dv({3, 4})}, {marks, marks}));
+  columns.mergeInvalidation(1, 1);
+  Bytes records(8);
+  EXPECT_EQ(columns.Read(4, records.data(), 2), 4U);
+  EXPECT_EQ(slice(records, 0, 4), (Bytes{1, 9, 2, 8}));
+}
+
+TEST_F(DataStream, ReadsACompressedBlockAsFarAsItsStreamGoes) {
+  const Bytes rows = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14};
+  for (const std::uint8_t zipType : {std::uint8_t{0}, std::uint8_t{1}}) {
+    const Link block = file_.dz(rows, "DT", zipType, 6);
+    const Link next = file_.dt({20, 21});
+    file_.setU64(block + 24 + 8, 22);  // dz_org_data_length
+    m4DataStream stream = open(file_.dl({block, next}));
+    EXPECT_EQ(viewed(stream, 6), slice(rows, 0, 6));
+    EXPECT_EQ(viewed(stream, 10), slice(rows, 6, 8));
+    EXPECT_EQ(viewed(stream, 1), Bytes{});
+    EXPECT_FALSE(direct_.problems().empty());
+    stream.Seek(0);
+    EXPECT_EQ(read(stream, 100), rows);
+    for (const std::uint64_t beyond : {14U, 17U}) {
+      stream.Seek(beyond);
+      EXPECT_EQ(read(stream, 1), Bytes{}) << beyond;
+    }
+    stream.Seek(22);
+    EXPECT_EQ(read(stream, 2), (Bytes{20, 21}));
+  }
+}
+
+TEST_F(DataStream, InflatesForValuesWithinABudget) {
+  Bytes large(20 << 20);  // two of these are more than is held at first
+  large[0] = 2;
+  const Link list = file_.dl({file_.dz(large, "SD"), file_.dz(large, "SD")});
+  m4DataStream stream = open(list);
+  Bytes value;
+  EXPECT_TRUE(stream.readValue(0, value));
+  EXPECT_TRUE(stream.readValue(large.size(), value));
+  EXPECT_TRUE(stream.readValue(0, value)) << "inflated again";
+  EXPECT_TRUE(direct_.problems().empty());
+  while (direct_.chargeAgain(1 << 20)) {
+  }
+  EXPECT_EQ(direct_.problems().size(), 1U);
+  EXPECT_TRUE(stream.readValue(100, value)) << "still held";
+  EXPECT_FALSE(stream.readValue(large.size(), value));
+  EXPECT_EQ(direct_.problems().size(), 2U) << "the value is told";
+  m4DataStream records(direct_, list);
+  records.Seek(large.size());
+  EXPECT_EQ(read(records, 2), (Bytes{2, 0})) << "who reads bytes in order pays nothing";
 }
 
 TEST_F(DataStream, CutFilesGiveTheWholeSharesThatAreLeft) {

@@ -271,7 +271,7 @@ TEST_F(HostileFiles, CompressedBlocksThatLieHoldNothing) {
     std::uint64_t records;
   } rows[] = {
       {"the truth", 8, 9000, 1000},
-      {"longer than the stream", 8, 9009, 0},
+      {"longer than the stream", 8, 9009, 1000},
       {"beyond what can be compressed", 8, 1ULL << 40, 0},
       {"beyond everything", 8, kMax, 0},
       {"shorter than the stream", 8, 8991, 0},
@@ -352,8 +352,11 @@ TEST_F(HostileFiles, SharedChainsAreNotMultiplied) {
   MdfSigReader reader(data.write());
   ASSERT_TRUE(reader.open());
   EXPECT_EQ(reader.getDGCount(), static_cast<int>(kMany));
-  ASSERT_NE(reader.readSignalDataByIndex(0, 1999), nullptr);
-  EXPECT_EQ(reader.readSignalDataByIndex(0, 1999)->data, packed(1.0));
+  for (const int dg : {0, 1999}) {
+    ASSERT_NE(reader.readSignalDataByIndex(dg, 0), nullptr) << dg;
+    EXPECT_EQ(reader.readSignalDataByIndex(dg, 0)->data, packed(1.0));
+    EXPECT_EQ(reader.readSignalDataByIndex(dg, 1), nullptr) << "a block is read once";
+  }
 }
 
 TEST_F(HostileFiles, SharedTextsAreNotMultiplied) {

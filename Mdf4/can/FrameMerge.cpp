@@ -41,7 +41,6 @@ FrameMerge::FrameMerge(const FrameMerge& other)
 void FrameMerge::start(ReaderState& state) {
   if (started_) return;
   started_ = true;
-  const LoadBudget budget(state.file);
   for (const MdfCNInfo* const channel : busLogChannels(state, requireFields)) {
     open(state, *channel);
   }

@@ -16,20 +16,15 @@ namespace tolvex {
 // Payloads in a group's signal data.
 class SignalData final : public PayloadSource {
  public:
-  explicit SignalData(const m4DataStream& stream)
-      : stream_(stream), budget_(LoadBudget::whole(stream_.file())) {}
+  explicit SignalData(const m4DataStream& stream) : stream_(stream) {}
 
   // No frame is longer than kMaxPayload: of a longer value one byte more tells that it is.
   bool read(std::uint64_t offset, std::vector<std::uint8_t>& out) override {
-    // Payloads lie in the order of their frames. Where they jump to and fro between compressed
-    // blocks, each is inflated again and again.
-    const LoadBudget budget(stream_.file(), budget_);
     return stream_.readValue(offset, out, kMaxPayload + 1);
   }
 
  private:
   m4DataStream stream_;
-  std::uint64_t budget_;
 };
 
 // Reads each group through its own stream, one record at a time, and makes a frame of a record when

@@ -46,7 +46,6 @@ std::uint64_t MdfReader::getStartTime() {
 }
 
 std::uint64_t MdfReader::getStopTime() {
-  const LoadBudget budget(state_->file);
   std::uint64_t latest = 0;
   std::pair<int, int> last = {-1, -1};
   for (const MdfCNInfo* const channel : busLogChannels(*state_, merge_->requireFields)) {

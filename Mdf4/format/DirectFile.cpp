@@ -58,6 +58,7 @@ bool DirectFile::attach(std::unique_ptr<SystemFile> file) {
   openedSize_ = size;
   position_ = size;
   end_ = size;
+  budget_ = LoadBudget(size);
   return true;
 }
 
@@ -234,31 +235,16 @@ void DirectFile::report(std::string problem) {
   problems_.push_back(std::move(problem));
 }
 
-std::uint64_t LoadBudget::whole(const DirectFile& file) {
-  constexpr std::uint64_t kTimes = 16;
-  constexpr std::uint64_t kAlways = 1 << 20;
-  return file.end_ > (DirectFile::kNoPosition - kAlways) / kTimes ? DirectFile::kNoPosition - 1
-                                                                  : file.end_ * kTimes + kAlways;
+bool DirectFile::chargeLoad(std::uint64_t bytes) {
+  if (budget_.takeLoad(bytes)) return true;
+  report("the file's links lead to many times the bytes that it has: blocks are left out");
+  return false;
 }
 
-LoadBudget::LoadBudget(DirectFile& file, std::uint64_t bytes, std::uint64_t* left)
-    : file_(file), outer_(file.loadBudget_), left_(left) {
-  file.loadBudget_ = bytes;
-}
-
-LoadBudget::~LoadBudget() {
-  if (left_ != nullptr) *left_ = file_.loadBudget_;
-  file_.loadBudget_ = outer_;
-}
-
-bool chargeLoad(DirectFile& file, std::uint64_t bytes) {
-  if (file.loadBudget_ == DirectFile::kNoPosition) return true;
-  if (bytes > file.loadBudget_) {
-    file.report("the file's links lead to the same bytes again and again: blocks are left out");
-    return false;
-  }
-  file.loadBudget_ -= bytes;
-  return true;
+bool DirectFile::chargeAgain(std::uint64_t bytes) {
+  if (budget_.takeAgain(bytes)) return true;
+  report("the file's values lead to its compressed blocks too many times: values are left out");
+  return false;
 }
 
 }  // namespace tolvex

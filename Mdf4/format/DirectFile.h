@@ -4,18 +4,18 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "Mdf4/format/Bytes.h"
+#include "Mdf4/format/InflatedBlocks.h"
+#include "Mdf4/format/LoadBudget.h"
 #include "Mdf4/format/System.h"
 
 namespace tolvex {
 
-struct InflatedBlock;
 class SectorReader;
 
 // Bytes of a file from `start` up to `end`.
@@ -30,7 +30,7 @@ struct ByteRange {
 // blocks costs a system call per page, not per block.
 //
 // What is read from a file is a claim. This is where claims are checked against the file's end,
-// where damage is noted, and where the work that one opening may cause is bounded (LoadBudget).
+// where damage is noted, and where the work that a file may cause is bounded (LoadBudget).
 // Not synchronised: one thread at a time.
 class DirectFile {
  public:
@@ -96,18 +96,18 @@ class DirectFile {
     return position <= end_ && length <= end_ - position;
   }
 
-  // The compressed blocks that are held inflated, by position: a stream that comes to a block where
-  // another one stands shares its bytes.
-  std::map<std::uint64_t, std::weak_ptr<InflatedBlock>>& inflatedBlocks() { return inflated_; }
+  // A stream that comes to a block where another one stands shares its bytes.
+  InflatedBlocks& inflatedBlocks() { return inflated_; }
+
+  // Take bytes from the file's budget. False, with the problem noted, when it is used up.
+  bool chargeLoad(std::uint64_t bytes);
+  bool chargeAgain(std::uint64_t bytes);
 
   // Notes damage: what, where, expected and found. The first 100 texts are kept, each once.
   void report(std::string problem);
   const std::vector<std::string>& problems() const { return problems_; }
 
  private:
-  friend class LoadBudget;
-  friend bool chargeLoad(DirectFile& file, std::uint64_t bytes);
-
   static constexpr std::uint64_t kPageSize = 4096;
   static constexpr std::size_t kPageCount = 64;
   struct Pages {
@@ -136,33 +136,8 @@ class DirectFile {
   std::uint64_t failedReads_ = 0;
   std::uint64_t lastFailedRead_ = kNoPosition;
   std::vector<std::string> problems_;
-  std::map<std::uint64_t, std::weak_ptr<InflatedBlock>> inflated_;
-  std::uint64_t loadBudget_ = kNoPosition;  // bytes that may still be loaded; kNoPosition: any
+  InflatedBlocks inflated_;
+  LoadBudget budget_;
 };
-
-// While one lives, the blocks loaded and the compressed bytes inflated from `file` may together be
-// at most 16 times the file's size and 1 MiB: enough for every block that is really shared, and an
-// end for files whose links make a few blocks look like billions.
-class LoadBudget {
- public:
-  explicit LoadBudget(DirectFile& file) : LoadBudget(file, whole(file), nullptr) {}
-  // For work that comes in steps: `left` is what they may still use, at first `whole`.
-  LoadBudget(DirectFile& file, std::uint64_t& left) : LoadBudget(file, left, &left) {}
-  LoadBudget(const LoadBudget&) = delete;
-  LoadBudget& operator=(const LoadBudget&) = delete;
-  ~LoadBudget();
-
-  static std::uint64_t whole(const DirectFile& file);
-
- private:
-  LoadBudget(DirectFile& file, std::uint64_t bytes, std::uint64_t* left);
-
-  DirectFile& file_;
-  std::uint64_t outer_;  // what was left of the budget that this one takes the place of
-  std::uint64_t* left_;
-};
-
-// Takes `bytes` from the budget, if there is one; false when it is used up.
-bool chargeLoad(DirectFile& file, std::uint64_t bytes);
 
 }  // namespace tolvex

@@ -21,9 +21,9 @@ Inflater::~Inflater() {
   if (stream_->ready) inflateEnd(&stream_->z);
 }
 
-bool Inflater::inflate(ByteSpan compressed, WritableBytes out) {
+std::optional<std::uint64_t> Inflater::inflate(ByteSpan compressed, WritableBytes out) {
   z_stream& z = stream_->z;
-  if (!stream_->ready || inflateReset(&z) != Z_OK) return false;
+  if (!stream_->ready || inflateReset(&z) != Z_OK) return std::nullopt;
   // zlib counts in 32 bits: longer data are handed over in pieces.
   constexpr std::size_t kPiece = std::numeric_limits<uInt>::max();
   std::uint8_t nothing = 0;
@@ -46,7 +46,8 @@ bool Inflater::inflate(ByteSpan compressed, WritableBytes out) {
     const bool last = inLeft == 0 && outLeft == 0;
     result = ::inflate(&z, last ? Z_FINISH : Z_NO_FLUSH);
   }
-  return result == Z_STREAM_END && outLeft == 0 && z.avail_out == 0;
+  if (result != Z_STREAM_END) return std::nullopt;
+  return out.size() - outLeft - z.avail_out;
 }
 
 bool ByteBuffer::reserve(std::uint64_t size) {

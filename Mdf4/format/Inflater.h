@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 #include "Mdf4/format/Bytes.h"
 
@@ -23,8 +24,9 @@ class Inflater {
   Inflater& operator=(const Inflater&) = delete;
   ~Inflater();
 
-  // True when `compressed` is one whole zlib stream of exactly `out.size()` bytes.
-  bool inflate(ByteSpan compressed, WritableBytes out);
+  // The bytes put into `out` when `compressed` is one whole zlib stream that fits into it; nothing
+  // for any other.
+  std::optional<std::uint64_t> inflate(ByteSpan compressed, WritableBytes out);
 
  private:
   struct Stream;
@@ -44,14 +46,6 @@ class ByteBuffer {
  private:
   std::unique_ptr<std::uint8_t[]> bytes_;
   std::uint64_t size_ = 0;
-};
-
-// The bytes of one compressed block. Shared by the streams that stand in the block, and entered in
-// the file's list of inflated blocks while it lives.
-struct InflatedBlock {
-  std::uint64_t position = 0;
-  ByteBuffer bytes;
-  std::uint64_t size = 0;
 };
 
 }  // namespace tolvex

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <iterator>
+#include <numeric>
 
 #include "Mdf4/format/BlockLoader.h"
 #include "Mdf4/format/DataBlocks.h"
@@ -163,9 +164,7 @@ bool SegmentTable::readColumnLists(DirectFile& file, std::unique_ptr<m4Block> fi
       DataSegment marks;
       const std::uint64_t marksPosition = list.link(std::size_t{list.ld_count} + 1 + i);
       if (marksPosition != 0) {
-        if (!visited.enter(marksPosition) || !readSegment(file, marksPosition, marks)) {
-          return false;
-        }
+        if (!readSegment(file, marksPosition, marks)) return false;
         if (marks.type != block_type::kDI && marks.type != block_type::kRI &&
             marks.type != block_type::kDZ) {
           printDiagnostic(
@@ -173,6 +172,7 @@ bool SegmentTable::readColumnLists(DirectFile& file, std::unique_ptr<m4Block> fi
               "M4ID_DZ\n");
           return false;
         }
+        marks.damaged |= !visited.enter(marksPosition);
       }
       invalidation_.push_back(marks);
     }
@@ -242,8 +242,10 @@ void SegmentTable::finish(DirectFile& file) {
     return a.position < b.position;
   };
   if (!std::is_sorted(data_.begin(), data_.end(), byPosition)) {
-    for (const DataSegment& segment : data_) sortedPositions_.push_back(segment.position);
-    std::sort(sortedPositions_.begin(), sortedPositions_.end());
+    byPosition_.resize(data_.size());
+    std::iota(byPosition_.begin(), byPosition_.end(), std::uint64_t{0});
+    std::ranges::stable_sort(byPosition_, {},
+                             [this](std::uint64_t index) { return data_[index].position; });
   }
   data_.push_back(terminator);
   if (!invalidation_.empty()) invalidation_.push_back({});
@@ -302,20 +304,26 @@ bool SegmentTable::settle(DirectFile& file, std::size_t index, const BlockHeader
   if (segment.type != block_type::kDZ && dataLength < segment.length) {
     return damage(file, segment, dataLength);
   }
-  // The distance to the next listed block: two entries for the same bytes are one too many.
-  std::uint64_t room = ~std::uint64_t{0};
-  if (!sortedPositions_.empty()) {
-    const auto next =
-        std::upper_bound(sortedPositions_.begin(), sortedPositions_.end(), segment.position);
-    if (next != sortedPositions_.end()) room = *next - segment.position;
-    const auto same = std::next(
-        std::lower_bound(sortedPositions_.begin(), sortedPositions_.end(), segment.position));
-    if (same != next) room = 0;
-  } else if (index + 1 < count()) {
-    room = data_[index + 1].position - segment.position;
-  }
+  const std::uint64_t room = roomOf(index);
   if (header.length > room) return damage(file, segment, room);
   return true;
+}
+
+// The distance to the next listed block. None for a block that is listed a second time.
+std::uint64_t SegmentTable::roomOf(std::size_t index) const {
+  constexpr std::uint64_t kNoLimit = ~std::uint64_t{0};
+  const std::uint64_t position = data_[index].position;
+  if (byPosition_.empty()) {
+    if (index != 0 && data_[index - 1].position == position) return 0;
+    const auto next = std::upper_bound(
+        data_.begin() + static_cast<std::ptrdiff_t>(index), data_.end() - 1, position,
+        [](std::uint64_t value, const DataSegment& segment) { return value < segment.position; });
+    return next == data_.end() - 1 ? kNoLimit : next->position - position;
+  }
+  const auto [first, next] = std::ranges::equal_range(
+      byPosition_, position, {}, [this](std::uint64_t other) { return data_[other].position; });
+  if (*first != index) return 0;
+  return next == byPosition_.end() ? kNoLimit : data_[*next].position - position;
 }
 
 }  // namespace tolvex

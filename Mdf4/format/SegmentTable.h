@@ -65,11 +65,12 @@ class SegmentTable {
   bool append(DirectFile& file, const DataSegment& segment, std::uint64_t expectedSize);
   void finish(DirectFile& file);
   bool damage(DirectFile& file, DataSegment& segment, std::uint64_t found);
+  std::uint64_t roomOf(std::size_t index) const;
 
   std::vector<DataSegment> data_;
   std::vector<DataSegment> invalidation_;
-  std::vector<std::uint64_t> emptyStarts_;      // of the empty segments, ascending
-  std::vector<std::uint64_t> sortedPositions_;  // only when the blocks do not ascend in the file
+  std::vector<std::uint64_t> emptyStarts_;  // of the empty segments, ascending
+  std::vector<std::uint64_t> byPosition_;  // the segments, only when they do not ascend in the file
   std::uint64_t totalSize_ = 0;
   std::uint64_t presentSize_ = 0;
   bool columnStorage_ = false;

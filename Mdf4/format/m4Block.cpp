@@ -39,7 +39,7 @@ bool m4Block::load(DirectFile& file, std::uint64_t position, const BlockHeader& 
                            position, kLargestLoaded, header.length));
     return false;
   }
-  if (!chargeLoad(file, header.length)) return false;
+  if (!file.chargeLoad(header.length)) return false;
   file_ = &file;
   position_ = position;
   header_ = header;

@@ -4,6 +4,7 @@
 #include <array>
 #include <cinttypes>
 #include <cstring>
+#include <optional>
 #include <utility>
 
 #include "Mdf4/format/Diagnostics.h"
@@ -124,7 +125,7 @@ ByteSpan m4DataStream::nextPlain(std::uint64_t length) {
   const DataSegment& segment = (*table_)[index];
   if (segment.type == block_type::kDZ) {
     if (!inflate(index)) return {};
-    setWindow(inflated_->bytes.data(), segment.start, segment.length);
+    setWindow(inflated_->bytes.data(), segment.start, inflated_->size);
   } else {
     refill(wanted);
   }
@@ -172,9 +173,11 @@ std::uint64_t m4DataStream::Read(std::uint64_t length, std::uint8_t* buffer,
 }
 
 std::uint64_t m4DataStream::heldBytes() const {
-  std::uint64_t bytes = inflated_ == nullptr ? 0 : inflated_->bytes.size();
-  for (const ByteBuffer* const buffer :
-       {&buffer_, &scratch_, &compressed_, &transposed_, &inflatedMarks_}) {
+  std::uint64_t bytes = 0;
+  for (const auto* const block : {&inflated_, &inflatedMarks_}) {
+    if (*block != nullptr) bytes += (*block)->bytes.size();
+  }
+  for (const ByteBuffer* const buffer : {&buffer_, &scratch_, &compressed_, &transposed_}) {
     bytes += buffer->size();
   }
   return bytes;
@@ -183,9 +186,8 @@ std::uint64_t m4DataStream::heldBytes() const {
 void m4DataStream::releaseBuffers() {
   setWindow(nullptr, 0, 0);
   inflated_.reset();
-  hasMarks_ = false;
-  for (ByteBuffer* const buffer :
-       {&buffer_, &scratch_, &compressed_, &transposed_, &inflatedMarks_}) {
+  inflatedMarks_.reset();
+  for (ByteBuffer* const buffer : {&buffer_, &scratch_, &compressed_, &transposed_}) {
     buffer->release();
   }
 }
@@ -199,9 +201,9 @@ std::uint64_t m4DataStream::assemble(std::uint64_t length, std::uint8_t* buffer)
     const DataSegment& segment = (*table_)[index];
     std::uint64_t got = 0;
     if (segment.type == block_type::kDZ) {
-      if (!inflate(index)) break;
       const std::uint64_t offset = at_ - segment.start;
-      got = std::min(length - done, segment.length - offset);
+      if (!inflate(index) || offset >= inflated_->size) break;
+      got = std::min(length - done, inflated_->size - offset);
       std::copy_n(inflated_->bytes.data() + offset, got, buffer + done);
     } else {
       const std::uint64_t wanted = std::min(length - done, limit_ - at_);
@@ -283,41 +285,42 @@ std::uint64_t m4DataStream::readPlain(std::uint64_t offset, std::uint64_t length
   return done;
 }
 
-// The block's bytes in inflated_: those of another stream that stands in it, or inflated anew into
-// the room of the block before, when no other stream uses that.
+// Puts the bytes of the segment's block into inflated_.
 bool m4DataStream::inflate(std::size_t index) {
   if (inflated_ != nullptr && inflatedSegment_ == index) return true;
-  DataSegment& segment = (*table_)[index];
-  std::shared_ptr<InflatedBlock> block = std::move(inflated_);
-  if (block != nullptr && window_ == block->bytes.data()) setWindow(nullptr, 0, 0);
-  auto& held = file_->inflatedBlocks();
-  const auto found = held.find(segment.position);
-  std::shared_ptr<InflatedBlock> shared = found == held.end() ? nullptr : found->second.lock();
-  if (shared != nullptr && shared->size == segment.length) {
-    block = std::move(shared);
-  } else {
-    if (block.use_count() == 1) {
-      held.erase(block->position);
-    } else {
-      block = std::make_shared<InflatedBlock>();
-    }
-    const std::uint64_t failed = file_->failedReads();
-    if (!inflateBlock(segment, block->bytes)) {
-      segment.damaged = file_->failedReads() == failed;
-      return false;
-    }
-    block->position = segment.position;
-    block->size = segment.length;
-    held[segment.position] = block;
-  }
-  inflated_ = std::move(block);
+  if (inflated_ != nullptr && window_ == inflated_->bytes.data()) setWindow(nullptr, 0, 0);
   inflatedSegment_ = index;
+  return inflate((*table_)[index], inflated_);
+}
+
+// Puts the segment's bytes into `block`, in place of another one's: those that are in memory
+// already, or inflated anew, then in the same memory when nobody else uses it. Null when that
+// fails.
+bool m4DataStream::inflate(DataSegment& segment, std::shared_ptr<InflatedBlock>& block) {
+  InflatedBlocks& known = file_->inflatedBlocks();
+  const std::shared_ptr<InflatedBlock> before = std::move(block);
+  std::shared_ptr<InflatedBlock> wanted = known.find(segment.position, segment.length);
+  const bool isNew = wanted == nullptr;
+  const bool again = isNew && known.wasInflated(segment.position);
+  if (isNew) {
+    const std::uint64_t cost = std::max(segment.length, InflatedBlock::kLeastCost);
+    if (again && readsValues_ && !file_->chargeAgain(cost)) return false;
+    wanted = std::make_shared<InflatedBlock>();
+    if (before.use_count() == 1) wanted->bytes = std::move(before->bytes);
+    if (!inflateBlock(segment, again, *wanted)) return false;
+    known.add(segment.position, segment.length, wanted);
+  }
+  if (readsValues_) known.hold(segment.position, wanted, again, file_->end());
+  block = std::move(wanted);
   return true;
 }
 
-bool m4DataStream::inflateBlock(const DataSegment& segment, ByteBuffer& out) {
+// A block that cannot be inflated counts as damaged, unless memory or the system's reads failed.
+bool m4DataStream::inflateBlock(DataSegment& segment, bool again, InflatedBlock& out) {
   const std::uint64_t block = segment.position - kBlockHeaderSize;
+  const std::uint64_t failed = file_->failedReads();
   const auto fail = [&](const char* what, std::uint64_t expected, std::uint64_t found) {
+    segment.damaged = file_->failedReads() == failed;
     file_->report(formatText("compressed data block at %" PRIu64 ": %s: expected %" PRIu64
                              ", found %" PRIu64,
                              block, what, expected, found));
@@ -346,28 +349,43 @@ bool m4DataStream::inflateBlock(const DataSegment& segment, ByteBuffer& out) {
     return fail("at most this many inflated bytes", mostInflated(record.dz_data_length),
                 segment.length);
   }
-  if (!chargeLoad(*file_, record.dz_data_length)) return false;
-  const bool transposed = record.dz_zip_type == kZipTransposeDeflate &&
-                          record.dz_zip_parameter != 0 && segment.length >= record.dz_zip_parameter;
-  ByteBuffer& target = transposed ? transposed_ : out;
-  if (!compressed_.reserve(record.dz_data_length) || !out.reserve(segment.length) ||
+  if (!again && !file_->chargeLoad(record.dz_data_length)) {
+    segment.damaged = true;
+    return false;
+  }
+  const bool transposed = record.dz_zip_type == kZipTransposeDeflate;
+  ByteBuffer& target = transposed ? transposed_ : out.bytes;
+  if (!compressed_.reserve(record.dz_data_length) || !out.bytes.reserve(segment.length) ||
       !target.reserve(segment.length)) {
-    return fail("bytes of memory", segment.length, 0);
+    file_->report(formatText("compressed data block at %" PRIu64 ": no memory for its %" PRIu64
+                             " bytes",
+                             block, segment.length));
+    return false;
   }
   const ByteSpan compressed(compressed_.data(), record.dz_data_length);
   if (!file_->ReadAt(recordAt + sizeof record, compressed.size(), compressed_.data())) {
     return fail("compressed bytes", compressed.size(), 0);
   }
   if (inflater_ == nullptr) inflater_ = std::make_unique<Inflater>();
-  const WritableBytes inflated(target.data(), segment.length);
-  if (!inflater_->inflate(compressed, inflated)) {
+  const std::optional<std::uint64_t> inflated =
+      inflater_->inflate(compressed, {target.data(), segment.length});
+  if (!inflated) {
+    segment.damaged = true;
     file_->report(formatText("compressed data block at %" PRIu64 ": its %" PRIu64
                              " bytes are no deflate stream of %" PRIu64 " bytes",
                              block, record.dz_data_length, segment.length));
     return false;
   }
+  // A whole stream that gives fewer bytes than stated is read as far as it goes.
+  out.size = *inflated;
+  if (out.size < segment.length) {
+    file_->report(formatText("compressed data block at %" PRIu64 ": expected %" PRIu64
+                             " inflated bytes, found %" PRIu64,
+                             block, segment.length, out.size));
+  }
   if (transposed) {
-    undoTransposition(inflated, record.dz_zip_parameter, {out.data(), segment.length});
+    undoTransposition({target.data(), out.size}, record.dz_zip_parameter,
+                      {out.bytes.data(), out.size});
   }
   return true;
 }
@@ -407,18 +425,20 @@ std::uint64_t m4DataStream::readMerged(std::uint64_t length, std::uint8_t* buffe
 // samples are valid and the bytes stay 0.
 std::uint64_t m4DataStream::readMarks(std::size_t index, std::uint64_t offset,
                                       WritableBytes marks) {
-  const DataSegment& segment = table_->invalidation(index);
+  DataSegment& segment = table_->invalidation(index);
   if (segment.position == 0 || marks.empty()) return marks.size();
-  if (offset > segment.length || marks.size() > segment.length - offset) return 0;
+  if (segment.damaged || offset > segment.length || marks.size() > segment.length - offset) {
+    return 0;
+  }
   if (segment.type != block_type::kDZ) {
     return file_->ReadAt(segment.position + offset, marks.size(), marks.data()) ? marks.size() : 0;
   }
-  if (!hasMarks_ || marksSegment_ != index) {
-    hasMarks_ = inflateBlock(segment, inflatedMarks_);
+  if (inflatedMarks_ == nullptr || marksSegment_ != index) {
     marksSegment_ = index;
-    if (!hasMarks_) return 0;
+    if (!inflate(segment, inflatedMarks_)) return 0;
   }
-  std::copy_n(inflatedMarks_.data() + offset, marks.size(), marks.data());
+  if (marks.size() > inflatedMarks_->size - std::min(offset, inflatedMarks_->size)) return 0;
+  std::copy_n(inflatedMarks_->bytes.data() + offset, marks.size(), marks.data());
   return marks.size();
 }
 
@@ -430,6 +450,7 @@ bool m4DataStream::readValue(std::uint64_t offset, std::vector<std::uint8_t>& va
                              size(), offset));
     return false;
   };
+  readsValues_ = true;
   if (offset > size() || size() - offset < kPrefix) return fail();
   if (at_ != offset || at_ == limit_) Seek(offset);
   const ByteSpan prefix = next(kPrefix);

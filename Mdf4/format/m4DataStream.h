@@ -15,8 +15,9 @@ namespace tolvex {
 // Reads the bytes behind a data link, or writes new ones into data blocks and their lists.
 //
 // Reading: one position, which seeking and reading move. Bytes come from the file in large pieces
-// when they are read in order; of compressed blocks, one at a time is held inflated. Copies read
-// independently and share the segment table. Borrows the file. Not synchronised.
+// when they are read in order; of compressed blocks, one at a time is held inflated, and for values
+// the file holds those that were used last. Copies read independently and share the segment table.
+// Borrows the file. Not synchronised.
 class m4DataStream {
  public:
   // For reading.
@@ -131,7 +132,8 @@ class m4DataStream {
   std::uint64_t readPlain(std::uint64_t offset, std::uint64_t length, std::uint8_t* buffer);
   std::uint64_t wholeShares(std::uint64_t offset, std::uint64_t got, std::uint64_t wanted);
   bool inflate(std::size_t index);
-  bool inflateBlock(const DataSegment& segment, ByteBuffer& out);
+  bool inflate(DataSegment& segment, std::shared_ptr<InflatedBlock>& block);
+  bool inflateBlock(DataSegment& segment, bool again, InflatedBlock& out);
   std::uint64_t readMerged(std::uint64_t length, std::uint8_t* buffer, std::uint32_t records);
   std::uint64_t readMarks(std::size_t index, std::uint64_t offset, WritableBytes marks);
 
@@ -164,9 +166,9 @@ class m4DataStream {
   ByteBuffer transposed_;
   std::shared_ptr<InflatedBlock> inflated_;  // of inflatedSegment_; null: none
   std::size_t inflatedSegment_ = 0;
-  ByteBuffer inflatedMarks_;
+  std::shared_ptr<InflatedBlock> inflatedMarks_;  // of marksSegment_; null: none
   std::size_t marksSegment_ = 0;
-  bool hasMarks_ = false;
+  bool readsValues_ = false;
   std::uint32_t dataBytes_ = 0;
   std::uint32_t invalBytes_ = 0;
 

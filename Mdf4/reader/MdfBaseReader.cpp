@@ -169,7 +169,6 @@ class TreeWalk {
       M4DGBlock* const block = load<M4DGBlock>(at);
       if (block == nullptr) return;
       state_.dgBlocks[dg] = block;
-      dropSharedData(*block);
       channelGroups(dg, block->link(link::dg_cg_first));
       at = block->link(link::dg_dg_next);
     }
@@ -194,17 +193,6 @@ class TreeWalk {
       return nullptr;
     }
     return static_cast<Block*>(keep(std::move(block)));
-  }
-
-  // A data section has one data group, perhaps a few; links could make it look like thousands.
-  void dropSharedData(M4DGBlock& block) {
-    constexpr int kMostGroups = 16;
-    const std::uint64_t data = block.link(link::dg_data);
-    if (data == 0 || ++dataLinks_[data] <= kMostGroups) return;
-    file_.report(formatText("data group at %" PRIu64 ": its data at %" PRIu64
-                            " belong to %d other data groups",
-                            block.position(), data, kMostGroups));
-    block.setLink(link::dg_data, 0);
   }
 
   void channelGroups(int dg, std::uint64_t first) {
@@ -269,7 +257,6 @@ class TreeWalk {
   ReaderState& state_;
   MDF4File& file_;
   VisitedBlocks visited_;
-  std::unordered_map<std::uint64_t, int> dataLinks_;  // data groups by their data
 };
 
 MdfBaseReader::MdfBaseReader(const std::string& path)
@@ -295,7 +282,6 @@ bool MdfBaseReader::open() {
   state.info = {state.file.end(), id.id_ver, trimmed(id.id_vers), trimmed(id.id_prog),
                 header.hd_start_time_ns};
   state.startTime = utcStartTime(header);
-  const LoadBudget budget(state.file);
   TreeWalk(state).dataGroups();
   return true;
 }

@@ -102,7 +102,6 @@ struct SignalStreams {
   std::map<const m4Block*, ChannelTexts> texts;         // by channel
   std::map<const m4Block*, m4DataStream> values;        // of variable-length channels
   std::list<m4DataStream*> recent;                      // last read first
-  std::uint64_t valuesBudget = 0;                       // for opening these
 
   void open(ReaderState& state, int dg, int cg);
   const RecordStream* find(int dg, int cg);
@@ -168,7 +167,6 @@ void SignalStreams::open(ReaderState& state, int dg, int cg) {
 bool MdfSigReader::open() {
   if (!MdfBaseReader::open()) return false;
   const std::lock_guard lock(streams_->mutex);
-  const LoadBudget budget(state_->file);
   streams_->records.clear();
   streams_->recent.clear();
   streams_->values.clear();
@@ -180,7 +178,6 @@ bool MdfSigReader::open() {
       for (const auto& entry : groups) streams_->open(*state_, dg, entry.first);
     }
   }
-  streams_->valuesBudget = LoadBudget::whole(state_->file);
   streams_->texts.clear();
   ChannelTextLoader loader(state_->file, state_->blocks.size());
   for (const auto& [dg, groups] : state_->cnBlocks) {
@@ -399,7 +396,6 @@ bool MdfSigReader::readValueBytes(int dg, int cg, int cn, const std::uint8_t* re
   const std::lock_guard lock(streams_->mutex);
   auto values = streams_->values.find(channel);
   if (values == streams_->values.end()) {
-    const LoadBudget budget(state_->file, streams_->valuesBudget);
     values =
         streams_->values.emplace(channel, state_->openStream(channel->link(link::cn_data))).first;
   }

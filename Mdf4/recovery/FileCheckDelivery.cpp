@@ -116,8 +116,23 @@ std::string DataDelivery::inflateRows(PieceInflater& inflater, const DataPart& p
   return fault;
 }
 
-bool DataDelivery::inflate(const DataPart& part, ByteBuffer& out) {
-  return canBeHeld(part) && charge(part.length) && inflateRows(lookUps_, part, out).empty();
+std::shared_ptr<const InflatedBlock> DataDelivery::inflate(const DataPart& part) {
+  if (!canBeHeld(part)) return nullptr;
+  DirectFile& file = walk_.file();
+  InflatedBlocks& known = file.inflatedBlocks();
+  std::shared_ptr<InflatedBlock> block = known.find(part.position, part.length);
+  const bool isNew = block == nullptr;
+  const bool again = isNew && known.wasInflated(part.position);
+  if (isNew) {
+    const std::uint64_t cost = std::max(part.length, InflatedBlock::kLeastCost);
+    if (again ? !file.chargeAgain(cost) : !charge(part.length)) return nullptr;
+    block = std::make_shared<InflatedBlock>();
+    if (!inflateRows(lookUps_, part, block->bytes).empty()) return nullptr;
+    block->size = part.length;
+    known.add(part.position, part.length, block);
+  }
+  known.hold(part.position, block, again, file.end());
+  return block;
 }
 
 bool DataDelivery::charge(std::uint64_t bytes) {

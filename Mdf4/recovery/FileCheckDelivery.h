@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "Mdf4/format/Inflater.h"
@@ -47,9 +48,9 @@ class DataDelivery {
 
   // Hands the block's bytes to the sink, and enters what is wrong with them. False when there was.
   bool deliver(const FoundBlock& block, const DataPart& part, DataSink& sink);
-  // The whole of a compressed block in order. False when it is damaged, is too large to be held or
-  // too much was inflated already.
-  bool inflate(const DataPart& part, ByteBuffer& out);
+  // The whole of a compressed block in order, for values: those used last are held by the file.
+  // Null when it is damaged, is too large to be held or too much was inflated already.
+  std::shared_ptr<const InflatedBlock> inflate(const DataPart& part);
   // False for blocks that inflate never gives.
   bool canBeHeld(const DataPart& part) const { return part.length <= sizes_.held; }
 

@@ -77,7 +77,7 @@ CheckedValues::Prefix CheckedValues::readPrefix(std::uint64_t offset, std::uint3
     const std::uint64_t count = std::min(kPrefixSize - done, part.part.length - at);
     if (part.part.compressed) {
       if (!inflate(part)) return Prefix::Unknown;
-      std::memcpy(bytes + done, bytes_.data() + at, count);
+      std::memcpy(bytes + done, inflated_->bytes.data() + at, count);
     } else if (!walk_.read(part.part.position + at, count, bytes + done)) {
       return Prefix::Unknown;
     }
@@ -88,11 +88,11 @@ CheckedValues::Prefix CheckedValues::readPrefix(std::uint64_t offset, std::uint3
 }
 
 bool CheckedValues::inflate(const Part& part) {
-  if (inflated_ != part.part.position) {
-    inflated_ = part.part.position;
-    inflatedWhole_ = delivery_.inflate(part.part, bytes_);
+  if (inflatedAt_ != part.part.position) {
+    inflatedAt_ = part.part.position;
+    inflated_ = delivery_.inflate(part.part);
   }
-  return inflatedWhole_;
+  return inflated_ != nullptr;
 }
 
 RecordWatch::RecordWatch(BlockWalk& walk, const CheckedGroup& group,

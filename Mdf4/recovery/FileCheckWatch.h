@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <memory>
 #include <optional>
 #include <unordered_map>
 #include <vector>
@@ -38,10 +39,9 @@ class CheckedValues final : public DataSink {
   DataDelivery& delivery_;
   std::vector<Part> parts_;  // none empty
   std::uint64_t size_ = 0;
-  std::size_t last_ = 0;        // of parts_, looked at last
-  std::uint64_t inflated_ = 0;  // position of the part that `bytes_` holds, or failed to
-  bool inflatedWhole_ = false;
-  ByteBuffer bytes_;
+  std::size_t last_ = 0;                           // of parts_, looked at last
+  std::uint64_t inflatedAt_ = 0;                   // position of the part that was inflated last
+  std::shared_ptr<const InflatedBlock> inflated_;  // null: it could not be
 };
 
 // Looks at the records of one channel group. Of a record that comes in pieces, it keeps the bytes

@@ -1,0 +1,45 @@
+// What one open file may cost.
+#pragma once
+
+#include <cstdint>
+
+namespace tolvex {
+
+// The work and memory that the claims of one open file may cause, in proportion to its size: enough
+// for every file whose blocks are really shared, and an end for files whose links make a few blocks
+// look like billions. Lives from the file's opening to its closing.
+//
+// Loading: the bytes of every block that is loaded, of compressed ones when they are inflated for
+// the first time, and of copies of a text that a list of channels needs. Texts and conversions are
+// held once per block, so whatever asks for them again costs nothing.
+// Inflating again: the inflated bytes of blocks that values in compressed signal data lead back to
+// after they were let go.
+//
+// Once it is used up, what was asked for counts as absent, and the file's problems say so.
+class LoadBudget {
+ public:
+  LoadBudget() = default;  // of no file: nothing is left
+  explicit LoadBudget(std::uint64_t fileSize)
+      : load_(times(fileSize, 16, std::uint64_t{1} << 20)),
+        again_(times(fileSize, 1024, std::uint64_t{16} << 30)) {}
+
+  // Take `bytes`; false, with nothing taken, when fewer are left.
+  bool takeLoad(std::uint64_t bytes) { return take(load_, bytes); }
+  bool takeAgain(std::uint64_t bytes) { return take(again_, bytes); }
+
+ private:
+  static std::uint64_t times(std::uint64_t size, std::uint64_t factor, std::uint64_t always) {
+    constexpr std::uint64_t kMost = ~std::uint64_t{0};
+    return size > (kMost - always) / factor ? kMost : size * factor + always;
+  }
+  static bool take(std::uint64_t& left, std::uint64_t bytes) {
+    if (bytes > left) return false;
+    left -= bytes;
+    return true;
+  }
+
+  std::uint64_t load_ = 0;
+  std::uint64_t again_ = 0;
+};
+
+}  // namespace tolvex
