@@ -57,6 +57,7 @@ Mdf4File::~Mdf4File() {
 
 bool Mdf4File::create(const FileOpener& open, const std::string& path, const std::string& programId,
                       std::uint32_t version, std::uint64_t startTimeUs) {
+  DirectFile::Close();  // it may be this path that it holds
   std::unique_ptr<SystemFile> file = open(path, OpenMode::Create, error_);
   if (file == nullptr || !attach(std::move(file))) return false;
   const IdBlock id = identification(programId, version);
