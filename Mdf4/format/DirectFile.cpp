@@ -70,6 +70,10 @@ ByteRange DirectFile::nextUnreadable(std::uint64_t from, std::uint64_t end) cons
   return sectors_ == nullptr ? ByteRange{end, end} : sectors_->nextUnreadable(from, end);
 }
 
+std::string DirectFile::unreadableReason() const {
+  return systemErrorText(sectors_ == nullptr ? 0 : sectors_->error());
+}
+
 bool DirectFile::ReadAt(std::uint64_t position, std::uint64_t length, void* buffer) {
   const WritableBytes bytes(static_cast<std::uint8_t*>(buffer), length);
   bool done = false;

@@ -68,6 +68,8 @@ class DirectFile {
   // The first bytes between `from` and `end` that were found to be unreadable so; empty, at `end`,
   // when there are none. What is unreadable stays so.
   ByteRange nextUnreadable(std::uint64_t from, std::uint64_t end) const;
+  // Why the last of them could not be read, in the system's words.
+  std::string unreadableReason() const;
 
   // Reads exactly `length` bytes. A short read prints "DirectFile::ReadAt failed" and fails.
   bool ReadAt(std::uint64_t position, std::uint64_t length, void* buffer);

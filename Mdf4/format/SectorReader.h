@@ -18,6 +18,7 @@ class SectorReader {
   // As SystemFile::read, up to the first unreadable byte. What can be read behind it is there, too.
   ReadResult read(SystemFile& file, std::uint64_t position, std::span<const WritableBytes> pieces);
   ByteRange nextUnreadable(std::uint64_t from, std::uint64_t end) const;
+  int error() const { return error_; }  // of the last attempt that failed
 
  private:
   ReadResult readPiece(SystemFile& file, std::uint64_t position, WritableBytes piece);
@@ -26,7 +27,7 @@ class SectorReader {
 
   std::map<std::uint64_t, std::uint64_t> unreadable_;  // start to end, none touching another
   std::uint64_t unit_ = 512;                           // that starts and ends are multiples of
-  int error_ = 0;                                      // of the last attempt that failed
+  int error_ = 0;
 };
 
 }  // namespace tolvex

@@ -17,9 +17,29 @@ bool BlockBytes::read(std::uint64_t bytes, std::uint8_t* to) {
   if (inflated_ ? inflated_->Read(bytes, to) != bytes : !file_.ReadAt(position_, bytes, to)) {
     return false;
   }
+  pass(bytes);
+  return true;
+}
+
+std::uint64_t BlockBytes::readSome(std::uint64_t bytes, std::uint8_t* to) {
+  if (read(bytes, to)) return bytes;
+  if (inflated_ || bytes > left_) return 0;
+  const WritableBytes piece(to, bytes);
+  const std::uint64_t got = file_.readPieces(position_, std::span(&piece, 1));
+  pass(got);
+  return got;
+}
+
+std::uint64_t BlockBytes::passUnreadable() {
+  const ByteRange bad = file_.nextUnreadable(position_, position_ + left_);
+  if (inflated_ || bad.start != position_) return 0;
+  pass(bad.end - bad.start);
+  return bad.end - bad.start;
+}
+
+void BlockBytes::pass(std::uint64_t bytes) {
   position_ += bytes;
   left_ -= bytes;
-  return true;
 }
 
 RecordBytes::RecordBytes(DirectFile& file, const ChainBlock& block, std::uint32_t dataBytes,
@@ -41,18 +61,40 @@ std::uint64_t RecordBytes::left() const {
   return data_.left() / dataBytes_ * (std::uint64_t{dataBytes_} + invalBytes_);
 }
 
-bool RecordBytes::read(std::uint64_t bytes, std::uint8_t* to) {
-  if (invalBytes_ == 0) return data_.read(bytes, to);
+std::uint64_t RecordBytes::readSome(std::uint64_t bytes, std::uint8_t* to) {
+  if (invalBytes_ == 0) return data_.readSome(bytes, to);
   const std::uint64_t recordSize = std::uint64_t{dataBytes_} + invalBytes_;
-  for (std::uint64_t done = 0; done < bytes; done += recordSize, to += recordSize) {
-    if (!data_.read(dataBytes_, to)) return false;
-    std::memset(to + dataBytes_, 0, invalBytes_);
-    if (marks_ && !marks_->read(invalBytes_, to + dataBytes_)) {
-      marks_.reset();
-      lostMarks_ = true;
-    }
+  std::uint64_t done = 0;
+  for (; done < bytes && data_.read(dataBytes_, to + done); done += recordSize) {
+    readMarks(to + done + dataBytes_);
   }
-  return true;
+  return done;
+}
+
+void RecordBytes::readMarks(std::uint8_t* to) {
+  std::memset(to, 0, invalBytes_);
+  if (!marks_ || marks_->read(invalBytes_, to)) return;
+  std::memset(to, 0, invalBytes_);
+  lostMarks_ = true;
+  passMarks();
+}
+
+// Those of the next record; of all that follow where there is no way on.
+void RecordBytes::passMarks() {
+  if (!marks_) return;
+  if (marks_->left() < invalBytes_ || !marks_->canPass()) {
+    marks_.reset();
+  } else {
+    marks_->pass(invalBytes_);
+  }
+}
+
+std::uint64_t RecordBytes::passUnreadable() {
+  if (invalBytes_ == 0) return data_.passUnreadable();
+  if (data_.left() < dataBytes_ || !data_.canPass()) return 0;
+  data_.pass(dataBytes_);
+  passMarks();
+  return std::uint64_t{dataBytes_} + invalBytes_;
 }
 
 }  // namespace tolvex

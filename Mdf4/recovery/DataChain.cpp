@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 #include "Mdf4/format/Inflater.h"
 #include "Mdf4/recovery/LinkRules.h"
@@ -36,8 +37,13 @@ bool DataChain::next(ChainBlock& block) {
       continue;
     }
     if (list_ != 0) {
-      next_ = link(0);
-      list_ = 0;
+      const std::uint64_t list = std::exchange(list_, 0);
+      if (!file_.ReadAt(list + kBlockHeaderSize, kLinkSize, &next_)) {
+        next_ = 0;  // there may be more, nobody knows where
+        block = {};
+        block.position = list;
+        return true;
+      }
     }
     if (next_ == 0) return false;
     const std::uint64_t position = next_;
@@ -55,38 +61,43 @@ bool DataChain::enter(std::uint64_t position, ChainBlock& block) {
     settle(block, 0);
     return true;
   }
-  block.kind = ChainBlock::List;
-  block.type = header.type;
-  block.size = header.length;
   if (header.type == block_type::kHL) {
     std::uint64_t first = 0;
-    file_.ReadAt(position + kBlockHeaderSize, kLinkSize, &first);
+    if (!file_.ReadAt(position + kBlockHeaderSize, kLinkSize, &first)) return true;
+    block.kind = ChainBlock::List;
+    block.type = header.type;
+    block.size = header.length;
     next_ = first;
     return true;
   }
+  m4DLRecord list = {};
+  m4LDRecord columnList = {};
+  const std::uint64_t record = position + kBlockHeaderSize + header.linkCount * kLinkSize;
+  columns_ = header.type == block_type::kLD;
+  if (!(columns_ ? file_.ReadAt(record, sizeof columnList, &columnList)
+                 : file_.ReadAt(record, sizeof list, &list))) {
+    return true;
+  }
+  block.kind = ChainBlock::List;
+  block.type = header.type;
+  block.size = header.length;
   list_ = position;
   index_ = 0;
   links_ = header.linkCount;
-  columns_ = header.type == block_type::kLD;
-  const std::uint64_t record = position + kBlockHeaderSize + links_ * kLinkSize;
   numbers_ = record + sizeof(m4DLRecord);
   numberCount_ = (position + header.length - numbers_) / sizeof(std::uint64_t);
   equalLength_ = 0;
   if (columns_) {
-    m4LDRecord list = {};
-    file_.ReadAt(record, sizeof list, &list);
-    count_ = std::min<std::uint64_t>(list.ld_count, links_ - 1);
+    count_ = std::min<std::uint64_t>(columnList.ld_count, links_ - 1);
     counted_ = count_;
   } else {
     // Entries are what has a link: a count can be damaged, or older than the links; one behind the
     // count names the block that was being written.
-    m4DLRecord list = {};
-    file_.ReadAt(record, sizeof list, &list);
     counted_ = list.dl_count;
     count_ = links_ - 1;
     while (count_ > list.dl_count && link(count_) == 0) --count_;
     if ((list.dl_flags & kDlFlagEqualLength) != 0)
-      equalLength_ = number(0);
+      readNumber(0, equalLength_);
     else if (numberCount_ < count_)
       numberCount_ = 0;
   }
@@ -101,19 +112,16 @@ std::uint64_t DataChain::link(std::uint64_t index) const {
   return value;
 }
 
-std::uint64_t DataChain::number(std::uint64_t index) const {
-  std::uint64_t value = 0;
-  if (index < numberCount_) {
-    file_.ReadAt(numbers_ + index * sizeof value, sizeof value, &value);
-  }
-  return value;
+bool DataChain::readNumber(std::uint64_t index, std::uint64_t& value) const {
+  return index < numberCount_ &&
+         file_.ReadAt(numbers_ + index * sizeof value, sizeof value, &value);
 }
 
 std::uint64_t DataChain::expectedBytes(std::uint64_t index) const {
   if (equalLength_ != 0) return equalLength_;
-  if (columns_ || index + 1 >= numberCount_) return 0;
-  const std::uint64_t start = number(index);
-  const std::uint64_t end = number(index + 1);
+  std::uint64_t start = 0;
+  std::uint64_t end = 0;
+  if (columns_ || !readNumber(index, start) || !readNumber(index + 1, end)) return 0;
   return end > start ? end - start : 0;
 }
 
@@ -154,10 +162,12 @@ void DataChain::settle(ChainBlock& block, std::uint64_t expected) {
   if (expected > mostInflated(file_.end())) expected = 0;
   block.bytes = expected;
   BlockHeader header;
-  if (block.position == 0 || !readHeader(file_, block.position, header) ||
-      header.marker != kBlockMarker) {
+  if (block.position == 0 || !file_.holds(block.position, kBlockHeaderSize)) return;
+  if (!readHeader(file_, block.position, header)) {
+    settleHeadless(block);
     return;
   }
+  if (header.marker != kBlockMarker) return;
   const std::uint64_t present = file_.end() - block.position - kBlockHeaderSize;
   std::uint64_t stated = 0;
   if (header.type == block_type::kDZ) {
@@ -190,6 +200,19 @@ void DataChain::settle(ChainBlock& block, std::uint64_t expected) {
   block.kind = ChainBlock::Data;
   block.type = header.type;
   block.size = kBlockHeaderSize + stated;
+}
+
+// Of a block whose header cannot be read, the list knows how long it is; where another block stands
+// behind so many bytes, they are not compressed. (Writers may pad a block twice.)
+void DataChain::settleHeadless(ChainBlock& block) const {
+  const std::uint64_t start = block.position + kBlockHeaderSize;
+  if (block.bytes == 0 || !file_.holds(start, block.bytes)) return;
+  const std::uint64_t end = start + block.bytes;
+  if (!followedByBlock(end) && !followedByBlock(end + kAlignment)) return;
+  block.kind = ChainBlock::Data;
+  block.type = block_type::kDT;
+  block.size = kBlockHeaderSize + block.bytes;
+  block.headless = true;
 }
 
 }  // namespace tolvex

@@ -26,6 +26,7 @@ struct ChainBlock {
   std::uint64_t bytes = 0;  // of data; inflated for a DZ
   bool repaired = false;    // the block's header and its list disagree about `bytes`
   bool cut = false;         // the file ends, or another block begins, where it should go on
+  bool headless = false;    // its header cannot be read: it has room for `bytes`, by its list
   bool uncounted = false;  // no list counts it: the process that wrote it may have been killed then
   bool columns = false;    // named by an LD: records without their invalidation bytes
   std::uint64_t marks = 0;  // position of the block of invalidation bytes beside it, or 0
@@ -47,8 +48,9 @@ class DataChain {
   bool nextEntry(ChainBlock& block);
   std::uint64_t expectedBytes(std::uint64_t index) const;
   std::uint64_t link(std::uint64_t index) const;
-  std::uint64_t number(std::uint64_t index) const;
+  bool readNumber(std::uint64_t index, std::uint64_t& value) const;
   void settle(ChainBlock& block, std::uint64_t expected);
+  void settleHeadless(ChainBlock& block) const;
   bool beginsWithZeros(std::uint64_t position) const;
   bool followedByBlock(std::uint64_t end) const;
 

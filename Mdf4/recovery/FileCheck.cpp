@@ -297,6 +297,26 @@ void FileCheck::advance(std::uint64_t bytes) {
   progress_(std::min(done_, file_.end()), file_.end());
 }
 
+// What cannot be read comes first, since much else follows from it.
+void enterUnreadable(const DirectFile& file, MdfCheckReport& report) {
+  constexpr std::size_t kMostKept = 1000;
+  std::vector<MdfFinding> unreadable;
+  const auto enter = [&](std::uint64_t position, std::string what) {
+    ++report.errors;
+    if (unreadable.size() < kMostKept)
+      unreadable.push_back({true, position, std::move(what), "", ""});
+  };
+  const std::uint64_t end = file.end();
+  for (ByteRange bad = file.nextUnreadable(0, end); !bad.empty();
+       bad = file.nextUnreadable(bad.end, end)) {
+    enter(bad.start, formatText("reading %" PRIu64 " bytes failed: %s", bad.end - bad.start,
+                                file.unreadableReason().c_str()));
+  }
+  if (unreadable.empty() && !file.readError().empty()) enter(0, file.readError());
+  report.findings.insert(report.findings.begin(), unreadable.begin(), unreadable.end());
+  report.findings.resize(std::min(report.findings.size(), kMostKept));
+}
+
 }  // namespace
 
 MdfCheckReport checkFile(const std::string& path, const MdfProgress& progress) {
@@ -309,7 +329,9 @@ MdfCheckReport checkFile(const std::string& path, const MdfProgress& progress,
   try {
     DirectFile file;
     if (file.open(path, OpenMode::Read)) {
+      file.readBySectors();
       FileCheck(file, report, progress, sizes).run();
+      enterUnreadable(file, report);
     } else {
       report.failure = file.openError();
     }

@@ -128,7 +128,23 @@ std::optional<FoundBlock> BlockWalk::look(const BlockLink& link) {
     }
     block.dataBytes = file_.end() - block.dataPosition();
   }
+  if (!isReadable(block)) {
+    findings_.error(block.position, fieldName(block.type, "cannot be read"), "", "");
+    return std::nullopt;
+  }
   return block;
+}
+
+// What cannot be read is not judged; of data and attachments that is up to those who look at them.
+bool BlockWalk::isReadable(const FoundBlock& block) {
+  std::array<std::uint8_t, kPiece> piece;
+  const bool isBulk =
+      isPlainData(block.type) || block.type == block_type::kDZ || block.type == block_type::kAT;
+  const std::uint64_t end = isBulk ? block.dataPosition() : block.end();
+  for (std::uint64_t at = block.position; at < end; at += kPiece) {
+    if (!read(at, std::min<std::uint64_t>(kPiece, end - at), piece.data())) return false;
+  }
+  return true;
 }
 
 bool BlockWalk::own(const FoundBlock& block) {

@@ -111,6 +111,7 @@ class BlockWalk {
 
   bool leadsToItsKind(const BlockLink& link, BlockHeader& header);
   std::optional<FoundBlock> look(const BlockLink& link);
+  bool isReadable(const FoundBlock& block);
   bool own(const FoundBlock& block);
   std::optional<FoundBlock> firstVisit(const BlockLink& link);
   void checkText(const FoundBlock& block);

@@ -34,31 +34,35 @@ DataDelivery::DataDelivery(BlockWalk& walk, const WorkSizes& sizes,
                   : walk.file().end() * kInflatedPerByte + kAlwaysInflated) {}
 
 bool DataDelivery::deliver(const FoundBlock& block, const DataPart& part, DataSink& sink) {
-  return part.compressed ? deliverInflated(block, part, sink) : deliverPlain(block, part, sink);
+  return part.compressed ? deliverInflated(block, part, sink) : deliverPlain(part, sink);
 }
 
-bool DataDelivery::deliverPlain(const FoundBlock& block, const DataPart& part, DataSink& sink) {
+bool DataDelivery::deliverPlain(const DataPart& part, DataSink& sink) {
   if (!sink.wantsBytes()) {
     sink.skip(part.length);
     progress_(part.stored);
     return true;
   }
   need(buffer_.reserve(sizes_.piece));
+  bool whole = true;
   for (std::uint64_t done = 0; done < part.length;) {
     const std::uint64_t length = std::min(sizes_.piece, part.length - done);
     const WritableBytes piece(buffer_.data(), length);
-    if (walk_.file().readPieces(part.position + done, std::span(&piece, 1)) != length) {
-      walk_.findings().error(part.position + done, fieldName(block.type, "data"),
-                             formatText("%" PRIu64 " bytes", length),
-                             "a file that fails to be read");
-      sink.skip(part.length - done);
-      return false;
-    }
-    sink.bytes(piece, part.position + done);
-    done += length;
-    progress_(length);
+    const std::uint64_t start = part.position + done;
+    const std::uint64_t got = walk_.file().readPieces(start, std::span(&piece, 1));
+    if (got != 0) sink.bytes(piece.first(got), start);
+    // What cannot be read is a finding elsewhere.
+    const ByteRange unreadable = walk_.file().nextUnreadable(start + got, start + length);
+    const std::uint64_t passed = got == length ? 0
+                                 : unreadable.start == start + got
+                                     ? unreadable.end - unreadable.start
+                                     : part.length - done - got;
+    if (passed != 0) sink.skip(passed);
+    whole = whole && passed == 0;
+    done += got + passed;
+    progress_(got + passed);
   }
-  return true;
+  return whole;
 }
 
 bool DataDelivery::deliverInflated(const FoundBlock& block, const DataPart& part, DataSink& sink) {

@@ -55,7 +55,7 @@ class DataDelivery {
   bool canBeHeld(const DataPart& part) const { return part.length <= sizes_.held; }
 
  private:
-  bool deliverPlain(const FoundBlock& block, const DataPart& part, DataSink& sink);
+  bool deliverPlain(const DataPart& part, DataSink& sink);
   bool deliverInflated(const FoundBlock& block, const DataPart& part, DataSink& sink);
   std::string inflateRows(PieceInflater& inflater, const DataPart& part, ByteBuffer& rows);
   bool charge(std::uint64_t bytes);

@@ -37,7 +37,10 @@ std::string PieceInflater::inflate(std::uint64_t position, std::uint64_t length,
   while (result == Z_OK || result == Z_BUF_ERROR) {
     if (z.avail_in == 0 && length != 0) {
       const std::uint64_t next = std::min<std::uint64_t>(length, stream_->in.size());
-      if (!file_.holds(position, next) || !file_.ReadAt(position, next, stream_->in.data())) break;
+      if (!file_.holds(position, next)) break;
+      if (!file_.ReadAt(position, next, stream_->in.data())) {
+        return formatText("unreadable behind %" PRIu64 " bytes", done);
+      }
       position += next;
       length -= next;
       z.next_in = stream_->in.data();

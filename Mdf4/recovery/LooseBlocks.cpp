@@ -44,11 +44,17 @@ std::uint64_t LooseBlocks::nextMarker(std::uint64_t at, std::uint64_t end) {
   std::array<std::uint8_t, 16 * 1024> piece;
   while (at < end && end - at >= kBlockHeaderSize) {
     const std::uint64_t size = std::min<std::uint64_t>(piece.size(), end - at);
-    if (!in_.ReadAt(at, size, piece.data())) break;
-    for (std::uint64_t i = 0; i + 1 < size; i += kAlignment) {
+    const WritableBytes bytes = std::span(piece).first(size);
+    const std::uint64_t got =
+        in_.ReadAt(at, size, piece.data()) ? size : in_.readPieces(at, std::span(&bytes, 1));
+    for (std::uint64_t i = 0; i + 1 < got; i += kAlignment) {
       if (piece[i] == '#' && piece[i + 1] == '#') return at + i;
     }
-    at += piece.size();
+    at += got;
+    if (got == size) continue;
+    const ByteRange unreadable = in_.nextUnreadable(at, end);
+    if (unreadable.start != at) break;
+    at = (unreadable.end + kAlignment - 1) / kAlignment * kAlignment;
   }
   return 0;
 }

@@ -71,6 +71,7 @@ class Recovery {
                    const DataRun& run);
   const SourceGroup* valuesAt(const SourceData& data, std::uint64_t position);
   bool writeEnd();
+  void noteUnreadable();
   void advance(std::uint64_t bytes);
 
   const MdfRecoverOptions& options_;
@@ -105,7 +106,9 @@ bool Recovery::readIdentification() {
   constexpr std::uint16_t kUsual = 410;
   const bool isKnown = fileId == kFileId || unfinished_;
   const bool isVersion = id_.id_ver >= kOldest && id_.id_ver <= kNewest;
-  if (!hasHeader && !(isKnown && isVersion)) {
+  // What cannot be read may have been sound.
+  const bool isUnknown = !in_.nextUnreadable(0, kHeaderBlockPosition + kBlockHeaderSize).empty();
+  if (!hasHeader && !(isKnown && isVersion) && !isUnknown) {
     report_.failure =
         "identification at 0: no measurement file in this format, and no header block at 64";
     return false;
@@ -269,7 +272,7 @@ bool Recovery::copySorted(SourceGroup& group, std::size_t number) {
   SortedRecords copy(in_, group, values, records, sizes_);
   if (!copy.copy(run, [this](std::uint64_t bytes) { advance(bytes); })) return false;
   if (records.units() == group.record.cg_cycle_count && values.lostValues() == 0 &&
-      report.lostRecords == 0) {
+      report.lostRecords == 0 && !copy.lostMarks()) {
     // All that is counted is there: of what was missing nothing is lost.
     const auto first = report.losses.begin() + static_cast<std::ptrdiff_t>(before);
     for (auto loss = first; loss != report.losses.end(); ++loss) noteRepair(report, *loss);
@@ -439,6 +442,7 @@ void Recovery::run(std::unique_ptr<SystemFile> input, std::unique_ptr<SystemFile
     report_.failure = "a file's size is unknown";
     return;
   }
+  in_.readBySectors();
   if (!readIdentification()) return;
   out_.Allocate(kIdBlockSize, false);
   const bool counted = !unfinished_ || (id_.id_unfin_flags & kCycleCounts) == 0;
@@ -451,16 +455,33 @@ void Recovery::run(std::unique_ptr<SystemFile> input, std::unique_ptr<SystemFile
   const std::vector<SourceGroup>& groups = tree_->groups();
   if (std::ranges::all_of(groups, [](const SourceGroup& group) { return group.holdsValues(); })) {
     report_.failure = "nothing usable: no channel group was found";
+    if (!in_.readError().empty()) report_.failure += "; " + in_.readError();
     return;
   }
   if (!copyData() || !writeEnd()) {
     report_.failure = out_.writeError().empty() ? "the input cannot be read" : out_.writeError();
     return;
   }
+  noteUnreadable();
   for (const SourceGroup& group : groups) {
     if (!group.holdsValues()) report_.groups.push_back(group.report);
   }
   if (options_.progress) options_.progress(in_.end(), in_.end());
+}
+
+// Whatever cannot be read may have been a loss; it comes before what was seen to be missing.
+void Recovery::noteUnreadable() {
+  constexpr std::size_t kMost = 100;
+  std::vector<std::string> texts;
+  ByteRange bad;
+  while (texts.size() < kMost && !(bad = in_.nextUnreadable(bad.end, in_.end())).empty()) {
+    texts.push_back(formatText("reading %" PRIu64 " bytes at %" PRIu64 " failed: %s",
+                               bad.end - bad.start, bad.start, in_.unreadableReason().c_str()));
+  }
+  if (texts.empty() && !in_.readError().empty()) texts.push_back(in_.readError());
+  if (!out_.readError().empty()) texts.push_back("the result: " + out_.readError());
+  report_.losses.insert(report_.losses.begin(), texts.begin(), texts.end());
+  report_.losses.resize(std::min(report_.losses.size(), kMost));
 }
 
 }  // namespace

@@ -24,7 +24,7 @@ bool SortedRecords::copy(const DataRun& run, const Done& done) {
                    ? block.bytes / group_.record.cg_data_bytes * size_
                    : block.bytes,
                block.position);
-    } else if (!copyBlock(block, done)) {
+    } else if (!copyBlock(block, run.last && block.position == run.last->position, done)) {
       return false;
     }
   }
@@ -33,9 +33,10 @@ bool SortedRecords::copy(const DataRun& run, const Done& done) {
 }
 
 // False when a write fails.
-bool SortedRecords::copyBlock(const ChainBlock& found, const Done& done) {
+bool SortedRecords::copyBlock(const ChainBlock& found, bool isLast, const Done& done) {
   ChainBlock block = found;
   if (block.uncounted) block.bytes = writtenBytes(block);
+  if (block.headless && isLast) block.bytes = filledBytes(block);
   RecordBytes bytes(in_, block, group_.record.cg_data_bytes, group_.record.cg_inval_bytes);
   const std::uint64_t whole = bytes.left();
   if (block.repaired) {
@@ -49,11 +50,18 @@ bool SortedRecords::copyBlock(const ChainBlock& found, const Done& done) {
     const bool plain = isPlainData(block.type) && !block.columns;
     const std::uint64_t position =
         plain ? block.position + kBlockHeaderSize + (whole - bytes.left()) : 0;
-    if (!takePiece(bytes, count, position, read)) return false;
-    done(count);
+    std::uint64_t got = 0;
+    if (!takePiece(bytes, count, position, got)) return false;
+    done(got);
+    if (got == count) continue;
+    const std::uint64_t lost = bytes.passUnreadable();
+    read = lost != 0;
+    if (read) leaveOut(lost, plain ? position + got : block.position, "unreadable bytes");
+    done(lost);
   }
   if (!read) leaveOut(whole == 0 ? block.bytes : bytes.left(), block.position);
   if (bytes.lostMarks()) {
+    lostMarks_ = true;
     noteLoss(group_.report,
              formatText("invalidation bytes at %" PRIu64 ": the samples of the block "
                         "beside them count as valid",
@@ -89,31 +97,45 @@ std::uint64_t SortedRecords::writtenBytes(const ChainBlock& block) {
   return (written - start) / size_ * size_;
 }
 
-// The next bytes of a block, from `position` of the file on unless that is 0. `read` becomes false
-// when they cannot be read.
+// Of a last block whose header cannot be read, the records up to the last one that is not zeros:
+// the room behind them was never used.
+std::uint64_t SortedRecords::filledBytes(const ChainBlock& block) {
+  constexpr std::uint64_t kPage = 4096;
+  const std::uint64_t start = block.position + kBlockHeaderSize;
+  std::array<std::uint8_t, kPage> page;
+  for (std::uint64_t end = start + block.bytes; end > start;) {
+    const std::uint64_t from = std::max(start, (end - 1) / kPage * kPage);
+    if (!in_.ReadAt(from, end - from, page.data())) return end - start;
+    while (end > from && page[end - from - 1] == 0) --end;
+    if (end > from) return std::min((end - start + size_ - 1) / size_ * size_, block.bytes);
+  }
+  return 0;
+}
+
+// The next `count` bytes of a block, from `position` of the file on unless that is 0. `got` becomes
+// how many of them can be read, up to the first one that cannot.
 bool SortedRecords::takePiece(RecordBytes& bytes, std::uint64_t count, std::uint64_t position,
-                              bool& read) {
+                              std::uint64_t& got) {
   if (!oneByOne_ && skip_ == 0) {
     std::uint8_t* const place = records_.room(count);
     if (place == nullptr) return false;
-    read = bytes.read(count, place);
-    if (!read) return true;
-    if (position == 0 || !findHole({place, count}, 0, position)) {
-      offset_ += count;
-      return records_.commit(count);
+    got = bytes.readSome(count, place);
+    if (position == 0 || !findHole({place, got}, 0, position)) {
+      offset_ += got;
+      return records_.commit(got);
     }
-    piece_.assign(place, place + count);
+    piece_.assign(place, place + got);
   } else {
     piece_.resize(count);
-    read = bytes.read(count, piece_.data());
-    if (!read) return true;
+    got = bytes.readSome(count, piece_.data());
+    piece_.resize(got);
   }
-  for (std::uint64_t at = 0; at < count;) {
+  for (std::uint64_t at = 0; at < got;) {
     const std::optional<Hole> hole = position == 0 ? std::nullopt : findHole(piece_, at, position);
-    const std::uint64_t end = hole ? hole->start : count;
+    const std::uint64_t end = hole ? hole->start : got;
     if (!takeBytes(ByteSpan(piece_).subspan(at, end - at))) return false;
     if (hole) leaveOut(hole->end - hole->start, position + hole->start, "zeros");
-    at = hole ? hole->end : count;
+    at = hole ? hole->end : got;
   }
   return true;
 }

@@ -33,17 +33,21 @@ class SortedRecords {
 
   // False when a write fails.
   bool copy(const DataRun& run, const Done& done);
+  // Whether invalidation bytes were lost alone.
+  bool lostMarks() const { return lostMarks_; }
 
  private:
-  bool copyBlock(const ChainBlock& found, const Done& done);
+  bool copyBlock(const ChainBlock& found, bool isLast, const Done& done);
   std::uint64_t writtenBytes(const ChainBlock& block);
+  std::uint64_t filledBytes(const ChainBlock& block);
   // A part of a piece that holds nothing.
   struct Hole {
     std::uint64_t start;
     std::uint64_t end;
   };
 
-  bool takePiece(RecordBytes& bytes, std::uint64_t count, std::uint64_t position, bool& read);
+  bool takePiece(RecordBytes& bytes, std::uint64_t count, std::uint64_t position,
+                 std::uint64_t& got);
   std::optional<Hole> findHole(ByteSpan bytes, std::uint64_t from, std::uint64_t position) const;
   bool takeBytes(ByteSpan bytes);
   bool takeRecords(ByteSpan bytes);
@@ -60,7 +64,8 @@ class SortedRecords {
   std::uint64_t skip_ = 0;             // bytes up to the next record
   std::vector<std::uint8_t> piece_;    // one by one: what was read
   std::vector<std::uint8_t> partial_;  // and the beginning of a record
-  bool ended_ = false;                 // what follows is unused room
+  bool lostMarks_ = false;
+  bool ended_ = false;  // what follows is unused room
 };
 
 }  // namespace tolvex

@@ -48,13 +48,14 @@ bool isStructural(std::uint16_t from, std::size_t index) {
   }
 }
 
-// Where the data of a text end: with its first NUL, or where the block does.
-std::uint64_t textLength(DirectFile& file, std::uint64_t position, std::uint64_t bytes,
-                         bool& terminated) {
+// Where the data of a text end: with its first NUL, or where the block does; nothing when it cannot
+// be read.
+std::optional<std::uint64_t> textLength(DirectFile& file, std::uint64_t position,
+                                        std::uint64_t bytes, bool& terminated) {
   std::array<std::uint8_t, 1024> piece;
   for (std::uint64_t done = 0; done < bytes; done += piece.size()) {
     const std::uint64_t count = std::min<std::uint64_t>(piece.size(), bytes - done);
-    if (!file.ReadAt(position + done, count, piece.data())) break;
+    if (!file.ReadAt(position + done, count, piece.data())) return std::nullopt;
     const auto end = piece.begin() + static_cast<std::ptrdiff_t>(count);
     const auto nul = std::find(piece.begin(), end, 0);
     if (nul != end) return done + static_cast<std::uint64_t>(nul - piece.begin()) + 1;
@@ -113,23 +114,28 @@ bool TreeCopy::load(std::uint64_t position, std::uint16_t from, std::size_t inde
   block.type = header.type;
   block.source = position;
   std::vector<std::uint64_t> links(header.linkCount);
-  in_.ReadAt(position + kBlockHeaderSize, links.size() * kLinkSize, links.data());
+  if (!in_.ReadAt(position + kBlockHeaderSize, links.size() * kLinkSize, links.data()))
+    return false;
   block.dataPosition = position + kBlockHeaderSize + links.size() * kLinkSize;
   block.dataBytes = dataBytes;
   if (isText(header.type)) {
     bool terminated = true;
-    block.dataBytes = textLength(in_, block.dataPosition, dataBytes, terminated);
+    const auto length = textLength(in_, block.dataPosition, dataBytes, terminated);
+    if (!length) return false;
+    block.dataBytes = *length;
     if (!terminated) {
       block.data.resize(block.dataBytes + 1);
-      in_.ReadAt(block.dataPosition, block.dataBytes, block.data.data());
+      if (!in_.ReadAt(block.dataPosition, block.dataBytes, block.data.data())) return false;
     }
   } else if (header.type != kAT) {
     block.data.resize(dataBytes);
-    in_.ReadAt(block.dataPosition, dataBytes, block.data.data());
+    if (!in_.ReadAt(block.dataPosition, dataBytes, block.data.data())) return false;
   } else {
     m4ATRecord record = {};
-    in_.ReadAt(block.dataPosition, sizeof record, &record);
-    if (record.at_embedded_size > dataBytes - sizeof record) return false;
+    if (!in_.ReadAt(block.dataPosition, sizeof record, &record) ||
+        record.at_embedded_size > dataBytes - sizeof record) {
+      return false;
+    }
     block.dataBytes = sizeof record + record.at_embedded_size;
   }
   if (!hasSoundFields(in_, header.type, block.dataPosition, {links.size(), dataBytes}))
@@ -352,7 +358,7 @@ std::string TreeCopy::text(std::uint64_t position) const {
     return {};
   }
   std::string text(std::min(bytes, kLongest), '\0');
-  in_.ReadAt(position + header.length - bytes, text.size(), text.data());
+  if (!in_.ReadAt(position + header.length - bytes, text.size(), text.data())) return {};
   return text.substr(0, text.find('\0'));
 }
 
@@ -366,16 +372,15 @@ std::uint64_t TreeCopy::newText(const std::string& text, std::uint16_t type) {
 void TreeCopy::readHeader() {
   PlannedBlock header;
   BlockHeader head;
-  const bool sound = readSoundHeader(in_, kHeaderBlockPosition, head) && head.type == kHD;
   header.type = kHD;
   header.data.resize(sizeof(m4HDRecord));
   header.links.resize(link::hd_md_comment + 1);
-  if (sound) {
+  std::vector<std::uint64_t> links(header.links.size());
+  constexpr std::uint64_t kLinks = kHeaderBlockPosition + kBlockHeaderSize;
+  if (readSoundHeader(in_, kHeaderBlockPosition, head) && head.type == kHD &&
+      in_.ReadAt(kLinks, links.size() * kLinkSize, links.data()) &&
+      in_.ReadAt(kLinks + head.linkCount * kLinkSize, header.data.size(), header.data.data())) {
     header.source = kHeaderBlockPosition;
-    std::vector<std::uint64_t> links(header.links.size());
-    in_.ReadAt(kHeaderBlockPosition + kBlockHeaderSize, links.size() * kLinkSize, links.data());
-    in_.ReadAt(kHeaderBlockPosition + kBlockHeaderSize + head.linkCount * kLinkSize,
-               header.data.size(), header.data.data());
     for (std::size_t i = 0; i < links.size(); ++i) header.links[i] = {links[i], true};
     owned_.add(0, kHeaderBlockPosition + head.length);
   } else {

@@ -138,6 +138,7 @@ class TreeCopy {
   std::uint64_t newText(const std::string& text, std::uint16_t type);
   std::uint64_t resolved(const PlannedBlock& block, std::size_t index) const;
   bool write(const PlannedBlock& block);
+  bool writeWithoutData(PlannedBlock block);
   void lose(std::size_t group, std::string text);
 
   DirectFile& in_;

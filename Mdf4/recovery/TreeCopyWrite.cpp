@@ -98,7 +98,7 @@ bool TreeCopy::write(const PlannedBlock& block) {
   std::uint64_t done = 0;
   if (piece.empty()) {
     piece.resize(std::min(kPiece, dataBytes));
-    if (!in_.ReadAt(block.dataPosition, piece.size(), piece.data())) return false;
+    if (!in_.ReadAt(block.dataPosition, piece.size(), piece.data())) return writeWithoutData(block);
   }
   const std::array<ByteSpan, 3> pieces = {
       bytesOf(header),
@@ -108,13 +108,22 @@ bool TreeCopy::write(const PlannedBlock& block) {
   std::uint64_t position = out_.position();
   for (done = piece.size(); done < dataBytes; done += piece.size()) {
     piece.resize(std::min(kPiece, dataBytes - done));
-    if (!in_.ReadAt(block.dataPosition + done, piece.size(), piece.data()) ||
-        !out_.WriteAt(position, piece.size(), piece.data())) {
-      return false;
+    if (!in_.ReadAt(block.dataPosition + done, piece.size(), piece.data())) {
+      return writeWithoutData(block);
     }
+    if (!out_.WriteAt(position, piece.size(), piece.data())) return false;
     position = out_.position();
   }
   return true;
+}
+
+// A text or an attachment that cannot be read becomes an empty one.
+bool TreeCopy::writeWithoutData(PlannedBlock block) {
+  noteLoss(report_,
+           formatText("%s block at %" PRIu64 ": its %s cannot be read", letters(block.type).c_str(),
+                      block.source, block.type == kAT ? "attachment" : "text"));
+  block.data = block.type == kAT ? dataOf(m4ATRecord{}) : std::vector<std::uint8_t>(1);
+  return write(block);
 }
 
 }  // namespace tolvex

@@ -253,12 +253,13 @@ bool UnsortedRecords::fill(std::uint64_t bytes) {
     if (window_.size() < windowEnd_ + count + kSlack) {
       window_.resize(windowEnd_ + count + kSlack + sizes_.piece);
     }
-    if (!block_->read(count, window_.data() + windowEnd_)) {
-      endPart();
-      break;
-    }
-    windowEnd_ += count;
-    done_(count);
+    const std::uint64_t got = block_->readSome(count, window_.data() + windowEnd_);
+    windowEnd_ += got;
+    done_(got);
+    if (got == count) continue;
+    unreadable_ = block_->passUnreadable();
+    if (unreadable_ == 0) block_.reset();
+    partEnds_ = true;
   }
   return windowEnd_ - at_ >= bytes;
 }
@@ -414,8 +415,12 @@ bool UnsortedRecords::copy(const DataRun& run, MdfRecoveryReport& report, const 
   for (bool first = true; !ended_; first = false) {
     partEnds_ = false;
     if (!first) {
-      noteLoss(report,
-               formatText("data block at %" PRIu64 ": it is missing or ends early", lastPosition_));
+      noteLoss(report, unreadable_ != 0
+                           ? formatText("data block at %" PRIu64 ": %" PRIu64 " unreadable bytes",
+                                        lastPosition_, unreadable_)
+                           : formatText("data block at %" PRIu64 ": it is missing or ends early",
+                                        lastPosition_));
+      unreadable_ = 0;
       if (!breakOff()) return false;
       const std::uint64_t start = findSequence(0);
       if (start != 0 && fill(1) && !leaveOut(std::min(start, windowEnd_ - at_), report))

@@ -139,6 +139,7 @@ class UnsortedRecords {
   std::optional<BlockBytes> block_;
   bool blockCut_ = false;
   std::uint64_t lastPosition_ = 0;  // of the block reached last
+  std::uint64_t unreadable_ = 0;    // bytes of it that end the part; 0: it ends otherwise
   bool partEnds_ = false;           // nothing more can be read into the window
   bool ended_ = false;              // and no other part follows
   std::vector<std::uint8_t> window_;

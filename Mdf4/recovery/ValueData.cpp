@@ -28,22 +28,33 @@ bool ValueData::copy(DirectFile& in, const DataRun& run) {
         const std::uint64_t count = std::min(bytes.left(), pieceSize_);
         std::uint8_t* const place = writer_.room(count);
         if (place == nullptr) return false;
-        if (!bytes.read(count, place)) break;
-        if (!writer_.commit(count)) return false;
-        offset += count;
-        unread -= count;
+        const std::uint64_t got = bytes.readSome(count, place);
+        if (!writer_.commit(got)) return false;
+        const std::uint64_t unreadable = got == count ? 0 : bytes.passUnreadable();
+        lose(offset + got, unreadable);
+        offset += got + unreadable;
+        unread -= got + unreadable;
+        if (got != count && unreadable == 0) break;
       }
       openEnd_ = block.cut;
     } else {
       openEnd_ = unread == 0;  // nobody knows where the next block's bytes belong
     }
-    if (unread != 0) {
-      lostBytes_ += unread;
-      lost_.push_back({offset, offset + unread, lostBytes_});
-      offset += unread;
-    }
+    lose(offset, unread);
+    offset += unread;
   }
   return true;
+}
+
+void ValueData::lose(std::uint64_t start, std::uint64_t bytes) {
+  if (bytes == 0) return;
+  lostBytes_ += bytes;
+  if (!lost_.empty() && lost_.back().end == start) {
+    lost_.back().end = start + bytes;
+    lost_.back().before = lostBytes_;
+  } else {
+    lost_.push_back({start, start + bytes, lostBytes_});
+  }
 }
 
 std::optional<std::uint64_t> ValueData::find(std::uint64_t offset) const {

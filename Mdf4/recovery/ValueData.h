@@ -39,6 +39,8 @@ class ValueData {
     std::uint64_t before;  // bytes lost up to `end`
   };
 
+  void lose(std::uint64_t start, std::uint64_t bytes);
+
   const std::uint64_t pieceSize_;
   DataWriter writer_;
   std::vector<Lost> lost_;  // in ascending order

@@ -749,7 +749,8 @@ struct MdfCheckReport {
 
 // Checks a file against the format: every block that is linked, every list of data blocks, the
 // records' number and times, variable-length values, and bytes that belong to no block. Stops at no
-// finding and never throws. A file that is no MDF 4 file at all has that as its one finding.
+// finding and never throws. Bytes that the system fails to read are the first findings. A file that
+// is no MDF 4 file at all has that as its one finding.
 TOLVEX_EXPORT MdfCheckReport checkFile(const std::string& path,
                                        const MdfProgress& progress = nullptr);
 
@@ -787,8 +788,10 @@ struct MdfRecoverOptions {
 // Writes what is really there of `input` (finished or not, cut or damaged) into `output`, an
 // existing file of that name included: a finalized, sorted file with one data group for each
 // channel group. Needs memory for the channels, not for the records. Refuses to write over its
-// input. Never throws. The result takes the output's name when it is whole: after a failure a file
-// of that name is as it was. Several threads may recover and check different files at once.
+// input. Never throws. Bytes that the system fails to read are tried again, then taken for lost
+// sector by sector, and named among the losses. The result takes the output's name when it is
+// whole: after a failure a file of that name is as it was. Several threads may recover and check
+// different files at once.
 TOLVEX_EXPORT MdfRecoveryReport recoverFile(const std::string& input, const std::string& output,
                                             const MdfRecoverOptions& options = {});
 
