@@ -1,6 +1,7 @@
 // How the program is used, how it fails, and what it says of a file.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
@@ -50,6 +51,21 @@ TEST(Program, EndsWithTheCodeAndTheWordsForWhatHappened) {
     EXPECT_EQ(outcome.out.empty(), !said.empty()) << outcome.out;
   }
 }
+
+#ifdef TOLVEX_FAILING_MEMORY
+// The first allocations come before main.
+TEST(Program, SaysThatThereIsNoMemory) {
+  ::setenv("LD_PRELOAD", TOLVEX_FAILING_MEMORY, 1);
+  for (int number = 1; number < 200; number += number < 100 ? 4 : 25) {
+    ::setenv("TOLVEX_FAILING_ALLOCATION", std::to_string(number).c_str(), 1);
+    const Outcome outcome = runTolvex("info " + realFile("raw-00000005.MF4"));
+    EXPECT_EQ(outcome.exitCode, 1) << number;
+    EXPECT_EQ(outcome.err, "tolvex: out of memory\n") << number;
+  }
+  ::unsetenv("TOLVEX_FAILING_ALLOCATION");
+  ::unsetenv("LD_PRELOAD");
+}
+#endif
 
 TEST(Program, TakesAClosedPipeForANormalEnd) {
   const std::string file = realFile("raw-00000005.MF4");

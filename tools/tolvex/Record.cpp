@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <new>
 #include <optional>
 #include <thread>
 
@@ -209,9 +210,13 @@ class Recording {
         channels_(options.channels, log, progress_),
         maker_(maxDataLength),
         recorder_(createRecorder(options.async)) {
-    createBusLogConfiguration(recorder_.get(), 0, static_cast<int>(maxDataLength));
-    setParameter(recorder_.get(), MDF_RECORDER_SPLIT_SIZE, sizeof(options.splitSize),
-                 &options.splitSize);
+    // All that can fail here is an allocation.
+    if (recorder_ == nullptr ||
+        createBusLogConfiguration(recorder_.get(), 0, static_cast<int>(maxDataLength)) != 0 ||
+        setParameter(recorder_.get(), MDF_RECORDER_SPLIT_SIZE, sizeof(options.splitSize),
+                     &options.splitSize) != 0) {
+      throw std::bad_alloc();
+    }
   }
 
   // Records the line's frame. False when the file cannot be created, said why.
@@ -313,8 +318,10 @@ class Recording {
   void complainOfWriting() {
     complainedOfWriting_ = true;
     progress_.clear();
-    // It names the file. Not fmt::print, which throws when stderr cannot be written either.
-    const std::string line = fmt::format("tolvex: {}\n", printable(recorderError()));
+    const std::string error = recorderError();  // names the file
+    const std::string what = error.empty() ? output_ + ": out of memory" : error;
+    // Not fmt::print, which throws when stderr cannot be written either.
+    const std::string line = fmt::format("tolvex: {}\n", printable(what));
     std::fwrite(line.data(), 1, line.size(), stderr);
   }
 

@@ -5,8 +5,11 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <new>
 
 #include "Command.h"
 #include "Program.h"
@@ -30,6 +33,31 @@ void occupyStandardStreams() {
   }
 }
 
+// Says so without asking for memory.
+void complainOfMemory() {
+  std::fputs("tolvex: out of memory\n", stderr);
+}
+
+// What cannot be caught, as it happens before main or where nothing may be thrown, still ends with
+// a message and an exit code instead of a crash.
+[[noreturn]] void terminate() {
+  try {
+    if (const std::exception_ptr error = std::current_exception()) {
+      std::rethrow_exception(error);
+    }
+  } catch (const std::bad_alloc&) {
+    complainOfMemory();
+    std::_Exit(kFailed);
+  } catch (...) {
+  }
+  std::abort();
+}
+
+// Before the objects with static storage: the command-line parser's allocate.
+[[gnu::constructor(101)]] void setTerminateHandler() {
+  std::set_terminate(terminate);
+}
+
 }  // namespace
 
 }  // namespace tolvex
@@ -43,8 +71,10 @@ int main(int argc, char** argv) {
   std::signal(SIGXFSZ, SIG_IGN);
   try {
     return tolvex::runProgram(argc, argv);
-  } catch (const std::exception& error) {  // out of memory, mostly
+  } catch (const std::bad_alloc&) {
+    tolvex::complainOfMemory();
+  } catch (const std::exception& error) {
     std::cerr << "tolvex: " << tolvex::printable(error.what()) << '\n';
-    return tolvex::kFailed;
   }
+  return tolvex::kFailed;
 }
