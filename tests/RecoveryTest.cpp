@@ -289,6 +289,36 @@ TEST_F(Recovery, LeavesOutAChannelOfValuesThatLiesBeyondItsRecord) {
   EXPECT_EQ(firstError(recovered_), "");
 }
 
+// Before every single read or write.
+TEST_F(Recovery, LeavesNothingBehindWhereverItIsStopped) {
+  write({'o', 'l', 'd'});
+  bool finished = false;
+  for (int calls = 0; !finished; ++calls) {
+    MdfRecoverOptions options;
+    options.verify = true;
+    options.cancelled = [left = calls]() mutable { return left-- == 0; };
+    const MdfRecoveryReport report =
+        recoverFile(data("unfinalized-00000170.MF4"), damaged_, options);
+    finished = report.failure.empty();
+    ASSERT_TRUE(finished || report.failure == "cancelled") << report.failure;
+    ASSERT_EQ(bytesOf(damaged_).size() == 3, !finished);
+    ASSERT_EQ(std::distance(std::filesystem::directory_iterator(dir_.path("")), {}), 1);
+  }
+}
+
+TEST_F(Recovery, WritesNoMoreThanItIsAllowed) {
+  const std::string input = data("raw-00000005.MF4");
+  const std::uint64_t size = std::filesystem::file_size(recovered(input));
+  MdfRecoverOptions options;
+  options.maxOutput = size;
+  EXPECT_EQ(recoverFile(input, damaged_, options).failure, "");
+  options.maxOutput = size - 1;
+  const MdfRecoveryReport report = recoverFile(input, dir_.path("more"), options);
+  EXPECT_TRUE(report.beyondLimit);
+  EXPECT_NE(report.failure.find(std::to_string(size - 1)), std::string::npos) << report.failure;
+  EXPECT_FALSE(std::filesystem::exists(dir_.path("more")));
+}
+
 // Of two groups only the channel groups are found; a third one never had records.
 TEST_F(Recovery, GivesGroupsThatLostTheirDataGroupTheirOwnRecords) {
   FileBuilder file;

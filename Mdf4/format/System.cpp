@@ -33,6 +33,7 @@ constinit std::atomic<unsigned> generation = 1;
 class PosixFile final : public SystemFile {
  public:
   PosixFile() = default;
+  explicit PosixFile(int descriptor) : descriptor_(descriptor) {}
   PosixFile(const PosixFile&) = delete;
   PosixFile& operator=(const PosixFile&) = delete;
   ~PosixFile() override { PosixFile::close(); }
@@ -207,6 +208,13 @@ std::unique_ptr<SystemFile> openSystemFile(const std::string& path, OpenMode mod
   auto file = std::make_unique<PosixFile>();
   if (!file->open(path, mode, error)) return nullptr;
   return file;
+}
+
+std::unique_ptr<SystemFile> systemFileOn(int descriptor, std::string& error) {
+  const int copy = ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+  if (copy >= 0) return std::make_unique<PosixFile>(copy);
+  error = systemErrorText(errno);
+  return nullptr;
 }
 
 unsigned processGeneration() {

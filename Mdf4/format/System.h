@@ -48,6 +48,10 @@ class SystemFile {
 std::unique_ptr<SystemFile> openSystemFile(const std::string& path, OpenMode mode,
                                            std::string& error);
 
+// A file that is open for reading and writing; the descriptor stays the caller's. Null when the
+// system has no more; `error` then says so.
+std::unique_ptr<SystemFile> systemFileOn(int descriptor, std::string& error);
+
 // What an error number means, in the system's words.
 std::string systemErrorText(int error);
 

@@ -22,6 +22,9 @@ std::string verifyRecovery(const std::string& path, const std::vector<GroupCheck
   }
   MDF4File file;
   if (!file.Open(path, false)) return "the result cannot be opened again";
+  std::uint64_t total = 0;
+  for (const GroupChecksum& group : written) total += group.bytes;
+  std::uint64_t done = 0;
   for (const GroupChecksum& group : written) {
     m4DataStream stream(file, group.dataLink);
     std::uint32_t checksum = 0;
@@ -30,6 +33,8 @@ std::string verifyRecovery(const std::string& path, const std::vector<GroupCheck
     for (ByteSpan piece = stream.next(kPiece); !piece.empty(); piece = stream.next(kPiece)) {
       checksum = static_cast<std::uint32_t>(crc32_z(checksum, piece.data(), piece.size()));
       bytes += piece.size();
+      done += piece.size();
+      if (progress) progress(done, total);
     }
     if (bytes != group.bytes || checksum != group.checksum) {
       return formatText("the result is faulty: data at %" PRIu64 ": other bytes than were written",

@@ -12,6 +12,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -771,6 +772,7 @@ struct MdfRecoveryReport {
   std::vector<MdfRecoveredGroup> groups;
   std::vector<std::string> losses;   // outside the groups, the first 100
   std::vector<std::string> repairs;  // likewise
+  bool beyondLimit = false;          // the failure is that the result exceeds the allowed size
   bool lossless() const {
     bool whole = failure.empty() && losses.empty();
     for (const MdfRecoveredGroup& group : groups) {
@@ -783,15 +785,25 @@ struct MdfRecoveryReport {
 struct MdfRecoverOptions {
   bool verify = false;  // read the result again: check it, and compare every record
   MdfProgress progress;
+  // The most bytes that the result may have, as a small file can claim to hold a huge one; 0: any
+  // number. By default 1,000 times the input's size, and at least 1 GiB.
+  std::optional<std::uint64_t> maxOutput = std::nullopt;
+  // Asked before every read and write, on the thread that called; true ends the recovery with the
+  // failure "cancelled".
+  std::function<bool()> cancelled = nullptr;
 };
 
 // Writes what is really there of `input` (finished or not, cut or damaged) into `output`, an
 // existing file of that name included: a finalized, sorted file with one data group for each
 // channel group. Needs memory for the channels, not for the records. Refuses to write over its
 // input. Never throws. Bytes that the system fails to read are tried again, then taken for lost
-// sector by sector, and named among the losses. The result takes the output's name when it is
-// whole: after a failure a file of that name is as it was. Several threads may recover and check
-// different files at once.
+// sector by sector, and named among the losses.
+//
+// The result grows in the output's folder under a name that nobody can foresee, and takes its own,
+// with the input's permissions, when it is whole and on the disk: after a failure what had that
+// name is as it was. Only a process that is killed leaves its tolvex-*.part behind. A device is
+// written directly. Several threads may recover and check files at once; of those that recover into
+// one output, the last wins.
 TOLVEX_EXPORT MdfRecoveryReport recoverFile(const std::string& input, const std::string& output,
                                             const MdfRecoverOptions& options = {});
 

@@ -107,6 +107,13 @@ void RunningTolvex::send(int signal) {
   }
 }
 
+bool RunningTolvex::hasEnded() const {
+  siginfo_t state = {};
+  return process_ <= 0 ||
+         (::waitid(P_PID, static_cast<id_t>(process_), &state, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+          state.si_pid == process_);
+}
+
 Outcome RunningTolvex::wait() {
   int status = 0;
   const bool ended = process_ > 0 && ::waitpid(process_, &status, 0) == process_;

@@ -36,6 +36,7 @@ class RunningTolvex {
 
   void feed(const std::string& text);
   void send(int signal);
+  bool hasEnded() const;  // but was not waited for
   // Gives what it left behind once it has ended; out is empty. The exit code is -1 when a signal
   // killed it.
   Outcome wait();

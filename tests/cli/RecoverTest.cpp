@@ -65,6 +65,18 @@ TEST_F(Recover, RefusesToWriteOverItsInputUnderWhateverName) {
   }
 }
 
+TEST_F(Recover, SaysOfEmptyGroupsOnlyHowManyThereAre) {
+  FileBuilder file;
+  const auto empty = [&] { file.signalGroup({}, {.name = "empty", .dataBytes = 8}, 0); };
+  empty();
+  file.signalGroup({}, {packed(0.0), packed(1.0)});
+  empty();
+  const std::string in = file.write();
+  EXPECT_EQ(runTolvex("recover " + in + " -o " + out_, 0).err,
+            "tolvex: " + in + ": data group 1, channel group 0 \"signals\": 2 records\ntolvex: " +
+                in + ": 2 channel groups without records\n");
+}
+
 // A file that its logger left open: the readers name the command that reads it.
 TEST_F(Recover, MakesFilesReadableThatTheReadersRefuse) {
   const std::string in = realFile("unfinalized-00000002.MF4");

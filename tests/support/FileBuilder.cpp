@@ -124,6 +124,16 @@ Link FileBuilder::block(const std::string& type, const std::vector<Link>& links,
   return position;
 }
 
+Link FileBuilder::copy(Link block) {
+  bytes_.resize((bytes_.size() + 7) / 8 * 8);
+  const Link position = bytes_.size();
+  const auto start = bytes_.begin() + static_cast<std::ptrdiff_t>(block);
+  const Bytes bytes(start, start + static_cast<std::ptrdiff_t>(u64(block + 8)));
+  bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
+  blocks_.push_back(position);
+  return position;
+}
+
 Link FileBuilder::tx(const std::string& text) {
   return block("TX", {}, terminated(text));
 }

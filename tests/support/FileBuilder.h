@@ -154,6 +154,8 @@ class FileBuilder {
 
   // Any block, with a header that tells the truth.
   Link block(const std::string& type, const std::vector<Link>& links, const Bytes& data);
+  // A block that is there, once more.
+  Link copy(Link block);
 
   Link tx(const std::string& text);
   Link md(const std::string& xml);

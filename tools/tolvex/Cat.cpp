@@ -22,6 +22,7 @@ struct CatOptions {
   std::string format = "candump";
   std::optional<double> start;  // seconds
   std::optional<double> end;
+  std::optional<std::uint64_t> maxOutput;  // bytes
 };
 
 FrameFormat formatOf(const std::string& name) {
@@ -124,7 +125,9 @@ int cat(const CatOptions& options) {
       })) {
     return kFailed;
   }
+  OutputBudget budget = budgetFor(options.maxOutput, options.file);
   Output out;
+  out.limitBy(budget);
   if (groups.empty()) {
     complain(options.file, "no CAN frames");
     tellOfOtherEvents(reader, groups, options.file);
@@ -173,6 +176,7 @@ void addCat(CLI::App& app, Command& chosen) {
                    "recording's start")
       ->type_name("SECONDS")
       ->check(number, "");
+  addMaxOutput(*command, options->maxOutput);
   command->footer(
       "Formats:\n"
       "  candump  the log format of can-utils, read by canplayer: (SECONDS) canN ID#DATA with the\n"

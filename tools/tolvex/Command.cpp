@@ -3,9 +3,30 @@
 #include <fmt/format.h>
 #include <tolvex/Mdf4.h>
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
+#include <filesystem>
+
+#include "Mdf4/format/OutputLimit.h"
 
 namespace tolvex {
+
+void addMaxOutput(CLI::App& command, std::optional<std::uint64_t>& bytes) {
+  command
+      .add_option("--max-output", bytes,
+                  "The most bytes to write: a small file can claim\n"
+                  "to hold a huge one. k, M and G stand for 1024,\n"
+                  "1024 k and 1024 M; 0 for no limit. By default\n"
+                  "1,000 times the input, and at least 1G")
+      ->type_name("BYTES")
+      ->transform(CLI::AsSizeValue(false).description(""));
+}
+
+OutputBudget budgetFor(std::optional<std::uint64_t> chosen, const std::string& input) {
+  std::error_code error;
+  const std::uintmax_t size = std::filesystem::file_size(input, error);
+  return {.limit = outputLimit(chosen, error ? 0 : size)};
+}
 
 void complain(std::string_view file, std::string_view what) {
   const std::string line = fmt::format("tolvex: {}: {}\n", printable(file), printable(what));

@@ -1,7 +1,9 @@
 // What the program's commands share: how they are found, how they end and how they complain.
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -35,6 +37,12 @@ void addExport(CLI::App& app, Command& chosen);
 void addDoctor(CLI::App& app, Command& chosen);
 void addRecover(CLI::App& app, Command& chosen);
 void addRecord(CLI::App& app, Command& chosen);
+
+// The option --max-output of a command whose results may be far larger than its input.
+void addMaxOutput(CLI::App& command, std::optional<std::uint64_t>& bytes);
+
+// What a command may write that was given `chosen` bytes by that option, or nothing, for `input`.
+OutputBudget budgetFor(std::optional<std::uint64_t> chosen, const std::string& input);
 
 // Writes the line "tolvex: FILE: what", printable, to the standard error.
 void complain(std::string_view file, std::string_view what);

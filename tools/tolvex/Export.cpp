@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cctype>
+#include <deque>
 #include <filesystem>
 #include <limits>
 #include <memory>
@@ -15,6 +16,7 @@
 #include "Command.h"
 #include "CsvColumn.h"
 #include "Progress.h"
+#include "StopSignals.h"
 
 namespace tolvex {
 
@@ -29,6 +31,7 @@ struct ExportOptions {
   std::vector<std::string> channels;  // all when empty
   CsvOptions csv;
   std::string output;
+  std::optional<std::uint64_t> maxOutput;  // bytes
 
   bool wants(const std::string& channel) const {
     return channels.empty() || std::ranges::find(channels, channel) != channels.end();
@@ -179,7 +182,9 @@ int exportOne(MdfSigReader& reader, const ExportOptions& options) {
   if (complainIfUnsorted(group, options.file) || !channelsExist(reader, {group}, options)) {
     return kFailed;
   }
+  OutputBudget budget = budgetFor(options.maxOutput, options.file);
   Output out;
+  out.limitBy(budget);
   if (!options.output.empty()) {
     if (const ExitCode code = openOutput(out, options.output, options.file); code != kDone) {
       return code;
@@ -230,6 +235,8 @@ int exportAll(MdfSigReader& reader, const ExportOptions& options) {
     return kFailed;
   }
   ExitCode soFar = kDone;
+  OutputBudget budget = budgetFor(options.maxOutput, options.file);
+  std::deque<Output> files;  // get their names together
   for (const MdfGroupInfo& group : groups) {
     if (complainIfUnsorted(group, options.file)) {
       soFar = kLost;
@@ -239,7 +246,8 @@ int exportAll(MdfSigReader& reader, const ExportOptions& options) {
     if (!options.channels.empty() && !hasWanted(columns, options)) {
       continue;
     }
-    Output out;
+    Output& out = files.emplace_back();
+    out.limitBy(budget);
     const std::string path = folder / fileNameOf(group);
     if (const ExitCode code = openOutput(out, path, options.file); code != kDone) {
       return code;
@@ -247,6 +255,12 @@ int exportAll(MdfSigReader& reader, const ExportOptions& options) {
     if (exportGroup(reader, group, columns, out, options) == kLost) {
       soFar = kLost;
     }
+    if (!out.complete()) {
+      complain(out.name(), out.error());
+      return kFailed;
+    }
+  }
+  for (Output& out : files) {
     if (!out.close()) {
       complain(out.name(), out.error());
       return kFailed;
@@ -256,16 +270,23 @@ int exportAll(MdfSigReader& reader, const ExportOptions& options) {
 }
 
 int exportSignals(const ExportOptions& options) {
-  if (!options.dg && options.output.empty()) {
-    complain("export", "without --dg, -o must name a folder for the groups' files");
-    return kWrongUse;
-  }
   MdfSigReader reader(options.file);
   reader.setReadAllGroups(true);
   if (!openOrComplain(reader, options.file)) {
     return kFailed;
   }
   return options.dg ? exportOne(reader, options) : exportAll(reader, options);
+}
+
+int runExport(const ExportOptions& options) {
+  if (!options.output.empty()) {
+    return runStoppable([&] { return exportSignals(options); });
+  }
+  if (!options.dg) {
+    complain("export", "without --dg, -o must name a folder for the groups' files");
+    return kWrongUse;
+  }
+  return exportSignals(options);
 }
 
 }  // namespace
@@ -299,6 +320,7 @@ void addExport(CLI::App& app, Command& chosen) {
                    "With --dg, the file to write; by default the standard output. Without --dg,\n"
                    "the folder that gets a file dgN_cgM_NAME.csv for every group")
       ->type_name("OUT");
+  addMaxOutput(*command, options->maxOutput);
   command->footer(
       "The first column is the group's time, or the record's number (from 0) in a group without\n"
       "one; then the channels in the file's order. Columns are headed \"name [unit]\". Numbers "
@@ -314,7 +336,7 @@ void addExport(CLI::App& app, Command& chosen) {
       "  tolvex export drive.mf4 -o drive\n"
       "  tolvex export drive.mf4 --dg 2 --channel Speed --channel Gear -o speed.csv\n"
       "  tolvex export drive.mf4 --dg 2 --raw | head");
-  command->callback([options, &chosen] { chosen = [options] { return exportSignals(*options); }; });
+  command->callback([options, &chosen] { chosen = [options] { return runExport(*options); }; });
 }
 
 }  // namespace tolvex

@@ -1,11 +1,13 @@
 #include "Output.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
+#include <fmt/format.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+
+#include "StopSignals.h"
 
 namespace tolvex {
 
@@ -21,35 +23,18 @@ Output::Output()
       terminal_(::isatty(STDOUT_FILENO) == 1),
       buffer_(kBufferSize) {}
 
-Output::~Output() {
-  if (owned_) {
-    ::close(descriptor_);
-  }
-}
-
 Output::Opened Output::open(const std::string& path, const std::string& input) {
   name_ = path;
-  // Emptied only once it is known not to be the input.
-  descriptor_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
-  if (descriptor_ < 0) {
-    errorNumber_ = errno;
-    return Opened::Failed;
-  }
-  owned_ = true;
-  terminal_ = ::isatty(descriptor_) == 1;
-  struct stat target {};
-  struct stat source {};
-  if (::fstat(descriptor_, &target) != 0 || ::stat(input.c_str(), &source) != 0) {
-    errorNumber_ = errno;
-    return Opened::Failed;
-  }
-  if (target.st_dev == source.st_dev && target.st_ino == source.st_ino) {
+  std::error_code none;
+  if (std::filesystem::equivalent(path, input, none)) {
     return Opened::IsTheInput;
   }
-  if (S_ISREG(target.st_mode) && ::ftruncate(descriptor_, 0) != 0) {
-    errorNumber_ = errno;
+  if (!file_.open(path)) {
+    error_ = file_.error();
     return Opened::Failed;
   }
+  descriptor_ = file_.descriptor();
+  terminal_ = ::isatty(descriptor_) == 1;
   return Opened::Yes;
 }
 
@@ -59,21 +44,18 @@ void Output::write(std::string_view text) {
   used_ += text.size();
 }
 
-bool Output::pipeClosed() const {
-  return errorNumber_ == EPIPE;
-}
-
-std::string Output::error() const {
-  return std::strerror(errorNumber_);
+bool Output::complete() {
+  flush();
+  buffer_ = {};
+  if (good() && !file_.close()) {
+    error_ = file_.error();
+  }
+  return good();
 }
 
 bool Output::close() {
-  flush();
-  if (owned_) {
-    owned_ = false;
-    if (::close(descriptor_) != 0 && good()) {
-      errorNumber_ = errno;
-    }
+  if (complete() && !file_.publish()) {
+    error_ = file_.error();
   }
   return good();
 }
@@ -86,14 +68,27 @@ void Output::makeRoom(std::size_t size) {
 }
 
 void Output::flush() {
+  if (budget_ != nullptr && good()) {
+    if (used_ > budget_->left) {
+      error_ = fmt::format("would be larger than the limit of {} bytes; --max-output changes it",
+                           budget_->limit);
+    } else {
+      budget_->left -= used_;
+    }
+  }
   const char* at = buffer_.data();
   while (used_ > 0 && good()) {
+    if (StopSignals::received() != 0) {
+      error_ = std::strerror(ECANCELED);
+      break;
+    }
     const ssize_t written = ::write(descriptor_, at, used_);
     if (written >= 0) {
       at += written;
       used_ -= static_cast<std::size_t>(written);
     } else if (errno != EINTR) {
-      errorNumber_ = errno;
+      pipeClosed_ = errno == EPIPE;
+      error_ = std::strerror(errno);
     }
   }
   used_ = 0;

@@ -2,27 +2,39 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <limits>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "Mdf4/format/ResultFile.h"
+
 namespace tolvex {
+
+// The bytes that a command may still write.
+struct OutputBudget {
+  std::uint64_t limit = std::numeric_limits<std::uint64_t>::max();
+  std::uint64_t left = limit;
+};
 
 // Gathers text and writes it in large pieces.
 //
 // The first failed write sticks: what follows is dropped, good() is false, and close() gives false.
-// Text that was not closed is lost with the object. One thread at a time.
+// So does a signal that StopSignals watches for. Text that was not closed is lost with the object,
+// and a file gets its name only when it is closed. One thread at a time.
 class Output {
  public:
   enum class Opened { Yes, IsTheInput, Failed };
 
   Output();  // the standard output
-  ~Output();
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
 
-  // Sends what follows to the file `path` instead, which is created or emptied. A file that is
-  // `input` under whatever name stays untouched. error() says why it failed.
+  // Takes what is written from `budget`, which outlives the object. Beyond it, writing fails.
+  void limitBy(OutputBudget& budget) { budget_ = &budget; }
+  // Sends what follows to a file that is to replace `path`, unless that is `input` under whatever
+  // name. error() says why it failed.
   Opened open(const std::string& path, const std::string& input);
 
   // Room for `size` characters behind what was written; advance takes the end of what was put
@@ -37,13 +49,16 @@ class Output {
   void write(std::string_view text);
   void write(char character) { *room(1) = character, ++used_; }
 
-  bool good() const { return errorNumber_ == 0; }
-  bool pipeClosed() const;  // the failure is that nobody reads the pipe any more
-  std::string error() const;
+  bool good() const { return error_.empty(); }
+  bool pipeClosed() const { return pipeClosed_; }  // the failure: nobody reads the pipe any more
+  const std::string& error() const { return error_; }
   const std::string& name() const { return name_; }
   bool isTerminal() const { return terminal_; }  // then texts of files must be printable
 
-  // Writes the rest and closes a file. False when anything failed since the opening.
+  // Writes the rest; a file is then on the disk, but not yet under its name. Nothing may follow but
+  // close. False when anything failed since the opening.
+  bool complete();
+  // Completes, and gives a file its name.
   bool close();
 
  private:
@@ -51,10 +66,12 @@ class Output {
   void flush();
 
   std::string name_;
+  ResultFile file_;
   int descriptor_;
-  bool owned_ = false;
   bool terminal_;
-  int errorNumber_ = 0;
+  OutputBudget* budget_ = nullptr;
+  bool pipeClosed_ = false;
+  std::string error_;
   std::vector<char> buffer_;
   std::size_t used_ = 0;
 };

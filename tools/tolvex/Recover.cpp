@@ -11,6 +11,7 @@
 
 #include "Command.h"
 #include "Progress.h"
+#include "StopSignals.h"
 
 namespace tolvex {
 
@@ -20,10 +21,16 @@ struct RecoverOptions {
   std::string input;
   std::string output;
   bool verify = false;
+  std::optional<std::uint64_t> maxOutput;  // bytes
 };
 
 std::string count(std::uint64_t number, const char* what) {
   return fmt::format("{} {}{}", number, what, number == 1 ? "" : "s");
+}
+
+bool isEmpty(const MdfRecoveredGroup& group) {
+  return group.records == 0 && group.lostRecords == 0 && group.losses.empty() &&
+         group.repairs.empty();
 }
 
 void describe(const MdfRecoveredGroup& group, const std::string& file) {
@@ -47,6 +54,27 @@ void describe(const MdfRecoveredGroup& group, const std::string& file) {
   }
 }
 
+// Says what has something to say; groups without records are only counted.
+void describe(const MdfRecoveryReport& report, const std::string& file) {
+  std::uint64_t empty = 0;
+  for (const MdfRecoveredGroup& group : report.groups) {
+    if (isEmpty(group)) {
+      ++empty;
+    } else {
+      describe(group, file);
+    }
+  }
+  if (empty != 0) {
+    complain(file, count(empty, "channel group") + " without records");
+  }
+  for (const std::string& loss : report.losses) {
+    complain(file, "lost: " + loss);
+  }
+  for (const std::string& repair : report.repairs) {
+    complain(file, "put right: " + repair);
+  }
+}
+
 int recover(const RecoverOptions& options) {
   std::error_code error;
   if (std::filesystem::equivalent(options.input, options.output, error)) {
@@ -55,26 +83,23 @@ int recover(const RecoverOptions& options) {
   }
   MdfRecoverOptions settings;
   settings.verify = options.verify;
+  settings.maxOutput = options.maxOutput;
+  settings.cancelled = [] { return StopSignals::received() != 0; };
   std::optional<Progress> progress;
+  std::uint64_t lastTotal = 0;  // of the step that is shown
   settings.progress = [&](std::uint64_t done, std::uint64_t total) {
-    if (!progress) {
+    if (!progress || total != lastTotal) {
       progress.emplace("Recovering " + printable(options.input), total, "bytes");
+      lastTotal = total;
     }
     progress->update(done);
   };
   const MdfRecoveryReport report = recoverFile(options.input, options.output, settings);
   progress.reset();
-  for (const MdfRecoveredGroup& group : report.groups) {
-    describe(group, options.input);
-  }
-  for (const std::string& loss : report.losses) {
-    complain(options.input, "lost: " + loss);
-  }
-  for (const std::string& repair : report.repairs) {
-    complain(options.input, "put right: " + repair);
-  }
+  describe(report, options.input);
   if (!report.failure.empty()) {
-    complain(options.input, report.failure);
+    complain(options.input,
+             report.failure + (report.beyondLimit ? "; --max-output changes it" : ""));
     return kFailed;
   }
   return report.lossless() ? kDone : kLost;
@@ -89,11 +114,17 @@ void addRecover(CLI::App& app, Command& chosen) {
   command->add_option("FILE", options->input, "The file, left as it is")->required();
   command->add_option("-o,--output", options->output, "The finished file to write")->required();
   command->add_flag("--verify", options->verify, "Read the result again and compare it");
+  addMaxOutput(*command, options->maxOutput);
   command->footer(
-      "What came back and what was lost is told on the standard error, group by group. Exit "
-      "codes:\n"
-      "0 nothing was lost, 3 something was, 1 nothing usable, and then no file is written.");
-  command->callback([options, &chosen] { chosen = [options] { return recover(*options); }; });
+      "What came back and what was lost is told on the standard error, group by\n"
+      "group. The result gets the permissions of FILE, and the name OUT when it is\n"
+      "whole and on the disk; until then it grows beside it as tolvex-*.part.\n"
+      "\n"
+      "Exit codes: 0 nothing was lost, 3 something was, 1 nothing usable, and then no\n"
+      "file is written.");
+  command->callback([options, &chosen] {
+    chosen = [options] { return runStoppable([&] { return recover(*options); }); };
+  });
 }
 
 }  // namespace tolvex

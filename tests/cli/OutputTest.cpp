@@ -1,0 +1,234 @@
+// How the commands write their results: whole or not at all, and not without end.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <thread>
+
+#include "tests/cli/Program.h"
+
+namespace tolvex {
+namespace {
+
+using namespace test;
+namespace fs = std::filesystem;
+
+// With 100 records each.
+FileBuilder twoGroups() {
+  FileBuilder file;
+  std::vector<Bytes> records;
+  for (std::uint8_t i = 0; i < 100; ++i) {
+    records.push_back(packed(i * 1.0, i));
+  }
+  file.signalGroup({{.name = "x", .byteOffset = 8}}, records);
+  file.signalGroup({{.name = "x", .byteOffset = 8}}, records);
+  return file;
+}
+
+// `blocks` times 4 MiB of zeros in as many times 4 KiB, as records of 16 bytes.
+FileBuilder bomb(std::size_t blocks) {
+  constexpr std::size_t kBlockBytes = 4 << 20;
+  constexpr std::uint32_t kRecordBytes = 16;
+  FileBuilder file;
+  std::vector<Link> data = {file.dz(Bytes(kBlockBytes))};
+  while (data.size() < blocks) {
+    data.push_back(file.copy(data[0]));
+  }
+  file.signalGroup(
+      {{.name = "x", .byteOffset = 8}},
+      {.name = "bomb", .records = blocks * kBlockBytes / kRecordBytes, .dataBytes = kRecordBytes},
+      file.hl(file.dl(data, kBlockBytes)));
+  return file;
+}
+
+// While it lives, files that this process and its children write can grow to so many bytes.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) {
+    ::getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit limited = {bytes, before_.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &limited);
+  }
+  ~FileSizeLimit() { ::setrlimit(RLIMIT_FSIZE, &before_); }
+  FileSizeLimit(const FileSizeLimit&) = delete;
+  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+ private:
+  rlimit before_ = {};
+};
+
+class OutputTest : public testing::Test {
+ protected:
+  std::set<std::string> names() const {
+    std::set<std::string> names;
+    for (const auto& entry : fs::recursive_directory_iterator(dir_.path(""))) {
+      names.insert(entry.path().filename());
+    }
+    return names;
+  }
+  void put(const std::string& name, const std::string& text) const {
+    std::ofstream(dir_.path(name), std::ios::binary) << text;
+  }
+
+  TempDir dir_;
+  const FileBuilder groups_ = twoGroups();
+  const std::string raw_ = realFile("raw-00000005.MF4");
+  const std::string unfinalized_ = realFile("unfinalized-00000170.MF4");
+};
+
+TEST_F(OutputTest, RecoverLeavesFilesThatLookLikeItsOwnAlone) {
+  const std::string in = dir_.path("drive.mf4.recovering");
+  fs::copy_file(unfinalized_, in);
+  const std::string before = contentOf(in);
+  runTolvex("recover " + in + " -o " + dir_.path("drive.mf4"), 0);
+  EXPECT_EQ(contentOf(in), before);
+  put("none.mf4.recovering", "a stranger's");
+  runTolvex("recover " + dir_.path("none") + " -o " + dir_.path("none.mf4"), 1, "No such file");
+  EXPECT_EQ(contentOf(dir_.path("none.mf4.recovering")), "a stranger's");
+  runTolvex("doctor " + dir_.path("drive.mf4"), 0);
+}
+
+TEST_F(OutputTest, RecoverKeepsThePermissionsOfItsInput) {
+  const std::string in = dir_.path("in.mf4");
+  const std::string out = dir_.path("out.mf4");
+  fs::copy_file(unfinalized_, in);
+  for (const mode_t mode : {0600U, 0664U}) {
+    ::chmod(in.c_str(), mode);
+    runTolvex("recover " + in + " -o " + out, 0);
+    struct stat status = {};
+    ::stat(out.c_str(), &status);
+    EXPECT_EQ(status.st_mode & 0777U, mode);
+  }
+}
+
+TEST_F(OutputTest, WritesThroughLinksAndIntoWhatIsNoFile) {
+  const std::string input = groups_.write();
+  const std::string csv = runTolvex("export " + input + " --dg 0", 0).out;
+  const std::string recovered = dir_.path("recovered.mf4");
+  runTolvex("recover " + raw_ + " -o " + recovered, 0);
+  const std::string dg = "export " + input + " --dg 0 -o ";
+  EXPECT_EQ(runTolvex(dg + "/dev/stdout", 0).out, csv);
+  EXPECT_EQ(runTolvex(dg + "/dev/stdout | cat", 0).out, csv);
+  EXPECT_EQ(runTolvex(dg + "/dev/null", 0).out, "");
+  EXPECT_EQ(runTolvex("recover " + raw_ + " -o /dev/stdout", 0).out.size(),
+            contentOf(recovered).size());
+  const std::string pipe = dir_.path("pipe");
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  EXPECT_EQ(runTolvex(dg + pipe + " & cat " + pipe, 0).out, csv);
+  EXPECT_TRUE(fs::is_fifo(pipe));
+  put("target", "old");
+  fs::create_symlink("target", dir_.path("link"));
+  runTolvex(dg + dir_.path("link"), 0);
+  EXPECT_TRUE(fs::is_symlink(dir_.path("link")));
+  EXPECT_EQ(contentOf(dir_.path("target")), csv);
+  runTolvex(dg + dir_.path(""), 1, "Is a directory");
+  runTolvex("recover " + raw_ + " -o " + dir_.path(""), 1, "Is a directory");
+}
+
+// A disk that is full, and a limit that the result exceeds.
+TEST_F(OutputTest, LeavesEverythingAsItWasWhenAResultCannotBeWritten) {
+  const std::string input = groups_.write();
+  fs::create_directory(dir_.path("folder"));
+  const std::string first = "folder/dg0_cg0_signals.csv";
+  for (const char* name : {"out", first.c_str()}) {
+    put(name, "old");
+  }
+  const std::set<std::string> before = names();
+  const struct {
+    std::string arguments;
+    std::string limit;  // bytes, less than the result has
+  } cases[] = {{"recover " + raw_ + " -o " + dir_.path("out"), "20k"},
+               {"recover --verify " + unfinalized_ + " -o " + dir_.path("new"), "1000"},
+               {"export " + input + " --dg 0 -o " + dir_.path("out"), "500"},
+               {"export " + input + " -o " + dir_.path("folder"), "1000"}};
+  for (const auto& [arguments, limit] : cases) {
+    runTolvex(arguments + " --max-output " + limit, 1, "--max-output");
+    EXPECT_EQ(names(), before);
+    {
+      const FileSizeLimit full(512);
+      runTolvex(arguments, 1, "File too large");
+    }
+    EXPECT_EQ(names(), before);
+    EXPECT_EQ(contentOf(dir_.path("out")), "old");
+    EXPECT_EQ(contentOf(dir_.path(first)), "old");
+  }
+}
+
+TEST_F(OutputTest, CountsAllThatACommandWritesAgainstItsLimit) {
+  const std::string input = groups_.write();
+  const std::string csv = runTolvex("export " + input + " --dg 0", 0).out;
+  const std::string lines = runTolvex("cat " + raw_, 0).out;
+  const std::pair<std::string, std::size_t> results[] = {
+      {"export " + input + " --dg 0", csv.size()},
+      {"export " + input + " --dg 0 -o " + dir_.path("out"), csv.size()},
+      {"export " + input + " -o " + dir_.path("folder"), 2 * csv.size()},
+      {"cat " + raw_, lines.size()}};
+  for (const auto& [arguments, size] : results) {
+    const auto limited = [&](std::size_t bytes) {
+      return arguments + " --max-output " + std::to_string(bytes);
+    };
+    runTolvex(limited(size), 0);
+    runTolvex(limited(0), 0);
+    runTolvex(limited(size - 1), 1, std::to_string(size - 1) + " bytes");
+  }
+}
+
+TEST_F(OutputTest, OfTwoRecoveriesIntoOneFileTheLastWins) {
+  const std::string out = dir_.path("out.mf4");
+  std::set<std::string> results;
+  for (const std::string& input : {raw_, unfinalized_}) {
+    runTolvex("recover " + input + " -o " + out, 0);
+    results.insert(runTolvex("cat " + out, 0).out);
+  }
+  for (int i = 0; i < 10; ++i) {
+    RunningTolvex first({"recover", raw_, "-o", out});
+    RunningTolvex second({"recover", unfinalized_, "-o", out});
+    EXPECT_EQ(first.wait().exitCode, 0);
+    EXPECT_EQ(second.wait().exitCode, 0);
+    EXPECT_TRUE(results.contains(runTolvex("cat " + out, 0).out));
+    runTolvex("doctor " + out, 0);
+    EXPECT_EQ(names(), std::set<std::string>{"out.mf4"});
+  }
+}
+
+// In the middle of a result that would be very large.
+TEST_F(OutputTest, RemovesWhatItBeganWhenASignalEndsIt) {
+  const FileBuilder file = bomb(4096);
+  const std::string input = file.write();
+  const std::vector<std::string> commands[] = {
+      {"recover", input, "-o", dir_.path("out"), "--max-output", "0"},
+      {"export", input, "--dg", "0", "-o", dir_.path("out"), "--max-output", "0"},
+      {"export", input, "-o", dir_.path("folder"), "--max-output", "0"}};
+  fs::create_directory(dir_.path("folder"));
+  put("out", "old");
+  const std::set<std::string> before = names();
+  for (const auto& command : commands) {
+    for (const int signal : {SIGINT, SIGTERM}) {
+      SCOPED_TRACE(testing::Message() << command[0] << ", signal " << signal);
+      RunningTolvex running(command);
+      const auto isWriting = [&] {
+        for (const auto& entry : fs::recursive_directory_iterator(dir_.path(""))) {
+          std::error_code error;
+          if (entry.path().extension() == ".part" && entry.file_size(error) > 1 << 20) {
+            return true;
+          }
+        }
+        return false;
+      };
+      while (!isWriting() && !running.hasEnded()) {
+        std::this_thread::yield();
+      }
+      running.send(signal);
+      EXPECT_EQ(running.wait().exitCode, -1);
+      EXPECT_EQ(names(), before);
+      EXPECT_EQ(contentOf(dir_.path("out")), "old");
+    }
+  }
+}
+
+}  // namespace
+}  // namespace tolvex
