@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Mdf4/format/DirectFile.h"
@@ -114,6 +115,92 @@ TEST(FailingReads, AReaderGivesAPartAndSaysSo) {
     }
   }
   EXPECT_GT(faults, 100U);
+}
+
+// A frame without its payload, and the payload.
+using Frames = std::vector<std::pair<std::string, std::string>>;
+
+Frames framesOf(const std::string& path, bool& told) {
+  MdfReader reader(path);
+  Frames frames;
+  told = !reader.open();
+  while (!told) {
+    const MdfFrame frame = reader.getNext();
+    const auto add = [&](const auto& bus, std::uint32_t id) {
+      if (bus == nullptr) return false;
+      frames.emplace_back(std::to_string(bus->Timestamp()) + ' ' + std::to_string(id) + ' ' +
+                              std::to_string(bus->BusChannel()),
+                          shown(bus->DataBytes()));
+      return true;
+    };
+    const auto* const message = std::get_if<0>(&frame);
+    if (message == nullptr) {
+      add(std::get<1>(frame), std::get<1>(frame)->MessageId());
+    } else if (!add(*message, *message == nullptr ? 0 : (*message)->MessageId())) {
+      break;
+    }
+  }
+  const std::vector<std::string> problems = reader.getProblems();
+  told = told || std::ranges::any_of(problems, [](const std::string& text) {
+           return text.find("failed: Input/output error") != std::string::npos;
+         });
+  return frames;
+}
+
+TEST(FailingReads, FramesAreMissingOrWithoutTheirPayloadAndThatIsSaid) {
+  const CapturedDiagnostics quiet;
+  for (const auto& [name, file] : sampleFiles()) {
+    const std::string path = file.write();
+    bool told = false;
+    const Frames want = framesOf(path, told);
+    FailingReads reads(path);
+    framesOf(path, told);
+    for (std::uint64_t n = 0, all = reads.reads(); n < all; ++n) {
+      for (const std::uint64_t more : {std::uint64_t{0}, ~std::uint64_t{0}}) {
+        SCOPED_TRACE(testing::Message() << name << ": read " << n << " and " << more << " more");
+        reads.clear();
+        reads.fail(n, Fault::Error, more);
+        const Frames got = framesOf(path, told);
+        EXPECT_TRUE(told || got == want);
+        auto at = want.begin();
+        for (const auto& frame : got) {
+          at = std::find_if(at, want.end(), [&](const auto& other) {
+            return frame.first == other.first && (frame.second == other.second || told);
+          });
+          ASSERT_NE(at, want.end()) << frame.first;
+          ++at;
+        }
+      }
+    }
+  }
+}
+
+TEST(FailingReads, ACheckTriesAgainAndFindsWhatCannotBeRead) {
+  const CapturedDiagnostics quiet;
+  const auto textOf = [](const MdfCheckReport& report) {
+    std::string text = report.failure;
+    for (const MdfFinding& finding : report.findings) {
+      text += std::to_string(finding.position) + finding.what + finding.found + '\n';
+    }
+    return text;
+  };
+  for (const auto& [name, file] : sampleFiles()) {
+    const std::string path = file.write();
+    const std::string want = textOf(checkFile(path));
+    FailingReads reads(path);
+    checkFile(path);
+    for (std::uint64_t n = 0, all = reads.reads(); n < all; ++n) {
+      SCOPED_TRACE(testing::Message() << name << ": read " << n);
+      reads.clear();
+      reads.fail(n, Fault::Error);
+      EXPECT_EQ(textOf(checkFile(path)), want);
+      reads.clear();
+      reads.failFrom(n, Fault::Error);
+      const MdfCheckReport broken = checkFile(path);
+      EXPECT_GT(broken.errors, 0U);
+      EXPECT_NE(textOf(broken).find("bytes failed: Input/output error"), std::string::npos);
+    }
+  }
 }
 
 }  // namespace
