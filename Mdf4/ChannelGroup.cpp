@@ -28,18 +28,20 @@ bool ChannelGroup::addChannel(const ChannelInfo& info) {
   if (grown > kMost || info.byteCount > kMost / 8) return false;
   std::unique_ptr<Channel> channel = write(info);
   if (channel == nullptr) return false;
-  if (lastChannel_ != nullptr) {
-    if (!lastChannel_->linkNext(*channel)) return false;
-  } else if (!writeLink(*block_, link::cg_cn_first, channel->position())) {
-    return false;
-  }
-  lastChannel_ = std::move(channel);
-  lastComponent_.reset();
+  // The record grows first: whichever write fails, no channel that the file names lies outside it.
   const std::uint32_t before =
       std::exchange(block_->cg_data_bytes, static_cast<std::uint32_t>(grown));
   block_->cg_inval_bytes = 0;
-  if (block_->save(nullptr, m4Block::kSaveAll) != 0) return true;
+  if (lastChannel_ == nullptr) block_->setLink(link::cg_cn_first, channel->position());
+  if (block_->save(nullptr, m4Block::kSaveAll) != 0 &&
+      (lastChannel_ == nullptr || lastChannel_->linkNext(*channel))) {
+    lastChannel_ = std::move(channel);
+    lastComponent_.reset();
+    return true;
+  }
   block_->cg_data_bytes = before;
+  if (lastChannel_ == nullptr) block_->setLink(link::cg_cn_first, 0);
+  block_->save(nullptr, m4Block::kSaveAll);  // as far as the disk takes it again
   return false;
 }
 

@@ -8,6 +8,7 @@
 #include <random>
 #include <set>
 
+#include "Mdf4/MdfRecorder.h"
 #include "Mdf4/recovery/WorkSizes.h"
 #include "tests/support/Diagnostics.h"
 #include "tests/support/LoggerFile.h"
@@ -269,6 +270,35 @@ TEST_F(Recovery, FindsItsWayBackIntoUnsortedRecords) {
       std::vector<std::string> common;
       std::ranges::set_intersection(want, frameLinesOf(recovered_), std::back_inserter(common));
       EXPECT_GE(common.size() + size / 36 + 3, want.size());  // a frame fills 36 bytes
+    }
+  }
+}
+
+// One flipped bit in the length of a block that says itself how long it is.
+TEST_F(Recovery, TakesALengthThatIsWrongFromTheBlocksOwnCounts) {
+  MdfRecorder recorder;
+  ASSERT_EQ(recorder.startRecord(damaged_, 1'700'000'000'000'000), 0);
+  MdfCanMessage frame;
+  frame.DataBytes({1, 2, 3});
+  for (int i = 0; i < 600; ++i) recorder.saveCanMessage(1'700'000'000'000'000 + i, frame);
+  recorder.stopRecord(0);
+  const Bytes whole = bytesOf(damaged_);
+  const std::vector<std::string> want = frameLinesOf(damaged_);
+  ASSERT_EQ(want.size(), 600U);
+  for (std::size_t at = 64; at < whole.size(); at += 8) {
+    const std::string type(whole.begin() + static_cast<std::ptrdiff_t>(at),
+                           whole.begin() + static_cast<std::ptrdiff_t>(at + 4));
+    const bool isText = type == "##TX";
+    if (!isText && type != "##CN" && type != "##CC" && type != "##CG" && type != "##DG") continue;
+    for (const unsigned bit : {3U, 4U, 5U, 8U, 13U, 40U, 63U}) {
+      SCOPED_TRACE(testing::Message() << type << " at " << at << ", bit " << bit);
+      Bytes damaged = whole;
+      damaged[at + 8 + bit / 8] ^= static_cast<std::uint8_t>(1U << bit % 8);
+      write(damaged);
+      const MdfRecoveryReport report = recoverFile(damaged_, recovered_);
+      EXPECT_EQ(firstError(recovered_), "");
+      EXPECT_TRUE(isText || report.lossless());
+      EXPECT_TRUE(isText || frameLinesOf(recovered_) == want);
     }
   }
 }

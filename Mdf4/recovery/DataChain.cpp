@@ -12,6 +12,63 @@ namespace {
 
 constexpr std::uint64_t kAlignment = 8;
 
+// Bytes that a block may have behind its record, for what later versions of the format add.
+constexpr std::uint64_t kMostSurplus = 4096;
+
+// The length of a block as its record's counts need it; 0 when they do not tell, or when so much
+// lies not in the file.
+std::uint64_t neededLength(DirectFile& file, std::uint64_t position, const BlockHeader& header) {
+  using namespace block_type;
+  const std::uint64_t room = file.end() - position;
+  if (header.linkCount > room / kLinkSize) return 0;
+  std::uint64_t length = kBlockHeaderSize + header.linkCount * kLinkSize;
+  const auto record = [&](auto& bytes) {
+    return file.holds(position + length, sizeof bytes) &&
+           file.ReadAt(position + length, sizeof bytes, &bytes);
+  };
+  std::uint64_t behind = 0;  // the record
+  m4CCRecord conversion = {};
+  m4DLRecord list = {};
+  switch (header.type) {
+    case kHD:
+    case kFH:
+    case kDG:
+    case kCG:
+    case kCN:
+    case kSI:
+    case kSR:
+    case kEV:
+    case kCH:
+    case kHL:
+      break;
+    case kCC:
+      if (!record(conversion)) return 0;
+      behind = conversion.cc_val_count * sizeof(double);
+      break;
+    case kDL:
+      if (!record(list)) return 0;
+      behind = (list.dl_flags & kDlFlagEqualLength) != 0 ? sizeof(std::uint64_t)
+                                                         : list.dl_count * sizeof(std::uint64_t);
+      // With times, angles or distances it has more of them.
+      if (list.dl_count >= header.linkCount || list.dl_flags > kDlFlagEqualLength) return 0;
+      break;
+    default:
+      return 0;
+  }
+  length += leastData(header.type) + behind;
+  return length <= room ? length : 0;
+}
+
+// Whether a block, or the file's end, stands where one that ends at `end` would be followed.
+bool isFollowed(DirectFile& file, std::uint64_t end) {
+  const std::uint64_t position = (end + kAlignment - 1) / kAlignment * kAlignment;
+  BlockHeader next;
+  return end == file.end() || position == file.end() ||
+         (file.holds(position, kBlockHeaderSize) &&
+          file.ReadAt(position, kBlockHeaderSize, &next) && next.marker == kBlockMarker &&
+          isKnownBlock(next.type));
+}
+
 // Data blocks are large and their headers far apart: not worth the pages that other reads keep.
 bool readHeader(DirectFile& file, std::uint64_t position, BlockHeader& header) {
   const WritableBytes bytes = writableBytesOf(header);
@@ -22,12 +79,25 @@ bool readHeader(DirectFile& file, std::uint64_t position, BlockHeader& header) {
 }  // namespace
 
 bool readSoundHeader(DirectFile& file, std::uint64_t position, BlockHeader& header) {
+  if (position == 0 || !file.holds(position, kBlockHeaderSize) ||
+      !file.ReadAt(position, kBlockHeaderSize, &header) || header.marker != kBlockMarker ||
+      !isKnownBlock(header.type) || header.linkCount < leastLinks(header.type) ||
+      header.linkCount > mostLinks(header.type)) {
+    return false;
+  }
   std::uint64_t data = 0;
-  return position != 0 && file.holds(position, kBlockHeaderSize) &&
-         file.ReadAt(position, kBlockHeaderSize, &header) && header.marker == kBlockMarker &&
-         isKnownBlock(header.type) && file.holds(position, header.length) &&
-         header.dataLength(data) && header.linkCount >= leastLinks(header.type) &&
-         data >= leastData(header.type);
+  const bool fits = file.holds(position, header.length) && header.dataLength(data) &&
+                    data >= leastData(header.type);
+  const std::uint64_t needed = neededLength(file, position, header);
+  if (needed == 0 || header.length == needed) return fits;
+  // Of two lengths the one is right behind whose end a block stands.
+  const bool followed = isFollowed(file, position + needed);
+  const bool right = header.length > needed
+                         ? !followed && header.length - needed <= kMostSurplus
+                         : !followed || isFollowed(file, position + header.length);
+  if (fits ? right : !followed) return fits;
+  header.length = needed;
+  return true;
 }
 
 bool DataChain::next(ChainBlock& block) {

@@ -9,7 +9,8 @@
 namespace tolvex {
 
 // The header at the position, when it is that of a known block whose length, links included, fits
-// into the file.
+// into the file. A stated length that takes in other blocks, or too little, becomes the one that
+// the block's record needs.
 bool readSoundHeader(DirectFile& file, std::uint64_t position, BlockHeader& header);
 
 // One block on the way.

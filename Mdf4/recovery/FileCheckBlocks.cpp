@@ -112,6 +112,10 @@ std::optional<FoundBlock> BlockWalk::look(const BlockLink& link) {
     wrong(offsetof(BlockHeader, linkCount), "link count",
           formatText("at least %zu", leastLinks(header.type)), header.linkCount);
   }
+  if (header.linkCount > mostLinks(header.type)) {
+    wrong(offsetof(BlockHeader, linkCount), "link count",
+          formatText("at most %" PRIu64, mostLinks(header.type)), header.linkCount);
+  }
   if (block.dataBytes < leastData(header.type)) {
     wrong(offsetof(BlockHeader, length), "length",
           formatText("at least %" PRIu64,

@@ -177,6 +177,24 @@ std::size_t leastLinks(std::uint16_t type) {
   }
 }
 
+std::uint64_t mostLinks(std::uint16_t type) {
+  constexpr std::uint64_t kFixed = 64;  // room for what later versions of the format add
+  switch (type) {
+    case kDL:
+    case kLD:
+      return ~std::uint64_t{0};
+    case kCA:
+    case kCH:
+    case kEV:
+      return 1 << 20;
+    case kCN:
+    case kCC:
+      return (1 << 16) + kFixed;  // as many as their counts can state
+    default:
+      return kFixed;
+  }
+}
+
 std::uint64_t leastData(std::uint16_t type) {
   switch (type) {
     case kHD:

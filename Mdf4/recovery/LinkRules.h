@@ -21,6 +21,7 @@ bool isDataList(std::uint16_t type);
 bool isData(std::uint16_t type);
 // The links that a block of this kind has at least.
 std::size_t leastLinks(std::uint16_t type);
+std::uint64_t mostLinks(std::uint16_t type);
 // The bytes behind the links that it has at least.
 std::uint64_t leastData(std::uint16_t type);
 

@@ -108,7 +108,8 @@ bool TreeCopy::load(std::uint64_t position, std::uint16_t from, std::size_t inde
   BlockHeader header;
   std::uint64_t dataBytes = 0;
   if (!readSoundHeader(in_, position, header) || !header.dataLength(dataBytes) ||
-      !mayLinkTo(from, index, header.type) || bySource_.count(position) != 0) {
+      !mayLinkTo(from, index, header.type) || bySource_.count(position) != 0 ||
+      unfit_.count(position) != 0) {
     return false;
   }
   block.type = header.type;
@@ -117,37 +118,50 @@ bool TreeCopy::load(std::uint64_t position, std::uint16_t from, std::size_t inde
   if (!in_.ReadAt(position + kBlockHeaderSize, links.size() * kLinkSize, links.data()))
     return false;
   block.dataPosition = position + kBlockHeaderSize + links.size() * kLinkSize;
-  block.dataBytes = dataBytes;
-  if (isText(header.type)) {
-    bool terminated = true;
-    const auto length = textLength(in_, block.dataPosition, dataBytes, terminated);
-    if (!length) return false;
-    block.dataBytes = *length;
-    if (!terminated) {
-      block.data.resize(block.dataBytes + 1);
-      if (!in_.ReadAt(block.dataPosition, block.dataBytes, block.data.data())) return false;
-    }
-  } else if (header.type != kAT) {
-    block.data.resize(dataBytes);
-    if (!in_.ReadAt(block.dataPosition, dataBytes, block.data.data())) return false;
-  } else {
-    m4ATRecord record = {};
-    if (!in_.ReadAt(block.dataPosition, sizeof record, &record) ||
-        record.at_embedded_size > dataBytes - sizeof record) {
-      return false;
-    }
-    block.dataBytes = sizeof record + record.at_embedded_size;
-  }
-  if (!hasSoundFields(in_, header.type, block.dataPosition, {links.size(), dataBytes}))
+  if (!loadData(block, {links.size(), dataBytes}) ||
+      !owned_.add(position, block.dataPosition + block.dataBytes)) {
+    unfit_.insert(position);
     return false;
-  if (!owned_.add(position, block.dataPosition + block.dataBytes)) return false;
+  }
+  BlockHeader stated;
+  if (in_.ReadAt(position, kBlockHeaderSize, &stated) && stated.length != header.length) {
+    noteRepair(report_,
+               formatText("%s block at %" PRIu64 ": length: found %" PRIu64 ", it needs %" PRIu64,
+                          letters(block.type).c_str(), position, stated.length, header.length));
+  }
   for (const std::uint64_t target : links) block.links.push_back({target, true});
   return true;
 }
 
+// Loads the data of a block that has so much room for them, or finds out how many there are. What
+// is long stays in the input until it is written.
+bool TreeCopy::loadData(PlannedBlock& block, BlockRoom room) {
+  constexpr std::uint64_t kLongest = 1 << 20;  // bytes; no conversion has as many
+  block.dataBytes = room.dataBytes;
+  if (isText(block.type)) {
+    bool terminated = true;
+    const auto length = textLength(in_, block.dataPosition, room.dataBytes, terminated);
+    if (!length) return false;
+    block.dataBytes = *length;
+    block.unterminated = !terminated;
+  } else if (block.type == kAT) {
+    m4ATRecord record = {};
+    if (!in_.ReadAt(block.dataPosition, sizeof record, &record) ||
+        record.at_embedded_size > room.dataBytes - sizeof record) {
+      return false;
+    }
+    block.dataBytes = sizeof record + record.at_embedded_size;
+  } else if (room.dataBytes <= kLongest) {
+    block.data.resize(room.dataBytes);
+    if (!in_.ReadAt(block.dataPosition, room.dataBytes, block.data.data())) return false;
+  }
+  return hasSoundFields(in_, block.type, block.dataPosition, room);
+}
+
 // Finds a place in the output for the block.
 std::size_t TreeCopy::place(PlannedBlock block) {
-  const std::uint64_t data = block.data.empty() ? block.dataBytes : block.data.size();
+  const std::uint64_t data =
+      (block.data.empty() ? block.dataBytes : block.data.size()) + (block.unterminated ? 1 : 0);
   block.position = out_.Allocate(kBlockHeaderSize + block.links.size() * kLinkSize + data, false);
   if (block.source != 0) bySource_[block.source] = blocks_.size();
   blocks_.push_back(std::move(block));
@@ -259,7 +273,13 @@ void TreeCopy::followSteps() {
 // A channel. One that does not lie in the record is left out, with its components.
 void TreeCopy::followChannel(const Step& step, PlannedBlock loaded) {
   const auto channel = recordOf<m4CNRecord>(loaded.data);
-  const std::string name = text(loaded.links[link::cn_tx_name].position);
+  const std::uint64_t nameLink = loaded.links[link::cn_tx_name].position;
+  std::string name = text(nameLink);
+  // A name that is lost excuses no place beyond the record.
+  if (!liesInside(channel, "", groups_[step.group].record.cg_data_bytes) &&
+      takeOver(nameLink, kCN, link::cn_tx_name, 0) == 0) {
+    name.clear();
+  }
   if (const char* const expected = misplaced(groups_[step.group], channel, name)) {
     MdfRecoveredGroup& report = groups_[step.group].report;
     std::string text =

@@ -5,10 +5,12 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "Mdf4/format/BlockRecords.h"
 #include "Mdf4/format/DirectFile.h"
+#include "Mdf4/recovery/FileCheckFields.h"
 #include "Mdf4/recovery/OwnedRanges.h"
 #include "tolvex/Mdf4.h"
 
@@ -112,6 +114,7 @@ class TreeCopy {
     std::uint64_t dataPosition = 0;  // in the input, of what follows the links
     std::uint64_t dataBytes = 0;
     std::vector<std::uint8_t> data = {};  // instead, when not empty
+    bool unterminated = false;            // a text that lacks its NUL
   };
   // A link that is still to be followed, of the block `from` that has `parent` in the plan.
   struct Step {
@@ -121,6 +124,7 @@ class TreeCopy {
     std::size_t group;  // whose channels or reductions they are; kNone: neither
   };
   bool load(std::uint64_t position, std::uint16_t from, std::size_t index, PlannedBlock& block);
+  bool loadData(PlannedBlock& block, BlockRoom room);
   std::size_t place(PlannedBlock block);
   std::uint64_t takeOver(std::uint64_t position, std::uint16_t from, std::size_t index, int depth);
   void follow(const Step& first);
@@ -150,6 +154,7 @@ class TreeCopy {
   std::unordered_map<std::uint64_t, std::size_t> bySource_;  // planned blocks by input position
   std::unordered_map<std::uint64_t, std::uint64_t> dataOfGroup_;  // by CG: its DG in the output
   std::unordered_map<std::uint64_t, std::uint64_t> dataOfData_;   // by DG: of its first CG
+  std::unordered_set<std::uint64_t> unfit_;  // positions of blocks that cannot be taken over
   std::vector<SourceData> data_;
   std::vector<SourceGroup> groups_;
   std::vector<Step> steps_;

@@ -81,10 +81,12 @@ bool TreeCopy::write() {
 
 bool TreeCopy::write(const PlannedBlock& block) {
   const std::uint64_t dataBytes = block.data.empty() ? block.dataBytes : block.data.size();
+  const std::uint8_t nul = 0;
   BlockHeader header;
   header.type = block.type;
   header.linkCount = block.links.size();
-  header.length = kBlockHeaderSize + header.linkCount * kLinkSize + dataBytes;
+  header.length = kBlockHeaderSize + header.linkCount * kLinkSize + dataBytes +
+                  (block.unterminated ? sizeof nul : 0);
   std::vector<std::uint64_t> links(block.links.size());
   for (std::size_t i = 0; i < links.size(); ++i) {
     links[i] = resolved(block, i);
@@ -114,7 +116,7 @@ bool TreeCopy::write(const PlannedBlock& block) {
     if (!out_.WriteAt(position, piece.size(), piece.data())) return false;
     position = out_.position();
   }
-  return true;
+  return !block.unterminated || out_.WriteAt(position, sizeof nul, &nul);
 }
 
 // A text or an attachment that cannot be read becomes an empty one.
