@@ -8,6 +8,7 @@
 #include <map>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Mdf4/MdfRecorder.h"
@@ -315,8 +316,9 @@ TEST(FailingReadsRecovery, LosesWhatWasInTheUnreadableSectors) {
   const Bytes content = contentOf(path);
   const Result whole = recovered(path);
   ASSERT_EQ(count(whole.groups), kRecords + 2);  // the start and stop times
+  constexpr std::string_view kData = "##DT";
   const std::uint64_t firstData = static_cast<std::uint64_t>(
-      std::search(content.begin(), content.end(), "##DT", "##DT" + 4) - content.begin());
+      std::search(content.begin(), content.end(), kData.begin(), kData.end()) - content.begin());
   for (const std::uint64_t size : {kPage, kSector}) {
     const std::uint64_t step = size == kPage ? size : 5 * size;
     for (std::uint64_t at = firstData / size * size + size; at < content.size(); at += step) {
