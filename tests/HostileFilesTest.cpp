@@ -379,5 +379,35 @@ TEST_F(HostileFiles, SharedTextsAreNotMultiplied) {
   }
 }
 
+// One name of a MiB for many channels and groups is loaded once.
+TEST_F(HostileFiles, SharedNamesAreNotMultiplied) {
+  constexpr int kMany = 5000;
+  FileBuilder file;
+  const std::string name(std::size_t{1} << 20, 'x');
+  const Link big = file.tx(name);
+  file.signalGroup(std::vector<Cn>(kMany), {packed(0.0)});
+  BusLayout bus = dataFrames();
+  bus.fields.assign(kMany, {"ID", 8, 0, 8});
+  file.busLog(bus, {busRecord(bus, 0, {})});
+  for (int i = 0; i < kMany; ++i) file.dg({.groups = {file.cg({})}});
+  for (const Link block : file.blocks()) {
+    if (file.isA(block, "CN") || file.isA(block, "CG")) file.setLink(block, 2, big);
+  }
+  MdfSigReader reader(file.write());
+  reader.setLongestText(100);
+  ASSERT_TRUE(reader.open());
+  std::size_t bytes = 0;
+  for (int cn = 0; cn <= kMany; ++cn) {
+    MdfSigCCInfo info;
+    ASSERT_TRUE(reader.getChannelInfo(0, 0, cn, info));
+    bytes += info.name.size() + reader.getCNName(0, 0, cn).size();
+  }
+  for (int dg = 0; dg < kMany + 2; ++dg) bytes += reader.getCGName(dg, 0).size();
+  EXPECT_EQ(bytes, 100U * (2 * (kMany + 1) + kMany + 2));
+  EXPECT_TRUE(reader.getProblems().empty()) << reader.getProblems()[0];
+  reader.setLongestText(std::string::npos);
+  EXPECT_EQ(reader.getCNName(0, 0, 1), name);
+}
+
 }  // namespace
 }  // namespace tolvex::test

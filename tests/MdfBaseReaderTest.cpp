@@ -127,6 +127,32 @@ TEST_F(MdfBaseReaderTest, TakesTheZoneThatTheTimeFlagsNameOffTheStartTime) {
   tzset();
 }
 
+TEST_F(MdfBaseReaderTest, AWrongLinkHidesNoOtherGroup) {
+  FileBuilder file;
+  for (int i = 0; i < 3; ++i) {
+    file.busLog(dataFrames(), {busRecord(dataFrames(), i, {})});
+  }
+  const std::size_t perGroup = file.blocks().size() / 3;
+  for (const Link from : file.blocks()) {
+    if (!file.isA(from, "CN") && !file.isA(from, "CG")) continue;
+    for (const Link to : file.blocks()) {
+      // From the first group into another one, to a block of a kind that does not belong there.
+      if (from >= file.blocks()[perGroup] || to < file.blocks()[perGroup + 1]) continue;
+      if (!file.isA(to, "DG") && !file.isA(to, "CG")) continue;
+      if (file.isA(to, "CG") && file.isA(from, "CG")) continue;
+      for (const std::uint64_t link : {0U, 1U}) {
+        SCOPED_TRACE(testing::Message() << "link " << link << " of " << from << " to " << to);
+        FileBuilder bad = file;
+        bad.setLink(from, link, to);
+        Reader reader(bad.write());
+        ASSERT_TRUE(reader.open());
+        ASSERT_EQ(reader.getDGCount(), 3);
+        for (const int dg : {1, 2}) EXPECT_EQ(reader.getCNCount(dg, 0), 2);
+      }
+    }
+  }
+}
+
 TEST_F(MdfBaseReaderTest, LookingUpABlockThatIsNotThereAddsAnEntry) {
   FileBuilder file;
   file.signalGroup({}, {packed(0.0)});

@@ -1,10 +1,12 @@
 // Records of signal groups and what is needed to decode them.
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -147,6 +149,9 @@ TEST_F(MdfSigReaderTest, CycleCountsBeyondTheDataEndInFailure) {
   EXPECT_FALSE(reader.readSignalDataBlock(0, 2, 2, out, size));
   EXPECT_TRUE(out.empty());
   EXPECT_EQ(size, 12);
+  reader.resetDataStream(0);
+  EXPECT_FALSE(reader.readSignalDataBlock(0, 1, 2'000'000'000, out, size));
+  EXPECT_EQ(reader.readSignalData(0), nullptr) << "what there was has been read";
 }
 
 TEST_F(MdfSigReaderTest, GroupsWithoutATimeChannelGiveNoNextRecord) {
@@ -164,6 +169,54 @@ TEST_F(MdfSigReaderTest, GroupsWithoutATimeChannelGiveNoNextRecord) {
   MdfSigCCInfo time0;
   EXPECT_FALSE(reader.getTimeCCInfo(0, 0, time0));
   EXPECT_TRUE(reader.getTimeCCInfo(0, 1, time0));
+}
+
+TEST_F(MdfSigReaderTest, ASecondOpeningTakesThePlaceOfTheFirst) {
+  const Link half = file_.cc({.type = 1, .values = {0, 0.5}});
+  file_.signalGroup({kNumber}, {packed(0.0, 7U)});
+  const std::string path = file_.write();
+  MdfSigReader reader(path);
+  ASSERT_TRUE(reader.open());
+  Cn number = kNumber;
+  number.conversion = half;
+  file_.signalGroup({number}, rampRecords(4));
+  std::size_t held = 0;
+  for (int opening = 0; opening < 100; ++opening) {
+    ASSERT_EQ(file_.write(), path);
+    ASSERT_TRUE(reader.open());
+    MdfSigCCInfo info;
+    ASSERT_TRUE(reader.getCCInfo(1, 0, 1, info));
+    EXPECT_EQ(info.values, (std::vector<double>{0, 0.5}));
+    EXPECT_EQ(reader.getCNCount(1, 0), 2);
+    EXPECT_EQ(reader.readSignalTimeRange(1, 0), Range(0, 1.5));
+    EXPECT_EQ(reader.readSignalDataByIndex(0, 0)->data, packed(0.0, 7U));
+    if (opening == 10) held = mallinfo2().uordblks;
+  }
+  EXPECT_LT(mallinfo2().uordblks, held + 10'000);
+  const FileBuilder empty;
+  std::ofstream(path, std::ios::binary) << std::ifstream(empty.write(), std::ios::binary).rdbuf();
+  ASSERT_TRUE(reader.open());
+  EXPECT_EQ(reader.getDGCount(), 2) << "what was listed stays";
+  EXPECT_EQ(reader.getRecordCount(1, 0), 4);
+}
+
+TEST_F(MdfSigReaderTest, CopiesOfAnUnopenedReaderHaveTheirOwnFile) {
+  file_.signalGroup({kNumber}, rampRecords(2));
+  MdfSigReader first(file_.write());
+  first.getCGCount(3);
+  MdfSigReader second = first;
+  MdfSigReader third("");
+  third = first;
+  ASSERT_TRUE(first.open());
+  EXPECT_EQ(second.getDGCount(), 0);
+  EXPECT_EQ(second.readSignalData(0), nullptr);
+  for (MdfSigReader* const reader : {&second, &third}) ASSERT_TRUE(reader->open());
+  for (MdfSigReader* const reader : {&first, &second, &third}) {
+    ASSERT_NE(reader->readSignalData(0), nullptr);
+    EXPECT_EQ(reader->readSignalData(0)->data, rampRecords(2)[1]) << "each goes on by itself";
+  }
+  second.close();
+  EXPECT_NE(first.readSignalDataByIndex(0, 0), nullptr);
 }
 
 TEST_F(MdfSigReaderTest, AnswersForWhatIsNotThere) {

@@ -37,16 +37,14 @@ double largestValue(CanField field) {
 
 // What a channel of 0 bits stands for when its conversion is a constant from 0 to `largest`. A
 // formula is none: formulas are not evaluated.
-std::optional<std::uint32_t> constantOf(DirectFile& file, const M4CNBlock& channel,
+std::optional<std::uint32_t> constantOf(FileTexts& texts, const M4CNBlock& channel,
                                         double largest) {
-  Conversion conversion;
-  if (loadConversionNumbers(file, channel.link(link::cn_cc_conversion), conversion) == nullptr) {
-    return std::nullopt;
-  }
+  const auto conversion = texts.numbers(channel.link(link::cn_cc_conversion));
+  if (conversion == nullptr) return std::nullopt;
   MdfSigCCInfo info;
-  info.conversionType = conversion.record.cc_type;
-  info.valueCount = conversion.record.cc_val_count;
-  info.values = std::move(conversion.values);
+  info.conversionType = conversion->record.cc_type;
+  info.valueCount = conversion->record.cc_val_count;
+  info.values = conversion->values;
   double value = 0;
   std::string text;
   const bool isNumber =
@@ -82,7 +80,7 @@ std::vector<const MdfCNInfo*> busLogChannels(const ReaderState& state, bool requ
   return inOrder;
 }
 
-std::vector<CanFieldSlot> layoutOf(ReaderState& state, const MdfCNInfo& channel) {
+std::vector<CanFieldSlot> buildCanLayout(ReaderState& state, const MdfCNInfo& channel) {
   std::vector<CanFieldSlot> layout;
   for (const auto& [name, child] : channel.children) {
     const std::optional<CanFieldName> field = classifyFieldName(name, state.loggerRules);
@@ -103,7 +101,7 @@ std::vector<CanFieldSlot> layoutOf(ReaderState& state, const MdfCNInfo& channel)
     const bool mayBeConstant = slot.field == CanField::BusChannel ||
                                (state.loggerRules && slot.field != CanField::DataBytes);
     if (slot.bitCount == 0 && mayBeConstant) {
-      slot.constant = constantOf(state.file, *child, largestValue(slot.field));
+      slot.constant = constantOf(state.texts, *child, largestValue(slot.field));
       if (state.loggerRules && !slot.constant) {
         reportNoConstant(state.file, *child, name);
         continue;
@@ -120,15 +118,11 @@ FrameTime frameTimeOf(ReaderState& state, const MdfCNInfo& channel) {
   const MdfCNInfo* const master = state.findTimeChannel(channel.dgIndex, channel.cgIndex);
   if (master == nullptr) return {};
   if (state.loggerRules) {
-    const ChannelTexts texts = ChannelTextLoader(state.file, 1).load(*master->cnBlock);
+    const ChannelTexts texts = state.texts.load(*master->cnBlock);
     return FrameTime(describeChannel(*master->cnBlock, texts, Tables::With), true);
   }
   ChannelTexts numbers;
-  auto conversion = std::make_shared<Conversion>();
-  const std::uint64_t link = master->cnBlock->link(link::cn_cc_conversion);
-  if (loadConversionNumbers(state.file, link, *conversion) != nullptr) {
-    numbers.conversion = std::move(conversion);
-  }
+  numbers.conversion = state.texts.numbers(master->cnBlock->link(link::cn_cc_conversion));
   return FrameTime(describeChannel(*master->cnBlock, numbers, Tables::With));
 }
 

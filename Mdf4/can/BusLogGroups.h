@@ -16,7 +16,7 @@ std::vector<const MdfCNInfo*> busLogChannels(const ReaderState& state, bool requ
 
 // The recognised fields of a CAN channel, by name. Under logger rules those that have no bits and
 // no constant are left out.
-std::vector<CanFieldSlot> layoutOf(ReaderState& state, const MdfCNInfo& channel);
+std::vector<CanFieldSlot> buildCanLayout(ReaderState& state, const MdfCNInfo& channel);
 
 // The master time of the channel's group.
 FrameTime frameTimeOf(ReaderState& state, const MdfCNInfo& channel);

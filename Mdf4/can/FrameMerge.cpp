@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <new>
 
 #include "Mdf4/format/Diagnostics.h"
 
@@ -30,6 +31,7 @@ FrameMerge::FrameMerge(const FrameMerge& other)
       stashedMessage(cloned(other.stashedMessage)),
       stashedError(cloned(other.stashedError)),
       started_(other.started_),
+      given_(other.given_),
       groups_(other.groups_),
       heap_(other.heap_) {
   for (Group& group : groups_) {
@@ -38,16 +40,27 @@ FrameMerge::FrameMerge(const FrameMerge& other)
   }
 }
 
-void FrameMerge::start(ReaderState& state) {
+void FrameMerge::initCanStream(ReaderState& state) {
   if (started_) return;
+  try {
+    openAll(state);
+  } catch (...) {
+    heap_.clear();
+    groups_.clear();
+    throw;
+  }
   started_ = true;
+}
+
+void FrameMerge::openAll(ReaderState& state) {
   for (const MdfCNInfo* const channel : busLogChannels(state, requireFields)) {
     open(state, *channel);
   }
   const std::uint64_t share = kReadAhead / std::max<std::size_t>(groups_.size(), kUsualGroups);
   for (Group& group : groups_) group.records.limitReadAhead(std::max(share, kLeastReadAhead));
+  heap_.reserve(groups_.size());
   for (std::size_t i = 0; i < groups_.size(); ++i) {
-    if (!advance(groups_[i])) continue;
+    if (!readStreamNextMsg(groups_[i])) continue;
     heap_.push_back({static_cast<std::int64_t>(groups_[i].timestampNs), i});
     std::push_heap(heap_.begin(), heap_.end());
   }
@@ -56,7 +69,7 @@ void FrameMerge::start(ReaderState& state) {
 void FrameMerge::open(ReaderState& state, const MdfCNInfo& channel) {
   const auto records = state.openRecords(channel.dgIndex, channel.cgIndex);
   if (records == nullptr) return;
-  const std::vector<CanFieldSlot> layout = layoutOf(state, channel);
+  const std::vector<CanFieldSlot> layout = buildCanLayout(state, channel);
   std::optional<SignalData> payloads;
   for (const CanFieldSlot& slot : layout) {
     if (slot.field == CanField::DataBytes && slot.variableLength) {
@@ -69,8 +82,9 @@ void FrameMerge::open(ReaderState& state, const MdfCNInfo& channel) {
                      frameTimeOf(state, channel), std::move(payloads)});
 }
 
-// Goes to the group's next record; false at the end of its records.
-bool FrameMerge::advance(Group& group) {
+// Goes to the group's next frame, which is decoded when it is its turn; false at the end of its
+// records.
+bool FrameMerge::readStreamNextMsg(Group& group) {
   if (!isFrameRecordSize(group.recordSize) || !group.records.file().isOpen()) return false;
   group.record = group.records.next(group.recordSize);
   if (group.record.empty()) return false;
@@ -93,21 +107,31 @@ void FrameMerge::reportMissingPayload(Group& group) {
 }
 
 MdfFrame FrameMerge::next() {
+  if (given_) goOn();
   if (heap_.empty()) return {};
-  const std::size_t index = heap_.front().group;
-  Group& group = groups_[index];
+  Group& group = groups_[heap_.front().group];
   MdfFrame frame = group.decoder->decode(group.record, group.timestampNs, group.nextIndex - 1,
                                          group.payloads ? &*group.payloads : nullptr);
   if (!group.reportedPayload && isPayloadMissing(frame)) reportMissingPayload(group);
-  const bool more = advance(group);
-  if (more && heap_.size() == 1) return frame;  // its place in the heap is always the first
-  std::pop_heap(heap_.begin(), heap_.end());
-  heap_.pop_back();
-  if (more) {
-    heap_.push_back({static_cast<std::int64_t>(group.timestampNs), index});
-    std::push_heap(heap_.begin(), heap_.end());
+  given_ = true;
+  try {
+    goOn();
+  } catch (const std::bad_alloc&) {  // with the next frame, then
   }
   return frame;
+}
+
+// From the frame that was given to the next one.
+void FrameMerge::goOn() {
+  const std::size_t index = heap_.front().group;
+  const bool more = readStreamNextMsg(groups_[index]);
+  given_ = false;
+  if (more && heap_.size() == 1) return;  // its place in the heap is always the first
+  std::pop_heap(heap_.begin(), heap_.end());
+  heap_.pop_back();
+  if (!more) return;
+  heap_.push_back({static_cast<std::int64_t>(groups_[index].timestampNs), index});
+  std::push_heap(heap_.begin(), heap_.end());
 }
 
 }  // namespace tolvex

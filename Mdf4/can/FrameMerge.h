@@ -36,8 +36,10 @@ class FrameMerge {
   FrameMerge(const FrameMerge& other);
   FrameMerge& operator=(const FrameMerge&) = delete;
 
+  // Both throw when memory runs out, and may then be called again: no frame is lost.
+  //
   // Opens the groups and reads their first frames; does nothing the second time.
-  void start(ReaderState& state);
+  void initCanStream(ReaderState& state);
   // The frame with the smallest time, or an empty message pointer when there are no more.
   MdfFrame next();
 
@@ -69,10 +71,13 @@ class FrameMerge {
   };
 
   void open(ReaderState& state, const MdfCNInfo& channel);
-  static bool advance(Group& group);
+  void openAll(ReaderState& state);
+  static bool readStreamNextMsg(Group& group);
+  void goOn();
   static void reportMissingPayload(Group& group);
 
   bool started_ = false;
+  bool given_ = false;  // the frame of the heap's first entry was, and its group has yet to go on
   std::vector<Group> groups_;
   std::vector<HeapEntry> heap_;
 };

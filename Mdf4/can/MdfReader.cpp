@@ -46,60 +46,72 @@ std::uint64_t MdfReader::getStartTime() {
 }
 
 std::uint64_t MdfReader::getStopTime() {
-  std::uint64_t latest = 0;
-  std::pair<int, int> last = {-1, -1};
-  for (const MdfCNInfo* const channel : busLogChannels(*state_, merge_->requireFields)) {
-    // The channels of a group come one after the other, and share its records and its time.
-    if (std::exchange(last, {channel->dgIndex, channel->cgIndex}) == last) continue;
-    const M4CGBlock* const group = state_->findGroup(channel->dgIndex, channel->cgIndex);
-    const auto records = state_->openRecords(channel->dgIndex, channel->cgIndex);
-    if (records == nullptr || !isFrameRecordSize(channel->recordSize)) continue;
-    seekRecord(*records, channel->recordSize, group->cg_inval_bytes,
-               static_cast<std::int64_t>(group->cg_cycle_count - 1));
-    const ByteSpan record = records->next(channel->recordSize);
-    if (record.empty()) continue;
-    latest = std::max(latest, frameTimeOf(*state_, *channel).cutOff(record).value_or(0));
-  }
-  return latest;
+  return state_->orOutOfMemory(std::uint64_t{0}, [&] {
+    std::uint64_t latest = 0;
+    std::pair<int, int> last = {-1, -1};
+    for (const MdfCNInfo* const channel : busLogChannels(*state_, merge_->requireFields)) {
+      // The channels of a group come one after the other, and share its records and its time.
+      if (std::exchange(last, {channel->dgIndex, channel->cgIndex}) == last) continue;
+      const M4CGBlock* const group = state_->findGroup(channel->dgIndex, channel->cgIndex);
+      const auto records = state_->openRecords(channel->dgIndex, channel->cgIndex);
+      if (records == nullptr || !isFrameRecordSize(channel->recordSize)) continue;
+      seekRecord(*records, channel->recordSize, group->cg_inval_bytes,
+                 static_cast<std::int64_t>(group->cg_cycle_count - 1));
+      const ByteSpan record = records->next(channel->recordSize);
+      if (record.empty()) continue;
+      latest = std::max(latest, frameTimeOf(*state_, *channel).cutOff(record).value_or(0));
+    }
+    return latest;
+  });
 }
 
 std::vector<MdfGroupInfo> MdfReader::getBusLogGroups() {
-  std::set<std::pair<int, int>> groups;
-  for (const MdfCNInfo* const channel : busLogChannels(*state_, merge_->requireFields)) {
-    groups.emplace(channel->dgIndex, channel->cgIndex);
-  }
-  std::vector<MdfGroupInfo> infos;
-  for (const auto& [dg, cg] : groups) {
-    MdfGroupInfo info;
-    if (getGroupInfo(dg, cg, info)) infos.push_back(std::move(info));
-  }
-  return infos;
+  return state_->orOutOfMemory(std::vector<MdfGroupInfo>(), [&] {
+    std::set<std::pair<int, int>> groups;
+    for (const MdfCNInfo* const channel : busLogChannels(*state_, merge_->requireFields)) {
+      groups.emplace(channel->dgIndex, channel->cgIndex);
+    }
+    std::vector<MdfGroupInfo> infos;
+    for (const auto& [dg, cg] : groups) {
+      MdfGroupInfo info;
+      if (getGroupInfo(dg, cg, info)) infos.push_back(std::move(info));
+    }
+    return infos;
+  });
 }
 
 std::uint32_t MdfReader::getCanCount() {
-  std::uint32_t count = 0;
-  for (const MdfCNInfo* const channel : busLogChannels(*state_, merge_->requireFields)) {
-    const M4CGBlock* const group = state_->findGroup(channel->dgIndex, channel->cgIndex);
-    if (group != nullptr) count += static_cast<std::uint32_t>(group->cg_cycle_count);
-  }
-  return count;
+  return state_->orOutOfMemory(std::uint32_t{0}, [&] {
+    std::uint32_t count = 0;
+    for (const MdfCNInfo* const channel : busLogChannels(*state_, merge_->requireFields)) {
+      const M4CGBlock* const group = state_->findGroup(channel->dgIndex, channel->cgIndex);
+      if (group != nullptr) count += static_cast<std::uint32_t>(group->cg_cycle_count);
+    }
+    return count;
+  });
 }
 
 MdfFrame MdfReader::getNext() {
-  merge_->start(*state_);
-  return merge_->next();
+  return state_->orOutOfMemory(MdfFrame(), [&] {
+    merge_->initCanStream(*state_);
+    return merge_->next();
+  });
 }
 
 std::shared_ptr<MdfCanMessage> MdfReader::getCanMessage() {
-  merge_->start(*state_);
-  if (merge_->stashedMessage != nullptr) return std::exchange(merge_->stashedMessage, nullptr);
-  return nextOf<MdfCanMessage>(*merge_, merge_->stashedError);
+  return state_->orOutOfMemory(std::shared_ptr<MdfCanMessage>(), [&] {
+    merge_->initCanStream(*state_);
+    if (merge_->stashedMessage != nullptr) return std::exchange(merge_->stashedMessage, nullptr);
+    return nextOf<MdfCanMessage>(*merge_, merge_->stashedError);
+  });
 }
 
 std::shared_ptr<MdfCanError> MdfReader::getCanError() {
-  merge_->start(*state_);
-  if (merge_->stashedError != nullptr) return std::exchange(merge_->stashedError, nullptr);
-  return nextOf<MdfCanError>(*merge_, merge_->stashedMessage);
+  return state_->orOutOfMemory(std::shared_ptr<MdfCanError>(), [&] {
+    merge_->initCanStream(*state_);
+    if (merge_->stashedError != nullptr) return std::exchange(merge_->stashedError, nullptr);
+    return nextOf<MdfCanError>(*merge_, merge_->stashedMessage);
+  });
 }
 
 std::vector<std::shared_ptr<MdfCanMessage>> MdfReader::getCanMessages(unsigned n) {
@@ -107,7 +119,13 @@ std::vector<std::shared_ptr<MdfCanMessage>> MdfReader::getCanMessages(unsigned n
   while (messages.size() < n) {
     auto message = getCanMessage();
     if (message == nullptr) break;
-    messages.push_back(std::move(message));
+    const bool isKept = state_->orOutOfMemory(false, [&] {
+      messages.push_back(message);
+      return true;
+    });
+    if (isKept) continue;
+    merge_->stashedMessage = std::move(message);  // for the next call
+    break;
   }
   return messages;
 }

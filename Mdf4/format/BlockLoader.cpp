@@ -80,23 +80,38 @@ std::string letters(std::uint16_t code) {
   return text;
 }
 
-}  // namespace
+void reportNoBlock(DirectFile& file, std::uint64_t position, const BlockHeader& header) {
+  file.report(formatText("a link leads to %" PRIu64 ": expected a block, found \"%s%s\"", position,
+                         letters(header.marker).c_str(), letters(header.type).c_str()));
+}
 
-std::unique_ptr<m4Block> loadBlock(DirectFile& file, std::uint64_t position) {
-  if (position == 0) return nullptr;
-  BlockHeader header;
+// False for position 0, and, noted, where no block begins.
+bool readHeader(DirectFile& file, std::uint64_t position, BlockHeader& header) {
+  if (position == 0) return false;
   if (!file.ReadAt(position, kBlockHeaderSize, &header)) {
     if (file.isOpen()) {
       file.report(formatText("a link leads to %" PRIu64 ", the file ends at %" PRIu64, position,
                              file.end()));
     }
-    return nullptr;
+    return false;
   }
-  std::unique_ptr<m4Block> block;
-  if (header.marker == kBlockMarker) block = makeBlock(header.type);
+  if (header.marker != kBlockMarker) reportNoBlock(file, position, header);
+  return header.marker == kBlockMarker;
+}
+
+}  // namespace
+
+std::uint16_t blockTypeAt(DirectFile& file, std::uint64_t position) {
+  BlockHeader header;
+  return readHeader(file, position, header) ? header.type : std::uint16_t{0};
+}
+
+std::unique_ptr<m4Block> loadBlock(DirectFile& file, std::uint64_t position) {
+  BlockHeader header;
+  if (!readHeader(file, position, header)) return nullptr;
+  std::unique_ptr<m4Block> block = makeBlock(header.type);
   if (block == nullptr) {
-    file.report(formatText("a link leads to %" PRIu64 ": expected a block, found \"%s%s\"",
-                           position, letters(header.marker).c_str(), letters(header.type).c_str()));
+    reportNoBlock(file, position, header);
     return nullptr;
   }
   if (!block->load(file, position, header)) return nullptr;

@@ -15,6 +15,9 @@ namespace tolvex {
 // damaged. All but the first are noted in the file's problems.
 std::unique_ptr<m4Block> loadBlock(DirectFile& file, std::uint64_t position);
 
+// The kind of the block at the position, from its header; 0, noted as by loadBlock, for none.
+std::uint16_t blockTypeAt(DirectFile& file, std::uint64_t position);
+
 // The block at the position when it is of kind `Block`, else null.
 template <class Block>
 std::unique_ptr<Block> loadBlockAs(DirectFile& file, std::uint64_t position) {

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cinttypes>
-#include <new>
 
 #include "Mdf4/format/Diagnostics.h"
 
@@ -44,17 +43,11 @@ bool m4Block::load(DirectFile& file, std::uint64_t position, const BlockHeader& 
   position_ = position;
   header_ = header;
   const std::uint64_t linkBytes = header.linkCount * kLinkSize;
-  try {
-    if (header.linkCount != 0) {
-      links_.assign(header.linkCount, 0);
-      if (!file.ReadAt(position + kBlockHeaderSize, linkBytes, links_.data())) return false;
-    }
-    return readData(position + kBlockHeaderSize + linkBytes, dataLength);
-  } catch (const std::bad_alloc&) {
-    file.report(formatText("block at %" PRIu64 ": no memory for its %" PRIu64 " bytes", position,
-                           header.length));
-    return false;
+  if (header.linkCount != 0) {
+    links_.assign(header.linkCount, 0);
+    if (!file.ReadAt(position + kBlockHeaderSize, linkBytes, links_.data())) return false;
   }
+  return readData(position + kBlockHeaderSize + linkBytes, dataLength);
 }
 
 void m4Block::setLink(std::size_t index, std::uint64_t position) {

@@ -4,6 +4,7 @@
 #include <array>
 #include <cinttypes>
 #include <cstring>
+#include <new>
 #include <optional>
 #include <utility>
 
@@ -19,6 +20,15 @@ constexpr std::uint64_t kReadDirectly = 64 * 1024;
 // Data blocks that follow each other this closely are read in one call.
 constexpr std::uint64_t kLargestGap = 1024;
 constexpr std::size_t kBlocksPerCall = 48;
+
+// Room for so many bytes. For more than sound files ask for there may be none: false. Anything
+// else throws when there is no memory, and may be tried again.
+bool makeRoom(ByteBuffer& buffer, std::uint64_t size) {
+  constexpr std::uint64_t kUsual = std::uint64_t{64} << 20;
+  if (buffer.reserve(size)) return true;
+  if (size <= kUsual) throw std::bad_alloc();
+  return false;
+}
 
 }  // namespace
 
@@ -110,7 +120,7 @@ ByteSpan m4DataStream::nextSlowly(std::uint64_t length) {
 }
 
 ByteSpan m4DataStream::nextMerged(std::uint64_t length) {
-  if (!scratch_.reserve(length)) return {};
+  if (!makeRoom(scratch_, length)) return {};
   return {scratch_.data(), Read(length, scratch_.data(), 1)};
 }
 
@@ -131,7 +141,7 @@ ByteSpan m4DataStream::nextPlain(std::uint64_t length) {
   }
   if (at_ < windowStart_ || at_ > windowEnd_ || wanted > windowEnd_ - at_) {
     // The bytes lie in blocks of different kinds, the file ends among them or a read failed.
-    if (!scratch_.reserve(std::min(wanted, presentSize()))) return {};
+    if (!makeRoom(scratch_, std::min(wanted, presentSize()))) return {};
     return {scratch_.data(), assemble(std::min(wanted, presentSize()), scratch_.data())};
   }
   const std::uint8_t* const bytes = window_ + (at_ - windowStart_);
@@ -144,7 +154,7 @@ void m4DataStream::refill(std::uint64_t wanted) {
   const bool inOrder = at_ > windowStart_ && at_ <= windowEnd_;
   readAhead_ = inOrder ? std::min(readAhead_ * 4, mostReadAhead_) : kSmallestReadAhead;
   const std::uint64_t length = std::min(std::max(wanted, readAhead_), limit_ - at_);
-  if (!buffer_.reserve(std::min(length, presentSize()))) {
+  if (!makeRoom(buffer_, std::min(length, presentSize()))) {
     setWindow(nullptr, at_, 0);
     return;
   }
@@ -355,8 +365,8 @@ bool m4DataStream::inflateBlock(DataSegment& segment, bool again, InflatedBlock&
   }
   const bool transposed = record.dz_zip_type == kZipTransposeDeflate;
   ByteBuffer& target = transposed ? transposed_ : out.bytes;
-  if (!compressed_.reserve(record.dz_data_length) || !out.bytes.reserve(segment.length) ||
-      !target.reserve(segment.length)) {
+  if (!makeRoom(compressed_, record.dz_data_length) || !makeRoom(out.bytes, segment.length) ||
+      !makeRoom(target, segment.length)) {
     file_->report(formatText("compressed data block at %" PRIu64 ": no memory for its %" PRIu64
                              " bytes",
                              block, segment.length));

@@ -24,18 +24,6 @@ std::string_view textOfXml(std::string_view xml) {
   return close < start ? std::string_view{} : xml.substr(start, close - start);
 }
 
-std::string_view textOf(const m4Block* block) {
-  if (block == nullptr) return {};
-  switch (block->typeCode()) {
-    case block_type::kTX:
-      return static_cast<const M4TXBlock&>(*block).text();
-    case block_type::kMD:
-      return textOfXml(static_cast<const M4MDBlock&>(*block).text());
-    default:
-      return {};
-  }
-}
-
 const std::string& valueOf(const SharedText& text) {
   static const std::string kNone;
   return text == nullptr ? kNone : *text;
@@ -43,20 +31,55 @@ const std::string& valueOf(const SharedText& text) {
 
 }  // namespace
 
-ChannelTextLoader::ChannelTextLoader(DirectFile& file, std::size_t channels) : file_(file) {
-  texts_.reserve(2 * channels);
-  conversions_.reserve(channels);
+void FileTexts::clear() {
+  texts_.clear();
+  xml_.clear();
+  conversions_.clear();
+  numbers_.clear();
 }
 
-SharedText ChannelTextLoader::text(std::uint64_t position) {
-  if (position == 0) return nullptr;
-  const auto [entry, isNew] = texts_.try_emplace(position);
-  if (isNew) {
-    const std::unique_ptr<m4Block> block = loadBlock(file_, position);
-    const std::string_view text = textOf(block.get());
-    if (!text.empty()) entry->second = std::make_shared<const std::string>(text);
+const FileTexts::Text& FileTexts::entry(std::uint64_t position) {
+  static const Text kNone;
+  if (position == 0) return kNone;
+  const auto found = texts_.find(position);
+  if (found != texts_.end()) return found->second;
+  Text entry;
+  const std::uint64_t failed = file_.failedReads();
+  const std::unique_ptr<m4Block> block = loadBlock(file_, position);
+  if (file_.failedReads() != failed) return kNone;  // another attempt may succeed
+  if (block != nullptr &&
+      (block->typeCode() == block_type::kTX || block->typeCode() == block_type::kMD)) {
+    entry.isXml = block->typeCode() == block_type::kMD;
+    std::string_view text = static_cast<const M4TXBlock&>(*block).text();
+    if (entry.isXml) text = textOfXml(text);
+    if (!text.empty()) entry.text = std::make_shared<const std::string>(text);
   }
-  return entry->second;
+  return texts_.emplace(position, std::move(entry)).first->second;
+}
+
+SharedText FileTexts::plain(std::uint64_t position) {
+  const Text& text = entry(position);
+  return text.isXml ? nullptr : text.text;
+}
+
+SharedText FileTexts::whole(std::uint64_t position) {
+  const Text& text = entry(position);
+  if (!text.isXml) return text.text;
+  const auto found = xml_.find(position);
+  if (found != xml_.end()) return found->second;
+  auto xml = std::make_shared<const std::string>(loadText(file_, position));
+  return xml_.emplace(position, std::move(xml)).first->second;
+}
+
+std::shared_ptr<const Conversion> FileTexts::numbers(std::uint64_t position) {
+  if (position == 0) return nullptr;
+  const auto found = numbers_.find(position);
+  if (found != numbers_.end()) return found->second;
+  auto conversion = std::make_shared<Conversion>();
+  const std::uint64_t failed = file_.failedReads();
+  if (loadConversionNumbers(file_, position, *conversion) == nullptr) conversion = nullptr;
+  if (file_.failedReads() != failed) return nullptr;
+  return numbers_.emplace(position, std::move(conversion)).first->second;
 }
 
 std::unique_ptr<M4CCBlock> loadConversionNumbers(DirectFile& file, std::uint64_t position,
@@ -77,13 +100,15 @@ std::unique_ptr<M4CCBlock> loadConversionNumbers(DirectFile& file, std::uint64_t
   return block;
 }
 
-std::shared_ptr<const Conversion> ChannelTextLoader::conversion(std::uint64_t position) {
+std::shared_ptr<const Conversion> FileTexts::conversion(std::uint64_t position) {
   if (position == 0) return nullptr;
-  const auto [entry, isNew] = conversions_.try_emplace(position);
-  if (!isNew) return entry->second;
+  const auto found = conversions_.find(position);
+  if (found != conversions_.end()) return found->second;
   auto conversion = std::make_shared<Conversion>();
+  const std::uint64_t failed = file_.failedReads();
   const auto block = loadConversionNumbers(file_, position, *conversion);
-  if (block == nullptr) return nullptr;
+  if (file_.failedReads() != failed) return nullptr;
+  if (block == nullptr) return conversions_.emplace(position, nullptr).first->second;
   std::uint64_t room = file_.end() + kAlwaysText;
   for (std::size_t i = link::cc_ref;
        i < block->linkCount() && conversion->texts.size() < block->cc_ref_count; ++i) {
@@ -100,11 +125,10 @@ std::shared_ptr<const Conversion> ChannelTextLoader::conversion(std::uint64_t po
   conversion->name = text(block->link(link::cc_tx_name));
   conversion->unit = text(block->link(link::cc_md_unit));
   conversion->comment = text(block->link(link::cc_md_comment));
-  entry->second = std::move(conversion);
-  return entry->second;
+  return conversions_.emplace(position, std::move(conversion)).first->second;
 }
 
-ChannelTexts ChannelTextLoader::load(const M4CNBlock& channel) {
+ChannelTexts FileTexts::load(const M4CNBlock& channel) {
   ChannelTexts texts;
   texts.name = text(channel.link(link::cn_tx_name));
   texts.unit = text(channel.link(link::cn_md_unit));
@@ -113,11 +137,16 @@ ChannelTexts ChannelTextLoader::load(const M4CNBlock& channel) {
   return texts;
 }
 
-MdfSigCCInfo describeChannel(const M4CNBlock& channel, const ChannelTexts& texts, Tables tables) {
+std::string textUpTo(const SharedText& text, std::size_t longest) {
+  return valueOf(text).substr(0, longest);
+}
+
+MdfSigCCInfo describeChannel(const M4CNBlock& channel, const ChannelTexts& texts, Tables tables,
+                             std::size_t longestText) {
   MdfSigCCInfo info;
-  info.name = valueOf(texts.name);
-  info.unit = valueOf(texts.unit);
-  info.comment = valueOf(texts.comment);
+  info.name = textUpTo(texts.name, longestText);
+  info.unit = textUpTo(texts.unit, longestText);
+  info.comment = textUpTo(texts.comment, longestText);
   info.dataType = channel.cn_data_type;
   info.bitOffset = channel.cn_bit_offset;
   info.bitCount = static_cast<std::uint8_t>(channel.cn_bit_count);
@@ -153,11 +182,11 @@ MdfSigCCInfo describeChannel(const M4CNBlock& channel, const ChannelTexts& texts
       info.values = conversion.values;
       for (const SharedText& text : conversion.texts) info.texts.push_back(valueOf(text));
     }
-    if (info.unit.empty()) info.unit = valueOf(conversion.unit);
-    if (conversion.name != nullptr && !info.name.empty()) {
-      info.name += " [" + *conversion.name + "]";
+    if (info.unit.empty()) info.unit = textUpTo(conversion.unit, longestText);
+    if (conversion.name != nullptr && info.name.size() < longestText && !info.name.empty()) {
+      info.name += " [" + textUpTo(conversion.name, longestText) + "]";
     }
-    if (info.comment.empty()) info.comment = valueOf(conversion.comment);
+    if (info.comment.empty()) info.comment = textUpTo(conversion.comment, longestText);
   }
   info.calculateDisplayPrecision();
   info.initDataTypeInfo();

@@ -33,21 +33,36 @@ struct ChannelTexts {
   std::shared_ptr<const Conversion> conversion;  // null: none
 };
 
-// Loads the texts and conversions of many channels of one file, each of them once: what channels
-// share in the file they share in memory.
-class ChannelTextLoader {
+// The texts and conversions of one file, each loaded once: what channels share in the file they
+// share in memory. Borrows the file.
+class FileTexts {
  public:
-  // For about `channels` channels, which only sizes the tables in advance.
-  ChannelTextLoader(DirectFile& file, std::size_t channels);
+  explicit FileTexts(DirectFile& file) : file_(file) {}
+  void clear();
+
+  // The text of the TX block at the position; null for any other.
+  SharedText plain(std::uint64_t position);
+  // Of an MD block the XML, too.
+  SharedText whole(std::uint64_t position);
+  // A conversion without its texts; null for none.
+  std::shared_ptr<const Conversion> numbers(std::uint64_t position);
   ChannelTexts load(const M4CNBlock& channel);
 
  private:
-  SharedText text(std::uint64_t position);
+  struct Text {
+    SharedText text;
+    bool isXml = false;  // `text` is what stands in it
+  };
+
+  const Text& entry(std::uint64_t position);
+  SharedText text(std::uint64_t position) { return entry(position).text; }
   std::shared_ptr<const Conversion> conversion(std::uint64_t position);
 
   DirectFile& file_;
-  std::unordered_map<std::uint64_t, SharedText> texts_;
+  std::unordered_map<std::uint64_t, Text> texts_;
+  std::unordered_map<std::uint64_t, SharedText> xml_;
   std::unordered_map<std::uint64_t, std::shared_ptr<const Conversion>> conversions_;
+  std::unordered_map<std::uint64_t, std::shared_ptr<const Conversion>> numbers_;
 };
 
 // Fills record and values of `conversion` and returns its block; null when the position leads to no
@@ -55,8 +70,13 @@ class ChannelTextLoader {
 std::unique_ptr<M4CCBlock> loadConversionNumbers(DirectFile& file, std::uint64_t position,
                                                  Conversion& conversion);
 
-// The whole description, or all but the conversion's values and texts.
+// A text, or its first bytes when it is longer.
+std::string textUpTo(const SharedText& text, std::size_t longest);
+
+// The whole description, or all but the conversion's values and texts. Name, unit and comment may
+// be cut to so many bytes.
 enum class Tables : std::uint8_t { With, Without };
-MdfSigCCInfo describeChannel(const M4CNBlock& channel, const ChannelTexts& texts, Tables tables);
+MdfSigCCInfo describeChannel(const M4CNBlock& channel, const ChannelTexts& texts, Tables tables,
+                             std::size_t longestText = std::string::npos);
 
 }  // namespace tolvex

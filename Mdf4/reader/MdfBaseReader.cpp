@@ -5,6 +5,7 @@
 #include <optional>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "Mdf4/format/BlockLoader.h"
@@ -18,6 +19,11 @@ namespace {
 constexpr std::int64_t kNsPerMinute = 60'000'000'000;
 constexpr std::uint8_t kLocalTime = 0x01;
 constexpr std::uint8_t kOffsetsValid = 0x02;
+
+constexpr const char* kOutOfMemory = "reading ran out of memory: something is left out";
+
+// Channels that share a long name would make much of it.
+constexpr std::size_t kLongestTrace = 1 << 20;
 
 // The sum, or `time` unchanged when it would leave the range.
 std::uint64_t addGuarded(std::uint64_t time, std::int64_t amount) {
@@ -48,21 +54,12 @@ std::string trimmed(const char (&text)[Size]) {
   return std::string(view.substr(0, view.find_last_not_of(' ') + 1));
 }
 
-bool isBusLogName(const std::string& name, bool loggerRules) {
+bool isBusLogName(const SharedText& name, bool loggerRules) {
+  if (name == nullptr) return false;
   for (const char* const known : {"CAN_DataFrame", "CAN_ErrorFrame", "CAN_FdErrorFrame"}) {
-    if (strcasecmp(name.c_str(), known) == 0) return true;
+    if (strcasecmp(name->c_str(), known) == 0) return true;
   }
-  return loggerRules && strcasecmp(name.c_str(), "CAN_RemoteFrame") == 0;
-}
-
-bool isCanSource(DirectFile& file, std::uint64_t position) {
-  const auto source = loadBlockAs<M4SIBlock>(file, position);
-  return source != nullptr && source->si_type == kSiTypeBus && source->si_bus_type == kSiBusCan;
-}
-
-bool isCanChannel(DirectFile& file, const M4CNBlock& channel, bool loggerRules) {
-  return isCanSource(file, channel.link(link::cn_si_source)) ||
-         isBusLogName(loadText(file, channel.link(link::cn_tx_name)), loggerRules);
+  return loggerRules && strcasecmp(name->c_str(), "CAN_RemoteFrame") == 0;
 }
 
 bool isMasterTime(const M4CNBlock& channel) {
@@ -73,6 +70,17 @@ bool isMasterTime(const M4CNBlock& channel) {
 
 ReaderState::~ReaderState() {
   file.Close();
+}
+
+std::shared_ptr<ReaderState> ReaderState::forCopy(const std::shared_ptr<ReaderState>& state) {
+  if (state->wasOpened) return state;
+  auto own = std::make_shared<ReaderState>();
+  own->longestText = state->longestText;
+  own->loggerRules = state->loggerRules;
+  own->dgBlocks = state->dgBlocks;  // empty entries of look-ups
+  own->cgBlocks = state->cgBlocks;
+  own->cnBlocks = state->cnBlocks;
+  return own;
 }
 
 const M4DGBlock* ReaderState::findGroup(int dg) const {
@@ -100,6 +108,10 @@ const MdfCNInfo* ReaderState::findTimeChannel(int dg, int cg) const {
   const auto found = timeChannels.lower_bound({dg, std::max(cg, 0)});
   if (found == timeChannels.end() || found->first.first != dg) return nullptr;
   return cg < 0 || found->first.second == cg ? &found->second : nullptr;
+}
+
+std::string ReaderState::textAt(std::uint64_t position) {
+  return file.isOpen() ? textUpTo(texts.whole(position), longestText) : std::string();
 }
 
 bool ReaderState::describe(int dg, int cg, MdfGroupInfo& group) const {
@@ -158,11 +170,28 @@ void seekRecord(m4DataStream& records, std::uint32_t recordSize, std::uint32_t i
   records.Seek(static_cast<std::uint64_t>(index) * bytes);
 }
 
-// Walks the tree of an opened file into the reader's maps and lists.
+// Walks the tree of an opened file into the reader's maps and lists. What a walk before listed
+// stays until this one is done; then the blocks that it replaced in the maps go, with what is
+// listed of them.
 class TreeWalk {
  public:
-  explicit TreeWalk(ReaderState& state) : state_(state), file_(state.file), visited_(state.file) {}
+  explicit TreeWalk(ReaderState& state)
+      : state_(state),
+        file_(state.file),
+        visited_(state.file),
+        blocksBefore_(state.blocks.size()),
+        valuesBefore_(state.valueChannels.size()),
+        canBefore_(state.canChannels.size()) {}
 
+  void run() {
+    dataGroups();
+    for (auto& [group, channel] : timeChannels_) {
+      state_.timeChannels.insert_or_assign(group, std::move(channel));
+    }
+    if (blocksBefore_ != 0) dropReplaced();
+  }
+
+ private:
   void dataGroups() {
     int dg = 0;
     for (std::uint64_t at = file_.header()->link(link::hd_dg_first); at != 0; ++dg) {
@@ -174,7 +203,36 @@ class TreeWalk {
     }
   }
 
- private:
+  void dropReplaced() {
+    std::unordered_set<const m4Block*> alive;
+    for (const auto& dg : state_.dgBlocks) alive.insert(dg.second);
+    for (const auto& dg : state_.cgBlocks) {
+      for (const auto& cg : dg.second) alive.insert(cg.second);
+    }
+    for (const auto& dg : state_.cnBlocks) {
+      for (const auto& cg : dg.second) {
+        for (const auto& cn : cg.second) alive.insert(cn.second);
+      }
+    }
+    for (const MdfCNInfo& channel : state_.canChannels) {
+      if (alive.count(channel.cnBlock) == 0) continue;
+      for (const auto& child : channel.children) alive.insert(child.second);
+    }
+    const auto drop = [](auto& list, std::size_t before, const auto& isReplaced) {
+      const auto end = list.begin() + static_cast<std::ptrdiff_t>(before);
+      list.erase(std::remove_if(list.begin(), end, isReplaced), end);
+    };
+    const auto isListedInVain = [&](const MdfCNInfo& channel) {
+      return alive.count(channel.cnBlock) == 0;
+    };
+    drop(state_.valueChannels, valuesBefore_, isListedInVain);
+    drop(state_.canChannels, canBefore_, isListedInVain);
+    std::erase_if(state_.timeChannels,
+                  [&](const auto& entry) { return isListedInVain(entry.second); });
+    drop(state_.blocks, blocksBefore_,
+         [&](const auto& block) { return alive.count(block.get()) == 0; });
+  }
+
   template <class Block>
   Block* keep(std::unique_ptr<Block> block) {
     Block* const kept = block.get();
@@ -183,16 +241,18 @@ class TreeWalk {
   }
 
   // The next block of a chain, kept by the reader; null when it is absent, damaged or was visited.
+  // Only a block of the chain's kind counts as visited: its own chain may lead to another one yet.
   template <class Block>
   Block* load(std::uint64_t position) {
-    if (!visited_.enter(position)) return nullptr;
-    std::unique_ptr<m4Block> block = loadBlock(file_, position);
-    if (block != nullptr && block->typeCode() != Block::kType) {
+    const std::uint16_t type = blockTypeAt(file_, position);
+    if (type == 0) return nullptr;
+    if (type != Block::kType) {
       file_.report(
           formatText("block at %" PRIu64 ": a link of another kind leads to it", position));
       return nullptr;
     }
-    return static_cast<Block*>(keep(std::move(block)));
+    if (!visited_.enter(position)) return nullptr;
+    return static_cast<Block*>(keep(loadBlock(file_, position)));
   }
 
   void channelGroups(int dg, std::uint64_t first) {
@@ -207,8 +267,7 @@ class TreeWalk {
   }
 
   void channels(int dg, int cg, const M4CGBlock& group) {
-    const bool canGroup =
-        state_.loggerRules && isCanSource(file_, group.link(link::cg_si_acq_source));
+    const bool canGroup = state_.loggerRules && isCanSource(group.link(link::cg_si_acq_source));
     int cn = 0;
     for (std::uint64_t at = group.link(link::cg_cn_first); at != 0; ++cn) {
       M4CNBlock* const block = load<M4CNBlock>(at);
@@ -219,12 +278,27 @@ class TreeWalk {
     }
   }
 
+  bool isCanSource(std::uint64_t position) {
+    if (position == 0) return false;
+    const auto found = canSources_.find(position);
+    if (found != canSources_.end()) return found->second;
+    const auto source = loadBlockAs<M4SIBlock>(file_, position);
+    const bool isCan =
+        source != nullptr && source->si_type == kSiTypeBus && source->si_bus_type == kSiBusCan;
+    return canSources_.emplace(position, isCan).first->second;
+  }
+
+  bool isCanChannel(const M4CNBlock& channel) {
+    return isCanSource(channel.link(link::cn_si_source)) ||
+           isBusLogName(state_.texts.whole(channel.link(link::cn_tx_name)), state_.loggerRules);
+  }
+
   // Loggers name the bus for a whole group, its time included: `canGroup` says that they did.
   void list(MdfCNInfo info, bool canGroup) {
     const M4CNBlock& channel = *info.cnBlock;
     const bool rules = state_.loggerRules;
-    const bool isCan = (canGroup && channel.link(link::cn_composition) != 0) ||
-                       isCanChannel(file_, channel, rules);
+    const bool isCan =
+        (canGroup && channel.link(link::cn_composition) != 0) || isCanChannel(channel);
     if (isCan && !(rules && isMasterTime(channel))) {
       composition(info);
       state_.canChannels.push_back(std::move(info));
@@ -232,24 +306,28 @@ class TreeWalk {
                channel.cn_type == channel_type::kVlsd) {
       state_.valueChannels.push_back(std::move(info));
     } else if (isMasterTime(channel)) {
-      state_.timeChannels.try_emplace({info.dgIndex, info.cgIndex}, std::move(info));
+      timeChannels_.try_emplace({info.dgIndex, info.cgIndex}, std::move(info));
     }
   }
 
   // What is no channel, such as an array, is passed over: its first link leads on.
   void composition(MdfCNInfo& info) {
     std::string trace;
+    std::unordered_set<std::uint64_t> passed;
     std::uint64_t at = info.cnBlock->link(link::cn_composition);
-    while (at != 0 && visited_.enter(at)) {
-      const m4Block* const child = keep(loadBlock(file_, at));
-      if (child == nullptr) break;
-      if (child->typeCode() == M4CNBlock::kType) {
-        const auto text = loadBlockAs<M4TXBlock>(file_, child->link(link::cn_tx_name));
-        const std::string name(text == nullptr ? std::string_view{} : text->text());
-        trace += "Name: " + name;
-        info.children.emplace(name, static_cast<const M4CNBlock*>(child));
-      }
-      at = child->link(link::cn_cn_next);
+    while (at != 0) {
+      const bool isChannel = blockTypeAt(file_, at) == M4CNBlock::kType;
+      if (isChannel ? !visited_.enter(at) : !passed.insert(at).second) break;
+      std::unique_ptr<m4Block> block = loadBlock(file_, at);
+      if (block == nullptr) break;
+      at = block->link(link::cn_cn_next);
+      if (!isChannel) continue;
+      const auto* const child = static_cast<const M4CNBlock*>(keep(std::move(block)));
+      const SharedText text = state_.texts.plain(child->link(link::cn_tx_name));
+      const std::string_view name = text == nullptr ? std::string_view() : *text;
+      if (name.size() <= kLongestTrace - std::min(trace.size(), kLongestTrace))
+        trace.append("Name: ").append(name);
+      if (info.children.find(name) == info.children.end()) info.children.emplace(name, child);
     }
     printDiagnostic("%s\n", trace.c_str());
   }
@@ -257,14 +335,29 @@ class TreeWalk {
   ReaderState& state_;
   MDF4File& file_;
   VisitedBlocks visited_;
+  const std::size_t blocksBefore_;  // of earlier walks, in the state's lists
+  const std::size_t valuesBefore_;
+  const std::size_t canBefore_;
+  std::map<std::pair<int, int>, MdfCNInfo> timeChannels_;
+  std::unordered_map<std::uint64_t, bool> canSources_;  // by position
 };
 
 MdfBaseReader::MdfBaseReader(const std::string& path)
     : filePath_(path), state_(std::make_shared<ReaderState>()) {}
 
 MdfBaseReader::~MdfBaseReader() = default;
-MdfBaseReader::MdfBaseReader(const MdfBaseReader&) = default;
-MdfBaseReader& MdfBaseReader::operator=(const MdfBaseReader&) = default;
+MdfBaseReader::MdfBaseReader(const MdfBaseReader& other)
+    : filePath_(other.filePath_),
+      errorCallback_(other.errorCallback_),
+      state_(ReaderState::forCopy(other.state_)) {}
+MdfBaseReader& MdfBaseReader::operator=(const MdfBaseReader& other) {
+  if (this == &other) return *this;
+  auto state = ReaderState::forCopy(other.state_);
+  filePath_ = other.filePath_;
+  errorCallback_ = other.errorCallback_;
+  state_ = std::move(state);
+  return *this;
+}
 
 bool MdfBaseReader::open() {
   if (filePath_.empty()) {
@@ -272,22 +365,31 @@ bool MdfBaseReader::open() {
     return false;
   }
   ReaderState& state = *state_;
-  if (!state.file.Open(filePath_, false)) {
-    if (errorCallback_) errorCallback_("Failed to open MDF4 file: " + filePath_);
-    return false;
-  }
-  state.tables.clear();
-  const IdBlock& id = state.file.id();
-  const M4HDBlock& header = *state.file.header();
-  state.info = {state.file.end(), id.id_ver, trimmed(id.id_vers), trimmed(id.id_prog),
-                header.hd_start_time_ns};
-  state.startTime = utcStartTime(header);
-  TreeWalk(state).dataGroups();
-  return true;
+  const bool isOpen = state.orOutOfMemory(false, [&] {
+    if (!state.file.Open(filePath_, false)) return false;
+    state.wasOpened = true;
+    state.tables.clear();
+    state.texts.clear();
+    const IdBlock& id = state.file.id();
+    const M4HDBlock& header = *state.file.header();
+    state.info = {state.file.end(), id.id_ver, trimmed(id.id_vers), trimmed(id.id_prog),
+                  header.hd_start_time_ns};
+    state.startTime = utcStartTime(header);
+    TreeWalk(state).run();
+    return true;
+  });
+  if (isOpen) return true;
+  state.file.Close();
+  if (errorCallback_) errorCallback_("Failed to open MDF4 file: " + filePath_);
+  return false;
 }
 
 void MdfBaseReader::close() {
   state_->file.Close();
+}
+
+void MdfBaseReader::setLongestText(std::size_t bytes) {
+  state_->longestText = bytes;
 }
 
 void MdfBaseReader::setErrorCallback(std::function<void(const std::string&)> callback) {
@@ -298,34 +400,48 @@ int MdfBaseReader::getDGCount() {
   return static_cast<int>(state_->dgBlocks.size());
 }
 int MdfBaseReader::getCGCount(int dg) {
-  return static_cast<int>(state_->cgBlocks[dg].size());
+  return state_->orOutOfMemory(0, [&] { return static_cast<int>(state_->cgBlocks[dg].size()); });
 }
 int MdfBaseReader::getCNCount(int dg, int cg) {
-  return static_cast<int>(state_->cnBlocks[dg][cg].size());
+  return state_->orOutOfMemory(0,
+                               [&] { return static_cast<int>(state_->cnBlocks[dg][cg].size()); });
 }
 
 std::string MdfBaseReader::getCGName(int dg, int cg) {
-  const m4Block* const block = getCGBlock(dg, cg);
-  if (block == nullptr) return {};
-  const std::uint64_t name = block->link(link::cg_tx_acq_name);
-  return loadText(state_->file, name != 0 ? name : block->link(link::cg_md_comment));
+  return state_->orOutOfMemory(std::string(), [&] {
+    const m4Block* const block = getCGBlock(dg, cg);
+    if (block == nullptr) return std::string();
+    const std::uint64_t name = block->link(link::cg_tx_acq_name);
+    return state_->textAt(name != 0 ? name : block->link(link::cg_md_comment));
+  });
 }
 
 std::string MdfBaseReader::getCNName(int dg, int cg, int cn) {
-  const m4Block* const block = getCNBlock(dg, cg, cn);
-  return block == nullptr ? std::string() : loadText(state_->file, block->link(link::cn_tx_name));
+  return state_->orOutOfMemory(std::string(), [&] {
+    const m4Block* const block = getCNBlock(dg, cg, cn);
+    return block == nullptr ? std::string() : state_->textAt(block->link(link::cn_tx_name));
+  });
 }
 
 std::string MdfBaseReader::getLastError() const {
-  if (filePath_.empty()) return "the path is empty";
-  return state_->file.error().empty() ? state_->file.readError() : state_->file.error();
+  return state_->orOutOfMemory(std::string(), [&] {
+    if (filePath_.empty()) return std::string("the path is empty");
+    const MDF4File& file = state_->file;
+    if (!file.error().empty()) return file.error();
+    if (!file.readError().empty()) return file.readError();
+    return std::string(state_->ranOutOfMemory && !file.isOpen() ? kOutOfMemory : "");
+  });
 }
 
 std::vector<std::string> MdfBaseReader::getProblems() const {
-  return state_->file.problems();
+  return state_->orOutOfMemory(std::vector<std::string>(), [&] {
+    std::vector<std::string> problems = state_->file.problems();
+    if (state_->ranOutOfMemory) problems.emplace_back(kOutOfMemory);
+    return problems;
+  });
 }
 MdfFileInfo MdfBaseReader::getFileInfo() const {
-  return state_->info;
+  return state_->orOutOfMemory(MdfFileInfo(), [&] { return state_->info; });
 }
 
 bool MdfBaseReader::getGroupInfo(int dg, int cg, MdfGroupInfo& info) {
@@ -337,13 +453,13 @@ bool MdfBaseReader::getGroupInfo(int dg, int cg, MdfGroupInfo& info) {
 }
 
 m4Block* MdfBaseReader::getDGBlock(int dg) {
-  return state_->dgBlocks[dg];
+  return state_->orOutOfMemory<m4Block*>(nullptr, [&] { return state_->dgBlocks[dg]; });
 }
 m4Block* MdfBaseReader::getCGBlock(int dg, int cg) {
-  return state_->cgBlocks[dg][cg];
+  return state_->orOutOfMemory<m4Block*>(nullptr, [&] { return state_->cgBlocks[dg][cg]; });
 }
 m4Block* MdfBaseReader::getCNBlock(int dg, int cg, int cn) {
-  return state_->cnBlocks[dg][cg][cn];
+  return state_->orOutOfMemory<m4Block*>(nullptr, [&] { return state_->cnBlocks[dg][cg][cn]; });
 }
 
 }  // namespace tolvex

@@ -41,31 +41,30 @@ struct RecordStream {
   }
 };
 
-// `count` records from number `start` on, in `out`.
+// `count` records from number `start` on, in `out`. False unless all are there; those that are have
+// then been read all the same.
 bool readBlock(const RecordStream& records, int start, std::uint64_t count, std::uint64_t fileSize,
                std::vector<std::uint8_t>& out) {
   m4DataStream& stream = *records.stream;
   const std::uint64_t size = records.recordSize;
   const std::uint64_t stored = records.storedSize();
-  if (stored == 0 || count > stream.presentSize() / stored) return false;
+  if (stored == 0) return false;
+  const bool mayBeThere = count <= stream.presentSize() / stored;
   const std::uint64_t total = count * size;
   // Merged records come whole, and are small; others may be cut anywhere.
   const std::uint64_t largest = stream.merges() ? std::max(kPiece / size * size, size) : kPiece;
-  try {
-    out.resize(std::min<std::uint64_t>(out.size(), total));
-    out.reserve(std::min(total, fileSize));
-    records.seek(start);
-    for (std::uint64_t done = 0; done < total;) {
-      const std::uint64_t piece = std::min(largest, total - done);
-      if (out.size() < done + piece) out.resize(done + piece);
-      const auto whole = static_cast<std::uint32_t>(piece / size);
-      if (stream.Read(piece, out.data() + done, whole) != piece) return false;
-      done += piece;
-    }
-    return true;
-  } catch (const std::bad_alloc&) {
-    return false;
+  records.seek(start);
+  out.resize(std::min<std::uint64_t>(out.size(), total));
+  if (mayBeThere) out.reserve(std::min(total, fileSize));
+  for (std::uint64_t done = 0; done < total;) {
+    const std::uint64_t piece = std::min(largest, total - done);
+    const std::uint64_t at = mayBeThere ? done : 0;
+    if (out.size() < at + piece) out.resize(at + piece);
+    const auto whole = static_cast<std::uint32_t>(piece / size);
+    if (stream.Read(piece, out.data() + at, whole) != piece) return false;
+    done += piece;
   }
+  return mayBeThere;
 }
 
 enum class TimeRead : std::uint8_t { Time, NoTime, NoRecord };
@@ -85,7 +84,9 @@ TimeRead readTime(const RecordStream& records, std::int64_t index, const MdfSigC
   return TimeRead::Time;
 }
 
-std::shared_ptr<MdfSignalRawData> toRawData(ByteSpan record) {
+using Record = std::shared_ptr<MdfSignalRawData>;
+
+Record toRawData(ByteSpan record) {
   if (record.empty()) return nullptr;
   auto data = std::make_shared<MdfSignalRawData>();
   data->data.assign(record.begin(), record.end());
@@ -103,15 +104,24 @@ struct SignalStreams {
   std::map<const m4Block*, m4DataStream> values;        // of variable-length channels
   std::list<m4DataStream*> recent;                      // last read first
 
+  // What a copy of a reader begins with, as ReaderState::forCopy.
+  static std::shared_ptr<SignalStreams> forCopy(const std::shared_ptr<SignalStreams>& streams,
+                                                const ReaderState& state);
+  void open(ReaderState& state);
   void open(ReaderState& state, int dg, int cg);
+  void clear();
   const RecordStream* find(int dg, int cg);
   void keepInMind(m4DataStream& stream);
   // False when the channel is null or was not there when the file was opened.
-  bool describe(const m4Block* channel, Tables tables, MdfSigCCInfo& out) const {
+  bool describe(ReaderState& state, const m4Block* channel, Tables tables,
+                MdfSigCCInfo& out) const {
     const auto found = texts.find(channel);
     if (found == texts.end()) return false;
-    out = describeChannel(static_cast<const M4CNBlock&>(*channel), found->second, tables);
-    return true;
+    return state.orOutOfMemory(false, [&] {
+      out = describeChannel(static_cast<const M4CNBlock&>(*channel), found->second, tables,
+                            state.longestText);
+      return true;
+    });
   }
 };
 
@@ -119,8 +129,17 @@ MdfSigReader::MdfSigReader(const std::string& path)
     : MdfBaseReader(path), streams_(std::make_shared<SignalStreams>()) {}
 
 MdfSigReader::~MdfSigReader() = default;
-MdfSigReader::MdfSigReader(const MdfSigReader&) = default;
-MdfSigReader& MdfSigReader::operator=(const MdfSigReader&) = default;
+MdfSigReader::MdfSigReader(const MdfSigReader& other)
+    : MdfBaseReader(other), streams_(SignalStreams::forCopy(other.streams_, *other.state_)) {}
+MdfSigReader& MdfSigReader::operator=(const MdfSigReader& other) {
+  if (this == &other) return *this;
+  auto streams = SignalStreams::forCopy(other.streams_, *other.state_);
+  // Streams borrow the file that the base part keeps: they go first.
+  const std::shared_ptr<ReaderState> before = state_;
+  MdfBaseReader::operator=(other);
+  streams_ = std::move(streams);
+  return *this;
+}
 
 void MdfSigReader::setReadAllGroups(bool on) {
   streams_->readAllGroups = on;
@@ -164,32 +183,55 @@ void SignalStreams::open(ReaderState& state, int dg, int cg) {
   records[{dg, cg}] = {dg, cg, recordSizeOf(*group), group->cg_inval_bytes, std::move(stream)};
 }
 
-bool MdfSigReader::open() {
-  if (!MdfBaseReader::open()) return false;
-  const std::lock_guard lock(streams_->mutex);
-  streams_->records.clear();
-  streams_->recent.clear();
-  streams_->values.clear();
-  for (const MdfCNInfo& channel : state_->valueChannels) {
-    streams_->open(*state_, channel.dgIndex, channel.cgIndex);
+std::shared_ptr<SignalStreams> SignalStreams::forCopy(const std::shared_ptr<SignalStreams>& streams,
+                                                      const ReaderState& state) {
+  if (state.wasOpened) return streams;
+  auto own = std::make_shared<SignalStreams>();
+  own->readAllGroups = streams->readAllGroups;
+  return own;
+}
+
+void SignalStreams::clear() {
+  recent.clear();
+  records.clear();
+  values.clear();
+  texts.clear();
+}
+
+// Opens the records of all groups that are read, and learns what describes the channels.
+void SignalStreams::open(ReaderState& state) {
+  for (const MdfCNInfo& channel : state.valueChannels) {
+    open(state, channel.dgIndex, channel.cgIndex);
   }
-  if (streams_->readAllGroups) {
-    for (const auto& [dg, groups] : state_->cgBlocks) {
-      for (const auto& entry : groups) streams_->open(*state_, dg, entry.first);
+  if (readAllGroups) {
+    for (const auto& [dg, groups] : state.cgBlocks) {
+      for (const auto& entry : groups) open(state, dg, entry.first);
     }
   }
-  streams_->texts.clear();
-  ChannelTextLoader loader(state_->file, state_->blocks.size());
-  for (const auto& [dg, groups] : state_->cnBlocks) {
+  for (const auto& [dg, groups] : state.cnBlocks) {
     for (const auto& [cg, channels] : groups) {
       for (const auto& [cn, block] : channels) {
         if (block == nullptr) continue;
-        streams_->texts.emplace_hint(streams_->texts.end(), block,
-                                     loader.load(static_cast<const M4CNBlock&>(*block)));
+        texts.emplace_hint(texts.end(), block,
+                           state.texts.load(static_cast<const M4CNBlock&>(*block)));
       }
     }
   }
-  return true;
+}
+
+bool MdfSigReader::open() {
+  if (!MdfBaseReader::open()) return false;
+  const std::lock_guard lock(streams_->mutex);
+  streams_->clear();
+  const bool isOpen = state_->orOutOfMemory(false, [&] {
+    streams_->open(*state_);
+    return true;
+  });
+  if (isOpen) return true;
+  streams_->clear();
+  state_->file.Close();
+  if (errorCallback_) errorCallback_("Failed to open MDF4 file: " + filePath_);
+  return false;
 }
 
 std::uint64_t MdfSigReader::getStartTime() {
@@ -223,16 +265,16 @@ MdfSigAttr MdfSigReader::getSigAttr(int dg, int cg, int cn) {
 }
 
 bool MdfSigReader::getCCInfo(int dg, int cg, int cn, MdfSigCCInfo& out) {
-  return streams_->describe(getCNBlock(dg, cg, cn), Tables::With, out);
+  return streams_->describe(*state_, getCNBlock(dg, cg, cn), Tables::With, out);
 }
 
 bool MdfSigReader::getChannelInfo(int dg, int cg, int cn, MdfSigCCInfo& out) {
-  return streams_->describe(getCNBlock(dg, cg, cn), Tables::Without, out);
+  return streams_->describe(*state_, getCNBlock(dg, cg, cn), Tables::Without, out);
 }
 
 bool MdfSigReader::getTimeCCInfo(int dg, int cg, MdfSigCCInfo& out) {
   const MdfCNInfo* const channel = state_->findTimeChannel(dg, cg);
-  return channel != nullptr && streams_->describe(channel->cnBlock, Tables::With, out);
+  return channel != nullptr && streams_->describe(*state_, channel->cnBlock, Tables::With, out);
 }
 
 int MdfSigReader::getRecordCount(int dg, int cg) {
@@ -242,17 +284,21 @@ int MdfSigReader::getRecordCount(int dg, int cg) {
 
 std::uint64_t MdfSigReader::getStoredRecordCount(int dg, int cg) {
   const std::lock_guard lock(streams_->mutex);
-  const RecordStream* const records = streams_->find(dg, cg);
-  if (records == nullptr) return 0;
-  const std::uint32_t stored = records->storedSize();
-  return stored == 0 ? 0 : records->stream->size() / stored;
+  return state_->orOutOfMemory(std::uint64_t{0}, [&] {
+    const RecordStream* const records = streams_->find(dg, cg);
+    if (records == nullptr) return std::uint64_t{0};
+    const std::uint32_t stored = records->storedSize();
+    return stored == 0 ? 0 : records->stream->size() / stored;
+  });
 }
 
 std::vector<int> MdfSigReader::getDataGroupSigsIndex() {
   const std::lock_guard lock(streams_->mutex);
-  std::set<int> groups;
-  for (const auto& entry : streams_->records) groups.insert(entry.first.first);
-  return {groups.begin(), groups.end()};
+  return state_->orOutOfMemory(std::vector<int>(), [&] {
+    std::set<int> groups;
+    for (const auto& entry : streams_->records) groups.insert(entry.first.first);
+    return std::vector<int>(groups.begin(), groups.end());
+  });
 }
 
 std::vector<MdfSigAttr> MdfSigReader::getDataGroupSigs(int /*dg*/) {
@@ -270,11 +316,13 @@ std::shared_ptr<MdfSignalRawData> MdfSigReader::readSignalData(int dg) {
 
 std::shared_ptr<MdfSignalRawData> MdfSigReader::readSignalData(int dg, int cg) {
   const std::lock_guard lock(streams_->mutex);
-  const RecordStream* const records = streams_->find(dg, cg);
-  if (records == nullptr) return nullptr;
-  const ByteSpan record = records->next();
-  if (state_->findTimeChannel(dg, cg) == nullptr) return nullptr;
-  return toRawData(record);
+  return state_->orOutOfMemory(Record(), [&] {
+    const RecordStream* const records = streams_->find(dg, cg);
+    if (records == nullptr) return Record();
+    const ByteSpan record = records->next();
+    if (state_->findTimeChannel(dg, cg) == nullptr) return Record();
+    return toRawData(record);
+  });
 }
 
 std::shared_ptr<MdfSignalRawData> MdfSigReader::readSignalDataByIndex(int dg, int index) {
@@ -283,15 +331,17 @@ std::shared_ptr<MdfSignalRawData> MdfSigReader::readSignalDataByIndex(int dg, in
 
 std::shared_ptr<MdfSignalRawData> MdfSigReader::readSignalDataByIndex(int dg, int cg, int index) {
   const std::lock_guard lock(streams_->mutex);
-  const RecordStream* const records = streams_->find(dg, cg);
-  if (records == nullptr) return nullptr;
-  if (records->stream->merges()) {
-    records->seek(index);
-  } else {
-    const std::uint32_t product = static_cast<std::uint32_t>(index) * records->recordSize;
-    records->stream->Seek(static_cast<std::uint64_t>(static_cast<std::int32_t>(product)));
-  }
-  return toRawData(records->next());
+  return state_->orOutOfMemory(Record(), [&] {
+    const RecordStream* const records = streams_->find(dg, cg);
+    if (records == nullptr) return Record();
+    if (records->stream->merges()) {
+      records->seek(index);
+    } else {
+      const std::uint32_t product = static_cast<std::uint32_t>(index) * records->recordSize;
+      records->stream->Seek(static_cast<std::uint64_t>(static_cast<std::int32_t>(product)));
+    }
+    return toRawData(records->next());
+  });
 }
 
 bool MdfSigReader::readSignalDataBlock(int dg, int start, int count, std::vector<std::uint8_t>& out,
@@ -302,72 +352,76 @@ bool MdfSigReader::readSignalDataBlock(int dg, int start, int count, std::vector
 bool MdfSigReader::readSignalDataBlock(int dg, int cg, int start, int count,
                                        std::vector<std::uint8_t>& out, int& recordSize) {
   const std::lock_guard lock(streams_->mutex);
-  const RecordStream* const records = streams_->find(dg, cg);
-  const bool asked = records != nullptr && start >= 0 && count >= 1;
-  recordSize = asked ? static_cast<int>(records->recordSize) : 0;
-  if (asked &&
-      readBlock(*records, start, static_cast<std::uint64_t>(count), state_->file.end(), out)) {
-    return true;
-  }
-  out.clear();
-  return false;
+  recordSize = 0;
+  const bool isRead = state_->orOutOfMemory(false, [&] {
+    const RecordStream* const records = streams_->find(dg, cg);
+    if (records == nullptr || start < 0 || count < 1) return false;
+    recordSize = static_cast<int>(records->recordSize);
+    return readBlock(*records, start, static_cast<std::uint64_t>(count), state_->file.end(), out);
+  });
+  if (!isRead) out.clear();
+  return isRead;
 }
 
 std::pair<double, double> MdfSigReader::readSignalTimeRange(int dg, int cg) {
   const std::lock_guard lock(streams_->mutex);
   std::pair<double, double> range = {0, 0};
-  const RecordStream* const records = streams_->find(dg, cg);
-  MdfSigCCInfo time;
-  if (records == nullptr || !getTimeCCInfo(dg, cg, time)) return range;
-  const M4CGBlock* const group = state_->findGroup(records->dg, records->cg);
-  const int count = static_cast<int>(static_cast<std::uint32_t>(group->cg_cycle_count));
-  if (readTime(*records, 0, time, range.first) == TimeRead::NoRecord) return range;
-  readTime(*records, std::int64_t{count} - 1, time, range.second);
-  return range;
+  return state_->orOutOfMemory(range, [&] {
+    const RecordStream* const records = streams_->find(dg, cg);
+    MdfSigCCInfo time;
+    if (records == nullptr || !getTimeCCInfo(dg, cg, time)) return range;
+    const M4CGBlock* const group = state_->findGroup(records->dg, records->cg);
+    const int count = static_cast<int>(static_cast<std::uint32_t>(group->cg_cycle_count));
+    if (readTime(*records, 0, time, range.first) == TimeRead::NoRecord) return range;
+    readTime(*records, std::int64_t{count} - 1, time, range.second);
+    return range;
+  });
 }
 
 int MdfSigReader::findRecordIndexByTime(int dg, int cg, double time) {
   const std::lock_guard lock(streams_->mutex);
-  const RecordStream* const records = streams_->find(dg, cg);
-  MdfSigCCInfo timeInfo;
-  if (records == nullptr || !getTimeCCInfo(dg, cg, timeInfo)) return -1;
-  const M4CGBlock* const group = state_->findGroup(records->dg, records->cg);
-  const int count = static_cast<int>(static_cast<std::uint32_t>(group->cg_cycle_count));
-  if (count < 1) return -1;
+  return state_->orOutOfMemory(-1, [&] {
+    const RecordStream* const records = streams_->find(dg, cg);
+    MdfSigCCInfo timeInfo;
+    if (records == nullptr || !getTimeCCInfo(dg, cg, timeInfo)) return -1;
+    const M4CGBlock* const group = state_->findGroup(records->dg, records->cg);
+    const int count = static_cast<int>(static_cast<std::uint32_t>(group->cg_cycle_count));
+    if (count < 1) return -1;
 
-  double found = 0;
-  switch (readTime(*records, 0, timeInfo, found)) {
-    case TimeRead::Time:
-      if (found >= time) return 0;
-      break;
-    case TimeRead::NoTime:
-      break;
-    case TimeRead::NoRecord:
-      return -1;
-  }
-  switch (readTime(*records, count - 1, timeInfo, found)) {
-    case TimeRead::Time:
-      if (time > found) return -1;
-      break;
-    case TimeRead::NoTime:
-      break;
-    case TimeRead::NoRecord:
-      return -1;
-  }
-  int low = 0;
-  int high = count - 1;
-  int result = -1;
-  while (low <= high) {
-    const int middle = low + (high - low) / 2;
-    if (readTime(*records, middle, timeInfo, found) != TimeRead::Time) return result;
-    if (found >= time) {
-      result = middle;
-      high = middle - 1;
-    } else {
-      low = middle + 1;
+    double found = 0;
+    switch (readTime(*records, 0, timeInfo, found)) {
+      case TimeRead::Time:
+        if (found >= time) return 0;
+        break;
+      case TimeRead::NoTime:
+        break;
+      case TimeRead::NoRecord:
+        return -1;
     }
-  }
-  return result;
+    switch (readTime(*records, count - 1, timeInfo, found)) {
+      case TimeRead::Time:
+        if (time > found) return -1;
+        break;
+      case TimeRead::NoTime:
+        break;
+      case TimeRead::NoRecord:
+        return -1;
+    }
+    int low = 0;
+    int high = count - 1;
+    int result = -1;
+    while (low <= high) {
+      const int middle = low + (high - low) / 2;
+      if (readTime(*records, middle, timeInfo, found) != TimeRead::Time) return result;
+      if (found >= time) {
+        result = middle;
+        high = middle - 1;
+      } else {
+        low = middle + 1;
+      }
+    }
+    return result;
+  });
 }
 
 void MdfSigReader::resetDataStream(int dg) {
@@ -376,40 +430,48 @@ void MdfSigReader::resetDataStream(int dg) {
 
 void MdfSigReader::resetDataStream(int dg, int cg) {
   const std::lock_guard lock(streams_->mutex);
-  if (const RecordStream* const records = streams_->find(dg, cg)) records->stream->Seek(0);
+  state_->orOutOfMemory(false, [&] {
+    const RecordStream* const records = streams_->find(dg, cg);
+    if (records != nullptr) records->stream->Seek(0);
+    return true;
+  });
 }
 
 bool MdfSigReader::readValueBytes(int dg, int cg, int cn, const std::uint8_t* record,
                                   std::size_t size, std::vector<std::uint8_t>& out) {
-  const M4CNBlock* const channel = state_->findChannel(dg, cg, cn);
-  if (channel == nullptr) return false;
-  const std::uint64_t start = channel->cn_byte_offset;
-  const std::uint64_t length = (std::uint64_t{channel->cn_bit_count} + 7) / 8;
-  if (start > size || length > size - start) return false;
-  if (channel->cn_type != channel_type::kVlsd) {
-    out.assign(record + start, record + start + length);
-    return true;
-  }
-  std::uint64_t offset = 0;
-  if (length > sizeof offset) return false;
-  std::copy_n(record + start, length, reinterpret_cast<std::uint8_t*>(&offset));
-  const std::lock_guard lock(streams_->mutex);
-  auto values = streams_->values.find(channel);
-  if (values == streams_->values.end()) {
-    values =
-        streams_->values.emplace(channel, state_->openStream(channel->link(link::cn_data))).first;
-  }
-  streams_->keepInMind(values->second);
-  return values->second.readValue(offset, out);
+  return state_->orOutOfMemory(false, [&] {
+    const M4CNBlock* const channel = state_->findChannel(dg, cg, cn);
+    if (channel == nullptr) return false;
+    const std::uint64_t start = channel->cn_byte_offset;
+    const std::uint64_t length = (std::uint64_t{channel->cn_bit_count} + 7) / 8;
+    if (start > size || length > size - start) return false;
+    if (channel->cn_type != channel_type::kVlsd) {
+      out.assign(record + start, record + start + length);
+      return true;
+    }
+    std::uint64_t offset = 0;
+    if (length > sizeof offset) return false;
+    std::copy_n(record + start, length, reinterpret_cast<std::uint8_t*>(&offset));
+    const std::lock_guard lock(streams_->mutex);
+    auto values = streams_->values.find(channel);
+    if (values == streams_->values.end()) {
+      values =
+          streams_->values.emplace(channel, state_->openStream(channel->link(link::cn_data))).first;
+    }
+    streams_->keepInMind(values->second);
+    return values->second.readValue(offset, out);
+  });
 }
 
 bool MdfSigReader::readText(int dg, int cg, int cn, const std::uint8_t* record, std::size_t size,
                             std::string& text) {
-  const M4CNBlock* const channel = state_->findChannel(dg, cg, cn);
-  std::vector<std::uint8_t> bytes;
-  return channel != nullptr && isTextType(channel->cn_data_type) &&
-         readValueBytes(dg, cg, cn, record, size, bytes) &&
-         decodeText(channel->cn_data_type, bytes, text);
+  return state_->orOutOfMemory(false, [&] {
+    const M4CNBlock* const channel = state_->findChannel(dg, cg, cn);
+    std::vector<std::uint8_t> bytes;
+    return channel != nullptr && isTextType(channel->cn_data_type) &&
+           readValueBytes(dg, cg, cn, record, size, bytes) &&
+           decodeText(channel->cn_data_type, bytes, text);
+  });
 }
 
 bool MdfSigReader::isInvalidSample(int dg, int cg, int cn, const std::uint8_t* record,

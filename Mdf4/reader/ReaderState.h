@@ -1,9 +1,12 @@
 // What the readers share behind their interface: the opened file and its tree.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
+#include <new>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -13,6 +16,7 @@
 #include "Mdf4/format/SegmentTable.h"
 #include "Mdf4/format/m4Block.h"
 #include "Mdf4/format/m4DataStream.h"
+#include "Mdf4/reader/ChannelDescription.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {
@@ -25,16 +29,22 @@ struct MdfCNInfo {
   std::uint32_t recordSize = 0;        // bytes per record of the channel group; 0: no sensible size
   const M4CNBlock* cnBlock = nullptr;  // borrowed from the reader
   // CAN channels only: the channels that it is composed of, by name; borrowed likewise.
-  std::map<std::string, const M4CNBlock*> children;
+  std::map<std::string, const M4CNBlock*, std::less<>> children;
 };
 
 struct ReaderState {
+  ReaderState() = default;
   ~ReaderState();
+  // What a copy of a reader begins with: the same, or, before its first opening, its own.
+  static std::shared_ptr<ReaderState> forCopy(const std::shared_ptr<ReaderState>& state);
 
   MDF4File file;
+  FileTexts texts{file};
   MdfFileInfo info;
-  std::uint64_t startTime = 0;  // ns, in UTC
-  bool loggerRules = false;     // MdfReader::setLoggerRules
+  bool wasOpened = false;
+  std::size_t longestText = std::string::npos;  // MdfBaseReader::setLongestText
+  std::uint64_t startTime = 0;                  // ns, in UTC
+  bool loggerRules = false;                     // MdfReader::setLoggerRules
   // By index. A look-up of what does not exist leaves an empty entry.
   std::map<int, m4Block*> dgBlocks;
   std::map<int, std::map<int, m4Block*>> cgBlocks;
@@ -52,6 +62,8 @@ struct ReaderState {
   const MdfCNInfo* findTimeChannel(int dg, int cg) const;
 
   bool describe(int dg, int cg, MdfGroupInfo& group) const;
+  // The text of a TX or MD block while the file is open, up to the longest that is handed out.
+  std::string textAt(std::uint64_t position);
 
   // A stream over the data behind the link, of about `expectedSize` bytes where that is known; all
   // streams over one link share its table.
@@ -59,6 +71,18 @@ struct ReaderState {
   // A stream over the records of a channel group of data group `dg`, or null when the group has no
   // data or they are damaged. In column storage records come with their invalidation bytes.
   std::unique_ptr<m4DataStream> openRecords(int dg, int cg);
+
+  // The result of an operation, or `failure` when it runs out of memory.
+  template <class Result, class Work>
+  Result orOutOfMemory(Result failure, Work work) {
+    try {
+      return work();
+    } catch (const std::bad_alloc&) {
+      ranOutOfMemory = true;
+      return failure;
+    }
+  }
+  std::atomic<bool> ranOutOfMemory = false;
 };
 
 // Bytes per record: data and invalidation bytes, the data bytes alone in a group of variable-length

@@ -457,9 +457,11 @@ struct MdfGroupInfo {
 
 // Opens a file and lists its tree. The base of both readers.
 //
-// Owns the file and every block that it loads. Copies are safe: they share the opened file and the
-// loaded blocks, which live until the last copy goes. One thread at a time, copies included, but
-// for the operations that MdfSigReader guards.
+// Owns the file and every block that it loads. Copies of a reader that was opened are safe: they
+// share the file and the loaded blocks, which live until the last copy goes. A copy made before has
+// a file of its own. One thread at a time, copies included, but for the operations that
+// MdfSigReader guards. Operations that memory runs out for fail as they do for damage, and
+// getProblems says so.
 class TOLVEX_EXPORT MdfBaseReader {
  public:
   explicit MdfBaseReader(const std::string& path);  // opens nothing
@@ -470,7 +472,7 @@ class TOLVEX_EXPORT MdfBaseReader {
   // Opens the file read-only, checks its identification and walks all data groups, channel groups
   // and channels. False, with one message to the error callback, when the path is empty or the file
   // cannot be opened as MDF 4; getLastError then says why. Damaged blocks do not fail the opening:
-  // they count as absent, and getProblems lists them. A second call appends every channel again.
+  // they count as absent, and getProblems lists them. A second call reads the file anew.
   virtual bool open();
   // Closes the file; what was listed stays.
   virtual void close();
@@ -480,6 +482,10 @@ class TOLVEX_EXPORT MdfBaseReader {
   // Receives "File path is empty" or "Failed to open MDF4 file: " and the path. Called on the
   // thread that calls open.
   void setErrorCallback(std::function<void(const std::string&)> callback);
+
+  // Names, units and comments are handed out up to so many bytes; whole by default. For programs
+  // that show them: a file of a few MiB may name thousands of channels by one text of a MiB.
+  void setLongestText(std::size_t bytes);
 
   // Counts. Asking for a group that does not exist adds an empty entry for it.
   int getDGCount();

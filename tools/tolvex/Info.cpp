@@ -50,11 +50,12 @@ std::optional<double> durationOf(MdfSigReader& reader, const MdfGroupInfo& group
   return span(reader.readSignalTimeRange(group.dgIndex, group.cgIndex));
 }
 
+constexpr std::size_t kLongestText = 4096;
+
 // The start of a text that is longer than anyone reads, else the text.
 std::string shortened(std::string text) {
-  constexpr std::size_t kLongest = 4096;
-  if (text.size() > kLongest) {
-    text.resize(kLongest);
+  if (text.size() > kLongestText) {
+    text.resize(kLongestText);
     text += "...";
   }
   return text;
@@ -277,6 +278,7 @@ std::string plainText(const std::string& file, const MdfFileInfo& info,
 int info(const InfoOptions& options) {
   MdfSigReader reader(options.file);
   reader.setReadAllGroups(true);
+  reader.setLongestText(kLongestText + 1);
   if (!openOrComplain(reader, options.file)) {
     return kFailed;
   }
