@@ -66,6 +66,10 @@ class DataGroup {
     if (sharedLayout_ == nullptr) sharedLayout_ = std::make_shared<const RecordLayout>(layout_);
     return sharedLayout_;
   }
+  // Bytes that the list and the block take that the group gets with its first record.
+  std::uint64_t reservedSize() const {
+    return Mdf4DataStream::reservedSize(recordSize_ * recordsPerBlock_);
+  }
   int maxDataLength() const { return maxDataLength_; }        // of a bus-log group, bytes
   std::uint64_t recordSize() const { return recordSize_; }    // bytes
   std::uint64_t recordCount() const { return recordCount_; }  // appended

@@ -44,4 +44,11 @@ std::unique_ptr<Mdf4DataStream> Mdf4DataStream::create(Mdf4File& file, CustomDGB
   return nullptr;
 }
 
+std::uint64_t Mdf4DataStream::reservedSize(std::uint64_t capacity) {
+  constexpr std::uint64_t kLinks = 1 + kBlocksPerList;
+  constexpr std::uint64_t kList = kBlockHeaderSize + kLinks * kLinkSize + sizeof(m4DLRecord) +
+                                  sizeof(std::uint64_t);  // the equal length
+  return kList + kBlockHeaderSize + capacity;
+}
+
 }  // namespace tolvex

@@ -39,6 +39,9 @@ class Mdf4DataStream : public m4DataStream {
                                                 const BlockOwner& owner);
   ~Mdf4DataStream() override;
 
+  // Bytes of the first list and of the first block, which has room for so many.
+  static std::uint64_t reservedSize(std::uint64_t capacity);
+
   // Writes what is left. False when something is lost; lostBytes tells how much.
   bool flush() { return finish(false); }
 

@@ -149,6 +149,20 @@ void MdfAsyncRecorder::setMaxCanDataLength(int bytes) {
   onFile([&] { MdfRecorder::setMaxCanDataLength(bytes); });
 }
 
+void MdfAsyncRecorder::setFlushInterval(std::chrono::milliseconds interval) {
+  onFile([&] { MdfRecorder::setFlushInterval(interval); });
+}
+
+void MdfAsyncRecorder::setOverwrite(bool overwrite) {
+  onFile([&] { MdfRecorder::setOverwrite(overwrite); });
+}
+
+std::uint64_t MdfAsyncRecorder::reservedSize() const {
+  if (isParents()) return 0;
+  const std::lock_guard lock(fileMutex_);
+  return MdfRecorder::reservedSize();
+}
+
 std::uint64_t MdfAsyncRecorder::lostRecords() const {
   if (isParents()) return 0;
   const std::lock_guard fileLock(fileMutex_);

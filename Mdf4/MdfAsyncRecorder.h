@@ -76,10 +76,13 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
   std::unique_ptr<RecordData> createRecordData(int groupIndex) override;
   int setParameter(int paramId, int dataSize, const void* data) override;
   void setMaxCanDataLength(int bytes) override;
+  void setFlushInterval(std::chrono::milliseconds interval) override;
+  void setOverwrite(bool overwrite) override;
 
   std::uint64_t pendingTasks() const override { return pending(); }
   std::uint64_t lostRecords() const override;
   std::string firstError() const override;
+  std::uint64_t reservedSize() const override;
 
  private:
   bool isParents() const { return recording_.load(std::memory_order_relaxed) && inherited(); }
@@ -101,7 +104,7 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
   // Guards the recorder that this one derives from: groups and file. Taken before mutex_, never
   // inside it, and never by a caller who only queues.
   mutable std::mutex fileMutex_;
-  bool splitFailed_ = false;  // it is not tried again; guarded by fileMutex_
+  bool splitFailed_ = false;             // it is not tried again; guarded by fileMutex_
   std::atomic<bool> recording_ = false;  // from startRecord to stopRecord
 
   // Guarded by mutex_: what callers who queue need to know of the recording.

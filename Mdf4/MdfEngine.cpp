@@ -2,6 +2,7 @@
 #include "tolvex/MdfEngine.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -149,6 +150,27 @@ void setStartTime(void* recorder, uint64_t startTime) {
   } catch (...) {
     printDiagnostic("[fatal] %s, %d: Unknown Exception!\n", __FILE__, __LINE__);
   }
+}
+
+int setFlushInterval(void* recorder, uint32_t milliseconds) {
+  if (recorder == nullptr) return kFailure;
+  return guarded([&] {
+    recorderOf(recorder)->setFlushInterval(std::chrono::milliseconds(milliseconds));
+    return 0;
+  });
+}
+
+int setOverwrite(void* recorder, bool overwrite) {
+  if (recorder == nullptr) return kFailure;
+  return guarded([&] {
+    recorderOf(recorder)->setOverwrite(overwrite);
+    return 0;
+  });
+}
+
+uint64_t getReservedSize(void* recorder) {
+  if (recorder == nullptr) return 0;
+  return guarded(std::uint64_t{0}, [&] { return recorderOf(recorder)->reservedSize(); });
 }
 
 int startRecord(void* recorder, const char* path, uint64_t startTime) {

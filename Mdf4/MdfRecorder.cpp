@@ -1,6 +1,7 @@
 #include "Mdf4/MdfRecorder.h"
 
 #include <algorithm>
+#include <cinttypes>
 #include <cmath>
 #include <cstring>
 #include <stdexcept>
@@ -51,6 +52,7 @@ MdfRecorder::~MdfRecorder() = default;
 
 int MdfRecorder::startRecord(const std::string& path, std::uint64_t startTime) {
   if (file_ != nullptr) MdfRecorder::stopRecord(latestTime());
+  finishFlushing();
   const std::uint64_t earlierStart = std::exchange(startTime_, startTime);
   firstError_.clear();
   if (!openFile(path)) {
@@ -64,14 +66,28 @@ int MdfRecorder::startRecord(const std::string& path, std::uint64_t startTime) {
   lastTimestamp_ = 0;
   splitCounter_ = 1;
   brokenOff_ = false;
+  splitRefused_ = false;
+  smallSplitTold_ = false;
   lostRecords_ = 0;
   return 0;
 }
 
-// Creates the file with its time groups, as one that starts at startTime_.
-bool MdfRecorder::openFile(const std::string& path) {
+std::unique_ptr<SystemFile> MdfRecorder::openSystemFileFor(const std::string& path,
+                                                           std::string& error) {
+  auto file = open_(path, overwrite_ ? OpenMode::Create : OpenMode::Fill, error);
+  if (file == nullptr || flushInterval_.count() == 0) return file;
+  if (flusher_ == nullptr) flusher_ = std::make_unique<FileFlusher>();
+  return flusher_->watch(std::move(file), path, flushInterval_);
+}
+
+// Creates the file with its time groups, as one that starts at startTime_. `opened` is the file, or
+// null when it is still to be opened.
+bool MdfRecorder::openFile(const std::string& path, std::unique_ptr<SystemFile> opened) {
   auto file = std::make_shared<Mdf4File>();
-  if (!file->create(open_, path, programId_, recorderSettings.mdfVersion, startTime_)) {
+  const FileOpener open = [&](const std::string& name, OpenMode /*mode*/, std::string& error) {
+    return opened != nullptr ? std::move(opened) : openSystemFileFor(name, error);
+  };
+  if (!file->create(open, path, programId_, recorderSettings.mdfVersion, startTime_)) {
     noteError(path + ": " + file->error());
     return false;
   }
@@ -92,10 +108,19 @@ std::shared_ptr<DataGroup> MdfRecorder::createTimeGroup(const char* valueName) {
 void MdfRecorder::stopRecord(std::uint64_t stopTime) {
   stopTime_ = stopTime;
   closeFile();
+  finishFlushing();
   brokenOff_ = false;
   groups_.clear();
   busLogIndex_ = -1;
   for (BusLogs& logs : busLogs_) logs = {};
+}
+
+// Waits until all files are on the disk, which are closed.
+void MdfRecorder::finishFlushing() {
+  if (flusher_ == nullptr) return;
+  flusher_->finish();
+  noteError(flusher_->error());
+  flusher_ = nullptr;
 }
 
 // Completes and closes the file; the groups stay as they were, to be made again in the next one.
@@ -122,14 +147,27 @@ void MdfRecorder::abandon() {
   // Nothing of it can be destroyed.
   using Left = std::tuple<decltype(file_), decltype(startTimeGroup_), decltype(stopTimeGroup_),
                           decltype(groups_), decltype(busLogs_)>;
-  auto left = std::make_unique<Left>(std::move(file_), std::move(startTimeGroup_),
-                                     std::move(stopTimeGroup_), std::move(groups_),
-                                     std::move(busLogs_));
+  auto left =
+      std::make_unique<Left>(std::move(file_), std::move(startTimeGroup_),
+                             std::move(stopTimeGroup_), std::move(groups_), std::move(busLogs_));
   static_cast<void>(left.release());
 }
 
 void MdfRecorder::splitFile() {
   const std::string path = splitPath(recordingPath_, splitCounter_);
+  compareSplitSize();
+  std::unique_ptr<SystemFile> next;
+  if (!overwrite_) {
+    std::string error;
+    next = openSystemFileFor(path, error);
+    if (next == nullptr) {
+      splitRefused_ = true;
+      noteError(path + ": " + error);
+      printDiagnostic("[fatal] %s, %d: splitFile refused, the file goes on, path: %s, %s\n",
+                      __FILE__, __LINE__, path.c_str(), error.c_str());
+      return;
+    }
+  }
   ++splitCounter_;
   const std::uint64_t latest = latestTime();
   const std::uint64_t time = latest != 0 ? latest : now();
@@ -142,7 +180,7 @@ void MdfRecorder::splitFile() {
       if (log != nullptr) log->group = nullptr;
     }
   }
-  if (!openFile(path)) {
+  if (!openFile(path, std::move(next))) {
     printDiagnostic("[fatal] %s, %d: splitFile failed!, path: %s\n", __FILE__, __LINE__,
                     path.c_str());
     busLogIndex_ = -1;
@@ -160,6 +198,32 @@ void MdfRecorder::splitFile() {
       if (log != nullptr) attach(*log, group(log->groupIndex));
     }
   }
+}
+
+// Says once in a recording that its files hold few records each.
+void MdfRecorder::compareSplitSize() {
+  const std::uint64_t limit = recorderSettings.splitSize;
+  const std::uint64_t reserved = MdfRecorder::reservedSize();
+  if (smallSplitTold_ || limit >= reserved) return;
+  smallSplitTold_ = true;
+  printDiagnostic("[info] splitFile: the split size, %" PRIu64
+                  " bytes, is less than each file reserves for its groups, %" PRIu64
+                  " bytes: files hold few records\n",
+                  limit, reserved);
+}
+
+std::uint64_t MdfRecorder::reservedSize() const {
+  std::uint64_t bytes = 0;
+  for (const auto& group : groups_) bytes += group != nullptr ? group->reservedSize() : 0;
+  return bytes;
+}
+
+void MdfRecorder::setFlushInterval(std::chrono::milliseconds interval) {
+  flushInterval_ = interval;
+}
+
+void MdfRecorder::setOverwrite(bool overwrite) {
+  overwrite_ = overwrite;
 }
 
 void MdfRecorder::setStartTime(std::uint64_t startTime) {
@@ -293,8 +357,11 @@ std::uint64_t MdfRecorder::lostRecords() const {
 }
 
 std::string MdfRecorder::firstError() const {
-  if (!firstError_.empty() || file_ == nullptr || file_->writeError().empty()) return firstError_;
-  return filePath_ + ": " + file_->writeError();
+  if (!firstError_.empty()) return firstError_;
+  if (file_ != nullptr && !file_->writeError().empty()) {
+    return filePath_ + ": " + file_->writeError();
+  }
+  return flusher_ != nullptr ? flusher_->error() : "";
 }
 
 void MdfRecorder::noteError(const std::string& error) {

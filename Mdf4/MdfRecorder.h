@@ -3,6 +3,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -10,6 +11,7 @@
 
 #include "Mdf4/Channel.h"
 #include "Mdf4/DataGroup.h"
+#include "Mdf4/FileFlusher.h"
 #include "Mdf4/Mdf4File.h"
 #include "Mdf4/Record.h"
 
@@ -69,6 +71,13 @@ class MdfRecorder {
   virtual int setParameter(int paramId, int dataSize, const void* data);
   // Payload bytes of a CAN record, for groups made from now on; brought into 8 to 64.
   virtual void setMaxCanDataLength(int bytes);
+  // How often what was written is flushed to the disk, in files created from now on; 0, as at
+  // first: never. Nobody waits for it but stopRecord, for the last one.
+  virtual void setFlushInterval(std::chrono::milliseconds interval);
+  // Whether files that exist may be emptied, as at first, when one is created from now on. If not,
+  // startRecord gives 1, and a file that cannot be split because of it goes on; empty files count
+  // as none.
+  virtual void setOverwrite(bool overwrite);
 
   // Records accepted and not yet handed to their group.
   virtual std::uint64_t pendingTasks() const { return 0; }
@@ -77,6 +86,9 @@ class MdfRecorder {
   virtual std::uint64_t lostRecords() const;
   // The first failure of the current or last recording; "" when there was none.
   virtual std::string firstError() const;
+  // Bytes that a file's groups of now take, with the lists and blocks that they get with their
+  // first records.
+  virtual std::uint64_t reservedSize() const;
 
  protected:
   // The group for the data frames of all channels and directions, made on first use: its index, or
@@ -87,7 +99,7 @@ class MdfRecorder {
   // Starts the next file when the current one has outgrown the split size.
   void checkSplit() {
     const std::uint64_t limit = recorderSettings.splitSize.load(std::memory_order_relaxed);
-    if (limit != 0 && file_ != nullptr && file_->end() > limit) splitFile();
+    if (limit != 0 && file_ != nullptr && file_->end() > limit && !splitRefused_) splitFile();
   }
 
   // For a child process: gives up groups and file as they are, in whatever state the threads of the
@@ -131,7 +143,10 @@ class MdfRecorder {
   static std::size_t busLogKey(std::uint8_t busChannel, bool direction) {
     return std::size_t{2} * busChannel + (direction ? 1 : 0);
   }
-  bool openFile(const std::string& path);
+  std::unique_ptr<SystemFile> openSystemFileFor(const std::string& path, std::string& error);
+  bool openFile(const std::string& path, std::unique_ptr<SystemFile> opened = nullptr);
+  void compareSplitSize();
+  void finishFlushing();
   std::shared_ptr<DataGroup> createTimeGroup(const char* valueName);
   void closeFile();
   [[gnu::noinline]] void splitFile();
@@ -154,7 +169,9 @@ class MdfRecorder {
   std::string programId_;
   std::string text1_;
   std::string text2_;
-  std::shared_ptr<Mdf4File> file_;  // null: not recording
+  std::chrono::milliseconds flushInterval_{};  // 0: never
+  std::unique_ptr<FileFlusher> flusher_;       // null: not needed yet
+  std::shared_ptr<Mdf4File> file_;             // null: not recording
   std::shared_ptr<DataGroup> startTimeGroup_;
   std::shared_ptr<DataGroup> stopTimeGroup_;
   std::vector<std::shared_ptr<DataGroup>> groups_;  // null: could not be made again by a split
@@ -164,7 +181,10 @@ class MdfRecorder {
   std::uint64_t measurementStartValue_ = 0;
   int maxCanDataLength_ = 8;  // bytes
   std::uint32_t splitCounter_ = 1;
-  bool brokenOff_ = false;         // a split found no place for the next file
+  bool overwrite_ = true;
+  bool brokenOff_ = false;     // a split found no place for the next file
+  bool splitRefused_ = false;  // the next file exists
+  bool smallSplitTold_ = false;
   std::uint64_t lostRecords_ = 0;  // beside those of the open groups
   std::string firstError_;
 };

@@ -28,6 +28,7 @@ class ThreadState {
   }
 
   State* operator->() const { return state_.get(); }
+  State& operator*() const { return *state_; }
   // Whether this process is a child of the one that made it, or adopted it last.
   bool inherited() const { return generation_ != processGeneration(); }
   // For while no thread uses it.

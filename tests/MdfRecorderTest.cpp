@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -59,6 +60,11 @@ class MdfRecorderTest : public testing::Test {
     return RecordedFile(path);
   }
   // The texts that name a source line, without it, and those of splits.
+  static std::string smallSplit(std::uint64_t reserved) {
+    return "[info] splitFile: the split size, " + std::to_string(recorderSettings.splitSize) +
+           " bytes, is less than each file reserves for its groups, " + std::to_string(reserved) +
+           " bytes: files hold few records";
+  }
   Texts messages() const {
     Texts found;
     std::istringstream lines(diagnostics_.text());
@@ -392,7 +398,66 @@ TEST_F(MdfRecorderTest, NumbersTheFilesOfASplitInFrontOfTheLastDot) {
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(RecordedFile(path(names[i])).groups.at(kFirst).bytes, packed(1.0 * i, 1.0 * i));
   }
-  EXPECT_EQ(messages(), (Texts{"[info] splitFile: 2", "[info] splitFile: 3"}));
+  recorderSettings.splitSize = 1;
+  EXPECT_EQ(messages(), (Texts{smallSplit(8304), "[info] splitFile: 2", "[info] splitFile: 3"}));
+}
+
+TEST_F(MdfRecorderTest, SaysOncePerRecordingThatASplitSizeIsLessThanAFileReserves) {
+  recorderSettings.splitSize = 1;
+  Texts expected;
+  for (const std::uint64_t groups : {1U, 3U}) {
+    start();
+    EXPECT_EQ(recorder_.reservedSize(), 0U);
+    for (std::uint64_t i = 0; i < groups; ++i) addSignals();
+    const std::uint64_t reserved = recorder_.reservedSize();
+    EXPECT_EQ(reserved, groups * (24 + 512 * 16 + 24 + 6 * 8 + 8 + 8));  // a DT and a DL each
+    for (int i = 0; i < 2; ++i) EXPECT_TRUE(insert(0, i, i));
+    recorder_.stopRecord(kStart);
+    for (const auto& text : {smallSplit(reserved), std::string("[info] splitFile: 2"),
+                             std::string("[info] splitFile: 3")}) {
+      expected.push_back(text);
+    }
+  }
+  start();
+  recorderSettings.splitSize = 12000;
+  const int group = addSignals();
+  for (int i = 0; i < 600; ++i) EXPECT_TRUE(insert(group, i, i));
+  recorder_.stopRecord(kStart);
+  expected.emplace_back("[info] splitFile: 2");
+  EXPECT_EQ(messages(), expected);
+}
+
+TEST_F(MdfRecorderTest, LeavesFilesThatExistWhenToldTo) {
+  const std::string next = path("log_1.mf4");
+  recorder_.setOverwrite(false);
+  const auto hold = [](const std::string& file, const std::string& text) {
+    std::ofstream(file, std::ios::binary) << text;
+  };
+  for (const std::string& file : {path(), next}) hold(file, "precious");
+  EXPECT_EQ(recorder_.startRecord(path(), kStart), 1);
+  EXPECT_EQ(recorder_.firstError(), path() + ": exists");
+  EXPECT_EQ(std::filesystem::file_size(path()), 8U);
+
+  hold(path(), "");
+  start();
+  const int group = addSignals();
+  recorderSettings.splitSize = 1;
+  for (int i = 0; i < 600; ++i) EXPECT_TRUE(insert(group, i, i)) << "it goes on in its file";
+  EXPECT_EQ(recorder_.firstError(), next + ": exists");
+  EXPECT_EQ(messages().size(), 3U) << "of the start, the small split size and the split";
+  recorderSettings.splitSize = 0;
+  EXPECT_EQ(finish(path()).groups.at(kFirst).records().size(), 600U);
+  EXPECT_EQ(std::filesystem::file_size(next), 8U);
+
+  for (const std::string& file : {path(), next}) std::filesystem::remove(file);
+  std::filesystem::create_symlink(path("elsewhere"), next);
+  recorderSettings.splitSize = 1;
+  start();
+  EXPECT_TRUE(insert(addSignals(), 1, 1));
+  EXPECT_FALSE(std::filesystem::exists(path("elsewhere")));
+  std::filesystem::remove(next);
+  EXPECT_TRUE(insert(group, 2, 2));
+  EXPECT_FALSE(std::filesystem::exists(next)) << "it is not tried again";
 }
 
 // Every insert splits: each file has one record and the groups that were there by then.
@@ -500,7 +565,7 @@ TEST_F(MdfRecorderTest, ASplitThatFailsEndsTheRecording) {
   const std::unique_ptr<RecordData> record = recorder_.createRecordData(group);
   EXPECT_TRUE(recorder_.insertRecord(*record, group)) << "it is in front of the split";
   const std::string next = path("gone/log_1.mf4");
-  EXPECT_EQ(messages(), Texts{"splitFile failed!, path: " + next});
+  EXPECT_EQ(messages(), (Texts{smallSplit(20192), "splitFile failed!, path: " + next}));
   EXPECT_EQ(recorder_.firstError().rfind(next + ": ", 0), 0U) << recorder_.firstError();
 
   EXPECT_FALSE(recorder_.insertRecord(*record, group));

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cerrno>
 #include <ctime>
+#include <filesystem>
 #include <limits>
 #include <mutex>
 #include <system_error>
@@ -22,6 +23,18 @@ namespace {
 
 constexpr std::size_t kPiecesPerCall = 128;
 constexpr std::uint64_t kMaxPosition = std::numeric_limits<off_t>::max();
+
+// Has the names in a folder on the disk. A folder that cannot be read, or of a file system that
+// does not know this, is left to the system.
+bool flushFolder(const std::filesystem::path& folder) {
+  const int descriptor = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (descriptor < 0) return true;
+  const bool flushed = ::fsync(descriptor) == 0 || errno == EINVAL;
+  const int error = errno;
+  ::close(descriptor);
+  errno = error;
+  return flushed;
+}
 
 class PosixFile;
 
@@ -65,6 +78,13 @@ class PosixFile final : public SystemFile {
     if (result.bytes == wanted) return true;
     error_ = result.error != 0 ? result.error : EIO;
     return false;
+  }
+
+  std::string flush() override {
+    const bool named = unnamedIn_.empty() || flushFolder(unnamedIn_);
+    if (!named || ::fdatasync(descriptor_) != 0) return systemErrorText(errno);
+    unnamedIn_.clear();
+    return "";
   }
 
   bool close() override {
@@ -144,7 +164,8 @@ class PosixFile final : public SystemFile {
   }
 
   int descriptor_ = -1;
-  int error_ = 0;  // of the last call that failed
+  int error_ = 0;                    // of the last call that failed
+  std::filesystem::path unnamedIn_;  // the folder whose disk may not have the file's name yet
   bool locked_ = false;
   bool inherited_ = false;           // by a child process
   PosixFile* nextLocked_ = nullptr;  // guarded by lockedFilesMutex
@@ -184,7 +205,11 @@ bool PosixFile::open(const std::string& path, OpenMode mode, std::string& error)
     return false;
   }
   locked_ = creates;
-  if (locked_) remember();
+  if (locked_) {
+    remember();
+    const std::filesystem::path name(path);
+    unnamedIn_ = name.has_parent_path() ? name.parent_path() : ".";
+  }
   struct stat status = {};
   if (::fstat(descriptor_, &status) != 0 || S_ISDIR(status.st_mode)) {
     error = "is a directory";

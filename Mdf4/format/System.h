@@ -38,6 +38,9 @@ class SystemFile {
   virtual ReadResult read(std::uint64_t position, std::span<const WritableBytes> pieces) = 0;
   // Writes the pieces in order from `position` on. False unless every byte was taken.
   virtual bool write(std::uint64_t position, std::span<const ByteSpan> pieces) = 0;
+  // Has on the disk what was written before, and the file's name: "", or why that failed, in the
+  // system's words. May run on a thread of its own beside all but close.
+  virtual std::string flush() { return ""; }
   // Closes the file; false when the system reports that something was not written.
   virtual bool close() = 0;
   // Why the last write or the closing failed, in the system's words.

@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <chrono>
 #include <exception>
 #include <new>
 #include <utility>
@@ -110,6 +111,14 @@ void MdfSigWriter::close() {
 
 int MdfSigWriter::setParameter(int paramId, int dataSize, const void* data) {
   return hasRecorder() ? recorder_->setParameter(paramId, dataSize, data) : -1;
+}
+
+void MdfSigWriter::setFlushInterval(unsigned milliseconds) {
+  if (hasRecorder()) recorder_->setFlushInterval(std::chrono::milliseconds(milliseconds));
+}
+
+void MdfSigWriter::setOverwrite(bool overwrite) {
+  if (hasRecorder()) recorder_->setOverwrite(overwrite);
 }
 
 int MdfSigWriter::startRecord(std::uint64_t startTime) {

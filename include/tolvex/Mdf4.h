@@ -679,6 +679,9 @@ class TOLVEX_EXPORT MdfSigWriter {
 
   // As setParameter of tolvex/MdfEngine.h. 0 or -1.
   int setParameter(int paramId, int dataSize, const void* data);
+  // As their namesakes there; for files that are created from then on.
+  void setFlushInterval(unsigned milliseconds);
+  void setOverwrite(bool overwrite);
   // Creates the file (an existing one is emptied); a recording under way is finished first. A start
   // time of 0 means now. 0, or 1 with "Failed to start record" when the file cannot be created, or
   // -1 with "MdfSigWriter is not open".

@@ -67,11 +67,25 @@ enum MdfRecorderParameter {
   MDF_RECORDER_TEXT2 = 2,      /* text, kept only */
   MDF_RECORDER_VERSION = 3,    /* uint32_t: version number of new files, 410 by default */
   MDF_RECORDER_SPLIT_SIZE = 4, /* uint64_t: a file that grows beyond it is followed by the next;
-                                  0, the default: never */
+                                  0, the default: never. Each file reserves a block of 512 records
+                                  for every group that gets a record: see getReservedSize */
 };
 /* Sets a parameter from the `dataSize` bytes at `data`. Unknown ids give 0 and change nothing. */
 TOLVEX_API int setParameter(void* recorder, int paramId, int dataSize, const void* data);
 TOLVEX_API void setStartTime(void* recorder, uint64_t startTime);
+/* Flushes files to the disk every so many milliseconds in which they were written to, and at their
+ * end, before stopRecord returns; 0, the default, leaves that to the system. A thread of its own
+ * does it, for which only stopRecord waits. A failure shows in getRecorderError. For files that are
+ * created from then on. */
+TOLVEX_API int setFlushInterval(void* recorder, uint32_t milliseconds);
+/* Whether files that exist are emptied, as by default. If not, startRecord gives 1 for one that
+ * holds anything, and a recording that would split into one goes on in its file. For files that are
+ * created from then on. */
+TOLVEX_API int setOverwrite(void* recorder, bool overwrite);
+/* Bytes that a file reserves for the groups that there are now, once each has a record. A split
+ * size below it makes files of few records; a recording that splits so says it once in the
+ * diagnostics. */
+TOLVEX_API uint64_t getReservedSize(void* recorder);
 /* Creates the file (an existing one is emptied) and starts recording; a recording under way is
  * finished first. A `startTime` of 0 means now. 1 when the file cannot be created, or is locked by
  * another recorder, of this process or another, that is recording into it. */

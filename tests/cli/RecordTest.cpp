@@ -244,6 +244,46 @@ TEST_F(Record, OverwritesOnlyWhenTold) {
   record("--split-size 1M");
 }
 
+TEST_F(Record, LeavesAFileThatAppearsWhereASplitWouldGo) {
+  const Lines lines = manyFrames(9000);
+  RunningTolvex program({"record", "--split-size", "100k", "-o", output_});
+  program.feed(lines.front() + '\n');
+  while (!std::filesystem::exists(output_) || std::filesystem::file_size(output_) == 0) {
+    std::this_thread::yield();
+  }
+  const std::string following = dir_.path("drive_1.mf4");
+  writeText(following, "precious");
+  program.feed(joinedLines({lines.begin() + 1, lines.end()}));
+  program.send(SIGINT);
+  const Outcome outcome = program.wait();
+  EXPECT_EQ(outcome.exitCode, 1);
+  EXPECT_EQ(count(outcome.err, following + ": exists"), 1U) << outcome.err;
+  EXPECT_EQ(contentOf(following), "precious");
+  EXPECT_EQ(cat(), lines);
+}
+
+TEST_F(Record, SaysThatASplitSizeIsLessThanAFileReserves) {
+  writeLog(manyFrames(100));
+  const std::string said = "--split-size 1000 is less than the 23776 bytes";
+  EXPECT_EQ(count(record("--split-size 1000", 0, said).err, said), 1U);
+  EXPECT_EQ(count(record("--split-size 23776 --force").err, "is less than"), 0U);
+}
+
+TEST_F(Record, LeavesAFileToTheRecorderThatHasIt) {
+  writeLog({"(1.000000) can0 001#"});
+  RunningTolvex first({"record", "-o", output_});
+  first.feed("(1.000000) can0 002#\n");
+  while (!std::filesystem::exists(output_) || std::filesystem::file_size(output_) == 0) {
+    std::this_thread::yield();
+  }
+  record("--force", 1, output_ + ": locked by another recorder or program");
+  first.send(SIGINT);
+  EXPECT_EQ(first.wait().exitCode, 0);
+  EXPECT_EQ(cat(), Lines{"(1.000000) can0 002#"});
+  record("--force --flush-interval 0.001");
+  EXPECT_EQ(cat(), Lines{"(1.000000) can0 001#"});
+}
+
 TEST_F(Record, NeverWritesIntoItsInput) {
   const Lines lines = {"(1.000000) can0 001#"};
   writeLog(lines);
@@ -272,6 +312,7 @@ TEST_F(Record, FailsWithTheCodeAndTheWordsForWhatHappened) {
       {log_, 2, "--output is required"},
       {"-o x.mf4 --max-data-length 65", 2, "--max-data-length"},
       {"-o x.mf4 --split-size 5parsec", 2, "--split-size"},
+      {"-o x.mf4 --flush-interval -1", 2, "--flush-interval"},
       {"-o x.mf4 --channel can0", 2, "--channel"},
       {"-o x.mf4 --channel can0=255", 2, "--channel"},
       {log_ + " --split-size 1M -o " + dir_.path("dir.old/log"), 2, "has no extension"},

@@ -9,6 +9,7 @@
 #include <array>
 #include <charconv>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <map>
 #include <memory>
@@ -31,6 +32,7 @@ constexpr unsigned kMaxChannel = 254;  // files count from 1, in 8 bits
 constexpr std::uint32_t kMinDataLength = 8;
 constexpr std::uint32_t kMaxDataLength = 64;
 constexpr std::uint64_t kMaxSplitSize = std::uint64_t{1} << 62;
+constexpr double kMaxFlushInterval = 86400;  // seconds
 constexpr std::uint64_t kMaxComplaints = 20;
 constexpr std::chrono::milliseconds kReportPeriod(200);
 
@@ -43,6 +45,7 @@ struct RecordOptions {
   bool async = false;
   std::optional<std::uint32_t> maxDataLength;
   std::uint64_t splitSize = 0;  // bytes; 0: one file
+  double flushInterval = 0;     // seconds; 0: never
   std::vector<std::string> channels;
 };
 
@@ -205,16 +208,22 @@ class Recording {
       : log_(log),
         output_(options.output),
         maxDataLength_(maxDataLength),
+        splitSize_(options.splitSize),
         holdsBack_(options.async),
         progress_(options.output),
         channels_(options.channels, log, progress_),
         maker_(maxDataLength),
         recorder_(createRecorder(options.async)) {
+    constexpr double kMillisecondsPerSecond = 1000;
+    const auto flushInterval =
+        static_cast<std::uint32_t>(std::ceil(options.flushInterval * kMillisecondsPerSecond));
     // All that can fail here is an allocation.
     if (recorder_ == nullptr ||
         createBusLogConfiguration(recorder_.get(), 0, static_cast<int>(maxDataLength)) != 0 ||
         setParameter(recorder_.get(), MDF_RECORDER_SPLIT_SIZE, sizeof(options.splitSize),
-                     &options.splitSize) != 0) {
+                     &options.splitSize) != 0 ||
+        setOverwrite(recorder_.get(), options.overwrite) != 0 ||
+        setFlushInterval(recorder_.get(), flushInterval) != 0) {
       throw std::bad_alloc();
     }
   }
@@ -253,6 +262,7 @@ class Recording {
     if (!complainedOfWriting_ && getLostRecordCount(recorder_.get()) > 0) {
       complainOfWriting();
     }
+    compareSplitSize();
     progress_.show(fmt::format("{}, {:.1f} s, {:.1f} MB of log", counted(saved_, "frame"),
                                seconds(), static_cast<double>(logSize) * 1e-6));
   }
@@ -284,6 +294,19 @@ class Recording {
     errors_ += line_.error && isSaved ? 1 : 0;
     cut_ += isCut(line_, maxDataLength_) && isSaved ? 1 : 0;
     lastUs_ = std::max(lastUs_, line_.timeUs);
+  }
+
+  // Says once that the files are full with few frames.
+  void compareSplitSize() {
+    const std::uint64_t reserved = splitSize_ > 0 ? getReservedSize(recorder_.get()) : 0;
+    if (complainedOfSplitSize_ || splitSize_ >= reserved) {
+      return;
+    }
+    complainedOfSplitSize_ = true;
+    progress_.clear();
+    complain(output_, fmt::format("--split-size {} is less than the {} bytes that each file "
+                                  "reserves for its channels and directions: files hold few frames",
+                                  splitSize_, reserved));
   }
 
   // A recorder whose queue is full discards, so nothing is handed to it then. Nobody else fills the
@@ -338,6 +361,7 @@ class Recording {
   const std::string log_;
   const std::string output_;
   const std::uint32_t maxDataLength_;
+  const std::uint64_t splitSize_;  // bytes
   const bool holdsBack_;
   Progress progress_;
   BusChannels channels_;
@@ -348,6 +372,7 @@ class Recording {
       std::chrono::steady_clock::now() + kReportPeriod;
   bool started_ = false;
   bool complainedOfWriting_ = false;
+  bool complainedOfSplitSize_ = false;
   std::uint64_t room_ = 0;       // frames that the queue has room for at least
   std::uint64_t firstUs_ = 0;    // the recording's start
   std::uint64_t lastUs_ = 0;     // the latest frame
@@ -359,6 +384,7 @@ class Recording {
 };
 
 ExitCode Recording::finish(const RecordTarget& target) {
+  compareSplitSize();
   stopRecord(recorder_.get(), lastUs_);
   progress_.clear();
   const unsigned files = target.finish();
@@ -476,11 +502,19 @@ void addRecord(CLI::App& app, Command& chosen) {
       ->add_option("--split-size", options->splitSize,
                    "Go on in a further file, OUT with _1, _2, ... before its extension, whenever\n"
                    "one has grown beyond so many bytes; k, M and G stand for 1024, 1024 k and\n"
-                   "1024 M. A file begins with room for a block of 512 frames per channel and\n"
-                   "direction: a size below a megabyte makes many files")
+                   "1024 M. A file reserves a block of 512 frames for each channel and direction;\n"
+                   "a size below that, which is then said, makes a file of every few frames")
       ->type_name("BYTES")
       ->transform(CLI::AsSizeValue(false).description(""))
       ->check(CLI::Range(std::uint64_t{1}, kMaxSplitSize).description(""));
+  command
+      ->add_option("--flush-interval", options->flushInterval,
+                   "Have what was written on the disk every so many seconds, and all of it at the\n"
+                   "end, so that a loss of power costs no more than what came later and the last\n"
+                   "incomplete block of 512 frames of each channel and direction; by default the\n"
+                   "system decides, often after half a minute")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(0.0, kMaxFlushInterval).description(""));
   command->add_flag(
       "--async", options->async,
       "Write on a thread of its own, so that a slow disk does not delay the reading;\n"

@@ -114,10 +114,11 @@ ExitCode RecordTarget::claimFollowing(const Rules& rules) const {
 }
 
 void RecordTarget::abandon() {
-  if (created_) {
+  const auto file = created_ ? statusOf(path_) : std::nullopt;
+  if (file && file->st_size == 0) {
     ::unlink(path_.c_str());
-    created_ = false;
   }
+  created_ = false;
 }
 
 // Files of an earlier recording are older than the first one of this.

@@ -21,7 +21,8 @@ class RecordTarget {
   // Creates the file when there is none, so that a path that cannot be written shows at once. An
   // existing one stays as it is until recording begins. kDone, or the exit code, said why.
   ExitCode claim(const Rules& rules);
-  // Removes the file if claim made it. For a recording that never began.
+  // Removes the file if claim made it, unless another recording has begun in it. For a recording
+  // that never began.
   void abandon();
 
   // The number of files that the finished recording went into. Says so when files of an earlier one
