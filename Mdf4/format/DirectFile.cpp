@@ -133,7 +133,7 @@ void DirectFile::noteFailedRead(std::uint64_t position, std::uint64_t length,
 
 bool DirectFile::readSmall(std::uint64_t position, WritableBytes bytes) {
   if (pages_ == nullptr) {
-    pages_ = std::make_unique<Pages>();
+    pages_ = std::make_unique_for_overwrite<Pages>();
     pages_->numbers.fill(kNoPosition);
   }
   std::uint64_t done = 0;

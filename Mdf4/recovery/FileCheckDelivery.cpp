@@ -43,7 +43,7 @@ bool DataDelivery::deliverPlain(const DataPart& part, DataSink& sink) {
     progress_(part.stored);
     return true;
   }
-  need(buffer_.reserve(sizes_.piece));
+  need(buffer_.reserve(std::min(sizes_.piece, part.length)));
   bool whole = true;
   for (std::uint64_t done = 0; done < part.length;) {
     const std::uint64_t length = std::min(sizes_.piece, part.length - done);

@@ -4,31 +4,36 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <vector>
 
 #include "Mdf4/format/Diagnostics.h"
 
 namespace tolvex {
+
 struct PieceInflater::Stream {
-  explicit Stream(std::uint64_t pieceSize) : in(pieceSize), out(pieceSize) {}
+  explicit Stream(std::uint64_t pieceSize)
+      : in(new std::uint8_t[pieceSize]), out(new std::uint8_t[pieceSize]) {
+    ready = inflateInit(&z) == Z_OK;
+  }
+  Stream(const Stream&) = delete;
+  Stream& operator=(const Stream&) = delete;
+  ~Stream() {
+    if (ready) inflateEnd(&z);
+  }
 
   z_stream z = {};
   bool ready = false;
-  std::vector<std::uint8_t> in;
-  std::vector<std::uint8_t> out;
+  std::unique_ptr<std::uint8_t[]> in;
+  std::unique_ptr<std::uint8_t[]> out;
 };
 
 PieceInflater::PieceInflater(DirectFile& file, std::uint64_t pieceSize)
-    : file_(file), stream_(std::make_unique<Stream>(pieceSize)) {
-  stream_->ready = inflateInit(&stream_->z) == Z_OK;
-}
+    : file_(file), pieceSize_(pieceSize) {}
 
-PieceInflater::~PieceInflater() {
-  if (stream_->ready) inflateEnd(&stream_->z);
-}
+PieceInflater::~PieceInflater() = default;
 
 std::string PieceInflater::inflate(std::uint64_t position, std::uint64_t length,
                                    std::uint64_t expected, const Piece& piece) {
+  if (stream_ == nullptr) stream_ = std::make_unique<Stream>(pieceSize_);
   z_stream& z = stream_->z;
   if (!stream_->ready || inflateReset(&z) != Z_OK) return "no memory to inflate it";
   z.avail_in = 0;
@@ -36,22 +41,22 @@ std::string PieceInflater::inflate(std::uint64_t position, std::uint64_t length,
   int result = Z_OK;
   while (result == Z_OK || result == Z_BUF_ERROR) {
     if (z.avail_in == 0 && length != 0) {
-      const std::uint64_t next = std::min<std::uint64_t>(length, stream_->in.size());
+      const std::uint64_t next = std::min<std::uint64_t>(length, pieceSize_);
       if (!file_.holds(position, next)) break;
-      if (!file_.ReadAt(position, next, stream_->in.data())) {
+      if (!file_.ReadAt(position, next, stream_->in.get())) {
         return formatText("unreadable behind %" PRIu64 " bytes", done);
       }
       position += next;
       length -= next;
-      z.next_in = stream_->in.data();
+      z.next_in = stream_->in.get();
       z.avail_in = static_cast<uInt>(next);
     }
-    z.next_out = stream_->out.data();
-    z.avail_out = static_cast<uInt>(stream_->out.size());
+    z.next_out = stream_->out.get();
+    z.avail_out = static_cast<uInt>(pieceSize_);
     result = ::inflate(&z, Z_NO_FLUSH);
-    const std::uint64_t made = stream_->out.size() - z.avail_out;
+    const std::uint64_t made = pieceSize_ - z.avail_out;
     const std::uint64_t wanted = std::min(made, expected - std::min(expected, done));
-    if (piece && wanted != 0) piece(ByteSpan(stream_->out.data(), wanted));
+    if (piece && wanted != 0) piece(ByteSpan(stream_->out.get(), wanted));
     done += made;
     if (done > expected) return formatText("more than %" PRIu64 " bytes", expected);
     if (made == 0 && z.avail_in == 0 && length == 0) break;  // the stream goes on, the block not

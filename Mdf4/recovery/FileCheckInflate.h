@@ -28,7 +28,8 @@ class PieceInflater {
  private:
   struct Stream;
   DirectFile& file_;
-  std::unique_ptr<Stream> stream_;
+  const std::uint64_t pieceSize_;
+  std::unique_ptr<Stream> stream_;  // made for the first one
 };
 
 }  // namespace tolvex
