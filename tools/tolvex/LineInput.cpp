@@ -13,12 +13,12 @@ namespace tolvex {
 
 namespace {
 
-constexpr std::size_t kBufferSize = 256 * 1024;
 constexpr std::chrono::milliseconds kGrace(200);  // for a stream to end after a stop
 
 }  // namespace
 
-LineInput::LineInput() : buffer_(kBufferSize + 1) {}  // room for a line feed behind the last line
+LineInput::LineInput(std::size_t longestLine)
+    : buffer_(longestLine + 1) {}  // room for a line feed behind the last line
 
 LineInput::~LineInput() {
   if (owned_) {
@@ -96,7 +96,7 @@ bool LineInput::read() {
       ended_ = true;
       return false;
     }
-    const ssize_t count = ::read(descriptor_, buffer_.data() + end_, kBufferSize - end_);
+    const ssize_t count = ::read(descriptor_, buffer_.data() + end_, buffer_.size() - 1 - end_);
     if (count > 0) {
       end_ += static_cast<std::size_t>(count);
       size_ += static_cast<std::size_t>(count);
@@ -125,7 +125,7 @@ bool LineInput::next(std::string_view& line) {
     if (lineEnd != nullptr) {
       line = {begin, static_cast<std::size_t>(lineEnd - begin)};
       at_ += line.size() + 1;
-    } else if (cut_ || size == kBufferSize) {
+    } else if (cut_ || size == buffer_.size() - 1) {
       line = {begin, size};
       at_ = end_;
     } else {

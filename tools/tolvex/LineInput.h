@@ -21,7 +21,8 @@ namespace tolvex {
 // One thread at a time.
 class LineInput {
  public:
-  LineInput();
+  // A line that is longer than `longestLine` comes cut.
+  explicit LineInput(std::size_t longestLine = 256 * 1024);
   ~LineInput();
   LineInput(const LineInput&) = delete;
   LineInput& operator=(const LineInput&) = delete;
@@ -40,8 +41,8 @@ class LineInput {
 
   // Waits for more text and reads it. False at the end, after a stop, and when reading failed.
   bool read();
-  // The next line of what was read, without its end; good until the next read. A line that is
-  // longer than the buffer comes cut. False when there is no whole line.
+  // The next line of what was read, without its end; good until the next read. False when there
+  // is no whole line.
   bool next(std::string_view& line);
   std::uint64_t lineNumber() const { return lineNumber_; }  // of the last line, from 1
   std::uint64_t size() const { return size_; }              // bytes read so far
