@@ -9,18 +9,38 @@
 
 #include "tolvex/MdfEngine.h"
 
-// Texts are made, as for a host that wants them, and dropped.
+namespace {
+
+int errorOutput = STDERR_FILENO;  // that of the process; a target's own may lead elsewhere
+
+}  // namespace
+
+// Nobody wants the library's texts, and claims that do not hold are told wherever the target's own
+// output goes.
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
-  setDiagnosticHandler([](void* /*user*/, const char* /*text*/) {}, nullptr);
+  setDiagnosticHandler(nullptr, nullptr);
+  errorOutput = ::dup(STDERR_FILENO);
   return 0;
+}
+
+// What was freed is kept for a shorter while than by default: fresh memory for every input takes
+// longer than most inputs do.
+extern "C" const char* __asan_default_options() {
+  return "quarantine_size_mb=16:thread_local_quarantine_size_kb=64:malloc_context_size=8";
 }
 
 namespace tolvex::fuzz {
 
 void require(bool right, const char* claim) {
   if (right) return;
-  std::fprintf(stderr, "not so: %s\n", claim);
+  ::dprintf(errorOutput, "not so: %s\n", claim);
   std::abort();
+}
+
+void tell(const MdfFinding& finding) {
+  ::dprintf(errorOutput, "%s at %llu: expected %s, found %s\n", finding.what.c_str(),
+            static_cast<unsigned long long>(finding.position), finding.expected.c_str(),
+            finding.found.c_str());
 }
 
 MemoryFile::MemoryFile(ByteSpan bytes)
@@ -47,6 +67,20 @@ std::string Numbers::text() {
 Numbers steeringOf(ByteSpan file) {
   const std::size_t start = std::min(kSteeringOffset, file.size());
   return Numbers(file.subspan(start, std::min(kSteeringSize, file.size() - start)));
+}
+
+WorkSizes workSizesFrom(Numbers& steering) {
+  WorkSizes sizes;
+  const std::uint64_t size = steering.next<std::uint8_t>();
+  if (size == 0) return sizes;
+  sizes.piece = size * 2;
+  sizes.block = size * 4;
+  sizes.blocksPerList = 1 + size % 7;
+  sizes.farthest = size * 16;
+  sizes.waiting = 1 + size % 5;
+  sizes.recent = 1 + size % 9;
+  sizes.held = size * 8;
+  return sizes;
 }
 
 }  // namespace tolvex::fuzz

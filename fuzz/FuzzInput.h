@@ -8,11 +8,15 @@
 #include <string>
 
 #include "Mdf4/format/Bytes.h"
+#include "Mdf4/recovery/WorkSizes.h"
+#include "tolvex/Mdf4.h"
 
 namespace tolvex::fuzz {
 
 // Ends the run as a find when an answer is wrong.
 void require(bool right, const char* claim);
+// Prints a finding that should not be.
+void tell(const MdfFinding& finding);
 
 // An input as a file that opens by its path and never touches the disk.
 class MemoryFile {
@@ -61,5 +65,9 @@ class Numbers {
 inline constexpr std::size_t kSteeringOffset = 30;
 inline constexpr std::size_t kSteeringSize = 30;
 Numbers steeringOf(ByteSpan file);
+
+// Steps of check and recovery as the next number says: the usual ones, or so small that small files
+// reach every seam between them.
+WorkSizes workSizesFrom(Numbers& steering);
 
 }  // namespace tolvex::fuzz

@@ -47,13 +47,18 @@ void checkReaders(const std::string& path) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace tolvex;
   using namespace tolvex::fuzz;
-  const MemoryFile file(ByteSpan(data, size));
+  const ByteSpan input(data, size);
+  Numbers steering = steeringOf(input);
+  const WorkSizes sizes = workSizesFrom(steering);
+  const MemoryFile file(input);
   std::uint64_t last = 0;
-  const MdfCheckReport report =
-      checkFile(file.path(), [&](std::uint64_t done, std::uint64_t total) {
+  const MdfCheckReport report = checkFile(
+      file.path(),
+      [&](std::uint64_t done, std::uint64_t total) {
         require(total == size && last <= done && done <= total, "progress goes on to the end");
         last = done;
-      });
+      },
+      sizes);
   checkReport(report, size);
   if (report.errors == 0) checkReaders(file.path());
   return 0;

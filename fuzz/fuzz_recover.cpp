@@ -1,41 +1,35 @@
 // Recovers the input: what comes back must be sound, hold what the report says, and come back the
 // same when it is recovered in its turn.
-#include <unistd.h>
+#include <memory>
+#include <string>
+#include <utility>
 
-#include <filesystem>
-
+#include "Mdf4/recovery/Recovery.h"
 #include "fuzz/FuzzInput.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex::fuzz {
 namespace {
 
-// A file that lives in memory until the object goes.
-class Output {
- public:
-  explicit Output(const char* name)
-      : path_("/dev/shm/fuzz-" + std::to_string(::getpid()) + "-" + name) {}
-  Output(const Output&) = delete;
-  Output& operator=(const Output&) = delete;
-  ~Output() {
-    std::error_code ignored;
-    std::filesystem::remove(path_, ignored);
+MdfRecoveryReport recover(const MemoryFile& input, const MemoryFile& output, bool verify,
+                          const WorkSizes& sizes) {
+  std::string error;
+  std::unique_ptr<SystemFile> in = openSystemFile(input.path(), OpenMode::Read, error);
+  std::unique_ptr<SystemFile> out = openSystemFile(output.path(), OpenMode::Create, error);
+  require(in != nullptr && out != nullptr, "files in memory open");
+  RecoveryResult result = recoverBetween(std::move(in), std::move(out), {verify, nullptr}, sizes);
+  if (verify && result.report.failure.empty()) {
+    require(verifyRecovery(output.path(), result.checksums, nullptr).empty(),
+            "what comes back is what was written");
   }
-
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+  return std::move(result.report);
+}
 
 // Returns whether the file is beyond any doubt.
 bool requireSound(const std::string& path, const MdfRecoveryReport& report) {
   const MdfCheckReport check = checkFile(path);
   for (const MdfFinding& finding : check.findings) {
-    if (!finding.error) continue;
-    std::fprintf(stderr, "%s at %llu: expected %s, found %s\n", finding.what.c_str(),
-                 static_cast<unsigned long long>(finding.position), finding.expected.c_str(),
-                 finding.found.c_str());
+    if (finding.error) tell(finding);
   }
   require(check.failure.empty() && check.errors == 0, "what comes back is sound");
   MdfSigReader reader(path);
@@ -63,20 +57,21 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   using namespace tolvex;
   using namespace tolvex::fuzz;
   const ByteSpan input(data, size);
-  const bool verify = steeringOf(input).flag();
+  Numbers steering = steeringOf(input);
+  const bool verify = steering.flag();
+  const bool twice = steering.flag();
+  const WorkSizes sizes = workSizesFrom(steering);
   const MemoryFile file(input);
-  const Output once("once");
-  const Output twice("twice");
+  const MemoryFile once({});
+  const MemoryFile second({});
 
-  const MdfRecoveryReport report = recoverFile(file.path(), once.path(), {verify, nullptr});
-  if (!report.failure.empty()) {
-    require(!std::filesystem::exists(once.path()), "a failure leaves no output");
-    return 0;
-  }
+  const MdfRecoveryReport report = recover(file, once, verify, sizes);
+  if (!report.failure.empty()) return 0;
   const bool doubtless = requireSound(once.path(), report);
-  const MdfRecoveryReport again = recoverFile(once.path(), twice.path(), {!verify, nullptr});
+  if (!twice) return 0;
+  const MdfRecoveryReport again = recover(once, second, !verify, {});
   require(again.failure.empty(), "what came back comes back");
-  requireSound(twice.path(), again);
+  requireSound(second.path(), again);
   require(again.lossless() || !doubtless, "what came back comes back without a loss");
   if (!doubtless) return 0;
   require(again.groups.size() == report.groups.size(), "what came back has as many groups again");

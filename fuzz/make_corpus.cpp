@@ -25,9 +25,18 @@ class Corpus {
   explicit Corpus(fs::path dir) : dir_(std::move(dir)) {}
 
   void writeFiles() {
-    for (const auto& [name, file] : sampleFiles()) {
+    std::uint8_t command = 0;
+    for (const auto& [name, file] : samples()) {
+      addFile("copy", name, file, packed(std::uint8_t{1}, std::uint8_t{7}));
+      for (int i = 0; i < 2; ++i, ++command) {
+        addFile("commands", name + "-" + std::to_string(command % 6), file,
+                packed(command, command / 6));
+      }
       addFile("doctor", name, file, {});
+      addFile("doctor", name + "-in-steps", file, packed(std::uint8_t{40}));
       addFile("recover", name, file, packed(std::uint8_t{1}));
+      addFile("recover", name + "-twice", file,
+              packed(std::uint8_t{0}, std::uint8_t{1}, std::uint8_t{40}));
       addFile("open", name, file, packed(std::uint8_t{1}));
       addFile("signals", name, file,
               packed(std::uint8_t{1}, std::uint8_t{2}, std::int32_t{2}, std::int32_t{5}, 1.25,
@@ -113,6 +122,49 @@ class Corpus {
     }
   }
 
+  void writeLogs() {
+    const std::string log =
+        "(1436509052.249713) can0 123#DEADBEEF\n(1436509052.25) can1 12345678#R4 T\n"
+        "(1436509052.249714) vcan0 123##1DEADBEEF00112233445566\n(0.1) can2 20000080#00 R\r\n"
+        "(1436509052.249713) can0 7FF#0011223344556677_F\n(1.2) can300 1#\n\nnothing";
+    const Bytes bytes(log.begin(), log.end());
+    add("candump", "log", bytes);
+    for (std::size_t size = bytes.size(); size > bytes.size() - 16; --size) {
+      const Bytes part(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
+      add("commands", "log-" + std::to_string(size), part);
+      add("lines", "log-" + std::to_string(size),
+          joined(
+              {packed(static_cast<std::uint8_t>(size), std::uint16_t{9}, std::uint8_t{1}), part}));
+    }
+  }
+
+  // Steps as fuzz_handles and fuzz_async take them.
+  void writeSteps() {
+    const Bytes channel = {'a', 0, 8, 0, 0, 1, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9};
+    for (std::uint8_t kind = 0; kind < 12; ++kind) {
+      const Bytes formula = {1, kind, 3, 1, 2, 3, 4, 5, 6, 7, 8, 1, 't', 0, 1, 2,   3,
+                             4, 5,    6, 7, 8, 2, 1, 2, 3, 4, 5, 6, 7,   8, 3, 'u', 0};
+      const Bytes parameters = {1, 2, 3, 4, 5, 6, 7, 8, 9, 48, 't', 0, 3, 0, 4, 1, 2, 3, 4};
+      add("handles", std::to_string(kind),
+          joined(
+              {{3, kind, 1, 2, 3, 4, 4, 5, 1, 2, 3, 4, 5, 2, 9, 2}, channel, formula, parameters}));
+    }
+    const Bytes group = {0, 'g', 0};
+    const Bytes channels = {1, 0, 0, 1, 0, 9, 1, 0, 18};  // time, "j" and "c"
+    const Bytes record = {3, 0, 0, 0, 128, 63, 9, 4, 1, 2, 3, 4};
+    const Bytes frame = {8, 1, 0x23, 1, 0, 0, 0, 1, 8, 1, 2, 3, 4, 5, 6, 7, 8, 9, 9, 0, 0};
+    Bytes error = frame;
+    error[0] = 11;
+    error.push_back(1);
+    const Bytes split = {13, 4};
+    const Bytes again = {15};
+    add("async", "records", joined({group, channels, record, record, again, frame}));
+    add("async", "frames", joined({frame, error, group, channels, frame, record, again, error}));
+    add("async", "split", joined({split, group, channels, record, frame, record, frame}));
+    add("async", "few-tasks",
+        joined({{14, 0, 0, 'c', 0, 0, 'n', 0}, group, channels, record, record, record, record}));
+  }
+
   // Steps as fuzz_record takes them: a group, a channel of 8 bytes, records; frames.
   void writeRecordings() {
     const Bytes group = {0, 'g', 0};
@@ -126,6 +178,36 @@ class Corpus {
   }
 
  private:
+  // Those of the tests, and a sequence of records that is longer than what is looked at in one go.
+  static std::vector<std::pair<std::string, FileBuilder>> samples() {
+    std::vector<std::pair<std::string, FileBuilder>> files = sampleFiles();
+    constexpr std::uint32_t kBytes = 700'000;
+    for (const bool sorted : {true, false}) {
+      Bytes records;
+      for (std::uint32_t i = 0; records.size() < kBytes; ++i) {
+        if (!sorted) records.push_back(static_cast<std::uint8_t>(1 + i % 2));
+        const Bytes record = packed(0.001 * i, i, std::uint32_t{0});
+        records.insert(records.end(), record.begin(), record.end());
+      }
+      FileBuilder file;
+      std::vector<Link> groups;
+      for (std::uint64_t id = 1; id <= (sorted ? 1U : 2U); ++id) {
+        const Link time =
+            file.cn({.name = "time", .type = 2, .sync = 1, .dataType = 4, .bitCount = 64});
+        const Link count = file.cn({.name = "count", .byteOffset = 8, .bitCount = 32});
+        groups.push_back(file.cg({.name = "long",
+                                  .channels = {time, count},
+                                  .records = records.size() / (sorted ? 16 : 34),
+                                  .dataBytes = 16,
+                                  .recordId = sorted ? 0 : id}));
+      }
+      const std::uint8_t idSize = sorted ? 0 : 1;
+      file.dg({.groups = groups, .data = file.dt(records), .recordIdSize = idSize});
+      files.emplace_back(sorted ? "long-sorted" : "long-unsorted", file);
+    }
+    return files;
+  }
+
   fs::path folder(const std::string& target) const {
     fs::create_directories(dir_ / target);
     return dir_ / target;
@@ -141,10 +223,11 @@ class Corpus {
 
   // A recording of a logger, which claims to be finished even where it is not.
   void addRecording(const fs::path& path) {
-    for (const char* target : {"open", "signals", "frames", "doctor", "recover"}) {
+    for (const std::string target :
+         {"open", "signals", "frames", "doctor", "recover", "commands", "copy"}) {
       const fs::path copy = folder(target) / path.filename();
       fs::copy_file(path, copy, fs::copy_options::overwrite_existing);
-      if (target == std::string("doctor") || target == std::string("recover")) continue;
+      if (target == "doctor" || target == "recover") continue;
       std::fstream file(copy, std::ios::binary | std::ios::in | std::ios::out);
       if (!file.write("MDF     ", 8).flush())
         throw std::runtime_error("cannot write " + copy.string());
@@ -176,6 +259,8 @@ int main(int argc, char** argv) {
     corpus.writeStreams();
     corpus.writeConversions();
     corpus.writeRecordings();
+    corpus.writeLogs();
+    corpus.writeSteps();
   } catch (const std::exception& error) {
     std::fprintf(stderr, "make_corpus: %s\n", error.what());
     return 1;
