@@ -74,10 +74,11 @@ TEST(KilledRecording, BringsBackWhatReachedTheFileWhicheverWriteWasTheLast) {
       const std::uint64_t last = start + log[i].bytes.size();
       for (std::uint64_t end = (start / kPage + 1) * kPage; end + kRecord < last; end += kPage) {
         file->take(log[i], end - start);
-        EXPECT_EQ(check.faults(file->path(), file->taken(), false), "") << "up to " << end;
+        EXPECT_EQ(check.faults(file->path(), file->taken(), RecoveryCheck::Allowed::Nothing), "")
+            << "up to " << end;
       }
       file->take(log[i]);
-      EXPECT_EQ(check.faults(file->path(), file->taken(), false), "");
+      EXPECT_EQ(check.faults(file->path(), file->taken(), RecoveryCheck::Allowed::Nothing), "");
     }
   }
 }
@@ -124,7 +125,7 @@ TEST(KilledRecording, BringsBackBlocksThatAreWholeWhateverElseIsLost) {
       std::mt19937 random(loss);
       StandingFile file;
       const std::vector<TakenBlock> whole = loseSome(file, log, random);
-      EXPECT_EQ(check.faults(file.path(), whole, true), "");
+      EXPECT_EQ(check.faults(file.path(), whole, RecoveryCheck::Allowed::DamagedBlocks), "");
     }
   }
 }

@@ -214,7 +214,7 @@ const RecoveryCheck::Place* RecoveryCheck::placeOf(const Bytes& bytes) const {
 }
 
 std::string RecoveryCheck::faults(const std::string& input, const std::vector<TakenBlock>& taken,
-                                  bool gaps) const {
+                                  Allowed allowed) const {
   const TempDir dir;
   const std::string output = dir.path("recovered.mf4");
   const MdfRecoveryReport report = recoverFile(input, output);
@@ -232,19 +232,23 @@ std::string RecoveryCheck::faults(const std::string& input, const std::vector<Ta
     const std::string group = "group " + std::to_string(i) + ": ";
     const auto dg = static_cast<std::size_t>(report.groups[i].dgIndex);
     if (groups[i].records.size() != report.groups[i].records) return group + "miscounted";
-    if (dg < kTimeGroups && groups[i].records.size() > 1) return group + "more than one time";
+    if (dg < kTimeGroups && groups[i].records.size() > 1 && allowed != Allowed::LostPages)
+      return group + "more than one time";
     if (dg < kTimeGroups) continue;
     std::size_t next = 0;
     for (const Bytes& record : groups[i].records) {
       const auto found = places_.find(keyOf(record, record.size()));
-      if (found == places_.end() && gaps) continue;  // parts of its block are lost
+      if (found == places_.end() && allowed != Allowed::Nothing) continue;
       if (found == places_.end()) return group + "a record that was never recorded";
       const Place& place = found->second;
+      if (!back.emplace(place.group, place.number).second) return group + "a record twice";
+      if (allowed == Allowed::LostPages) continue;
       if (place.group != dg) return group + "a record of group " + std::to_string(place.group);
       if (place.number < next) return group + "not in order";
-      if (next != 0 && !gaps && place.number != next) return group + "records are left out";
+      if (next != 0 && allowed == Allowed::Nothing && place.number != next) {
+        return group + "records are left out";
+      }
       next = place.number + 1;
-      back.emplace(place.group, place.number);
     }
   }
 

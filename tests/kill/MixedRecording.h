@@ -73,11 +73,16 @@ class RecoveryCheck {
  public:
   explicit RecoveryCheck(const std::vector<LoggedWrite>& log);
 
+  // What else than records without a gap, none of which was never recorded, is no fault.
+  enum class Allowed : std::uint8_t {
+    Nothing,
+    DamagedBlocks,  // which may give records that never were
+    LostPages       // also of lists and of groups, whose blocks may so get to other groups
+  };
   // Recovers a file of the recording. "" when the result is sound, has the records of all `taken`
-  // blocks and none that was never recorded, each in its group, in order and without a gap; else
-  // what is wrong. With `gaps` other blocks may be damaged.
+  // blocks, none of them twice, each in its group and in order; else what is wrong.
   std::string faults(const std::string& input, const std::vector<TakenBlock>& taken,
-                     bool gaps) const;
+                     Allowed allowed) const;
 
  private:
   struct Place {
@@ -87,8 +92,8 @@ class RecoveryCheck {
 
   const Place* placeOf(const Bytes& bytes) const;
 
-  std::unordered_map<std::string, Place> places_;  // by a record's bytes
-  std::vector<std::size_t> recordSizes_;           // of each group
+  std::map<std::string, Place> places_;   // by a record's bytes
+  std::vector<std::size_t> recordSizes_;  // of each group
 };
 
 }  // namespace tolvex::test

@@ -86,7 +86,8 @@ bool kill(std::uint32_t seed) {
   std::string faults;
   for (std::uint64_t file = 0; std::filesystem::exists(nameOf(path, file)); ++file) {
     taken.resize(std::max<std::size_t>(taken.size(), file + 1));
-    const std::string found = check.faults(nameOf(path, file), taken[file], false);
+    const std::string found =
+        check.faults(nameOf(path, file), taken[file], RecoveryCheck::Allowed::Nothing);
     if (!found.empty()) faults += "\n  file " + std::to_string(file) + ": " + found;
   }
   std::printf("%s, %s after %zu of %zu writes%s\n", recording.description().c_str(),
