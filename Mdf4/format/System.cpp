@@ -215,6 +215,10 @@ bool PosixFile::open(const std::string& path, OpenMode mode, std::string& error)
     error = "is a directory";
     return false;
   }
+  if (mode == OpenMode::Read && ::lseek(descriptor_, 0, SEEK_CUR) < 0) {
+    error = "is a pipe or the like, which cannot be read at any position: store it in a file first";
+    return false;
+  }
   if (mode == OpenMode::Fill && (!S_ISREG(status.st_mode) || status.st_size != 0)) {
     error = "exists";
     return false;

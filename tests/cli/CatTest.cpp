@@ -54,8 +54,12 @@ TEST(Cat, StartIsIncludedAndEndIsNot) {
   const std::pair<const char*, std::size_t> windows[] = {
       {"--start 1.5 --end 3", 2}, {"--start -0.5 --end 0", 1}, {"--end -0.5", 0}, {"--start 3", 1}};
   for (const auto& [window, count] : windows) {
-    EXPECT_EQ(runTolvex("cat " + path + " " + window, 0).lines().size(), count) << window;
+    const Outcome outcome = runTolvex("cat " + path + " " + window, 0);
+    EXPECT_EQ(outcome.lines().size(), count) << window;
+    EXPECT_EQ(outcome.err.empty(), count > 0) << outcome.err;
   }
+  runTolvex("cat " + path + " --start 10 --end 20", 0,
+            "no frames in that time; the recording has them from -0.500000 to 3.000000 s");
 }
 
 TEST(Cat, CarriesEveryFieldInCsvAndNdjson) {

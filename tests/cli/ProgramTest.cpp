@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <regex>
 
 #include "tests/cli/Program.h"
 
@@ -22,10 +23,16 @@ TEST(Program, EndsWithTheCodeAndTheWordsForWhatHappened) {
     std::string said;  // on the standard error
   } cases[] = {
       {"--version", 0, ""},
+      {"-V", 0, ""},
+      {"help", 0, ""},
+      {"help cat", 0, ""},
       {"--help", 0, ""},
       {"cat --help", 0, ""},
       {"", 2, "info, cat, export, doctor or recover"},
-      {"dance", 2, "dance"},
+      {"dance", 2, "no command \"dance\"\n"},
+      {"inof", 2, "no command \"inof\"; did you mean info?"},
+      {"exp", 2, "did you mean export?"},
+      {"help ct", 2, "did you mean cat?"},
       {"info", 2, "FILE"},
       {"cat " + raw + " --format xml", 2, "candump,csv,ndjson"},
       {"cat " + raw + " --start nan", 2, "--start"},
@@ -36,6 +43,10 @@ TEST(Program, EndsWithTheCodeAndTheWordsForWhatHappened) {
       {"info " + realFile("canmod-gps.dbc"), 1, "expected \"MDF     \", found \"VERSION \""},
       {"cat " + realFile("unfinalized-00000002.MF4"), 1, "unfinalized recording"},
       {"info " + realFile("unfinalized-00000170.MF4"), 1, "unfinalized recording"},
+      {"info /dev/stdin < /dev/null", 1, "identification"},
+      {"info /dev/stdin < " + raw, 0, ""},
+      {"--version; } | { '" TOLVEX_PROGRAM "' info /dev/stdin", 1, "/dev/stdin: is a pipe"},
+      {"--version; } | { '" TOLVEX_PROGRAM "' doctor /dev/stdin", 1, "/dev/stdin: is a pipe"},
       {"export " + decoded + " --dg 9", 1, "no data group 9"},
       {"export " + decoded + " --dg 0 --channel Nope", 1, "no channel \"Nope\""},
       {"cat " + decoded, 0, "no CAN frames"},
@@ -50,6 +61,23 @@ TEST(Program, EndsWithTheCodeAndTheWordsForWhatHappened) {
     EXPECT_EQ(outcome.err.empty(), said.empty()) << outcome.err;
     EXPECT_EQ(outcome.out.empty(), !said.empty()) << outcome.out;
   }
+}
+
+TEST(Program, HelpsOnEightyColumns) {
+  const Outcome help = runTolvex("help", 0);
+  std::size_t commands = 0;
+  for (const std::string& line : help.lines()) {
+    EXPECT_LE(line.size(), 80U) << line;
+    std::smatch match;
+    if (!std::regex_match(line, match, std::regex("  ([a-z]+)  .*"))) continue;
+    ++commands;
+    const std::string command = match[1];
+    const Outcome own = runTolvex(command + " --help", 0);
+    EXPECT_EQ(runTolvex("help " + command, 0).out, own.out);
+    EXPECT_NE(own.out.find("Usage: tolvex " + command + " "), std::string::npos) << own.out;
+    for (const std::string& ownLine : own.lines()) EXPECT_LE(ownLine.size(), 80U) << ownLine;
+  }
+  EXPECT_EQ(commands, 7U) << help.out;
 }
 
 #ifdef TOLVEX_FAILING_MEMORY

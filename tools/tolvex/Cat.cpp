@@ -66,7 +66,9 @@ std::uint64_t countPromised(const std::vector<MdfGroupInfo>& groups) {
 struct FrameCounts {
   std::uint64_t read = 0;
   std::uint64_t written = 0;
-  std::uint64_t withoutPayload = 0;  // of those written
+  std::uint64_t withoutPayload = 0;                                 // of those written
+  std::int64_t firstNs = std::numeric_limits<std::int64_t>::max();  // of those read
+  std::int64_t lastNs = std::numeric_limits<std::int64_t>::min();
 };
 
 // Writes all frames inside the window.
@@ -80,6 +82,8 @@ FrameCounts writeFrames(MdfReader& reader, const Window& window, FrameText& text
       return counts;
     }
     const std::int64_t timeNs = MdfReader::getSignedTimestampNsFromVariant(frame);
+    counts.firstNs = std::min(counts.firstNs, timeNs);
+    counts.lastNs = std::max(counts.lastNs, timeNs);
     if (timeNs < window.firstNs || timeNs > window.lastNs) {
       continue;
     }
@@ -143,6 +147,12 @@ int cat(const CatOptions& options) {
   if (lost) {
     complain(options.file, fmt::format("{} of {} frames could be read", counts.read, promised));
   }
+  if (out.good() && counts.written == 0 && counts.read > 0) {
+    complain(options.file, fmt::format("no frames in that time; the recording has them from {:.6f} "
+                                       "to {:.6f} s",
+                                       1e-9 * static_cast<double>(counts.firstNs),
+                                       1e-9 * static_cast<double>(counts.lastNs)));
+  }
   if (lacking) {
     complain(options.file, fmt::format("{} of {} frames have lost their payload, and are printed "
                                        "without one",
@@ -165,37 +175,33 @@ void addCat(CLI::App& app, Command& chosen) {
     return std::isnan(std::strtod(text.c_str(), nullptr)) ? "not a number: " + text : "";
   };
   command
-      ->add_option("--start", options->start,
-                   "The first time to print, in seconds since the recording's start; may be\n"
-                   "negative")
+      ->add_option(
+          "--start", options->start,
+          "The first time to print, in seconds since the recording's start; may be negative")
       ->type_name("SECONDS")
       ->check(number, "");
   command
-      ->add_option("--end", options->end,
-                   "The time to print up to but not including, in seconds since the\n"
-                   "recording's start")
+      ->add_option(
+          "--end", options->end,
+          "The time to print up to but not including, in seconds since the recording's start")
       ->type_name("SECONDS")
       ->check(number, "");
   addMaxOutput(*command, options->maxOutput);
   command->footer(
       "Formats:\n"
-      "  candump  the log format of can-utils, read by canplayer: (SECONDS) canN ID#DATA with the\n"
-      "           seconds since 1970 (UTC), identifier and data hexadecimal; ID##FDATA for CAN FD\n"
-      "           (F: 1 bit rate switch, 2 error state), ID#RDLC for remote frames; error frames\n"
-      "           have 0x20000000 added to the identifier; where only the kind of error is known,\n"
-      "           identifier and data are those of SocketCAN\n"
+      "  candump  the log format of can-utils, read by canplayer: (SECONDS) canN ID#DATA with the "
+      "seconds since 1970 (UTC), identifier and data hexadecimal; ID##FDATA for CAN FD (F: 1 bit "
+      "rate switch, 2 error state), ID#RDLC for remote frames; error frames have 0x20000000 added "
+      "to the identifier; where only the kind of error is known, identifier and data are those of "
+      "SocketCAN\n"
       "  csv      every field, a line of names first; empty where a kind of frame has no such "
       "field\n"
       "  ndjson   the same fields, a JSON object per line; null where there is no such field\n"
       "In csv and ndjson, time_ns is nanoseconds since the recording's start, time is seconds "
-      "since\n"
-      "1970 (UTC), id is decimal, length is bytes, data is hexadecimal; error_type is 1 bit, 2 "
-      "form,\n"
-      "3 bit stuffing, 4 CRC, 5 acknowledge.\n"
-      "A frame whose payload the file has lost is printed without one, and the exit code is 3: "
-      "in\n"
-      "candump nothing follows the '#', in csv and ndjson length keeps the bytes that it had and\n"
-      "data is empty or null.\n"
+      "since 1970 (UTC), id is decimal, length is bytes, data is hexadecimal; error_type is 1 bit, "
+      "2 form, 3 bit stuffing, 4 CRC, 5 acknowledge. A frame whose payload the file has lost is "
+      "printed without one, and the exit code is 3: in candump nothing follows the '#', in csv and "
+      "ndjson length keeps the bytes that it had and data is empty or null.\n"
       "\n"
       "Examples:\n"
       "  tolvex cat drive.mf4 --start 10 --end 20 > part.log\n"

@@ -105,17 +105,16 @@ void addDoctor(CLI::App& app, Command& chosen) {
       ->type_name("FORMAT")
       ->check(CLI::IsMember({"text", "json"}));
   command->footer(
-      "Silent when the file is as it should be. Else a line for each finding on the standard\n"
-      "error (in json: a list on the standard output), at most 1000, with the position in the\n"
-      "file in bytes:\n"
+      "Silent when the file is as it should be. Else a line for each finding on the standard error "
+      "(in json: a list on the standard output), at most 1000, with the position in the file in "
+      "bytes:\n"
       "  Error    a reader that follows the format reads something wrong, or cannot read it\n"
       "  Warning  odd, but read as it was meant\n"
       "Exit code 1 when there is an error, also when the file cannot be opened, else 0.\n"
       "\n"
       "Examples:\n"
       "  tolvex doctor drive.mf4\n"
-      "  tolvex doctor drive.mf4 --format json | jq '.findings[] | select(.severity == "
-      "\"error\")'");
+      "  tolvex doctor drive.mf4 --format json | jq '.findings[].what'");
   command->callback([options, &chosen] { chosen = [options] { return doctor(*options); }; });
 }
 

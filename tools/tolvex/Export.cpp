@@ -311,26 +311,24 @@ void addExport(CLI::App& app, Command& chosen) {
       ->type_name("NAME")
       ->allow_extra_args(false);
   command->add_flag("--raw", options->csv.raw,
-                    "Numbers as recorded, before the conversion to physical values; the time\n"
+                    "Numbers as recorded, before the conversion to physical values; the time "
                     "column stays physical");
   command->add_flag("--safe-csv", options->csv.safe,
                     "An apostrophe before texts that a spreadsheet would take for formulas");
   command
       ->add_option("-o,--output", options->output,
-                   "With --dg, the file to write; by default the standard output. Without --dg,\n"
+                   "With --dg, the file to write; by default the standard output. Without --dg, "
                    "the folder that gets a file dgN_cgM_NAME.csv for every group")
       ->type_name("OUT");
   addMaxOutput(*command, options->maxOutput);
   command->footer(
-      "The first column is the group's time, or the record's number (from 0) in a group without\n"
+      "The first column is the group's time, or the record's number (from 0) in a group without "
       "one; then the channels in the file's order. Columns are headed \"name [unit]\". Numbers "
-      "read\n"
-      "back as the same 64-bit floating point number; texts are quoted where they hold a comma,\n"
-      "a quote or a line end; byte arrays are hexadecimal. A cell is empty where a sample is\n"
-      "invalid or cannot be converted. Lines end in a line feed. With --safe-csv, texts that "
-      "begin\n"
-      "with = + - @, tab or carriage return and are no numbers get an apostrophe in front. On a\n"
-      "terminal, control characters show as \\n, \\x1B or \\u202E.\n"
+      "read back as the same 64-bit floating point number; texts are quoted where they hold a "
+      "comma, a quote or a line end; byte arrays are hexadecimal. A cell is empty where a sample "
+      "is invalid or cannot be converted. Lines end in a line feed. With --safe-csv, texts that "
+      "begin with = + - @, tab or carriage return and are no numbers get an apostrophe in front. "
+      "On a terminal, control characters show as \\n, \\x1B or \\u202E.\n"
       "\n"
       "Examples:\n"
       "  tolvex export drive.mf4 -o drive\n"

@@ -300,11 +300,11 @@ void addInfo(CLI::App& app, Command& chosen) {
       ->type_name("FORMAT")
       ->check(CLI::IsMember({"text", "json"}));
   command->footer(
-      "Shows version, program, start time (UTC), size in bytes, and for each group its name, the\n"
-      "number of records, bytes per record, duration in seconds (unless it is unknown) and\n"
-      "channels. \"unsorted\" marks groups whose records cat and export cannot read.\n"
-      "In json, start_time_ns is nanoseconds since 1970 (UTC), offsets are bytes and bits in a\n"
-      "record, the types are the format's numbers, and duration_s may be null.\n"
+      "Shows version, program, start time (UTC), size in bytes, and for each group its name, the "
+      "number of records, bytes per record, duration in seconds (unless it is unknown) and "
+      "channels. \"unsorted\" marks groups whose records cat and export cannot read. In json, "
+      "start_time_ns is nanoseconds since 1970 (UTC), offsets are bytes and bits in a record, the "
+      "types are the format's numbers, and duration_s may be null.\n"
       "\n"
       "Examples:\n"
       "  tolvex info drive.mf4\n"

@@ -1,12 +1,15 @@
 #include "Program.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <iostream>
-#include <sstream>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Command.h"
+#include "HelpText.h"
 
 namespace tolvex {
 
@@ -18,14 +21,9 @@ int complainOfUse(std::string_view what) {
   return kWrongUse;
 }
 
-// Help and version are results; everything else that ends the parsing is wrong use.
-int showOutcome(const CLI::App& app, const CLI::ParseError& outcome) {
-  std::ostringstream text;
-  if (app.exit(outcome, text, text) != 0) {
-    return complainOfUse(outcome.what());
-  }
+int show(const std::string& text) {
   Output out;
-  out.write(text.str());
+  out.write(text);
   if (!out.close() && !out.pipeClosed()) {
     complain(out.name(), out.error());
     return kFailed;
@@ -33,13 +31,62 @@ int showOutcome(const CLI::App& app, const CLI::ParseError& outcome) {
   return kDone;
 }
 
+// Help and version are results; everything else that ends the parsing is wrong use.
+int showOutcome(const CLI::App& app, const CLI::ParseError& outcome) {
+  if (dynamic_cast<const CLI::CallForHelp*>(&outcome) != nullptr) {
+    return show(wrapped(app.help()));
+  }
+  if (dynamic_cast<const CLI::CallForVersion*>(&outcome) != nullptr) {
+    return show(app.version() + '\n');
+  }
+  return complainOfUse(outcome.what());
+}
+
+std::vector<const CLI::App*> commandsOf(const CLI::App& app) {
+  return app.get_subcommands([](const CLI::App*) { return true; });
+}
+
+// Null when there is no such command.
+const CLI::App* commandOf(const CLI::App& app, const std::string& name) {
+  const std::vector<const CLI::App*> commands = commandsOf(app);
+  const auto found = std::ranges::find(commands, name, &CLI::App::get_name);
+  return found == commands.end() ? nullptr : *found;
+}
+
+int complainOfCommand(const CLI::App& app, const std::string& word) {
+  std::vector<std::string> names;
+  for (const CLI::App* const command : commandsOf(app)) {
+    names.push_back(command->get_name());
+  }
+  const std::string nearest = nearestOf(names, word);
+  return complainOfUse("no command \"" + word + '"' +
+                       (nearest.empty() ? "" : "; did you mean " + nearest + "?"));
+}
+
+// The help of the command, or of the program without one.
+int showHelp(const CLI::App& app, const std::string& command) {
+  const CLI::App* const topic = command.empty() ? &app : commandOf(app, command);
+  if (topic == nullptr) {
+    return complainOfCommand(app, command);
+  }
+  const std::string name = topic == &app ? app.get_name() : app.get_name() + ' ' + command;
+  return show(wrapped(topic->get_formatter()->make_help(topic, name, CLI::AppFormatMode::Normal)));
+}
+
+void addHelp(CLI::App& app, Command& chosen) {
+  const auto command = std::make_shared<std::string>();
+  CLI::App* const help = app.add_subcommand("help", "Show the help of a command");
+  help->add_option("COMMAND", *command, "The command; without one, the program's help");
+  help->callback(
+      [&app, command, &chosen] { chosen = [&app, command] { return showHelp(app, *command); }; });
+}
+
 }  // namespace
 
 int runProgram(int argc, char** argv) {
-  CLI::App app(
-      "Shows, prints, exports, records, checks and recovers measurement files (ASAM MDF 4).",
-      "tolvex");
-  app.set_version_flag("--version", "tolvex " TOLVEX_VERSION, "Print the version and exit");
+  CLI::App app("Shows, prints, exports, records, checks and recovers ASAM MDF 4 files.", "tolvex");
+  app.get_formatter()->column_width(26);
+  app.set_version_flag("-V,--version", "tolvex " TOLVEX_VERSION, "Print the version and exit");
   app.require_subcommand(0, 1);
   app.footer(
       "Examples:\n"
@@ -61,6 +108,10 @@ int runProgram(int argc, char** argv) {
   addDoctor(app, chosen);
   addRecover(app, chosen);
   addRecord(app, chosen);
+  addHelp(app, chosen);
+  if (argc > 1 && argv[1][0] != '-' && commandOf(app, argv[1]) == nullptr) {
+    return complainOfCommand(app, argv[1]);
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& outcome) {

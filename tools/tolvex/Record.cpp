@@ -473,17 +473,16 @@ void addRecord(CLI::App& app, Command& chosen) {
   CLI::App* command =
       app.add_subcommand("record", "Record a can-utils log, live or finished, as a bus log");
   command->add_option("LOG", options->log,
-                      "The log, as candump -L writes it; by default, and for \"-\", the standard\n"
+                      "The log, as candump -L writes it; by default, and for \"-\", the standard "
                       "input, whose frames are recorded as they arrive");
   command->add_option("-o,--output", options->output, "The measurement file to write")
       ->type_name("OUT")
       ->required();
   command->add_flag("--force", options->overwrite, "Overwrite files that exist");
   command
-      ->add_option(
-          "--channel", options->channels,
-          "Record the interface NAME as bus channel N, 0 to 254, which cat prints as canN;\n"
-          "by default the number that the name ends in; may be given several times")
+      ->add_option("--channel", options->channels,
+                   "Record the interface NAME as bus channel N, 0 to 254, which cat prints as "
+                   "canN; by default the number that the name ends in; may be given several times")
       ->type_name("NAME=N")
       ->allow_extra_args(false)
       ->check(
@@ -492,38 +491,36 @@ void addRecord(CLI::App& app, Command& chosen) {
           },
           "");
   command
-      ->add_option(
-          "--max-data-length", options->maxDataLength,
-          "The payload bytes that a frame's record has room for, 8 to 64; by default those\n"
-          "of the log's longest frame if it is a file, 64 if it is a stream")
+      ->add_option("--max-data-length", options->maxDataLength,
+                   "The payload bytes that a frame's record has room for, 8 to 64; by default "
+                   "those of the log's longest frame if it is a file, 64 if it is a stream")
       ->type_name("N")
       ->check(CLI::Range(kMinDataLength, kMaxDataLength).description(""));
   command
       ->add_option("--split-size", options->splitSize,
-                   "Go on in a further file, OUT with _1, _2, ... before its extension, whenever\n"
-                   "one has grown beyond so many bytes; k, M and G stand for 1024, 1024 k and\n"
-                   "1024 M. A file reserves a block of 512 frames for each channel and direction;\n"
+                   "Go on in a further file, OUT with _1, _2, ... before its extension, whenever "
+                   "one has grown beyond so many bytes; k, M and G stand for 1024, 1024 k and "
+                   "1024 M. A file reserves a block of 512 frames for each channel and direction; "
                    "a size below that, which is then said, makes a file of every few frames")
       ->type_name("BYTES")
       ->transform(CLI::AsSizeValue(false).description(""))
       ->check(CLI::Range(std::uint64_t{1}, kMaxSplitSize).description(""));
   command
       ->add_option("--flush-interval", options->flushInterval,
-                   "Have what was written on the disk every so many seconds, and all of it at the\n"
-                   "end, so that a loss of power costs no more than what came later and the last\n"
-                   "incomplete block of 512 frames of each channel and direction; by default the\n"
+                   "Have what was written on the disk every so many seconds, and all of it at the "
+                   "end, so that a loss of power costs no more than what came later and the last "
+                   "incomplete block of 512 frames of each channel and direction; by default the "
                    "system decides, often after half a minute")
       ->type_name("SECONDS")
       ->check(CLI::Range(0.0, kMaxFlushInterval).description(""));
   command->add_flag(
       "--async", options->async,
-      "Write on a thread of its own, so that a slow disk does not delay the reading;\n"
-      "all but error frames then share one group, instead of one per channel and\n"
-      "direction");
+      "Write on a thread of its own, so that a slow disk does not delay the reading; all but error "
+      "frames then share one group, instead of one per channel and direction");
   command->footer(
-      "The recording starts with the first frame's time. It ends with the log, or at SIGINT\n"
-      "(Ctrl-C), SIGTERM or SIGHUP, which complete the file; a second signal ends the program\n"
-      "at once.\n"
+      "The recording starts with the first frame's time. It ends with the log, or at SIGINT "
+      "(Ctrl-C), SIGTERM or SIGHUP, which complete the file; a second signal ends the program at "
+      "once.\n"
       "\n"
       "Lines of the log:\n"
       "  (1436509052.249713) can0 123#DEADBEEF    a frame; 8 digits make an extended identifier\n"
@@ -541,7 +538,7 @@ void addRecord(CLI::App& app, Command& chosen) {
       "bytes;\n"
       "- error frames marked as CAN FD lose their flags and the identifier's bits 25 to 28.\n"
       "\n"
-      "Exit code 3 if lines were malformed, frames were longer than their records or could not be\n"
+      "Exit code 3 if lines were malformed, frames were longer than their records or could not be "
       "written; 1, and no file, if the log has no frames.\n"
       "\n"
       "Examples:\n"
