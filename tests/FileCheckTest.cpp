@@ -227,6 +227,8 @@ TEST(FileCheck, FindsEachFaultWhereItIs) {
       {foundAt(&S::records, 24, valueOf(&S::records, 8, 8)), "in 11 bytes of signal data, found 8"},
       {foundAt(&S::records, 24, valueOf(&S::sd, 6, 2)),
        "error: CN block: offset of a variable-len"},
+      {foundAt(&S::sd, 30, valueOf(&S::sd, 6, 2)),
+       "error: SD block: values: expected whole values"},
       {foundAt(&S::records, 40, valueOf(&S::records, 16, 0, 8)),
        "found 0 in record 1 (1 of 2 times"},
   };
@@ -295,6 +297,35 @@ TEST(FileCheck, FilesCutAnywhereHaveAnError) {
   }
   for (const std::uint64_t size : sizes) {
     EXPECT_GT(checkFile(sample.file.write(size)).errors, 0U) << size;
+  }
+}
+
+// An offset inside a value is none, however plausible the length is that seems to stand there.
+TEST(FileCheck, FollowsValuesFromLengthToLength) {
+  Bytes values;
+  std::vector<std::uint64_t> starts;
+  for (std::uint32_t i = 0; i < 3000; ++i) {
+    starts.push_back(values.size());
+    const Bytes value = joined({packed(i % 50), Bytes(i % 50)});
+    values.insert(values.end(), value.begin(), value.end());
+  }
+  for (const bool compressed : {false, true}) {
+    for (const std::uint64_t wrong : {0U, 5U}) {
+      FileBuilder file;
+      const Cn channel = {.name = "v",
+                          .type = 1,
+                          .byteOffset = 8,
+                          .bitCount = 64,
+                          .data = compressed ? file.dz(values, "SD") : file.sd(values)};
+      std::vector<Bytes> records;
+      for (const std::size_t i : {2999U, 0U, 1500U, 1501U, 7U, 2998U, 49U}) {
+        records.push_back(packed(1.0, starts[i]));
+      }
+      records.push_back(packed(1.0, starts[2049] + wrong));
+      file.signalGroup({channel}, records);
+      EXPECT_EQ(check(file.write()).find("offset of a variable-length value") != std::string::npos,
+                wrong != 0);
+    }
   }
 }
 

@@ -274,6 +274,90 @@ TEST_F(Recovery, FindsItsWayBackIntoUnsortedRecords) {
   }
 }
 
+// Records whose values lie in three blocks at the end of the file, and end anywhere in them.
+struct ValuesFile {
+  static constexpr std::uint32_t kCount = 60;
+
+  FileBuilder file;
+  std::vector<Bytes> values;
+  std::vector<Link> blocks;
+  std::vector<std::uint64_t> offsets;
+
+  ValuesFile() {
+    Bytes all;
+    for (std::uint32_t i = 0; i < kCount; ++i) {
+      values.emplace_back(i * 7 % 23, static_cast<std::uint8_t>(i + 1));
+      offsets.push_back(all.size());
+      all = joined({all, packed(static_cast<std::uint32_t>(values[i].size())), values[i]});
+    }
+    std::vector<Bytes> records;
+    for (std::uint32_t i = 0; i < kCount; ++i) records.push_back(packed(1.0 * i, offsets[i]));
+    const Bytes starts = packed(std::uint32_t{0}, std::uint32_t{3}, std::uint64_t{0},
+                                std::uint64_t{200}, std::uint64_t{501});
+    const Link list = file.block("DL", {0, 0, 0, 0}, starts);
+    const Cn channel = {
+        .name = "v", .type = 1, .dataType = 10, .byteOffset = 8, .bitCount = 64, .data = list};
+    file.signalGroup({channel}, records);
+    const std::ptrdiff_t ends[] = {0, 200, 501, static_cast<std::ptrdiff_t>(all.size())};
+    for (unsigned i = 0; i < 3; ++i) {
+      blocks.push_back(file.sd({all.begin() + ends[i], all.begin() + ends[i + 1]}));
+      file.setLink(list, i + 1, blocks[i]);
+    }
+  }
+
+  // The number of values that come back; the others are to be empty, but for a spoilt one.
+  unsigned comeBack(const std::string& recovered, std::uint32_t spoilt = kCount) const {
+    MdfSigReader reader(recovered);
+    EXPECT_TRUE(reader.open());
+    unsigned count = 0;
+    for (std::uint32_t i = 0; i < kCount; ++i) {
+      Bytes record;
+      Bytes value;
+      int size = 0;
+      EXPECT_TRUE(reader.readSignalDataBlock(0, static_cast<int>(i), 1, record, size));
+      EXPECT_TRUE(reader.readValueBytes(0, 0, 1, record.data(), record.size(), value));
+      EXPECT_TRUE(value == values[i] || value.empty() || i == spoilt) << i;
+      count += value == values[i] ? 1 : 0;
+    }
+    return count;
+  }
+};
+
+TEST_F(Recovery, GivesWholeValuesWhereverTheirDataAreDamaged) {
+  const ValuesFile whole;
+  const std::uint64_t end = whole.file.size();
+  for (const WorkSizes& sizes : {WorkSizes{}, WorkSizes{.piece = 7, .block = 16}}) {
+    const auto recover = [&](const std::string& input, std::uint32_t spoilt = ValuesFile::kCount) {
+      EXPECT_EQ(recoverFile(input, recovered_, {true, nullptr}, sizes).failure, "");
+      EXPECT_EQ(firstError(recovered_), "");
+      return whole.comeBack(recovered_, spoilt);
+    };
+    EXPECT_EQ(recover(whole.file.write()), ValuesFile::kCount);
+    for (std::uint64_t cut = 1; cut < end - whole.blocks[1]; cut += 11) {
+      SCOPED_TRACE(testing::Message() << cut << " bytes cut");
+      const std::string input = whole.file.write(end - cut);
+      const std::uint64_t lost = cut < end - whole.blocks[2] ? cut : cut + 24 + 16;
+      EXPECT_GE(recover(input) + lost / 4 + 2, ValuesFile::kCount);
+    }
+    for (const std::uint32_t i : {0U, 5U, 30U, 59U}) {
+      for (const std::uint8_t length : Bytes{0, 17, 90, 255}) {
+        SCOPED_TRACE(testing::Message() << "length " << int{length} << " of value " << i);
+        ValuesFile damaged;
+        const std::uint64_t at = damaged.offsets[i];
+        const auto [block, start] = at < 200   ? std::pair{0U, 0U}
+                                    : at < 501 ? std::pair{1U, 200U}
+                                               : std::pair{2U, 501U};
+        damaged.file.setByte(damaged.blocks[block] + 24 + at - start, length);
+        // With it go at most two where the length stands that covers what is no sequence.
+        EXPECT_GE(recover(damaged.file.write(), i) + 3, ValuesFile::kCount);
+      }
+    }
+    ValuesFile damaged;
+    damaged.file.setByte(damaged.blocks[1], 0);
+    EXPECT_GE(recover(damaged.file.write()), 36U);
+  }
+}
+
 // One flipped bit in the length of a block that says itself how long it is.
 TEST_F(Recovery, TakesALengthThatIsWrongFromTheBlocksOwnCounts) {
   MdfRecorder recorder;

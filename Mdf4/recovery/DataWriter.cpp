@@ -104,6 +104,35 @@ bool DataWriter::finish() {
   return listed_ == blocks_.size() || writeList();
 }
 
+const DataWriter::Block& DataWriter::blockAt(std::uint64_t offset) const {
+  return *std::prev(std::ranges::upper_bound(blocks_, offset, {}, &Block::offset));
+}
+
+bool DataWriter::overwrite(std::uint64_t offset, ByteSpan bytes) {
+  for (const std::uint8_t byte : bytes) {
+    if (!overwriteByte(offset++, byte)) return false;
+  }
+  return true;
+}
+
+bool DataWriter::overwriteByte(std::uint64_t offset, std::uint8_t byte) {
+  if (offset >= written_) {
+    buffer_[offset - written_] = byte;
+    return !failed_;
+  }
+  std::uint8_t before = 0;
+  const Block& block = blockAt(offset);
+  failed_ = failed_ || !read(offset, {&before, 1}) ||
+            !file_.WriteAt(block.position + kBlockHeaderSize + (offset - block.offset), 1, &byte);
+  // Checksums of equal lengths differ by what differs in the bytes, wherever that stands.
+  const uLong change = crc32_z(0, &before, 1) ^ crc32_z(0, &byte, 1);
+  if (hasChecksum_) {
+    checksum_ ^= static_cast<std::uint32_t>(
+        crc32_combine(change, 0, static_cast<z_off_t>(written_ - offset - 1)));
+  }
+  return !failed_;
+}
+
 bool DataWriter::read(std::uint64_t offset, WritableBytes bytes) const {
   if (offset > size() || bytes.size() > size() - offset) return false;
   while (!bytes.empty()) {
@@ -111,11 +140,8 @@ bool DataWriter::read(std::uint64_t offset, WritableBytes bytes) const {
     if (offset >= written_) {
       std::copy_n(buffer_.get() + (offset - written_), count, bytes.begin());
     } else {
-      const auto after = std::upper_bound(
-          blocks_.begin(), blocks_.end(), offset,
-          [](std::uint64_t value, const Block& block) { return value < block.offset; });
-      const std::uint64_t end = after == blocks_.end() ? written_ : after->offset;
-      const Block& block = *std::prev(after);
+      const Block& block = blockAt(offset);
+      const std::uint64_t end = &block == &blocks_.back() ? written_ : (&block + 1)->offset;
       count = std::min(count, end - offset);
       if (!file_.ReadAt(block.position + kBlockHeaderSize + (offset - block.offset), count,
                         bytes.data())) {

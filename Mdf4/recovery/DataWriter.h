@@ -41,6 +41,8 @@ class DataWriter {
 
   // Reads bytes again, written or gathered. False when they are not all there.
   bool read(std::uint64_t offset, WritableBytes bytes) const;
+  // Puts others in the place of bytes that are there.
+  bool overwrite(std::uint64_t offset, ByteSpan bytes);
 
  private:
   struct Block {
@@ -48,6 +50,8 @@ class DataWriter {
     std::uint64_t position;
   };
 
+  bool overwriteByte(std::uint64_t offset, std::uint8_t byte);
+  const Block& blockAt(std::uint64_t offset) const;
   bool writeBlock(std::uint64_t bytes);
   bool writeList();
 

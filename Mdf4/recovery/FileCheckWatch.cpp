@@ -52,8 +52,23 @@ void CheckedValues::begin(const DataPart& part) {
 
 bool CheckedValues::holdsValue(std::uint64_t offset) {
   if (offset > size_ || size_ - offset < kPrefixSize) return walk_.announced(Unfinished::LastList);
-  std::uint32_t length = 0;
-  return readPrefix(offset, length) == Prefix::Unknown || length <= size_ - offset - kPrefixSize;
+  if (starts_.broken() && offset >= starts_.end()) {
+    std::uint32_t length = 0;
+    return readPrefix(offset, length) == Prefix::Unknown || length <= size_ - offset - kPrefixSize;
+  }
+  return starts_.mayStart(offset, [this](std::uint64_t at, std::uint32_t& length) {
+    return readPrefix(at, length) == Prefix::Read;
+  });
+}
+
+void CheckedValues::end(bool complete) {
+  if (!complete) starts_.breakOff();
+  if (starts_.broken() || starts_.rest() == 0) return;
+  const Part& part = partAt(starts_.end());
+  walk_.findings().error(
+      part.part.position + (part.part.compressed ? 0 : starts_.end() - part.start),
+      fieldName(block_type::kSD, "values"), "whole values, each a length and so many bytes",
+      formatText("one of %" PRIu64 " bytes that the data end in", starts_.rest()));
 }
 
 const CheckedValues::Part& CheckedValues::partAt(std::uint64_t offset) {

@@ -10,6 +10,7 @@
 
 #include "Mdf4/recovery/FileCheckDelivery.h"
 #include "Mdf4/recovery/FileCheckTree.h"
+#include "Mdf4/recovery/ValueStarts.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {
@@ -19,7 +20,13 @@ class CheckedValues final : public DataSink {
  public:
   CheckedValues(BlockWalk& walk, DataDelivery& delivery) : walk_(walk), delivery_(delivery) {}
 
+  bool wantsBytes() const override { return true; }
   void begin(const DataPart& part) override;
+  void bytes(ByteSpan piece, std::uint64_t /*position*/) override { starts_.take(piece); }
+  void skip(std::uint64_t length) override {
+    if (length != 0) starts_.breakOff();
+  }
+  void end(bool complete) override;
   std::uint64_t size() const { return size_; }
   // Whether a value stands there, as far as that can be told: not in a damaged block.
   bool holdsValue(std::uint64_t offset);
@@ -38,6 +45,7 @@ class CheckedValues final : public DataSink {
   BlockWalk& walk_;
   DataDelivery& delivery_;
   std::vector<Part> parts_;  // none empty
+  ValueStarts starts_;
   std::uint64_t size_ = 0;
   std::size_t last_ = 0;                           // of parts_, looked at last
   std::uint64_t inflatedAt_ = 0;                   // position of the part that was inflated last

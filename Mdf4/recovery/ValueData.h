@@ -3,16 +3,22 @@
 
 #include <cstdint>
 #include <optional>
+#include <unordered_map>
 #include <vector>
 
 #include "Mdf4/format/Bytes.h"
 #include "Mdf4/recovery/DataSurvey.h"
 #include "Mdf4/recovery/DataWriter.h"
+#include "Mdf4/recovery/ValueStarts.h"
 
 namespace tolvex {
 
 // A value is a 32-bit length and so many bytes; a record names it by its offset. Values are taken
-// over with the blocks that they lie in, or one by one. Borrows the files.
+// over with the blocks that they lie in, or one by one.
+//
+// What is written is a sequence of whole values. Where the input's sequence breaks off or loses its
+// way, everything from there on becomes one value that nobody names; those that records find in it
+// are added once more behind it. Borrows the files.
 class ValueData {
  public:
   ValueData(DirectFile& out, const WorkSizes& sizes);
@@ -20,7 +26,7 @@ class ValueData {
   // Copies all blocks of the input's signal data. False when a write fails.
   bool copy(DirectFile& in, const DataRun& run);
   // Where the value lies that had this offset in the input; nothing when it is not whole.
-  std::optional<std::uint64_t> find(std::uint64_t offset) const;
+  std::optional<std::uint64_t> find(std::uint64_t offset);
   // The bytes of the input's signal data that are lost. More when `openEnd`, for want of a length.
   std::uint64_t lostBytes() const { return lostBytes_; }
   bool openEnd() const { return openEnd_; }
@@ -40,6 +46,8 @@ class ValueData {
   };
 
   void lose(std::uint64_t start, std::uint64_t bytes);
+  bool coverRest();
+  std::optional<std::uint64_t> addAgain(std::uint64_t offset, std::uint64_t size);
 
   const std::uint64_t pieceSize_;
   DataWriter writer_;
@@ -47,6 +55,12 @@ class ValueData {
   std::uint64_t lostBytes_ = 0;
   bool openEnd_ = false;
   std::optional<std::uint64_t> empty_;
+  ValueStarts starts_;
+  std::uint64_t copied_ = 0;           // bytes that came with their blocks
+  std::vector<std::uint64_t> covers_;  // offsets of lengths that cover what is no sequence
+  std::unordered_map<std::uint64_t, std::uint64_t>
+      again_;                   // offsets of values that were added again
+  std::uint64_t copyable_ = 0;  // bytes that may still be
 };
 
 }  // namespace tolvex
