@@ -1,8 +1,11 @@
-// Small steps with blocks that the recording side takes again and again.
+// Small steps that the recording side takes again and again.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
+#include <vector>
 
 #include "Mdf4/format/m4Block.h"
 
@@ -24,5 +27,30 @@ inline bool writeLink(m4Block& block, std::size_t index, std::uint64_t position)
   block.setLink(index, before);
   return false;
 }
+
+// Lets the next push_back succeed.
+template <class Element>
+void makeRoom(std::vector<Element>& elements) {
+  constexpr std::size_t kLeast = 8;
+  if (elements.size() < elements.capacity()) return;
+  elements.reserve(std::max(kLeast, 2 * elements.size()));
+}
+
+// Gives back what is appended to a file while it lives, unless that is kept.
+class Appending {
+ public:
+  explicit Appending(DirectFile& file) : file_(file), end_(file.end()) {}
+  Appending(const Appending&) = delete;
+  Appending& operator=(const Appending&) = delete;
+  ~Appending() {
+    if (!kept_) file_.giveBack(end_);
+  }
+  void keep() { kept_ = true; }
+
+ private:
+  DirectFile& file_;
+  const std::uint64_t end_;
+  bool kept_ = false;
+};
 
 }  // namespace tolvex

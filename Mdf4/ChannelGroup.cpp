@@ -26,8 +26,10 @@ bool ChannelGroup::addChannel(const ChannelInfo& info) {
   }
   const std::uint64_t grown = recordSize() + info.byteCount;
   if (grown > kMost || info.byteCount > kMost / 8) return false;
+  Appending appending(*block_->file());
   std::unique_ptr<Channel> channel = write(info);
   if (channel == nullptr) return false;
+  appending.keep();  // a link that could not be written whole may lead to it
   // The record grows first: whichever write fails, no channel that the file names lies outside it.
   const std::uint32_t before =
       std::exchange(block_->cg_data_bytes, static_cast<std::uint32_t>(grown));

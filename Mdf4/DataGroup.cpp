@@ -1,10 +1,13 @@
 #include "Mdf4/DataGroup.h"
 
 #include <algorithm>
+#include <bit>
 #include <limits>
+#include <new>
 #include <string_view>
 #include <utility>
 
+#include "Mdf4/Blocks.h"
 #include "Mdf4/can/BusLogLayout.h"
 #include "Mdf4/format/Diagnostics.h"
 
@@ -26,38 +29,41 @@ std::shared_ptr<const Formula> dlcToLengthFormula() {
 }  // namespace
 
 std::shared_ptr<DataGroup> DataGroup::create(const std::shared_ptr<Mdf4File>& file,
-                                             std::uint32_t recordsPerBlock) {
+                                             std::uint32_t recordsPerBlock, const Define& define) {
   if (file == nullptr) return nullptr;
-  std::shared_ptr<CustomDGBlock> block = file->addDataGroup();
-  if (block == nullptr) return nullptr;
-  std::shared_ptr<CustomCGBlock> channelGroup = block->addChannelGroup();
-  if (channelGroup == nullptr) return nullptr;
+  Appending appending(*file);
   std::shared_ptr<DataGroup> group(new DataGroup);
   group->file_ = file;
-  group->block_ = std::move(block);
   group->recordsPerBlock_ = recordsPerBlock;
+  group->block_ = file->addDataGroup();
+  if (group->block_ == nullptr) return nullptr;
+  std::shared_ptr<CustomCGBlock> channelGroup = group->block_->addChannelGroup();
+  if (channelGroup == nullptr) return nullptr;
   group->channelGroup_ = std::make_shared<ChannelGroup>(std::move(channelGroup));
-  return group;
+  if (define && !define(*group)) return nullptr;
+  appending.keep();  // a link that could not be written whole may lead to it
+  return file->append(group->block_) ? std::move(group) : nullptr;
 }
 
 std::shared_ptr<DataGroup> DataGroup::createLike(const DataGroup& model,
                                                  const std::shared_ptr<Mdf4File>& file) {
-  std::shared_ptr<DataGroup> group = create(file, model.recordsPerBlock_);
-  if (group == nullptr) return nullptr;
-  group->source_ = model.source_;
-  const ChannelGroup& texts = *model.channelGroup_;
-  bool written =
-      model.busLog_ == nullptr || group->initBusLog(*model.busLog_, model.maxDataLength_);
-  if (model.busLog_ == nullptr && !texts.comment().empty()) {
-    written &= group->channelGroup_->setComment(texts.comment());
-  }
-  if (!texts.acquisitionName().empty()) {
-    written &= group->channelGroup_->setAcquisitionName(texts.acquisitionName());
-  }
-  for (std::size_t i = group->channels_.size(); i < model.channels_.size(); ++i) {
-    written &= group->addChannel(model.channels_[i]);
-  }
-  return written ? group : nullptr;
+  return create(file, model.recordsPerBlock_, [&model](DataGroup& group) {
+    const ChannelGroup& texts = *model.channelGroup_;
+    bool written =
+        model.busLog_ == nullptr || group.initBusLog(*model.busLog_, model.maxDataLength_);
+    if (model.busLog_ == nullptr && !texts.comment().empty()) {
+      written &= group.channelGroup_->setComment(texts.comment());
+    }
+    if (!texts.acquisitionName().empty()) {
+      written &= group.channelGroup_->setAcquisitionName(texts.acquisitionName());
+    }
+    for (std::size_t i = group.channels_.size(); i < model.channels_.size(); ++i) {
+      written &= group.addChannel(model.channels_[i]);
+    }
+    group.source_ = model.source_;
+    group.layoutIsFixed_ = model.layoutIsFixed_;
+    return written;
+  });
 }
 
 bool DataGroup::addChannel(const ChannelInfo& info) {
@@ -66,15 +72,41 @@ bool DataGroup::addChannel(const ChannelInfo& info) {
                     __FILE__, __LINE__);
     return false;
   }
-  if (runningSize_ + info.byteCount > kMost) return false;
+  if (!accepts(info) || runningSize_ + info.byteCount > kMost) return false;
   ChannelInfo channel = info;
   channel.byteOffset = static_cast<std::uint32_t>(runningSize_);
-  runningSize_ += channel.byteCount;
-  if (!channelGroup_->addChannel(channel)) return false;
-  recordSize_ = channelGroup_->recordSize();
+  makeRoom(channels_);
   layout_.add(channel);
+  struct Entry {
+    RecordLayout* layout;
+    ~Entry() {
+      if (layout != nullptr) layout->removeLast();
+    }
+  } entry{&layout_};
+  const bool added = channelGroup_->addChannel(channel);
+  runningSize_ += channel.byteCount;
+  if (!added) return false;
+  entry.layout = nullptr;
+  recordSize_ = channelGroup_->recordSize();
   sharedLayout_ = nullptr;
   channels_.push_back(std::move(channel));
+  return true;
+}
+
+bool DataGroup::accepts(const ChannelInfo& info) const {
+  const auto refuse = [&](const char* why) {
+    printDiagnostic("[fatal] %s, %d: DataGroup::addChannel: \"%s\": %s\n", __FILE__, __LINE__,
+                    info.name.c_str(), why);
+    return false;
+  };
+  if (layoutIsFixed_) return refuse("the group has records already");
+  if (layout_.find(info.name) != RecordLayout::kNone) {
+    return refuse("the group has a channel of this name");
+  }
+  if (static_cast<std::uint64_t>(std::bit_width(info.bitMask)) >
+      std::uint64_t{info.byteCount} * 8) {
+    return refuse("its bit mask is wider than its bytes");
+  }
   return true;
 }
 
@@ -126,14 +158,23 @@ bool DataGroup::addBusLogChannels() {
 
 bool DataGroup::insertWithWrite(std::uint32_t size, const std::uint8_t* data) {
   if (data == nullptr || size == 0 || size != recordSize_) return false;
+  try {
+    if (append(size, data)) return true;
+  } catch (const std::bad_alloc&) {
+    file_->noteWriteError([] { return "no memory for a block of records"; });
+  }
+  ++lostRecords_;
+  return false;
+}
+
+bool DataGroup::append(std::uint32_t size, const std::uint8_t* data) {
   if (stream_ == nullptr) {
     stream_ = Mdf4DataStream::create(*file_, *block_,
                                      {std::uint64_t{size} * recordsPerBlock_, busLog_, source_});
+    if (stream_ == nullptr) return false;
+    fixLayout();
   }
-  if (stream_ == nullptr || !stream_->write(data, size, nullptr, 0)) {
-    ++lostRecords_;
-    return false;
-  }
+  if (!stream_->write(data, size, nullptr, 0)) return false;
   ++recordCount_;
   return true;
 }

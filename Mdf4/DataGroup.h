@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,14 +24,21 @@ class DataGroup {
  public:
   static constexpr std::uint32_t kRecordsPerBlock = 512;
 
-  // A data group at the end of the file's list, with an empty channel group; null when a write
-  // fails.
-  static std::shared_ptr<DataGroup> create(const std::shared_ptr<Mdf4File>& file,
-                                           std::uint32_t recordsPerBlock = kRecordsPerBlock);
+  using Define = std::function<bool(DataGroup& group)>;
 
-  // Channels of type 1 are refused. After a failure, a gap of the channel's size stays in front of
-  // the channels that follow.
+  // A data group at the end of the file's list, with an empty channel group and what `define` adds
+  // to it before it is listed. Null when a write fails or `define` gives false; then, and when
+  // something throws, the file has no such group.
+  static std::shared_ptr<DataGroup> create(const std::shared_ptr<Mdf4File>& file,
+                                           std::uint32_t recordsPerBlock = kRecordsPerBlock,
+                                           const Define& define = nullptr);
+
+  // Refused are channels of type 1, names that the group has, masks wider than the channel's bytes,
+  // and all channels once the first record has come. After a failed write, a gap of the channel's
+  // size stays in front of the channels that follow.
   bool addChannel(const ChannelInfo& info);
+  // Records are on their way: from now on channels are refused.
+  void fixLayout() { layoutIsFixed_ = true; }
   // The channels of a bus-log group of CAN frames; payload sizes are brought into 8 to 64.
   bool initCanBugLog(int maxDataLength);
   bool initCanErrorLog(int maxDataLength);
@@ -85,6 +93,8 @@ class DataGroup {
   DataGroup() = default;
 
   bool insertWithWrite(std::uint32_t size, const std::uint8_t* data);
+  bool append(std::uint32_t size, const std::uint8_t* data);
+  bool accepts(const ChannelInfo& info) const;
   bool initBusLog(const BusLogLayout& layout, int maxDataLength);
   bool addBusLogChannels();
 
@@ -103,6 +113,7 @@ class DataGroup {
   const BusLogLayout* busLog_ = nullptr;  // null: an application's group
   int maxDataLength_ = 0;                 // payload bytes of a bus-log group
   int source_ = BlockOwner::kAnySource;
+  bool layoutIsFixed_ = false;
 };
 
 }  // namespace tolvex

@@ -23,8 +23,9 @@ std::unique_ptr<Mdf4DataStream> Mdf4DataStream::create(Mdf4File& file, CustomDGB
   Blocks blocks;
   blocks.data = std::make_unique<M4DTBlock>();
   if (!blocks.data->reallocate(owner.capacity)) {
-    file.noteWriteError(
-        formatText("no memory for a data block of %" PRIu64 " bytes", owner.capacity));
+    file.noteWriteError([&] {
+      return formatText("no memory for a data block of %" PRIu64 " bytes", owner.capacity);
+    });
     return nullptr;
   }
   blocks.dataList = std::make_unique<M4DLBlock>(kBlocksPerList, owner.capacity);
@@ -34,6 +35,7 @@ std::unique_ptr<Mdf4DataStream> Mdf4DataStream::create(Mdf4File& file, CustomDGB
     if (!other->nameBlocksAtOnce()) return nullptr;
     mistakable = true;
   }
+  makeRoom(file.streams());
   const std::uint64_t end = file.end();
   std::unique_ptr<Mdf4DataStream> stream(new Mdf4DataStream(file, std::move(blocks), owner));
   if (mistakable) stream->nameBlocksAtOnce();

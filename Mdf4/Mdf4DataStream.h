@@ -34,7 +34,8 @@ class Mdf4DataStream : public m4DataStream {
   static constexpr std::uint32_t kBlocksPerList = 5;
 
   // Writes the first list at the end of the file and links it from the data group. Null, with the
-  // group as it was, when a write fails or there is no memory.
+  // group as it was, when a write fails or there is no memory for a block; throws, likewise, when
+  // there is none for the stream itself.
   static std::unique_ptr<Mdf4DataStream> create(Mdf4File& file, CustomDGBlock& group,
                                                 const BlockOwner& owner);
   ~Mdf4DataStream() override;

@@ -58,9 +58,9 @@ Mdf4File::~Mdf4File() {
 bool Mdf4File::create(const FileOpener& open, const std::string& path, const std::string& programId,
                       std::uint32_t version, std::uint64_t startTimeUs) {
   DirectFile::Close();  // it may be this path that it holds
+  const IdBlock id = identification(programId, version);
   std::unique_ptr<SystemFile> file = open(path, OpenMode::Create, error_);
   if (file == nullptr || !attach(std::move(file))) return false;
-  const IdBlock id = identification(programId, version);
   header_.hd_start_time_ns =
       (startTimeUs != 0 ? startTimeUs : systemTicks() / kTicksPerMicrosecond) *
       kNanosecondsPerMicrosecond;
@@ -74,8 +74,7 @@ bool Mdf4File::create(const FileOpener& open, const std::string& path, const std
 
 std::shared_ptr<CustomDGBlock> Mdf4File::addDataGroup() {
   auto group = std::make_shared<CustomDGBlock>();
-  if (group->save(this, m4Block::kSaveAll) == 0 || !header_.append(group)) return nullptr;
-  return group;
+  return group->save(this, m4Block::kSaveAll) != 0 ? std::move(group) : nullptr;
 }
 
 bool Mdf4File::setStartTime(std::uint64_t startTimeUs) {

@@ -58,8 +58,10 @@ class Mdf4File : public DirectFile {
               std::uint32_t version, std::uint64_t startTimeUs);
   const std::string& error() const { return error_; }
 
-  // A data group at the end of the list, in the file; null when a write fails.
+  // A data group at the end of the file, in no list yet; null when a write fails.
   std::shared_ptr<CustomDGBlock> addDataGroup();
+  // Appends it to the list. False when a write fails; the group is then in no list.
+  bool append(const std::shared_ptr<CustomDGBlock>& group) { return header_.append(group); }
   // The streams of records that go into it, as long as they live.
   std::vector<Mdf4DataStream*>& streams() { return streams_; }
   // The start time of the header block, microseconds since 1970, as UTC.

@@ -2,9 +2,11 @@
 
 #include <algorithm>
 #include <exception>
+#include <new>
 #include <type_traits>
 #include <utility>
 
+#include "Mdf4/can/BusLogLayout.h"
 #include "Mdf4/can/DataFramePacking.h"
 #include "Mdf4/format/Diagnostics.h"
 #include "tolvex/Mdf4.h"
@@ -71,6 +73,7 @@ void MdfAsyncRecorder::publish() {
   const std::lock_guard lock(mutex_);
   queueing_.groupCount = groupCount();
   queueing_.startTime = startTime();
+  queueing_.maxPayload = maxCanDataLength();
   if (!isRecording() && queueing_.accepting) {  // the next file could not be made
     queueing_.accepting = false;
     queueing_.ended = true;
@@ -130,7 +133,16 @@ int MdfAsyncRecorder::addDataGroup(const std::string& name) {
 }
 
 int MdfAsyncRecorder::addChannel(int groupIndex, const ChannelInfo& channel) {
-  return onFile([&] { return MdfRecorder::addChannel(groupIndex, channel); });
+  return onFile([&] {
+    DataGroup* const target = group(groupIndex);
+    if (target != nullptr) {
+      const std::lock_guard lock(mutex_);
+      const auto index = static_cast<std::size_t>(groupIndex);
+      const std::vector<bool>& hasRecords = queueing_.hasRecords;
+      if (index < hasRecords.size() && hasRecords[index]) target->fixLayout();
+    }
+    return MdfRecorder::addChannel(groupIndex, channel);
+  });
 }
 
 int MdfAsyncRecorder::setDataGroupComment(int groupIndex, const std::string& comment) {
@@ -172,8 +184,10 @@ std::uint64_t MdfAsyncRecorder::lostRecords() const {
 
 std::string MdfAsyncRecorder::firstError() const {
   if (isParents()) return "the recording belongs to the parent process";
-  const std::lock_guard lock(fileMutex_);
-  return MdfRecorder::firstError();
+  const std::lock_guard fileLock(fileMutex_);
+  std::string error = MdfRecorder::firstError();
+  const std::lock_guard lock(mutex_);
+  return error.empty() && queueing_.outOfMemory ? "no memory for the queue" : error;
 }
 
 // With fileMutex_ held.
@@ -209,7 +223,9 @@ bool MdfAsyncRecorder::insertRecord(const RecordData& record, int groupIndex) {
     return refuse();
   }
   if (isFull(lock, "insertRecord")) return false;
-  std::memcpy(queued_.push(groupIndex, record.size()), record.data(), record.size());
+  std::uint8_t* const place = push(groupIndex, record.size());
+  if (place == nullptr) return false;
+  std::memcpy(place, record.data(), record.size());
   finishPush(lock, timestampOf(record, queueing_.startTime), insertedRecords);
   return true;
 }
@@ -223,10 +239,13 @@ bool MdfAsyncRecorder::saveCanMessage(std::uint64_t timestamp, const MdfCanMessa
     lock.lock();
   }
   if (!queueing_.accepting || queueing_.busGroup < 0) return refuse();
+  // The group may have been made for another payload size.
+  if (queueing_.busRecordSize != kCanDataFrames.recordSize(queueing_.maxPayload)) return false;
   if (isFull(lock, "saveCanMessage")) return false;
-  std::uint8_t* const record = queued_.push(queueing_.busGroup, queueing_.busRecordSize);
+  std::uint8_t* const record = push(queueing_.busGroup, queueing_.busRecordSize);
+  if (record == nullptr) return false;
   DataFramePacking::pack(record, secondsSince(queueing_.startTime, timestamp), message,
-                         queueing_.busPayload);
+                         queueing_.maxPayload);
   finishPush(lock, timestamp, savedMessages);
   return true;
 }
@@ -248,6 +267,22 @@ bool MdfAsyncRecorder::refuse() {
   return false;
 }
 
+// With mutex_ held: a task at the end of the queue. Returns where its record belongs, or null when
+// there is no memory for it and it is lost.
+std::uint8_t* MdfAsyncRecorder::push(int groupIndex, std::uint32_t size) {
+  const auto index = static_cast<std::size_t>(groupIndex);
+  try {
+    if (index >= queueing_.hasRecords.size()) queueing_.hasRecords.resize(index + 1);
+    std::uint8_t* const place = queued_.push(groupIndex, size);
+    queueing_.hasRecords[index] = true;
+    return place;
+  } catch (const std::bad_alloc&) {
+    ++queueing_.refused;
+    queueing_.outOfMemory = true;
+    return nullptr;
+  }
+}
+
 // Makes the group of all data frames.
 bool MdfAsyncRecorder::prepareBusLog() {
   return onFile([&] {
@@ -256,8 +291,7 @@ bool MdfAsyncRecorder::prepareBusLog() {
     if (bus == nullptr) return false;  // a split may have failed to make it again
     const std::lock_guard lock(mutex_);
     queueing_.busGroup = index;
-    queueing_.busPayload = static_cast<std::uint32_t>(bus->maxDataLength());
-    queueing_.busRecordSize = bus->layout()->size();
+    queueing_.busRecordSize = static_cast<std::uint32_t>(bus->recordSize());
     return true;
   });
 }
@@ -306,14 +340,10 @@ bool MdfAsyncRecorder::write(int groupIndex, ByteSpan record) {
     countLost();
     return false;
   }
-  try {
-    if (record.size() != target->recordSize()) {
-      countLost();  // of another group, or made before the group had all its channels
-    } else {
-      target->insert(static_cast<std::uint32_t>(record.size()), record.data());
-    }
-  } catch (const std::bad_alloc&) {
-    countLost();
+  if (record.size() != target->recordSize()) {
+    countLost();  // of another group, or made before the group had all its channels
+  } else {
+    target->insert(static_cast<std::uint32_t>(record.size()), record.data());
   }
   if (!stopping()) split();
   return true;

@@ -97,6 +97,7 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
   void publish();
   bool isFull(std::unique_lock<std::mutex>& lock, const char* operation);
   bool refuse();
+  std::uint8_t* push(int groupIndex, std::uint32_t size);
   bool prepareBusLog();
   void finishPush(std::unique_lock<std::mutex>& lock, std::uint64_t timestamp,
                   std::atomic<int>& counter);
@@ -111,13 +112,15 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
   struct Queueing {
     bool accepting = false;
     bool ended = false;         // by a split that failed
-    std::uint64_t refused = 0;  // records that came after that
+    std::uint64_t refused = 0;  // records that came after that, or for which there was no memory
+    bool outOfMemory = false;
     std::size_t groupCount = 0;
+    std::vector<bool> hasRecords;  // by group: something was queued for it
     std::uint64_t startTime = 0;
     std::uint64_t latestTime = 0;     // of anything queued, microseconds since 1970
     int busGroup = -1;                // the one group of data frames
     std::uint32_t busRecordSize = 0;  // its, bytes
-    std::uint32_t busPayload = 0;
+    std::uint32_t maxPayload = 0;     // of a frame, as it is set now
   };
   Queueing queueing_;
 };

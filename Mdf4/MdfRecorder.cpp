@@ -4,11 +4,13 @@
 #include <cinttypes>
 #include <cmath>
 #include <cstring>
+#include <new>
 #include <stdexcept>
 #include <string_view>
 #include <tuple>
 #include <utility>
 
+#include "Mdf4/Blocks.h"
 #include "Mdf4/can/BusLogLayout.h"
 #include "Mdf4/can/DataFramePacking.h"
 #include "Mdf4/format/Diagnostics.h"
@@ -32,6 +34,13 @@ std::string splitPath(const std::string& path, std::uint32_t number) {
   return path.substr(0, dot) + "_" + std::to_string(number) + path.substr(dot);
 }
 
+std::shared_ptr<DataGroup> createTimeGroup(const std::shared_ptr<Mdf4File>& file,
+                                           const char* valueName) {
+  return DataGroup::create(file, kTimeRecordsPerBlock, [&](DataGroup& group) {
+    return group.addChannel(timeChannel()) && group.addChannel(float64Channel(valueName));
+  });
+}
+
 // One record of a time group.
 bool insertTime(DataGroup* group, std::uint64_t microseconds) {
   if (group == nullptr) return false;
@@ -53,15 +62,17 @@ MdfRecorder::~MdfRecorder() = default;
 int MdfRecorder::startRecord(const std::string& path, std::uint64_t startTime) {
   if (file_ != nullptr) MdfRecorder::stopRecord(latestTime());
   finishFlushing();
-  const std::uint64_t earlierStart = std::exchange(startTime_, startTime);
   firstError_.clear();
-  if (!openFile(path)) {
+  const bool started = inMemory([&] {
+    recordingPath_ = path;
+    return openFile(path, startTime);
+  });
+  if (!started) {
     printDiagnostic("[fatal] %s, %d: startRecord failed!, %s\n", __FILE__, __LINE__,
                     firstError_.c_str());
-    startTime_ = earlierStart;
     return 1;
   }
-  recordingPath_ = path;
+  startTime_ = startTime;
   measurementStartValue_ = startTime;
   lastTimestamp_ = 0;
   splitCounter_ = 1;
@@ -72,6 +83,17 @@ int MdfRecorder::startRecord(const std::string& path, std::uint64_t startTime) {
   return 0;
 }
 
+// The result of `work`; false, which is noted, when there is no memory for it.
+template <class Work>
+bool MdfRecorder::inMemory(Work work) {
+  try {
+    return work();
+  } catch (const std::bad_alloc&) {
+    noteError([] { return "no memory"; });
+    return false;
+  }
+}
+
 std::unique_ptr<SystemFile> MdfRecorder::openSystemFileFor(const std::string& path,
                                                            std::string& error) {
   auto file = open_(path, overwrite_ ? OpenMode::Create : OpenMode::Fill, error);
@@ -80,29 +102,25 @@ std::unique_ptr<SystemFile> MdfRecorder::openSystemFileFor(const std::string& pa
   return flusher_->watch(std::move(file), path, flushInterval_);
 }
 
-// Creates the file with its time groups, as one that starts at startTime_. `opened` is the file, or
-// null when it is still to be opened.
-bool MdfRecorder::openFile(const std::string& path, std::unique_ptr<SystemFile> opened) {
+// Creates the file with its time groups. `opened` is the file, or null when it is still to be
+// opened.
+bool MdfRecorder::openFile(const std::string& path, std::uint64_t startTime,
+                           std::unique_ptr<SystemFile> opened) {
   auto file = std::make_shared<Mdf4File>();
   const FileOpener open = [&](const std::string& name, OpenMode /*mode*/, std::string& error) {
     return opened != nullptr ? std::move(opened) : openSystemFileFor(name, error);
   };
-  if (!file->create(open, path, programId_, recorderSettings.mdfVersion, startTime_)) {
-    noteError(path + ": " + file->error());
+  if (!file->create(open, path, programId_, recorderSettings.mdfVersion, startTime)) {
+    noteError([&] { return path + ": " + file->error(); });
     return false;
   }
+  std::string filePath = path;
+  std::shared_ptr<DataGroup> startTimeGroup = createTimeGroup(file, "MeasurementStartTime");
+  stopTimeGroup_ = createTimeGroup(file, "MeasurementStopTime");
+  startTimeGroup_ = std::move(startTimeGroup);
+  filePath_ = std::move(filePath);
   file_ = std::move(file);
-  filePath_ = path;
-  startTimeGroup_ = createTimeGroup("MeasurementStartTime");
-  stopTimeGroup_ = createTimeGroup("MeasurementStopTime");
   return true;
-}
-
-std::shared_ptr<DataGroup> MdfRecorder::createTimeGroup(const char* valueName) {
-  std::shared_ptr<DataGroup> group = DataGroup::create(file_, kTimeRecordsPerBlock);
-  const bool complete = group != nullptr && group->addChannel(timeChannel()) &&
-                        group->addChannel(float64Channel(valueName));
-  return complete ? group : nullptr;
 }
 
 void MdfRecorder::stopRecord(std::uint64_t stopTime) {
@@ -119,7 +137,7 @@ void MdfRecorder::stopRecord(std::uint64_t stopTime) {
 void MdfRecorder::finishFlushing() {
   if (flusher_ == nullptr) return;
   flusher_->finish();
-  noteError(flusher_->error());
+  noteError([&] { return flusher_->error(); });
   flusher_ = nullptr;
 }
 
@@ -139,7 +157,9 @@ void MdfRecorder::closeFile() {
   startTimeGroup_ = nullptr;
   stopTimeGroup_ = nullptr;
   file_->Close();
-  if (!file_->writeError().empty()) noteError(filePath_ + ": " + file_->writeError());
+  if (!file_->writeError().empty()) {
+    noteError([&] { return filePath_ + ": " + file_->writeError(); });
+  }
   file_ = nullptr;
 }
 
@@ -153,34 +173,42 @@ void MdfRecorder::abandon() {
   static_cast<void>(left.release());
 }
 
+// Opens the file behind this one in front of closing this one, which goes on when it is refused.
+bool MdfRecorder::openNextFile(const std::string& path, std::unique_ptr<SystemFile>& next) {
+  std::string error;
+  next = openSystemFileFor(path, error);
+  if (next != nullptr) return true;
+  splitRefused_ = true;
+  noteError([&] { return path + ": " + error; });
+  printDiagnostic("[fatal] %s, %d: splitFile refused, the file goes on, path: %s, %s\n", __FILE__,
+                  __LINE__, path.c_str(), error.c_str());
+  return false;
+}
+
 void MdfRecorder::splitFile() {
-  const std::string path = splitPath(recordingPath_, splitCounter_);
-  compareSplitSize();
+  std::string path;
   std::unique_ptr<SystemFile> next;
-  if (!overwrite_) {
-    std::string error;
-    next = openSystemFileFor(path, error);
-    if (next == nullptr) {
-      splitRefused_ = true;
-      noteError(path + ": " + error);
-      printDiagnostic("[fatal] %s, %d: splitFile refused, the file goes on, path: %s, %s\n",
-                      __FILE__, __LINE__, path.c_str(), error.c_str());
-      return;
-    }
-  }
+  std::vector<std::shared_ptr<DataGroup>> earlier;
+  const bool prepared = inMemory([&] {
+    path = splitPath(recordingPath_, splitCounter_);
+    earlier.reserve(groups_.size());
+    compareSplitSize();
+    return overwrite_ || openNextFile(path, next);
+  });
+  if (!prepared) return;  // the file goes on
   ++splitCounter_;
   const std::uint64_t latest = latestTime();
   const std::uint64_t time = latest != 0 ? latest : now();
   stopTime_ = time;
   closeFile();
-  brokenOff_ = true;  // until the next file is there, also if making it throws
-  const std::vector<std::shared_ptr<DataGroup>> earlier = std::exchange(groups_, {});
+  brokenOff_ = true;  // until the next file is there
+  std::swap(earlier, groups_);
   for (BusLogs& logs : busLogs_) {
     for (const auto& log : logs) {
       if (log != nullptr) log->group = nullptr;
     }
   }
-  if (!openFile(path, std::move(next))) {
+  if (!inMemory([&] { return openFile(path, startTime_, std::move(next)); })) {
     printDiagnostic("[fatal] %s, %d: splitFile failed!, path: %s\n", __FILE__, __LINE__,
                     path.c_str());
     busLogIndex_ = -1;
@@ -191,11 +219,16 @@ void MdfRecorder::splitFile() {
   printDiagnostic("[info] splitFile: %u\n", splitCounter_);
   measurementStartValue_ = time;
   for (const auto& model : earlier) {
-    groups_.push_back(model == nullptr ? nullptr : DataGroup::createLike(*model, file_));
+    groups_.push_back(nullptr);
+    if (model == nullptr) continue;
+    inMemory([&] {
+      groups_.back() = DataGroup::createLike(*model, file_);
+      return true;
+    });
   }
   for (BusLogs& logs : busLogs_) {
     for (const auto& log : logs) {
-      if (log != nullptr) attach(*log, group(log->groupIndex));
+      if (log != nullptr) log->group = group(log->groupIndex);
     }
   }
 }
@@ -274,11 +307,19 @@ int MdfRecorder::setParameter(int paramId, int dataSize, const void* data) {
 // Groups
 
 int MdfRecorder::addDataGroup(const std::string& name) {
-  std::shared_ptr<DataGroup> group = DataGroup::create(file_);
-  if (group == nullptr || (!name.empty() && !group->channelGroup().setComment(name))) {
+  const int index = addGroup(
+      [&](DataGroup& group) { return name.empty() || group.channelGroup().setComment(name); });
+  if (index < 0) {
     printDiagnostic("[fatal] %s, %d: MdfRecorder::addDataGroup Failed\n", __FILE__, __LINE__);
-    return -1;
   }
+  return index;
+}
+
+// Adds the group that `define` completes: its index, or -1.
+int MdfRecorder::addGroup(const DataGroup::Define& define) {
+  makeRoom(groups_);
+  std::shared_ptr<DataGroup> group = DataGroup::create(file_, DataGroup::kRecordsPerBlock, define);
+  if (group == nullptr) return -1;
   groups_.push_back(std::move(group));
   return static_cast<int>(groups_.size()) - 1;
 }
@@ -310,7 +351,7 @@ std::unique_ptr<RecordData> MdfRecorder::createRecordData(int groupIndex) {
 }
 
 void MdfRecorder::setMaxCanDataLength(int bytes) {
-  maxCanDataLength_ = static_cast<int>(BusLogLayout::payloadSize(bytes));
+  maxCanDataLength_ = BusLogLayout::payloadSize(bytes);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -364,61 +405,68 @@ std::string MdfRecorder::firstError() const {
   return flusher_ != nullptr ? flusher_->error() : "";
 }
 
-void MdfRecorder::noteError(const std::string& error) {
-  if (firstError_.empty()) firstError_ = error;
+template <class Describe>
+void MdfRecorder::noteError(Describe describe) noexcept {
+  if (!firstError_.empty()) return;
+  try {
+    firstError_ = describe();
+  } catch (const std::bad_alloc&) {
+    firstError_ = "no memory";  // a string holds this much itself
+  }
 }
 
 // ---------------------------------------------------------------------------------------------
 // CAN frames
 
-std::shared_ptr<DataGroup> MdfRecorder::createBusLogGroup(BusLogKind kind) {
-  std::shared_ptr<DataGroup> group = DataGroup::create(file_);
-  const bool complete =
-      group != nullptr && (kind == kDataFrames    ? group->initCanBugLog(maxCanDataLength_)
-                           : kind == kErrorFrames ? group->initCanErrorLog(maxCanDataLength_)
-                                                  : group->initCanFdErrorLog(maxCanDataLength_));
-  if (complete) return group;
-  if (file_ != nullptr || brokenOff_) countLost();
-  return nullptr;
+// Adds a group of frames, to which `complete` may add before it is in the file: its index, or -1.
+int MdfRecorder::addBusLogGroup(BusLogKind kind, const DataGroup::Define& complete) {
+  const auto payload = static_cast<int>(maxCanDataLength_);
+  return addGroup([&](DataGroup& group) {
+    return (kind == kDataFrames    ? group.initCanBugLog(payload)
+            : kind == kErrorFrames ? group.initCanErrorLog(payload)
+                                   : group.initCanFdErrorLog(payload)) &&
+           complete(group);
+  });
+}
+
+// A frame whose group cannot be made is lost.
+template <class Work>
+void MdfRecorder::forFrame(Work makeGroup) {
+  if (!inMemory(makeGroup) && (file_ != nullptr || brokenOff_)) countLost();
 }
 
 int MdfRecorder::createBusLogConfiguration() {
   if (busLogIndex_ >= 0) return busLogIndex_;
-  std::shared_ptr<DataGroup> group = createBusLogGroup(kDataFrames);
-  if (group == nullptr) return -1;
-  groups_.push_back(std::move(group));
-  busLogIndex_ = static_cast<int>(groups_.size()) - 1;
+  forFrame([&] {
+    busLogIndex_ = addBusLogGroup(kDataFrames, [](DataGroup& /*group*/) { return true; });
+    return busLogIndex_ >= 0;
+  });
   return busLogIndex_;
 }
 
 MdfRecorder::BusLog* MdfRecorder::busLog(BusLogKind kind, std::uint8_t busChannel, bool direction) {
   std::unique_ptr<BusLog>& entry = busLogs_[kind][busLogKey(busChannel, direction)];
-  return entry != nullptr ? entry.get() : addBusLog(kind, busLogKey(busChannel, direction), entry);
-}
-
-MdfRecorder::BusLog* MdfRecorder::addBusLog(BusLogKind kind, std::size_t key,
-                                            std::unique_ptr<BusLog>& entry) {
-  std::shared_ptr<DataGroup> group = createBusLogGroup(kind);
-  if (group == nullptr) return nullptr;
-  const bool statesDirection = kind != kFdErrorFrames;
-  group->setSource(static_cast<int>(statesDirection ? key : key & ~std::size_t{1}));
-  entry = std::make_unique<BusLog>(
-      BusLog{nullptr, 0, 0, RecordData(group->layout()), static_cast<int>(groups_.size())});
-  attach(*entry, group.get());
-  groups_.push_back(std::move(group));
+  if (entry == nullptr) addBusLog(kind, busLogKey(busChannel, direction), entry);
   return entry.get();
 }
 
-// Makes `group`, which may be null, the one that the frames go to.
-void MdfRecorder::attach(BusLog& log, DataGroup* group) {
-  log.group = group;
-  if (group == nullptr) return;
-  log.record = RecordData(group->layout());
-  log.recordSize = kCanDataFrames.recordSize(group->maxDataLength());  // not one with more channels
-  log.payloadSize = static_cast<std::uint32_t>(group->maxDataLength());
+void MdfRecorder::addBusLog(BusLogKind kind, std::size_t key, std::unique_ptr<BusLog>& entry) {
+  forFrame([&] {
+    std::unique_ptr<BusLog> log;
+    const int index = addBusLogGroup(kind, [&](DataGroup& group) {
+      const bool statesDirection = kind != kFdErrorFrames;
+      group.setSource(static_cast<int>(statesDirection ? key : key & ~std::size_t{1}));
+      log = std::make_unique<BusLog>(
+          BusLog{&group, RecordData(group.layout()), static_cast<int>(groups_.size())});
+      return true;
+    });
+    if (index >= 0) entry = std::move(log);
+    return index >= 0;
+  });
 }
 
-// `pack` fills the record of the group, which has room for so many payload bytes.
+// `pack` fills the record of the group. Records of a group that was made for another payload size
+// do not take it.
 template <class Pack>
 bool MdfRecorder::saveFrame(BusLog* log, std::uint64_t timestamp, Pack pack) {
   if (log == nullptr) return false;
@@ -428,7 +476,7 @@ bool MdfRecorder::saveFrame(BusLog* log, std::uint64_t timestamp, Pack pack) {
   }
   RecordData& record = log->record;
   if (!record.setTime(secondsSince(startTime_, timestamp))) return false;
-  if (!pack(record, log->payloadSize)) return false;
+  if (!pack(record)) return false;
   lastTimestamp_ = std::max(lastTimestamp_, timestamp);
   if (!log->group->insert(record.size(), record.data())) return false;
   checkSplit();
@@ -439,9 +487,10 @@ bool MdfRecorder::saveFrame(BusLog* log, std::uint64_t timestamp, Pack pack) {
 bool MdfRecorder::saveCanMessage(std::uint64_t timestamp, const MdfCanMessage& message) {
   BusLog* const log = busLogs_[kDataFrames][busLogKey(message.BusChannel(), message.Dir())].get();
   DataGroup* const target = log != nullptr ? log->group : nullptr;
-  std::uint8_t* const place = target != nullptr ? target->placeFor(log->recordSize) : nullptr;
+  const std::uint32_t size = kCanDataFrames.recordSize(maxCanDataLength_);
+  std::uint8_t* const place = target != nullptr ? target->placeFor(size) : nullptr;
   if (place == nullptr) return saveFirstOrLastOfBlock(timestamp, message);
-  DataFramePacking::pack(place, secondsSince(startTime_, timestamp), message, log->payloadSize);
+  DataFramePacking::pack(place, secondsSince(startTime_, timestamp), message, maxCanDataLength_);
   lastTimestamp_ = std::max(lastTimestamp_, timestamp);
   target->insertInPlace();
   checkSplit();
@@ -450,8 +499,8 @@ bool MdfRecorder::saveCanMessage(std::uint64_t timestamp, const MdfCanMessage& m
 
 bool MdfRecorder::saveFirstOrLastOfBlock(std::uint64_t timestamp, const MdfCanMessage& message) {
   return saveFrame(busLog(kDataFrames, message.BusChannel(), message.Dir()), timestamp,
-                   [&](RecordData& record, unsigned payload) {
-                     return message.ToRaw(MessageType::DataFrame, record, payload, false);
+                   [&](RecordData& record) {
+                     return message.ToRaw(MessageType::DataFrame, record, maxCanDataLength_, false);
                    });
 }
 
@@ -460,16 +509,15 @@ bool MdfRecorder::saveCanError(std::uint64_t timestamp, const MdfCanError& error
   const BusLogKind kind = canFd ? kFdErrorFrames : kErrorFrames;
   return saveFrame(
       busLog(kind, error.BusChannel(), error.Dir()), timestamp,
-      [&](RecordData& record, unsigned payload) { return error.ToRaw(record, payload, canFd); });
+      [&](RecordData& record) { return error.ToRaw(record, maxCanDataLength_, canFd); });
 }
 
 bool MdfRecorder::saveCanError(std::uint64_t timestamp, const MdfCanMessage& message) {
   const MessageType type = message.Edl() ? MessageType::FdErrorFrame : MessageType::ErrorFrame;
   const BusLogKind kind = message.Edl() ? kFdErrorFrames : kErrorFrames;
-  return saveFrame(busLog(kind, message.BusChannel(), message.Dir()), timestamp,
-                   [&](RecordData& record, unsigned payload) {
-                     return message.ToRaw(type, record, payload, false);
-                   });
+  return saveFrame(
+      busLog(kind, message.BusChannel(), message.Dir()), timestamp,
+      [&](RecordData& record) { return message.ToRaw(type, record, maxCanDataLength_, false); });
 }
 
 }  // namespace tolvex

@@ -34,9 +34,10 @@ extern RecorderSettings recorderSettings;
 // Integer times are microseconds since 1970-01-01 00:00 UTC; times in records are seconds since the
 // start time.
 //
-// When a write fails, the call that met it gives false and later ones try again; what the file
-// holds stays readable, and lostRecords counts what does not reach it. Not synchronised: one thread
-// at a time.
+// When a write fails or memory runs out, the call that met it gives false and later ones try again;
+// what the file holds stays readable, and lostRecords counts what does not reach it. Calls about
+// groups and channels may throw std::bad_alloc instead, with nothing done. Not synchronised: one
+// thread at a time.
 class MdfRecorder {
  public:
   explicit MdfRecorder(FileOpener open = openSystemFile);
@@ -69,7 +70,8 @@ class MdfRecorder {
   virtual std::unique_ptr<RecordData> createRecordData(int groupIndex);
   // Ids 0 program identifier, 1 and 2 texts, 3 version, 4 split size. 0 or -1.
   virtual int setParameter(int paramId, int dataSize, const void* data);
-  // Payload bytes of a CAN record, for groups made from now on; brought into 8 to 64.
+  // Payload bytes of a CAN record; brought into 8 to 64. Groups that are there keep theirs, and
+  // take data frames again when it is set back to that.
   virtual void setMaxCanDataLength(int bytes);
   // How often what was written is flushed to the disk, in files created from now on; 0, as at
   // first: never. Nobody waits for it but stopRecord, for the last one.
@@ -81,8 +83,8 @@ class MdfRecorder {
 
   // Records accepted and not yet handed to their group.
   virtual std::uint64_t pendingTasks() const { return 0; }
-  // Of the current recording, or of the last one: records that a failed write, or the next file's
-  // failed creation, kept out of the file.
+  // Of the current recording, or of the last one: records that a failed write, a want of memory, or
+  // the next file's failed creation kept out of the file.
   virtual std::uint64_t lostRecords() const;
   // The first failure of the current or last recording; "" when there was none.
   virtual std::string firstError() const;
@@ -114,6 +116,7 @@ class MdfRecorder {
   }
   std::size_t groupCount() const { return groups_.size(); }
   std::uint64_t startTime() const { return startTime_; }
+  std::uint32_t maxCanDataLength() const { return maxCanDataLength_; }
   // A time in seconds since the start time, and a record's time as an integer time.
   static double secondsSince(std::uint64_t startTime, std::uint64_t timestamp) {
     return (static_cast<double>(timestamp) - static_cast<double>(startTime)) / 1e6;
@@ -130,8 +133,6 @@ class MdfRecorder {
   // The group and record template of one kind of frame on one bus channel in one direction.
   struct BusLog {
     DataGroup* group;  // null: could not be made again by a split
-    std::uint32_t recordSize;
-    std::uint32_t payloadSize;  // most payload bytes of a data frame
     RecordData record;
     int groupIndex;
   };
@@ -143,22 +144,28 @@ class MdfRecorder {
   static std::size_t busLogKey(std::uint8_t busChannel, bool direction) {
     return std::size_t{2} * busChannel + (direction ? 1 : 0);
   }
+  template <class Work>
+  bool inMemory(Work work);
   std::unique_ptr<SystemFile> openSystemFileFor(const std::string& path, std::string& error);
-  bool openFile(const std::string& path, std::unique_ptr<SystemFile> opened = nullptr);
+  bool openFile(const std::string& path, std::uint64_t startTime,
+                std::unique_ptr<SystemFile> opened = nullptr);
+  bool openNextFile(const std::string& path, std::unique_ptr<SystemFile>& next);
   void compareSplitSize();
   void finishFlushing();
-  std::shared_ptr<DataGroup> createTimeGroup(const char* valueName);
   void closeFile();
   [[gnu::noinline]] void splitFile();
-  std::shared_ptr<DataGroup> createBusLogGroup(BusLogKind kind);
+  int addGroup(const DataGroup::Define& define);
+  int addBusLogGroup(BusLogKind kind, const DataGroup::Define& complete);
   BusLog* busLog(BusLogKind kind, std::uint8_t busChannel, bool direction);
-  BusLog* addBusLog(BusLogKind kind, std::size_t key, std::unique_ptr<BusLog>& entry);
-  static void attach(BusLog& log, DataGroup* group);
+  template <class Work>
+  void forFrame(Work makeGroup);
+  void addBusLog(BusLogKind kind, std::size_t key, std::unique_ptr<BusLog>& entry);
   [[gnu::noinline]] bool saveFirstOrLastOfBlock(std::uint64_t timestamp,
                                                 const MdfCanMessage& message);
   template <class Pack>
   bool saveFrame(BusLog* log, std::uint64_t timestamp, Pack pack);
-  void noteError(const std::string& error);
+  template <class Describe>
+  void noteError(Describe describe) noexcept;
   DataGroup* groupForRecord(std::int64_t index);
 
   const FileOpener open_;
@@ -179,7 +186,7 @@ class MdfRecorder {
   std::array<BusLogs, kBusLogKinds> busLogs_;
   std::uint64_t stopTime_ = 0;
   std::uint64_t measurementStartValue_ = 0;
-  int maxCanDataLength_ = 8;  // bytes
+  std::uint32_t maxCanDataLength_ = 8;  // bytes
   std::uint32_t splitCounter_ = 1;
   bool overwrite_ = true;
   bool brokenOff_ = false;     // a split found no place for the next file

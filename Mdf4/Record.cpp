@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "Mdf4/Blocks.h"
 #include "Mdf4/format/BlockRecords.h"
 #include "Mdf4/format/Diagnostics.h"
 
@@ -10,7 +11,6 @@ namespace tolvex {
 namespace {
 
 constexpr std::string_view kTime = "time";
-constexpr std::string_view kReplaced("\0", 1);  // no text of a caller's
 
 bool isBigEndian(std::uint8_t valueType) {
   return valueType == 1 || valueType == 3;
@@ -19,12 +19,21 @@ bool isBigEndian(std::uint8_t valueType) {
 }  // namespace
 
 void RecordLayout::add(const ChannelInfo& channel) {
-  const auto [entry, isNew] = byName_.try_emplace(channel.name, fields_.size());
-  if (!isNew) names_[std::exchange(entry->second, fields_.size())] = std::string(kReplaced);
+  makeRoom(fields_);
+  makeRoom(names_);
+  std::string name = channel.name;
+  byName_.emplace(name, fields_.size());
   fields_.push_back({channel.channelType, channel.valueType, channel.byteOffset, channel.byteCount,
                      channel.bitMask});
-  names_.push_back(channel.name);
-  if (channel.channelType != channel_type::kVlsd) size_ += channel.byteCount;
+  names_.push_back(std::move(name));
+  size_ += channel.byteCount;
+}
+
+void RecordLayout::removeLast() {
+  byName_.erase(names_.back());
+  size_ -= fields_.back().byteCount;
+  names_.pop_back();
+  fields_.pop_back();
 }
 
 std::size_t RecordLayout::findByName(std::string_view name) const {

@@ -14,8 +14,7 @@
 
 namespace tolvex {
 
-// The channels of a data group by name, each with its place in the record. A name that is entered
-// again stands for the later channel; the bytes of the earlier one stay part of the record.
+// The channels of a data group by name, each with its place in the record.
 class RecordLayout {
  public:
   static constexpr std::size_t kNone = ~std::size_t{0};
@@ -29,8 +28,10 @@ class RecordLayout {
     std::uint64_t bitMask;
   };
 
-  // Enters the channel, whose byteOffset is set.
+  // Enters the channel, whose byteOffset is set and whose name is new; all of it or, when it
+  // throws, nothing.
   void add(const ChannelInfo& channel);
+  void removeLast();
 
   // The number of the channel, or kNone. Quickest for the channel `likely`: records are mostly
   // filled in the order of their channels.

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <thread>
 #include <utility>
 
@@ -61,12 +62,13 @@ class WorkerThread {
 
   // Counts a task that the caller has just pushed, with mutex_ held in `lock`, starts the worker
   // when there is none, and releases the lock. Returns the tasks that are pending. Throws
-  // std::system_error when there can be no thread; the task stays queued.
+  // std::system_error when there can be no thread; the task stays queued. Without memory for one
+  // the next task tries again.
   std::uint64_t queued(std::unique_lock<std::mutex>& lock) {
     const std::uint64_t pending = pending_.fetch_add(1, std::memory_order_relaxed) + 1;
     const bool wake = sleeping_ && (idle_ || pending >= kWakeAt);
     if (wake) sleeping_ = false;
-    if (!thread_->worker.joinable()) thread_->worker = std::thread([this] { doWork(); });
+    if (!thread_->worker.joinable()) startWorker();
     lock.unlock();
     if (wake) notify();
     return pending;
@@ -119,6 +121,13 @@ class WorkerThread {
   Batch queued_;
 
  private:
+  void startWorker() {
+    try {
+      thread_->worker = std::thread([this] { doWork(); });
+    } catch (const std::bad_alloc&) {
+    }
+  }
+
   // With this many pending tasks a nap ends. Far below any sensible limit of the queue, and enough
   // to make waking cheap.
   static constexpr std::uint64_t kWakeAt = 1024;

@@ -320,6 +320,20 @@ TEST_F(MdfAsyncRecorderTest, RefusesSilentlyWhatNoRecordingCanTake) {
   expectRefused(recorder);
 }
 
+// Written or not: a channel more, and the records that wait would not fit.
+TEST_F(MdfAsyncRecorderTest, AGroupTakesNoChannelOnceARecordIsQueued) {
+  MdfAsyncRecorder recorder;
+  ASSERT_EQ(recorder.startRecord(path_, kStart), 0);
+  for (std::uint32_t i = 0; i < 20; ++i) {
+    const Group group = define(recorder, "group");
+    EXPECT_TRUE(insert(recorder, group, i));
+    EXPECT_EQ(recorder.addChannel(group.index, float64Channel("more")), -1);
+  }
+  recorder.stopRecord(0);
+  EXPECT_EQ(recorder.lostRecords(), 0U);
+  EXPECT_EQ(numbersIn(path_), below(20));
+}
+
 TEST_F(MdfAsyncRecorderTest, WritesErrorFramesAtOnce) {
   MdfAsyncRecorder recorder;
   start(recorder, path_);

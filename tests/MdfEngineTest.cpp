@@ -227,5 +227,36 @@ TEST_F(MdfEngineTest, FramesTakeThePayloadThatWasConfigured) {
   EXPECT_EQ(saveCanMessage(recorder_, kStart, &message), -1) << "after the end";
 }
 
+// The frames of a group are as long as the size that was set when it was made.
+TEST_F(MdfEngineTest, FramesAreRefusedWhileAnotherPayloadIsConfigured) {
+  for (const bool async : {false, true}) {
+    SCOPED_TRACE(async);
+    const std::unique_ptr<void, void (*)(void*)> recorder(createRecorder(async), deleteRecorder);
+    const auto save = [&](int payload, std::uint8_t channel) {
+      EXPECT_EQ(createBusLogConfiguration(recorder.get(), 0, payload), 0);
+      MdfCanMessage message;
+      message.BusChannel(channel);
+      message.DataBytes(std::vector<std::uint8_t>(64, 7));
+      return saveCanMessage(recorder.get(), kStart, &message);
+    };
+    const std::string path = dir_.path(async ? "async.mf4" : "sync.mf4");
+    ASSERT_EQ(startRecord(recorder.get(), path.c_str(), kStart), 0);
+    EXPECT_EQ(save(8, 1), 0);
+    for (const int payload : {64, 9}) EXPECT_EQ(save(payload, 1), -1);
+    EXPECT_EQ(save(64, 2), async ? -1 : 0) << "a group of its own, or the one of all";
+    for (const int payload : {8, -1}) EXPECT_EQ(save(payload, 1), 0);
+    EXPECT_EQ(save(8, 2), async ? 0 : -1);
+    stopRecord(recorder.get(), 0);
+    EXPECT_EQ(getLostRecordCount(recorder.get()), 0U);
+    std::vector<std::pair<std::uint32_t, std::size_t>> groups;  // record size, records
+    for (const RecordedGroup& group : RecordedFile(path).groups) {
+      groups.emplace_back(group.cg.cg_data_bytes, group.records().size());
+    }
+    groups.erase(groups.begin(), groups.begin() + 2);  // of the start and stop time
+    using Groups = decltype(groups);
+    EXPECT_EQ(groups, async ? (Groups{{23, 4}}) : (Groups{{23, 3}, {79, 1}}));
+  }
+}
+
 }  // namespace
 }  // namespace tolvex::test

@@ -266,18 +266,21 @@ TEST_F(MdfRecorderTest, EachBusChannelAndDirectionHasItsGroup) {
   }
 }
 
-TEST_F(MdfRecorderTest, AGroupWithAnotherChannelTakesNoMoreFrames) {
+TEST_F(MdfRecorderTest, AGroupThatHadRecordsTakesNoChannelInAnyFile) {
   start();
-  for (int i = 0; i < 3; ++i) EXPECT_TRUE(recorder_.saveCanMessage(kStart, frameOf(1, true)));
-  EXPECT_EQ(recorder_.addChannel(0, float64Channel("more")), 0);
-  const Bytes whole(23 + 8, 7);
+  const int signals = addSignals();
+  EXPECT_TRUE(insert(signals, 1, 1));
   for (const unsigned splitSize : {0U, 1U, 0U}) {
     recorderSettings.splitSize = splitSize;
-    EXPECT_FALSE(recorder_.saveCanMessage(kStart, frameOf(1, true)));
-    EXPECT_TRUE(recorder_.insertData(0, 31, whole.data()));
-    EXPECT_FALSE(recorder_.saveCanMessage(kStart, frameOf(1, true)));
+    EXPECT_TRUE(recorder_.saveCanMessage(kStart, frameOf(1, true)));
+    for (const int group : {signals, 1}) {
+      EXPECT_EQ(recorder_.addChannel(group, float64Channel("more")), -1);
+    }
   }
-  EXPECT_EQ(finish(path("log_1.mf4")).groups.at(kFirst).bytes, whole);
+  EXPECT_TRUE(insert(signals, 2, 2));
+  const RecordedFile file = finish(path("log_1.mf4"));
+  EXPECT_EQ(file.groups.at(kFirst).bytes, packed(2.0, 2.0));
+  EXPECT_EQ(file.groups.at(kFirst + 1).records().size(), 1U);
 }
 
 // A frame that was read has the number of its bus channel less one, and the flags of wake-up and
@@ -480,6 +483,13 @@ TEST_F(MdfRecorderTest, ASplitGoesOnWithTheSameGroups) {
 
   MdfCanError fdError;
   fdError.Crc(1);
+  // Frames keep to the size that their group was made for.
+  const auto saveFrame = [&](std::uint64_t time) {
+    recorder_.setMaxCanDataLength(12);
+    const bool saved = recorder_.saveCanMessage(time, frameOf(1, true));
+    recorder_.setMaxCanDataLength(64);
+    return saved;
+  };
   // What is recorded, where it goes, and the latest time then, in seconds.
   const struct {
     std::function<bool()> insert;
@@ -488,18 +498,15 @@ TEST_F(MdfRecorderTest, ASplitGoesOnWithTheSameGroups) {
   } steps[] = {
       {[&] { return insert(signals, 5, 1); }, 0, 5},
       {[&] { return insert(unnamed, 2, 2); }, 1, 5},
-      {[&] { return recorder_.saveCanMessage(kStart + 6 * kSecond, frameOf(1, true)); }, 3, 6},
+      {[&] { return saveFrame(kStart + 6 * kSecond); }, 3, 6},
       {[&] { return recorder_.saveCanError(kStart, frameOf(1, true)); }, 4, 6},
       {[&] { return recorder_.saveCanError(kStart, fdError); }, 5, 6},
       {[&] { return insert(signals, 7, 3); }, 0, 7},
-      {[&] { return recorder_.saveCanMessage(kStart, frameOf(1, true)); }, 3, 7},
+      {[&] { return saveFrame(kStart); }, 3, 7},
       {[&] { return recorder_.saveCanError(kStart, fdError); }, 5, 7},
       {[&] { return recorder_.insertData(1, 16, packed(9.0, 4.0).data()); }, 1, 7},
   };
-  for (const auto& step : steps) {
-    EXPECT_TRUE(step.insert());
-    if (step.group == 3) recorder_.setMaxCanDataLength(64);  // for later groups
-  }
+  for (const auto& step : steps) EXPECT_TRUE(step.insert());
   EXPECT_EQ(addSignals("later"), 6);
   recorder_.stopRecord(kStart + 99 * kSecond);
 

@@ -135,9 +135,9 @@ class DataGroupTest : public testing::Test {
 };
 
 TEST_F(DataGroupTest, PlacesChannelsByBytesBitsOrMask) {
-  const auto bits = [](std::uint8_t bitOffset, std::uint32_t bitCount,
+  const auto bits = [](const char* name, std::uint8_t bitOffset, std::uint32_t bitCount,
                        std::uint32_t byteCount = 0) {
-    ChannelInfo info = channelOf("bits", byteCount, 1);
+    ChannelInfo info = channelOf(name, byteCount, 1);
     info.bitOffset = bitOffset;
     info.bitCount = bitCount;
     return info;
@@ -145,9 +145,9 @@ TEST_F(DataGroupTest, PlacesChannelsByBytesBitsOrMask) {
   // Each begins where the bytes of those in front of it end.
   const std::pair<ChannelInfo, RecordedPlace> rows[] = {
       {channelOf("float", 8, 4), {4, 0, 0, 64}},
-      {bits(3, 5, 3), {1, 8, 0, 24}},
-      {bits(3, 5), {1, 11, 3, 5}},
-      {bits(13, 2), {1, 12, 5, 2}},
+      {bits("bytes", 3, 5, 3), {1, 8, 0, 24}},
+      {bits("bits", 3, 5), {1, 11, 3, 5}},
+      {bits("further bits", 13, 2), {1, 12, 5, 2}},
       {channelOf("inner bits", 2, 1, 0x0FF0), {0, 11, 4, 8}},
       {channelOf("high byte", 2, 2, 0xFF00), {2, 14, 0, 8}},
       {channelOf("with holes", 2, 3, 0x8001), {2, 15, 0, 16}},
@@ -285,21 +285,24 @@ TEST_F(DataGroupTest, RecordsFillBlocksAndBlocksFillLists) {
   }
 }
 
-// Blocks keep the length that the first record gave them, so later ones lie across their ends.
-TEST_F(DataGroupTest, RecordsMayLieInTwoBlocks) {
-  EXPECT_TRUE(group_->addChannel(channelOf("a", 12)));
-  EXPECT_FALSE(group_->insert(0, all_.data()));
-  insert(511, 12);
-  EXPECT_TRUE(group_->addChannel(channelOf("b", 5)));
-  const Bytes earlier(12);
-  EXPECT_FALSE(group_->insert(12, earlier.data())) << "no longer a record";
-  insert(2000, 17);
+TEST_F(DataGroupTest, RefusesChannelsThatWouldSpoilRecords) {
+  EXPECT_TRUE(group_->addChannel(channelOf("a", 2)));
+  EXPECT_TRUE(group_->addChannel(channelOf("all bits", 2, 0, 0xFFFF)));
+  const std::pair<ChannelInfo, const char*> rows[] = {
+      {channelOf("a", 4), "\"a\": the group has a channel of this name\n"},
+      {channelOf("b", 2, 0, 0x10000), "\"b\": its bit mask is wider than its bytes\n"},
+      {channelOf("c", 0, 0, 1), "\"c\": its bit mask is wider than its bytes\n"},
+      {channelOf("late", 1), "\"late\": the group has records already\n"},
+  };
+  for (const auto& [info, text] : rows) {
+    if (info.name == "late") insert(1, 4);
+    EXPECT_FALSE(group_->addChannel(info)) << info.name;
+    EXPECT_TRUE(diagnostics_.text().ends_with(text)) << diagnostics_.text();
+  }
+  insert(1, 4);
   const RecordedGroup group = finish();
-  EXPECT_EQ(group.equalLength, 512U * 12);
-  EXPECT_EQ(group.lists, (std::vector<std::vector<std::uint64_t>>{
-                             std::vector<std::uint64_t>(5, 6144), {6144, 3268}}));
+  EXPECT_EQ(group.channels.size(), 2U);
   EXPECT_EQ(group.bytes, all_);
-  EXPECT_EQ(group.cg.cg_cycle_count, 2511U);
 }
 
 }  // namespace

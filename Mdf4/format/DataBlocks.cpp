@@ -47,6 +47,7 @@ bool M4DataBlock::writeOut() {
 
 M4DLBlock::M4DLBlock(std::uint32_t capacity, std::uint64_t equalLength)
     : m4BlockImpl(1), capacity_(capacity) {
+  links_.reserve(std::size_t{capacity} + 1);  // so that adding a block that is placed cannot fail
   dl_flags = kDlFlagEqualLength;
   extra_.assign(1, equalLength);
 }

@@ -33,7 +33,7 @@ bool DirectFile::Close() {
   position_ = kNoPosition;
   end_ = 0;
   if (file == nullptr || file->close()) return true;
-  noteWriteError("closing the file failed: " + file->error());
+  noteWriteError([&] { return "closing the file failed: " + file->error(); });
   return false;
 }
 
@@ -189,8 +189,10 @@ bool DirectFile::WriteAt(std::uint64_t position, std::span<const ByteSpan> piece
   forgetPages(position, length);
   position_ = position;
   if (!file_->write(position, pieces)) {
-    noteWriteError(formatText("writing %" PRIu64 " bytes at %" PRIu64 " failed: %s", length,
-                              position, file_->error().c_str()));
+    noteWriteError([&] {
+      return formatText("writing %" PRIu64 " bytes at %" PRIu64 " failed: %s", length, position,
+                        file_->error().c_str());
+    });
     return false;
   }
   position_ = position + length;

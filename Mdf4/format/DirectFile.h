@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <span>
 #include <string>
 #include <vector>
@@ -57,9 +58,15 @@ class DirectFile {
   // How many reads failed so: who sees it grow knows that bytes are unknown, not wrong, and that
   // another attempt may get them.
   std::uint64_t failedReads() const { return failedReads_; }
-  // Notes what else keeps something from being written.
-  void noteWriteError(const std::string& error) {
-    if (writeError_.empty()) writeError_ = error;
+  // Notes what keeps something from being written; `describe` makes the text, if it is the first.
+  template <class Describe>
+  void noteWriteError(Describe describe) noexcept {
+    if (!writeError_.empty()) return;
+    try {
+      writeError_ = describe();
+    } catch (const std::bad_alloc&) {
+      writeError_ = "no memory";  // a string holds this much itself
+    }
   }
 
   // For files on a damaged medium, before anything is read: what the system refuses is tried again,

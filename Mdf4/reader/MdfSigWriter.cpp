@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <chrono>
-#include <exception>
 #include <new>
+#include <stdexcept>
 #include <utility>
 
 #include "Mdf4/Channel.h"
@@ -73,9 +73,19 @@ int writeRecord(MdfRecorder& recorder, int dg, double time, std::string& error, 
     }
     if (!record->setTime(time) || !fill(*record)) return -1;
     return recorder.insertRecord(*record, dg) ? 0 : -1;
-  } catch (const std::exception& exception) {  // a file to be split whose path has no "."
+  } catch (const std::out_of_range& exception) {  // a file to be split whose path has no "."
     error = exception.what();
     return -1;
+  }
+}
+
+// The result of `work`, or `failed` when there is no memory for it: then not for a text either.
+template <typename Work>
+auto inMemory(decltype(std::declval<Work>()()) failed, Work work) {
+  try {
+    return work();
+  } catch (const std::bad_alloc&) {
+    return failed;
   }
 }
 
@@ -94,12 +104,11 @@ void MdfSigWriter::setErrorCallback(std::function<void(const std::string&)> call
 }
 
 bool MdfSigWriter::open() {
-  if (isOpen_) {
+  if (!isOpen_) return isOpen_ = true;
+  return inMemory(false, [&] {
     logError("MdfSigWriter is already open");
     return false;
-  }
-  isOpen_ = true;
-  return true;
+  });
 }
 
 void MdfSigWriter::close() {
@@ -110,7 +119,8 @@ void MdfSigWriter::close() {
 }
 
 int MdfSigWriter::setParameter(int paramId, int dataSize, const void* data) {
-  return hasRecorder() ? recorder_->setParameter(paramId, dataSize, data) : -1;
+  return inMemory(
+      -1, [&] { return hasRecorder() ? recorder_->setParameter(paramId, dataSize, data) : -1; });
 }
 
 void MdfSigWriter::setFlushInterval(unsigned milliseconds) {
@@ -122,15 +132,17 @@ void MdfSigWriter::setOverwrite(bool overwrite) {
 }
 
 int MdfSigWriter::startRecord(std::uint64_t startTime) {
-  if (!isOpen_) {
-    logError("MdfSigWriter is not open");
-    return -1;
-  }
-  if (!hasRecorder()) return -1;
-  startTime_ = startTime;
-  const int result = recorder_->startRecord(path_, startTime);
-  if (result != 0) logError("Failed to start record");
-  return result;
+  return inMemory(isOpen_ ? 1 : -1, [&] {
+    if (!isOpen_) {
+      logError("MdfSigWriter is not open");
+      return -1;
+    }
+    if (!hasRecorder()) return -1;
+    startTime_ = startTime;
+    const int result = recorder_->startRecord(path_, startTime);
+    if (result != 0) logError("Failed to start record");
+    return result;
+  });
 }
 
 void MdfSigWriter::stopRecord(std::uint64_t stopTime) {
@@ -143,10 +155,16 @@ void MdfSigWriter::stopRecord(std::uint64_t stopTime) {
 void MdfSigWriter::stop() {
   if (recorder_ == nullptr) return;
   const std::uint64_t lost = recorder_->lostRecords();
-  const bool hadFailed = !recorder_->firstError().empty();
+  const auto hasFailed = [&] {
+    return inMemory(true, [&] { return !recorder_->firstError().empty(); });
+  };
+  const bool hadFailed = hasFailed();
   recorder_->stopRecord(stopTime_);
-  const std::string error = recorder_->firstError();
-  if (recorder_->lostRecords() > lost || (!hadFailed && !error.empty())) logError(error);
+  if (recorder_->lostRecords() == lost && (hadFailed || !hasFailed())) return;
+  inMemory(0, [&] {
+    logError(recorder_->firstError());
+    return 0;
+  });
 }
 
 std::uint64_t MdfSigWriter::getStartTime() const {
@@ -157,96 +175,111 @@ std::uint64_t MdfSigWriter::getStopTime() const {
 }
 
 int MdfSigWriter::addDataGroup(const std::string& name) {
-  if (!hasRecorder()) return -1;
-  const int dg = recorder_->addDataGroup(name);
-  if (dg >= 0) timeChannelAdded_[dg] = 0;
-  return dg;
+  return inMemory(-1, [&] {
+    if (!hasRecorder()) return -1;
+    const int dg = recorder_->addDataGroup(name);
+    if (const auto added = timeChannelAdded_.find(dg); added != timeChannelAdded_.end()) {
+      added->second = 0;
+    }
+    return dg;
+  });
 }
 
 int MdfSigWriter::addTimeChannel(int dg) {
-  if (!hasRecorder()) return -1;
-  const auto added = timeChannelAdded_.find(dg);
-  if (added != timeChannelAdded_.end() && added->second != 0) return 0;
-  const int result = recorder_->addChannel(dg, timeChannel());
-  if (result == 0) timeChannelAdded_[dg] = 1;
-  return result;
+  return inMemory(-1, [&] {
+    if (!hasRecorder()) return -1;
+    int& added = timeChannelAdded_[dg];
+    if (added != 0) return 0;
+    const int result = recorder_->addChannel(dg, timeChannel());
+    if (result == 0) added = 1;
+    return result;
+  });
 }
 
 int MdfSigWriter::addSignalChannel(int dg, const MdfSigCCInfo& info) {
-  if (!hasRecorder()) return -1;
-  if (addTimeChannel(dg) != 0) {
-    logError("Failed to add time channel");
-    return -1;
-  }
-  ChannelInfo channel;
-  if (!createChannelInfoFromCCInfo(info, channel)) {
-    logError("Failed to create ChannelInfo from CCInfo");
-    return -1;
-  }
-  return recorder_->addChannel(dg, channel);
+  return inMemory(-1, [&] {
+    if (!hasRecorder()) return -1;
+    if (addTimeChannel(dg) != 0) {
+      logError("Failed to add time channel");
+      return -1;
+    }
+    ChannelInfo channel;
+    if (!createChannelInfoFromCCInfo(info, channel)) {
+      logError("Failed to create ChannelInfo from CCInfo");
+      return -1;
+    }
+    return recorder_->addChannel(dg, channel);
+  });
 }
 
 int MdfSigWriter::setDataGroupComment(int dg, const std::string& comment) {
-  return hasRecorder() ? recorder_->setDataGroupComment(dg, comment) : -1;
+  return inMemory(-1,
+                  [&] { return hasRecorder() ? recorder_->setDataGroupComment(dg, comment) : -1; });
 }
 
 int MdfSigWriter::writeSignalData(int dg, double time, std::string_view channel,
                                   const std::uint8_t* data, unsigned size) {
-  if (!hasRecorder()) return -1;
-  std::string error;
-  const int result = writeRecord(*recorder_, dg, time, error, [&](RecordData& record) {
-    return record.setData(channel, size, data);
+  return inMemory(-1, [&] {
+    if (!hasRecorder()) return -1;
+    std::string error;
+    const int result = writeRecord(*recorder_, dg, time, error, [&](RecordData& record) {
+      return record.setData(channel, size, data);
+    });
+    if (!error.empty()) logError(error);
+    return result;
   });
-  if (!error.empty()) logError(error);
-  return result;
 }
 
 int MdfSigWriter::writeSignalDataBatch(
     int dg, double time, const std::map<std::string, std::vector<std::uint8_t>>& channels) {
-  if (!hasRecorder()) return -1;
-  std::string error;
-  const int result = writeRecord(*recorder_, dg, time, error, [&](RecordData& record) {
-    for (const auto& [name, bytes] : channels) {
-      if (bytes.size() > record.size()) return false;
-      const auto size = static_cast<std::uint32_t>(bytes.size());
-      if (!record.setData(name, size, bytes.data())) return false;
-    }
-    return true;
+  return inMemory(-1, [&] {
+    if (!hasRecorder()) return -1;
+    std::string error;
+    const int result = writeRecord(*recorder_, dg, time, error, [&](RecordData& record) {
+      for (const auto& [name, bytes] : channels) {
+        if (bytes.size() > record.size()) return false;
+        const auto size = static_cast<std::uint32_t>(bytes.size());
+        if (!record.setData(name, size, bytes.data())) return false;
+      }
+      return true;
+    });
+    if (!error.empty()) logError(error);
+    return result;
   });
-  if (!error.empty()) logError(error);
-  return result;
 }
 
 int MdfSigWriter::createDataGroupFromReader(const std::shared_ptr<MdfSigReader>& reader, int dg,
                                             int cg, const std::string& name) {
-  if (!hasRecorder()) return -1;
-  if (reader == nullptr) {
-    logError("MdfSigReader is null");
-    return -1;
-  }
-  const int newDg = addDataGroup(name);
-  if (newDg < 0) {
-    logError("Failed to create DataGroup");
-    return -1;
-  }
-  if (addTimeChannel(newDg) != 0) {
-    logError("Failed to add time channel");
-    return -1;
-  }
-  const int count = reader->getCNCount(dg, cg);
-  if (count <= 0) {
-    logError("Invalid channel count");
-    return -1;
-  }
-  for (int cn = 0; cn < count; ++cn) {
-    MdfSigCCInfo info;
-    // Masters are no data channels: the group has its own time.
-    if (!reader->isDataType(dg, cg, cn) || !reader->getCCInfo(dg, cg, cn, info)) continue;
-    if (addSignalChannel(newDg, info) != 0) {
-      logError("Failed to add signal channel: " + info.name);
+  return inMemory(-1, [&] {
+    if (!hasRecorder()) return -1;
+    if (reader == nullptr) {
+      logError("MdfSigReader is null");
+      return -1;
     }
-  }
-  return newDg;
+    const int newDg = addDataGroup(name);
+    if (newDg < 0) {
+      logError("Failed to create DataGroup");
+      return -1;
+    }
+    if (addTimeChannel(newDg) != 0) {
+      logError("Failed to add time channel");
+      return -1;
+    }
+    const int count = reader->getCNCount(dg, cg);
+    if (count <= 0) {
+      logError("Invalid channel count");
+      return -1;
+    }
+    for (int cn = 0; cn < count; ++cn) {
+      MdfSigCCInfo info;
+      // Masters are no data channels: the group has its own time.
+      if (!reader->isDataType(dg, cg, cn) || !reader->getCCInfo(dg, cg, cn, info)) continue;
+      if (addSignalChannel(newDg, info) != 0) {
+        logError("Failed to add signal channel: " + info.name);
+      }
+    }
+    return newDg;
+  });
 }
 
 bool MdfSigWriter::createChannelInfoFromCCInfo(const MdfSigCCInfo& info, ChannelInfo& out) {

@@ -30,7 +30,7 @@ std::uint8_t* DataWriter::room(std::uint64_t bytes) {
     const std::uint64_t wanted = std::max({used_ + bytes, 2 * capacity_, kSmallestBuffer});
     std::unique_ptr<std::uint8_t[]> bigger(new (std::nothrow) std::uint8_t[wanted]);
     if (bigger == nullptr) {
-      file_.noteWriteError("no memory for a data block");
+      file_.noteWriteError([] { return "no memory for a data block"; });
       failed_ = true;
       return nullptr;
     }

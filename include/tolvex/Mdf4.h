@@ -699,7 +699,8 @@ class TOLVEX_EXPORT MdfSigWriter {
   // Adds "time" when the group has none yet, then the channel: its records hold (bitCount + 7) / 8
   // whole bytes for it, whatever its bit offset. What `info` states of its conversion and does not
   // hold is left out; of the kinds 3 and 9 to 11 nothing is taken over. 0, or -1 with "Failed to
-  // add time channel" or without a text.
+  // add time channel" or without a text: a name that the group has and a group that has had
+  // records are told in the diagnostics.
   int addSignalChannel(int dg, const MdfSigCCInfo& info);
   int setDataGroupComment(int dg, const std::string& comment);  // without effect after a name
 

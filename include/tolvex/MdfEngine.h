@@ -93,7 +93,8 @@ TOLVEX_API int startRecord(void* recorder, const char* path, uint64_t startTime)
 /* Writes what is queued, completes the file and closes it. */
 TOLVEX_API void stopRecord(void* recorder, uint64_t stopTime);
 /* The most payload bytes of a recorded CAN frame, 8 to 64, others are brought into that range; 8
- * without this call. `busType` must be 0, CAN. For groups that are made from then on. */
+ * without this call. `busType` must be 0, CAN. Groups of frames that the file already has stay as
+ * they are, and saveCanMessage refuses frames for them until their own size is set again. */
 TOLVEX_API int createBusLogConfiguration(void* recorder, int busType, int maxDataLength);
 
 /* Tasks that an asynchronous recorder has accepted and not yet written; 0 for any other. */
@@ -124,8 +125,9 @@ TOLVEX_API int saveCanErrorFromCanError(void* recorder, uint64_t timestamp, cons
 
 /* Adds a group with that comment (null or "": none) and gives its index, or -1. */
 TOLVEX_API int addDataGroup(void* recorder, const char* name);
-/* Adds the channel behind those that the group has. Channels of type 1 are refused. Add all before
- * the group's first record. */
+/* Adds the channel behind those that the group has. Refused are channels of type 1, names that the
+ * group has, bit masks wider than the channel's bytes, and all channels once the group has had a
+ * record. */
 TOLVEX_API int addChannelToDG(void* recorder, int dgIndex, const void* channel);
 /* A zeroed record with the channels that the group has now; null for an index without a group. */
 TOLVEX_API void* allocRecord(void* recorder, int dgIndex);

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdlib>
+#include <exception>
 #include <new>
 #include <string>
 
@@ -139,7 +140,11 @@ void forEveryAllocation(const std::function<void(AllocationFault& fault)>& scena
       SCOPED_TRACE("allocation " + std::to_string(number) +
                    (lasting ? " and all that follow fail" : " fails"));
       AllocationFault fault(number, lasting);
-      scenario(fault);
+      try {
+        scenario(fault);
+      } catch (const std::exception& error) {
+        ADD_FAILURE() << error.what();
+      }
       met = fault.met();
     }
   }
