@@ -12,7 +12,7 @@ trap 'rm -rf "$dir"' EXIT
 files=(tests/data/*.[mM]*4)
 failed=0
 
-printf '%s\0' "${files[@]}" samples |
+printf '%s\0' "${files[@]}" samples recording |
   xargs -0 -P "$(nproc)" -I{} "$bin/tolvex_mutate" 0 1 {} || failed=1
 
 RANDOM=1

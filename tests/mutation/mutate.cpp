@@ -1,7 +1,8 @@
-// tolvex_mutate SECONDS SEED FILE...: changes files in single places and does with each what the
-// program's commands do, for so long; for 0 seconds, with every change in turn. The name "samples"
-// stands for small files of every kind, the seed 0 for one by the clock. What fails is printed as
-// the FILE@CHANGE that repeats it.
+// tolvex_mutate SECONDS SEED FILE...: changes files in single places, and in several at once, and
+// does with each what the program's commands do, for so long; for 0 seconds, with every change in
+// turn. The name "samples" stands for small files of every kind, "recording" for a recording of
+// more than a mebibyte, the seed 0 for one by the clock. What fails is printed as the FILE@CHANGES
+// that repeats it.
 #include <sys/mman.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -16,6 +17,8 @@
 #include <iterator>
 #include <random>
 
+#include "Mdf4/MdfRecorder.h"
+#include "Mdf4/recovery/WorkSizes.h"
 #include "bench/CountedMemory.h"
 #include "tests/support/SampleFiles.h"
 #include "tolvex/Mdf4.h"
@@ -28,20 +31,41 @@ constexpr std::int64_t kMostMemory = 256 << 20;  // bytes
 constexpr int kMostSeconds = 5;                  // of computing, for each command
 
 // What takes the place of up to eight bytes of a file, or its end.
-struct Mutation {
+struct Change {
   std::uint64_t position;
   unsigned width = 0;  // bytes; 0: the file ends at the position
   std::uint64_t value = 0;
+};
+
+struct Mutation {
+  std::vector<Change> changes;
+  unsigned steps = 0;  // which sizes the check and the recovery work in
 
   static Mutation of(const std::string& text) {
-    unsigned long long position = 0;
-    unsigned long long value = 0;
-    unsigned width = 0;
-    std::sscanf(text.c_str(), "%llu:%u:%llu", &position, &width, &value);
-    return {position, width, value};
+    Mutation mutation;
+    mutation.steps = static_cast<unsigned>(std::strtoul(text.c_str(), nullptr, 10));
+    for (std::size_t at = text.find('+'); at != std::string::npos; at = text.find('+', at + 1)) {
+      unsigned long long position = 0;
+      unsigned long long value = 0;
+      unsigned width = 0;
+      std::sscanf(text.c_str() + at + 1, "%llu:%u:%llu", &position, &width, &value);
+      mutation.changes.push_back({position, width, value});
+    }
+    return mutation;
   }
   std::string text() const {
-    return std::to_string(position) + ":" + std::to_string(width) + ":" + std::to_string(value);
+    std::string text = std::to_string(steps);
+    for (const Change& change : changes) {
+      text += "+" + std::to_string(change.position) + ":" + std::to_string(change.width) + ":" +
+              std::to_string(change.value);
+    }
+    return text;
+  }
+  // The usual ones, and such that seams lie everywhere.
+  WorkSizes sizes() const {
+    if (steps % 2 == 0) return {};
+    const std::uint64_t size = std::uint64_t{64} << steps;
+    return {size, size, 2, 4 * size, 4, 8, 16 * size};
   }
 };
 
@@ -51,12 +75,12 @@ struct Subject {
   std::vector<Mutation> mutations;
 };
 
-// All mutations, but of long data only those of some hundred of its bytes.
-std::vector<Mutation> mutationsOf(const Bytes& bytes, std::mt19937& random) {
+// All changes of single places, but of long data only those of some hundred of its bytes.
+std::vector<Change> changesOf(const Bytes& bytes, std::mt19937& random) {
   constexpr std::uint64_t kWords[] = {0, 1, std::uint64_t{1} << 31, std::uint64_t{1} << 63,
                                       ~std::uint64_t{0}};
   constexpr std::uint64_t kFew = 512;
-  std::vector<Mutation> all;
+  std::vector<Change> all;
   for (int i = 0; i < 200; ++i) all.push_back({random() % bytes.size()});
   std::uint64_t dense = kFew;  // up to here every byte is taken
   for (std::uint64_t at = 0; at < bytes.size(); ++at) {
@@ -75,6 +99,51 @@ std::vector<Mutation> mutationsOf(const Bytes& bytes, std::mt19937& random) {
     }
   }
   return all;
+}
+
+// Each change alone, and half as many times a few of them together.
+std::vector<Mutation> mutationsOf(const Bytes& bytes, std::mt19937& random) {
+  const std::vector<Change> changes = changesOf(bytes, random);
+  std::vector<Mutation> all;
+  for (const Change& change : changes)
+    all.push_back({{change}, static_cast<unsigned>(random() % 6)});
+  for (std::size_t i = 0; i < changes.size() / 2; ++i) {
+    Mutation& several = all.emplace_back();
+    several.steps = static_cast<unsigned>(random() % 6);
+    for (std::size_t count = 2 + random() % 5; count > 0; --count) {
+      several.changes.push_back(changes[random() % changes.size()]);
+    }
+    // The end of the file comes last.
+    std::ranges::stable_partition(several.changes, [](const Change& c) { return c.width != 0; });
+  }
+  return all;
+}
+
+// A recording of everything that a bus log has, and of signals.
+Bytes recording() {
+  constexpr std::uint64_t kStart = 1'700'000'000'000'000;  // microseconds
+  const TempDir dir;
+  const std::string path = dir.path("log.mf4");
+  MdfRecorder recorder;
+  recorder.startRecord(path, kStart);
+  const int group = recorder.addDataGroup("signals");
+  recorder.addChannel(group, timeChannel());
+  recorder.addChannel(group, float64Channel("value"));
+  MdfCanMessage frame;
+  MdfCanError error;
+  for (std::uint32_t i = 0; i < 60'000; ++i) {
+    frame.MessageId(i % 0x800);
+    frame.BusChannel(static_cast<std::uint8_t>(1 + i % 2));
+    frame.DataBytes(packed(std::uint64_t{i} * 0x10001));
+    recorder.saveCanMessage(kStart + i, frame);
+    if (i % 64 == 0) recorder.saveCanError(kStart + i, error);
+    const std::unique_ptr<RecordData> data = recorder.createRecordData(group);
+    data->setTime(1e-6 * i);
+    if (i % 8 == 0) recorder.insertRecord(*data, group);
+  }
+  recorder.stopRecord(kStart + 70'000);
+  std::ifstream in(path, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(in), {});
 }
 
 // What the process that tries mutations says of itself, to the one that watches it.
@@ -99,15 +168,20 @@ class Trial {
     progress_.mutation = number;
     const Mutation& mutation = subject_.mutations[number];
     const std::uint64_t size = subject_.bytes.size();
-    if (mutation.width == 0) {
-      if (::ftruncate(descriptor_, static_cast<off_t>(mutation.position)) != 0) std::abort();
-    } else {
-      put(mutation.position, &mutation.value, mutation.width);
+    for (const Change& change : mutation.changes) {
+      if (change.width == 0) {
+        if (::ftruncate(descriptor_, static_cast<off_t>(change.position)) != 0) std::abort();
+      } else {
+        put(change.position, &change.value, change.width);
+      }
     }
     failure_.clear();
+    sizes_ = mutation.sizes();
     runCommands(number % 4 == 0);
-    const std::uint64_t end = mutation.width == 0 ? size : mutation.position + mutation.width;
-    put(mutation.position, subject_.bytes.data() + mutation.position, end - mutation.position);
+    for (const Change& change : mutation.changes) {
+      const std::uint64_t end = change.width == 0 ? size : change.position + change.width;
+      put(change.position, subject_.bytes.data() + change.position, end - change.position);
+    }
     return failure_.empty();
   }
   const std::string& failure() const { return failure_; }
@@ -131,9 +205,9 @@ class Trial {
   void runCommands(bool verify) {
     step("info and export", [&] { readSignals(); });
     step("cat", [&] { readFrames(); });
-    step("doctor", [&] { checkFile(path_); });
+    step("doctor", [&] { checkFile(path_, nullptr, sizes_); });
     MdfRecoveryReport report;
-    step("recover", [&] { report = recoverFile(path_, recovered_, {verify, nullptr}); });
+    step("recover", [&] { report = recoverFile(path_, recovered_, {verify, nullptr}, sizes_); });
     if (!report.failure.empty()) return;
     step("doctor of what came back", [&] {
       const MdfCheckReport check = checkFile(recovered_);
@@ -207,6 +281,7 @@ class Trial {
   int descriptor_;
   std::string path_;
   std::string recovered_;
+  WorkSizes sizes_;
   std::string failure_;
 };
 
@@ -260,11 +335,16 @@ void addSubjects(const std::string& argument, std::vector<Subject>& subjects) {
   for (const auto& [sample, file] : samples) {
     if (name == sample || name == "samples") paths.emplace_back(sample, file.write());
   }
-  if (paths.empty()) paths.emplace_back(name, name);
+  if (name == "recording") {
+    subjects.push_back({name, recording(), {}});
+  } else if (paths.empty()) {
+    paths.emplace_back(name, name);
+  }
   for (const auto& [shown, path] : paths) {
     std::ifstream in(path, std::ios::binary);
     subjects.push_back({shown, Bytes(std::istreambuf_iterator<char>(in), {}), {}});
-    if (name == argument) continue;
+  }
+  if (name != argument) {
     subjects.back().mutations = {Mutation::of(argument.substr(name.size() + 1))};
   }
 }
