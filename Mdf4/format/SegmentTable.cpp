@@ -320,9 +320,9 @@ std::uint64_t SegmentTable::roomOf(std::size_t index) const {
         [](std::uint64_t value, const DataSegment& segment) { return value < segment.position; });
     return next == data_.end() - 1 ? kNoLimit : next->position - position;
   }
-  const auto [first, next] = std::ranges::equal_range(
-      byPosition_, position, {}, [this](std::uint64_t other) { return data_[other].position; });
-  if (*first != index) return 0;
+  const auto positionOf = [this](std::uint64_t other) { return data_[other].position; };
+  if (*std::ranges::lower_bound(byPosition_, position, {}, positionOf) != index) return 0;
+  const auto next = std::ranges::upper_bound(byPosition_, position, {}, positionOf);
   return next == byPosition_.end() ? kNoLimit : data_[*next].position - position;
 }
 
