@@ -72,8 +72,8 @@ Arguments argumentsFor(ByteSpan input, const std::string& file, const std::strin
   Numbers steering = steeringOf(input);
   const auto command = steering.next<std::uint8_t>();
   const auto format = steering.next<std::uint8_t>();
-  const int first = steering.next<std::int8_t>();
-  const int second = steering.next<std::int8_t>();
+  const int first = steering.next<std::uint8_t>() - 128;
+  const int second = steering.next<std::uint8_t>() - 128;
   switch (command % 6) {
     case 0:
       return {"tolvex", "info", file, "--format", choose(format, {"text", "json", "json"})};

@@ -2,7 +2,7 @@
 // a model.
 #include <algorithm>
 #include <array>
-#include <cstring>
+#include <cmath>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -150,6 +150,10 @@ class Frame {
 // ---------------------------------------------------------------------------------------------
 // Formulas
 
+bool same(double a, double b) {
+  return a == b || (std::isnan(a) && std::isnan(b));
+}
+
 using Formulas = std::unique_ptr<void, void (*)(void*)>;
 
 Formulas formulaFrom(Numbers& input) {
@@ -199,7 +203,6 @@ Formulas formulaFrom(Numbers& input) {
           "kinds 6 to 8 have a default");
 
   const auto& formula = *static_cast<const Formula*>(handle.get());
-  const auto same = [](double a, double b) { return a == b || (a != a && b != b); };
   require(std::equal(formula.parameters.begin(), formula.parameters.end(), parameters.begin(),
                      parameters.end(), same) &&
               formula.texts == texts,
@@ -247,10 +250,10 @@ Place addChannel(Numbers& input, RecordLayout& layout) {
   const auto limit = input.next<double>();
   set(MDF_CHANNEL_LIMIT_MIN, limit);
   set(MDF_CHANNEL_LIMIT_MAX, -limit);
-  const int unknown = input.next<std::int8_t>();
-  require(unknown < 0 || unknown > MDF_CHANNEL_BIT_MASK ? set(unknown, std::uint64_t{0}) == -1
-                                                        : set(-1, std::uint64_t{0}) == -1,
-          "a parameter that there is not is refused");
+  const int unknown = input.next<std::uint8_t>();
+  for (const int parameter : {-1 - unknown, MDF_CHANNEL_BIT_MASK + 1 + unknown}) {
+    require(set(parameter, limit) == -1, "a parameter that there is not is refused");
+  }
   if (input.flag()) {
     const Formulas formula = formulaFrom(input);
     require(setChannelFormula(handle.get(), formula.get()) == 0, "any formula is taken");
@@ -258,7 +261,8 @@ Place addChannel(Numbers& input, RecordLayout& layout) {
   auto& channel = *static_cast<ChannelInfo*>(handle.get());
   require(channel.name == place.name && channel.unit == place.name && channel.comment == place.name,
           "a channel has its texts");
-  require(std::memcmp(&channel.limitMin, &limit, sizeof limit) == 0, "a channel has its limits");
+  require(same(channel.limitMin, limit) && same(channel.limitMax, -limit),
+          "a channel has its limits");
   channel.byteOffset = static_cast<std::uint32_t>(place.offset);
   layout.add(channel);
   return place;
@@ -266,10 +270,9 @@ Place addChannel(Numbers& input, RecordLayout& layout) {
 
 // The last channel of a name is the one that is meant.
 const Place* find(const std::vector<Place>& places, std::string_view name) {
-  for (auto place = places.rbegin(); place != places.rend(); ++place) {
-    if (place->name == name) return &*place;
-  }
-  return nullptr;
+  const auto found = std::find_if(places.rbegin(), places.rend(),
+                                  [&](const Place& place) { return place.name == name; });
+  return found == places.rend() ? nullptr : &*found;
 }
 
 // Gives whether the bytes are taken.

@@ -30,7 +30,8 @@ class Corpus {
       addFile("copy", name, file, packed(std::uint8_t{1}, std::uint8_t{7}));
       for (int i = 0; i < 2; ++i, ++command) {
         addFile("commands", name + "-" + std::to_string(command % 6), file,
-                packed(command, command / 6));
+                packed(command, static_cast<std::uint8_t>(command / 6), std::uint8_t{128},
+                       std::uint8_t{128}));
       }
       addFile("doctor", name, file, {});
       addFile("doctor", name + "-in-steps", file, packed(std::uint8_t{40}));
