@@ -138,5 +138,10 @@ TEST_F(CommandAllocations, ReadingCommandsDoTheirWorkOrSayThatTheyFailed) {
   }
 }
 
+TEST_F(CommandAllocations, RecordingSaysWhatItLost) {
+  sweep("record @log -o @result");
+  sweep("record @log -o @result --async");
+}
+
 }  // namespace
 }  // namespace tolvex::test
