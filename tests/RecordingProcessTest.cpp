@@ -190,23 +190,25 @@ TEST_P(RecordingProcess, AnotherProcessHoldsItsFileUntilItIsDoneOrKilled) {
 }
 
 TEST_P(RecordingProcess, AChildThatOutlivesItsParentDoesNotHoldTheFile) {
-  int pipes[2];
-  ASSERT_EQ(::pipe(pipes), 0);
+  int born[2];
+  int end[2];
+  ASSERT_EQ(::pipe(born), 0);
+  ASSERT_EQ(::pipe(end), 0);
   auto theirs = makeRecorder(GetParam());
   const Child parent([&] {
+    char byte = 0;
     const bool started = start(*theirs, path_) == 0;
     insert(*theirs, 0, 600);
-    if (::fork() != 0) return started;
-    ::close(pipes[1]);
-    char end = 0;
-    ::_exit(static_cast<int>(::read(pipes[0], &end, 1)));
+    if (::fork() != 0) return started && ::read(born[0], &byte, 1) == 1;
+    ::close(end[1]);
+    const bool told = ::write(born[1], &byte, 1) == 1;
+    ::_exit(told ? static_cast<int>(::read(end[0], &byte, 1)) : 1);
   });
   EXPECT_TRUE(parent.good());
   parent.kill();
   const auto recorder = makeRecorder(GetParam());
   EXPECT_EQ(start(*recorder, path_), 0);
-  ::close(pipes[0]);
-  ::close(pipes[1]);
+  for (const int pipe : {born[0], born[1], end[0], end[1]}) ::close(pipe);
 }
 
 // The fork comes while the worker is at the disk, and again while it idles.
