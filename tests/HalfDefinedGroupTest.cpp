@@ -25,7 +25,7 @@ void record(MdfRecorder& recorder, FailingDisk& disk, const std::string& path) {
     const int group = recorder.addDataGroup(name);
     if (group < 0 || recorder.addChannel(group, timeChannel()) != 0) continue;
     ChannelInfo value = float64Channel("value");
-    value.unit = "V";
+    value.unit = std::string("V");
     recorder.addChannel(group, value);
   }
   MdfCanMessage frame;

@@ -1,6 +1,8 @@
 // What texts of a file may do to the terminal that they are shown on: nothing.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
@@ -44,7 +46,9 @@ constexpr char kHarmless[] = "caf\xC3\xA9 \\ \xE6\x97\xA5 \xF0\x9F\x9A\x97";
 FileBuilder hostileFile(const std::string& text) {
   FileBuilder file({.program = text.substr(0, 8)});
   Bytes record = packed(0.5);
-  record.insert(record.end(), text.begin(), text.end());
+  const std::size_t textAt = record.size();
+  record.resize(textAt + text.size());
+  std::copy(text.begin(), text.end(), record.begin() + static_cast<std::ptrdiff_t>(textAt));
   file.signalGroup(
       {{.name = "<" + text + ">",
         .dataType = 7,

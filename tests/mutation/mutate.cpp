@@ -56,8 +56,9 @@ struct Mutation {
   std::string text() const {
     std::string text = std::to_string(steps);
     for (const Change& change : changes) {
-      text += "+" + std::to_string(change.position) + ":" + std::to_string(change.width) + ":" +
-              std::to_string(change.value);
+      text.append("+").append(std::to_string(change.position));
+      text.append(":").append(std::to_string(change.width));
+      text.append(":").append(std::to_string(change.value));
     }
     return text;
   }
