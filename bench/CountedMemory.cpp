@@ -27,10 +27,15 @@ void count(std::int64_t more) {
 }  // namespace
 
 // NOLINTBEGIN(cppcoreguidelines-no-malloc): this is where memory comes from.
-void* operator new(std::size_t size) {
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
   void* const memory = std::malloc(size);
+  if (memory != nullptr && isCounting) count(chunkSize(memory));
+  return memory;
+}
+
+void* operator new(std::size_t size) {
+  void* const memory = operator new(size, std::nothrow);
   if (memory == nullptr) throw std::bad_alloc();
-  if (isCounting) count(chunkSize(memory));
   return memory;
 }
 

@@ -115,8 +115,8 @@ std::vector<Mutation> mutationsOf(const Bytes& bytes, std::mt19937& random) {
       several.changes.push_back(changes[random() % changes.size()]);
     }
     // The end of the file comes last.
-    std::stable_partition(several.changes.begin(), several.changes.end(),
-                          [](const Change& change) { return change.width != 0; });
+    std::partition(several.changes.begin(), several.changes.end(),
+                   [](const Change& change) { return change.width != 0; });
   }
   return all;
 }
