@@ -186,6 +186,11 @@ bool watchForks() {
 
 bool PosixFile::open(const std::string& path, OpenMode mode, std::string& error) {
   const bool creates = mode == OpenMode::Create || mode == OpenMode::Fill;
+  std::filesystem::path folder;  // in front of the file, which is not made when memory runs out
+  if (creates) {
+    const std::filesystem::path name(path);
+    folder = name.has_parent_path() ? name.parent_path() : ".";
+  }
   constexpr mode_t kPermissions = 0666;
   const int flags = mode == OpenMode::Read ? O_RDONLY : O_RDWR;
   // Where a file must be new or empty, a link that leads nowhere is not followed.
@@ -207,8 +212,7 @@ bool PosixFile::open(const std::string& path, OpenMode mode, std::string& error)
   locked_ = creates;
   if (locked_) {
     remember();
-    const std::filesystem::path name(path);
-    unnamedIn_ = name.has_parent_path() ? name.parent_path() : ".";
+    unnamedIn_ = std::move(folder);
   }
   struct stat status = {};
   if (::fstat(descriptor_, &status) != 0 || S_ISDIR(status.st_mode)) {
