@@ -36,8 +36,9 @@ std::string writeSample(const FileBuilder& empty) {
   for (int i = 0; i < kRecords; ++i) {
     const auto number = static_cast<std::uint8_t>(i);
     records.push_back(packed(0.5 * i, std::uint64_t{values.size()}, number));
-    frames.push_back(busRecord(loggerFrames(), 2e9 * i,
-                               {{"ID", number + 1U}, {"DataBytes", i % 2 * 3U * 7 + i / 2 * 7U}}));
+    frames.push_back(
+        busRecord(loggerFrames(), 2e9 * i,
+                  {{"ID", number + 1U}, {"DataBytes", number % 2U * 21 + number / 2U * 7}}));
     errors.push_back(busRecord(errorFrames(), 2 * i + 1, {{"ID", number}}, {number}));
     values = joined({values, packed(std::uint32_t{3}), {'a', 'b', number}});
   }
