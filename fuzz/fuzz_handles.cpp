@@ -226,7 +226,14 @@ struct Place {
   std::uint64_t mask;
 };
 
-Place addChannel(Numbers& input, RecordLayout& layout) {
+const Place* find(const std::vector<Place>& places, std::string_view name) {
+  const auto found = std::find_if(places.begin(), places.end(),
+                                  [&](const Place& place) { return place.name == name; });
+  return found == places.end() ? nullptr : &*found;
+}
+
+// A channel whose name is new, as a group asks for.
+void addChannel(Numbers& input, RecordLayout& layout, std::vector<Place>& places) {
   const std::unique_ptr<void, void (*)(void*)> handle(allocChannel(), freeChannel);
   Place place = {input.text(),
                  layout.size(),
@@ -264,15 +271,9 @@ Place addChannel(Numbers& input, RecordLayout& layout) {
   require(same(channel.limitMin, limit) && same(channel.limitMax, -limit),
           "a channel has its limits");
   channel.byteOffset = static_cast<std::uint32_t>(place.offset);
+  if (find(places, place.name) != nullptr) return;
   layout.add(channel);
-  return place;
-}
-
-// The last channel of a name is the one that is meant.
-const Place* find(const std::vector<Place>& places, std::string_view name) {
-  const auto found = std::find_if(places.rbegin(), places.rend(),
-                                  [&](const Place& place) { return place.name == name; });
-  return found == places.rend() ? nullptr : &*found;
+  places.push_back(place);
 }
 
 // Gives whether the bytes are taken.
@@ -303,7 +304,7 @@ void fillRecords(Numbers& input) {
   const auto layout = std::make_shared<RecordLayout>();
   std::vector<Place> places;
   for (unsigned count = input.next<std::uint8_t>() % 5; count > 0; --count) {
-    places.push_back(addChannel(input, *layout));
+    addChannel(input, *layout, places);
   }
   const auto record = std::make_unique<RecordData>(layout);
   Bytes expected(record->size());
