@@ -16,6 +16,10 @@ bool isBigEndian(std::uint8_t valueType) {
   return valueType == 1 || valueType == 3;
 }
 
+std::uint32_t bytesInRecord(const RecordLayout::Field& field) {
+  return field.channelType == channel_type::kVlsd ? 0 : field.byteCount;
+}
+
 }  // namespace
 
 void RecordLayout::add(const ChannelInfo& channel) {
@@ -26,12 +30,12 @@ void RecordLayout::add(const ChannelInfo& channel) {
   fields_.push_back({channel.channelType, channel.valueType, channel.byteOffset, channel.byteCount,
                      channel.bitMask});
   names_.push_back(std::move(name));
-  size_ += channel.byteCount;
+  size_ += bytesInRecord(fields_.back());
 }
 
 void RecordLayout::removeLast() {
   byName_.erase(names_.back());
-  size_ -= fields_.back().byteCount;
+  size_ -= bytesInRecord(fields_.back());
   names_.pop_back();
   fields_.pop_back();
 }

@@ -120,7 +120,7 @@ TEST_P(FlushedRecording, FlushesTimeAndAgainWhatWasWritten) {
 
 TEST_P(FlushedRecording, FlushesEachFileToItsEnd) {
   start(kNever);
-  for (const std::uint64_t splitSize : {0, 1, 0}) {
+  for (const std::uint64_t splitSize : {0U, 1U, 0U}) {
     recorderSettings.splitSize = splitSize;
     record(1);
   }

@@ -145,7 +145,7 @@ TEST(PowerLoss, KeepsWhatWasFlushed) {
       ++losses;
     }
   }
-  EXPECT_GT(kept, losses / 10);  // so that there is something to keep
+  EXPECT_GT(kept, 0U) << "nothing was there to keep";
   std::printf("[   INFO   ] %zu losses, %zu flushed blocks\n", losses, kept);
 }
 

@@ -364,7 +364,7 @@ TEST_F(Recovery, TakesALengthThatIsWrongFromTheBlocksOwnCounts) {
   ASSERT_EQ(recorder.startRecord(damaged_, 1'700'000'000'000'000), 0);
   MdfCanMessage frame;
   frame.DataBytes({1, 2, 3});
-  for (int i = 0; i < 600; ++i) recorder.saveCanMessage(1'700'000'000'000'000 + i, frame);
+  for (unsigned i = 0; i < 600; ++i) recorder.saveCanMessage(1'700'000'000'000'000U + i, frame);
   recorder.stopRecord(0);
   const Bytes whole = bytesOf(damaged_);
   const std::vector<std::string> want = frameLinesOf(damaged_);

@@ -168,8 +168,8 @@ TEST_F(OutputTest, CountsAllThatACommandWritesAgainstItsLimit) {
       {"export " + input + " -o " + dir_.path("folder"), 2 * csv.size()},
       {"cat " + raw_, lines.size()}};
   for (const auto& [arguments, size] : results) {
-    const auto limited = [&](std::size_t bytes) {
-      return arguments + " --max-output " + std::to_string(bytes);
+    const auto limited = [&command = arguments](std::size_t bytes) {
+      return command + " --max-output " + std::to_string(bytes);
     };
     runTolvex(limited(size), 0);
     runTolvex(limited(0), 0);
