@@ -184,7 +184,7 @@ Fields model(const Layout& layout, bool payloadByDlc, const Bytes& record,
   }
   const bool isRemote = (f.flags & 0x84) == 0x80;
   f.missing =
-      f.isError ? missing.value_or(false) : !isRemote && missing.value_or(f.payload.size() > 0);
+      f.isError ? missing.value_or(false) : !isRemote && missing.value_or(!f.payload.empty());
   if (!f.isError && code && !isFd && (f.flags & 0x80) != 0) {
     f.dlc = *code;
     f.payload.clear();

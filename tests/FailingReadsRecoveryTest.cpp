@@ -168,7 +168,7 @@ void expectPart(const Result& got, const Result& whole) {
 constexpr std::uint64_t kRecords = 4000;
 constexpr std::uint64_t kRecordSize = 56;
 std::string recordedFile(const TempDir& dir) {
-  const std::string path = dir.path("recorded.mf4");
+  std::string path = dir.path("recorded.mf4");
   MdfRecorder recorder;
   recorder.startRecord(path, 1'700'000'000'000'000);
   const int group = recorder.addDataGroup("signals");

@@ -30,7 +30,7 @@ std::string textOf(const MdfCheckReport& report) {
 }
 
 std::string check(const std::string& path) {
-  const std::string text = textOf(checkFile(path));
+  std::string text = textOf(checkFile(path));
   EXPECT_EQ(textOf(checkFile(path, nullptr, WorkSizes{.piece = 7})), text) << "in small steps";
   return text;
 }
