@@ -85,7 +85,7 @@ TEST(Export, PutsAnApostropheBeforeFormulasWhenAsked) {
                      {record});
     const std::string command = "export --dg 0 " + file.write();
     EXPECT_EQ(runTolvex(command + " --safe-csv").out, "time," + cell + "\n-1.5," + cell + "\n");
-    EXPECT_EQ(runTolvex(command).out.find("'"), std::string::npos);
+    EXPECT_EQ(runTolvex(command).out.find('\''), std::string::npos);
   }
 }
 
