@@ -2,6 +2,7 @@
 // they contain against what was accepted: nothing is lost, twice or out of order.
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <map>
 #include <memory>
 #include <set>
@@ -126,6 +127,7 @@ class Recording {
         break;
       case 14:
         recorderSettings.maxPendingTasks = 1U + input_.next<std::uint8_t>();
+        recorder_.setFlushInterval(std::chrono::milliseconds(input_.next<std::uint8_t>() % 3));
         recorder_.setDataGroupComment(input_.next<std::int8_t>(), input_.text());
         recorder_.setAcquisitionName(input_.next<std::int8_t>(), input_.text());
         break;

@@ -45,6 +45,7 @@ class Corpus {
       addFile("frames", name, file, packed(std::uint8_t{0}));
       addFile("frames", name + "-switched", file,
               packed(std::uint8_t{3}, std::uint8_t{1}, std::uint8_t{1}, std::uint8_t{2}));
+      addFile("frames", name + "-logger", file, packed(std::uint8_t{7}));
     }
     for (const auto& entry : fs::directory_iterator(TOLVEX_TEST_DATA)) {
       const std::string extension = entry.path().extension().string();
@@ -163,7 +164,13 @@ class Corpus {
     add("async", "frames", joined({frame, error, group, channels, frame, record, again, error}));
     add("async", "split", joined({split, group, channels, record, frame, record, frame}));
     add("async", "few-tasks",
-        joined({{14, 0, 0, 'c', 0, 0, 'n', 0}, group, channels, record, record, record, record}));
+        joined({{14, 0, 1, 0, 'c', 0, 0, 'n', 0, 15},
+                group,
+                channels,
+                record,
+                record,
+                record,
+                record}));
   }
 
   // Steps as fuzz_record takes them: a group, a channel of 8 bytes, records; frames.
@@ -179,6 +186,38 @@ class Corpus {
   }
 
  private:
+  // Records that are stored column by column, and so wide that they are turned in tiles.
+  static FileBuilder wideFile() {
+    constexpr std::uint32_t kColumns = 40;
+    constexpr std::uint32_t kRows = 50;
+    Bytes records;
+    for (std::uint32_t row = 0; row < kRows; ++row) {
+      const Bytes time = packed(0.5 * row);
+      records.insert(records.end(), time.begin(), time.end());
+      records.resize(records.size() + kColumns - time.size(), static_cast<std::uint8_t>(row));
+    }
+    FileBuilder file;
+    file.signalGroup({{.name = "row", .byteOffset = 39}},
+                     {.name = "wide", .records = kRows, .dataBytes = kColumns},
+                     file.dz(records, "DT", 1, kColumns));
+    return file;
+  }
+
+  // A bus log whose times are integers, with and without a conversion.
+  static FileBuilder ticksFile() {
+    FileBuilder file;
+    for (const std::uint8_t dataType : {std::uint8_t{0}, std::uint8_t{2}}) {
+      BusLayout layout = dataFrames();
+      layout.time = {"time", 0, 0, 64, dataType, {}};
+      layout.time.linear = {0.5, 1e-6};
+      file.busLog(layout, {busRecord(layout, 1000, {{"ID", 1}}), busRecord(layout, 2000, {})});
+      layout.time.linear = {};
+      layout.timeUnit = "ns";
+      file.busLog(layout, {busRecord(layout, 1000, {{"ID", 1}}), busRecord(layout, 2000, {})});
+    }
+    return file;
+  }
+
   // Those of the tests, and a sequence of records that is longer than what is looked at in one go.
   static std::vector<std::pair<std::string, FileBuilder>> samples() {
     std::vector<std::pair<std::string, FileBuilder>> files = sampleFiles();
@@ -206,6 +245,8 @@ class Corpus {
       file.dg({.groups = groups, .data = file.dt(records), .recordIdSize = idSize});
       files.emplace_back(sorted ? "long-sorted" : "long-unsorted", file);
     }
+    files.emplace_back("wide", wideFile());
+    files.emplace_back("ticks", ticksFile());
     return files;
   }
 

@@ -10,7 +10,10 @@ readonly least=60
 
 scripts/install-dependencies.sh build check
 cmake --preset coverage >/dev/null
-cmake --build --preset coverage
+targets=(fuzz/fuzz_*.cpp)
+targets=("${targets[@]#fuzz/}")
+cmake --build --preset coverage --target make_corpus tolvex_tests tolvex_mutate tolvex_faults \
+  "${targets[@]%.cpp}"
 bin=build/coverage/bin
 profiles=build/coverage/profiles
 rm -rf "$profiles" && mkdir "$profiles"
@@ -26,14 +29,11 @@ for target in "$bin"/fuzz_*; do
     echo "$name failed"
   programs+=(-object "$target")
 done
-faults='RecorderFault*:*Hostile*:*Killed*:*Fault*:*Recovery*'
+faults='*Fault*:*Hostile*:*Killed*:*Recovery*:*Flush*:*Failing*:*Unreadable*'
 "$bin/tolvex_tests" --gtest_filter="$faults" >>"$profiles/log" || echo "a test failed"
 "$bin/tolvex_mutate" 5 0 samples >>"$profiles/log" || echo "tolvex_mutate failed"
-for program in tolvex_tests tolvex_mutate; do programs+=(-object "$bin/$program"); done
-if [ -x "$bin/tolvex_faults" ]; then
-  "$bin/tolvex_faults" >>"$profiles/log" || echo "tolvex_faults failed"
-  programs+=(-object "$bin/tolvex_faults")
-fi
+"$bin/tolvex_faults" >>"$profiles/log" || echo "tolvex_faults failed"
+for program in tolvex_tests tolvex_mutate tolvex_faults; do programs+=(-object "$bin/$program"); done
 
 llvm-profdata merge -sparse "$profiles"/*.profraw -o "$profiles/all.profdata"
 llvm-cov export -summary-only -instr-profile="$profiles/all.profdata" "${programs[@]:1}" \

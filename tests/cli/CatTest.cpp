@@ -139,6 +139,37 @@ TEST(Cat, PrintsFramesWithoutTheirLostPayloads) {
   }
 }
 
+// Errors as common loggers write them, and LIN frames beside them.
+TEST(Cat, ShowsErrorsByTheirTypeAndNamesWhatItLeavesOut) {
+  const BusLayout errors = typedErrors();
+  FileBuilder file;
+  std::vector<Bytes> records;
+  for (std::uint64_t type = 0; type < 7; ++type) {
+    records.push_back(busRecord(errors, 0, {{"BusChannel", 2}, {"ErrorType", type}}));
+  }
+  file.busLog(errors, records);
+  BusLayout lin = errors;
+  lin.group = "LIN_Frame";
+  lin.groupBus = 3;
+  file.busLog(lin, records);
+  file.busLog(lin, 0, 0);
+  const std::string path = file.write();
+  const Outcome candump = runTolvex("cat " + path);
+  Lines want;
+  for (const char* frame :
+       {"00#", "08#0000010000000000", "08#0000020000000000", "08#0000040000000000",
+        "08#0000000800000000", "20#0000000000000000", "00#"}) {
+    want.push_back("(0.000000) can1 200000" + std::string(frame));
+  }
+  EXPECT_EQ(candump.lines(), want);
+  EXPECT_EQ(candump.exitCode, 0);
+  EXPECT_EQ(candump.err,
+            "tolvex: " + path + ": LIN_Frame: 7 records are no CAN data, remote or error frames\n");
+  const Lines csv = runTolvex("cat --format csv " + path).lines();
+  EXPECT_EQ(csv.at(1), "0,0.000000000,1,error,0,0,0,,,rx,,,,,0,0,,,,,0,0,0,0,0,0,0");
+  EXPECT_EQ(csv.at(5), "0,0.000000000,1,error,0,0,0,,,rx,,,,,0,0,,,,4,0,0,0,0,0,0,0");
+}
+
 TEST(Cat, RefusesAnUnsortedGroup) {
   FileBuilder file;
   const BusLayout layout = dataFrames();

@@ -350,6 +350,13 @@ BusLayout remoteFrames() {
            {"IDE", 14, 7, 1}}};
 }
 
+BusLayout typedErrors() {
+  BusLayout errors = {"CAN_ErrorFrame", 9, {{"BusChannel", 8, 0, 2}, {"ErrorType", 8, 2, 6}}};
+  errors.namedSource = false;
+  errors.groupBus = 2;
+  return errors;
+}
+
 BusLayout loggerFrames() {
   BusLayout layout = {"CAN_DataFrame",
                       22,

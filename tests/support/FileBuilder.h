@@ -134,9 +134,11 @@ struct BusLayout {
 BusLayout dataFrames(std::uint32_t payloadBytes = 8);
 BusLayout errorFrames();
 BusLayout fdErrorFrames();
-// As others write them: frames without payload, and those of a common hardware logger, which packs
-// 22 bytes with the time as float64 nanoseconds and the payload outside.
+// As others write them: frames without payload, errors with a type on the bus that their group
+// names, and the frames of a common hardware logger, which packs 22 bytes with the time as float64
+// nanoseconds and the payload outside.
 BusLayout remoteFrames();
+BusLayout typedErrors();
 BusLayout loggerFrames();
 
 // A record with `time`, an integer where the layout has one, the named fields' bits, and `payload`
