@@ -85,7 +85,7 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
   std::uint64_t reservedSize() const override;
 
  private:
-  bool isParents() const { return recording_.load(std::memory_order_relaxed) && inherited(); }
+  bool isParents() const { return recording_ && inherited(); }
   template <class Work>
   auto onFile(Work work);
   void finishQueue();

@@ -31,12 +31,14 @@ class ThreadState {
   State* operator->() const { return state_.get(); }
   State& operator*() const { return *state_; }
   // Whether this process is a child of the one that made it, or adopted it last.
-  bool inherited() const { return generation_ != processGeneration(); }
-  // For while no thread uses it.
-  void adopt() { generation_ = processGeneration(); }
+  bool inherited() const {
+    return generation_.load(std::memory_order_relaxed) != processGeneration();
+  }
+  // For while no thread waits at it; they may ask whether it is inherited.
+  void adopt() { generation_.store(processGeneration(), std::memory_order_relaxed); }
 
  private:
-  unsigned generation_ = processGeneration();
+  std::atomic<unsigned> generation_ = processGeneration();
   std::unique_ptr<State> state_ = std::make_unique<State>();
 };
 
