@@ -36,13 +36,16 @@ std::shared_ptr<DataGroup> DataGroup::create(const std::shared_ptr<Mdf4File>& fi
   group->file_ = file;
   group->recordsPerBlock_ = recordsPerBlock;
   group->block_ = file->addDataGroup();
-  if (group->block_ == nullptr) return nullptr;
-  std::shared_ptr<CustomCGBlock> channelGroup = group->block_->addChannelGroup();
-  if (channelGroup == nullptr) return nullptr;
-  group->channelGroup_ = std::make_shared<ChannelGroup>(std::move(channelGroup));
-  if (define && !define(*group)) return nullptr;
+  if (group->block_ == nullptr || !group->init() || (define && !define(*group))) return nullptr;
   appending.keep();  // a link that could not be written whole may lead to it
   return file->append(group->block_) ? std::move(group) : nullptr;
+}
+
+bool DataGroup::init() {
+  std::shared_ptr<CustomCGBlock> channelGroup = block_->addChannelGroup();
+  if (channelGroup == nullptr) return false;
+  channelGroup_ = std::make_shared<ChannelGroup>(std::move(channelGroup));
+  return true;
 }
 
 std::shared_ptr<DataGroup> DataGroup::createLike(const DataGroup& model,

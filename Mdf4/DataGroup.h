@@ -92,6 +92,8 @@ class DataGroup {
  private:
   DataGroup() = default;
 
+  // Makes the channel group, without records. False when a write fails.
+  bool init();
   bool insertWithWrite(std::uint32_t size, const std::uint8_t* data);
   bool append(std::uint32_t size, const std::uint8_t* data);
   bool accepts(const ChannelInfo& info) const;

@@ -14,7 +14,13 @@
 
 namespace tolvex {
 
-// Records on their way to their groups, back to back.
+// A record on its way to its group.
+struct MdfTask {
+  std::int32_t groupIndex;
+  std::uint32_t size;  // of the record that follows, bytes
+};
+
+// Tasks, each with its record, back to back.
 class MdfTasks {
  public:
   bool empty() const { return bytes_.empty(); }
@@ -35,11 +41,6 @@ class MdfTasks {
   }
 
  private:
-  struct MdfTask {
-    std::int32_t groupIndex;
-    std::uint32_t size;  // of the record that follows, bytes
-  };
-
   std::vector<std::uint8_t> bytes_;
 };
 

@@ -16,6 +16,8 @@
 #include <system_error>
 #include <utility>
 
+#include "Mdf4/format/FlushFolder.h"
+
 namespace tolvex {
 namespace {
 
@@ -60,18 +62,6 @@ std::string unforeseeableName(const fs::path& folder) {
     name += "0123456789abcdef"[byte & 0xF];
   }
   return folder / (name + ".part");
-}
-
-// Has the names in a folder on the disk. A folder that cannot be read, or of a file system that
-// does not know this, is left to the system.
-bool flushFolder(const fs::path& folder) {
-  const int descriptor = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (descriptor < 0) return true;
-  const bool flushed = ::fsync(descriptor) == 0 || errno == EINVAL;
-  const int error = errno;
-  ::close(descriptor);
-  errno = error;
-  return flushed;
 }
 
 // Whether somebody records into the file: it would go on in a file without a name.

@@ -18,23 +18,13 @@
 #include <system_error>
 #include <utility>
 
+#include "Mdf4/format/FlushFolder.h"
+
 namespace tolvex {
 namespace {
 
 constexpr std::size_t kPiecesPerCall = 128;
 constexpr std::uint64_t kMaxPosition = std::numeric_limits<off_t>::max();
-
-// Has the names in a folder on the disk. A folder that cannot be read, or of a file system that
-// does not know this, is left to the system.
-bool flushFolder(const std::filesystem::path& folder) {
-  const int descriptor = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (descriptor < 0) return true;
-  const bool flushed = ::fsync(descriptor) == 0 || errno == EINVAL;
-  const int error = errno;
-  ::close(descriptor);
-  errno = error;
-  return flushed;
-}
 
 class PosixFile;
 

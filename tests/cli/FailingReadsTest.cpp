@@ -6,14 +6,6 @@
 
 #include "tests/cli/Program.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define TOLVEX_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define TOLVEX_SANITIZED 1
-#endif
-#endif
-
 namespace tolvex::test {
 namespace {
 
