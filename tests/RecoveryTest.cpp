@@ -251,6 +251,24 @@ TEST_F(Recovery, LosesWithABlockWhatThatHeldAlone) {
   }
 }
 
+// As readers do: one whose stream ends before the length that it states.
+TEST_F(Recovery, GivesWhatACompressedBlockHolds) {
+  constexpr std::size_t kSize = 9;
+  Bytes rows;
+  for (std::uint8_t i = 0; i < 40; ++i) rows = joined({rows, packed(0.5 * i, i)});
+  const auto row = [&](int i) { return rows.begin() + static_cast<std::ptrdiff_t>(kSize) * i; };
+  const Bytes want = joined({{rows.begin(), row(15)}, {row(20), rows.end()}});
+  for (const std::uint8_t zipType : {std::uint8_t{0}, std::uint8_t{1}}) {
+    FileBuilder file;
+    const Link block = file.dz({rows.begin(), row(15) + 4}, "DT", zipType, kSize);
+    file.setU64(block + 24 + 8, 20 * kSize);  // dz_org_data_length
+    file.signalGroup({{.name = "v", .byteOffset = 8}}, {.records = 40, .dataBytes = kSize},
+                     file.dl({block, file.dt({row(20), rows.end()})}));
+    EXPECT_EQ(recoverFile(file.write(), recovered_).groups.at(0).lostRecords, 5U);
+    EXPECT_EQ(joined(readLoggerFile(recovered_).at(0).records), want);
+  }
+}
+
 // What lies in front of damaged records and behind them, whether it is a whole page of zeros or a
 // length that leads nowhere.
 TEST_F(Recovery, FindsItsWayBackIntoUnsortedRecords) {
