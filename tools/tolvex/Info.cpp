@@ -23,23 +23,56 @@ struct InfoOptions {
   std::string format = "text";
 };
 
+constexpr std::size_t kLongestText = 4096;    // of a file, bytes
+constexpr std::size_t kLongestInTable = 256;  // columns stay readable
+
 struct Channel {
   MdfSigAttr attributes;
   MdfSigCCInfo description;
 };
 
-struct Group {
-  MdfGroupInfo info;
-  std::optional<double> duration;  // seconds from the first record to the last; empty if unknown
-  std::vector<Channel> channels;
-};
+// The start of a text that is longer than anyone reads, else the text.
+std::string shortened(std::string text, std::size_t longest = kLongestText) {
+  if (text.size() > longest) {
+    text.resize(longest);
+    text += "...";
+  }
+  return text;
+}
+
+// Calls visit(info) for every group of the file.
+template <class Visit>
+void forEachGroup(MdfSigReader& reader, Visit visit) {
+  const int dataGroups = reader.getDGCount();
+  for (int dg = 0; dg < dataGroups; ++dg) {
+    MdfGroupInfo info;
+    for (int cg = 0; reader.getGroupInfo(dg, cg, info); ++cg) {
+      info.name = shortened(std::move(info.name));
+      visit(info);
+    }
+  }
+}
+
+// Calls visit(channel) for every channel of the group.
+template <class Visit>
+void forEachChannel(MdfSigReader& reader, const MdfGroupInfo& group, Visit visit) {
+  const int count = reader.getCNCount(group.dgIndex, group.cgIndex);
+  for (int cn = 0; cn < count; ++cn) {
+    Channel channel{reader.getSigAttr(group.dgIndex, group.cgIndex, cn), {}};
+    if (!reader.getChannelInfo(group.dgIndex, group.cgIndex, cn, channel.description)) {
+      continue;
+    }
+    channel.attributes.name = shortened(std::move(channel.attributes.name));
+    visit(channel);
+  }
+}
 
 std::optional<double> span(std::pair<double, double> times) {
   const double duration = times.second - times.first;
   return std::isfinite(duration) && duration >= 0 ? std::optional(duration) : std::nullopt;
 }
 
-// The time that the group's records span; empty when they cannot be read.
+// The time that the group's records span, seconds; empty when they cannot be read.
 std::optional<double> durationOf(MdfSigReader& reader, const MdfGroupInfo& group) {
   MdfSigCCInfo time;
   if (group.unsorted || group.recordCount == 0 ||
@@ -50,55 +83,81 @@ std::optional<double> durationOf(MdfSigReader& reader, const MdfGroupInfo& group
   return span(reader.readSignalTimeRange(group.dgIndex, group.cgIndex));
 }
 
-constexpr std::size_t kLongestText = 4096;
+// Writes JSON piece by piece: of a file that lists as many channels as it has room for, the whole
+// would take many times its size.
+class JsonWriter {
+ public:
+  using Json = nlohmann::ordered_json;
 
-// The start of a text that is longer than anyone reads, else the text.
-std::string shortened(std::string text) {
-  if (text.size() > kLongestText) {
-    text.resize(kLongestText);
-    text += "...";
-  }
-  return text;
-}
+  explicit JsonWriter(Output& out) : out_(out) {}
 
-std::vector<Channel> listChannels(MdfSigReader& reader, const MdfGroupInfo& group) {
-  std::vector<Channel> channels;
-  const int count = reader.getCNCount(group.dgIndex, group.cgIndex);
-  for (int cn = 0; cn < count; ++cn) {
-    Channel channel{reader.getSigAttr(group.dgIndex, group.cgIndex, cn), {}};
-    MdfSigCCInfo& description = channel.description;
-    if (!reader.getChannelInfo(group.dgIndex, group.cgIndex, cn, description)) {
-      continue;
+  // Writes `json`, whose member `array` is an empty array, with the elements that `addElements`
+  // writes in it.
+  template <class AddElements>
+  void write(const Json& json, const std::string& array, AddElements addElements) {
+    const std::string text = textOf(json);
+    const std::string empty = '"' + array + "\": []";  // within a string the quotes are escaped
+    const std::size_t place = text.find(empty) + empty.size() - 1;
+    startElement();
+    out_.write(std::string_view(text).substr(0, place));
+    depth_ += 2;
+    isFirst_ = true;
+    addElements();
+    depth_ -= 2;
+    if (!isFirst_) {
+      endLine(depth_ + 1);
     }
-    description.name.clear();  // the plain name is shown
-    description.unit = shortened(std::move(description.unit));
-    description.comment = shortened(std::move(description.comment));
-    channel.attributes.name = shortened(std::move(channel.attributes.name));
-    channels.push_back(std::move(channel));
+    isFirst_ = false;
+    out_.write(std::string_view(text).substr(place));
   }
-  return channels;
-}
+  void write(const Json& json) {
+    startElement();
+    out_.write(textOf(json));
+  }
 
-std::vector<Group> listGroups(MdfSigReader& reader) {
-  std::vector<Group> groups;
-  const int dataGroups = reader.getDGCount();
-  for (int dg = 0; dg < dataGroups; ++dg) {
-    MdfGroupInfo info;
-    for (int cg = 0; reader.getGroupInfo(dg, cg, info); ++cg) {
-      info.name = shortened(std::move(info.name));
-      groups.push_back({info, durationOf(reader, info), listChannels(reader, info)});
+ private:
+  static constexpr int kIndent = 2;
+
+  std::string textOf(const Json& json) const {
+    // Names that are no UTF-8 show replacement characters.
+    const std::string text =
+        printableJson(json.dump(kIndent, ' ', false, Json::error_handler_t::replace));
+    std::string indented;
+    for (const char character : text) {
+      indented += character;
+      if (character == '\n') {
+        indented.append(static_cast<std::size_t>(kIndent * depth_), ' ');
+      }
     }
+    return indented;
   }
-  return groups;
-}
+  void startElement() {
+    if (depth_ == 0) {
+      return;
+    }
+    if (!isFirst_) {
+      out_.write(',');
+    }
+    isFirst_ = false;
+    endLine(depth_);
+  }
+  void endLine(int depth) {
+    out_.write('\n');
+    out_.write(std::string(static_cast<std::size_t>(kIndent * depth), ' '));
+  }
+
+  Output& out_;
+  int depth_ = 0;
+  bool isFirst_ = true;  // of the elements of an array
+};
 
 nlohmann::ordered_json channelJson(const Channel& channel) {
   const MdfSigAttr& attributes = channel.attributes;
   const MdfSigCCInfo& description = channel.description;
   return {{"cn", attributes.cnIndex},
           {"name", attributes.name},
-          {"unit", description.unit},
-          {"comment", description.comment},
+          {"unit", shortened(description.unit)},
+          {"comment", shortened(description.comment)},
           {"channel_type", description.channelType},
           {"sync_type", description.syncType},
           {"data_type", description.dataType},
@@ -108,38 +167,33 @@ nlohmann::ordered_json channelJson(const Channel& channel) {
           {"conversion_type", description.conversionType}};
 }
 
-nlohmann::ordered_json groupJson(const Group& group) {
-  nlohmann::ordered_json json = {{"dg", group.info.dgIndex},
-                                 {"cg", group.info.cgIndex},
-                                 {"name", group.info.name},
-                                 {"records", group.info.recordCount},
-                                 {"record_size", group.info.recordSize},
-                                 {"channels", nlohmann::ordered_json::array()},
-                                 {"unsorted", group.info.unsorted},
-                                 {"duration_s", nullptr}};
-  for (const Channel& channel : group.channels) {
-    json["channels"].push_back(channelJson(channel));
-  }
-  if (group.duration) {
-    json["duration_s"] = *group.duration;
-  }
-  return json;
-}
-
-std::string jsonText(const std::string& file, const MdfFileInfo& info,
-                     const std::vector<Group>& groups) {
-  nlohmann::ordered_json json = {{"file", file},
-                                 {"size", info.size},
-                                 {"version", info.versionText},
-                                 {"program", info.program},
-                                 {"start_time_ns", info.startTimeNs},
-                                 {"groups", nlohmann::ordered_json::array()}};
-  for (const Group& group : groups) {
-    json["groups"].push_back(groupJson(group));
-  }
-  // Names that are no UTF-8 show replacement characters.
-  return printableJson(json.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) +
-                       '\n');
+void writeJson(Output& out, const std::string& file, MdfSigReader& reader) {
+  const MdfFileInfo info = reader.getFileInfo();
+  JsonWriter writer(out);
+  const auto writeGroup = [&](const MdfGroupInfo& group) {
+    const std::optional<double> duration = durationOf(reader, group);
+    const nlohmann::ordered_json json = {
+        {"dg", group.dgIndex},
+        {"cg", group.cgIndex},
+        {"name", group.name},
+        {"records", group.recordCount},
+        {"record_size", group.recordSize},
+        {"channels", nlohmann::ordered_json::array()},
+        {"unsorted", group.unsorted},
+        {"duration_s", duration ? nlohmann::ordered_json(*duration) : nlohmann::ordered_json()}};
+    writer.write(json, "channels", [&] {
+      forEachChannel(reader, group,
+                     [&](const Channel& channel) { writer.write(channelJson(channel)); });
+    });
+  };
+  writer.write({{"file", file},
+                {"size", info.size},
+                {"version", info.versionText},
+                {"program", info.program},
+                {"start_time_ns", info.startTimeNs},
+                {"groups", nlohmann::ordered_json::array()}},
+               "groups", [&] { forEachGroup(reader, writeGroup); });
+  out.write('\n');
 }
 
 // "2021-07-26T04:34:14.5Z": a fraction only as far as there is one.
@@ -208,10 +262,12 @@ std::size_t width(const std::string& text) {
       std::ranges::count_if(text, [](char c) { return (c & '\xC0') != '\x80'; }));
 }
 
-// Rows of cells in aligned columns.
+// Rows of cells in aligned columns below a head; nothing without rows.
 class Table {
  public:
   using Row = std::array<std::string, 5>;
+
+  explicit Table(Row head) { add(std::move(head)); }
 
   void add(Row row) {
     for (std::size_t i = 0; i < row.size(); ++i) {
@@ -221,6 +277,9 @@ class Table {
   }
   std::string text() const {
     std::string text;
+    if (rows_.size() == 1) {
+      return text;
+    }
     for (const Row& row : rows_) {
       text += "  ";
       for (std::size_t i = 0; i < row.size(); ++i) {
@@ -238,41 +297,44 @@ class Table {
   std::array<std::size_t, std::tuple_size_v<Row>> widths_{};
 };
 
-std::string groupText(const Group& group) {
-  std::string text = fmt::format("\ndg {} cg {}", group.info.dgIndex, group.info.cgIndex);
-  if (!group.info.name.empty()) {
-    text += "  " + printable(group.info.name);
-  }
-  text += fmt::format("\n  {} records of {} bytes", group.info.recordCount, group.info.recordSize);
-  if (group.duration) {
-    text += fmt::format(", {:.3f} s", *group.duration);
-  }
-  text += group.info.unsorted ? ", unsorted\n" : "\n";
-  Table table;
-  table.add({"NAME", "UNIT", "TYPE", "BITS", "CONVERSION"});
-  for (const Channel& channel : group.channels) {
-    table.add({printable(channel.attributes.name), printable(channel.description.unit),
-               typeText(channel), fmt::format("{}", channel.attributes.bitCount),
-               conversionText(channel.description)});
-  }
-  return text + (group.channels.empty() ? "" : table.text());
+// A text of a file as a table or a line shows it.
+std::string cell(const std::string& text) {
+  return printable(shortened(text, kLongestInTable));
 }
 
-std::string plainText(const std::string& file, const MdfFileInfo& info,
-                      const std::vector<Group>& groups) {
-  std::string text = fmt::format(
-      "{}\n"
-      "  size     {} bytes\n"
-      "  version  {}\n"
-      "  program  {}\n"
-      "  start    {}\n"
-      "  groups   {}\n",
-      printable(file), info.size, printable(info.versionText), printable(info.program),
-      timeText(info.startTimeNs), groups.size());
-  for (const Group& group : groups) {
-    text += groupText(group);
+std::string groupText(MdfSigReader& reader, const MdfGroupInfo& group) {
+  std::string text = fmt::format("\ndg {} cg {}", group.dgIndex, group.cgIndex);
+  if (!group.name.empty()) {
+    text += "  " + cell(group.name);
   }
-  return text;
+  text += fmt::format("\n  {} records of {} bytes", group.recordCount, group.recordSize);
+  if (const std::optional<double> duration = durationOf(reader, group)) {
+    text += fmt::format(", {:.3f} s", *duration);
+  }
+  text += group.unsorted ? ", unsorted\n" : "\n";
+  Table table({"NAME", "UNIT", "TYPE", "BITS", "CONVERSION"});
+  forEachChannel(reader, group, [&](const Channel& channel) {
+    table.add({cell(channel.attributes.name), cell(channel.description.unit), typeText(channel),
+               fmt::format("{}", channel.attributes.bitCount),
+               conversionText(channel.description)});
+  });
+  return text + table.text();
+}
+
+void writeText(Output& out, const std::string& file, MdfSigReader& reader) {
+  const MdfFileInfo info = reader.getFileInfo();
+  std::size_t groups = 0;
+  forEachGroup(reader, [&](const MdfGroupInfo&) { ++groups; });
+  out.write(
+      fmt::format("{}\n"
+                  "  size     {} bytes\n"
+                  "  version  {}\n"
+                  "  program  {}\n"
+                  "  start    {}\n"
+                  "  groups   {}\n",
+                  printable(file), info.size, printable(info.versionText), printable(info.program),
+                  timeText(info.startTimeNs), groups));
+  forEachGroup(reader, [&](const MdfGroupInfo& group) { out.write(groupText(reader, group)); });
 }
 
 int info(const InfoOptions& options) {
@@ -282,11 +344,12 @@ int info(const InfoOptions& options) {
   if (!openOrComplain(reader, options.file)) {
     return kFailed;
   }
-  const std::vector<Group> groups = listGroups(reader);
-  const MdfFileInfo file = reader.getFileInfo();
   Output out;
-  out.write(options.format == "json" ? jsonText(options.file, file, groups)
-                                     : plainText(options.file, file, groups));
+  if (options.format == "json") {
+    writeJson(out, options.file, reader);
+  } else {
+    writeText(out, options.file, reader);
+  }
   return finish(out, reader, options.file, kDone);
 }
 
