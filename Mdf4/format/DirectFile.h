@@ -65,7 +65,7 @@ class DirectFile {
     try {
       writeError_ = describe();
     } catch (const std::bad_alloc&) {
-      writeError_ = "no memory";  // a string holds this much itself
+      writeError_ = "out of memory";  // a string holds this much itself
     }
   }
 

@@ -1,29 +1,20 @@
 #include "Mdf4/format/Inflater.h"
 
-#include <zlib.h>
-
 #include <algorithm>
 #include <limits>
 #include <new>
 
+#include "Mdf4/format/InflateStream.h"
+
 namespace tolvex {
 
-struct Inflater::Stream {
-  z_stream z = {};
-  bool ready = false;
-};
+Inflater::Inflater() : stream_(std::make_unique<InflateStream>()) {}
 
-Inflater::Inflater() : stream_(std::make_unique<Stream>()) {
-  stream_->ready = inflateInit(&stream_->z) == Z_OK;
-}
-
-Inflater::~Inflater() {
-  if (stream_->ready) inflateEnd(&stream_->z);
-}
+Inflater::~Inflater() = default;
 
 std::optional<std::uint64_t> Inflater::inflate(ByteSpan compressed, WritableBytes out) {
   z_stream& z = stream_->z;
-  if (!stream_->ready || inflateReset(&z) != Z_OK) return std::nullopt;
+  if (inflateReset(&z) != Z_OK) return std::nullopt;
   // zlib counts in 32 bits: longer data are handed over in pieces.
   constexpr std::size_t kPiece = std::numeric_limits<uInt>::max();
   std::uint8_t nothing = 0;
@@ -44,7 +35,7 @@ std::optional<std::uint64_t> Inflater::inflate(ByteSpan compressed, WritableByte
       outLeft -= z.avail_out;
     }
     const bool last = inLeft == 0 && outLeft == 0;
-    result = ::inflate(&z, last ? Z_FINISH : Z_NO_FLUSH);
+    result = stream_->inflate(last ? Z_FINISH : Z_NO_FLUSH);
   }
   if (result != Z_STREAM_END) return std::nullopt;
   return out.size() - outLeft - z.avail_out;

@@ -9,6 +9,8 @@
 
 namespace tolvex {
 
+class InflateStream;
+
 // No deflate stream of `compressed` bytes inflates to more than this.
 constexpr std::uint64_t mostInflated(std::uint64_t compressed) {
   constexpr std::uint64_t kRatio = 1032;
@@ -25,12 +27,11 @@ class Inflater {
   ~Inflater();
 
   // The bytes put into `out` when `compressed` is one whole zlib stream that fits into it; nothing
-  // for any other.
+  // for any other. Throws std::bad_alloc, and may then be called again.
   std::optional<std::uint64_t> inflate(ByteSpan compressed, WritableBytes out);
 
  private:
-  struct Stream;
-  std::unique_ptr<Stream> stream_;
+  std::unique_ptr<InflateStream> stream_;
 };
 
 // A byte buffer that grows without clearing, and says so when it cannot.

@@ -133,9 +133,10 @@ bool ResultFile::publish() {
   if (!close()) return false;
   if (temporary_.empty()) return true;
   if (isLocked(path_)) return fail(kLocked);
+  const fs::path folder = folderOf(path_);  // before the name is taken, as memory may run out
   if (::rename(temporary_.c_str(), path_.c_str()) != 0) return fail(errno);
   temporary_.clear();
-  return flushFolder(folderOf(path_)) || fail(errno);
+  return flushFolder(folder) || fail(errno);
 }
 
 void ResultFile::discard() {

@@ -28,12 +28,7 @@ DataWriter::DataWriter(DirectFile& file, std::uint16_t type, std::uint64_t unit,
 std::uint8_t* DataWriter::room(std::uint64_t bytes) {
   if (bytes > capacity_ - used_) {
     const std::uint64_t wanted = std::max({used_ + bytes, 2 * capacity_, kSmallestBuffer});
-    std::unique_ptr<std::uint8_t[]> bigger(new (std::nothrow) std::uint8_t[wanted]);
-    if (bigger == nullptr) {
-      file_.noteWriteError([] { return "no memory for a data block"; });
-      failed_ = true;
-      return nullptr;
-    }
+    std::unique_ptr<std::uint8_t[]> bigger(new std::uint8_t[wanted]);
     if (used_ != 0) std::memcpy(bigger.get(), buffer_.get(), used_);
     buffer_ = std::move(bigger);
     capacity_ = wanted;
@@ -48,9 +43,7 @@ bool DataWriter::commit(std::uint64_t bytes) {
 }
 
 bool DataWriter::append(ByteSpan bytes) {
-  std::uint8_t* const place = room(bytes.size());
-  if (place == nullptr) return false;
-  std::copy(bytes.begin(), bytes.end(), place);
+  std::copy(bytes.begin(), bytes.end(), room(bytes.size()));
   return commit(bytes.size());
 }
 

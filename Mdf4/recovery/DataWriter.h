@@ -18,7 +18,7 @@ class DataWriter {
   // Blocks of kind `type` that hold about `sizes.block` bytes, and only whole units of `unit`.
   DataWriter(DirectFile& file, std::uint16_t type, std::uint64_t unit, const WorkSizes& sizes);
 
-  // Where to put the next `bytes`; null when there is no memory. They count from commit on.
+  // Where to put the next `bytes`, which count from commit on.
   std::uint8_t* room(std::uint64_t bytes);
   bool commit(std::uint64_t bytes);
   bool append(ByteSpan bytes);

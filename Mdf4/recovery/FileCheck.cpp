@@ -5,6 +5,7 @@
 #include <exception>
 #include <map>
 #include <memory>
+#include <new>
 #include <queue>
 #include <string_view>
 #include <utility>
@@ -335,7 +336,9 @@ MdfCheckReport checkFile(const std::string& path, const MdfProgress& progress,
     } else {
       report.failure = file.openError();
     }
-  } catch (const std::exception& error) {  // out of memory, mostly
+  } catch (const std::bad_alloc&) {
+    report.failure = "out of memory";
+  } catch (const std::exception& error) {
     report.failure = error.what();
   } catch (...) {
     report.failure = "the check was broken off";

@@ -1,27 +1,17 @@
 #include "Mdf4/recovery/FileCheckInflate.h"
 
-#include <zlib.h>
-
 #include <algorithm>
 #include <cinttypes>
 
 #include "Mdf4/format/Diagnostics.h"
+#include "Mdf4/format/InflateStream.h"
 
 namespace tolvex {
 
-struct PieceInflater::Stream {
+struct PieceInflater::Stream : InflateStream {
   explicit Stream(std::uint64_t pieceSize)
-      : in(new std::uint8_t[pieceSize]), out(new std::uint8_t[pieceSize]) {
-    ready = inflateInit(&z) == Z_OK;
-  }
-  Stream(const Stream&) = delete;
-  Stream& operator=(const Stream&) = delete;
-  ~Stream() {
-    if (ready) inflateEnd(&z);
-  }
+      : in(new std::uint8_t[pieceSize]), out(new std::uint8_t[pieceSize]) {}
 
-  z_stream z = {};
-  bool ready = false;
   std::unique_ptr<std::uint8_t[]> in;
   std::unique_ptr<std::uint8_t[]> out;
 };
@@ -35,7 +25,7 @@ std::string PieceInflater::inflate(std::uint64_t position, std::uint64_t length,
                                    std::uint64_t expected, const Piece& piece) {
   if (stream_ == nullptr) stream_ = std::make_unique<Stream>(pieceSize_);
   z_stream& z = stream_->z;
-  if (!stream_->ready || inflateReset(&z) != Z_OK) return "no memory to inflate it";
+  inflateReset(&z);
   z.avail_in = 0;
   std::uint64_t done = 0;
   int result = Z_OK;
@@ -53,7 +43,7 @@ std::string PieceInflater::inflate(std::uint64_t position, std::uint64_t length,
     }
     z.next_out = stream_->out.get();
     z.avail_out = static_cast<uInt>(pieceSize_);
-    result = ::inflate(&z, Z_NO_FLUSH);
+    result = stream_->inflate(Z_NO_FLUSH);
     const std::uint64_t made = pieceSize_ - z.avail_out;
     const std::uint64_t wanted = std::min(made, expected - std::min(expected, done));
     if (piece && wanted != 0) piece(ByteSpan(stream_->out.get(), wanted));

@@ -123,7 +123,7 @@ MdfRecoveryReport recoverFile(const std::string& input, const std::string& outpu
   try {
     return recover(input, output, options, sizes);
   } catch (const std::bad_alloc&) {
-    report.failure = "no memory";
+    report.failure = "out of memory";
   } catch (const BeyondLimit& stop) {
     report.failure = stop.what();
     report.beyondLimit = true;

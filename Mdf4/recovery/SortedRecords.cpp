@@ -118,7 +118,6 @@ bool SortedRecords::takePiece(RecordBytes& bytes, std::uint64_t count, std::uint
                               std::uint64_t& got) {
   if (!oneByOne_ && skip_ == 0) {
     std::uint8_t* const place = records_.room(count);
-    if (place == nullptr) return false;
     got = bytes.readSome(count, place);
     if (position == 0 || !findHole({place, got}, 0, position)) {
       offset_ += got;
