@@ -45,19 +45,20 @@ FileBuilder bomb(std::size_t blocks) {
   return file;
 }
 
-// While it lives, files that this process and its children write can grow to so many bytes.
-class FileSizeLimit {
+// While it lives, this process and its children get no more of a resource.
+class ResourceLimit {
  public:
-  explicit FileSizeLimit(rlim_t bytes) {
-    ::getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit limited = {bytes, before_.rlim_max};
-    ::setrlimit(RLIMIT_FSIZE, &limited);
+  ResourceLimit(decltype(RLIMIT_AS) resource, rlim_t most) : resource_(resource) {
+    ::getrlimit(resource_, &before_);
+    const rlimit limited = {most, before_.rlim_max};
+    ::setrlimit(resource_, &limited);
   }
-  ~FileSizeLimit() { ::setrlimit(RLIMIT_FSIZE, &before_); }
-  FileSizeLimit(const FileSizeLimit&) = delete;
-  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+  ~ResourceLimit() { ::setrlimit(resource_, &before_); }
+  ResourceLimit(const ResourceLimit&) = delete;
+  ResourceLimit& operator=(const ResourceLimit&) = delete;
 
  private:
+  const decltype(RLIMIT_AS) resource_;
   rlimit before_ = {};
 };
 
@@ -149,7 +150,7 @@ TEST_F(OutputTest, LeavesEverythingAsItWasWhenAResultCannotBeWritten) {
     runTolvex(arguments + " --max-output " + limit, 1, "--max-output");
     EXPECT_EQ(names(), before);
     {
-      const FileSizeLimit full(512);
+      const ResourceLimit full(RLIMIT_FSIZE, 512);
       runTolvex(arguments, 1, "File too large");
     }
     EXPECT_EQ(names(), before);
@@ -176,6 +177,27 @@ TEST_F(OutputTest, CountsAllThatACommandWritesAgainstItsLimit) {
     runTolvex(limited(size - 1), 1, std::to_string(size - 1) + " bytes");
   }
 }
+
+#ifndef TOLVEX_SANITIZED
+TEST_F(OutputTest, HoldsALongNameOnceHoweverManyHaveIt) {
+  constexpr std::size_t kMany = 500;
+  FileBuilder file;
+  const Link name = file.tx(std::string(1 << 20, 'n'));
+  const Cn channel = {.name = "x", .byteOffset = 8};
+  for (std::size_t i = 0; i < kMany; ++i) {
+    file.signalGroup(std::vector<Cn>(i == 0 ? kMany : 1, channel), {.name = "g"}, 0);
+  }
+  for (const Link block : file.blocks()) {
+    if (file.isA(block, "CN") || file.isA(block, "CG")) file.setLink(block, 2, name);
+  }
+  const std::string path = file.write();
+  const ResourceLimit memory(RLIMIT_AS, rlim_t{300} << 20);
+  runTolvex("info " + path, 0);
+  runTolvex("info --format json " + path, 0);
+  runTolvex("export --max-output 1 --dg 0 " + path, 1, "limit of 1 bytes");
+  runTolvex("export --max-output 1 -o " + dir_.path("out") + ' ' + path, 1, "limit of 1 bytes");
+}
+#endif
 
 TEST_F(OutputTest, OfTwoRecoveriesIntoOneFileTheLastWins) {
   const std::string out = dir_.path("out.mf4");

@@ -105,17 +105,21 @@ void writeCsvText(Output& out, std::string_view text, bool safe) {
 }
 
 CsvColumn::CsvColumn(MdfSigReader& reader, int dg, int cg, int cn, const CsvOptions& options)
-    : reader_(reader),
-      dg_(dg),
-      cg_(cg),
-      cn_(cn),
-      options_(options),
-      name_(reader.getCNName(dg, cg, cn)) {
+    : reader_(reader), dg_(dg), cg_(cg), cn_(cn), options_(options) {
   reader.getCCInfo(dg, cg, cn, description_);
+  for (std::string* text : {&description_.name, &description_.unit, &description_.comment}) {
+    std::string().swap(*text);  // gives its memory back, as an assignment does not
+  }
   kind_ = kindOf(description_, reader.getSigAttr(dg, cg, cn).bitCount, options.raw);
   hasInvalidSamples_ = (description_.flags & (kAllInvalid | kInvalidationBit)) != 0;
   // Validity is read from the record's invalidation bytes, never from the value itself.
   description_.flags &= ~kInvalidationBit;
+}
+
+std::string CsvColumn::title() const {
+  MdfSigCCInfo description;
+  reader_.getCCInfo(dg_, cg_, cn_, description);
+  return description.unit.empty() ? name() : fmt::format("{} [{}]", name(), description.unit);
 }
 
 CsvColumn::Kind CsvColumn::kindOf(const MdfSigCCInfo& description, std::uint32_t bitCount,

@@ -27,8 +27,8 @@ class CsvColumn {
  public:
   CsvColumn(MdfSigReader& reader, int dg, int cg, int cn, const CsvOptions& options);
 
-  const std::string& name() const { return name_; }
-  const std::string& unit() const { return description_.unit; }
+  std::string name() const { return reader_.getCNName(dg_, cg_, cn_); }
+  std::string title() const;  // "name [unit]"
   bool isMasterTime() const;
 
   // `index`: the record's number in its group.
@@ -48,8 +48,7 @@ class CsvColumn {
   int cg_;
   int cn_;
   CsvOptions options_;
-  std::string name_;
-  MdfSigCCInfo description_;
+  MdfSigCCInfo description_;  // without its texts: many channels may share one long name
   Kind kind_;
   bool hasInvalidSamples_;
   std::string text_;  // scratch

@@ -65,14 +65,10 @@ bool hasWanted(const Columns& columns, const ExportOptions& options) {
 }
 
 void writeHeader(Output& out, const Columns& columns, bool safe) {
-  const auto title = [](const CsvColumn& column) {
-    return column.unit().empty() ? column.name()
-                                 : fmt::format("{} [{}]", column.name(), column.unit());
-  };
-  writeCsvText(out, columns.time ? title(*columns.time) : "record", safe);
+  writeCsvText(out, columns.time ? columns.time->title() : "record", safe);
   for (const CsvColumn& column : columns.values) {
     out.write(',');
-    writeCsvText(out, title(column), safe);
+    writeCsvText(out, column.title(), safe);
   }
   out.write('\n');
 }
@@ -156,14 +152,20 @@ ExitCode openOutput(Output& out, const std::string& path, const std::string& inp
   return kFailed;
 }
 
+// A group, without its texts: many groups may share one long name.
+struct GroupPlace {
+  int dg;
+  int cg;
+};
+
 // Complains about the first wanted channel that none of `groups` has.
-bool channelsExist(MdfSigReader& reader, const std::vector<MdfGroupInfo>& groups,
+bool channelsExist(MdfSigReader& reader, const std::vector<GroupPlace>& groups,
                    const ExportOptions& options) {
   std::set<std::string> missing(options.channels.begin(), options.channels.end());
-  for (const MdfGroupInfo& group : groups) {
-    const int count = reader.getCNCount(group.dgIndex, group.cgIndex);
+  for (const GroupPlace& group : groups) {
+    const int count = reader.getCNCount(group.dg, group.cg);
     for (int cn = 0; cn < count && !missing.empty(); ++cn) {
-      missing.erase(reader.getCNName(group.dgIndex, group.cgIndex, cn));
+      missing.erase(reader.getCNName(group.dg, group.cg, cn));
     }
   }
   if (!missing.empty()) {
@@ -179,7 +181,8 @@ int exportOne(MdfSigReader& reader, const ExportOptions& options) {
              fmt::format("no data group {} with a channel group {}", *options.dg, options.cg));
     return kFailed;
   }
-  if (complainIfUnsorted(group, options.file) || !channelsExist(reader, {group}, options)) {
+  if (complainIfUnsorted(group, options.file) ||
+      !channelsExist(reader, {{*options.dg, options.cg}}, options)) {
     return kFailed;
   }
   OutputBudget budget = budgetFor(options.maxOutput, options.file);
@@ -210,20 +213,20 @@ std::string fileNameOf(const MdfGroupInfo& group) {
   return name + ".csv";
 }
 
-std::vector<MdfGroupInfo> listGroups(MdfSigReader& reader) {
-  std::vector<MdfGroupInfo> groups;
+std::vector<GroupPlace> listGroups(MdfSigReader& reader) {
+  std::vector<GroupPlace> groups;
   const int dataGroups = reader.getDGCount();
   for (int dg = 0; dg < dataGroups; ++dg) {
     MdfGroupInfo group;
     for (int cg = 0; reader.getGroupInfo(dg, cg, group); ++cg) {
-      groups.push_back(group);
+      groups.push_back({dg, cg});
     }
   }
   return groups;
 }
 
 int exportAll(MdfSigReader& reader, const ExportOptions& options) {
-  const std::vector<MdfGroupInfo> groups = listGroups(reader);
+  const std::vector<GroupPlace> groups = listGroups(reader);
   if (!channelsExist(reader, groups, options)) {
     return kFailed;
   }
@@ -237,7 +240,9 @@ int exportAll(MdfSigReader& reader, const ExportOptions& options) {
   ExitCode soFar = kDone;
   OutputBudget budget = budgetFor(options.maxOutput, options.file);
   std::deque<Output> files;  // get their names together
-  for (const MdfGroupInfo& group : groups) {
+  for (const GroupPlace& place : groups) {
+    MdfGroupInfo group;
+    reader.getGroupInfo(place.dg, place.cg, group);
     if (complainIfUnsorted(group, options.file)) {
       soFar = kLost;
       continue;

@@ -46,7 +46,7 @@ void Output::write(std::string_view text) {
 
 bool Output::complete() {
   flush();
-  buffer_ = {};
+  buffer_ = std::vector<char>();  // its memory too: many files may wait for their names
   if (good() && !file_.close()) {
     error_ = file_.error();
   }
