@@ -112,6 +112,8 @@ bool DataChain::next(ChainBlock& block) {
         next_ = 0;  // there may be more, nobody knows where
         block = {};
         block.position = list;
+        block.elsewhere = true;
+        block.ends = true;
         return true;
       }
     }
@@ -126,9 +128,12 @@ bool DataChain::next(ChainBlock& block) {
 bool DataChain::enter(std::uint64_t position, ChainBlock& block) {
   block = {};
   block.position = position;
+  block.elsewhere = true;
+  block.ends = true;
   BlockHeader header;
   if (!readSoundHeader(file_, position, header) || !isDataList(header.type)) {
     settle(block, 0);
+    block.elsewhere = block.kind == ChainBlock::Missing && !isUnwritten(position);
     return true;
   }
   if (header.type == block_type::kHL) {
@@ -205,6 +210,7 @@ bool DataChain::nextEntry(ChainBlock& block) {
   if (block.position == 0 && columns_) return false;
   settle(block, expectedBytes(index));
   block.uncounted = index >= counted_;
+  block.elsewhere = block.kind == ChainBlock::Missing && !isUnwritten(block.position);
   return block.kind == ChainBlock::Data || !block.uncounted;
 }
 
@@ -224,6 +230,11 @@ bool DataChain::beginsWithZeros(std::uint64_t position) const {
   const std::uint64_t count = std::min<std::uint64_t>(bytes.size(), file_.end() - position);
   return file_.ReadAt(position, count, bytes.data()) &&
          std::all_of(bytes.begin() + kKind, bytes.end(), [](std::uint8_t b) { return b == 0; });
+}
+
+// Whether a block that is missing at the position never came to it, or was lost there.
+bool DataChain::isUnwritten(std::uint64_t position) const {
+  return position >= file_.end() || beginsWithZeros(position);
 }
 
 // Finds out how much data the block holds when its list expects `expected` bytes, 0: any.

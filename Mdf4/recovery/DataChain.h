@@ -29,6 +29,8 @@ struct ChainBlock {
   bool cut = false;         // the file ends, or another block begins, where it should go on
   bool headless = false;    // its header cannot be read: it has room for `bytes`, by its list
   bool uncounted = false;  // no list counts it: the process that wrote it may have been killed then
+  bool elsewhere = false;  // it is missing, and may be at another place: the link is damaged
+  bool ends = false;       // if it is missing, so is the rest of the chain
   bool columns = false;    // named by an LD: records without their invalidation bytes
   std::uint64_t marks = 0;  // position of the block of invalidation bytes beside it, or 0
 };
@@ -52,6 +54,7 @@ class DataChain {
   bool readNumber(std::uint64_t index, std::uint64_t& value) const;
   void settle(ChainBlock& block, std::uint64_t expected);
   void settleHeadless(ChainBlock& block) const;
+  bool isUnwritten(std::uint64_t position) const;
   bool beginsWithZeros(std::uint64_t position) const;
   bool followedByBlock(std::uint64_t end) const;
 

@@ -72,12 +72,16 @@ bool DataSurvey::take(const Walker& walker, const ChainBlock& block, std::uint64
   DataRun::Chain& chain = run.chains[walker.chain];
   if (block.kind == ChainBlock::Missing) {
     run.broken = true;
+    if (block.elsewhere) run.openFrom = 0;
+    if (block.ends) run.openFrom = std::min(run.openFrom, block.position);
+    if (!block.elsewhere) run.lastNamed = std::max(run.lastNamed, block.position);
     ++chain.steps;
     return true;
   }
   if (block.kind == ChainBlock::List) {
     if (!owned_.add(block.position, block.position + block.size)) {
       run.broken = true;
+      run.openFrom = 0;
       return false;
     }
     if (walker.blocks.equalLength() != 0) run.equalLength = walker.blocks.equalLength();
@@ -99,6 +103,7 @@ bool DataSurvey::take(const Walker& walker, const ChainBlock& block, std::uint64
   ++chain.steps;
   if (room < kBlockHeaderSize || !owned_.add(taken.position, taken.position + taken.size)) {
     chain.bytes[chain.steps - 1] = 0;
+    run.openFrom = 0;
     return true;
   }
   if (block.cut) run.broken = true;
@@ -106,6 +111,7 @@ bool DataSurvey::take(const Walker& walker, const ChainBlock& block, std::uint64
   if (run.last && run.last->position > taken.position) run.ascending = false;
   if (!run.first) run.first = taken;
   run.last = taken;
+  run.lastNamed = std::max(run.lastNamed, taken.position);
   run.lastChain = walker.chain;
   run.lastStep = chain.steps - 1;
   run.bytes += taken.bytes;

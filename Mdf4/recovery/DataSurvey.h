@@ -20,15 +20,19 @@ struct DataRun {
     std::map<std::uint64_t, std::uint64_t> bytes;  // by step, where the block's own claim is wrong;
                                                    // 0: the block belongs to another chain
   };
-  std::vector<Chain> chains;      // those behind the first were found, in the order of the file
-  std::vector<ChainBlock> loose;  // blocks that no list names, in the order of the file
-  bool ascending = true;          // the chains lead from front to back
-  bool broken = false;            // a list or a block is missing
-  std::uint64_t bytes = 0;        // of data, loose ones included
+  static constexpr std::uint64_t kNowhere = ~std::uint64_t{0};
+
+  std::vector<Chain> chains;          // those behind the first were found, in the order of the file
+  std::vector<ChainBlock> loose;      // blocks that no list names, in the order of the file
+  bool ascending = true;              // the chains lead from front to back
+  bool broken = false;                // a list or a block is missing
+  std::uint64_t openFrom = kNowhere;  // from where on parts may stand that no list names
+  std::uint64_t bytes = 0;            // of data, loose ones included
   std::uint64_t blocks = 0;
   std::uint64_t equalLength = 0;
   std::uint64_t lastList = 0;  // its position; 0: no list
   std::uint64_t lastListEnd = 0;
+  std::uint64_t lastNamed = 0;  // the last place of a block that is named
   std::optional<ChainBlock> first;
   std::optional<ChainBlock> last;
   std::size_t lastChain = 0;  // where it is listed

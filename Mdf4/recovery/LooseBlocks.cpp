@@ -3,12 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <cinttypes>
-#include <cmath>
 #include <string>
+#include <utility>
 
-#include "Mdf4/format/BlockLoader.h"
 #include "Mdf4/format/Diagnostics.h"
-#include "Mdf4/reader/ChannelDescription.h"
 #include "Mdf4/recovery/LinkRules.h"
 #include "Mdf4/recovery/RecoveryNotes.h"
 
@@ -20,6 +18,12 @@ constexpr std::uint64_t kLargestRecord = 1 << 20;  // bytes that are looked at
 
 bool isRecordBlock(std::uint16_t type) {
   return type == block_type::kDT || type == block_type::kDV || type == block_type::kDZ;
+}
+
+// Whether the position is where a block is put behind the end of another one.
+bool isBehind(std::uint64_t position, std::uint64_t end) {
+  constexpr std::uint64_t kPadding = 2 * kAlignment;
+  return position >= end && position - end < kPadding;
 }
 
 std::uint64_t bitsOf(const std::vector<std::uint8_t>& record, const RecordField& field) {
@@ -114,41 +118,20 @@ bool LooseBlocks::readRecord(const SourceGroup& group, const ChainBlock& block,
   return in_.ReadAt(block.position + kBlockHeaderSize + number * size, size, record.data());
 }
 
-bool LooseBlocks::sameBus(const SourceGroup& group, const ChainBlock& a, const ChainBlock& b) {
+// Whether the blocks are of one source. Records that are lost do not tell.
+LooseBlocks::Claim LooseBlocks::sameBus(const SourceGroup& group, const ChainBlock& a,
+                                        const ChainBlock& b) {
   std::vector<std::uint8_t> first;
   std::vector<std::uint8_t> second;
-  if (!readRecord(group, a, 0, first) || !readRecord(group, b, 0, second)) return false;
-  return bitsOf(first, group.busChannel) == bitsOf(second, group.busChannel) &&
-         bitsOf(first, group.direction) == bitsOf(second, group.direction);
-}
-
-std::optional<LooseBlocks::Times> LooseBlocks::timesOf(const SourceGroup& group,
-                                                       const ChainBlock& block) {
-  if (group.master == 0 || !isPlainData(block.type)) return std::nullopt;
-  const auto [entry, isNew] = masters_.try_emplace(group.master);
-  if (isNew) {
-    const auto channel = loadBlockAs<M4CNBlock>(in_, group.master);
-    ChannelTexts numbers;
-    auto conversion = std::make_shared<Conversion>();
-    if (channel == nullptr) return std::nullopt;
-    if (loadConversionNumbers(in_, channel->link(link::cn_cc_conversion), *conversion) != nullptr) {
-      numbers.conversion = std::move(conversion);
+  for (const auto& [block, record] : {std::pair(&a, &first), std::pair(&b, &second)}) {
+    if (!readRecord(group, *block, 0, *record) ||
+        std::ranges::all_of(*record, [](std::uint8_t byte) { return byte == 0; })) {
+      return Claim::Possible;
     }
-    entry->second = describeChannel(*channel, numbers, Tables::With);
   }
-  const std::uint64_t records = block.bytes / group.recordSize();
-  if (records == 0) return std::nullopt;
-  Times times;
-  std::vector<std::uint8_t> record;
-  std::string text;
-  if (!readRecord(group, block, 0, record) ||
-      !entry->second.convertToPhysical(record.data(), record.size(), times.first, text) ||
-      !readRecord(group, block, records - 1, record) ||
-      !entry->second.convertToPhysical(record.data(), record.size(), times.last, text)) {
-    return std::nullopt;
-  }
-  if (records > 1) times.spacing = (times.last - times.first) / static_cast<double>(records - 1);
-  return times;
+  const bool same = bitsOf(first, group.busChannel) == bitsOf(second, group.busChannel) &&
+                    bitsOf(first, group.direction) == bitsOf(second, group.direction);
+  return same ? Claim::Certain : Claim::None;
 }
 
 // Whether another group holds the same kind of frames: then each has those of one source.
@@ -159,88 +142,84 @@ bool LooseBlocks::sharesItsLayout(const SourceGroup& group) const {
   });
 }
 
-// How well a block goes with a sorted group whose blocks hold `expected` bytes, but for the last;
-// nothing when it does not.
-std::optional<LooseBlocks::Rank> LooseBlocks::rankOf(const SourceGroup& group, const DataRun& run,
-                                                     const ChainBlock& block,
-                                                     std::uint64_t expected) {
+// Whether a block is the group's. Its blocks, and all those of its list if it `isListed`, hold
+// `expected` bytes but for the last.
+LooseBlocks::Claim LooseBlocks::claimOf(const SourceData& data, const DataRun& run,
+                                        const ChainBlock& block, std::uint64_t expected,
+                                        bool isListed) {
+  const bool hasLink = !isListed || data.dataLink != 0;
+  if (hasLink && !misses(data, run)) return Claim::None;
+  const std::uint64_t end = std::max(run.lastNamed, run.lastList);
+  if (block.position < std::min(run.openFrom, end)) return Claim::None;
+  const SourceGroup* const group = sortedGroup(data);
+  if (group == nullptr) return Claim::Possible;
+
   constexpr std::uint64_t kRecordsPerBlock = 512;  // as tolvex records
-  const std::uint64_t size = group.recordSize();
-  const std::uint64_t counted = group.record.cg_cycle_count;
-  const std::uint64_t records = (run.bytes + block.bytes) / size;
-  if (expected < size) return std::nullopt;
-  Rank rank;
-  if (run.equalLength != 0) {
-    rank.full = expected == run.equalLength;
-    if (!rank.full && (expected > run.equalLength || expected % size != 0)) return std::nullopt;
-  } else {
-    // Its lists are lost. It may end in a shorter block.
-    rank.full = expected == kRecordsPerBlock * size;
-    const bool isLast = run.blocks != 0 && expected < kRecordsPerBlock * size;
-    if (counted != 0 ? records > counted : !rank.full && !isLast) return std::nullopt;
-    if (!rank.full && expected % size != 0) return std::nullopt;
+  const std::uint64_t size = group->recordSize();
+  const std::uint64_t counted = group->record.cg_cycle_count;
+  const std::uint64_t records = (run.bytes + expected) / size;
+  // A chain that has an end lacks no list.
+  const bool hasEnd = run.lastList != 0 && run.openFrom == DataRun::kNowhere;
+  if (isListed && hasEnd && counted == 0) return Claim::None;
+  if (expected < size || expected % size != 0 || (counted != 0 && records > counted)) {
+    return Claim::None;
   }
-  if (run.first && (group.busChannel.bits != 0 || group.direction.bits != 0)) {
-    rank.sameBus = sameBus(group, *run.first, block);
-    if (!rank.sameBus && sharesItsLayout(group)) return std::nullopt;
+  if (counted != 0 && records == counted) return Claim::Certain;
+  const std::uint64_t full = run.equalLength != 0 ? run.equalLength : kRecordsPerBlock * size;
+  if (run.equalLength != 0 && expected > full) return Claim::None;
+  const bool isFirst = run.lastList != 0 && (!run.last || run.last->position < run.lastList);
+  if (isFirst && isBehind(block.position, run.lastListEnd)) return Claim::Certain;
+  // A shorter block is the last one, and what the recording counted at its end tells how long it
+  // is.
+  if (expected != full && expected != counted * size % full) return Claim::None;
+  if (run.first && (group->busChannel.bits != 0 || group->direction.bits != 0) &&
+      sharesItsLayout(*group)) {
+    return sameBus(*group, *run.first, block);
   }
-  // The first block of a list is put directly behind it.
-  constexpr std::uint64_t kPadding = 2 * kAlignment;
-  rank.behindList = run.lastList != 0 && (!run.last || run.last->position < run.lastList) &&
-                    block.position >= run.lastListEnd &&
-                    block.position - run.lastListEnd < kPadding;
-  rank.complete = counted != 0 && counted == records;
-  const std::optional<Times> times = timesOf(group, block);
-  const std::optional<Times> before = run.last ? timesOf(group, *run.last) : std::nullopt;
-  rank.rises = !times || times->last >= times->first;
-  if (times && before) {
-    const bool paced = times->spacing > 0 && before->spacing > 0;
-    const double slower = paced ? std::abs(std::log2(times->spacing / before->spacing)) : 0;
-    const double pause = times->first - before->last;
-    rank.goesOn = pause >= 0 && slower < 1;
-    rank.nearness = -std::abs(pause);
-  }
-  if (run.last) rank.waiting = -static_cast<double>(run.last->position);
-  return rank;
+  return Claim::Possible;
 }
 
-// The data group that a block belongs to.
+// The data group that a block belongs to; nothing when more than one may be it.
 std::optional<std::size_t> LooseBlocks::ownerOf(const ChainBlock& block, std::uint64_t expected,
-                                                const std::vector<std::size_t>& runs) {
+                                                const std::vector<std::size_t>& runs,
+                                                bool isListed) {
   constexpr std::uint64_t kMostEffort = 20'000'000;
   effort_ += runs.size();
   if (effort_ > kMostEffort) return std::nullopt;
-  std::optional<std::size_t> owner;
-  Rank best;
+  Claim best = Claim::None;
+  std::size_t owner = 0;
+  std::size_t equals = 0;
   for (std::size_t i = 0; i < runs.size(); ++i) {
-    const SourceData& data = tree_.data()[i];
-    const DataRun& run = survey_.runs()[runs[i]];
-    if (!misses(data, run)) continue;
-    if (!run.broken && run.last && block.position < run.last->position) continue;
-    if (!run.broken && block.position < run.lastList) continue;
-    std::optional<Rank> rank;
-    if (const SourceGroup* const group = sortedGroup(data)) {
-      rank = rankOf(*group, run, block, expected);
-    } else {
-      rank.emplace().nearness = -static_cast<double>(block.position - run.lastList);
-    }
-    if (!rank || (owner && !(best < *rank))) continue;
+    const Claim claim =
+        claimOf(tree_.data()[i], survey_.runs()[runs[i]], block, expected, isListed);
+    if (claim == Claim::None || claim < best) continue;
+    equals = claim == best ? equals + 1 : 1;
+    best = claim;
     owner = i;
-    best = *rank;
+  }
+  if (equals != 1) return std::nullopt;
+  if (best != Claim::Certain && (groupIsLost_ || block.position > tree_.firstLost())) {
+    return std::nullopt;
   }
   return owner;
 }
 
+// A list that names nothing yet may have its first block behind it.
 std::optional<std::size_t> LooseBlocks::ownerOfList(std::uint64_t position,
                                                     const std::vector<std::size_t>& runs) {
   DataChain chain(in_, position);
   ChainBlock list;
   ChainBlock block;
-  if (!chain.next(list) || list.kind != ChainBlock::List || !chain.next(block) ||
-      block.kind != ChainBlock::Data || !isRecordBlock(block.type)) {
+  if (!chain.next(list) || list.kind != ChainBlock::List) return std::nullopt;
+  const std::uint64_t end = list.position + list.size;
+  if (!chain.next(block) || block.kind != ChainBlock::Data || !isRecordBlock(block.type)) {
+    groupIsLost_ |= isBehind(find(end, isRecordBlock), end);
     return std::nullopt;
   }
-  return ownerOf(block, chain.equalLength() != 0 ? chain.equalLength() : block.bytes, runs);
+  const std::optional<std::size_t> owner =
+      ownerOf(block, chain.equalLength() != 0 ? chain.equalLength() : block.bytes, runs, true);
+  groupIsLost_ |= !owner;
+  return owner;
 }
 
 // Gives a block whose length was not written yet all bytes up to the next block.
@@ -268,7 +247,7 @@ void LooseBlocks::assign(const std::vector<std::size_t>& runs, bool openEnds,
     if (openEnds && isPlainData(block.type)) extend(block);
     const std::uint64_t stated = block.cut ? header.length - kBlockHeaderSize : block.bytes;
     const std::optional<std::size_t> owner =
-        block.kind == ChainBlock::Data ? ownerOf(block, stated, runs) : std::nullopt;
+        block.kind == ChainBlock::Data ? ownerOf(block, stated, runs, false) : std::nullopt;
     if (owner) {
       survey_.addLoose(runs[*owner], block);
     } else if (block.bytes != 0) {
@@ -279,9 +258,9 @@ void LooseBlocks::assign(const std::vector<std::size_t>& runs, bool openEnds,
   }
   if (blocks == 0) return;
   std::string text = formatText("%" PRIu64 " data blocks from %" PRIu64 " on: %" PRIu64
-                                " bytes that belong to no group that misses them",
+                                " bytes that belong to no group for certain",
                                 blocks, first, bytes);
-  bool wanted = !report.losses.empty();
+  bool wanted = groupIsLost_ || !report.losses.empty();
   for (std::size_t i = 0; i < runs.size(); ++i) {
     wanted = wanted || misses(tree_.data()[i], survey_.runs()[runs[i]]);
   }

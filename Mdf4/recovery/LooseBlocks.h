@@ -2,9 +2,7 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <optional>
-#include <tuple>
 #include <vector>
 
 #include "Mdf4/format/DirectFile.h"
@@ -17,11 +15,14 @@ namespace tolvex {
 // Looks through the bytes that no known block owns: for groups and channels whose chain broke off,
 // for lists, and for data blocks.
 //
-// A recording writes full blocks of one size for each group, and a list of them now and then. So a
-// block belongs to a group that misses records, has blocks of this size, and whose last list and
-// block stand in front of it. Where several do, what stands in the records tells them apart: bus
-// channel and direction, and times that go on where the group's last block ends. Borrows
-// everything.
+// A recording writes full blocks of one size for each group, and a list of them now and then. What
+// a machine that lost its power had not written is missing in any order, so a block may be that of
+// a group, or of a list, that is lost. It belongs to a group for certain when it stands directly
+// behind the group's last list, which is where the next one is put; when its frames have the bus
+// and the direction of the group's; and when it makes up the records that the group counts.
+// Otherwise of all groups that miss records, have blocks of this size, and whose last list and
+// block stand in front of it, there must be one, and no sign of a lost group in front of it. A
+// killed process leaves none. Borrows everything.
 class LooseBlocks {
  public:
   // `runs` are the survey's, one for each data group of the tree.
@@ -41,42 +42,18 @@ class LooseBlocks {
                                          const std::vector<std::size_t>& runs);
 
  private:
-  struct Times {
-    double first = 0;
-    double last = 0;
-    double spacing = 0;  // from record to record, on average
-  };
+  enum class Claim : std::uint8_t { None, Possible, Certain };
 
   void extend(ChainBlock& block);
   std::uint64_t nextMarker(std::uint64_t at, std::uint64_t end);
-  // What speaks for a group, the most telling first.
-  struct Rank {
-    bool behindList = false;  // the block stands where the group's next one would be put
-    bool rises = false;       // its times do, read as the group's
-    bool full = false;        // it is as long as the group's blocks are
-    bool sameBus = false;
-    bool complete = false;  // with it the group has all records that it counts
-    bool goesOn = false;    // its times go on where the group's end, at the same pace
-    double nearness = 0;    // of the times, or of the list
-    double waiting = 0;     // how far the group's last block lies in front
-
-    bool operator<(const Rank& other) const { return inOrder() < other.inOrder(); }
-
-   private:
-    std::tuple<bool, bool, bool, bool, bool, bool, double, double> inOrder() const {
-      return {behindList, rises, full, sameBus, complete, goesOn, nearness, waiting};
-    }
-  };
-
   bool sharesItsLayout(const SourceGroup& group) const;
-  std::optional<Rank> rankOf(const SourceGroup& group, const DataRun& run, const ChainBlock& block,
-                             std::uint64_t expected);
+  Claim claimOf(const SourceData& data, const DataRun& run, const ChainBlock& block,
+                std::uint64_t expected, bool isListed);
   std::optional<std::size_t> ownerOf(const ChainBlock& block, std::uint64_t expected,
-                                     const std::vector<std::size_t>& runs);
+                                     const std::vector<std::size_t>& runs, bool isListed);
   bool misses(const SourceData& data, const DataRun& run) const;
   const SourceGroup* sortedGroup(const SourceData& data) const;
-  bool sameBus(const SourceGroup& group, const ChainBlock& a, const ChainBlock& b);
-  std::optional<Times> timesOf(const SourceGroup& group, const ChainBlock& block);
+  Claim sameBus(const SourceGroup& group, const ChainBlock& a, const ChainBlock& b);
   bool readRecord(const SourceGroup& group, const ChainBlock& block, std::uint64_t number,
                   std::vector<std::uint8_t>& record);
 
@@ -85,8 +62,8 @@ class LooseBlocks {
   TreeCopy& tree_;
   DataSurvey& survey_;
   const bool unfinished_;
-  std::uint64_t effort_ = 0;                       // groups that were considered for a block
-  std::map<std::uint64_t, MdfSigCCInfo> masters_;  // by the position of the channel
+  bool groupIsLost_ = false;  // there are lists that are no known group's
+  std::uint64_t effort_ = 0;  // groups that were considered for a block
 };
 
 }  // namespace tolvex

@@ -246,6 +246,8 @@ void TreeCopy::followSteps() {
                       letters(from).c_str(), blocks_[step.parent].source, step.index, step.target));
       if (from == kCN || (from == kCG && step.index == link::cg_cn_first)) {
         brokenChannels_.push_back(step);
+        groups_[step.group].lostChannels = true;
+        firstLost_ = std::min(firstLost_, step.target);
       }
       continue;
     }
@@ -329,6 +331,7 @@ const char* TreeCopy::misplaced(const SourceGroup& group, const m4CNRecord& chan
                                 std::string_view name) {
   if (isMaster(channel) && (group.masters >> channel.cn_sync_type & 1) != 0)
     return "no second master";
+  if (!isVirtual(channel) && channel.cn_bit_count == 0) return "a channel with bits";
   if (!isVirtual(channel) && !liesInside(channel, name, group.record.cg_data_bytes)) {
     return "it inside its record";
   }
@@ -425,6 +428,7 @@ void TreeCopy::readGroups(std::uint64_t first, std::uint16_t from) {
                formatText("data group at %" PRIu64 ": no sound DG block; the groups behind "
                           "it are lost unless they are found otherwise",
                           position));
+      loseGroups(position);
       return;
     }
     from = kDG;
@@ -449,6 +453,7 @@ void TreeCopy::readChannelGroups(std::size_t data, std::uint64_t first) {
                                    ": no sound CG block; it is lost, and those behind it",
                                    position));
       brokenGroups_.push_back(data);
+      loseGroups(position);
       return;
     }
     position = loaded.links[link::cg_cg_next].position;
@@ -503,22 +508,30 @@ void TreeCopy::readChannelGroup(std::size_t data, PlannedBlock loaded) {
   if (firstReduction != 0) follow({groupBlock, link::cg_sr_first, firstReduction, number});
 }
 
+// No DG or CG block is at the position.
+void TreeCopy::loseGroups(std::uint64_t position) {
+  firstLost_ = std::min(firstLost_, position);
+  groupsAreLost_ = true;
+}
+
 bool TreeCopy::adopt(std::uint64_t position) {
   BlockHeader header;
   if (!readSoundHeader(in_, position, header) || bySource_.count(position) != 0) return false;
+  firstLost_ = std::min(firstLost_, position);
+  groupsAreLost_ |= header.type != kCN;
   const std::size_t known = bySource_.size();
   if (header.type == kDG) {
     readGroups(position, kDG);
   } else if (header.type == kCG) {
     std::size_t data = data_.size();
-    if (brokenGroups_.empty()) {
+    if (brokenGroups_.size() != 1) {
       data_.emplace_back().isLost = true;
     } else {
       data = brokenGroups_.back();
       brokenGroups_.pop_back();
     }
     readChannelGroups(data, position);
-  } else if (header.type == kCN && !brokenChannels_.empty()) {
+  } else if (header.type == kCN && brokenChannels_.size() == 1 && !groupsAreLost_) {
     Step step = brokenChannels_.back();
     brokenChannels_.pop_back();
     step.target = position;

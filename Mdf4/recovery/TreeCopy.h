@@ -48,6 +48,7 @@ struct SourceGroup {
   std::size_t dataBlock = 0;
   std::vector<ValueChannel> values;
   std::vector<SampleReduction> reductions;
+  bool lostChannels = false;  // the chain of its channels broke off
   std::uint64_t master = 0;   // position of the time master channel; 0: none
   std::uint32_t masters = 0;  // a bit for each kind of master (cn_sync_type) that there is
   RecordField time;           // of that channel
@@ -84,11 +85,14 @@ class TreeCopy {
   // Reads the header block and all that it leads to.
   void readHeader();
   // Takes in a DG, CG or CN block that was found where a chain of such blocks broke off. False when
-  // it fits nowhere.
+  // it fits nowhere; channels do where one chain broke, if no group is lost whose they may be.
   bool adopt(std::uint64_t position);
   // Adds an entry to the file's history.
   void addHistory(const std::string& comment);
 
+  // The first place of a DG, CG or CN block that is not there, or was found; groups that are lost
+  // may lie behind it.
+  std::uint64_t firstLost() const { return firstLost_; }
   std::vector<SourceData>& data() { return data_; }
   std::vector<SourceGroup>& groups() { return groups_; }
 
@@ -144,6 +148,7 @@ class TreeCopy {
   bool write(const PlannedBlock& block);
   bool writeWithoutData(PlannedBlock block);
   void lose(std::size_t group, std::string text);
+  void loseGroups(std::uint64_t position);
 
   DirectFile& in_;
   DirectFile& out_;
@@ -160,6 +165,8 @@ class TreeCopy {
   std::vector<Step> steps_;
   std::vector<std::size_t> brokenGroups_;  // data groups whose chain of channel groups broke off
   std::vector<Step> brokenChannels_;       // links where a chain of channels broke off
+  std::uint64_t firstLost_ = ~std::uint64_t{0};
+  bool groupsAreLost_ = false;
   std::size_t lastData_ = 0;         // the planned block, HD or DG, that the next DG comes behind
   std::size_t lastHistory_ = kNone;  // the planned FH likewise
 };
