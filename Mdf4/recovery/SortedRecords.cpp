@@ -12,6 +12,11 @@
 #include "Mdf4/recovery/RecoveryNotes.h"
 
 namespace tolvex {
+namespace {
+
+constexpr std::uint64_t kPage = 4096;
+
+}  // namespace
 
 bool SortedRecords::copy(const DataRun& run, const Done& done) {
   const std::uint64_t counted = group_.record.cg_cycle_count;
@@ -45,11 +50,14 @@ bool SortedRecords::copyBlock(const ChainBlock& found, bool isLast, const Done& 
         formatText("data block at %" PRIu64 ": its length is that of its list", block.position));
   }
   bool read = whole != 0 || block.bytes == 0;
+  const std::uint64_t start = block.position + kBlockHeaderSize;
+  if (start / kPage != block.position / kPage) openHole_ = start;  // if it begins with zeros
   while (read && bytes.left() != 0 && !ended_) {
-    const std::uint64_t count = std::min(pieceSize_, bytes.left());
+    std::uint64_t count = std::min(pieceSize_, bytes.left());
     const bool plain = isPlainData(block.type) && !block.columns;
-    const std::uint64_t position =
-        plain ? block.position + kBlockHeaderSize + (whole - bytes.left()) : 0;
+    const std::uint64_t position = plain ? start + (whole - bytes.left()) : 0;
+    const std::uint64_t inPage = (position + count) % kPage;
+    if (plain && count < bytes.left() && inPage < count) count -= inPage;
     std::uint64_t got = 0;
     if (!takePiece(bytes, count, position, got)) return false;
     done(got);
@@ -77,7 +85,6 @@ bool SortedRecords::copyBlock(const ChainBlock& found, bool isLast, const Done& 
 // among them.
 std::uint64_t SortedRecords::writtenBytes(const ChainBlock& block) {
   assert(size_ != 0);
-  constexpr std::uint64_t kPage = 4096;
   if (!isPlainData(block.type)) return block.bytes;
   const std::uint64_t start = block.position + kBlockHeaderSize;
   const std::uint64_t end = start + block.bytes;
@@ -100,7 +107,6 @@ std::uint64_t SortedRecords::writtenBytes(const ChainBlock& block) {
 // Of a last block whose header cannot be read, the records up to the last one that is not zeros:
 // the room behind them was never used.
 std::uint64_t SortedRecords::filledBytes(const ChainBlock& block) {
-  constexpr std::uint64_t kPage = 4096;
   const std::uint64_t start = block.position + kBlockHeaderSize;
   std::array<std::uint8_t, kPage> page;
   for (std::uint64_t end = start + block.bytes; end > start;) {
@@ -119,7 +125,8 @@ bool SortedRecords::takePiece(RecordBytes& bytes, std::uint64_t count, std::uint
   if (!oneByOne_ && skip_ == 0) {
     std::uint8_t* const place = records_.room(count);
     got = bytes.readSome(count, place);
-    if (position == 0 || !findHole({place, got}, 0, position)) {
+    if (position == 0 || !findHole({place, got}, 0, position, bytes.left() == 0)) {
+      keepLast({place, got});
       offset_ += got;
       return records_.commit(got);
     }
@@ -130,43 +137,70 @@ bool SortedRecords::takePiece(RecordBytes& bytes, std::uint64_t count, std::uint
     piece_.resize(got);
   }
   for (std::uint64_t at = 0; at < got;) {
-    const std::optional<Hole> hole = position == 0 ? std::nullopt : findHole(piece_, at, position);
+    std::optional<Hole> hole;
+    if (position != 0) hole = findHole(piece_, at, position, bytes.left() == 0);
     const std::uint64_t end = hole ? hole->start : got;
+    if (!hole && at == 0) keepLast(piece_);
     if (!takeBytes(ByteSpan(piece_).subspan(at, end - at))) return false;
     if (hole) leaveOut(hole->end - hole->start, position + hole->start, "zeros");
+    if (hole && hole->end == got) openHole_ = position + got;
     at = hole ? hole->end : got;
   }
   return true;
 }
 
-// Looks, from `from` on, for whole sectors of zeros among records: what a disk or a card lost, or a
-// system that crashed had not written. Their time falls to zero, which tells them from records of
-// zeros.
+// Looks, from `from` on, for sectors of zeros among records: what a disk or a card lost, or a
+// system that crashed had not written. A time that falls to zero tells them from records of zeros;
+// a group that has lost its channels, and may have had a time, has no whole pages of zeros. The
+// last sector may be cut by the end of the block.
 std::optional<SortedRecords::Hole> SortedRecords::findHole(ByteSpan bytes, std::uint64_t from,
-                                                           std::uint64_t position) const {
-  constexpr std::uint64_t kSector = 512;
-  const RecordField& time = group_.time;
-  const std::uint64_t timeEnd = time.byteOffset + (time.bits + 7) / 8;
-  if (time.bits == 0 || timeEnd > size_) return std::nullopt;
-  const auto isZero = [](std::uint8_t byte) { return byte == 0; };
-  const std::uint64_t phase = offset_ % size_;  // of bytes[from], in its record
-  std::uint64_t at = from + (kSector - (position + from) % kSector) % kSector;
-  for (; at + sizeof(std::uint64_t) <= bytes.size(); at += kSector) {
-    if (loadNumber<std::uint64_t>(bytes.data() + at) != 0) continue;
-    const auto begin = bytes.begin() + static_cast<std::ptrdiff_t>(at);
-    std::uint64_t end =
-        at + static_cast<std::uint64_t>(std::find_if_not(begin, bytes.end(), isZero) - begin);
-    if (end != bytes.size()) end -= (position + end) % kSector;
-    const std::uint64_t inRecord = (at - from + phase) % size_;
-    const std::uint64_t record = at + (inRecord == 0 ? 0 : size_ - inRecord);  // the next one
-    if (end < at || end - at < kSector || record + size_ > end || record < from + size_) continue;
-    const auto before = bytes.begin() + static_cast<std::ptrdiff_t>(record - size_);
-    if (!std::all_of(before + time.byteOffset, before + static_cast<std::ptrdiff_t>(timeEnd),
-                     isZero)) {
-      return Hole{at, end};
-    }
+                                                           std::uint64_t position,
+                                                           bool toEnd) const {
+  const bool timed = group_.time.bits != 0;
+  if (!timed && !group_.lostChannels) return std::nullopt;
+  const std::uint64_t sector = timed ? 512 : kPage;
+  const bool goesOn = openHole_ != 0 && position + from == openHole_;
+  std::uint64_t at = goesOn ? from : from + (sector - (position + from) % sector) % sector;
+  for (; at < bytes.size(); at += sector - (position + at) % sector) {
+    if (bytes[at] != 0) continue;
+    const auto zeros = std::find_if(bytes.begin() + static_cast<std::ptrdiff_t>(at), bytes.end(),
+                                    [](std::uint8_t byte) { return byte != 0; });
+    auto end = static_cast<std::uint64_t>(zeros - bytes.begin());
+    const bool reachesEnd = end == bytes.size();
+    if (!reachesEnd) end -= std::min((position + end) % sector, end);
+    if (end <= at) continue;
+    if (goesOn && at == from) return Hole{at, end};
+    if (end - at < sector && !(toEnd && reachesEnd)) continue;
+    if (!timed || timeFalls(bytes, from, {at, end})) return Hole{at, end};
   }
   return std::nullopt;
+}
+
+// Whether the first time that ends in the hole has, in it, bytes that the time before it had not as
+// zeros.
+bool SortedRecords::timeFalls(ByteSpan bytes, std::uint64_t from, Hole hole) const {
+  const RecordField& field = group_.time;
+  const std::uint64_t fieldEnd = field.byteOffset + (field.bits + 7) / 8;
+  if (fieldEnd > size_) return false;
+  const std::uint64_t inRecord = (hole.start - from + offset_) % size_;
+  const std::uint64_t next = inRecord < fieldEnd ? 0 : size_;
+  const std::uint64_t end = hole.start + next + fieldEnd - inRecord;
+  if (end > hole.end) return false;
+  const std::uint64_t bytesInHole =
+      std::min<std::uint64_t>(end - hole.start, fieldEnd - field.byteOffset);
+  const std::uint64_t start = end - bytesInHole;
+  const ByteSpan before = start >= from + size_
+                              ? bytes.subspan(start - size_, bytesInHole)
+                              : ByteSpan(last_).subspan(fieldEnd - bytesInHole, bytesInHole);
+  return std::ranges::any_of(before, [](std::uint8_t byte) { return byte != 0; });
+}
+
+// Keeps the last record of bytes without a hole.
+void SortedRecords::keepLast(ByteSpan bytes) {
+  const std::uint64_t rest = (offset_ + bytes.size()) % size_;
+  if (bytes.size() < rest + size_) return;
+  const ByteSpan record = bytes.subspan(bytes.size() - rest - size_, size_);
+  last_.assign(record.begin(), record.end());
 }
 
 // Bytes that stand where the next ones belong.

@@ -29,7 +29,8 @@ class SortedRecords {
         values_(values),
         records_(records),
         size_(group.recordSize()),
-        pieceSize_(std::max(sizes.piece / size_, std::uint64_t{1}) * size_) {}
+        pieceSize_(std::max(sizes.piece / size_, std::uint64_t{1}) * size_),
+        last_(size_) {}
 
   // False when a write fails.
   bool copy(const DataRun& run, const Done& done);
@@ -48,7 +49,10 @@ class SortedRecords {
 
   bool takePiece(RecordBytes& bytes, std::uint64_t count, std::uint64_t position,
                  std::uint64_t& got);
-  std::optional<Hole> findHole(ByteSpan bytes, std::uint64_t from, std::uint64_t position) const;
+  std::optional<Hole> findHole(ByteSpan bytes, std::uint64_t from, std::uint64_t position,
+                               bool toEnd) const;
+  void keepLast(ByteSpan bytes);
+  bool timeFalls(ByteSpan bytes, std::uint64_t from, Hole hole) const;
   bool takeBytes(ByteSpan bytes);
   bool takeRecords(ByteSpan bytes);
   void leaveOut(std::uint64_t bytes, std::uint64_t position, const char* what = "data block");
@@ -62,6 +66,8 @@ class SortedRecords {
   bool oneByOne_ = false;              // records are looked at, not just copied
   std::uint64_t offset_ = 0;           // in the sequence of all records, as far as it is known
   std::uint64_t skip_ = 0;             // bytes up to the next record
+  std::uint64_t openHole_ = 0;         // position where a hole went beyond what was read; 0: none
+  std::vector<std::uint8_t> last_;     // record of what was taken, zeros at first
   std::vector<std::uint8_t> piece_;    // one by one: what was read
   std::vector<std::uint8_t> partial_;  // and the beginning of a record
   bool lostMarks_ = false;

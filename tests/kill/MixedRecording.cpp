@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "Mdf4/MdfAsyncRecorder.h"
+#include "Mdf4/recovery/WorkSizes.h"
 #include "tests/support/LoggerFile.h"
 #include "tests/support/MemoryFile.h"
 #include "tolvex/Mdf4.h"
@@ -18,7 +19,7 @@ namespace {
 
 constexpr std::uint64_t kStart = 1'700'000'000'000'000;  // microseconds
 constexpr std::size_t kTimeGroups = 2;                   // in front of all others
-constexpr std::size_t kTimeRecord = 16;                  // bytes, as of no other group
+constexpr std::size_t kTimeRecord = 16;                  // bytes; of one that every run has anew
 constexpr std::uint64_t kHeaderSize = 24;                // of a block of data
 
 class ObservedFile final : public SystemFile {
@@ -56,9 +57,24 @@ std::string keyOf(const Bytes& bytes, std::size_t size) {
   return {reinterpret_cast<const char*>(bytes.data()), size};
 }
 
+std::string hex(const Bytes& bytes) {
+  std::string text;
+  for (const std::uint8_t byte : bytes) {
+    char digits[8];
+    std::snprintf(digits, sizeof digits, " %02x", unsigned{byte});
+    text += digits;
+  }
+  return text;
+}
+
 std::string shown(const MdfFinding& finding) {
   return finding.what + " at " + std::to_string(finding.position) + ": expected " +
          finding.expected + ", found " + finding.found;
+}
+
+// Without its name, which may be lost alone.
+std::string shown(const LoggerChannel& channel) {
+  return std::to_string(channel.bitCount) + " bits at " + std::to_string(channel.firstBit);
 }
 
 }  // namespace
@@ -193,10 +209,15 @@ RecoveryCheck::RecoveryCheck(const std::vector<LoggedWrite>& log) {
                static_cast<std::streamsize>(memory.bytes().size()));
     const std::vector<LoggerGroup> groups = readLoggerFile(path);
     recordSizes_.resize(std::max(recordSizes_.size(), groups.size()));
+    channels_.resize(recordSizes_.size());
     counts.resize(recordSizes_.size());
     for (std::size_t i = kTimeGroups; i < groups.size(); ++i) {
+      for (const LoggerChannel& channel : groups[i].channels) channels_[i].insert(shown(channel));
+      const std::size_t first = counts[i];
       for (const Bytes& record : groups[i].records) {
-        places_[keyOf(record, record.size())] = {i, counts[i]++};
+        const std::size_t inFile = ++counts[i] - first;
+        places_[keyOf(record, record.size())] = {
+            i, counts[i] - 1, inFile % 512 == 0 || inFile == groups[i].records.size()};
         recordSizes_[i] = record.size();
       }
     }
@@ -213,11 +234,29 @@ const RecoveryCheck::Place* RecoveryCheck::placeOf(const Bytes& bytes) const {
   return nullptr;
 }
 
+// Whether it is, but for zeros behind its time, a record that stood last in its block: where a page
+// begins in it, nothing tells the zeros of a lost page from its own.
+bool RecoveryCheck::endsABlock(const Bytes& record) const {
+  constexpr std::size_t kTime = 8;  // bytes
+  std::string key = keyOf(record, record.size());
+  key.resize(key.find_last_not_of('\0') + 1);
+  for (auto found = places_.lower_bound(key);
+       found != places_.end() && found->first.starts_with(key); ++found) {
+    const Place& place = found->second;
+    if (place.endsBlock && found->first.size() == record.size() && key.size() >= kTime) {
+      return true;
+    }
+  }
+  return false;
+}
+
 std::string RecoveryCheck::faults(const std::string& input, const std::vector<TakenBlock>& taken,
                                   Allowed allowed) const {
   const TempDir dir;
   const std::string output = dir.path("recovered.mf4");
-  const MdfRecoveryReport report = recoverFile(input, output);
+  WorkSizes sizes;
+  if (allowed == Allowed::LostPages) sizes.piece = 8192;  // so that pages are lost at their ends
+  const MdfRecoveryReport report = recoverFile(input, output, {}, sizes);
   if (!report.failure.empty()) return taken.empty() ? "" : "nothing comes back: " + report.failure;
   const MdfCheckReport check = checkFile(output);
   for (const MdfFinding& finding : check.findings) {
@@ -228,27 +267,42 @@ std::string RecoveryCheck::faults(const std::string& input, const std::vector<Ta
   const std::vector<LoggerGroup> groups = readLoggerFile(output);
   if (groups.size() != report.groups.size()) return "another number of groups is reported";
   std::set<std::pair<std::size_t, std::size_t>> back;
+  std::set<std::size_t> known;  // groups that have come
   for (std::size_t i = 0; i < groups.size(); ++i) {
     const std::string group = "group " + std::to_string(i) + ": ";
     const auto dg = static_cast<std::size_t>(report.groups[i].dgIndex);
     if (groups[i].records.size() != report.groups[i].records) return group + "miscounted";
-    if (dg < kTimeGroups && groups[i].records.size() > 1 && allowed != Allowed::LostPages)
-      return group + "more than one time";
-    if (dg < kTimeGroups) continue;
-    std::size_t next = 0;
+    const bool isTime = groups[i].records.size() == 1 &&
+                        groups[i].records[0].size() == kTimeRecord &&
+                        (dg < kTimeGroups || allowed == Allowed::LostPages);
+    // Lost groups leave others their numbers: which group it is, its first record tells.
+    const Place* before = nullptr;
     for (const Bytes& record : groups[i].records) {
       const auto found = places_.find(keyOf(record, record.size()));
-      if (found == places_.end() && allowed != Allowed::Nothing) continue;
-      if (found == places_.end()) return group + "a record that was never recorded";
+      if (found == places_.end() && (isTime || allowed == Allowed::DamagedBlocks)) continue;
+      if (found == places_.end() && allowed == Allowed::LostPages && endsABlock(record)) continue;
+      if (found == places_.end()) return group + "a record that was never recorded:" + hex(record);
       const Place& place = found->second;
-      if (!back.emplace(place.group, place.number).second) return group + "a record twice";
-      if (allowed == Allowed::LostPages) continue;
-      if (place.group != dg) return group + "a record of group " + std::to_string(place.group);
-      if (place.number < next) return group + "not in order";
-      if (next != 0 && allowed == Allowed::Nothing && place.number != next) {
-        return group + "records are left out";
+      const std::string which = group + "record " + std::to_string(place.number) + " of group " +
+                                std::to_string(place.group);
+      if (!back.emplace(place.group, place.number).second) return which + " twice";
+      const std::size_t owner = allowed != Allowed::LostPages ? dg
+                                : before != nullptr           ? before->group
+                                                              : place.group;
+      if (place.group != owner) return which + " in group " + std::to_string(owner);
+      if (before == nullptr && !known.insert(place.group).second) return which + " apart";
+      if (before != nullptr && place.number < before->number) return which + " not in order";
+      if (before != nullptr && allowed == Allowed::Nothing && place.number != before->number + 1) {
+        return which + " behind a gap";
       }
-      next = place.number + 1;
+      before = &place;
+    }
+    if (before == nullptr) continue;
+    for (const LoggerChannel& channel : groups[i].channels) {
+      if (!channels_[before->group].contains(shown(channel))) {
+        return group + "a channel that group " + std::to_string(before->group) +
+               " has not: " + shown(channel);
+      }
     }
   }
 

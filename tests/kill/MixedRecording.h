@@ -5,9 +5,10 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <map>
+#include <set>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 #include "Mdf4/MdfRecorder.h"
@@ -77,7 +78,7 @@ class RecoveryCheck {
   enum class Allowed : std::uint8_t {
     Nothing,
     DamagedBlocks,  // which may give records that never were
-    LostPages       // also of lists and of groups, whose blocks may so get to other groups
+    LostPages       // gaps, and zeros at the end of a block's last record, which may be its own
   };
   // Recovers a file of the recording. "" when the result is sound, has the records of all `taken`
   // blocks, none of them twice, each in its group and in order; else what is wrong.
@@ -88,12 +89,15 @@ class RecoveryCheck {
   struct Place {
     std::size_t group;
     std::size_t number;
+    bool endsBlock;
   };
 
   const Place* placeOf(const Bytes& bytes) const;
+  bool endsABlock(const Bytes& record) const;
 
   std::map<std::string, Place> places_;   // by a record's bytes
   std::vector<std::size_t> recordSizes_;  // of each group
+  std::vector<std::set<std::string>> channels_;
 };
 
 }  // namespace tolvex::test
