@@ -451,6 +451,42 @@ TEST_F(Recovery, WritesNoMoreThanItIsAllowed) {
   EXPECT_FALSE(std::filesystem::exists(dir_.path("more")));
 }
 
+// Each page of a block's data in turn is one that a machine without power had not written.
+TEST_F(Recovery, LeavesOutTheRecordsThatReachIntoALostPage) {
+  constexpr std::uint64_t kPage = 4096;
+  std::vector<Bytes> records;
+  Bytes all;
+  for (std::uint64_t i = 1; i <= 600; ++i) {
+    records.push_back(packed(static_cast<double>(i), i));
+    all.insert(all.end(), records.back().begin(), records.back().end());
+  }
+  for (const std::uint64_t inFront :
+       {24U, 16U}) {  // bytes of the block's header, of its first page
+    FileBuilder file;
+    file.tx(std::string((3 * kPage - 25 - inFront - file.size()) % kPage, 'x'));
+    const std::uint64_t start = file.dt(all) + 24;
+    ASSERT_EQ((start - 24 + inFront) % kPage, 0U);
+    file.signalGroup({{.name = "n", .byteOffset = 8, .bitCount = 64}}, {.dataBytes = 16},
+                     start - 24);
+    const Bytes whole = bytesOf(file.write());
+    for (std::uint64_t page = start / kPage * kPage; page < start + all.size(); page += kPage) {
+      SCOPED_TRACE(testing::Message() << inFront << ": the page at " << page);
+      Bytes damaged = whole;
+      const std::uint64_t end = std::min(page + kPage, start + all.size());
+      std::fill(damaged.begin() + static_cast<std::ptrdiff_t>(page),
+                damaged.begin() + static_cast<std::ptrdiff_t>(end), std::uint8_t{0});
+      write(damaged);
+      EXPECT_FALSE(recoverFile(damaged_, recovered_).lossless());
+      std::vector<Bytes> kept;
+      for (std::size_t i = 0; i < records.size(); ++i) {
+        const std::uint64_t at = start + 16 * i;
+        if (at + 16 <= page || at >= end) kept.push_back(records[i]);
+      }
+      EXPECT_EQ(readLoggerFile(recovered_)[0].records, kept);
+    }
+  }
+}
+
 // Of two groups only the channel groups are found; a third one never had records.
 TEST_F(Recovery, GivesGroupsThatLostTheirDataGroupTheirOwnRecords) {
   FileBuilder file;
