@@ -70,7 +70,6 @@ class Channel {
   bool linkNext(const Channel& next);
   bool linkComposition(const Channel& first);
 
-  const ChannelInfo& info() const { return info_; }
   std::uint64_t position() const;  // of the block; 0 before it is written
 
  private:
