@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cstring>
 #include <filesystem>
-#include <map>
 #include <random>
 #include <string>
 #include <string_view>
@@ -15,7 +14,7 @@
 #include "Mdf4/format/DirectFile.h"
 #include "tests/support/Diagnostics.h"
 #include "tests/support/FailingReads.h"
-#include "tests/support/LoggerFile.h"
+#include "tests/support/RecoveredContent.h"
 #include "tests/support/SampleFiles.h"
 #include "tolvex/Mdf4.h"
 
@@ -36,90 +35,6 @@ Bytes contentOf(const std::string& path) {
   return bytes;
 }
 
-// ---------------------------------------------------------------------------------------------
-// What a result holds
-
-struct Record {
-  Bytes bytes;
-  std::map<std::uint64_t, Bytes> values = {};  // of variable length, by where their offsets are
-};
-
-struct Group {
-  std::uint64_t dataBytes = 0;                     // of a record; invalidation bytes follow them
-  std::map<std::uint64_t, unsigned> offsets = {};  // of values: where and how many bytes
-  std::vector<Record> records = {};
-
-  // Whether it may be what came back of a record of `whole`: values and invalidation bytes may be
-  // lost alone.
-  bool mayBe(Record part, Record record) const {
-    if (part.bytes.size() != record.bytes.size()) return false;
-    for (Record* const each : {&part, &record}) {
-      for (const auto& [at, bytes] : offsets) {
-        std::fill_n(each->bytes.begin() + static_cast<std::ptrdiff_t>(at), bytes, std::uint8_t{0});
-      }
-    }
-    const auto marks = part.bytes.begin() + static_cast<std::ptrdiff_t>(dataBytes);
-    if (std::all_of(marks, part.bytes.end(), [](std::uint8_t byte) { return byte == 0; })) {
-      std::fill(record.bytes.begin() + static_cast<std::ptrdiff_t>(dataBytes), record.bytes.end(),
-                std::uint8_t{0});
-    }
-    return part.bytes == record.bytes && std::ranges::all_of(part.values, [&](const auto& value) {
-             return value.second.empty() || value.second == record.values[value.first];
-           });
-  }
-};
-
-// Of a recovered file, read by hand.
-std::vector<Group> groupsOf(const std::string& path) {
-  MdfSigReader reader(path);
-  if (!reader.open()) return {};
-  std::vector<Group> groups;
-  for (const LoggerGroup& logged : readLoggerFile(path)) {
-    Group& group = groups.emplace_back();
-    MdfGroupInfo about;
-    reader.getGroupInfo(logged.dg, logged.cg, about);
-    group.dataBytes = about.dataBytes;
-    for (const Bytes& record : logged.records) group.records.push_back({record});
-    for (const LoggerChannel& channel : logged.channels) {
-      if (!channel.variable) continue;
-      const std::uint64_t at = channel.firstBit / 8;
-      group.offsets[at] = channel.bitCount / 8;
-      for (std::size_t i = 0; i < channel.values.size(); ++i) {
-        group.records[i].values[at] = channel.values[i];
-      }
-    }
-  }
-  return groups;
-}
-
-// Whether `part` is `whole` without some of its records.
-bool isPart(const Group& part, const Group& whole) {
-  auto at = whole.records.begin();
-  for (const Record& record : part.records) {
-    at = std::find_if(at, whole.records.end(),
-                      [&](const Record& other) { return whole.mayBe(record, other); });
-    if (at++ == whole.records.end()) return false;
-  }
-  return true;
-}
-
-// Whether each group is a part of another one of `whole`, in their order.
-bool isPart(const std::vector<Group>& part, const std::vector<Group>& whole) {
-  auto at = whole.begin();
-  for (const Group& group : part) {
-    if (group.records.empty()) continue;
-    at = std::find_if(at, whole.end(), [&](const Group& other) { return isPart(group, other); });
-    if (at++ == whole.end()) return false;
-  }
-  return true;
-}
-
-std::size_t count(const std::vector<Group>& groups) {
-  std::size_t records = 0;
-  for (const Group& group : groups) records += group.records.size();
-  return records;
-}
-
 std::string textOf(const MdfRecoveryReport& report) {
   std::string text = report.failure;
   for (const std::string& loss : report.losses) text += '\n' + loss;
@@ -136,7 +51,7 @@ bool tells(const MdfRecoveryReport& report) {
 // A recovered file and its records.
 struct Result {
   MdfRecoveryReport report;
-  std::vector<Group> groups;
+  RecoveredContent groups;
 
   std::uint64_t records() const {
     std::uint64_t all = 0;
@@ -150,7 +65,7 @@ Result recovered(const std::string& path) {
   Result result;
   result.report = recoverFile(path, dir.path("out.mf4"));
   if (!result.report.failure.empty()) return result;
-  result.groups = groupsOf(dir.path("out.mf4"));
+  result.groups = recoveredContent(dir.path("out.mf4"));
   for (const MdfFinding& finding : checkFile(dir.path("out.mf4")).findings) {
     EXPECT_FALSE(finding.error) << finding.position << ": " << finding.what << ": expected "
                                 << finding.expected << ", found " << finding.found;

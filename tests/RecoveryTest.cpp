@@ -12,6 +12,7 @@
 #include "Mdf4/recovery/WorkSizes.h"
 #include "tests/support/Diagnostics.h"
 #include "tests/support/LoggerFile.h"
+#include "tests/support/RecoveredContent.h"
 #include "tests/support/SampleFiles.h"
 #include "tolvex/Mdf4.h"
 
@@ -266,6 +267,35 @@ TEST_F(Recovery, GivesWhatACompressedBlockHolds) {
                      file.dl({block, file.dt({row(20), rows.end()})}));
     EXPECT_EQ(recoverFile(file.write(), recovered_).groups.at(0).lostRecords, 5U);
     EXPECT_EQ(joined(readLoggerFile(recovered_).at(0).records), want);
+  }
+}
+
+// What else the file says leaves one way to read it.
+TEST_F(Recovery, FindsAllBehindOneWrongNumber) {
+  const struct Case {
+    const char* file;
+    const char* type;  // of the block, the first one of it
+    std::uint64_t offset;
+    std::uint8_t value;
+  } cases[] = {
+      {"data-dl-empty", "DL", 24 + 2 * 8 + 5, 1},   // the link to the empty block
+      {"data-dl-empty", "DT", 8, 214},              // the length
+      {"data-dl-mixed", "DZ", 24 + 8, 238},         // dz_org_data_length
+      {"data-ld", "LD", 24 + 3 * 8 + 6, 1},         // ld_count
+      {"unsorted-lists", "DL", 24 + 4 * 8 + 5, 1},  // dl_count
+  };
+  for (const Case& wrong : cases) {
+    SCOPED_TRACE(testing::Message()
+                 << wrong.file << ": byte " << wrong.offset << " of " << wrong.type);
+    auto samples = sampleFiles();
+    FileBuilder& file =
+        std::ranges::find(samples, wrong.file, &decltype(samples)::value_type::first)->second;
+    const RecoveredContent want = recoveredContent(recovered(file.write()));
+    file.setByte(file.firstOf(wrong.type) + wrong.offset, wrong.value);
+    recoverFile(file.write(), recovered_);
+    const RecoveredContent got = recoveredContent(recovered_);
+    EXPECT_TRUE(isPart(got, want));
+    EXPECT_EQ(count(got), count(want));
   }
 }
 

@@ -5,6 +5,8 @@
 #include <utility>
 
 #include "Mdf4/format/Inflater.h"
+#include "Mdf4/format/m4DataStream.h"
+#include "Mdf4/recovery/BlockBytes.h"
 #include "Mdf4/recovery/LinkRules.h"
 
 namespace tolvex {
@@ -132,7 +134,7 @@ bool DataChain::enter(std::uint64_t position, ChainBlock& block) {
   block.ends = true;
   BlockHeader header;
   if (!readSoundHeader(file_, position, header) || !isDataList(header.type)) {
-    settle(block, 0);
+    settle(block);
     block.elsewhere = block.kind == ChainBlock::Missing && !isUnwritten(position);
     return true;
   }
@@ -163,14 +165,16 @@ bool DataChain::enter(std::uint64_t position, ChainBlock& block) {
   numberCount_ = (position + header.length - numbers_) / sizeof(std::uint64_t);
   equalLength_ = 0;
   if (columns_) {
-    count_ = std::min<std::uint64_t>(columnList.ld_count, links_ - 1);
+    const std::uint64_t linksPerEntry = (columnList.ld_flags & kLdFlagInvalidation) != 0 ? 2 : 1;
+    count_ = std::min<std::uint64_t>(columnList.ld_count, (links_ - 1) / linksPerEntry);
     counted_ = count_;
   } else {
     // Entries are what has a link: a count can be damaged, or older than the links; one behind the
     // count names the block that was being written.
-    counted_ = list.dl_count;
+    const bool possible = list.dl_count < links_;
     count_ = links_ - 1;
-    while (count_ > list.dl_count && link(count_) == 0) --count_;
+    while (count_ > (possible ? list.dl_count : 0) && link(count_) == 0) --count_;
+    counted_ = possible ? list.dl_count : count_;
     if ((list.dl_flags & kDlFlagEqualLength) != 0)
       readNumber(0, equalLength_);
     else if (numberCount_ < count_)
@@ -192,15 +196,17 @@ bool DataChain::readNumber(std::uint64_t index, std::uint64_t& value) const {
          file_.ReadAt(numbers_ + index * sizeof value, sizeof value, &value);
 }
 
-std::uint64_t DataChain::expectedBytes(std::uint64_t index) const {
+std::optional<std::uint64_t> DataChain::expectedBytes(std::uint64_t index) const {
   if (equalLength_ != 0) return equalLength_;
   std::uint64_t start = 0;
   std::uint64_t end = 0;
-  if (columns_ || !readNumber(index, start) || !readNumber(index + 1, end)) return 0;
-  return end > start ? end - start : 0;
+  if (columns_ || !readNumber(index, start) || !readNumber(index + 1, end) || end < start) {
+    return std::nullopt;
+  }
+  return end - start;
 }
 
-// False for an entry that is not used yet.
+// False for an entry that is not used yet, or that misses a block without data.
 bool DataChain::nextEntry(ChainBlock& block) {
   const std::uint64_t index = index_++;
   block = {};
@@ -208,10 +214,11 @@ bool DataChain::nextEntry(ChainBlock& block) {
   block.columns = columns_;
   if (columns_) block.marks = link(1 + count_ + index);
   if (block.position == 0 && columns_) return false;
-  settle(block, expectedBytes(index));
+  block.expected = expectedBytes(index);
+  settle(block);
   block.uncounted = index >= counted_;
   block.elsewhere = block.kind == ChainBlock::Missing && !isUnwritten(block.position);
-  return block.kind == ChainBlock::Data || !block.uncounted;
+  return block.kind == ChainBlock::Data || (!block.uncounted && block.expected != 0);
 }
 
 // Whether a block, or the file's end, stands where one that ends at `end` would be followed.
@@ -237,11 +244,24 @@ bool DataChain::isUnwritten(std::uint64_t position) const {
   return position >= file_.end() || beginsWithZeros(position);
 }
 
-// Finds out how much data the block holds when its list expects `expected` bytes, 0: any.
-void DataChain::settle(ChainBlock& block, std::uint64_t expected) {
+// Whether that many bytes come out of the compressed block.
+bool DataChain::inflatesTo(std::uint64_t position, std::uint64_t bytes) const {
+  if (bytes == 0 || bytes > BlockBytes::kLargestInflated) return false;
+  m4DataStream stream(file_, position);
+  while (bytes != 0) {
+    const std::uint64_t got = stream.next(bytes).size();
+    if (got == 0) return false;
+    bytes -= got;
+  }
+  return true;
+}
+
+// Finds out how much data the block holds.
+void DataChain::settle(ChainBlock& block) {
   block.kind = ChainBlock::Missing;
-  if (expected > mostInflated(file_.end())) expected = 0;
-  block.bytes = expected;
+  std::optional<std::uint64_t>& expected = block.expected;
+  if (expected > mostInflated(file_.end())) expected.reset();
+  block.bytes = expected.value_or(0);
   BlockHeader header;
   if (block.position == 0 || !file_.holds(block.position, kBlockHeaderSize)) return;
   if (!readHeader(file_, block.position, header)) {
@@ -260,16 +280,20 @@ void DataChain::settle(ChainBlock& block, std::uint64_t expected) {
     }
     if (record.dz_org_data_length > mostInflated(record.dz_data_length)) return;
     block.bytes = record.dz_org_data_length;
+    if (expected && block.bytes != expected && !inflatesTo(block.position, block.bytes)) {
+      block.bytes = *expected;
+      block.repaired = true;
+    }
   } else if (isPlainData(header.type)) {
     if (!header.dataLength(stated) || header.linkCount != 0) {
-      if (expected == 0 || expected > present || beginsWithZeros(block.position)) return;
-      stated = expected;
+      if (!expected || expected > present || beginsWithZeros(block.position)) return;
+      stated = *expected;
     }
     const std::uint64_t start = block.position + kBlockHeaderSize;
-    if (expected != 0 && stated != expected && expected <= present &&
+    if (expected && stated != expected && expected <= present &&
         (stated > present || !followedByBlock(start + stated)) &&
-        followedByBlock(start + expected)) {
-      stated = expected;
+        followedByBlock(start + *expected)) {
+      stated = *expected;
       block.repaired = true;
     }
     block.cut = stated > present;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "Mdf4/format/BlockRecords.h"
 #include "Mdf4/format/DirectFile.h"
@@ -32,6 +33,7 @@ struct ChainBlock {
   bool elsewhere = false;  // it is missing, and may be at another place: the link is damaged
   bool ends = false;       // if it is missing, so is the rest of the chain
   bool columns = false;    // named by an LD: records without their invalidation bytes
+  std::optional<std::uint64_t> expected = {};  // bytes of data that its list states
   std::uint64_t marks = 0;  // position of the block of invalidation bytes beside it, or 0
 };
 
@@ -49,10 +51,11 @@ class DataChain {
  private:
   bool enter(std::uint64_t position, ChainBlock& block);
   bool nextEntry(ChainBlock& block);
-  std::uint64_t expectedBytes(std::uint64_t index) const;
+  std::optional<std::uint64_t> expectedBytes(std::uint64_t index) const;
   std::uint64_t link(std::uint64_t index) const;
   bool readNumber(std::uint64_t index, std::uint64_t& value) const;
-  void settle(ChainBlock& block, std::uint64_t expected);
+  void settle(ChainBlock& block);
+  bool inflatesTo(std::uint64_t position, std::uint64_t bytes) const;
   void settleHeadless(ChainBlock& block) const;
   bool isUnwritten(std::uint64_t position) const;
   bool beginsWithZeros(std::uint64_t position) const;

@@ -97,6 +97,7 @@ bool DataSurvey::take(const Walker& walker, const ChainBlock& block, std::uint64
     taken.size = room;
     taken.bytes =
         room <= kBlockHeaderSize || !isPlainData(block.type) ? 0 : room - kBlockHeaderSize;
+    taken.bytes = std::min(taken.bytes, block.expected.value_or(taken.bytes));
     chain.bytes[chain.steps] = taken.bytes;
     run.broken = true;
   }
@@ -157,7 +158,7 @@ bool DataSequence::nextListed(ChainBlock& block) {
     if (claim != chain.bytes.end() && claim->second == 0) {
       block.kind = ChainBlock::Missing;
     } else if (claim != chain.bytes.end()) {
-      block.cut = claim->second < block.bytes;
+      block.cut = claim->second < block.bytes && claim->second != block.expected;
       block.bytes = claim->second;
     }
     if (block.kind != ChainBlock::List) return true;
