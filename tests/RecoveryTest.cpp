@@ -517,6 +517,22 @@ TEST_F(Recovery, LeavesOutTheRecordsThatReachIntoALostPage) {
   }
 }
 
+// A block that no list names is no substitute for one that is named and lost.
+TEST_F(Recovery, GivesNoOtherBlockForALostOne) {
+  constexpr std::size_t kBytes = 240;  // of 20 records
+  FileBuilder file;
+  const Link first = file.dt(Bytes(kBytes, 1));
+  const Link lost = file.dt(Bytes(kBytes, 2));
+  file.signalGroup({{.name = "n", .byteOffset = 8, .bitCount = 32}},
+                   {.records = 40, .dataBytes = 12}, file.dl({first, lost}, kBytes));
+  file.dt(Bytes(kBytes, 3));
+  for (Link at = lost; at < lost + 24 + kBytes; ++at) file.setByte(at, 0);
+  const auto report = recoverFile(file.write(), dir_.path("found.mf4"));
+  ASSERT_EQ(report.groups.size(), 1U);
+  EXPECT_EQ(report.groups[0].records, 20U);
+  EXPECT_EQ(report.groups[0].lostRecords, 20U);
+}
+
 // Of two groups only the channel groups are found; a third one never had records.
 TEST_F(Recovery, GivesGroupsThatLostTheirDataGroupTheirOwnRecords) {
   FileBuilder file;

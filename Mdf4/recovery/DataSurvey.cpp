@@ -74,7 +74,10 @@ bool DataSurvey::take(const Walker& walker, const ChainBlock& block, std::uint64
     run.broken = true;
     if (block.elsewhere) run.openFrom = 0;
     if (block.ends) run.openFrom = std::min(run.openFrom, block.position);
-    if (!block.elsewhere) run.lastNamed = std::max(run.lastNamed, block.position);
+    if (!block.elsewhere) {
+      run.lastNamed = std::max(run.lastNamed, block.position);
+      run.lostBytes += block.bytes;
+    }
     ++chain.steps;
     return true;
   }

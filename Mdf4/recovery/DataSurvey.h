@@ -28,6 +28,7 @@ struct DataRun {
   bool broken = false;                // a list or a block is missing
   std::uint64_t openFrom = kNowhere;  // from where on parts may stand that no list names
   std::uint64_t bytes = 0;            // of data, loose ones included
+  std::uint64_t lostBytes = 0;        // of data blocks that are missing where they are named
   std::uint64_t blocks = 0;
   std::uint64_t equalLength = 0;
   std::uint64_t lastList = 0;  // its position; 0: no list

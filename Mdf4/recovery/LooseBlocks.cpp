@@ -96,8 +96,8 @@ const SourceGroup* LooseBlocks::sortedGroup(const SourceData& data) const {
   return group.holdsValues() || group.recordSize() == 0 ? nullptr : &group;
 }
 
-// Whether there should be more records than the run has. A recording that never saw its end has not
-// counted them.
+// Whether there should be more records than the run names. A recording that never saw its end has
+// not counted them.
 bool LooseBlocks::misses(const SourceData& data, const DataRun& run) const {
   const SourceGroup* const group = sortedGroup(data);
   if (data.isLost) return true;
@@ -105,7 +105,7 @@ bool LooseBlocks::misses(const SourceData& data, const DataRun& run) const {
   if (group == nullptr) return run.broken || unfinished_;
   const std::uint64_t counted = group->record.cg_cycle_count;
   if (counted == 0) return data.dataLink != 0;
-  return counted > run.bytes / group->recordSize();
+  return counted > (run.bytes + run.lostBytes) / group->recordSize();
 }
 
 bool LooseBlocks::readRecord(const SourceGroup& group, const ChainBlock& block,
@@ -157,14 +157,14 @@ LooseBlocks::Claim LooseBlocks::claimOf(const SourceData& data, const DataRun& r
   constexpr std::uint64_t kRecordsPerBlock = 512;  // as tolvex records
   const std::uint64_t size = group->recordSize();
   const std::uint64_t counted = group->record.cg_cycle_count;
-  const std::uint64_t records = (run.bytes + expected) / size;
+  const std::uint64_t records = (run.bytes + run.lostBytes + expected) / size;
   // A chain that has an end lacks no list.
   const bool hasEnd = run.lastList != 0 && run.openFrom == DataRun::kNowhere;
   if (isListed && hasEnd && counted == 0) return Claim::None;
   if (expected < size || expected % size != 0 || (counted != 0 && records > counted)) {
     return Claim::None;
   }
-  if (counted != 0 && records == counted) return Claim::Certain;
+  if (!isListed && counted != 0 && records == counted) return Claim::Certain;
   const std::uint64_t full = run.equalLength != 0 ? run.equalLength : kRecordsPerBlock * size;
   if (run.equalLength != 0 && expected > full) return Claim::None;
   const bool isFirst = run.lastList != 0 && (!run.last || run.last->position < run.lastList);
