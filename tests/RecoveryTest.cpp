@@ -218,11 +218,14 @@ TEST_F(Recovery, DropsTheRecordThatAnUnsortedFileEndsIn) {
 }
 
 TEST_F(Recovery, LeavesSoundFilesWhatTheyAre) {
-  for (const char* name : {"raw-00000005.MF4", "decoded-00000005.mf4"}) {
-    SCOPED_TRACE(name);
-    const std::vector<std::string> want = contentsOf(data(name));
+  FileBuilder constants;  // of a logger whose fields without bits are all said by their conversion
+  constants.busLog({"CAN_DataFrame", 12, {{"IDE", 8, 0, 0, 0, {1, 0}}, {"ID", 8, 0, 32}}}, {});
+  for (const std::string& path :
+       {data("raw-00000005.MF4"), data("decoded-00000005.mf4"), constants.write()}) {
+    SCOPED_TRACE(path);
+    const std::vector<std::string> want = contentsOf(path);
     const std::string once = dir_.path("once.mf4");
-    std::filesystem::rename(recovered(data(name)), once);
+    std::filesystem::rename(recovered(path), once);
     EXPECT_TRUE(contentsOf(once) == want);
     EXPECT_EQ(firstError(once), "");
     EXPECT_TRUE(contentsOf(recovered(once)) == want);

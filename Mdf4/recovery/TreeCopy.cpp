@@ -282,7 +282,12 @@ void TreeCopy::followChannel(const Step& step, PlannedBlock loaded) {
       takeOver(nameLink, kCN, link::cn_tx_name, 0) == 0) {
     name.clear();
   }
-  if (const char* const expected = misplaced(groups_[step.group], channel, name)) {
+  const char* expected = misplaced(groups_[step.group], channel, name);
+  if (channel.cn_bit_count == 0 && !isVirtual(channel) &&
+      isOnLostPage(loaded.dataPosition + offsetof(m4CNRecord, cn_bit_count))) {
+    expected = "a channel with bits";
+  }
+  if (expected != nullptr) {
     MdfRecoveredGroup& report = groups_[step.group].report;
     std::string text =
         formatText("channel \"%s\" at %" PRIu64
@@ -326,12 +331,22 @@ void TreeCopy::followChannel(const Step& step, PlannedBlock loaded) {
   describeChannel(groups_[step.group], block, channel, name, dataLink);
 }
 
+// Whether nothing of the page that holds the position is there.
+bool TreeCopy::isOnLostPage(std::uint64_t position) {
+  constexpr std::uint64_t kPage = 4096;
+  std::array<std::uint8_t, kPage> page;
+  const std::uint64_t start = position / kPage * kPage;
+  const std::uint64_t bytes = std::min(kPage, in_.end() - start);
+  return in_.ReadAt(start, bytes, page.data()) &&
+         std::all_of(page.begin(), page.begin() + static_cast<std::ptrdiff_t>(bytes),
+                     [](std::uint8_t byte) { return byte == 0; });
+}
+
 // What the channel should be and is not; null for a channel that fits into its group.
 const char* TreeCopy::misplaced(const SourceGroup& group, const m4CNRecord& channel,
                                 std::string_view name) {
   if (isMaster(channel) && (group.masters >> channel.cn_sync_type & 1) != 0)
     return "no second master";
-  if (!isVirtual(channel) && channel.cn_bit_count == 0) return "a channel with bits";
   if (!isVirtual(channel) && !liesInside(channel, name, group.record.cg_data_bytes)) {
     return "it inside its record";
   }

@@ -138,6 +138,7 @@ class TreeCopy {
   void readGroups(std::uint64_t first, std::uint16_t from);
   void readChannelGroups(std::size_t data, std::uint64_t first);
   void readChannelGroup(std::size_t data, PlannedBlock loaded);
+  bool isOnLostPage(std::uint64_t position);
   static const char* misplaced(const SourceGroup& group, const m4CNRecord& channel,
                                std::string_view name);
   void describeChannel(SourceGroup& group, std::size_t block, const m4CNRecord& channel,
