@@ -116,17 +116,17 @@ class JsonWriter {
   }
 
  private:
-  static constexpr int kIndent = 2;
+  static constexpr std::size_t kIndent = 2;
 
   std::string textOf(const Json& json) const {
     // Names that are no UTF-8 show replacement characters.
     const std::string text =
-        printableJson(json.dump(kIndent, ' ', false, Json::error_handler_t::replace));
+        printableJson(json.dump(int{kIndent}, ' ', false, Json::error_handler_t::replace));
     std::string indented;
     for (const char character : text) {
       indented += character;
       if (character == '\n') {
-        indented.append(static_cast<std::size_t>(kIndent * depth_), ' ');
+        indented.append(kIndent * depth_, ' ');
       }
     }
     return indented;
@@ -141,13 +141,13 @@ class JsonWriter {
     isFirst_ = false;
     endLine(depth_);
   }
-  void endLine(int depth) {
+  void endLine(std::size_t depth) {
     out_.write('\n');
-    out_.write(std::string(static_cast<std::size_t>(kIndent * depth), ' '));
+    out_.write(std::string(kIndent * depth, ' '));
   }
 
   Output& out_;
-  int depth_ = 0;
+  std::size_t depth_ = 0;
   bool isFirst_ = true;  // of the elements of an array
 };
 
