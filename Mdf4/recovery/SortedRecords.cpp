@@ -20,6 +20,7 @@ constexpr std::uint64_t kPage = 4096;
 
 bool SortedRecords::copy(const DataRun& run, const Done& done) {
   const std::uint64_t counted = group_.record.cg_cycle_count;
+  isFinished_ = counted != 0 && run.bytes / size_ == counted;
   oneByOne_ = !values_.empty() || (counted != 0 && run.bytes / size_ > counted);
   DataSequence blocks(in_, run);
   ChainBlock block;
@@ -51,7 +52,8 @@ bool SortedRecords::copyBlock(const ChainBlock& found, bool isLast, const Done& 
   }
   bool read = whole != 0 || block.bytes == 0;
   const std::uint64_t start = block.position + kBlockHeaderSize;
-  if (start / kPage != block.position / kPage) openHole_ = start;  // if it begins with zeros
+  const std::uint64_t page = start / kPage * kPage;
+  if (page > block.position && areZeros(page, page + kPage)) openHole_ = start;
   while (read && bytes.left() != 0 && !ended_) {
     std::uint64_t count = std::min(pieceSize_, bytes.left());
     const bool plain = isPlainData(block.type) && !block.columns;
@@ -170,10 +172,29 @@ std::optional<SortedRecords::Hole> SortedRecords::findHole(ByteSpan bytes, std::
     if (!reachesEnd) end -= std::min((position + end) % sector, end);
     if (end <= at) continue;
     if (goesOn && at == from) return Hole{at, end};
-    if (end - at < sector && !(toEnd && reachesEnd)) continue;
+    if (end - at < sector && !(toEnd && reachesEnd && endsOnSector(position + end, sector))) {
+      continue;
+    }
     if (!timed || timeFalls(bytes, from, {at, end})) return Hole{at, end};
   }
   return std::nullopt;
+}
+
+// Whether the sector that a block ends in may be lost. Of a recording that was cut off, the block
+// behind it may have been written before; where a group has all records that it counts, the sector
+// must be zeros to its end.
+bool SortedRecords::endsOnSector(std::uint64_t end, std::uint64_t sector) const {
+  return !isFinished_ || areZeros(end, (end + sector - 1) / sector * sector);
+}
+
+// Whether the file has nothing but zeros there, at most a page.
+bool SortedRecords::areZeros(std::uint64_t from, std::uint64_t to) const {
+  std::array<std::uint8_t, kPage> bytes;
+  to = std::min(to, in_.end());
+  return from >= to ||
+         (in_.ReadAt(from, to - from, bytes.data()) &&
+          std::all_of(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(to - from),
+                      [](std::uint8_t byte) { return byte == 0; }));
 }
 
 // Whether the first time that ends in the hole has, in it, bytes that the time before it had not as

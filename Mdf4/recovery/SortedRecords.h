@@ -51,6 +51,8 @@ class SortedRecords {
                  std::uint64_t& got);
   std::optional<Hole> findHole(ByteSpan bytes, std::uint64_t from, std::uint64_t position,
                                bool toEnd) const;
+  bool endsOnSector(std::uint64_t end, std::uint64_t sector) const;
+  bool areZeros(std::uint64_t from, std::uint64_t to) const;
   void keepLast(ByteSpan bytes);
   bool timeFalls(ByteSpan bytes, std::uint64_t from, Hole hole) const;
   bool takeBytes(ByteSpan bytes);
@@ -67,6 +69,7 @@ class SortedRecords {
   std::uint64_t offset_ = 0;           // in the sequence of all records, as far as it is known
   std::uint64_t skip_ = 0;             // bytes up to the next record
   std::uint64_t openHole_ = 0;         // position where a hole went beyond what was read; 0: none
+  bool isFinished_ = false;            // the group has the records that it counts
   std::vector<std::uint8_t> last_;     // record of what was taken, zeros at first
   std::vector<std::uint8_t> piece_;    // one by one: what was read
   std::vector<std::uint8_t> partial_;  // and the beginning of a record
