@@ -8,6 +8,7 @@
 #include "Mdf4/format/BlockLoader.h"
 #include "Mdf4/format/DataBlocks.h"
 #include "Mdf4/format/DirectFile.h"
+#include "Mdf4/format/PositionSet.h"
 #include "tests/support/Diagnostics.h"
 #include "tests/support/FileBuilder.h"
 #include "tests/support/MemoryFile.h"
@@ -155,6 +156,19 @@ TEST(Blocks, TextEndsAtItsFirstNul) {
   DirectFile file;
   ASSERT_TRUE(file.open(builder.write(), OpenMode::Read));
   for (const auto& [link, want] : texts) EXPECT_EQ(loadText(file, link), want) << "at " << link;
+}
+
+TEST(PositionSet, KnowsPositionsInWhateverOrderTheyCame) {
+  PositionSet known;
+  std::vector<std::uint64_t> positions(5000);
+  for (std::size_t i = 0; i < positions.size(); ++i) positions[i] = 2 * i;
+  std::shuffle(positions.begin() + 1000, positions.end(), std::mt19937_64(1));
+  for (const std::uint64_t position : positions) {
+    ASSERT_FALSE(known.contains(position)) << position;
+    known.add(position);
+    ASSERT_TRUE(known.contains(position) && !known.contains(position + 1)) << position;
+  }
+  for (const std::uint64_t position : positions) ASSERT_TRUE(known.contains(position)) << position;
 }
 
 TEST(Blocks, OnlyKnownKindsAreLoadedAndTheRestIsNoted) {

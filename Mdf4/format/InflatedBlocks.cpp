@@ -10,6 +10,7 @@ namespace {
 // within these limits.
 constexpr std::uint64_t kLeastLimit = std::uint64_t{64} << 20;
 constexpr std::uint64_t kMostLimit = std::uint64_t{512} << 20;
+
 }  // namespace
 
 std::shared_ptr<InflatedBlock> InflatedBlocks::find(std::uint64_t position,
@@ -21,6 +22,8 @@ std::shared_ptr<InflatedBlock> InflatedBlocks::find(std::uint64_t position,
 
 void InflatedBlocks::add(std::uint64_t position, std::uint64_t stated,
                          const std::shared_ptr<InflatedBlock>& block) {
+  if (!inflated_.contains(position)) inflated_.add(position);
+  if (known_.size() > mostKnown_) forgetReleased();
   const auto [entry, isNew] = known_.try_emplace(position);
   Known& known = entry->second;
   if (isNew) {
@@ -57,8 +60,16 @@ void InflatedBlocks::letGo(Known& known) {
   known.held = held_.end();
 }
 
+// Those that no stream stands in any more, once there are twice as many as were needed last.
+void InflatedBlocks::forgetReleased() {
+  std::erase_if(known_, [](const auto& entry) { return entry.second.block.expired(); });
+  mostKnown_ = 2 * known_.size();
+}
+
 void InflatedBlocks::clear() {
+  inflated_.clear();
   known_.clear();
+  mostKnown_ = 0;
   held_.clear();
   heldBytes_ = 0;
   mostHeld_ = kFewBytes;

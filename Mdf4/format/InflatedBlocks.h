@@ -8,6 +8,7 @@
 #include <unordered_map>
 
 #include "Mdf4/format/Inflater.h"
+#include "Mdf4/format/PositionSet.h"
 
 namespace tolvex {
 
@@ -28,7 +29,7 @@ class InflatedBlocks {
   // The block of `stated` bytes at `position`, when its bytes are in memory, else null.
   std::shared_ptr<InflatedBlock> find(std::uint64_t position, std::uint64_t stated) const;
   // Whether the block at `position` was inflated before.
-  bool wasInflated(std::uint64_t position) const { return known_.count(position) != 0; }
+  bool wasInflated(std::uint64_t position) const { return inflated_.contains(position); }
   // The block at `position`, `stated` bytes by what names it, is in memory now.
   void add(std::uint64_t position, std::uint64_t stated,
            const std::shared_ptr<InflatedBlock>& block);
@@ -51,9 +52,12 @@ class InflatedBlocks {
   static constexpr std::uint64_t kFewBytes = std::uint64_t{16} << 20;
 
   void letGo(Known& known);
+  void forgetReleased();
 
-  std::unordered_map<std::uint64_t, Known> known_;  // by position
-  std::list<Held> held_;                            // last used first
+  PositionSet inflated_;                            // all that were inflated
+  std::unordered_map<std::uint64_t, Known> known_;  // by position: those in memory, and some others
+  std::size_t mostKnown_ = 0;
+  std::list<Held> held_;  // last used first
   std::uint64_t heldBytes_ = 0;
   std::uint64_t mostHeld_ = kFewBytes;
 };
