@@ -26,15 +26,6 @@ using Fault = FailingReads::Fault;
 constexpr std::uint64_t kSector = 512;
 constexpr std::uint64_t kPage = 4096;
 
-Bytes contentOf(const std::string& path) {
-  std::string error;
-  DirectFile file;
-  file.open(path, OpenMode::Read);
-  Bytes bytes(file.end());
-  file.ReadAt(0, bytes.size(), bytes.data());
-  return bytes;
-}
-
 std::string textOf(const MdfRecoveryReport& report) {
   std::string text = report.failure;
   for (const std::string& loss : report.losses) text += '\n' + loss;
@@ -116,7 +107,7 @@ TEST(FailingReadsRecovery, SectorsAreReadAroundWhatCannotBeRead) {
   const CapturedDiagnostics quiet;
   const TempDir dir;
   const std::string path = recordedFile(dir);
-  const Bytes content = contentOf(path);
+  const Bytes content = fileBytes(path);
   FailingReads reads(path);
   std::vector<bool> bad(content.size());
   for (int i = 0; i < 20; ++i) {
@@ -228,7 +219,7 @@ TEST(FailingReadsRecovery, LosesWhatWasInTheUnreadableSectors) {
   const CapturedDiagnostics quiet;
   const TempDir dir;
   const std::string path = recordedFile(dir);
-  const Bytes content = contentOf(path);
+  const Bytes content = fileBytes(path);
   const Result whole = recovered(path);
   ASSERT_EQ(count(whole.groups), kRecords + 2);  // the start and stop times
   constexpr std::string_view kData = "##DT";

@@ -9,6 +9,7 @@
 #include "tests/support/Diagnostics.h"
 #include "tests/support/FailingFile.h"
 #include "tests/support/FileBuilder.h"
+#include "tests/support/RecoveredContent.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex::test {
@@ -43,14 +44,6 @@ void record(MdfRecorder& recorder, FailingDisk& disk, const std::string& path) {
     }
   }
   recorder.stopRecord(0);
-}
-
-std::string firstError(const std::string& path) {
-  const MdfCheckReport report = checkFile(path);
-  for (const MdfFinding& finding : report.findings) {
-    if (finding.error) return finding.what + " at " + std::to_string(finding.position);
-  }
-  return report.failure;
 }
 
 TEST(HalfDefinedGroup, LeavesASoundFileThatComesBackSound) {

@@ -7,7 +7,6 @@
 #include <atomic>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <iterator>
 #include <memory>
@@ -111,10 +110,6 @@ class RecordingProcess : public testing::TestWithParam<bool> {
  protected:
   void TearDown() override { recorderSettings.splitSize = 0; }
 
-  static std::string textOf(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
   void expectRefused(MdfRecorder& recorder, const std::string& path) {
     EXPECT_EQ(start(recorder, path), 1);
     EXPECT_EQ(recorder.firstError(), path + ": locked by another recorder or program");
@@ -233,10 +228,10 @@ TEST_P(RecordingProcess, AChildLeavesTheRecordingToItsParent) {
   }
   const auto inChild = [&](auto call) {
     return [&, call] {
-      const std::string before = textOf(path_);
+      const std::string before = contentOf(path_);
       call();
       recorder.reset();
-      return textOf(path_) == before;
+      return contentOf(path_) == before;
     };
   };
   const Child deletes(inChild([] {}));

@@ -23,19 +23,6 @@ std::string data(const char* name) {
   return std::string(TOLVEX_TEST_DATA "/") + name;
 }
 
-Bytes bytesOf(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
-std::string firstError(const std::string& path) {
-  const MdfCheckReport report = checkFile(path);
-  for (const MdfFinding& finding : report.findings) {
-    if (finding.error) return finding.what + " at " + std::to_string(finding.position);
-  }
-  return report.failure;
-}
-
 // The record, without what says where its values lie.
 Bytes withoutPlaces(const LoggerGroup& group, Bytes record) {
   for (const LoggerChannel& channel : group.channels) {
@@ -239,7 +226,7 @@ TEST_F(Recovery, LeavesSoundFilesWhatTheyAre) {
 // Every block of a file of nine groups in turn.
 TEST_F(Recovery, LosesWithABlockWhatThatHeldAlone) {
   const std::vector<LoggerGroup> want = readLoggerFile(data("decoded-00000005.mf4"));
-  const Bytes whole = bytesOf(data("decoded-00000005.mf4"));
+  const Bytes whole = fileBytes(data("decoded-00000005.mf4"));
   for (std::size_t at = 64; at < whole.size(); at += 8) {
     if (whole[at] != '#' || whole[at + 1] != '#') continue;
     const std::string type = {static_cast<char>(whole[at + 2]), static_cast<char>(whole[at + 3])};
@@ -311,7 +298,7 @@ TEST_F(Recovery, FindsAllBehindOneWrongNumber) {
 TEST_F(Recovery, FindsItsWayBackIntoUnsortedRecords) {
   const std::vector<std::string> want =
       frameLines(readLoggerFile(data("unfinalized-00000170.MF4")));
-  const Bytes whole = bytesOf(data("unfinalized-00000170.MF4"));
+  const Bytes whole = fileBytes(data("unfinalized-00000170.MF4"));
   std::mt19937 random(1);
   for (const std::size_t size : {1U, 4U, 24U, 500U, 4096U}) {
     for (const int byte : {0, 1, 2, 0xFF}) {
@@ -421,7 +408,7 @@ TEST_F(Recovery, TakesALengthThatIsWrongFromTheBlocksOwnCounts) {
   frame.DataBytes({1, 2, 3});
   for (unsigned i = 0; i < 600; ++i) recorder.saveCanMessage(1'700'000'000'000'000U + i, frame);
   recorder.stopRecord(0);
-  const Bytes whole = bytesOf(damaged_);
+  const Bytes whole = fileBytes(damaged_);
   const std::vector<std::string> want = frameLinesOf(damaged_);
   ASSERT_EQ(want.size(), 600U);
   for (std::size_t at = 64; at < whole.size(); at += 8) {
@@ -470,7 +457,7 @@ TEST_F(Recovery, LeavesNothingBehindWhereverItIsStopped) {
         recoverFile(data("unfinalized-00000170.MF4"), damaged_, options);
     finished = report.failure.empty();
     ASSERT_TRUE(finished || report.failure == "cancelled") << report.failure;
-    ASSERT_EQ(bytesOf(damaged_).size() == 3, !finished);
+    ASSERT_EQ(fileBytes(damaged_).size() == 3, !finished);
     ASSERT_EQ(std::distance(std::filesystem::directory_iterator(dir_.path("")), {}), 1);
   }
 }
@@ -505,7 +492,7 @@ TEST_F(Recovery, LeavesOutTheRecordsThatReachIntoALostPage) {
     ASSERT_EQ((start - 24 + inFront) % kPage, 0U);
     file.signalGroup({{.name = "n", .byteOffset = 8, .bitCount = 64}}, {.dataBytes = 16},
                      start - 24);
-    const Bytes whole = bytesOf(file.write());
+    const Bytes whole = fileBytes(file.write());
     for (std::uint64_t page = start / kPage * kPage; page < start + all.size(); page += kPage) {
       SCOPED_TRACE(testing::Message() << inFront << ": the page at " << page);
       Bytes damaged = whole;

@@ -25,10 +25,7 @@ class ResultFileTest : public testing::Test {
     std::ofstream(dir_.path(name)) << text;
     ::chmod(dir_.path(name).c_str(), mode);
   }
-  std::string textOf(const std::string& name) const {
-    std::ifstream in(dir_.path(name));
-    return {std::istreambuf_iterator<char>(in), {}};
-  }
+  std::string textOf(const std::string& name) const { return contentOf(dir_.path(name)); }
   static unsigned modeOf(const std::string& path) {
     struct stat status = {};
     return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 0777U : 0;

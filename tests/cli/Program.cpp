@@ -10,7 +10,6 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
 #include <iterator>
 #include <sstream>
 
@@ -119,11 +118,6 @@ Outcome RunningTolvex::wait() {
   const bool ended = process_ > 0 && ::waitpid(process_, &status, 0) == process_;
   process_ = -1;
   return {ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1, "", contentOf(dir_.path("err"))};
-}
-
-std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 std::string realFile(const char* name) {

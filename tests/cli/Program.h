@@ -47,7 +47,6 @@ class RunningTolvex {
   int input_ = -1;
 };
 
-std::string contentOf(const std::string& path);
 std::string realFile(const char* name);
 
 }  // namespace tolvex::test

@@ -20,11 +20,6 @@
 namespace tolvex::test {
 namespace {
 
-std::string contentOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
 // While it lives, what goes to the descriptor goes into memory.
 class Redirection {
  public:

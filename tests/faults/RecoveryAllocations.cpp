@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <iterator>
 #include <string>
@@ -59,9 +58,8 @@ std::string textOf(const MdfRecoveryReport& report) {
 
 // Stands for all of a file's bytes but the time in its history; "" without a file.
 std::string digestOf(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file) return {};
-  std::string bytes(std::istreambuf_iterator<char>(file), {});
+  std::string bytes = contentOf(path);
+  if (bytes.empty()) return {};
   bytes.replace(bytes.rfind("##FH") + 40, 8, 8, '\0');
   return std::to_string(std::hash<std::string>()(bytes));
 }

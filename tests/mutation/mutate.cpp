@@ -147,8 +147,7 @@ Bytes recording() {
     if (i % 8 == 0) recorder.insertRecord(*data, group);
   }
   recorder.stopRecord(kStart + 70'000);
-  std::ifstream in(path, std::ios::binary);
-  return Bytes(std::istreambuf_iterator<char>(in), {});
+  return fileBytes(path);
 }
 
 // What the process that tries mutations says of itself, to the one that watches it.
@@ -363,8 +362,7 @@ void addSubjects(const std::string& argument, std::vector<Subject>& subjects) {
     paths.emplace_back(name, name);
   }
   for (const auto& [shown, path] : paths) {
-    std::ifstream in(path, std::ios::binary);
-    subjects.push_back({shown, Bytes(std::istreambuf_iterator<char>(in), {}), {}});
+    subjects.push_back({shown, fileBytes(path), {}});
   }
   const TempDir dir;
   for (Subject& subject : subjects) {

@@ -30,6 +30,10 @@ Bytes packed(Values... values) {
 
 Bytes joined(const std::vector<Bytes>& parts);
 
+// What a file holds; nothing when there is none.
+std::string contentOf(const std::string& path);
+Bytes fileBytes(const std::string& path);
+
 // A new folder that disappears with the object.
 class TempDir {
  public:

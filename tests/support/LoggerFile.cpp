@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <iterator>
 #include <map>
 #include <stdexcept>
@@ -50,9 +49,7 @@ using Values = std::map<std::uint64_t, Bytes>;
 
 class LoggerFile {
  public:
-  explicit LoggerFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    bytes_.assign(std::istreambuf_iterator<char>(in), {});
+  explicit LoggerFile(const std::string& path) : bytes_(fileBytes(path)) {
     if (bytes_.size() < 64) throw std::runtime_error(path + " is no file of a logger");
     if (bytes_[0] == 'U') flags_ = number(bytes_, 60, 2);
   }

@@ -80,6 +80,14 @@ bool isPart(const RecoveredContent& part, const RecoveredContent& whole) {
   return true;
 }
 
+std::string firstError(const std::string& path) {
+  const MdfCheckReport report = checkFile(path);
+  for (const MdfFinding& finding : report.findings) {
+    if (finding.error) return finding.what + " at " + std::to_string(finding.position);
+  }
+  return report.failure;
+}
+
 std::size_t count(const RecoveredContent& groups) {
   std::size_t records = 0;
   for (const RecoveredGroup& group : groups) records += group.records.size();

@@ -36,6 +36,9 @@ RecoveredContent recoveredContent(const std::string& path);
 // Whether each group of `part` may be another one of `whole`, in whatever order.
 bool isPart(const RecoveredContent& part, const RecoveredContent& whole);
 
+// The first error that a check finds, or why it failed; "" for a sound file.
+std::string firstError(const std::string& path);
+
 std::size_t count(const RecoveredContent& groups);  // of records
 
 }  // namespace tolvex::test
