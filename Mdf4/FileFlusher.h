@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "Mdf4/WorkerThread.h"
-#include "Mdf4/format/System.h"
+#include "Mdf4/base/System.h"
 
 namespace tolvex {
 

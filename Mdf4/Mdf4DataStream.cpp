@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "Mdf4/Blocks.h"
-#include "Mdf4/format/Diagnostics.h"
+#include "Mdf4/base/Diagnostics.h"
 
 namespace tolvex {
 

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "Mdf4/Blocks.h"
-#include "Mdf4/format/Diagnostics.h"
+#include "Mdf4/base/Diagnostics.h"
 
 namespace tolvex {
 namespace {

@@ -6,9 +6,9 @@
 #include <type_traits>
 #include <utility>
 
+#include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/can/BusLogLayout.h"
 #include "Mdf4/can/DataFramePacking.h"
-#include "Mdf4/format/Diagnostics.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {

@@ -12,8 +12,8 @@
 #include "Mdf4/MdfAsyncRecorder.h"
 #include "Mdf4/MdfRecorder.h"
 #include "Mdf4/Record.h"
+#include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/format/BlockRecords.h"
-#include "Mdf4/format/Diagnostics.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {

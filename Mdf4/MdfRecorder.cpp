@@ -11,9 +11,9 @@
 #include <utility>
 
 #include "Mdf4/Blocks.h"
+#include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/can/BusLogLayout.h"
 #include "Mdf4/can/DataFramePacking.h"
-#include "Mdf4/format/Diagnostics.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {

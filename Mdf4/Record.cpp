@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "Mdf4/Blocks.h"
+#include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/format/BlockRecords.h"
-#include "Mdf4/format/Diagnostics.h"
 
 namespace tolvex {
 namespace {

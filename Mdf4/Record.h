@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "Mdf4/Channel.h"
-#include "Mdf4/format/Bytes.h"
+#include "Mdf4/base/Bytes.h"
 
 namespace tolvex {
 

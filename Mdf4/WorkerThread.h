@@ -12,7 +12,7 @@
 #include <thread>
 #include <utility>
 
-#include "Mdf4/format/System.h"
+#include "Mdf4/base/System.h"
 
 namespace tolvex {
 

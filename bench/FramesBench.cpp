@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "Mdf4/format/Bytes.h"
+#include "Mdf4/base/Bytes.h"
 #include "bench/Bench.h"
 #include "bench/Inputs.h"
 #include "tolvex/Mdf4.h"

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "Mdf4/MdfRecorder.h"
-#include "Mdf4/format/Bytes.h"
+#include "Mdf4/base/Bytes.h"
 #include "bench/Bench.h"
 #include "bench/Recordings.h"
 #include "tests/support/FileBuilder.h"

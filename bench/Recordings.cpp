@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <random>
 
-#include "Mdf4/format/Bytes.h"
+#include "Mdf4/base/Bytes.h"
 #include "tolvex/MdfEngine.h"
 
 namespace tolvex::bench {

@@ -7,8 +7,8 @@
 #include <cstring>
 #include <string>
 
-#include "Mdf4/format/Bytes.h"
-#include "Mdf4/recovery/WorkSizes.h"
+#include "Mdf4/base/Bytes.h"
+#include "Mdf4/format/WorkSizes.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex::fuzz {

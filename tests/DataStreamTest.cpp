@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <random>
 
-#include "Mdf4/format/Transposition.h"
+#include "Mdf4/base/Transposition.h"
 #include "Mdf4/format/m4DataStream.h"
 #include "tests/support/Diagnostics.h"
 #include "tests/support/FileBuilder.h"

@@ -10,7 +10,7 @@
 
 #include "Mdf4/MdfRecorder.h"
 #include "Mdf4/format/BlockRecords.h"
-#include "Mdf4/recovery/WorkSizes.h"
+#include "Mdf4/format/WorkSizes.h"
 #include "tests/support/Diagnostics.h"
 #include "tests/support/SampleFiles.h"
 #include "tolvex/Mdf4.h"

@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <random>
 
+#include "Mdf4/base/PositionSet.h"
 #include "Mdf4/format/BlockLoader.h"
 #include "Mdf4/format/DataBlocks.h"
 #include "Mdf4/format/DirectFile.h"
-#include "Mdf4/format/PositionSet.h"
 #include "tests/support/Diagnostics.h"
 #include "tests/support/FileBuilder.h"
 #include "tests/support/MemoryFile.h"

@@ -9,7 +9,7 @@
 #include <set>
 
 #include "Mdf4/MdfRecorder.h"
-#include "Mdf4/recovery/WorkSizes.h"
+#include "Mdf4/format/WorkSizes.h"
 #include "tests/support/Diagnostics.h"
 #include "tests/support/LoggerFile.h"
 #include "tests/support/RecoveredContent.h"

@@ -7,9 +7,9 @@
 #include <fstream>
 #include <set>
 
-#include "Mdf4/format/OutputLimit.h"
-#include "Mdf4/format/ResultFile.h"
-#include "Mdf4/format/System.h"
+#include "Mdf4/base/OutputLimit.h"
+#include "Mdf4/base/ResultFile.h"
+#include "Mdf4/base/System.h"
 #include "tests/support/FileBuilder.h"
 
 namespace tolvex::test {

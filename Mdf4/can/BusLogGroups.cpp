@@ -9,7 +9,7 @@
 #include <string>
 #include <utility>
 
-#include "Mdf4/format/Diagnostics.h"
+#include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/reader/ChannelDescription.h"
 
 namespace tolvex {

@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "Mdf4/format/Bytes.h"
+#include "Mdf4/base/Bytes.h"
 
 namespace tolvex {
 

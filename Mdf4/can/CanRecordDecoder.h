@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "Mdf4/base/Bytes.h"
 #include "Mdf4/can/BusLogLayout.h"
-#include "Mdf4/format/Bytes.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {

@@ -4,7 +4,7 @@
 #include <cinttypes>
 #include <new>
 
-#include "Mdf4/format/Diagnostics.h"
+#include "Mdf4/base/Diagnostics.h"
 
 namespace tolvex {
 namespace {

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "Mdf4/format/Bytes.h"
+#include "Mdf4/base/Bytes.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {

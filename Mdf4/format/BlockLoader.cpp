@@ -2,8 +2,8 @@
 
 #include <cinttypes>
 
+#include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/format/DataBlocks.h"
-#include "Mdf4/format/Diagnostics.h"
 
 namespace tolvex {
 namespace {

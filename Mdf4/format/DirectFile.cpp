@@ -4,8 +4,8 @@
 #include <cinttypes>
 #include <utility>
 
-#include "Mdf4/format/Diagnostics.h"
-#include "Mdf4/format/SectorReader.h"
+#include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/base/SectorReader.h"
 
 namespace tolvex {
 namespace {

@@ -10,22 +10,14 @@
 #include <string>
 #include <vector>
 
-#include "Mdf4/format/Bytes.h"
-#include "Mdf4/format/InflatedBlocks.h"
-#include "Mdf4/format/LoadBudget.h"
-#include "Mdf4/format/System.h"
+#include "Mdf4/base/Bytes.h"
+#include "Mdf4/base/InflatedBlocks.h"
+#include "Mdf4/base/LoadBudget.h"
+#include "Mdf4/base/System.h"
 
 namespace tolvex {
 
 class SectorReader;
-
-// Bytes of a file from `start` up to `end`.
-struct ByteRange {
-  std::uint64_t start = 0;
-  std::uint64_t end = 0;
-
-  bool empty() const { return start == end; }
-};
 
 // One open file. Small reads are served from a few pages that are kept, so that walking a tree of
 // blocks costs a system call per page, not per block.

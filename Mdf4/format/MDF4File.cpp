@@ -3,7 +3,7 @@
 #include <cinttypes>
 #include <string_view>
 
-#include "Mdf4/format/Diagnostics.h"
+#include "Mdf4/base/Diagnostics.h"
 
 namespace tolvex {
 namespace {

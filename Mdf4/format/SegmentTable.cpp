@@ -5,10 +5,10 @@
 #include <iterator>
 #include <numeric>
 
+#include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/base/Inflater.h"
 #include "Mdf4/format/BlockLoader.h"
 #include "Mdf4/format/DataBlocks.h"
-#include "Mdf4/format/Diagnostics.h"
-#include "Mdf4/format/Inflater.h"
 
 namespace tolvex {
 namespace {
@@ -161,20 +161,20 @@ bool SegmentTable::readColumnLists(DirectFile& file, std::unique_ptr<m4Block> fi
       }
       if (!append(file, segment, expectedSize)) return false;
 
-      DataSegment marks;
-      const std::uint64_t marksPosition = list.link(std::size_t{list.ld_count} + 1 + i);
-      if (marksPosition != 0) {
-        if (!readSegment(file, marksPosition, marks)) return false;
-        if (marks.type != block_type::kDI && marks.type != block_type::kRI &&
-            marks.type != block_type::kDZ) {
+      DataSegment invalidation;
+      const std::uint64_t invalidationPosition = list.link(std::size_t{list.ld_count} + 1 + i);
+      if (invalidationPosition != 0) {
+        if (!readSegment(file, invalidationPosition, invalidation)) return false;
+        if (invalidation.type != block_type::kDI && invalidation.type != block_type::kRI &&
+            invalidation.type != block_type::kDZ) {
           printDiagnostic(
               "m4DataStream::initSize: blk.hdr_id!=M4ID_DV | M4ID_DI | M4ID_RV | M4ID_RI | "
               "M4ID_DZ\n");
           return false;
         }
-        marks.damaged |= !visited.enter(marksPosition);
+        invalidation.damaged |= !visited.enter(invalidationPosition);
       }
-      invalidation_.push_back(marks);
+      invalidation_.push_back(invalidation);
     }
   }
   return true;

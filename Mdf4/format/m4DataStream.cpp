@@ -8,8 +8,8 @@
 #include <optional>
 #include <utility>
 
-#include "Mdf4/format/Diagnostics.h"
-#include "Mdf4/format/Transposition.h"
+#include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/base/Transposition.h"
 
 namespace tolvex {
 namespace {
@@ -184,7 +184,7 @@ std::uint64_t m4DataStream::Read(std::uint64_t length, std::uint8_t* buffer,
 
 std::uint64_t m4DataStream::heldBytes() const {
   std::uint64_t bytes = 0;
-  for (const auto* const block : {&inflated_, &inflatedMarks_}) {
+  for (const auto* const block : {&inflated_, &inflatedInvalidation_}) {
     if (*block != nullptr) bytes += (*block)->bytes.size();
   }
   for (const ByteBuffer* const buffer : {&buffer_, &scratch_, &compressed_, &transposed_}) {
@@ -196,7 +196,7 @@ std::uint64_t m4DataStream::heldBytes() const {
 void m4DataStream::releaseBuffers() {
   setWindow(nullptr, 0, 0);
   inflated_.reset();
-  inflatedMarks_.reset();
+  inflatedInvalidation_.reset();
   for (ByteBuffer* const buffer : {&buffer_, &scratch_, &compressed_, &transposed_}) {
     buffer->release();
   }
@@ -404,52 +404,59 @@ bool m4DataStream::inflateBlock(DataSegment& segment, bool again, InflatedBlock&
 // the first.
 std::uint64_t m4DataStream::readMerged(std::uint64_t length, std::uint8_t* buffer,
                                        std::uint32_t records) {
-  const std::uint64_t marksLength = std::uint64_t{records} * invalBytes_;
-  if (marksLength > length) return 0;
-  std::vector<std::uint8_t> marks(marksLength);
-  const std::uint64_t wanted = length - marksLength;
+  const std::uint64_t invalidationLength = std::uint64_t{records} * invalBytes_;
+  if (invalidationLength > length) return 0;
+  std::vector<std::uint8_t> invalidation(invalidationLength);
+  const std::uint64_t wanted = length - invalidationLength;
   std::uint64_t done = 0;
-  std::uint64_t marksDone = 0;
+  std::uint64_t invalidationDone = 0;
   while (done < wanted && at_ < limit_) {
     const std::size_t index = segmentAt(at_);
     const std::uint64_t offset = at_ - (*table_)[index].start;
     const std::uint64_t chunk = std::min(wanted - done, (*table_)[index].length - offset);
     if (assemble(chunk, buffer + done) != chunk) break;
     done += chunk;
-    const std::uint64_t chunkMarks =
-        std::min(chunk / dataBytes_ * invalBytes_, marksLength - marksDone);
-    const std::uint64_t got = readMarks(index, offset / dataBytes_ * invalBytes_,
-                                        WritableBytes(marks).subspan(marksDone, chunkMarks));
-    marksDone += got;
-    if (got != chunkMarks) break;
+    const std::uint64_t chunkInvalidation =
+        std::min(chunk / dataBytes_ * invalBytes_, invalidationLength - invalidationDone);
+    const std::uint64_t got =
+        readInvalidation(index, offset / dataBytes_ * invalBytes_,
+                         WritableBytes(invalidation).subspan(invalidationDone, chunkInvalidation));
+    invalidationDone += got;
+    if (got != chunkInvalidation) break;
   }
   const std::uint64_t recordSize = std::uint64_t{dataBytes_} + invalBytes_;
   for (std::uint64_t i = std::min<std::uint64_t>(records, done / dataBytes_); i-- > 0;) {
     std::memmove(buffer + i * recordSize, buffer + i * dataBytes_, dataBytes_);
-    std::copy_n(marks.data() + i * invalBytes_, invalBytes_, buffer + i * recordSize + dataBytes_);
+    std::copy_n(invalidation.data() + i * invalBytes_, invalBytes_,
+                buffer + i * recordSize + dataBytes_);
   }
-  return done + marksDone;
+  return done + invalidationDone;
 }
 
 // Invalidation bytes from `offset` on in the block beside a data block; where there is none, all
 // samples are valid and the bytes stay 0.
-std::uint64_t m4DataStream::readMarks(std::size_t index, std::uint64_t offset,
-                                      WritableBytes marks) {
+std::uint64_t m4DataStream::readInvalidation(std::size_t index, std::uint64_t offset,
+                                             WritableBytes invalidation) {
   DataSegment& segment = table_->invalidation(index);
-  if (segment.position == 0 || marks.empty()) return marks.size();
-  if (segment.damaged || offset > segment.length || marks.size() > segment.length - offset) {
+  if (segment.position == 0 || invalidation.empty()) return invalidation.size();
+  if (segment.damaged || offset > segment.length || invalidation.size() > segment.length - offset) {
     return 0;
   }
   if (segment.type != block_type::kDZ) {
-    return file_->ReadAt(segment.position + offset, marks.size(), marks.data()) ? marks.size() : 0;
+    return file_->ReadAt(segment.position + offset, invalidation.size(), invalidation.data())
+               ? invalidation.size()
+               : 0;
   }
-  if (inflatedMarks_ == nullptr || marksSegment_ != index) {
-    marksSegment_ = index;
-    if (!inflate(segment, inflatedMarks_)) return 0;
+  if (inflatedInvalidation_ == nullptr || invalidationSegment_ != index) {
+    invalidationSegment_ = index;
+    if (!inflate(segment, inflatedInvalidation_)) return 0;
   }
-  if (marks.size() > inflatedMarks_->size - std::min(offset, inflatedMarks_->size)) return 0;
-  std::copy_n(inflatedMarks_->bytes.data() + offset, marks.size(), marks.data());
-  return marks.size();
+  if (invalidation.size() >
+      inflatedInvalidation_->size - std::min(offset, inflatedInvalidation_->size))
+    return 0;
+  std::copy_n(inflatedInvalidation_->bytes.data() + offset, invalidation.size(),
+              invalidation.data());
+  return invalidation.size();
 }
 
 bool m4DataStream::readValue(std::uint64_t offset, std::vector<std::uint8_t>& value,

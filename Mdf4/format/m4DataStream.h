@@ -5,9 +5,9 @@
 #include <memory>
 #include <vector>
 
-#include "Mdf4/format/Bytes.h"
+#include "Mdf4/base/Bytes.h"
+#include "Mdf4/base/Inflater.h"
 #include "Mdf4/format/DataBlocks.h"
-#include "Mdf4/format/Inflater.h"
 #include "Mdf4/format/SegmentTable.h"
 
 namespace tolvex {
@@ -135,7 +135,8 @@ class m4DataStream {
   bool inflate(DataSegment& segment, std::shared_ptr<InflatedBlock>& block);
   bool inflateBlock(DataSegment& segment, bool again, InflatedBlock& out);
   std::uint64_t readMerged(std::uint64_t length, std::uint8_t* buffer, std::uint32_t records);
-  std::uint64_t readMarks(std::size_t index, std::uint64_t offset, WritableBytes marks);
+  std::uint64_t readInvalidation(std::size_t index, std::uint64_t offset,
+                                 WritableBytes invalidation);
 
   bool fail(bool inFirstBlock);
   bool saveBlock();
@@ -143,7 +144,7 @@ class m4DataStream {
   bool saveList();
   bool nameOpenBlock();
   bool nextBlock();
-  void takeBack(std::uint64_t bytes, std::uint64_t marks);
+  void takeBack(std::uint64_t bytes, std::uint64_t invalidation);
 
   DirectFile* file_;
 
@@ -166,8 +167,8 @@ class m4DataStream {
   ByteBuffer transposed_;
   std::shared_ptr<InflatedBlock> inflated_;  // of inflatedSegment_; null: none
   std::size_t inflatedSegment_ = 0;
-  std::shared_ptr<InflatedBlock> inflatedMarks_;  // of marksSegment_; null: none
-  std::size_t marksSegment_ = 0;
+  std::shared_ptr<InflatedBlock> inflatedInvalidation_;  // of invalidationSegment_; null: none
+  std::size_t invalidationSegment_ = 0;
   bool readsValues_ = false;
   std::uint32_t dataBytes_ = 0;
   std::uint32_t invalBytes_ = 0;

@@ -27,19 +27,19 @@ bool m4DataStream::write(const std::uint8_t* data, std::uint64_t length,
     if (nameAtOnce_ && !named_ && !nameOpenBlock()) return fail(first);
     filling_ = blocks_.data.get();
     const std::uint64_t copied = blocks_.data->append(data, length);
-    std::uint64_t marksCopied = 0;
+    std::uint64_t invalidationCopied = 0;
     if (blocks_.invalidation != nullptr) {
-      marksCopied = blocks_.invalidation->append(invalidation, invalidationLength);
+      invalidationCopied = blocks_.invalidation->append(invalidation, invalidationLength);
     }
     pending_ = true;
     if (blocks_.data->room() == 0 && !saveBlock()) {
-      takeBack(copied, marksCopied);
+      takeBack(copied, invalidationCopied);
       return fail(first);
     }
     if (data != nullptr) data += copied;
     length -= copied;
-    if (invalidation != nullptr) invalidation += marksCopied;
-    invalidationLength -= marksCopied;
+    if (invalidation != nullptr) invalidation += invalidationCopied;
+    invalidationLength -= invalidationCopied;
   }
   return true;
 }
@@ -58,9 +58,9 @@ bool m4DataStream::skip(std::uint64_t length) {
   return write(nullptr, length, nullptr, 0);
 }
 
-void m4DataStream::takeBack(std::uint64_t bytes, std::uint64_t marks) {
+void m4DataStream::takeBack(std::uint64_t bytes, std::uint64_t invalidation) {
   blocks_.data->takeBack(bytes);
-  if (blocks_.invalidation != nullptr) blocks_.invalidation->takeBack(marks);
+  if (blocks_.invalidation != nullptr) blocks_.invalidation->takeBack(invalidation);
 }
 
 // Writes what the data blocks hold to their place. What a list in the file names is there at every
@@ -127,12 +127,12 @@ bool m4DataStream::nextBlock() {
     unlistedBytes_ = 0;
   }
   const std::uint64_t dataPosition = blocks_.data->place(*file_);
-  std::uint64_t marksPosition = 0;
-  if (blocks_.invalidation != nullptr) marksPosition = blocks_.invalidation->place(*file_);
+  std::uint64_t invalidationPosition = 0;
+  if (blocks_.invalidation != nullptr) invalidationPosition = blocks_.invalidation->place(*file_);
   if (dataList != nullptr) {
     dataList->add(dataPosition);
   } else {
-    columnList->add(dataPosition, marksPosition);
+    columnList->add(dataPosition, invalidationPosition);
   }
   open_ = true;
   named_ = false;

@@ -4,8 +4,8 @@
 #include <cinttypes>
 #include <utility>
 
+#include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/format/BlockLoader.h"
-#include "Mdf4/format/Diagnostics.h"
 
 namespace tolvex {
 namespace {

@@ -8,9 +8,9 @@
 #include <unordered_set>
 #include <utility>
 
+#include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/base/System.h"
 #include "Mdf4/format/BlockLoader.h"
-#include "Mdf4/format/Diagnostics.h"
-#include "Mdf4/format/System.h"
 #include "Mdf4/reader/ReaderState.h"
 
 namespace tolvex {

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "Mdf4/format/Bytes.h"
+#include "Mdf4/base/Bytes.h"
 
 namespace tolvex {
 

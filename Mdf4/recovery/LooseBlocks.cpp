@@ -6,9 +6,9 @@
 #include <string>
 #include <utility>
 
-#include "Mdf4/format/Diagnostics.h"
-#include "Mdf4/recovery/LinkRules.h"
-#include "Mdf4/recovery/RecoveryNotes.h"
+#include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/format/BlockTraits.h"
+#include "Mdf4/rewrite/Notes.h"
 
 namespace tolvex {
 namespace {
@@ -38,7 +38,7 @@ std::uint64_t bitsOf(const std::vector<std::uint8_t>& record, const RecordField&
 
 }  // namespace
 
-LooseBlocks::LooseBlocks(DirectFile& in, OwnedRanges& owned, TreeCopy& tree, DataSurvey& survey,
+LooseBlocks::LooseBlocks(DirectFile& in, OwnedRanges& owned, TreeCopy& tree, BlockSurvey& survey,
                          bool unfinished)
     : in_(in), owned_(owned), tree_(tree), survey_(survey), unfinished_(unfinished) {}
 
@@ -68,12 +68,12 @@ std::uint64_t LooseBlocks::find(std::uint64_t from, bool (*wanted)(std::uint16_t
   for (; gap.start < gap.end; gap = owned_.nextGap(gap.end, in_.end())) {
     std::uint64_t at = (gap.start + kAlignment - 1) / kAlignment * kAlignment;
     while ((at = nextMarker(at, gap.end)) != 0) {
-      ChainBlock block;
+      ListedBlock block;
       BlockHeader header;
       if (readSoundHeader(in_, at, header) && header.length <= gap.end - at) {
         if (wanted(header.type)) return at;
         at += (header.length + kAlignment - 1) / kAlignment * kAlignment;
-      } else if (DataChain(in_, at).next(block) && block.kind == ChainBlock::Data &&
+      } else if (ListedBlocks(in_, at).next(block) && block.kind == ListedBlock::Data &&
                  block.size == gap.end - at && gap.end == in_.end() && wanted(block.type)) {
         return at;  // cut by the end of the file
       } else {
@@ -98,7 +98,7 @@ const SourceGroup* LooseBlocks::sortedGroup(const SourceData& data) const {
 
 // Whether there should be more records than the run names. A recording that never saw its end has
 // not counted them.
-bool LooseBlocks::misses(const SourceData& data, const DataRun& run) const {
+bool LooseBlocks::misses(const SourceData& data, const FoundData& run) const {
   const SourceGroup* const group = sortedGroup(data);
   if (data.isLost) return true;
   if (!run.broken && run.lastList == 0 && run.blocks != 0) return false;  // one block is all
@@ -108,7 +108,7 @@ bool LooseBlocks::misses(const SourceData& data, const DataRun& run) const {
   return counted > (run.bytes + run.lostBytes) / group->recordSize();
 }
 
-bool LooseBlocks::readRecord(const SourceGroup& group, const ChainBlock& block,
+bool LooseBlocks::readRecord(const SourceGroup& group, const ListedBlock& block,
                              std::uint64_t number, std::vector<std::uint8_t>& record) {
   const std::uint64_t size = group.recordSize();
   if (!isPlainData(block.type) || size > kLargestRecord || block.bytes / size <= number) {
@@ -119,8 +119,8 @@ bool LooseBlocks::readRecord(const SourceGroup& group, const ChainBlock& block,
 }
 
 // Whether the blocks are of one source. Records that are lost do not tell.
-LooseBlocks::Claim LooseBlocks::sameBus(const SourceGroup& group, const ChainBlock& a,
-                                        const ChainBlock& b) {
+LooseBlocks::Claim LooseBlocks::sameBus(const SourceGroup& group, const ListedBlock& a,
+                                        const ListedBlock& b) {
   std::vector<std::uint8_t> first;
   std::vector<std::uint8_t> second;
   for (const auto& [block, record] : {std::pair(&a, &first), std::pair(&b, &second)}) {
@@ -144,8 +144,8 @@ bool LooseBlocks::sharesItsLayout(const SourceGroup& group) const {
 
 // Whether a block is the group's. Its blocks, and all those of its list if it `isListed`, hold
 // `expected` bytes but for the last.
-LooseBlocks::Claim LooseBlocks::claimOf(const SourceData& data, const DataRun& run,
-                                        const ChainBlock& block, std::uint64_t expected,
+LooseBlocks::Claim LooseBlocks::claimOf(const SourceData& data, const FoundData& run,
+                                        const ListedBlock& block, std::uint64_t expected,
                                         bool isListed) {
   const bool hasLink = !isListed || data.dataLink != 0;
   if (hasLink && !misses(data, run)) return Claim::None;
@@ -159,7 +159,7 @@ LooseBlocks::Claim LooseBlocks::claimOf(const SourceData& data, const DataRun& r
   const std::uint64_t counted = group->record.cg_cycle_count;
   const std::uint64_t records = (run.bytes + run.lostBytes + expected) / size;
   // A chain that has an end lacks no list.
-  const bool hasEnd = run.lastList != 0 && run.openFrom == DataRun::kNowhere;
+  const bool hasEnd = run.lastList != 0 && run.openFrom == FoundData::kNowhere;
   if (isListed && hasEnd && counted == 0) return Claim::None;
   if (expected < size || expected % size != 0 || (counted != 0 && records > counted)) {
     return Claim::None;
@@ -180,7 +180,7 @@ LooseBlocks::Claim LooseBlocks::claimOf(const SourceData& data, const DataRun& r
 }
 
 // The data group that a block belongs to; nothing when more than one may be it.
-std::optional<std::size_t> LooseBlocks::ownerOf(const ChainBlock& block, std::uint64_t expected,
+std::optional<std::size_t> LooseBlocks::ownerOf(const ListedBlock& block, std::uint64_t expected,
                                                 const std::vector<std::size_t>& runs,
                                                 bool isListed) {
   constexpr std::uint64_t kMostEffort = 20'000'000;
@@ -207,12 +207,12 @@ std::optional<std::size_t> LooseBlocks::ownerOf(const ChainBlock& block, std::ui
 // A list that names nothing yet may have its first block behind it.
 std::optional<std::size_t> LooseBlocks::ownerOfList(std::uint64_t position,
                                                     const std::vector<std::size_t>& runs) {
-  DataChain chain(in_, position);
-  ChainBlock list;
-  ChainBlock block;
-  if (!chain.next(list) || list.kind != ChainBlock::List) return std::nullopt;
+  ListedBlocks chain(in_, position);
+  ListedBlock list;
+  ListedBlock block;
+  if (!chain.next(list) || list.kind != ListedBlock::List) return std::nullopt;
   const std::uint64_t end = list.position + list.size;
-  if (!chain.next(block) || block.kind != ChainBlock::Data || !isRecordBlock(block.type)) {
+  if (!chain.next(block) || block.kind != ListedBlock::Data || !isRecordBlock(block.type)) {
     groupIsLost_ |= isBehind(find(end, isRecordBlock), end);
     return std::nullopt;
   }
@@ -223,7 +223,7 @@ std::optional<std::size_t> LooseBlocks::ownerOfList(std::uint64_t position,
 }
 
 // Gives a block whose length was not written yet all bytes up to the next block.
-void LooseBlocks::extend(ChainBlock& block) {
+void LooseBlocks::extend(ListedBlock& block) {
   const std::uint64_t end = block.position + block.size;
   std::uint64_t limit = owned_.nextOwned(end, in_.end());
   if (const std::uint64_t next = find(end, isKnownBlock); next != 0) limit = std::min(limit, next);
@@ -238,8 +238,8 @@ void LooseBlocks::assign(const std::vector<std::size_t>& runs, bool openEnds,
   std::uint64_t bytes = 0;
   std::uint64_t first = 0;
   for (std::uint64_t at = find(0, isRecordBlock); at != 0;) {
-    ChainBlock block;
-    DataChain(in_, at).next(block);
+    ListedBlock block;
+    ListedBlocks(in_, at).next(block);
     block.uncounted = true;
     // A block that is cut still states how long it was to be.
     BlockHeader header;
@@ -247,7 +247,7 @@ void LooseBlocks::assign(const std::vector<std::size_t>& runs, bool openEnds,
     if (openEnds && isPlainData(block.type)) extend(block);
     const std::uint64_t stated = block.cut ? header.length - kBlockHeaderSize : block.bytes;
     const std::optional<std::size_t> owner =
-        block.kind == ChainBlock::Data ? ownerOf(block, stated, runs, false) : std::nullopt;
+        block.kind == ListedBlock::Data ? ownerOf(block, stated, runs, false) : std::nullopt;
     if (owner) {
       survey_.addLoose(runs[*owner], block);
     } else if (block.bytes != 0) {

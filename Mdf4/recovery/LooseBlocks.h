@@ -6,9 +6,9 @@
 #include <vector>
 
 #include "Mdf4/format/DirectFile.h"
-#include "Mdf4/recovery/DataSurvey.h"
-#include "Mdf4/recovery/OwnedRanges.h"
-#include "Mdf4/recovery/TreeCopy.h"
+#include "Mdf4/format/OwnedRanges.h"
+#include "Mdf4/recovery/BlockSurvey.h"
+#include "Mdf4/rewrite/TreeCopy.h"
 
 namespace tolvex {
 
@@ -26,7 +26,7 @@ namespace tolvex {
 class LooseBlocks {
  public:
   // `runs` are the survey's, one for each data group of the tree.
-  LooseBlocks(DirectFile& in, OwnedRanges& owned, TreeCopy& tree, DataSurvey& survey,
+  LooseBlocks(DirectFile& in, OwnedRanges& owned, TreeCopy& tree, BlockSurvey& survey,
               bool unfinished);
 
   // The next position from `from` on of a sound block that nothing owns and whose kind is one of
@@ -44,23 +44,23 @@ class LooseBlocks {
  private:
   enum class Claim : std::uint8_t { None, Possible, Certain };
 
-  void extend(ChainBlock& block);
+  void extend(ListedBlock& block);
   std::uint64_t nextMarker(std::uint64_t at, std::uint64_t end);
   bool sharesItsLayout(const SourceGroup& group) const;
-  Claim claimOf(const SourceData& data, const DataRun& run, const ChainBlock& block,
+  Claim claimOf(const SourceData& data, const FoundData& run, const ListedBlock& block,
                 std::uint64_t expected, bool isListed);
-  std::optional<std::size_t> ownerOf(const ChainBlock& block, std::uint64_t expected,
+  std::optional<std::size_t> ownerOf(const ListedBlock& block, std::uint64_t expected,
                                      const std::vector<std::size_t>& runs, bool isListed);
-  bool misses(const SourceData& data, const DataRun& run) const;
+  bool misses(const SourceData& data, const FoundData& run) const;
   const SourceGroup* sortedGroup(const SourceData& data) const;
-  Claim sameBus(const SourceGroup& group, const ChainBlock& a, const ChainBlock& b);
-  bool readRecord(const SourceGroup& group, const ChainBlock& block, std::uint64_t number,
+  Claim sameBus(const SourceGroup& group, const ListedBlock& a, const ListedBlock& b);
+  bool readRecord(const SourceGroup& group, const ListedBlock& block, std::uint64_t number,
                   std::vector<std::uint8_t>& record);
 
   DirectFile& in_;
   OwnedRanges& owned_;
   TreeCopy& tree_;
-  DataSurvey& survey_;
+  BlockSurvey& survey_;
   const bool unfinished_;
   bool groupIsLost_ = false;  // there are lists that are no known group's
   std::uint64_t effort_ = 0;  // groups that were considered for a block

@@ -9,13 +9,13 @@
 #include <system_error>
 #include <utility>
 
-#include "Mdf4/format/Diagnostics.h"
-#include "Mdf4/format/OutputLimit.h"
-#include "Mdf4/format/ResultFile.h"
-#include "Mdf4/format/System.h"
+#include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/base/OutputLimit.h"
+#include "Mdf4/base/ResultFile.h"
+#include "Mdf4/base/System.h"
+#include "Mdf4/format/WorkSizes.h"
 #include "Mdf4/recovery/Recovery.h"
 #include "Mdf4/recovery/VerifyRecovery.h"
-#include "Mdf4/recovery/WorkSizes.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {

@@ -14,18 +14,18 @@
 #include <utility>
 #include <vector>
 
-#include "Mdf4/format/Diagnostics.h"
+#include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/format/DirectFile.h"
-#include "Mdf4/recovery/DataSurvey.h"
-#include "Mdf4/recovery/DataWriter.h"
+#include "Mdf4/format/OwnedRanges.h"
+#include "Mdf4/format/WorkSizes.h"
+#include "Mdf4/recovery/BlockSurvey.h"
 #include "Mdf4/recovery/LooseBlocks.h"
-#include "Mdf4/recovery/OwnedRanges.h"
-#include "Mdf4/recovery/RecordValues.h"
-#include "Mdf4/recovery/RecoveryNotes.h"
-#include "Mdf4/recovery/SortedRecords.h"
-#include "Mdf4/recovery/TreeCopy.h"
-#include "Mdf4/recovery/UnsortedRecords.h"
-#include "Mdf4/recovery/WorkSizes.h"
+#include "Mdf4/rewrite/DataWriter.h"
+#include "Mdf4/rewrite/Notes.h"
+#include "Mdf4/rewrite/RecordValues.h"
+#include "Mdf4/rewrite/SortedRecords.h"
+#include "Mdf4/rewrite/TreeCopy.h"
+#include "Mdf4/rewrite/UnsortedRecords.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {
@@ -65,10 +65,10 @@ class Recovery {
   bool copyUnsorted(const SourceData& data, std::size_t run);
   bool copyValues(SourceGroup& group, RecordValues& values, std::size_t channel);
   template <class AddGroups>
-  std::uint8_t recordIdSize(const SourceData& data, const DataRun& run, const AddGroups& addTo);
+  std::uint8_t recordIdSize(const SourceData& data, const FoundData& run, const AddGroups& addTo);
   bool copyReductions(SourceGroup& group);
   bool finishGroup(SourceGroup& group, DataWriter& records, RecordValues& values,
-                   const DataRun& run);
+                   const FoundData& run);
   const SourceGroup* valuesAt(const SourceData& data, std::uint64_t position);
   bool writeEnd();
   void noteUnreadable();
@@ -84,7 +84,7 @@ class Recovery {
   bool unfinished_ = false;
   OwnedRanges owned_;
   std::unique_ptr<TreeCopy> tree_;
-  std::unique_ptr<DataSurvey> survey_;
+  std::unique_ptr<BlockSurvey> survey_;
   std::vector<std::size_t> runs_;  // of the survey's, one for each data group
   std::set<std::size_t> used_;     // runs whose data have been taken over
   std::uint64_t done_ = 0;
@@ -253,7 +253,7 @@ void Recovery::keepChecksums(DataWriter& records, RecordValues& values) const {
 }
 
 bool Recovery::copySorted(SourceGroup& group, std::size_t number) {
-  const DataRun& run = survey_->runs()[number];
+  const FoundData& run = survey_->runs()[number];
   const std::uint64_t size = group.recordSize();
   RecordValues values(out_, group, sizes_);
   if (size == 0 || size > kLargestRecord) {
@@ -272,7 +272,7 @@ bool Recovery::copySorted(SourceGroup& group, std::size_t number) {
   SortedRecords copy(in_, group, values, records, sizes_);
   if (!copy.copy(run, [this](std::uint64_t bytes) { advance(bytes); })) return false;
   if (records.units() == group.record.cg_cycle_count && values.lostValues() == 0 &&
-      report.lostRecords == 0 && !copy.lostMarks()) {
+      report.lostRecords == 0 && !copy.lostInvalidation()) {
     // All that is counted is there: of what was missing nothing is lost.
     const auto first = report.losses.begin() + static_cast<std::ptrdiff_t>(before);
     for (auto loss = first; loss != report.losses.end(); ++loss) noteRepair(report, *loss);
@@ -282,7 +282,7 @@ bool Recovery::copySorted(SourceGroup& group, std::size_t number) {
 }
 
 bool Recovery::copyUnsorted(const SourceData& data, std::size_t number) {
-  const DataRun& run = survey_->runs()[number];
+  const FoundData& run = survey_->runs()[number];
   const bool byOrder = unfinished_ && (id_.id_unfin_flags & kValueOffsets) != 0;
   struct Part {
     SourceGroup* group;
@@ -350,7 +350,7 @@ bool Recovery::copyUnsorted(const SourceData& data, std::size_t number) {
 
 // The bytes of a record id: as stated, unless only another size makes records of what is there.
 template <class AddGroups>
-std::uint8_t Recovery::recordIdSize(const SourceData& data, const DataRun& run,
+std::uint8_t Recovery::recordIdSize(const SourceData& data, const FoundData& run,
                                     const AddGroups& addTo) {
   for (const std::uint8_t size :
        {data.recordIdSize, std::uint8_t{1}, std::uint8_t{2}, std::uint8_t{4}, std::uint8_t{8}}) {
@@ -371,7 +371,7 @@ std::uint8_t Recovery::recordIdSize(const SourceData& data, const DataRun& run,
 }
 
 bool Recovery::finishGroup(SourceGroup& group, DataWriter& records, RecordValues& values,
-                           const DataRun& run) {
+                           const FoundData& run) {
   if (!records.finish() || !values.finish(*tree_)) return false;
   MdfRecoveredGroup& report = group.report;
   report.records = records.units();
@@ -447,7 +447,7 @@ void Recovery::run(std::unique_ptr<SystemFile> input, std::unique_ptr<SystemFile
   out_.Allocate(kIdBlockSize, false);
   const bool counted = !unfinished_ || (id_.id_unfin_flags & kCycleCounts) == 0;
   tree_ = std::make_unique<TreeCopy>(in_, out_, owned_, report_, counted);
-  survey_ = std::make_unique<DataSurvey>(in_, owned_);
+  survey_ = std::make_unique<BlockSurvey>(in_, owned_);
   tree_->readHeader();
   survey();
   extendLast();

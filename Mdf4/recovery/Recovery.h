@@ -4,9 +4,9 @@
 #include <memory>
 #include <vector>
 
-#include "Mdf4/format/System.h"
+#include "Mdf4/base/System.h"
+#include "Mdf4/format/WorkSizes.h"
 #include "Mdf4/recovery/VerifyRecovery.h"
-#include "Mdf4/recovery/WorkSizes.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {

@@ -4,7 +4,7 @@
 
 #include <cinttypes>
 
-#include "Mdf4/format/Diagnostics.h"
+#include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/format/MDF4File.h"
 #include "Mdf4/format/m4DataStream.h"
 

@@ -9,7 +9,7 @@
 #include <utility>
 
 #include "Mdf4/MdfAsyncRecorder.h"
-#include "Mdf4/recovery/WorkSizes.h"
+#include "Mdf4/format/WorkSizes.h"
 #include "tests/support/LoggerFile.h"
 #include "tests/support/MemoryFile.h"
 #include "tolvex/Mdf4.h"

@@ -18,7 +18,7 @@
 #include <random>
 
 #include "Mdf4/MdfRecorder.h"
-#include "Mdf4/recovery/WorkSizes.h"
+#include "Mdf4/format/WorkSizes.h"
 #include "bench/CountedMemory.h"
 #include "tests/mutation/Structure.h"
 #include "tests/support/RecoveredContent.h"

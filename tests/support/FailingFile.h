@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "Mdf4/Mdf4File.h"
-#include "Mdf4/format/System.h"
+#include "Mdf4/base/System.h"
 #include "tests/support/MemoryFile.h"
 
 namespace tolvex::test {

@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-#include "Mdf4/format/System.h"
+#include "Mdf4/base/System.h"
 #include "tests/support/FileBuilder.h"
 
 namespace tolvex::test {

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "Mdf4/format/OutputLimit.h"
+#include "Mdf4/base/OutputLimit.h"
 
 namespace tolvex {
 

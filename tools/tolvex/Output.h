@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Mdf4/format/ResultFile.h"
+#include "Mdf4/base/ResultFile.h"
 
 namespace tolvex {
 

@@ -1,0 +1,56 @@
+// Little-endian numbers at any address.
+#pragma once
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <span>
+
+namespace tolvex {
+
+static_assert(std::endian::native == std::endian::little,
+              "block records are copied as they stand in the file, which is little-endian");
+
+using ByteSpan = std::span<const std::uint8_t>;
+using WritableBytes = std::span<std::uint8_t>;
+
+template <class Number>
+Number loadNumber(const std::uint8_t* bytes) {
+  Number value;
+  std::memcpy(&value, bytes, sizeof value);
+  return value;
+}
+
+// Copies as std::memcpy does; quicker for the sizes that records have, where most of a call's time
+// would go into finding out how to copy.
+inline void copyRecord(std::uint8_t* to, const std::uint8_t* from, std::size_t size) {
+  constexpr std::size_t kStep = 16;
+  constexpr std::size_t kLongest = 8 * kStep;
+  if (size < kStep || size > kLongest) {
+    std::memcpy(to, from, size);
+    return;
+  }
+  for (std::size_t at = 0; at + kStep < size; at += kStep) std::memcpy(to + at, from + at, kStep);
+  std::memcpy(to + size - kStep, from + size - kStep, kStep);  // overlaps the step before
+}
+
+// The bytes of an object that is stored as it stands.
+template <class Object>
+ByteSpan bytesOf(const Object& object) {
+  return {reinterpret_cast<const std::uint8_t*>(&object), sizeof object};
+}
+template <class Object>
+WritableBytes writableBytesOf(Object& object) {
+  return {reinterpret_cast<std::uint8_t*>(&object), sizeof object};
+}
+
+// Bytes of a file from `start` up to `end`.
+struct ByteRange {
+  std::uint64_t start = 0;
+  std::uint64_t end = 0;
+
+  bool empty() const { return start == end; }
+};
+
+}  // namespace tolvex

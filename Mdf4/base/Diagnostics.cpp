@@ -1,0 +1,76 @@
+#include "Mdf4/base/Diagnostics.h"
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+
+#include "tolvex/MdfEngine.h"
+
+namespace tolvex {
+namespace {
+
+struct Sink {
+  void (*handler)(void* user, const char* text);
+  void* user;
+};
+
+void writeToStandardOutput(void* /*user*/, const char* text) {
+  std::fputs(text, stdout);
+}
+
+std::mutex sinkMutex;
+Sink sink = {writeToStandardOutput, nullptr};  // guarded by sinkMutex
+std::atomic<bool> wanted = true;               // sink.handler is not null
+
+Sink currentSink() {
+  const std::lock_guard lock(sinkMutex);
+  return sink;
+}
+
+std::string formatList(const char* format, std::va_list arguments) {
+  std::va_list again;
+  va_copy(again, arguments);
+  const int length = std::vsnprintf(nullptr, 0, format, again);
+  va_end(again);
+  std::string text(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+  std::vsnprintf(text.data(), text.size() + 1, format, arguments);
+  return text;
+}
+
+}  // namespace
+
+void printDiagnostic(const char* format, ...) {
+  if (!wanted.load(std::memory_order_relaxed)) return;
+  const Sink receiver = currentSink();
+  if (receiver.handler == nullptr) return;
+  std::va_list arguments;
+  va_start(arguments, format);
+  char shortText[512];
+  std::va_list again;
+  va_copy(again, arguments);
+  const int length = std::vsnprintf(shortText, sizeof shortText, format, again);
+  va_end(again);
+  if (length >= 0 && static_cast<std::size_t>(length) < sizeof shortText) {
+    receiver.handler(receiver.user, shortText);
+  } else {
+    receiver.handler(receiver.user, formatList(format, arguments).c_str());
+  }
+  va_end(arguments);
+}
+
+std::string formatText(const char* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  std::string text = formatList(format, arguments);
+  va_end(arguments);
+  return text;
+}
+
+}  // namespace tolvex
+
+void setDiagnosticHandler(void (*handler)(void* user, const char* text), void* user) {
+  const std::lock_guard lock(tolvex::sinkMutex);
+  tolvex::sink = {handler, user};
+  tolvex::wanted.store(handler != nullptr, std::memory_order_relaxed);
+}

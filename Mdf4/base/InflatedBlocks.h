@@ -1,0 +1,65 @@
+// The compressed blocks of a file that are in memory inflated.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <unordered_map>
+
+#include "Mdf4/base/Inflater.h"
+#include "Mdf4/base/PositionSet.h"
+
+namespace tolvex {
+
+// The bytes of one compressed block. Shared by the streams that stand in it.
+struct InflatedBlock {
+  // What a block takes at least, to inflate and to hold.
+  static constexpr std::uint64_t kLeastCost = 4096;
+  std::uint64_t cost() const { return std::max(bytes.size(), kLeastCost); }
+
+  ByteBuffer bytes;
+  std::uint64_t size = 0;  // bytes inflated: fewer than stated when the stream ends early
+};
+
+// Which blocks were inflated, and where their bytes are: with the streams that stand in them, and
+// for values, whose offsets may lead to and fro, with the few that values were read from last.
+class InflatedBlocks {
+ public:
+  // The block of `stated` bytes at `position`, when its bytes are in memory, else null.
+  std::shared_ptr<InflatedBlock> find(std::uint64_t position, std::uint64_t stated) const;
+  // Whether the block at `position` was inflated before.
+  bool wasInflated(std::uint64_t position) const { return inflated_.contains(position); }
+  // The block at `position`, `stated` bytes by what names it, is in memory now.
+  void add(std::uint64_t position, std::uint64_t stated,
+           const std::shared_ptr<InflatedBlock>& block);
+  // Holds the block for the values to come. `again`: it was inflated for a second time, so more
+  // should have been held so far.
+  void hold(std::uint64_t position, const std::shared_ptr<InflatedBlock>& block, bool again,
+            std::uint64_t fileSize);
+  void clear();
+
+ private:
+  struct Held {
+    std::uint64_t position;
+    std::shared_ptr<InflatedBlock> block;
+  };
+  struct Known {
+    std::weak_ptr<InflatedBlock> block;
+    std::uint64_t stated = 0;
+    std::list<Held>::iterator held;
+  };
+  static constexpr std::uint64_t kFewBytes = std::uint64_t{16} << 20;
+
+  void letGo(Known& known);
+  void forgetReleased();
+
+  PositionSet inflated_;                            // all that were inflated
+  std::unordered_map<std::uint64_t, Known> known_;  // by position: those in memory, and some others
+  std::size_t mostKnown_ = 0;
+  std::list<Held> held_;  // last used first
+  std::uint64_t heldBytes_ = 0;
+  std::uint64_t mostHeld_ = kFewBytes;
+};
+
+}  // namespace tolvex

@@ -1,0 +1,73 @@
+// Everything that depends on the operating system: files with 64-bit positions, the clock, the
+// time zone.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "Mdf4/base/Bytes.h"
+
+namespace tolvex {
+
+enum class OpenMode : std::uint8_t {
+  Read,    // an existing file, "rb"
+  Update,  // an existing file for reading and writing, "r+b"
+  Create,  // a new or emptied file for reading and writing, "wb"
+  Fill,    // as Create, but a file that exists must be empty
+};
+
+// How far a read got. Fewer bytes than asked for with an error of 0: the file ends there.
+struct ReadResult {
+  std::uint64_t bytes = 0;
+  int error = 0;  // of the system, which refused to read on (errno); 0: none
+};
+
+// An open file, addressed by position. An interface, so that a test can put a failing one below
+// DirectFile. Not synchronised.
+//
+// A file opened to be created is locked until it is closed: nobody else can create it meanwhile. It
+// belongs to the process that opened it. In a child (fork) it is closed, and every call fails.
+class SystemFile {
+ public:
+  virtual ~SystemFile() = default;
+
+  virtual bool size(std::uint64_t& bytes) = 0;
+  // Fills the pieces in order from `position` on, up to the end of the file.
+  virtual ReadResult read(std::uint64_t position, std::span<const WritableBytes> pieces) = 0;
+  // Writes the pieces in order from `position` on. False unless every byte was taken.
+  virtual bool write(std::uint64_t position, std::span<const ByteSpan> pieces) = 0;
+  // Has on the disk what was written before, and the file's name: "", or why that failed, in the
+  // system's words. May run on a thread of its own beside all but close.
+  virtual std::string flush() { return ""; }
+  // Closes the file; false when the system reports that something was not written.
+  virtual bool close() = 0;
+  // Why the last write or the closing failed, in the system's words.
+  virtual std::string error() const = 0;
+};
+
+// Opens a file, or null; `error` then says why in the system's words.
+std::unique_ptr<SystemFile> openSystemFile(const std::string& path, OpenMode mode,
+                                           std::string& error);
+
+// A file that is open for reading and writing; the descriptor stays the caller's. Null when the
+// system has no more; `error` then says so.
+std::unique_ptr<SystemFile> systemFileOn(int descriptor, std::string& error);
+
+// What an error number means, in the system's words.
+std::string systemErrorText(int error);
+
+// The current time in 100-nanosecond ticks since 1970-01-01 00:00 UTC.
+std::uint64_t systemTicks();
+
+// Changes in a child process (fork), where none of the parent's other threads exists.
+unsigned processGeneration();
+
+// Milliseconds of a clock that nobody sets.
+std::uint64_t steadyMilliseconds();
+
+// Seconds to add to local standard time to get UTC; 0 when unknown.
+long timeZoneSeconds();
+
+}  // namespace tolvex

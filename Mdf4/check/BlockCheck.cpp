@@ -1,0 +1,229 @@
+#include "Mdf4/check/BlockCheck.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <string_view>
+
+#include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/format/BlockTraits.h"
+
+namespace tolvex {
+namespace {
+
+constexpr std::uint64_t kAlignment = 8;
+constexpr std::size_t kPiece = 4000;  // bytes of text looked at in one go
+
+bool mayLead(const BlockLink& link, std::uint16_t type) {
+  return link.from == kNoBlock ? type == block_type::kHD : mayLinkTo(link.from, link.index, type);
+}
+
+}  // namespace
+
+bool BlockCheck::lengthIsAnnounced(std::uint16_t type) const {
+  return (type == block_type::kDT && announced(Unfinished::LastDataLength)) ||
+         (type == block_type::kRD && announced(Unfinished::LastReductionLength));
+}
+
+bool BlockCheck::read(std::uint64_t position, std::uint64_t length, void* bytes) {
+  return file_.holds(position, length) && file_.ReadAt(position, length, bytes);
+}
+
+BlockLink BlockCheck::link(const FoundBlock& block, std::size_t index) {
+  BlockLink link = {block.type, index, block.position, 0};
+  if (index >= block.links) return link;
+  link.position += kBlockHeaderSize + index * kLinkSize;
+  read(link.position, sizeof link.target, &link.target);
+  return link;
+}
+
+void BlockCheck::enter(const FoundBlock& block, const FieldFaults& faults) {
+  for (const FieldFault& fault : faults) {
+    const std::uint64_t position = block.field(fault.offset);
+    std::string what = fieldName(block.type, fault.field);
+    if (fault.error) {
+      findings_.error(position, std::move(what), fault.expected, fault.found);
+    } else {
+      findings_.warning(position, std::move(what), fault.expected, fault.found);
+    }
+  }
+}
+
+void BlockCheck::checkReserved(std::uint64_t position, std::uint16_t type, const char* field,
+                               ByteSpan bytes) {
+  if (std::ranges::all_of(bytes, [](std::uint8_t byte) { return byte == 0; })) return;
+  findings_.warning(position, fieldName(type, field), "0",
+                    quoted({reinterpret_cast<const char*>(bytes.data()), bytes.size()}));
+}
+
+// Whether the link leads to the marker and letters of a block that it may lead to.
+bool BlockCheck::leadsToItsKind(const BlockLink& link, BlockHeader& header) {
+  const auto wrong = [&](const std::string& expected, const std::string& found) {
+    findings_.error(link.position, fieldName(link.from, linkName(link.from, link.index)), expected,
+                    found);
+    return false;
+  };
+  if (!file_.holds(link.target, kBlockHeaderSize)) {
+    return wrong(formatText("a position inside the file of %" PRIu64 " bytes", file_.end()),
+                 std::to_string(link.target));
+  }
+  if (!read(link.target, kBlockHeaderSize, &header)) {
+    return wrong("a block", formatText("%" PRIu64 ", which cannot be read", link.target));
+  }
+  if (header.marker != kBlockMarker || !mayLead(link, header.type)) {
+    const std::string_view found(reinterpret_cast<const char*>(&header), 4);
+    return wrong("a " + allowedKinds(link.from, link.index),
+                 formatText("%" PRIu64 ", where %s stands", link.target, quoted(found).c_str()));
+  }
+  if (link.target % kAlignment != 0) {
+    wrong("a multiple of 8", std::to_string(link.target));
+  }
+  return true;
+}
+
+std::uint16_t BlockCheck::kindAt(const BlockLink& link) {
+  BlockHeader header;
+  return link.target != 0 && read(link.target, kBlockHeaderSize, &header) &&
+                 header.marker == kBlockMarker
+             ? header.type
+             : std::uint16_t{0};
+}
+
+std::optional<FoundBlock> BlockCheck::look(const BlockLink& link) {
+  BlockHeader header;
+  if (!leadsToItsKind(link, header)) return std::nullopt;
+  const auto wrong = [&](std::size_t offset, const char* field, const std::string& expected,
+                         std::uint64_t found) {
+    findings_.error(link.target + offset, fieldName(header.type, field), expected,
+                    std::to_string(found));
+  };
+  checkReserved(link.target + offsetof(BlockHeader, reserved), header.type, "reserved bytes",
+                bytesOf(header.reserved));
+  if (header.length == 0 && lengthIsAnnounced(header.type)) {
+    header.length = kBlockHeaderSize + header.linkCount * kLinkSize;
+  }
+  FoundBlock block = {link.target, header.type, header.linkCount};
+  if (!header.dataLength(block.dataBytes)) {
+    wrong(offsetof(BlockHeader, length), "length",
+          formatText("at least 24 and room for %" PRIu64 " links", header.linkCount),
+          header.length);
+    return std::nullopt;
+  }
+  if (header.linkCount < leastLinks(header.type)) {
+    wrong(offsetof(BlockHeader, linkCount), "link count",
+          formatText("at least %zu", leastLinks(header.type)), header.linkCount);
+  }
+  if (header.linkCount > mostLinks(header.type)) {
+    wrong(offsetof(BlockHeader, linkCount), "link count",
+          formatText("at most %" PRIu64, mostLinks(header.type)), header.linkCount);
+  }
+  if (block.dataBytes < leastData(header.type)) {
+    wrong(offsetof(BlockHeader, length), "length",
+          formatText("at least %" PRIu64,
+                     kBlockHeaderSize + header.linkCount * kLinkSize + leastData(header.type)),
+          header.length);
+  }
+  if (!file_.holds(link.target, header.length)) {
+    wrong(offsetof(BlockHeader, length), "length",
+          formatText("at most %" PRIu64 ", up to the end of the file", file_.end() - link.target),
+          header.length);
+    block.cut = true;
+    if (!file_.holds(link.target, kBlockHeaderSize + header.linkCount * kLinkSize)) {
+      return std::nullopt;
+    }
+    block.dataBytes = file_.end() - block.dataPosition();
+  }
+  if (!isReadable(block)) {
+    findings_.error(block.position, fieldName(block.type, "cannot be read"), "", "");
+    return std::nullopt;
+  }
+  return block;
+}
+
+// What cannot be read is not judged; of data and attachments that is up to those who look at them.
+bool BlockCheck::isReadable(const FoundBlock& block) {
+  std::array<std::uint8_t, kPiece> piece;
+  const bool isBulk =
+      isPlainData(block.type) || block.type == block_type::kDZ || block.type == block_type::kAT;
+  const std::uint64_t end = isBulk ? block.dataPosition() : block.end();
+  for (std::uint64_t at = block.position; at < end; at += kPiece) {
+    if (!read(at, std::min<std::uint64_t>(kPiece, end - at), piece.data())) return false;
+  }
+  return true;
+}
+
+bool BlockCheck::own(const FoundBlock& block) {
+  if (owned_.add(block.position, block.end())) return true;
+  findings_.error(block.position, fieldName(block.type, "bytes"), "bytes of no other block",
+                  formatText("%" PRIu64 " bytes, of which another block has some",
+                             block.end() - block.position));
+  return false;
+}
+
+std::optional<FoundBlock> BlockCheck::firstVisit(const BlockLink& link) {
+  std::optional<FoundBlock> block = look(link);
+  // What is cut or overlaps another block is no block that can be relied on, data excepted.
+  if (block && (block->cut || !own(*block))) block.reset();
+  visited_.emplace(link.target, block ? Visit::Right : Visit::Wrong);
+  return block;
+}
+
+std::optional<FoundBlock> BlockCheck::enterBlock(const BlockLink& link) {
+  if (link.target == 0) return std::nullopt;
+  const auto visited = visited_.find(link.target);
+  if (visited == visited_.end()) return firstVisit(link);
+  BlockHeader header;
+  if (visited->second == Visit::Right && leadsToItsKind(link, header)) {
+    findings_.error(link.position, fieldName(link.from, linkName(link.from, link.index)),
+                    "a block that no other link of the tree leads to",
+                    formatText("%" PRIu64 ", reached for the second time", link.target));
+  }
+  return std::nullopt;
+}
+
+std::optional<FoundBlock> BlockCheck::shareBlock(const BlockLink& link) {
+  if (link.target == 0) return std::nullopt;
+  const auto visited = visited_.find(link.target);
+  if (visited == visited_.end()) return firstVisit(link);
+  if (visited->second == Visit::Right) refer(link);
+  return std::nullopt;
+}
+
+std::optional<FoundBlock> BlockCheck::enterData(const BlockLink& link) {
+  if (link.target == 0) return std::nullopt;
+  std::optional<FoundBlock> block = look(link);
+  if (block && !own(*block)) block.reset();
+  return block;
+}
+
+void BlockCheck::refer(const BlockLink& link) {
+  BlockHeader header;
+  if (link.target != 0) leadsToItsKind(link, header);
+}
+
+void BlockCheck::shareText(const BlockLink& link) {
+  if (const auto block = shareBlock(link)) checkText(*block);
+}
+
+void BlockCheck::checkText(const FoundBlock& block) {
+  std::array<char, kPiece> piece = {};
+  bool terminated = false;
+  for (std::uint64_t done = 0; done < block.dataBytes && !terminated; done += kPiece) {
+    const std::uint64_t length = std::min<std::uint64_t>(kPiece, block.dataBytes - done);
+    if (!read(block.dataPosition() + done, length, piece.data())) break;
+    const std::string_view text(piece.data(), length);
+    terminated = text.find('\0') != std::string_view::npos;
+    if (block.type != block_type::kMD || done != 0) continue;
+    const std::string_view start =
+        text.substr(std::min(text.find_first_not_of("\xEF\xBB\xBF \t\r\n"), length));
+    if (!start.starts_with('<')) {
+      findings_.warning(block.dataPosition(), fieldName(block.type, "text"), "XML",
+                        quoted(text.substr(0, std::min(text.find('\0'), std::size_t{16}))));
+    }
+  }
+  if (!terminated && block.dataBytes != 0) {
+    findings_.error(block.dataPosition(), fieldName(block.type, "text"), "a NUL at its end",
+                    formatText("%" PRIu64 " bytes without", block.dataBytes));
+  }
+}
+
+}  // namespace tolvex

@@ -1,0 +1,216 @@
+// Data groups, channel groups and channels.
+#include <algorithm>
+#include <array>
+#include <cinttypes>
+#include <string>
+#include <unordered_set>
+#include <utility>
+
+#include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/check/TreeCheck.h"
+#include "Mdf4/format/BlockTraits.h"
+
+namespace tolvex {
+namespace {
+
+constexpr std::uint8_t kRecordIdSizes[] = {0, 1, 2, 4, 8};
+
+}  // namespace
+
+using namespace link;
+
+void TreeCheck::checkDataGroup(const FoundBlock& block) {
+  CheckedDataGroup group = {block, walk_.record<m4DGRecord>(block), walk_.link(block, dg_data)};
+  const std::uint8_t idSize = group.record.dg_rec_id_size;
+  if (std::ranges::find(kRecordIdSizes, idSize) == std::end(kRecordIdSizes)) {
+    walk_.findings().error(block.dataPosition(), fieldName(block.type, "dg_rec_id_size"),
+                           "0, 1, 2, 4 or 8", std::to_string(idSize));
+  }
+  walk_.checkReserved(block.field(offsetof(m4DGRecord, dg_reserved)), block.type, "dg_reserved",
+                      bytesOf(group.record.dg_reserved));
+  shareTexts(block, dg_md_comment, dg_md_comment);
+  chain(walk_.link(block, dg_cg_first), cg_cg_next,
+        [&](const FoundBlock& next) { checkGroup(next, group); });
+  checkRecordIds(group);
+  groups.push_back(std::move(group));
+}
+
+// Records of several groups are told apart by the ids in front of them.
+void TreeCheck::checkRecordIds(const CheckedDataGroup& group) {
+  const std::uint8_t idSize = group.record.dg_rec_id_size;
+  if (idSize == 0 && group.groups.size() > 1) {
+    walk_.findings().error(
+        group.block.dataPosition(), fieldName(group.block.type, "dg_rec_id_size"),
+        formatText("at least 1, for %zu channel groups", group.groups.size()), "0");
+    return;
+  }
+  std::unordered_set<std::uint64_t> ids;
+  for (const CheckedGroup& each : group.groups) {
+    if (idSize == 0) break;
+    const std::uint64_t id = each.record.cg_record_id;
+    const std::uint64_t position = each.block.field(offsetof(m4CGRecord, cg_record_id));
+    if (idSize < sizeof id && id >> (8 * idSize) != 0) {
+      walk_.findings().error(position, fieldName(each.block.type, "cg_record_id"),
+                             formatText("a number of %u bytes", unsigned{idSize}),
+                             std::to_string(id));
+    } else if (!ids.insert(id).second) {
+      walk_.findings().error(position, fieldName(each.block.type, "cg_record_id"),
+                             "one that no other channel group of the data group has",
+                             std::to_string(id));
+    }
+  }
+}
+
+void TreeCheck::checkGroup(const FoundBlock& block, CheckedDataGroup& parent) {
+  CheckedGroup group = {block, walk_.record<m4CGRecord>(block)};
+  walk_.checkReserved(block.field(offsetof(m4CGRecord, cg_reserved)), block.type, "cg_reserved",
+                      bytesOf(group.record.cg_reserved));
+  walk_.shareText(walk_.link(block, cg_tx_acq_name));
+  checkSource(walk_.link(block, cg_si_acq_source));
+  walk_.shareText(walk_.link(block, cg_md_comment));
+  walk_.refer(walk_.link(block, cg_cg_master));
+  const BlockLink channels = walk_.link(block, cg_cn_first);
+  checkChannels(channels, group);
+  checkMasters(group, channels.target != 0);
+  chain(walk_.link(block, cg_sr_first), sr_sr_next,
+        [&](const FoundBlock& reduction) { checkReduction(reduction, group); });
+  parent.groups.push_back(std::move(group));
+}
+
+void TreeCheck::checkMasters(const CheckedGroup& group, bool hasChannels) {
+  const bool remote = walk_.link(group.block, cg_cg_master).target != 0;
+  if (masters_ != 0 || !hasChannels || remote || group.holdsValues()) return;
+  walk_.findings().warning(group.block.position, fieldName(group.block.type, "channels"),
+                           "a master channel", "none");
+}
+
+void TreeCheck::checkReduction(const FoundBlock& block, const CheckedGroup& group) {
+  constexpr std::uint8_t kInvalidation = 0x1;
+  constexpr std::uint64_t kParts = 3;  // mean, least and greatest value
+  CheckedReduction reduction = {block, walk_.record<m4SRRecord>(block)};
+  walk_.checkReserved(block.field(offsetof(m4SRRecord, sr_reserved)), block.type, "sr_reserved",
+                      bytesOf(reduction.record.sr_reserved));
+  reduction.recordSize = kParts * group.record.cg_data_bytes;
+  if ((reduction.record.sr_flags & kInvalidation) != 0) {
+    reduction.recordSize += group.record.cg_inval_bytes;
+  }
+  reduction.data = walk_.link(block, sr_data);
+  reductions.push_back(reduction);
+}
+
+void TreeCheck::checkChannels(const BlockLink& first, CheckedGroup& group) {
+  masters_ = 0;
+  compositions_ = {first};
+  while (!compositions_.empty()) {
+    BlockLink link = compositions_.back();
+    compositions_.pop_back();
+    while (const std::optional<FoundBlock> block = walk_.enterBlock(link)) {
+      if (block->type == block_type::kCA) {
+        checkArray(*block);
+        break;
+      }
+      checkChannel(*block, group);
+      link = walk_.link(*block, cn_cn_next);
+    }
+  }
+}
+
+void TreeCheck::checkChannel(const FoundBlock& block, CheckedGroup& group) {
+  const auto channel = walk_.record<m4CNRecord>(block);
+  walk_.enter(block, faultsOf(channel, block.room()));
+  checkPlace(block, channel, group);
+  if (walk_.link(block, cn_tx_name).target == 0) {
+    walk_.findings().error(walk_.link(block, cn_tx_name).position,
+                           fieldName(block.type, "cn_tx_name"), "a name", "none");
+  }
+  if (isMaster(channel)) {
+    const std::uint32_t bit = std::uint32_t{1} << (channel.cn_sync_type & 31U);
+    if ((masters_ & bit) != 0) {
+      walk_.findings().error(block.position, fieldName(block.type, "cn_type"),
+                             "one master of a kind in a channel group", "another one");
+    }
+    masters_ |= bit;
+  }
+  if (channel.cn_type == channel_type::kMaster && channel.cn_sync_type == kSyncTime &&
+      !group.time) {
+    group.time = {block, channel};
+  }
+  walk_.shareText(walk_.link(block, cn_tx_name));
+  checkSource(walk_.link(block, cn_si_source));
+  checkConversion(walk_.link(block, cn_cc_conversion));
+  shareTexts(block, cn_md_unit, cn_md_comment);
+  for (std::size_t i = cn_md_comment + 1; i < block.links; ++i) walk_.refer(walk_.link(block, i));
+  checkChannelData(block, channel, group);
+  compositions_.push_back(walk_.link(block, cn_composition));
+}
+
+void TreeCheck::checkPlace(const FoundBlock& block, const m4CNRecord& channel,
+                           const CheckedGroup& group) {
+  const std::uint32_t size = group.record.cg_data_bytes;
+  if (!isVirtual(channel) &&
+      !liesInside(channel, textAt(walk_.link(block, cn_tx_name).target), size)) {
+    walk_.findings().error(
+        block.field(offsetof(m4CNRecord, cn_byte_offset)), fieldName(block.type, "cn_byte_offset"),
+        formatText("a place inside the record of %u bytes", unsigned{size}),
+        formatText("%u bits at byte %u, bit %u", unsigned{channel.cn_bit_count},
+                   unsigned{channel.cn_byte_offset}, unsigned{channel.cn_bit_offset}));
+  }
+  if (!invalidationBitLiesInside(channel, group.record.cg_inval_bytes)) {
+    walk_.findings().error(
+        block.field(offsetof(m4CNRecord, cn_inval_bit_pos)),
+        fieldName(block.type, "cn_inval_bit_pos"),
+        formatText("a bit of %u invalidation bytes", unsigned{group.record.cg_inval_bytes}),
+        std::to_string(channel.cn_inval_bit_pos));
+  }
+}
+
+// The start of a name: all that it takes to know the channels with a place of their own.
+std::string TreeCheck::textAt(std::uint64_t position) {
+  std::array<char, 64> start = {};
+  BlockHeader header;
+  std::uint64_t length = 0;
+  if (position == 0 || !walk_.read(position, sizeof header, &header) ||
+      header.marker != kBlockMarker || !header.dataLength(length)) {
+    return {};
+  }
+  length = std::min<std::uint64_t>(length, start.size() - 1);
+  walk_.read(position + sizeof header + header.linkCount * kLinkSize, length, start.data());
+  return start.data();
+}
+
+void TreeCheck::checkChannelData(const FoundBlock& block, const m4CNRecord& channel,
+                                 CheckedGroup& group) {
+  const BlockLink data = walk_.link(block, cn_data);
+  if (channel.cn_type != channel_type::kVlsd) {
+    walk_.refer(data);
+    return;
+  }
+  const std::uint16_t kind = walk_.kindAt(data);
+  if (kind == block_type::kCG) {
+    walk_.refer(data);
+  } else if (kind != 0 && !isData(kind) && mayLinkTo(data.from, data.index, kind)) {
+    walk_.findings().error(data.position, fieldName(block.type, "cn_data"),
+                           "signal data or a channel group, of a variable-length channel",
+                           formatText("%" PRIu64 ", another kind of block", data.target));
+    return;
+  }
+  group.values.push_back({block, channel, data});
+}
+
+void TreeCheck::checkArray(const FoundBlock& block) {
+  walk_.enter(block, faultsOf(walk_.record<m4CARecord>(block), block.room()));
+  compositions_.push_back(walk_.link(block, ca_composition));
+  for (std::size_t i = ca_composition + 1; i < block.links; ++i) {
+    const BlockLink link = walk_.link(block, i);
+    const std::uint16_t kind = walk_.kindAt(link);
+    if (kind == block_type::kCC) {
+      checkConversion(link);
+    } else if (isData(kind)) {
+      arrays.push_back(link);
+    } else {
+      walk_.refer(link);
+    }
+  }
+}
+
+}  // namespace tolvex

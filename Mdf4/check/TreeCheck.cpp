@@ -1,0 +1,139 @@
+#include "Mdf4/check/TreeCheck.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <unordered_set>
+#include <utility>
+
+#include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/format/BlockTraits.h"
+#include "Mdf4/format/PieceInflater.h"
+
+namespace tolvex {
+
+using namespace link;
+
+void TreeCheck::shareTexts(const FoundBlock& block, std::size_t first, std::size_t last) {
+  for (std::size_t i = first; i <= last; ++i) walk_.shareText(walk_.link(block, i));
+}
+
+void TreeCheck::check() {
+  const BlockLink root = {kNoBlock, 0, 0, kHeaderBlockPosition};
+  const std::optional<FoundBlock> header = walk_.enterBlock(root);
+  if (!header) return;
+  const auto record = walk_.record<m4HDRecord>(*header);
+  walk_.checkReserved(header->field(offsetof(m4HDRecord, hd_reserved)), header->type, "hd_reserved",
+                      bytesOf(record.hd_reserved));
+  shareTexts(*header, hd_md_comment, hd_md_comment);
+  chain(walk_.link(*header, hd_fh_first), fh_fh_next,
+        [this](const FoundBlock& block) { checkHistory(block); });
+  chain(walk_.link(*header, hd_dg_first), dg_dg_next,
+        [this](const FoundBlock& block) { checkDataGroup(block); });
+  checkHierarchies(walk_.link(*header, hd_ch_first));
+  chain(walk_.link(*header, hd_at_first), at_at_next,
+        [this](const FoundBlock& block) { checkAttachment(block); });
+  chain(walk_.link(*header, hd_ev_first), ev_ev_next,
+        [this](const FoundBlock& block) { checkEvent(block); });
+}
+
+void TreeCheck::checkHistory(const FoundBlock& block) {
+  const auto record = walk_.record<m4FHRecord>(block);
+  walk_.checkReserved(block.field(offsetof(m4FHRecord, fh_reserved)), block.type, "fh_reserved",
+                      bytesOf(record.fh_reserved));
+  shareTexts(block, fh_md_comment, fh_md_comment);
+}
+
+void TreeCheck::checkHierarchies(const BlockLink& first) {
+  std::vector<BlockLink> pending = {first};
+  while (!pending.empty()) {
+    const BlockLink link = pending.back();
+    pending.pop_back();
+    chain(link, ch_ch_next, [&](const FoundBlock& block) {
+      walk_.enter(block, faultsOf(walk_.record<m4CHRecord>(block), block.room()));
+      pending.push_back(walk_.link(block, ch_ch_first));
+      shareTexts(block, ch_tx_name, ch_md_comment);
+      for (std::size_t i = ch_md_comment + 1; i < block.links; ++i) {
+        walk_.refer(walk_.link(block, i));
+      }
+    });
+  }
+}
+
+void TreeCheck::checkAttachment(const FoundBlock& block) {
+  constexpr std::uint16_t kCompressed = 0x3;  // and embedded
+  const auto record = walk_.record<m4ATRecord>(block);
+  const FieldFaults faults = faultsOf(record, block.room());
+  walk_.enter(block, faults);
+  shareTexts(block, at_tx_filename, at_md_comment);
+  if ((record.at_flags & kCompressed) != kCompressed || !faults.empty()) return;
+  PieceInflater inflater(walk_.file(), sizes_.piece);
+  const std::string fault = inflater.inflate(block.dataPosition() + sizeof record,
+                                             record.at_embedded_size, record.at_original_size);
+  if (fault.empty()) return;
+  walk_.findings().error(block.dataPosition() + sizeof record,
+                         fieldName(block.type, "embedded data"),
+                         formatText("%" PRIu64 " bytes, inflated", record.at_original_size), fault);
+}
+
+void TreeCheck::checkEvent(const FoundBlock& block) {
+  walk_.enter(block, faultsOf(walk_.record<m4EVRecord>(block), block.room()));
+  walk_.refer(walk_.link(block, ev_ev_parent));
+  walk_.refer(walk_.link(block, ev_ev_range));
+  shareTexts(block, ev_tx_name, ev_md_comment);
+  for (std::size_t i = ev_md_comment + 1; i < block.links; ++i) {
+    const BlockLink link = walk_.link(block, i);
+    const std::uint16_t kind = walk_.kindAt(link);
+    if (kind == block_type::kTX || kind == block_type::kMD) {
+      walk_.shareText(link);
+    } else {
+      walk_.refer(link);
+    }
+  }
+}
+
+void TreeCheck::checkSource(const BlockLink& link) {
+  const std::optional<FoundBlock> block = walk_.shareBlock(link);
+  if (!block) return;
+  const auto record = walk_.record<m4SIRecord>(*block);
+  walk_.checkReserved(block->field(offsetof(m4SIRecord, si_reserved)), block->type, "si_reserved",
+                      bytesOf(record.si_reserved));
+  shareTexts(*block, si_tx_name, si_md_comment);
+}
+
+// A conversion may use others, and none of them itself.
+void TreeCheck::checkConversion(const BlockLink& link) {
+  struct Open {
+    FoundBlock block;
+    std::size_t next;  // link
+  };
+  std::vector<Open> open;
+  std::unordered_set<std::uint64_t> path;
+  const auto begin = [&](const BlockLink& to) {
+    const std::optional<FoundBlock> block = walk_.shareBlock(to);
+    if (!block) return;
+    walk_.enter(*block, faultsOf(walk_.record<m4CCRecord>(*block), block->room()));
+    open.push_back({*block, 0});
+    path.insert(block->position);
+  };
+  begin(link);
+  while (!open.empty()) {
+    Open& top = open.back();
+    if (top.next >= top.block.links) {
+      path.erase(top.block.position);
+      open.pop_back();
+      continue;
+    }
+    const BlockLink next = walk_.link(top.block, top.next++);
+    if (next.index >= cc_ref && path.contains(next.target)) {
+      walk_.findings().error(next.position, fieldName(next.from, linkName(next.from, next.index)),
+                             "a conversion that does not use this one",
+                             formatText("%" PRIu64 ", which does", next.target));
+    } else if (walk_.kindAt(next) == block_type::kCC) {
+      begin(next);
+    } else {
+      walk_.shareText(next);
+    }
+  }
+}
+
+}  // namespace tolvex

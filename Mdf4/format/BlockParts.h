@@ -1,0 +1,33 @@
+// Small steps with the type code and the record of a block.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "Mdf4/base/Bytes.h"
+
+namespace tolvex {
+
+// The two letters that a block's kind is known by.
+inline std::string letters(std::uint16_t type) {
+  return {static_cast<char>(type & 0xFF), static_cast<char>(type >> 8)};
+}
+
+// The record at the front of a block's data; 0 where the data are shorter.
+template <class Record>
+Record recordOf(const std::vector<std::uint8_t>& data) {
+  Record record = {};
+  std::memcpy(&record, data.data(), std::min(sizeof record, data.size()));
+  return record;
+}
+
+template <class Record>
+std::vector<std::uint8_t> dataOf(const Record& record) {
+  const ByteSpan bytes = bytesOf(record);
+  return {bytes.begin(), bytes.end()};
+}
+
+}  // namespace tolvex

@@ -1,0 +1,323 @@
+#include "Mdf4/format/ListedBlocks.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "Mdf4/base/Inflater.h"
+#include "Mdf4/format/BlockBytes.h"
+#include "Mdf4/format/BlockTraits.h"
+#include "Mdf4/format/m4DataStream.h"
+
+namespace tolvex {
+namespace {
+
+constexpr std::uint64_t kAlignment = 8;
+
+// Bytes that a block may have behind its record, for what later versions of the format add.
+constexpr std::uint64_t kMostSurplus = 4096;
+
+// The length of a block as its record's counts need it; 0 when they do not tell, or when so much
+// lies not in the file.
+std::uint64_t neededLength(DirectFile& file, std::uint64_t position, const BlockHeader& header) {
+  using namespace block_type;
+  const std::uint64_t room = file.end() - position;
+  if (header.linkCount > room / kLinkSize) return 0;
+  std::uint64_t length = kBlockHeaderSize + header.linkCount * kLinkSize;
+  const auto record = [&](auto& bytes) {
+    return file.holds(position + length, sizeof bytes) &&
+           file.ReadAt(position + length, sizeof bytes, &bytes);
+  };
+  std::uint64_t behind = 0;  // the record
+  m4CCRecord conversion = {};
+  m4DLRecord list = {};
+  switch (header.type) {
+    case kHD:
+    case kFH:
+    case kDG:
+    case kCG:
+    case kCN:
+    case kSI:
+    case kSR:
+    case kEV:
+    case kCH:
+    case kHL:
+      break;
+    case kCC:
+      if (!record(conversion)) return 0;
+      behind = conversion.cc_val_count * sizeof(double);
+      break;
+    case kDL:
+      if (!record(list)) return 0;
+      behind = (list.dl_flags & kDlFlagEqualLength) != 0 ? sizeof(std::uint64_t)
+                                                         : list.dl_count * sizeof(std::uint64_t);
+      // With times, angles or distances it has more of them.
+      if (list.dl_count >= header.linkCount || list.dl_flags > kDlFlagEqualLength) return 0;
+      break;
+    default:
+      return 0;
+  }
+  length += leastData(header.type) + behind;
+  return length <= room ? length : 0;
+}
+
+// Whether a block, or the file's end, stands where one that ends at `end` would be followed.
+bool isFollowed(DirectFile& file, std::uint64_t end) {
+  const std::uint64_t position = (end + kAlignment - 1) / kAlignment * kAlignment;
+  BlockHeader next;
+  return end == file.end() || position == file.end() ||
+         (file.holds(position, kBlockHeaderSize) &&
+          file.ReadAt(position, kBlockHeaderSize, &next) && next.marker == kBlockMarker &&
+          isKnownBlock(next.type));
+}
+
+// Data blocks are large and their headers far apart: not worth the pages that other reads keep.
+bool readHeader(DirectFile& file, std::uint64_t position, BlockHeader& header) {
+  const WritableBytes bytes = writableBytesOf(header);
+  return file.holds(position, kBlockHeaderSize) &&
+         file.readPieces(position, std::span(&bytes, 1)) == kBlockHeaderSize;
+}
+
+}  // namespace
+
+bool readSoundHeader(DirectFile& file, std::uint64_t position, BlockHeader& header) {
+  if (position == 0 || !file.holds(position, kBlockHeaderSize) ||
+      !file.ReadAt(position, kBlockHeaderSize, &header) || header.marker != kBlockMarker ||
+      !isKnownBlock(header.type) || header.linkCount < leastLinks(header.type) ||
+      header.linkCount > mostLinks(header.type)) {
+    return false;
+  }
+  std::uint64_t data = 0;
+  const bool fits = file.holds(position, header.length) && header.dataLength(data) &&
+                    data >= leastData(header.type);
+  const std::uint64_t needed = neededLength(file, position, header);
+  if (needed == 0 || header.length == needed) return fits;
+  // Of two lengths the one is right behind whose end a block stands.
+  const bool followed = isFollowed(file, position + needed);
+  const bool right = header.length > needed
+                         ? !followed && header.length - needed <= kMostSurplus
+                         : !followed || isFollowed(file, position + header.length);
+  if (fits ? right : !followed) return fits;
+  header.length = needed;
+  return true;
+}
+
+bool ListedBlocks::next(ListedBlock& block) {
+  while (true) {
+    if (list_ != 0 && index_ < count_) {
+      if (nextEntry(block)) return true;
+      continue;
+    }
+    if (list_ != 0) {
+      const std::uint64_t list = std::exchange(list_, 0);
+      if (!file_.ReadAt(list + kBlockHeaderSize, kLinkSize, &next_)) {
+        next_ = 0;  // there may be more, nobody knows where
+        block = {};
+        block.position = list;
+        block.elsewhere = true;
+        block.ends = true;
+        return true;
+      }
+    }
+    if (next_ == 0) return false;
+    const std::uint64_t position = next_;
+    next_ = 0;
+    return enter(position, block);
+  }
+}
+
+// A list, or the one data block of the chain.
+bool ListedBlocks::enter(std::uint64_t position, ListedBlock& block) {
+  block = {};
+  block.position = position;
+  block.elsewhere = true;
+  block.ends = true;
+  BlockHeader header;
+  if (!readSoundHeader(file_, position, header) || !isDataList(header.type)) {
+    settle(block);
+    block.elsewhere = block.kind == ListedBlock::Missing && !isUnwritten(position);
+    return true;
+  }
+  if (header.type == block_type::kHL) {
+    std::uint64_t first = 0;
+    if (!file_.ReadAt(position + kBlockHeaderSize, kLinkSize, &first)) return true;
+    block.kind = ListedBlock::List;
+    block.type = header.type;
+    block.size = header.length;
+    next_ = first;
+    return true;
+  }
+  m4DLRecord list = {};
+  m4LDRecord columnList = {};
+  const std::uint64_t record = position + kBlockHeaderSize + header.linkCount * kLinkSize;
+  columns_ = header.type == block_type::kLD;
+  if (!(columns_ ? file_.ReadAt(record, sizeof columnList, &columnList)
+                 : file_.ReadAt(record, sizeof list, &list))) {
+    return true;
+  }
+  block.kind = ListedBlock::List;
+  block.type = header.type;
+  block.size = header.length;
+  list_ = position;
+  index_ = 0;
+  links_ = header.linkCount;
+  numbers_ = record + sizeof(m4DLRecord);
+  numberCount_ = (position + header.length - numbers_) / sizeof(std::uint64_t);
+  equalLength_ = 0;
+  if (columns_) {
+    const std::uint64_t linksPerEntry = (columnList.ld_flags & kLdFlagInvalidation) != 0 ? 2 : 1;
+    count_ = std::min<std::uint64_t>(columnList.ld_count, (links_ - 1) / linksPerEntry);
+    counted_ = count_;
+  } else {
+    // Entries are what has a link: a count can be damaged, or older than the links; one behind the
+    // count names the block that was being written.
+    const bool possible = list.dl_count < links_;
+    count_ = links_ - 1;
+    while (count_ > (possible ? list.dl_count : 0) && link(count_) == 0) --count_;
+    counted_ = possible ? list.dl_count : count_;
+    if ((list.dl_flags & kDlFlagEqualLength) != 0)
+      readNumber(0, equalLength_);
+    else if (numberCount_ < count_)
+      numberCount_ = 0;
+  }
+  return true;
+}
+
+std::uint64_t ListedBlocks::link(std::uint64_t index) const {
+  std::uint64_t value = 0;
+  if (index < links_) {
+    file_.ReadAt(list_ + kBlockHeaderSize + index * kLinkSize, kLinkSize, &value);
+  }
+  return value;
+}
+
+bool ListedBlocks::readNumber(std::uint64_t index, std::uint64_t& value) const {
+  return index < numberCount_ &&
+         file_.ReadAt(numbers_ + index * sizeof value, sizeof value, &value);
+}
+
+std::optional<std::uint64_t> ListedBlocks::expectedBytes(std::uint64_t index) const {
+  if (equalLength_ != 0) return equalLength_;
+  std::uint64_t start = 0;
+  std::uint64_t end = 0;
+  if (columns_ || !readNumber(index, start) || !readNumber(index + 1, end) || end < start) {
+    return std::nullopt;
+  }
+  return end - start;
+}
+
+// False for an entry that is not used yet, or that misses a block without data.
+bool ListedBlocks::nextEntry(ListedBlock& block) {
+  const std::uint64_t index = index_++;
+  block = {};
+  block.position = link(1 + index);
+  block.columns = columns_;
+  if (columns_) block.invalidation = link(1 + count_ + index);
+  if (block.position == 0 && columns_) return false;
+  block.expected = expectedBytes(index);
+  settle(block);
+  block.uncounted = index >= counted_;
+  block.elsewhere = block.kind == ListedBlock::Missing && !isUnwritten(block.position);
+  return block.kind == ListedBlock::Data || (!block.uncounted && block.expected != 0);
+}
+
+// Whether a block, or the file's end, stands where one that ends at `end` would be followed.
+bool ListedBlocks::followedByBlock(std::uint64_t end) const {
+  const std::uint64_t rest = end % kAlignment;
+  const std::uint64_t position = rest == 0 ? end : end + (kAlignment - rest);
+  if (end == file_.end() || position == file_.end()) return true;
+  BlockHeader header;
+  return end < file_.end() && readSoundHeader(file_, position, header);
+}
+
+// Whether nothing was written behind the kind of a data block.
+bool ListedBlocks::beginsWithZeros(std::uint64_t position) const {
+  constexpr std::uint64_t kKind = 4;
+  std::array<std::uint8_t, 128> bytes = {};
+  const std::uint64_t count = std::min<std::uint64_t>(bytes.size(), file_.end() - position);
+  return file_.ReadAt(position, count, bytes.data()) &&
+         std::all_of(bytes.begin() + kKind, bytes.end(), [](std::uint8_t b) { return b == 0; });
+}
+
+// Whether a block that is missing at the position never came to it, or was lost there.
+bool ListedBlocks::isUnwritten(std::uint64_t position) const {
+  return position >= file_.end() || beginsWithZeros(position);
+}
+
+// Whether that many bytes come out of the compressed block.
+bool ListedBlocks::inflatesTo(std::uint64_t position, std::uint64_t bytes) const {
+  if (bytes == 0 || bytes > BlockBytes::kLargestInflated) return false;
+  m4DataStream stream(file_, position);
+  while (bytes != 0) {
+    const std::uint64_t got = stream.next(bytes).size();
+    if (got == 0) return false;
+    bytes -= got;
+  }
+  return true;
+}
+
+// Finds out how much data the block holds.
+void ListedBlocks::settle(ListedBlock& block) {
+  block.kind = ListedBlock::Missing;
+  std::optional<std::uint64_t>& expected = block.expected;
+  if (expected > mostInflated(file_.end())) expected.reset();
+  block.bytes = expected.value_or(0);
+  BlockHeader header;
+  if (block.position == 0 || !file_.holds(block.position, kBlockHeaderSize)) return;
+  if (!readHeader(file_, block.position, header)) {
+    settleHeadless(block);
+    return;
+  }
+  if (header.marker != kBlockMarker) return;
+  const std::uint64_t present = file_.end() - block.position - kBlockHeaderSize;
+  std::uint64_t stated = 0;
+  if (header.type == block_type::kDZ) {
+    m4DZRecord record = {};
+    if (!header.dataLength(stated) || header.linkCount != 0 || stated > present ||
+        stated < sizeof record ||
+        !file_.ReadAt(block.position + kBlockHeaderSize, sizeof record, &record)) {
+      return;
+    }
+    if (record.dz_org_data_length > mostInflated(record.dz_data_length)) return;
+    block.bytes = record.dz_org_data_length;
+    if (expected && block.bytes != expected && !inflatesTo(block.position, block.bytes)) {
+      block.bytes = *expected;
+      block.repaired = true;
+    }
+  } else if (isPlainData(header.type)) {
+    if (!header.dataLength(stated) || header.linkCount != 0) {
+      if (!expected || expected > present || beginsWithZeros(block.position)) return;
+      stated = *expected;
+    }
+    const std::uint64_t start = block.position + kBlockHeaderSize;
+    if (expected && stated != expected && expected <= present &&
+        (stated > present || !followedByBlock(start + stated)) &&
+        followedByBlock(start + *expected)) {
+      stated = *expected;
+      block.repaired = true;
+    }
+    block.cut = stated > present;
+    stated = std::min(stated, present);
+    block.bytes = stated;
+  } else {
+    return;
+  }
+  block.kind = ListedBlock::Data;
+  block.type = header.type;
+  block.size = kBlockHeaderSize + stated;
+}
+
+// Of a block whose header cannot be read, the list knows how long it is; where another block stands
+// behind so many bytes, they are not compressed. (Writers may pad a block twice.)
+void ListedBlocks::settleHeadless(ListedBlock& block) const {
+  const std::uint64_t start = block.position + kBlockHeaderSize;
+  if (block.bytes == 0 || !file_.holds(start, block.bytes)) return;
+  const std::uint64_t end = start + block.bytes;
+  if (!followedByBlock(end) && !followedByBlock(end + kAlignment)) return;
+  block.kind = ListedBlock::Data;
+  block.type = block_type::kDT;
+  block.size = kBlockHeaderSize + block.bytes;
+  block.headless = true;
+}
+
+}  // namespace tolvex
