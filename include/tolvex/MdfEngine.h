@@ -22,11 +22,9 @@
 #endif
 #include <stdint.h>
 
-#if defined(_WIN32)
-#define TOLVEX_API
-#else
-#define TOLVEX_API __attribute__((visibility("default")))
-#endif
+#include "tolvex/MdfExport.h"
+
+#define TOLVEX_API TOLVEX_EXPORT
 
 #ifdef __cplusplus
 extern "C" {
