@@ -91,7 +91,7 @@ TEST_F(DataStream, ReadsTheSameBytesHoweverTheyAreStored) {
     }
     stream.Seek(8);
     EXPECT_EQ(read(stream, 5), c);  // and no more
-    EXPECT_EQ(direct_.problems().size(), 0U);
+    EXPECT_EQ(direct_.problems().texts().size(), 0U);
   }
 }
 
@@ -157,7 +157,8 @@ TEST_F(DataStream, EndsAtAnEmptyBlockUntilASeekPassesIt) {
   EXPECT_EQ(read(stream, 4), Bytes{});
   EXPECT_EQ(stream.Seek(2), 2U);
   EXPECT_EQ(read(stream, 4), (Bytes{3, 4}));
-  EXPECT_EQ(direct_.problems().size(), 1U);  // two bytes that reading in order does not reach
+  EXPECT_EQ(direct_.problems().texts().size(),
+            1U);  // two bytes that reading in order does not reach
 }
 
 TEST_F(DataStream, ListsOfTheWrongKindGiveNothing) {
@@ -197,7 +198,7 @@ TEST_F(DataStream, EndsWhereAListLeadsOutOfTheFile) {
       file_.setLink(list, 2, to);
       m4DataStream stream = open(list);
       EXPECT_EQ(read(stream, 6), (Bytes{1, 2}));
-      EXPECT_FALSE(direct_.problems().empty());
+      EXPECT_FALSE(direct_.problems().texts().empty());
     }
   }
 }
@@ -218,7 +219,7 @@ TEST_F(DataStream, ReadsABlockThatIsListedTwiceOnce) {
     for (const std::uint64_t equal : {0U, 2U}) {
       m4DataStream stream = open(file_.dl(row.blocks, equal));
       EXPECT_EQ(read(stream, 100), row.want);
-      EXPECT_FALSE(direct_.problems().empty());
+      EXPECT_FALSE(direct_.problems().texts().empty());
       stream.Seek(2 * row.blocks.size() - 2);
       EXPECT_EQ(read(stream, 100), row.behind);
     }
@@ -241,7 +242,7 @@ TEST_F(DataStream, ReadsACompressedBlockAsFarAsItsStreamGoes) {
     EXPECT_EQ(viewed(stream, 6), slice(rows, 0, 6));
     EXPECT_EQ(viewed(stream, 10), slice(rows, 6, 8));
     EXPECT_EQ(viewed(stream, 1), Bytes{});
-    EXPECT_FALSE(direct_.problems().empty());
+    EXPECT_FALSE(direct_.problems().texts().empty());
     stream.Seek(0);
     EXPECT_EQ(read(stream, 100), rows);
     for (const std::uint64_t beyond : {14U, 17U}) {
@@ -262,13 +263,13 @@ TEST_F(DataStream, InflatesForValuesWithinABudget) {
   EXPECT_TRUE(stream.readValue(0, value));
   EXPECT_TRUE(stream.readValue(large.size(), value));
   EXPECT_TRUE(stream.readValue(0, value)) << "inflated again";
-  EXPECT_TRUE(direct_.problems().empty());
-  while (direct_.chargeAgain(1 << 20)) {
+  EXPECT_TRUE(direct_.problems().texts().empty());
+  while (direct_.budget().takeAgain(1 << 20)) {
   }
-  EXPECT_EQ(direct_.problems().size(), 1U);
+  EXPECT_EQ(direct_.problems().texts().size(), 1U);
   EXPECT_TRUE(stream.readValue(100, value)) << "still held";
   EXPECT_FALSE(stream.readValue(large.size(), value));
-  EXPECT_EQ(direct_.problems().size(), 2U) << "the value is told";
+  EXPECT_EQ(direct_.problems().texts().size(), 2U) << "the value is told";
   m4DataStream records(direct_, list);
   records.Seek(large.size());
   EXPECT_EQ(read(records, 2), (Bytes{2, 0})) << "who reads bytes in order pays nothing";
@@ -283,7 +284,7 @@ TEST_F(DataStream, CutFilesGiveTheWholeSharesThatAreLeft) {
   m4DataStream stream(direct_, behind);
   EXPECT_EQ(read(stream, 3), slice(stored, 0, 3));
   EXPECT_EQ(read(stream, 3), Bytes{});  // its third byte is gone
-  EXPECT_FALSE(direct_.problems().empty());
+  EXPECT_FALSE(direct_.problems().texts().empty());
   // A block whose header states less than its list does not lend its neighbour's bytes.
   file_.setLength(file_.blocks()[1], 24 + 4);
   m4DataStream shorter = open(data);
@@ -348,7 +349,7 @@ TEST(WritingDataStream, ReadsBackWhatWasWritten) {
       EXPECT_EQ(loadNumber<std::uint64_t>(written.bytes().data() + 8), writer.firstList());
       m4DataStream reader(file, writer.firstList());
       EXPECT_EQ(read(reader, size + 1), stored);
-      EXPECT_TRUE(file.problems().empty());
+      EXPECT_TRUE(file.problems().texts().empty());
     }
   }
 }

@@ -118,7 +118,7 @@ TEST(FailingReadsRecovery, SectorsAreReadAroundWhatCannotBeRead) {
   }
   DirectFile file;
   ASSERT_TRUE(file.open(path, OpenMode::Read));
-  file.readBySectors();
+  file.reads().bySectors();
   const auto read = [&](std::uint64_t at, std::uint64_t length) {
     Bytes bytes(length);
     const auto from = content.begin() + static_cast<std::ptrdiff_t>(at);
@@ -130,7 +130,7 @@ TEST(FailingReadsRecovery, SectorsAreReadAroundWhatCannotBeRead) {
     EXPECT_EQ(file.readPieces(at, std::span(&piece, 1)), sound);
     EXPECT_TRUE(
         std::equal(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(sound), from));
-    EXPECT_EQ(file.nextUnreadable(at, at + length).start, at + sound);
+    EXPECT_EQ(file.reads().nextUnreadable(at, at + length).start, at + sound);
   };
   for (int i = 0; i < 1000; ++i) {
     const std::uint64_t at = below(content.size());
@@ -139,7 +139,7 @@ TEST(FailingReadsRecovery, SectorsAreReadAroundWhatCannotBeRead) {
   read(0, content.size());
   const auto sectors = static_cast<std::uint64_t>(std::ranges::count(bad, true)) / kSector;
   EXPECT_LE(reads.failures(), 4 * sectors + 1);
-  EXPECT_EQ(file.readError().substr(0, 8), "reading ");
+  EXPECT_EQ(file.reads().error().substr(0, 8), "reading ");
 }
 
 class FailingReadsOfFiles : public testing::Test {

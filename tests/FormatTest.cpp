@@ -180,12 +180,12 @@ TEST(Blocks, OnlyKnownKindsAreLoadedAndTheRestIsNoted) {
   DirectFile file;
   ASSERT_TRUE(file.open(builder.write(), OpenMode::Read));
   EXPECT_EQ(loadBlock(file, 0), nullptr);
-  EXPECT_TRUE(file.problems().empty());
+  EXPECT_TRUE(file.problems().texts().empty());
   for (const Link at : {Link{64}, unknown, noMarker, builder.size()}) {
     EXPECT_EQ(loadBlock(file, at), nullptr) << "at " << at;
   }
-  ASSERT_EQ(file.problems().size(), 4U);
-  EXPECT_EQ(file.problems()[0], "a link leads to 64: expected a block, found \"##HD\"");
+  ASSERT_EQ(file.problems().texts().size(), 4U);
+  EXPECT_EQ(file.problems().texts()[0], "a link leads to 64: expected a block, found \"##HD\"");
 }
 
 }  // namespace

@@ -52,7 +52,7 @@ bool BlockReader::deliverPlain(const StoredPart& part, ByteSink& sink) {
     const std::uint64_t got = walk_.file().readPieces(start, std::span(&piece, 1));
     if (got != 0) sink.bytes(piece.first(got), start);
     // What cannot be read is a finding elsewhere.
-    const ByteRange unreadable = walk_.file().nextUnreadable(start + got, start + length);
+    const ByteRange unreadable = walk_.file().reads().nextUnreadable(start + got, start + length);
     const std::uint64_t passed = got == length ? 0
                                  : unreadable.start == start + got
                                      ? unreadable.end - unreadable.start
@@ -129,7 +129,7 @@ std::shared_ptr<const InflatedBlock> BlockReader::inflate(const StoredPart& part
   const bool again = isNew && known.wasInflated(part.position);
   if (isNew) {
     const std::uint64_t cost = std::max(part.length, InflatedBlock::kLeastCost);
-    if (again ? !file.chargeAgain(cost) : !charge(part.length)) return nullptr;
+    if (again ? !file.budget().takeAgain(cost) : !charge(part.length)) return nullptr;
     block = std::make_shared<InflatedBlock>();
     if (!inflateRows(lookUps_, part, block->bytes).empty()) return nullptr;
     block->size = part.length;

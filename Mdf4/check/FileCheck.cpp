@@ -308,12 +308,12 @@ void enterUnreadable(const DirectFile& file, MdfCheckReport& report) {
       unreadable.push_back({true, position, std::move(what), "", ""});
   };
   const std::uint64_t end = file.end();
-  for (ByteRange bad = file.nextUnreadable(0, end); !bad.empty();
-       bad = file.nextUnreadable(bad.end, end)) {
+  for (ByteRange bad = file.reads().nextUnreadable(0, end); !bad.empty();
+       bad = file.reads().nextUnreadable(bad.end, end)) {
     enter(bad.start, formatText("reading %" PRIu64 " bytes failed: %s", bad.end - bad.start,
-                                file.unreadableReason().c_str()));
+                                file.reads().unreadableReason().c_str()));
   }
-  if (unreadable.empty() && !file.readError().empty()) enter(0, file.readError());
+  if (unreadable.empty() && !file.reads().error().empty()) enter(0, file.reads().error());
   report.findings.insert(report.findings.begin(), unreadable.begin(), unreadable.end());
   report.findings.resize(std::min(report.findings.size(), kMostKept));
 }
@@ -330,7 +330,7 @@ MdfCheckReport checkFile(const std::string& path, const MdfProgress& progress,
   try {
     DirectFile file;
     if (file.open(path, OpenMode::Read)) {
-      file.readBySectors();
+      file.reads().bySectors();
       FileCheck(file, report, progress, sizes).run();
       enterUnreadable(file, report);
     } else {

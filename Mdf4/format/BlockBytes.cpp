@@ -32,7 +32,7 @@ std::uint64_t BlockBytes::readSome(std::uint64_t bytes, std::uint8_t* to) {
 }
 
 std::uint64_t BlockBytes::passUnreadable() {
-  const ByteRange bad = file_.nextUnreadable(position_, position_ + left_);
+  const ByteRange bad = file_.reads().nextUnreadable(position_, position_ + left_);
   if (inflated_ || bad.start != position_) return 0;
   pass(bad.end - bad.start);
   return bad.end - bad.start;

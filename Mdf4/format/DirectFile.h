@@ -2,34 +2,30 @@
 #pragma once
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <memory>
 #include <new>
 #include <span>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "Mdf4/base/Bytes.h"
+#include "Mdf4/base/FileReads.h"
 #include "Mdf4/base/InflatedBlocks.h"
 #include "Mdf4/base/LoadBudget.h"
+#include "Mdf4/base/ProblemLog.h"
 #include "Mdf4/base/System.h"
 
 namespace tolvex {
 
-class SectorReader;
-
-// One open file. Small reads are served from a few pages that are kept, so that walking a tree of
-// blocks costs a system call per page, not per block.
-//
-// What is read from a file is a claim. This is where claims are checked against the file's end,
-// where damage is noted, and where the work that a file may cause is bounded (LoadBudget).
+// One open file: its size and the allocated area, and what belongs to it, which is handed out.
+// What is read from a file is a claim; this is where claims are held against the file's end.
 // Not synchronised: one thread at a time.
 class DirectFile {
  public:
   static constexpr std::uint64_t kNoPosition = ~std::uint64_t{0};
 
-  DirectFile();
+  DirectFile() = default;
   DirectFile(const DirectFile&) = delete;
   DirectFile& operator=(const DirectFile&) = delete;
   virtual ~DirectFile();
@@ -42,14 +38,18 @@ class DirectFile {
   bool attach(std::unique_ptr<SystemFile> file);
   bool isOpen() const { return file_ != nullptr; }
   const std::string& openError() const { return openError_; }
+
+  // Reads exactly `length` bytes. A short read prints "DirectFile::ReadAt failed" and fails.
+  bool ReadAt(std::uint64_t position, std::uint64_t length, void* buffer);
+  // Fills the pieces from consecutive bytes, as many as the file has and can be read. Returns the
+  // bytes read.
+  std::uint64_t readPieces(std::uint64_t position, std::span<const WritableBytes> pieces);
+  // Writes all bytes or fails; a write past the end of the allocated area moves that end.
+  bool WriteAt(std::uint64_t position, std::uint64_t length, const void* data);
+  // The pieces back to back, in one call to the system.
+  bool WriteAt(std::uint64_t position, std::span<const ByteSpan> pieces);
   // The first write, or the closing, that failed: what, where and why. "" when none did.
   const std::string& writeError() const { return writeError_; }
-  // The first read that the system refused, or for which the file had become too short: what, where
-  // and why. "" when none did. It is among the problems, too.
-  const std::string& readError() const { return readError_; }
-  // How many reads failed so: who sees it grow knows that bytes are unknown, not wrong, and that
-  // another attempt may get them.
-  std::uint64_t failedReads() const { return failedReads_; }
   // Notes what keeps something from being written; `describe` makes the text, if it is the first.
   template <class Describe>
   void noteWriteError(Describe describe) noexcept {
@@ -60,25 +60,6 @@ class DirectFile {
       writeError_ = "out of memory";  // a string holds this much itself
     }
   }
-
-  // For files on a damaged medium, before anything is read: what the system refuses is tried again,
-  // then sector by sector. A read whose bytes are not all there still fails.
-  void readBySectors();
-  // The first bytes between `from` and `end` that were found to be unreadable so; empty, at `end`,
-  // when there are none. What is unreadable stays so.
-  ByteRange nextUnreadable(std::uint64_t from, std::uint64_t end) const;
-  // Why the last of them could not be read, in the system's words.
-  std::string unreadableReason() const;
-
-  // Reads exactly `length` bytes. A short read prints "DirectFile::ReadAt failed" and fails.
-  bool ReadAt(std::uint64_t position, std::uint64_t length, void* buffer);
-  // Writes all bytes or fails; a write past the end of the allocated area moves that end.
-  bool WriteAt(std::uint64_t position, std::uint64_t length, const void* data);
-  // The pieces back to back, in one call to the system.
-  bool WriteAt(std::uint64_t position, std::span<const ByteSpan> pieces);
-  // Fills the pieces from consecutive bytes, as many as the file has and can be read. Returns the
-  // bytes read.
-  std::uint64_t readPieces(std::uint64_t position, std::span<const WritableBytes> pieces);
 
   // The position of a new block of `size` bytes at the end of the allocated area, rounded up to a
   // multiple of 8. The area grows by the block; with `extend` the padding is counted twice, and
@@ -97,48 +78,28 @@ class DirectFile {
     return position <= end_ && length <= end_ - position;
   }
 
+  // What could not be read.
+  FileReads& reads() { return reads_; }
+  const FileReads& reads() const { return reads_; }
+  // The damage that was met.
+  ProblemLog& problems() { return problems_; }
+  const ProblemLog& problems() const { return problems_; }
+  void report(std::string problem) { problems_.add(std::move(problem)); }
+  // The work that the file may cause.
+  LoadBudget& budget() { return budget_; }
   // A stream that comes to a block where another one stands shares its bytes.
   InflatedBlocks& inflatedBlocks() { return inflated_; }
 
-  // Take bytes from the file's budget. False, with the problem noted, when it is used up.
-  bool chargeLoad(std::uint64_t bytes);
-  bool chargeAgain(std::uint64_t bytes);
-
-  // Notes damage: what, where, expected and found. The first 100 texts are kept, each once.
-  void report(std::string problem);
-  const std::vector<std::string>& problems() const { return problems_; }
-
  private:
-  static constexpr std::uint64_t kPageSize = 4096;
-  static constexpr std::size_t kPageCount = 64;
-  struct Pages {
-    std::array<std::uint64_t, kPageCount> numbers;  // kNoPosition: free
-    std::array<std::uint32_t, kPageCount> filled;   // bytes
-    std::array<std::array<std::uint8_t, kPageSize>, kPageCount> bytes;
-  };
-
-  bool readSmall(std::uint64_t position, WritableBytes bytes);
-  bool loadPage(std::size_t slot, std::uint64_t number);
-  ReadResult readRaw(std::uint64_t position, std::span<const WritableBytes> pieces);
-  std::uint64_t read(std::uint64_t position, std::span<const WritableBytes> pieces);
-  std::uint64_t promised(std::uint64_t position, std::uint64_t length) const;
-  void noteFailedRead(std::uint64_t position, std::uint64_t length, const std::string& why);
-  void forgetPages(std::uint64_t position, std::uint64_t length);
-
   std::unique_ptr<SystemFile> file_;
-  std::unique_ptr<SectorReader> sectors_;  // null: the system's first word is taken
-  std::unique_ptr<Pages> pages_;
   std::uint64_t position_ = kNoPosition;
   std::uint64_t end_ = 0;
-  std::uint64_t openedSize_ = 0;
   std::string openError_;
   std::string writeError_;
-  std::string readError_;
-  std::uint64_t failedReads_ = 0;
-  std::uint64_t lastFailedRead_ = kNoPosition;
-  std::vector<std::string> problems_;
+  ProblemLog problems_;
+  LoadBudget budget_{problems_};
+  FileReads reads_{problems_};
   InflatedBlocks inflated_;
-  LoadBudget budget_;
 };
 
 }  // namespace tolvex

@@ -46,7 +46,7 @@ bool MDF4File::readIdentification() {
     return false;
   }
   if (!ReadAt(0, kIdBlockSize, &id_)) {
-    error_ = "identification at 0: " + readError();
+    error_ = "identification at 0: " + reads().error();
     return false;
   }
   const std::string_view fileId(id_.id_file, sizeof id_.id_file);
@@ -74,11 +74,11 @@ bool MDF4File::readIdentification() {
 bool MDF4File::readHeader() {
   BlockHeader header;
   if (!ReadAt(kHeaderBlockPosition, kBlockHeaderSize, &header)) {
-    error_ = readError().empty()
+    error_ = reads().error().empty()
                  ? formatText("header block at %" PRIu64 ": the file ends at %" PRIu64,
                               kHeaderBlockPosition, end())
                  : formatText("header block at %" PRIu64 ": %s", kHeaderBlockPosition,
-                              readError().c_str());
+                              reads().error().c_str());
     return false;
   }
   if (header.marker != kBlockMarker || header.type != block_type::kHD) {
@@ -89,7 +89,8 @@ bool MDF4File::readHeader() {
   }
   header_ = std::make_unique<M4HDBlock>();
   if (header_->load(*this, kHeaderBlockPosition, header)) return true;
-  error_ = problems().empty() ? "header block at 64: cannot be read" : problems().back();
+  error_ =
+      problems().texts().empty() ? "header block at 64: cannot be read" : problems().texts().back();
   return false;
 }
 

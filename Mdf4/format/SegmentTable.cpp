@@ -282,9 +282,9 @@ bool SegmentTable::settle(DirectFile& file, std::size_t index) {
   DataSegment& segment = data_[index];
   if (segment.checked) return !segment.damaged;
   BlockHeader header = {.marker = 0};
-  const std::uint64_t failed = file.failedReads();
+  const std::uint64_t failed = file.reads().failures();
   if (!file.ReadAt(segment.position - kBlockHeaderSize, kBlockHeaderSize, &header)) {
-    if (file.failedReads() != failed) return false;  // it may be sound
+    if (file.reads().failures() != failed) return false;  // it may be sound
     segment.checked = true;
     return damage(file, segment, 0);
   }

@@ -38,7 +38,7 @@ bool m4Block::load(DirectFile& file, std::uint64_t position, const BlockHeader& 
                            position, kLargestLoaded, header.length));
     return false;
   }
-  if (!file.chargeLoad(header.length)) return false;
+  if (!file.budget().takeLoad(header.length)) return false;
   file_ = &file;
   position_ = position;
   header_ = header;

@@ -112,9 +112,9 @@ void m4DataStream::setWindow(const std::uint8_t* bytes, std::uint64_t start, std
 
 ByteSpan m4DataStream::nextSlowly(std::uint64_t length) {
   const std::uint64_t start = at_;
-  const std::uint64_t failed = file_->failedReads();
+  const std::uint64_t failed = file_->reads().failures();
   const ByteSpan bytes = merges() ? nextMerged(length) : nextPlain(length);
-  if (bytes.size() == length || file_->failedReads() == failed) return bytes;
+  if (bytes.size() == length || file_->reads().failures() == failed) return bytes;
   at_ = start;  // another attempt may get them all
   return {};
 }
@@ -314,7 +314,7 @@ bool m4DataStream::inflate(DataSegment& segment, std::shared_ptr<InflatedBlock>&
   const bool again = isNew && known.wasInflated(segment.position);
   if (isNew) {
     const std::uint64_t cost = std::max(segment.length, InflatedBlock::kLeastCost);
-    if (again && readsValues_ && !file_->chargeAgain(cost)) return false;
+    if (again && readsValues_ && !file_->budget().takeAgain(cost)) return false;
     wanted = std::make_shared<InflatedBlock>();
     if (before.use_count() == 1) wanted->bytes = std::move(before->bytes);
     if (!inflateBlock(segment, again, *wanted)) return false;
@@ -328,9 +328,9 @@ bool m4DataStream::inflate(DataSegment& segment, std::shared_ptr<InflatedBlock>&
 // A block that cannot be inflated counts as damaged, unless memory or the system's reads failed.
 bool m4DataStream::inflateBlock(DataSegment& segment, bool again, InflatedBlock& out) {
   const std::uint64_t block = segment.position - kBlockHeaderSize;
-  const std::uint64_t failed = file_->failedReads();
+  const std::uint64_t failed = file_->reads().failures();
   const auto fail = [&](const char* what, std::uint64_t expected, std::uint64_t found) {
-    segment.damaged = file_->failedReads() == failed;
+    segment.damaged = file_->reads().failures() == failed;
     file_->report(formatText("compressed data block at %" PRIu64 ": %s: expected %" PRIu64
                              ", found %" PRIu64,
                              block, what, expected, found));
@@ -359,7 +359,7 @@ bool m4DataStream::inflateBlock(DataSegment& segment, bool again, InflatedBlock&
     return fail("at most this many inflated bytes", mostInflated(record.dz_data_length),
                 segment.length);
   }
-  if (!again && !file_->chargeLoad(record.dz_data_length)) {
+  if (!again && !file_->budget().takeLoad(record.dz_data_length)) {
     segment.damaged = true;
     return false;
   }

@@ -44,9 +44,9 @@ const FileTexts::Text& FileTexts::entry(std::uint64_t position) {
   const auto found = texts_.find(position);
   if (found != texts_.end()) return found->second;
   Text entry;
-  const std::uint64_t failed = file_.failedReads();
+  const std::uint64_t failed = file_.reads().failures();
   const std::unique_ptr<m4Block> block = loadBlock(file_, position);
-  if (file_.failedReads() != failed) return kNone;  // another attempt may succeed
+  if (file_.reads().failures() != failed) return kNone;  // another attempt may succeed
   if (block != nullptr &&
       (block->typeCode() == block_type::kTX || block->typeCode() == block_type::kMD)) {
     entry.isXml = block->typeCode() == block_type::kMD;
@@ -76,9 +76,9 @@ std::shared_ptr<const Conversion> FileTexts::numbers(std::uint64_t position) {
   const auto found = numbers_.find(position);
   if (found != numbers_.end()) return found->second;
   auto conversion = std::make_shared<Conversion>();
-  const std::uint64_t failed = file_.failedReads();
+  const std::uint64_t failed = file_.reads().failures();
   if (loadConversionNumbers(file_, position, *conversion) == nullptr) conversion = nullptr;
-  if (file_.failedReads() != failed) return nullptr;
+  if (file_.reads().failures() != failed) return nullptr;
   return numbers_.emplace(position, std::move(conversion)).first->second;
 }
 
@@ -105,9 +105,9 @@ std::shared_ptr<const Conversion> FileTexts::conversion(std::uint64_t position) 
   const auto found = conversions_.find(position);
   if (found != conversions_.end()) return found->second;
   auto conversion = std::make_shared<Conversion>();
-  const std::uint64_t failed = file_.failedReads();
+  const std::uint64_t failed = file_.reads().failures();
   const auto block = loadConversionNumbers(file_, position, *conversion);
-  if (file_.failedReads() != failed) return nullptr;
+  if (file_.reads().failures() != failed) return nullptr;
   if (block == nullptr) return conversions_.emplace(position, nullptr).first->second;
   std::uint64_t room = file_.end() + kAlwaysText;
   for (std::size_t i = link::cc_ref;

@@ -428,14 +428,14 @@ std::string MdfBaseReader::getLastError() const {
     if (filePath_.empty()) return std::string("the path is empty");
     const MDF4File& file = state_->file;
     if (!file.error().empty()) return file.error();
-    if (!file.readError().empty()) return file.readError();
+    if (!file.reads().error().empty()) return file.reads().error();
     return std::string(state_->ranOutOfMemory && !file.isOpen() ? kOutOfMemory : "");
   });
 }
 
 std::vector<std::string> MdfBaseReader::getProblems() const {
   return state_->orOutOfMemory(std::vector<std::string>(), [&] {
-    std::vector<std::string> problems = state_->file.problems();
+    std::vector<std::string> problems = state_->file.problems().texts();
     if (state_->ranOutOfMemory) problems.emplace_back(kOutOfMemory);
     return problems;
   });

@@ -56,7 +56,7 @@ std::uint64_t LooseBlocks::nextMarker(std::uint64_t at, std::uint64_t end) {
     }
     at += got;
     if (got == size) continue;
-    const ByteRange unreadable = in_.nextUnreadable(at, end);
+    const ByteRange unreadable = in_.reads().nextUnreadable(at, end);
     if (unreadable.start != at) break;
     at = (unreadable.end + kAlignment - 1) / kAlignment * kAlignment;
   }

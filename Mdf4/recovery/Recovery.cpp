@@ -107,7 +107,8 @@ bool Recovery::readIdentification() {
   const bool isKnown = fileId == kFileId || unfinished_;
   const bool isVersion = id_.id_ver >= kOldest && id_.id_ver <= kNewest;
   // What cannot be read may have been sound.
-  const bool isUnknown = !in_.nextUnreadable(0, kHeaderBlockPosition + kBlockHeaderSize).empty();
+  const bool isUnknown =
+      !in_.reads().nextUnreadable(0, kHeaderBlockPosition + kBlockHeaderSize).empty();
   if (!hasHeader && !(isKnown && isVersion) && !isUnknown) {
     report_.failure =
         "identification at 0: no measurement file in this format, and no header block at 64";
@@ -442,7 +443,7 @@ void Recovery::run(std::unique_ptr<SystemFile> input, std::unique_ptr<SystemFile
     report_.failure = "a file's size is unknown";
     return;
   }
-  in_.readBySectors();
+  in_.reads().bySectors();
   if (!readIdentification()) return;
   out_.Allocate(kIdBlockSize, false);
   const bool counted = !unfinished_ || (id_.id_unfin_flags & kCycleCounts) == 0;
@@ -455,7 +456,7 @@ void Recovery::run(std::unique_ptr<SystemFile> input, std::unique_ptr<SystemFile
   const std::vector<SourceGroup>& groups = tree_->groups();
   if (std::ranges::all_of(groups, [](const SourceGroup& group) { return group.holdsValues(); })) {
     report_.failure = "nothing usable: no channel group was found";
-    if (!in_.readError().empty()) report_.failure += "; " + in_.readError();
+    if (!in_.reads().error().empty()) report_.failure += "; " + in_.reads().error();
     return;
   }
   if (!copyData() || !writeEnd()) {
@@ -474,12 +475,13 @@ void Recovery::noteUnreadable() {
   constexpr std::size_t kMost = 100;
   std::vector<std::string> texts;
   ByteRange bad;
-  while (texts.size() < kMost && !(bad = in_.nextUnreadable(bad.end, in_.end())).empty()) {
+  while (texts.size() < kMost && !(bad = in_.reads().nextUnreadable(bad.end, in_.end())).empty()) {
     texts.push_back(formatText("reading %" PRIu64 " bytes at %" PRIu64 " failed: %s",
-                               bad.end - bad.start, bad.start, in_.unreadableReason().c_str()));
+                               bad.end - bad.start, bad.start,
+                               in_.reads().unreadableReason().c_str()));
   }
-  if (texts.empty() && !in_.readError().empty()) texts.push_back(in_.readError());
-  if (!out_.readError().empty()) texts.push_back("the result: " + out_.readError());
+  if (texts.empty() && !in_.reads().error().empty()) texts.push_back(in_.reads().error());
+  if (!out_.reads().error().empty()) texts.push_back("the result: " + out_.reads().error());
   report_.losses.insert(report_.losses.begin(), texts.begin(), texts.end());
   report_.losses.resize(std::min(report_.losses.size(), kMost));
 }
