@@ -1,10 +1,12 @@
 # What `cmake --install` lays down: headers, library, CMake package, pkg-config file, documents.
+include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 set(TOLVEX_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/tolvex)
 set(TOLVEX_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-install(TARGETS tolvex EXPORT tolvex-targets LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(TARGETS tolvex EXPORT tolvex-targets INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/tolvex DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   FILES_MATCHING PATTERN *.h)
 
@@ -19,6 +21,19 @@ install(FILES ${PROJECT_BINARY_DIR}/tolvex-config.cmake
 # Prefix and library folder are stated relative to the file itself, so an installed tree can move.
 file(RELATIVE_PATH TOLVEX_PC_TO_PREFIX
   ${CMAKE_INSTALL_PREFIX}/${TOLVEX_PKGCONFIG_DIR} ${CMAKE_INSTALL_PREFIX})
+# A static library brings what it stands on.
+if(BUILD_SHARED_LIBS)
+  set(TOLVEX_PC_STATIC "")
+else()
+  set(TOLVEX_PC_STATIC " -DTOLVEX_STATIC")
+endif()
+set(TOLVEX_PC_PRIVATE -lz ${CMAKE_THREAD_LIBS_INIT})
+foreach(library IN LISTS CMAKE_CXX_IMPLICIT_LINK_LIBRARIES)
+  if(NOT library IN_LIST CMAKE_C_IMPLICIT_LINK_LIBRARIES)
+    list(APPEND TOLVEX_PC_PRIVATE -l${library})
+  endif()
+endforeach()
+list(JOIN TOLVEX_PC_PRIVATE " " TOLVEX_PC_PRIVATE)
 configure_file(${PROJECT_SOURCE_DIR}/cmake/tolvex.pc.in ${PROJECT_BINARY_DIR}/tolvex.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/tolvex.pc DESTINATION ${TOLVEX_PKGCONFIG_DIR})
 

@@ -8,7 +8,7 @@ if [ $# -eq 0 ]; then
   set -- "${sources[@]}"
 fi
 flags=(-std=c++20 -Iinclude -I.
-  -DTOLVEX_TEST_DATA='""' -DTOLVEX_PROGRAM='""' -DTOLVEX_VERSION='""'
+  -DTOLVEX_TEST_DATA='""' -DTOLVEX_PROGRAM='""'
   -DTOLVEX_FAILING_READS_MODULE='""' -DTOLVEX_BUILD_TYPE='""')
 
 check() { clang-tidy --quiet "$1" -- "${@:2}" 2> >(grep -v 'warnings\? generated' >&2); }

@@ -27,6 +27,7 @@
 #include "Mdf4/rewrite/TreeCopy.h"
 #include "Mdf4/rewrite/UnsortedRecords.h"
 #include "tolvex/Mdf4.h"
+#include "tolvex/MdfVersion.h"
 
 namespace tolvex {
 namespace {

@@ -16,3 +16,4 @@
 #include "tolvex/MdfRecovery.h"
 #include "tolvex/MdfSigWriter.h"
 #include "tolvex/MdfSignals.h"
+#include "tolvex/MdfVersion.h"

@@ -53,8 +53,7 @@
 #include <stdint.h>
 
 #include "tolvex/MdfExport.h"
-
-#define TOLVEX_API TOLVEX_EXPORT
+#include "tolvex/MdfVersion.h"
 
 #ifdef __cplusplus
 extern "C" {

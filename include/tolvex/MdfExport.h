@@ -2,10 +2,17 @@
 #ifndef TOLVEX_MDF_EXPORT_H
 #define TOLVEX_MDF_EXPORT_H
 
-#if defined(_WIN32)
+/* TOLVEX_STATIC is defined for the static library and for all that use it (the CMake package and
+ * pkg-config see to that): a library that is made with it does not export it again. */
+#if defined(TOLVEX_STATIC)
+#define TOLVEX_EXPORT
+#elif defined(_WIN32)
 #define TOLVEX_EXPORT
 #else
 #define TOLVEX_EXPORT __attribute__((visibility("default")))
 #endif
+
+/* A plain function. */
+#define TOLVEX_API TOLVEX_EXPORT
 
 #endif

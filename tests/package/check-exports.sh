@@ -6,7 +6,7 @@ library=$1
 headers=$2
 
 classes=$(sed -nE 's/^(class|struct) TOLVEX_EXPORT ([A-Za-z0-9_]+).*/\2/p' "$headers"/*.h | paste -sd '|')
-functions=$(grep -v '^#' "$headers/MdfEngine.h" | tr '\n' ' ' |
+functions=$(grep -hv '^#' "$headers"/*.h | tr '\n' ' ' |
   grep -oE 'TOLVEX_API [^(;]*\(' | sed -E 's/.*[ *]([A-Za-z0-9_]+)\($/\1/')
 
 exported=$(nm -DC --defined-only "$library" |

@@ -1,5 +1,7 @@
 #include "Program.h"
 
+#include <tolvex/MdfVersion.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <iostream>
@@ -86,7 +88,8 @@ void addHelp(CLI::App& app, Command& chosen) {
 int runProgram(int argc, char** argv) {
   CLI::App app("Shows, prints, exports, records, checks and recovers ASAM MDF 4 files.", "tolvex");
   app.get_formatter()->column_width(26);
-  app.set_version_flag("-V,--version", "tolvex " TOLVEX_VERSION, "Print the version and exit");
+  app.set_version_flag("-V,--version", std::string("tolvex ") + tolvex_version(),
+                       "Print the version and exit");
   app.require_subcommand(0, 1);
   app.footer(
       "Examples:\n"

@@ -1,0 +1,5 @@
+#include "tolvex/MdfVersion.h"
+
+const char* tolvex_version() {
+  return TOLVEX_VERSION;
+}
