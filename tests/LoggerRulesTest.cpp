@@ -192,6 +192,11 @@ TEST(LoggerRules, IdentifiersAndPayloadsAreReadAsMeant) {
   plain.fields[0].dataType = 1;  // big-endian
   EXPECT_EQ(frameOf(plain, {{"ID", 0x12030000}}, true), "0 can0 312 [0]");
   EXPECT_EQ(frameOf(plain, {{"ID", 0x12030000}}, false), "0 can0 12030000x [0]");
+  const Bytes motorola = busRecord(plain, 0, {{"ID", 0x4062}});  // 0x312 << 5 in two bytes
+  plain.fields[0] = {"ID", 8, 5, 11, 1};
+  FileBuilder file;
+  file.busLog(plain, {motorola});
+  EXPECT_EQ(read(file, true).frames.at(0), "0 can0 312 [0]");
   EXPECT_EQ(frameOf(dataFrames(), {{"DLC", 3}}, true), "0 can255 0 [3]");
 }
 

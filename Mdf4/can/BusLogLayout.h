@@ -100,7 +100,7 @@ struct CanFieldSlot {
   const m4Block* cn = nullptr;   // the channel's block, borrowed
   bool variableLength = false;   // the bits are the value's offset in the signal data
   std::optional<std::uint32_t> constant = std::nullopt;  // what 0 bits stand for; else 0
-  bool bigEndian = false;  // a number of 8 bits or more has its bytes in reverse
+  bool bigEndian = false;                                // as ByteOrder::Big
 };
 
 // ---------------------------------------------------------------------------------------------

@@ -8,8 +8,6 @@ namespace tolvex {
 
 namespace {
 
-constexpr std::uint32_t kValueBits = 64;  // of a wider field its first ones
-
 constexpr std::uint32_t kNoLimit = ~std::uint32_t{0};  // bytes
 constexpr std::uint32_t kMaxStandardId = 0x7FF;
 constexpr std::uint32_t kIdentifierMask = 0x1FFFFFFF;
@@ -42,16 +40,10 @@ PayloadSource::~PayloadSource() = default;
 // ---------------------------------------------------------------------------------------------
 // What a layout means
 
-CanRecordDecoder::BitField::BitField(const CanFieldSlot& slot) {
-  const std::uint32_t bits = std::min(slot.bitCount, kValueBits);
-  byte_ = slot.byteOffset;
-  shift_ = slot.bitOffset & 7;
-  if (bits > 0) mask_ = ~std::uint64_t{0} >> (kValueBits - bits);
-  if (bits == 0) constant_ = slot.constant.value_or(0);
-  if (slot.bigEndian && bits >= 8) reversedBytes_ = static_cast<std::uint8_t>((bits + 7) / 8);
-  const bool inOneLoad = shift_ + bits <= kValueBits && reversedBytes_ == 0 && constant_ == 0;
-  sizeForOneLoad_ = inOneLoad ? byte_ + sizeof(std::uint64_t) : ~std::uint64_t{0};
-}
+CanRecordDecoder::Number::Number(const CanFieldSlot& slot)
+    : bits_(slot.byteOffset, slot.bitOffset & 7, slot.bitCount,
+            slot.bigEndian ? ByteOrder::Big : ByteOrder::Little),
+      constant_(slot.bitCount == 0 ? slot.constant.value_or(0) : 0) {}
 
 CanRecordDecoder::Step::Step(const CanFieldSlot& slot)
     : kind(slot.kind),
@@ -75,7 +67,7 @@ CanRecordDecoder::CanRecordDecoder(const std::vector<CanFieldSlot>& layout, bool
 
 // Files count bus channels from 1, frames from 0.
 void CanRecordDecoder::planBusChannel(const CanFieldSlot& slot) {
-  busChannel_ = slot.bitCount == 0 ? BitField() : BitField(slot);
+  busChannel_ = slot.bitCount == 0 ? Number() : Number(slot);
   const std::uint32_t constant = slot.bitCount == 0 ? slot.constant.value_or(0) : 0;
   busChannelBias_ = static_cast<std::uint8_t>(constant - 1);
 }
@@ -84,9 +76,10 @@ void CanRecordDecoder::planBusChannel(const CanFieldSlot& slot) {
 void CanRecordDecoder::planMark(std::uint16_t mark, const CanFieldSlot& slot) {
   if (slot.bitCount == 0 && slot.constant.value_or(0) != 0) constantMarks_ |= mark;
   const std::uint32_t begin = slot.bitOffset & 7;
-  const std::uint32_t end = begin + std::min(slot.bitCount, kValueBits);
+  const std::uint32_t end = begin + std::min(slot.bitCount, BitField::kMostBits);
   for (std::uint32_t bit = begin; bit < end; ++bit) {
-    const std::uint64_t byte = slot.byteOffset + std::uint64_t{bit / 8};
+    const std::uint32_t inField = slot.bigEndian ? (end - 1) / 8 - bit / 8 : bit / 8;
+    const std::uint64_t byte = slot.byteOffset + std::uint64_t{inField};
     auto source = std::find_if(markBytes_.begin(), markBytes_.end(),
                                [byte](const MarkByte& known) { return known.byte == byte; });
     if (source == markBytes_.end()) source = markBytes_.insert(source, {byte, {}});
@@ -131,7 +124,7 @@ void CanRecordDecoder::planMessage(const std::vector<CanFieldSlot>& layout) {
         planBusChannel(slot);
         break;
       case CanField::ID:
-        id_ = BitField(slot);
+        id_ = Number(slot);
         marks.erase(kExtendedMark);
         break;
       case CanField::DLC:
@@ -176,26 +169,6 @@ void CanRecordDecoder::planError(const std::vector<CanFieldSlot>& layout) {
 
 // ---------------------------------------------------------------------------------------------
 // What a record holds
-
-// The field is near the end of the record or beyond it, touches nine bytes, is big-endian or a
-// constant.
-std::uint64_t CanRecordDecoder::BitField::readSlowly(ByteSpan record) const {
-  if (constant_ != 0 || byte_ >= record.size()) return constant_;
-  std::array<std::uint8_t, 9> bytes{};
-  const ByteSpan rest = firstBytes(record.subspan(byte_), bytes.size());
-  std::copy(rest.begin(), rest.end(), bytes.begin());
-  std::uint64_t value = loadNumber<std::uint64_t>(bytes.data()) >> shift_;
-  if (shift_ > 0) value |= std::uint64_t{bytes[8]} << (kValueBits - shift_);
-  value &= mask_;
-  if (reversedBytes_ != 0) {
-    std::array<std::uint8_t, sizeof(value)> number{};
-    for (std::uint8_t i = 0; i < reversedBytes_; ++i) {
-      number[reversedBytes_ - 1U - i] = static_cast<std::uint8_t>(value >> 8 * i);
-    }
-    value = loadNumber<std::uint64_t>(number.data());
-  }
-  return value;
-}
 
 ByteSpan CanRecordDecoder::Step::inRecord(ByteSpan record) const {
   if (offset >= record.size()) return {};

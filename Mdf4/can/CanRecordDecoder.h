@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "Mdf4/base/BitField.h"
 #include "Mdf4/base/Bytes.h"
 #include "Mdf4/can/BusLogLayout.h"
 #include "tolvex/Mdf4.h"
@@ -45,26 +46,17 @@ class CanRecordDecoder {
                   PayloadSource* payloads) const;
 
  private:
-  // A number of up to 64 bits, or a constant; the default reads 0.
-  class BitField {
+  // A number of the record, or a constant; the default reads 0.
+  class Number {
    public:
-    BitField() = default;
-    explicit BitField(const CanFieldSlot& slot);
+    Number() = default;
+    explicit Number(const CanFieldSlot& slot);
 
-    std::uint64_t read(ByteSpan record) const {
-      if (record.size() < sizeForOneLoad_) return readSlowly(record);
-      return loadNumber<std::uint64_t>(record.data() + byte_) >> shift_ & mask_;
-    }
+    std::uint64_t read(ByteSpan record) const { return bits_.read(record) | constant_; }
 
    private:
-    std::uint64_t readSlowly(ByteSpan record) const;
-
-    std::uint64_t byte_ = 0;
-    std::uint64_t sizeForOneLoad_ = sizeof(std::uint64_t);
-    std::uint64_t mask_ = 0;
-    std::uint64_t constant_ = 0;  // the number, where it has no bits
-    std::uint8_t shift_ = 0;
-    std::uint8_t reversedBytes_ = 0;  // big-endian: the number's bytes
+    BitField bits_;
+    std::uint64_t constant_ = 0;  // where there are no bits
   };
 
   // A byte of the record that answers yes-or-no fields: for each of its values the marks that it
@@ -88,7 +80,7 @@ class CanRecordDecoder {
     CanFrameKind kind;
     CanField field;
     bool variableLength;
-    BitField number;       // the field's value; a payload's offset outside the record
+    Number number;         // the field's value; a payload's offset outside the record
     std::uint64_t offset;  // a payload in the record: bytes
     std::uint64_t size;
   };
@@ -107,13 +99,13 @@ class CanRecordDecoder {
   bool isError_ = false;
   bool payloadByDlc_;
   bool loggerRules_;
-  BitField busChannel_;
+  Number busChannel_;
   std::uint8_t busChannelBias_ = 0;  // added to the number in the record
 
   bool hasExtended_ = false;  // the extended flag is set or cleared by its own field
 
   // Messages only.
-  BitField id_;
+  Number id_;
   std::uint16_t constantMarks_ = 0;
   std::vector<MarkByte> markBytes_;
 

@@ -17,6 +17,7 @@ constexpr double kEndOfRange = 0x1p63;
 constexpr std::uint32_t kFloatLittleEndian = 4;
 constexpr std::uint32_t kInvalidBitFlag = 0x02;
 constexpr std::uint32_t kSignedKind = 1;  // 0 is unsigned, from 2 on there are no integers
+constexpr std::uint32_t kBigEndian = 2;   // of MdfSigCCInfo
 // Ticks and the time of the first one stay in range together.
 constexpr std::int64_t kMostTicksNs = std::numeric_limits<std::int64_t>::max() / 2;
 
@@ -65,6 +66,7 @@ FrameTime::FrameTime(MdfSigCCInfo channel, bool loggerRules) : channel_(std::mov
 }
 
 void FrameTime::planTicks() {
+  if (channel_->bitCount == 0 || channel_->bitCount > BitField::kMostBits) return;
   const double perTick = std::round(factor_ * kNsPerSecond);
   const double first = std::round(summand_ * kNsPerSecond);
   const auto isWhole = [](double seconds, double ns) {
@@ -72,6 +74,8 @@ void FrameTime::planTicks() {
   };
   if (isWhole(factor_, perTick) && isWhole(summand_, first) && perTick >= 1 &&
       perTick < kEndOfRange && std::abs(first) < kEndOfRange / 2) {
+    ticks_ = BitField(channel_->byteOffset, channel_->bitOffset, channel_->bitCount,
+                      channel_->byteOrder == kBigEndian ? ByteOrder::Big : ByteOrder::Little);
     nsPerTick_ = static_cast<std::int64_t>(perTick);
     firstTickNs_ = static_cast<std::int64_t>(first);
   }
@@ -106,17 +110,11 @@ bool FrameTime::nanoseconds(ByteSpan record, double& ns) const {
 
 // An integer time of whole nanoseconds, where a double would round those of long ago.
 std::optional<std::uint64_t> FrameTime::ofTicks(ByteSpan record) const {
-  std::uint64_t raw = 0;
-  if (nsPerTick_ == 0 || !channel_->extractBitFieldValue(record.data(), record.size(), raw)) {
-    return std::nullopt;
-  }
-  auto ticks = static_cast<std::int64_t>(raw);
-  if (channel_->valueKind == kSignedKind) {
-    const int above = 64 - channel_->bitCount;
-    if (above < 64) ticks = static_cast<std::int64_t>(raw << above) >> above;
-  } else if (ticks < 0) {
-    return std::nullopt;
-  }
+  if (nsPerTick_ == 0 || !ticks_.isInside(record.size())) return std::nullopt;
+  const bool isSigned = channel_->valueKind == kSignedKind;
+  const std::int64_t ticks =
+      isSigned ? ticks_.readSigned(record) : static_cast<std::int64_t>(ticks_.read(record));
+  if (!isSigned && ticks < 0) return std::nullopt;
   const std::int64_t most = kMostTicksNs / nsPerTick_;
   if (ticks > most || ticks < -most) return std::nullopt;
   return static_cast<std::uint64_t>(ticks * nsPerTick_ + firstTickNs_);

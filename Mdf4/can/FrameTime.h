@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "Mdf4/base/BitField.h"
 #include "Mdf4/base/Bytes.h"
 #include "tolvex/Mdf4.h"
 
@@ -38,7 +39,8 @@ class FrameTime {
   std::uint64_t offset_ = 0;
   double factor_ = 1;
   double summand_ = 0;
-  // An integer time is raw x nsPerTick_ + firstTickNs_; 0: it is not taken so.
+  // An integer time is ticks_ x nsPerTick_ + firstTickNs_; 0: it is not taken so.
+  BitField ticks_;
   std::int64_t nsPerTick_ = 0;
   std::int64_t firstTickNs_ = 0;
 };

@@ -8,16 +8,15 @@
 #include <string>
 #include <vector>
 
+#include "Mdf4/base/BitField.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {
 
-static_assert(std::endian::native == std::endian::little);
-
 namespace {
 
 enum ValueKind : std::uint32_t { kUnsigned, kSigned, kFloat, kLatin1, kUtf8, kUtf16, kLast = 11 };
-enum ByteOrder : std::uint32_t { kNoOrder, kLittleEndian, kBigEndian };
+enum Order : std::uint32_t { kNoOrder, kLittleEndian, kBigEndian };  // of MdfSigCCInfo
 
 constexpr std::uint32_t kInvalidationBitValid = 1U << 1;  // in cn_flags
 constexpr std::uint8_t kUnlimitedPrecision = 255;
@@ -29,26 +28,6 @@ bool isString(std::uint32_t kind) {
 
 bool holds(std::size_t size, std::uint64_t offset, std::uint64_t count) {
   return offset <= size && count <= size - offset;
-}
-
-// The `count` bytes (up to 8) at `at`, of which `left` can be read, the first lowest. May hold
-// more of the bytes that follow.
-std::uint64_t loadWord(const std::uint8_t* at, std::size_t left, unsigned count) {
-  std::uint64_t word = 0;
-  if (left >= sizeof word) {
-    std::memcpy(&word, at, sizeof word);
-  } else {
-    for (unsigned i = 0; i < count; ++i) word |= std::uint64_t{at[i]} << (8 * i);
-  }
-  return word;
-}
-
-// The low `count` bytes of `value` (1 to 8), the first last.
-std::uint64_t reverseBytes(std::uint64_t value, unsigned count) {
-  value = (value & 0x00FF00FF00FF00FF) << 8 | (value >> 8 & 0x00FF00FF00FF00FF);
-  value = (value & 0x0000FFFF0000FFFF) << 16 | (value >> 16 & 0x0000FFFF0000FFFF);
-  value = value << 32 | value >> 32;
-  return value >> (kMaxBits - 8 * count);
 }
 
 // The invalidation bit is looked for in the sample's own bits, not in the record's invalidation
@@ -157,23 +136,12 @@ bool MdfSigCCInfo::extractBitFieldValue(const std::uint8_t* record, std::size_t 
                                         std::uint64_t& value) const {
   const unsigned width = bitCount;
   if (width > kMaxBits || !holds(size, byteOffset, (bitOffset + width + 7) / 8)) return false;
-  if (width == 0) {
-    value = 0;
-    return true;
+  value = BitField(byteOffset, bitOffset, width).read({record, size});
+  // The value's bytes, not the record's: for a field that starts or ends within a byte that is
+  // something else than ByteOrder::Big.
+  if (byteOrder == kBigEndian && width > 8) {
+    value = swapBytes(value) >> (kMaxBits - (width + 7) / 8 * 8);
   }
-
-  // An offset of a byte or more counts on into the bytes that follow.
-  const std::size_t first = std::size_t{byteOffset} + bitOffset / 8;
-  const unsigned shift = bitOffset % 8;
-  std::uint64_t bits =
-      loadWord(record + first, size - first, std::min(8U, (shift + width + 7) / 8)) >> shift;
-  if (shift + width > kMaxBits) {  // the field ends in a ninth byte
-    bits |= std::uint64_t{record[first + 8]} << (kMaxBits - shift);
-  }
-  bits &= ~std::uint64_t{0} >> (kMaxBits - width);
-
-  // Whole bytes, also of a field that starts or ends within one; a single byte stays.
-  value = byteOrder == kBigEndian ? reverseBytes(bits, (width + 7) / 8) : bits;
   return true;
 }
 

@@ -6,6 +6,7 @@
 #include <set>
 #include <utility>
 
+#include "Mdf4/base/BitField.h"
 #include "Mdf4/reader/ChannelDescription.h"
 #include "Mdf4/reader/ReaderState.h"
 #include "Mdf4/reader/Text.h"
@@ -449,9 +450,9 @@ bool MdfSigReader::readValueBytes(int dg, int cg, int cn, const std::uint8_t* re
       out.assign(record + start, record + start + length);
       return true;
     }
-    std::uint64_t offset = 0;
-    if (length > sizeof offset) return false;
-    std::copy_n(record + start, length, reinterpret_cast<std::uint8_t*>(&offset));
+    if (length > sizeof(std::uint64_t)) return false;
+    const BitField place(channel->cn_byte_offset, 0, static_cast<std::uint32_t>(8 * length));
+    const std::uint64_t offset = place.read({record, size});
     const std::lock_guard lock(streams_->mutex);
     auto values = streams_->values.find(channel);
     if (values == streams_->values.end()) {
@@ -481,8 +482,7 @@ bool MdfSigReader::isInvalidSample(int dg, int cg, int cn, const std::uint8_t* r
   if (channel == nullptr || group == nullptr) return false;
   if ((channel->cn_flags & kCnFlagAllInvalid) != 0) return true;
   if ((channel->cn_flags & kCnFlagInvalidBit) == 0) return false;
-  const std::uint64_t byte = std::uint64_t{group->cg_data_bytes} + channel->cn_inval_bit_pos / 8;
-  return byte < size && (record[byte] >> channel->cn_inval_bit_pos % 8 & 1) != 0;
+  return BitField(group->cg_data_bytes, channel->cn_inval_bit_pos, 1).read({record, size}) != 0;
 }
 
 }  // namespace tolvex
