@@ -27,10 +27,10 @@ class FileFlusher::FlushedFile final : public SystemFile {
     if (watched_->closed.exchange(true) || flusher_.state_.inherited()) return true;
     State& state = *flusher_.state_;
     {
-      const std::lock_guard lock(state.mutex);
+      const MutexLock lock(state.mutex);
       state.hasClosed = true;
     }
-    state.condition.notify_all();
+    state.condition.notifyAll();
     return true;
   }
   std::string error() const override { return watched_->file->error(); }
@@ -48,7 +48,7 @@ std::unique_ptr<SystemFile> FileFlusher::watch(std::unique_ptr<SystemFile> file,
   watched->path = path;
   auto flushed = std::make_unique<FlushedFile>(*this, watched);
   State& state = *state_;
-  const std::lock_guard lock(state.mutex);
+  const MutexLock lock(state.mutex);
   if (!state.thread.joinable()) {
     state.ending = false;
     state.error.clear();
@@ -63,26 +63,27 @@ void FileFlusher::finish() {
   if (state_.inherited()) return;
   State& state = *state_;
   {
-    const std::lock_guard lock(state.mutex);
+    const MutexLock lock(state.mutex);
     state.ending = true;
   }
-  state.condition.notify_all();
+  state.condition.notifyAll();
   if (state.thread.joinable()) state.thread.join();
 }
 
 std::string FileFlusher::error() const {
   if (state_.inherited()) return "";
-  const std::lock_guard lock(state_->mutex);
+  const MutexLock lock(state_->mutex);
   return state_->error;
 }
 
 void FileFlusher::run() {
   State& state = *state_;
-  std::unique_lock lock(state.mutex);
+  MutexLock lock(state.mutex);
   while (!state.ending || !state.files.empty()) {
-    state.condition.wait_for(lock, state.period, [&] {
-      return state.hasClosed || (state.ending && state.files.empty());
-    });
+    const auto end = std::chrono::steady_clock::now() + state.period;
+    while (!state.hasClosed && (!state.ending || !state.files.empty()) &&
+           state.condition.waitUntil(state.mutex, end)) {
+    }
     state.hasClosed = false;
     for (std::size_t i = 0; i < state.files.size();) {
       const std::shared_ptr<Watched> watched = state.files[i];

@@ -3,15 +3,14 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "Mdf4/WorkerThread.h"
+#include "Mdf4/base/Mutex.h"
 #include "Mdf4/base/System.h"
 
 namespace tolvex {
@@ -44,13 +43,13 @@ class FileFlusher {
   };
   class FlushedFile;
   struct State {
-    std::mutex mutex;
-    std::condition_variable condition;
-    std::vector<std::shared_ptr<Watched>> files;
-    std::chrono::milliseconds period{};
-    bool hasClosed = false;  // a file that is still to be flushed
-    bool ending = false;
-    std::string error;
+    Mutex mutex;
+    Condition condition;
+    std::vector<std::shared_ptr<Watched>> files TOLVEX_GUARDED_BY(mutex);
+    std::chrono::milliseconds period TOLVEX_GUARDED_BY(mutex){};
+    bool hasClosed TOLVEX_GUARDED_BY(mutex) = false;  // a file that is still to be flushed
+    bool ending TOLVEX_GUARDED_BY(mutex) = false;
+    std::string error TOLVEX_GUARDED_BY(mutex);
     std::thread thread;
   };
 

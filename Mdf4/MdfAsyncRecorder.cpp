@@ -18,8 +18,15 @@ namespace {
 std::atomic<int> insertedRecords = 0;
 std::atomic<int> savedMessages = 0;
 
-std::uint32_t mostPending() {
-  return recorderSettings.maxPendingTasks.load(std::memory_order_relaxed);
+bool isFull(std::uint64_t pending) {
+  return pending >= recorderSettings.maxPendingTasks.load(std::memory_order_relaxed);
+}
+
+bool discard(const char* operation, std::uint64_t pending) {
+  printDiagnostic("[fatal] %s, %d: MdfAsyncRecorder %s discarded: pending tasks %lld >= max %u\n",
+                  __FILE__, __LINE__, operation, static_cast<long long>(pending),
+                  recorderSettings.maxPendingTasks.load());
+  return false;
 }
 
 // What a call gives in a child process.
@@ -59,18 +66,20 @@ MdfAsyncRecorder::~MdfAsyncRecorder() {
 template <class Work>
 auto MdfAsyncRecorder::onFile(Work work) {
   if (isParents()) return refusal<decltype(work())>();
-  const std::lock_guard lock(fileMutex_);
+  const MutexLock lock(fileMutex_);
   struct Publishing {
     MdfAsyncRecorder& recorder;
-    ~Publishing() { recorder.publish(); }
+    ~Publishing() {
+      recorder.fileMutex_.assumeHeld();
+      recorder.publish();
+    }
   };
   const Publishing publishing{*this};
   return work();
 }
 
-// With fileMutex_ held.
 void MdfAsyncRecorder::publish() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   queueing_.groupCount = groupCount();
   queueing_.startTime = startTime();
   queueing_.maxPayload = maxCanDataLength();
@@ -84,16 +93,20 @@ int MdfAsyncRecorder::startRecord(const std::string& path, std::uint64_t startTi
   printDiagnostic("[info] startRecord\n");
   if (isParents()) return 1;
   if (onFile([&] { return isRecording(); })) {
-    stopRecord(onFile([&] { return latestTime(); }));
+    stopRecord(onFile([&] {
+      fileMutex_.assumeHeld();
+      return latestTime();
+    }));
   } else {
     finishQueue();  // a split that failed leaves a worker and what it has not written
   }
   return onFile([&] {
+    fileMutex_.assumeHeld();
     if (MdfRecorder::startRecord(path, startTime) != 0) return 1;
     splitFailed_ = false;
     allow();
     recording_ = true;
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     queueing_ = {};
     queueing_.accepting = true;
     return 0;
@@ -111,7 +124,7 @@ void MdfAsyncRecorder::stopRecord(std::uint64_t stopTime) {
 // Takes no more tasks, writes those that wait and ends the worker.
 void MdfAsyncRecorder::finishQueue() {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     queueing_.accepting = false;
     queueing_.ended = false;
   }
@@ -136,7 +149,7 @@ int MdfAsyncRecorder::addChannel(int groupIndex, const ChannelInfo& channel) {
   return onFile([&] {
     DataGroup* const target = group(groupIndex);
     if (target != nullptr) {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       const auto index = static_cast<std::size_t>(groupIndex);
       const std::vector<bool>& hasRecords = queueing_.hasRecords;
       if (index < hasRecords.size() && hasRecords[index]) target->fixLayout();
@@ -171,28 +184,27 @@ void MdfAsyncRecorder::setOverwrite(bool overwrite) {
 
 std::uint64_t MdfAsyncRecorder::reservedSize() const {
   if (isParents()) return 0;
-  const std::lock_guard lock(fileMutex_);
+  const MutexLock lock(fileMutex_);
   return MdfRecorder::reservedSize();
 }
 
 std::uint64_t MdfAsyncRecorder::lostRecords() const {
   if (isParents()) return 0;
-  const std::lock_guard fileLock(fileMutex_);
-  const std::lock_guard lock(mutex_);
+  const MutexLock fileLock(fileMutex_);
+  const MutexLock lock(mutex_);
   return MdfRecorder::lostRecords() + queueing_.refused;
 }
 
 std::string MdfAsyncRecorder::firstError() const {
   if (isParents()) return "the recording belongs to the parent process";
-  const std::lock_guard fileLock(fileMutex_);
+  const MutexLock fileLock(fileMutex_);
   std::string error = MdfRecorder::firstError();
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return error.empty() && queueing_.outOfMemory ? "no memory for the queue" : error;
 }
 
-// With fileMutex_ held.
 std::uint64_t MdfAsyncRecorder::latestTime() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   return std::max(MdfRecorder::latestTime(), queueing_.latestTime);
 }
 
@@ -217,22 +229,27 @@ bool MdfAsyncRecorder::insertData(std::uint32_t groupIndex, std::uint32_t size,
 
 bool MdfAsyncRecorder::insertRecord(const RecordData& record, int groupIndex) {
   if (isParents()) return false;
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   if (!queueing_.accepting || groupIndex < 0 ||
       static_cast<std::size_t>(groupIndex) >= queueing_.groupCount) {
     return refuse();
   }
-  if (isFull(lock, "insertRecord")) return false;
+  if (const std::uint64_t waiting = pending(); isFull(waiting)) {
+    lock.unlock();
+    return discard("insertRecord", waiting);
+  }
   std::uint8_t* const place = push(groupIndex, record.size());
   if (place == nullptr) return false;
   std::memcpy(place, record.data(), record.size());
-  finishPush(lock, timestampOf(record, queueing_.startTime), insertedRecords);
+  const Counted task = count(timestampOf(record, queueing_.startTime));
+  lock.unlock();
+  announce(task, insertedRecords);
   return true;
 }
 
 bool MdfAsyncRecorder::saveCanMessage(std::uint64_t timestamp, const MdfCanMessage& message) {
   if (isParents()) return false;
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   if (queueing_.accepting && queueing_.busGroup < 0) {
     lock.unlock();
     if (!prepareBusLog()) return false;
@@ -241,33 +258,27 @@ bool MdfAsyncRecorder::saveCanMessage(std::uint64_t timestamp, const MdfCanMessa
   if (!queueing_.accepting || queueing_.busGroup < 0) return refuse();
   // The group may have been made for another payload size.
   if (queueing_.busRecordSize != kCanDataFrames.recordSize(queueing_.maxPayload)) return false;
-  if (isFull(lock, "saveCanMessage")) return false;
+  if (const std::uint64_t waiting = pending(); isFull(waiting)) {
+    lock.unlock();
+    return discard("saveCanMessage", waiting);
+  }
   std::uint8_t* const record = push(queueing_.busGroup, queueing_.busRecordSize);
   if (record == nullptr) return false;
   DataFramePacking::pack(record, secondsSince(queueing_.startTime, timestamp), message,
                          queueing_.maxPayload);
-  finishPush(lock, timestamp, savedMessages);
-  return true;
-}
-
-// Whether a task must be discarded, which is then said, without the lock.
-bool MdfAsyncRecorder::isFull(std::unique_lock<std::mutex>& lock, const char* operation) {
-  const std::uint64_t waiting = pending();
-  const std::uint32_t most = mostPending();
-  if (waiting < most) return false;
+  const Counted task = count(timestamp);
   lock.unlock();
-  printDiagnostic("[fatal] %s, %d: MdfAsyncRecorder %s discarded: pending tasks %lld >= max %u\n",
-                  __FILE__, __LINE__, operation, static_cast<long long>(waiting), most);
+  announce(task, savedMessages);
   return true;
 }
 
-// With mutex_ held. What comes after a split that failed is lost.
+// What comes after a split that failed is lost.
 bool MdfAsyncRecorder::refuse() {
   if (queueing_.ended) ++queueing_.refused;
   return false;
 }
 
-// With mutex_ held: a task at the end of the queue. Returns where its record belongs, or null when
+// A task at the end of the queue. Returns where its record belongs, or null when
 // there is no memory for it and it is lost.
 std::uint8_t* MdfAsyncRecorder::push(int groupIndex, std::uint32_t size) {
   const auto index = static_cast<std::size_t>(groupIndex);
@@ -289,20 +300,23 @@ bool MdfAsyncRecorder::prepareBusLog() {
     const int index = createBusLogConfiguration();
     const DataGroup* const bus = group(index);
     if (bus == nullptr) return false;  // a split may have failed to make it again
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     queueing_.busGroup = index;
     queueing_.busRecordSize = static_cast<std::uint32_t>(bus->recordSize());
     return true;
   });
 }
 
-// Announces the task just pushed, counts it and releases the lock.
-void MdfAsyncRecorder::finishPush(std::unique_lock<std::mutex>& lock, std::uint64_t timestamp,
-                                  std::atomic<int>& counter) {
+// Counts the task just pushed.
+MdfAsyncRecorder::Counted MdfAsyncRecorder::count(std::uint64_t timestamp) {
   queueing_.latestTime = std::max(queueing_.latestTime, timestamp);
-  const std::uint64_t residue = queued(lock);
+  return WorkerThread::count();
+}
+
+void MdfAsyncRecorder::announce(const Counted& task, std::atomic<int>& counter) {
+  WorkerThread::announce(task);
   const int count = counter.fetch_add(1, std::memory_order_relaxed) + 1;
-  printDiagnostic("[info] count: %d, residue: %lld\n", count, static_cast<long long>(residue));
+  printDiagnostic("[info] count: %d, residue: %lld\n", count, static_cast<long long>(task.pending));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -321,19 +335,19 @@ std::uint64_t MdfAsyncRecorder::writeAll(const MdfTasks& batch) {
   constexpr std::uint64_t kTasksPerLock = 64;  // between them, others get at the file
   std::uint64_t written = 0;
   std::uint64_t sinceLock = 0;
-  std::unique_lock lock(fileMutex_);
-  batch.forEach([&](int groupIndex, ByteSpan record) {
-    written += write(groupIndex, record) ? 1 : 0;
-    if (++sinceLock < kTasksPerLock) return;
+  MutexLock lock(fileMutex_);
+  for (MdfTasks::Cursor task(batch); task.next();) {
+    written += write(task.groupIndex(), task.record()) ? 1 : 0;
+    if (++sinceLock < kTasksPerLock) continue;
     done(std::exchange(sinceLock, 0));
     lock.unlock();
     lock.lock();
-  });
+  }
   done(sinceLock);
   return written;
 }
 
-// With fileMutex_ held. False when the task has no group.
+// False when the task has no group.
 bool MdfAsyncRecorder::write(int groupIndex, ByteSpan record) {
   DataGroup* const target = group(groupIndex);
   if (target == nullptr) {
@@ -349,7 +363,7 @@ bool MdfAsyncRecorder::write(int groupIndex, ByteSpan record) {
   return true;
 }
 
-// Starts the next file when it is time. With fileMutex_ held.
+// Starts the next file when it is time.
 void MdfAsyncRecorder::split() {
   if (splitFailed_) return;
   try {

@@ -5,12 +5,12 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "Mdf4/MdfRecorder.h"
 #include "Mdf4/WorkerThread.h"
+#include "Mdf4/base/Mutex.h"
 
 namespace tolvex {
 
@@ -28,17 +28,25 @@ class MdfTasks {
   // A task at the end. Returns where its record of `size` bytes belongs, until the next push.
   std::uint8_t* push(int groupIndex, std::uint32_t size);
 
-  // Calls visit(groupIndex, record bytes) for each task, in order.
-  template <class Visit>
-  void forEach(Visit visit) const {
-    for (std::size_t at = 0; at < bytes_.size();) {
-      MdfTask task;
-      std::memcpy(&task, bytes_.data() + at, sizeof task);
-      at += sizeof task;
-      visit(task.groupIndex, ByteSpan(bytes_.data() + at, task.size));
-      at += task.size;
+  // Goes along the tasks, in order: until next() is false, the current one and its record.
+  class Cursor {
+   public:
+    explicit Cursor(const MdfTasks& tasks) : rest_(tasks.bytes_) {}
+    bool next() {
+      if (rest_.empty()) return false;
+      std::memcpy(&task_, rest_.data(), sizeof task_);
+      record_ = rest_.subspan(sizeof task_, task_.size);
+      rest_ = rest_.subspan(sizeof task_ + task_.size);
+      return true;
     }
-  }
+    int groupIndex() const { return task_.groupIndex; }
+    ByteSpan record() const { return record_; }
+
+   private:
+    ByteSpan rest_;
+    MdfTask task_ = {};
+    ByteSpan record_;
+  };
 
  private:
   std::vector<std::uint8_t> bytes_;
@@ -86,30 +94,7 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
   std::uint64_t reservedSize() const override;
 
  private:
-  bool isParents() const { return recording_ && inherited(); }
-  template <class Work>
-  auto onFile(Work work);
-  void finishQueue();
-  std::uint64_t latestTime() override;
-  void doWork() override;
-  std::uint64_t writeAll(const MdfTasks& batch);
-  bool write(int groupIndex, ByteSpan record);
-  void split();
-  void publish();
-  bool isFull(std::unique_lock<std::mutex>& lock, const char* operation);
-  bool refuse();
-  std::uint8_t* push(int groupIndex, std::uint32_t size);
-  bool prepareBusLog();
-  void finishPush(std::unique_lock<std::mutex>& lock, std::uint64_t timestamp,
-                  std::atomic<int>& counter);
-
-  // Guards the recorder that this one derives from: groups and file. Taken before mutex_, never
-  // inside it, and never by a caller who only queues.
-  mutable std::mutex fileMutex_;
-  bool splitFailed_ = false;             // it is not tried again; guarded by fileMutex_
-  std::atomic<bool> recording_ = false;  // from startRecord to stopRecord
-
-  // Guarded by mutex_: what callers who queue need to know of the recording.
+  // What callers who queue need to know of the recording.
   struct Queueing {
     bool accepting = false;
     bool ended = false;         // by a split that failed
@@ -123,7 +108,30 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
     std::uint32_t busRecordSize = 0;  // its, bytes
     std::uint32_t maxPayload = 0;     // of a frame, as it is set now
   };
-  Queueing queueing_;
+
+  bool isParents() const { return recording_ && inherited(); }
+  template <class Work>
+  auto onFile(Work work) TOLVEX_EXCLUDES(fileMutex_);
+  void finishQueue() TOLVEX_EXCLUDES(fileMutex_);
+  std::uint64_t latestTime() override TOLVEX_REQUIRES(fileMutex_);
+  void doWork() override;
+  std::uint64_t writeAll(const MdfTasks& batch) TOLVEX_EXCLUDES(fileMutex_);
+  bool write(int groupIndex, ByteSpan record) TOLVEX_REQUIRES(fileMutex_);
+  void split() TOLVEX_REQUIRES(fileMutex_);
+  void publish() TOLVEX_REQUIRES(fileMutex_);
+  bool refuse() TOLVEX_REQUIRES(mutex_);
+  std::uint8_t* push(int groupIndex, std::uint32_t size) TOLVEX_REQUIRES(mutex_);
+  bool prepareBusLog() TOLVEX_EXCLUDES(fileMutex_);
+  Counted count(std::uint64_t timestamp) TOLVEX_REQUIRES(mutex_);
+  void announce(const Counted& task, std::atomic<int>& counter) TOLVEX_EXCLUDES(mutex_);
+
+  // Guards the recorder that this one derives from: groups and file. Taken before mutex_, never
+  // inside it, and never by a caller who only queues.
+  mutable Mutex fileMutex_ TOLVEX_THREAD_SAFETY(acquired_before(mutex_));
+  bool splitFailed_ TOLVEX_GUARDED_BY(fileMutex_) = false;  // it is not tried again
+  std::atomic<bool> recording_ = false;                     // from startRecord to stopRecord
+
+  Queueing queueing_ TOLVEX_GUARDED_BY(mutex_);
 };
 
 }  // namespace tolvex

@@ -4,14 +4,13 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <thread>
 #include <utility>
 
+#include "Mdf4/base/Mutex.h"
 #include "Mdf4/base/System.h"
 
 namespace tolvex {
@@ -43,8 +42,8 @@ class ThreadState {
 };
 
 // Tasks wait in a `Batch`, a container with empty() and clear(), whose count the caller keeps:
-// under mutex_, push into queued_ and call queued(). One worker, started by the first task, takes
-// whole batches.
+// under mutex_, push into queued_ and call count(), then announce() without it. One worker, started
+// by the first task, takes whole batches.
 //
 // While tasks keep coming the worker naps between batches and nobody wakes it, so a producer makes
 // a system call only for the first task after a pause and when many wait. Derived classes stop the
@@ -60,20 +59,24 @@ class WorkerThread {
  protected:
   // The thread's body: take batches until there are no more.
   virtual void doWork() = 0;
-  virtual void notify() { thread_->condition.notify_all(); }
+  virtual void notify() { thread_->condition.notifyAll(); }
 
-  // Counts a task that the caller has just pushed, with mutex_ held in `lock`, starts the worker
-  // when there is none, and releases the lock. Returns the tasks that are pending. Throws
+  struct Counted {
+    std::uint64_t pending;  // tasks, with the one just counted
+    bool wake;              // the worker sleeps
+  };
+  // Counts a task that the caller has just pushed and starts the worker when there is none. Throws
   // std::system_error when there can be no thread; the task stays queued. Without memory for one
   // the next task tries again.
-  std::uint64_t queued(std::unique_lock<std::mutex>& lock) {
+  Counted count() TOLVEX_REQUIRES(mutex_) {
     const std::uint64_t pending = pending_.fetch_add(1, std::memory_order_relaxed) + 1;
     const bool wake = sleeping_ && (idle_ || pending >= kWakeAt);
     if (wake) sleeping_ = false;
     if (!thread_->worker.joinable()) startWorker();
-    lock.unlock();
-    if (wake) notify();
-    return pending;
+    return {pending, wake};
+  }
+  void announce(const Counted& task) TOLVEX_EXCLUDES(mutex_) {
+    if (task.wake) notify();
   }
   // Tasks queued or taken and not yet done.
   std::uint64_t pending() const { return pending_.load(std::memory_order_relaxed); }
@@ -81,17 +84,18 @@ class WorkerThread {
 
   // For the worker: all tasks that wait, into `batch`. Waits for the first. False, with an empty
   // batch, when none waits and the worker is to stop.
-  bool take(Batch& batch) {
+  bool take(Batch& batch) TOLVEX_EXCLUDES(mutex_) {
     batch.clear();
-    std::unique_lock lock(mutex_);
-    const auto stopped = [this] { return stop_.load(std::memory_order_relaxed); };
-    if (!stopped() && pending() < kWakeAt) {
+    const MutexLock lock(mutex_);
+    if (!stopping() && pending() < kWakeAt) {
       sleeping_ = true;
-      thread_->condition.wait_for(lock, kNap, [&] { return stopped() || !sleeping_; });
+      const auto end = std::chrono::steady_clock::now() + kNap;
+      while (!stopping() && sleeping_ && thread_->condition.waitUntil(mutex_, end)) {
+      }
     }
     if (queued_.empty()) {
       sleeping_ = idle_ = true;
-      thread_->condition.wait(lock, [&] { return stopped() || !queued_.empty(); });
+      while (!stopping() && queued_.empty()) thread_->condition.wait(mutex_);
       idle_ = false;
     }
     sleeping_ = false;
@@ -108,9 +112,9 @@ class WorkerThread {
   bool inherited() const { return thread_.inherited(); }
   // Lets the worker finish what is queued and waits for its end. Tasks that no worker could be
   // started for stay queued.
-  void stop() {
+  void stop() TOLVEX_EXCLUDES(mutex_) {
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       stop_ = true;
     }
     notify();
@@ -118,12 +122,12 @@ class WorkerThread {
   }
   bool stopping() const { return stop_.load(std::memory_order_relaxed); }
 
-  // Guards queued_, sleeping_, idle_, the worker until stop, and what derived classes add.
-  mutable std::mutex mutex_;
-  Batch queued_;
+  // Guards the worker too, until stop, and what derived classes add.
+  mutable Mutex mutex_;
+  Batch queued_ TOLVEX_GUARDED_BY(mutex_);
 
  private:
-  void startWorker() {
+  void startWorker() TOLVEX_REQUIRES(mutex_) {
     try {
       thread_->worker = std::thread([this] { doWork(); });
     } catch (const std::bad_alloc&) {
@@ -136,15 +140,15 @@ class WorkerThread {
   static constexpr std::chrono::milliseconds kNap{1};
 
   struct Thread {
-    std::condition_variable condition;
+    Condition condition;
     std::thread worker;
   };
 
   ThreadState<Thread> thread_;
   std::atomic<bool> stop_ = false;
   std::atomic<std::uint64_t> pending_ = 0;
-  bool sleeping_ = false;  // the worker waits for the condition
-  bool idle_ = false;      // without an end to its nap
+  bool sleeping_ TOLVEX_GUARDED_BY(mutex_) = false;  // the worker waits for the condition
+  bool idle_ TOLVEX_GUARDED_BY(mutex_) = false;      // without an end to its nap
 };
 
 }  // namespace tolvex

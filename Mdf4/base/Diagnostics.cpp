@@ -3,8 +3,8 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
-#include <mutex>
 
+#include "Mdf4/base/Mutex.h"
 #include "tolvex/MdfEngine.h"
 
 namespace tolvex {
@@ -19,12 +19,12 @@ void writeToStandardOutput(void* /*user*/, const char* text) {
   std::fputs(text, stdout);
 }
 
-std::mutex sinkMutex;
-Sink sink = {writeToStandardOutput, nullptr};  // guarded by sinkMutex
-std::atomic<bool> wanted = true;               // sink.handler is not null
+constinit Mutex sinkMutex;
+Sink sink TOLVEX_GUARDED_BY(sinkMutex) = {writeToStandardOutput, nullptr};
+std::atomic<bool> wanted = true;  // sink.handler is not null
 
 Sink currentSink() {
-  const std::lock_guard lock(sinkMutex);
+  const MutexLock lock(sinkMutex);
   return sink;
 }
 
@@ -70,7 +70,7 @@ std::string formatText(const char* format, ...) {
 }  // namespace tolvex
 
 void setDiagnosticHandler(void (*handler)(void* user, const char* text), void* user) {
-  const std::lock_guard lock(tolvex::sinkMutex);
+  const tolvex::MutexLock lock(tolvex::sinkMutex);
   tolvex::sink = {handler, user};
   tolvex::wanted.store(handler != nullptr, std::memory_order_relaxed);
 }
