@@ -83,7 +83,7 @@ void addFrameBenches() {
   add("frames one by one: getNext / parsing by hand", [](benchmark::State& state) {
     const RecordFile& input = inputs().frames(scaled(5'000'000));
     const Workload workload = {static_cast<double>(input.records),
-                               static_cast<double>(input.bytes()), 1.5};
+                               static_cast<double>(input.bytes()), 1.2};
     compare(
         state, workload, [&] { return timed([&] { return readWithLibrary(input); }); },
         [&] { return timed([&] { return readByHand(input); }); });

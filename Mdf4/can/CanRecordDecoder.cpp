@@ -4,6 +4,8 @@
 #include <map>
 #include <utility>
 
+#include "Mdf4/can/FramePool.h"
+
 namespace tolvex {
 
 namespace {
@@ -192,16 +194,18 @@ std::uint8_t CanRecordDecoder::busChannel(ByteSpan record) const {
   return static_cast<std::uint8_t>(busChannel_.read(record) + busChannelBias_);
 }
 
-MdfFrame CanRecordDecoder::decode(ByteSpan record, std::uint64_t timestampNs,
-                                  std::uint64_t dataIndex, PayloadSource* payloads) const {
-  if (isError_) {
-    MdfFrame frame(std::make_shared<MdfCanError>());
-    MdfCanError& error = **std::get_if<1>(&frame);
-    error.Timestamp(timestampNs);
-    decodeError(record, payloads, error);
-    return frame;
-  }
-  MdfFrame frame(std::make_shared<MdfCanMessage>());
+MdfFrame CanRecordDecoder::errorFrame(ByteSpan record, std::uint64_t timestampNs,
+                                      PayloadSource* payloads) const {
+  MdfFrame frame(std::make_shared<MdfCanError>());
+  MdfCanError& error = **std::get_if<1>(&frame);
+  error.Timestamp(timestampNs);
+  decodeError(record, payloads, error);
+  return frame;
+}
+
+MdfFrame CanRecordDecoder::messageFrame(ByteSpan record, std::uint64_t timestampNs,
+                                        std::uint64_t dataIndex, PayloadSource* payloads) const {
+  MdfFrame frame = makeMessage();
   MdfCanMessage& message = **std::get_if<0>(&frame);
   message.Timestamp(timestampNs);
   message.DataIndex(dataIndex);

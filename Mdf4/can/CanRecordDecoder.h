@@ -43,7 +43,10 @@ class CanRecordDecoder {
   // outside the records; a payload that cannot be read leaves the frame as its other fields made
   // it, and PayloadMissing() says so.
   MdfFrame decode(ByteSpan record, std::uint64_t timestampNs, std::uint64_t dataIndex,
-                  PayloadSource* payloads) const;
+                  PayloadSource* payloads) const {
+    return isError_ ? errorFrame(record, timestampNs, payloads)
+                    : messageFrame(record, timestampNs, dataIndex, payloads);
+  }
 
  private:
   // A number of the record, or a constant; the default reads 0.
@@ -91,6 +94,10 @@ class CanRecordDecoder {
   void planMark(std::uint16_t mark, const CanFieldSlot& slot);
   static std::uint16_t markOf(CanField field);  // 0: not a yes-or-no field of messages
 
+  // These construct what they return in its place: moving it would cost as much as making it.
+  MdfFrame errorFrame(ByteSpan record, std::uint64_t timestampNs, PayloadSource* payloads) const;
+  MdfFrame messageFrame(ByteSpan record, std::uint64_t timestampNs, std::uint64_t dataIndex,
+                        PayloadSource* payloads) const;
   std::uint8_t busChannel(ByteSpan record) const;
   void decodeMessage(ByteSpan record, PayloadSource* payloads, MdfCanMessage& message) const;
   void decodePayload(ByteSpan record, PayloadSource* payloads, MdfCanMessage& message) const;

@@ -108,7 +108,10 @@ void FrameMerge::reportMissingPayload(Group& group) {
 
 MdfFrame FrameMerge::next() {
   if (given_) goOn();
-  if (heap_.empty()) return {};
+  return heap_.empty() ? MdfFrame() : giveFirst();
+}
+
+MdfFrame FrameMerge::giveFirst() {
   Group& group = groups_[heap_.front().group];
   MdfFrame frame = group.decoder->decode(group.record, group.timestampNs, group.nextIndex - 1,
                                          group.payloads ? &*group.payloads : nullptr);

@@ -73,6 +73,7 @@ class FrameMerge {
   void open(ReaderState& state, const MdfCNInfo& channel);
   void openAll(ReaderState& state);
   static bool readStreamNextMsg(Group& group);
+  MdfFrame giveFirst();
   void goOn();
   static void reportMissingPayload(Group& group);
 
