@@ -1,12 +1,11 @@
 #include "Mdf4/can/BusLogGroups.h"
 
 #include <algorithm>
-#include <array>
 #include <cinttypes>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
@@ -17,6 +16,7 @@ namespace {
 
 // Far more than there are fields: each is looked at for every record.
 constexpr std::size_t kMostFields = 1000;
+constexpr std::size_t kLongestName = 100;  // in a problem
 
 constexpr std::uint8_t kUnsignedBigEndian = 1;  // cn_data_type
 constexpr std::uint8_t kSignedBigEndian = 3;
@@ -56,33 +56,31 @@ std::optional<std::uint32_t> constantOf(FileTexts& texts, const M4CNBlock& chann
 }
 
 // A field that states nothing is no damage; one whose statement is lost is.
-void reportNoConstant(DirectFile& file, const M4CNBlock& channel, const std::string& name) {
+void reportNoConstant(DirectFile& file, const M4CNBlock& channel, std::string_view name) {
   if (channel.link(link::cn_cc_conversion) == 0) return;
-  file.report(formatText("channel at %" PRIu64
-                         ": its conversion gives no constant that fits the field %.100s",
-                         channel.position(), name.c_str()));
+  file.report(formatText(
+      "channel at %" PRIu64 ": its conversion gives no constant that fits the field %.*s",
+      channel.position(), static_cast<int>(std::min(name.size(), kLongestName)), name.data()));
 }
 
 }  // namespace
 
-std::vector<const MdfCNInfo*> busLogChannels(const ReaderState& state, bool requireFields) {
-  std::map<std::array<std::int32_t, 3>, const MdfCNInfo*> channels;
-  for (const MdfCNInfo& channel : state.canChannels) {
-    const bool hasFields =
-        std::any_of(channel.children.begin(), channel.children.end(), [&](const auto& child) {
-          return classifyFieldName(child.first, state.loggerRules).has_value();
-        });
-    if ((requireFields || state.loggerRules) && !hasFields) continue;
-    channels.try_emplace({channel.dgIndex, channel.cgIndex, channel.cnIndex}, &channel);
-  }
-  std::vector<const MdfCNInfo*> inOrder;
-  for (const auto& entry : channels) inOrder.push_back(entry.second);
-  return inOrder;
+std::vector<MdfCNInfo> busLogChannels(const ReaderState& state, bool requireFields) {
+  std::vector<MdfCNInfo> channels = state.tree.list(ChannelUse::Can);
+  if (!requireFields && !state.loggerRules) return channels;
+  std::erase_if(channels, [&](const MdfCNInfo& channel) {
+    return std::ranges::none_of(*channel.children, [&](const TreeChild& child) {
+      return classifyFieldName(nameOf(child), state.loggerRules).has_value();
+    });
+  });
+  return channels;
 }
 
 std::vector<CanFieldSlot> buildCanLayout(ReaderState& state, const MdfCNInfo& channel) {
   std::vector<CanFieldSlot> layout;
-  for (const auto& [name, child] : channel.children) {
+  for (const TreeChild& entry : *channel.children) {
+    const std::string_view name = nameOf(entry);
+    const M4CNBlock* const child = entry.block.get();
     const std::optional<CanFieldName> field = classifyFieldName(name, state.loggerRules);
     if (!field) continue;
     if (layout.size() == kMostFields) {
@@ -115,15 +113,15 @@ std::vector<CanFieldSlot> buildCanLayout(ReaderState& state, const MdfCNInfo& ch
 }
 
 FrameTime frameTimeOf(ReaderState& state, const MdfCNInfo& channel) {
-  const MdfCNInfo* const master = state.findTimeChannel(channel.dgIndex, channel.cgIndex);
-  if (master == nullptr) return {};
+  const TreeChannel* const time = state.tree.findTime(channel.dgIndex, channel.cgIndex);
+  if (time == nullptr) return {};
+  const M4CNBlock& master = *time->block;
   if (state.loggerRules) {
-    const ChannelTexts texts = state.texts.load(*master->cnBlock);
-    return FrameTime(describeChannel(*master->cnBlock, texts, Tables::With), true);
+    return FrameTime(describeChannel(master, state.texts.load(master), Tables::With), true);
   }
   ChannelTexts numbers;
-  numbers.conversion = state.texts.numbers(master->cnBlock->link(link::cn_cc_conversion));
-  return FrameTime(describeChannel(*master->cnBlock, numbers, Tables::With));
+  numbers.conversion = state.texts.numbers(master.link(link::cn_cc_conversion));
+  return FrameTime(describeChannel(master, numbers, Tables::With));
 }
 
 }  // namespace tolvex

@@ -9,10 +9,10 @@
 
 namespace tolvex {
 
-// The CAN channels whose groups give frames, each once, by data group, channel group and channel.
+// The CAN channels whose groups give frames, by data group, channel group and channel.
 // With `requireFields` those without a single recognised field are left out, as they always are
 // under logger rules.
-std::vector<const MdfCNInfo*> busLogChannels(const ReaderState& state, bool requireFields);
+std::vector<MdfCNInfo> busLogChannels(const ReaderState& state, bool requireFields);
 
 // The recognised fields of a CAN channel, by name. Under logger rules those that have no bits and
 // no constant are left out.

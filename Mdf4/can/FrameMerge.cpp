@@ -53,8 +53,8 @@ void FrameMerge::initCanStream(ReaderState& state) {
 }
 
 void FrameMerge::openAll(ReaderState& state) {
-  for (const MdfCNInfo* const channel : busLogChannels(state, requireFields)) {
-    open(state, *channel);
+  for (const MdfCNInfo& channel : busLogChannels(state, requireFields)) {
+    open(state, channel);
   }
   const std::uint64_t share = kReadAhead / std::max<std::size_t>(groups_.size(), kUsualGroups);
   for (Group& group : groups_) group.records.limitReadAhead(std::max(share, kLeastReadAhead));

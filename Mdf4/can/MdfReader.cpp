@@ -49,17 +49,17 @@ std::uint64_t MdfReader::getStopTime() {
   return state_->orOutOfMemory(std::uint64_t{0}, [&] {
     std::uint64_t latest = 0;
     std::pair<int, int> last = {-1, -1};
-    for (const MdfCNInfo* const channel : busLogChannels(*state_, merge_->requireFields)) {
+    for (const MdfCNInfo& channel : busLogChannels(*state_, merge_->requireFields)) {
       // The channels of a group come one after the other, and share its records and its time.
-      if (std::exchange(last, {channel->dgIndex, channel->cgIndex}) == last) continue;
-      const M4CGBlock* const group = state_->findGroup(channel->dgIndex, channel->cgIndex);
-      const auto records = state_->openRecords(channel->dgIndex, channel->cgIndex);
-      if (records == nullptr || !isFrameRecordSize(channel->recordSize)) continue;
-      seekRecord(*records, channel->recordSize, group->cg_inval_bytes,
+      if (std::exchange(last, {channel.dgIndex, channel.cgIndex}) == last) continue;
+      const M4CGBlock* const group = state_->findGroup(channel.dgIndex, channel.cgIndex);
+      const auto records = state_->openRecords(channel.dgIndex, channel.cgIndex);
+      if (records == nullptr || !isFrameRecordSize(channel.recordSize)) continue;
+      seekRecord(*records, channel.recordSize, group->cg_inval_bytes,
                  static_cast<std::int64_t>(group->cg_cycle_count - 1));
-      const ByteSpan record = records->next(channel->recordSize);
+      const ByteSpan record = records->next(channel.recordSize);
       if (record.empty()) continue;
-      latest = std::max(latest, frameTimeOf(*state_, *channel).cutOff(record).value_or(0));
+      latest = std::max(latest, frameTimeOf(*state_, channel).cutOff(record).value_or(0));
     }
     return latest;
   });
@@ -68,8 +68,8 @@ std::uint64_t MdfReader::getStopTime() {
 std::vector<MdfGroupInfo> MdfReader::getBusLogGroups() {
   return state_->orOutOfMemory(std::vector<MdfGroupInfo>(), [&] {
     std::set<std::pair<int, int>> groups;
-    for (const MdfCNInfo* const channel : busLogChannels(*state_, merge_->requireFields)) {
-      groups.emplace(channel->dgIndex, channel->cgIndex);
+    for (const MdfCNInfo& channel : busLogChannels(*state_, merge_->requireFields)) {
+      groups.emplace(channel.dgIndex, channel.cgIndex);
     }
     std::vector<MdfGroupInfo> infos;
     for (const auto& [dg, cg] : groups) {
@@ -83,8 +83,8 @@ std::vector<MdfGroupInfo> MdfReader::getBusLogGroups() {
 std::uint32_t MdfReader::getCanCount() {
   return state_->orOutOfMemory(std::uint32_t{0}, [&] {
     std::uint32_t count = 0;
-    for (const MdfCNInfo* const channel : busLogChannels(*state_, merge_->requireFields)) {
-      const M4CGBlock* const group = state_->findGroup(channel->dgIndex, channel->cgIndex);
+    for (const MdfCNInfo& channel : busLogChannels(*state_, merge_->requireFields)) {
+      const M4CGBlock* const group = state_->findGroup(channel.dgIndex, channel.cgIndex);
       if (group != nullptr) count += static_cast<std::uint32_t>(group->cg_cycle_count);
     }
     return count;

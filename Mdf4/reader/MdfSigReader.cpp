@@ -4,6 +4,7 @@
 #include <mutex>
 #include <new>
 #include <set>
+#include <unordered_map>
 #include <utility>
 
 #include "Mdf4/base/BitField.h"
@@ -85,6 +86,11 @@ TimeRead readTime(const RecordStream& records, std::int64_t index, const MdfSigC
   return TimeRead::Time;
 }
 
+bool hasValues(const TreeGroup& group) {
+  return std::ranges::find(group.channels, ChannelUse::Value, &TreeChannel::use) !=
+         group.channels.end();
+}
+
 using Record = std::shared_ptr<MdfSignalRawData>;
 
 Record toRawData(ByteSpan record) {
@@ -100,10 +106,10 @@ Record toRawData(ByteSpan record) {
 struct SignalStreams {
   bool readAllGroups = false;
   std::mutex mutex;  // guards all below, and the file while records are read
-  std::map<std::pair<int, int>, RecordStream> records;  // by (dg, cg)
-  std::map<const m4Block*, ChannelTexts> texts;         // by channel
-  std::map<const m4Block*, m4DataStream> values;        // of variable-length channels
-  std::list<m4DataStream*> recent;                      // last read first
+  std::map<std::pair<int, int>, RecordStream> records;     // by (dg, cg)
+  std::unordered_map<const m4Block*, ChannelTexts> texts;  // by channel
+  std::map<const m4Block*, m4DataStream> values;           // of variable-length channels
+  std::list<m4DataStream*> recent;                         // last read first
 
   // What a copy of a reader begins with, as ReaderState::forCopy.
   static std::shared_ptr<SignalStreams> forCopy(const std::shared_ptr<SignalStreams>& streams,
@@ -201,22 +207,15 @@ void SignalStreams::clear() {
 
 // Opens the records of all groups that are read, and learns what describes the channels.
 void SignalStreams::open(ReaderState& state) {
-  for (const MdfCNInfo& channel : state.valueChannels) {
-    open(state, channel.dgIndex, channel.cgIndex);
-  }
-  if (readAllGroups) {
-    for (const auto& [dg, groups] : state.cgBlocks) {
-      for (const auto& entry : groups) open(state, dg, entry.first);
-    }
-  }
-  for (const auto& [dg, groups] : state.cnBlocks) {
-    for (const auto& [cg, channels] : groups) {
-      for (const auto& [cn, block] : channels) {
-        if (block == nullptr) continue;
-        texts.emplace_hint(texts.end(), block,
-                           state.texts.load(static_cast<const M4CNBlock&>(*block)));
+  for (int dg = 0; const TreeDataGroup& data : state.tree.dataGroups()) {
+    for (int cg = 0; const TreeGroup& group : data.groups) {
+      if (readAllGroups || hasValues(group)) open(state, dg, cg);
+      for (const TreeChannel& channel : group.channels) {
+        texts.emplace(channel.block.get(), state.texts.load(*channel.block));
       }
+      ++cg;
     }
+    ++dg;
   }
 }
 
@@ -274,8 +273,8 @@ bool MdfSigReader::getChannelInfo(int dg, int cg, int cn, MdfSigCCInfo& out) {
 }
 
 bool MdfSigReader::getTimeCCInfo(int dg, int cg, MdfSigCCInfo& out) {
-  const MdfCNInfo* const channel = state_->findTimeChannel(dg, cg);
-  return channel != nullptr && streams_->describe(*state_, channel->cnBlock, Tables::With, out);
+  const TreeChannel* const channel = state_->tree.findTime(dg, cg);
+  return channel != nullptr && streams_->describe(*state_, channel->block.get(), Tables::With, out);
 }
 
 int MdfSigReader::getRecordCount(int dg, int cg) {
@@ -321,7 +320,7 @@ std::shared_ptr<MdfSignalRawData> MdfSigReader::readSignalData(int dg, int cg) {
     const RecordStream* const records = streams_->find(dg, cg);
     if (records == nullptr) return Record();
     const ByteSpan record = records->next();
-    if (state_->findTimeChannel(dg, cg) == nullptr) return Record();
+    if (state_->tree.findTime(dg, cg) == nullptr) return Record();
     return toRawData(record);
   });
 }

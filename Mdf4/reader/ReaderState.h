@@ -3,34 +3,20 @@
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
-#include <map>
 #include <memory>
 #include <new>
 #include <string>
 #include <unordered_map>
 #include <utility>
-#include <vector>
 
 #include "Mdf4/format/MDF4File.h"
 #include "Mdf4/format/SegmentTable.h"
-#include "Mdf4/format/m4Block.h"
 #include "Mdf4/format/m4DataStream.h"
-#include "Mdf4/reader/ChannelDescription.h"
+#include "Mdf4/model/FileTree.h"
+#include "Mdf4/reader/MissedLookUps.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {
-
-// One listed channel.
-struct MdfCNInfo {
-  std::int32_t dgIndex = -1;
-  std::int32_t cgIndex = -1;
-  std::int32_t cnIndex = -1;
-  std::uint32_t recordSize = 0;        // bytes per record of the channel group; 0: no sensible size
-  const M4CNBlock* cnBlock = nullptr;  // borrowed from the reader
-  // CAN channels only: the channels that it is composed of, by name; borrowed likewise.
-  std::map<std::string, const M4CNBlock*, std::less<>> children;
-};
 
 struct ReaderState {
   ReaderState() = default;
@@ -45,21 +31,23 @@ struct ReaderState {
   std::size_t longestText = std::string::npos;  // MdfBaseReader::setLongestText
   std::uint64_t startTime = 0;                  // ns, in UTC
   bool loggerRules = false;                     // MdfReader::setLoggerRules
-  // By index. A look-up of what does not exist leaves an empty entry.
-  std::map<int, m4Block*> dgBlocks;
-  std::map<int, std::map<int, m4Block*>> cgBlocks;
-  std::map<int, std::map<int, std::map<int, m4Block*>>> cnBlocks;
-  std::vector<MdfCNInfo> valueChannels;
-  std::vector<MdfCNInfo> canChannels;
-  std::map<std::pair<int, int>, MdfCNInfo> timeChannels;  // the first of each (dg, cg)
-  std::vector<std::unique_ptr<m4Block>> blocks;           // all of the above
+  FileTree tree;
+  MissedLookUps missed;
   std::unordered_map<std::uint64_t, std::shared_ptr<SegmentTable>> tables;  // by data link
 
-  // The data group's, channel group's or channel's block without leaving an entry, or null.
-  const M4DGBlock* findGroup(int dg) const;
-  const M4CGBlock* findGroup(int dg, int cg) const;
-  const M4CNBlock* findChannel(int dg, int cg, int cn) const;
-  const MdfCNInfo* findTimeChannel(int dg, int cg) const;
+  // The data group's, channel group's or channel's block, or null.
+  M4DGBlock* findGroup(int dg) const;
+  M4CGBlock* findGroup(int dg, int cg) const;
+  M4CNBlock* findChannel(int dg, int cg, int cn) const;
+
+  // The block of a look-up, which is one of those that are missed when there is none.
+  template <class... Index>
+  m4Block* lookUp(m4Block* found, Index... index) {
+    return orOutOfMemory(found, [&] {
+      if (found == nullptr) missed.add(index...);
+      return found;
+    });
+  }
 
   bool describe(int dg, int cg, MdfGroupInfo& group) const;
   // The text of a TX or MD block while the file is open, up to the longest that is handed out.
@@ -84,10 +72,6 @@ struct ReaderState {
   }
   std::atomic<bool> ranOutOfMemory = false;
 };
-
-// Bytes per record: data and invalidation bytes, the data bytes alone in a group of variable-length
-// signal data. 0 when they do not fit into 32 bits.
-std::uint32_t recordSizeOf(const M4CGBlock& group);
 
 // Records above this size are taken for damage where they would have to be put together.
 inline constexpr std::uint32_t kLargestRecord = 0x100000;
