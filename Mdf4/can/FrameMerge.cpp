@@ -57,7 +57,8 @@ void FrameMerge::openAll(ReaderState& state) {
     open(state, channel);
   }
   const std::uint64_t share = kReadAhead / std::max<std::size_t>(groups_.size(), kUsualGroups);
-  for (Group& group : groups_) group.records.limitReadAhead(std::max(share, kLeastReadAhead));
+  for (Group& group : groups_)
+    group.records.data().limitReadAhead(std::max(share, kLeastReadAhead));
   heap_.reserve(groups_.size());
   for (std::size_t i = 0; i < groups_.size(); ++i) {
     if (!readStreamNextMsg(groups_[i])) continue;
@@ -68,7 +69,7 @@ void FrameMerge::openAll(ReaderState& state) {
 
 void FrameMerge::open(ReaderState& state, const MdfCNInfo& channel) {
   const auto records = state.openRecords(channel.dgIndex, channel.cgIndex);
-  if (records == nullptr) return;
+  if (!records) return;
   const std::vector<CanFieldSlot> layout = buildCanLayout(state, channel);
   std::optional<SignalData> payloads;
   for (const CanFieldSlot& slot : layout) {
@@ -76,7 +77,7 @@ void FrameMerge::open(ReaderState& state, const MdfCNInfo& channel) {
       payloads.emplace(state.openStream(slot.cn->link(link::cn_data)));
     }
   }
-  groups_.push_back({channel.dgIndex, channel.recordSize, *records,
+  groups_.push_back({channel.dgIndex, *records,
                      std::make_shared<CanRecordDecoder>(layout, payloadByDlc || state.loggerRules,
                                                         state.loggerRules),
                      frameTimeOf(state, channel), std::move(payloads)});
@@ -85,13 +86,14 @@ void FrameMerge::open(ReaderState& state, const MdfCNInfo& channel) {
 // Goes to the group's next frame, which is decoded when it is its turn; false at the end of its
 // records.
 bool FrameMerge::readStreamNextMsg(Group& group) {
-  if (!isFrameRecordSize(group.recordSize) || !group.records.file().isOpen()) return false;
-  group.record = group.records.next(group.recordSize);
+  const std::uint32_t size = group.records.recordSize();
+  if (!isFrameRecordSize(size) || !group.records.data().file().isOpen()) return false;
+  group.record = group.records.next();
   if (group.record.empty()) return false;
-  if (group.record.size() < group.recordSize) {
-    group.records.file().report(
+  if (group.record.size() < size) {
+    group.records.data().file().report(
         formatText("data group %d: record %" PRIu64 " has %zu of its %u bytes", int{group.dg},
-                   group.nextIndex, group.record.size(), unsigned{group.recordSize}));
+                   group.nextIndex, group.record.size(), unsigned{size}));
   }
   group.timestampNs = group.time.nearest(group.record);
   ++group.nextIndex;
@@ -101,9 +103,9 @@ bool FrameMerge::readStreamNextMsg(Group& group) {
 // Once for a group: it is mostly all of them.
 void FrameMerge::reportMissingPayload(Group& group) {
   group.reportedPayload = true;
-  group.records.file().report(formatText("data group %d: record %" PRIu64
-                                         ": its payload is not in the file or cannot be read",
-                                         int{group.dg}, group.nextIndex - 1));
+  group.records.data().file().report(formatText(
+      "data group %d: record %" PRIu64 ": its payload is not in the file or cannot be read",
+      int{group.dg}, group.nextIndex - 1));
 }
 
 MdfFrame FrameMerge::next() {

@@ -8,7 +8,7 @@
 
 #include "Mdf4/can/BusLogGroups.h"
 #include "Mdf4/can/CanRecordDecoder.h"
-#include "Mdf4/format/m4DataStream.h"
+#include "Mdf4/model/RecordCursor.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {
@@ -51,8 +51,7 @@ class FrameMerge {
  private:
   struct Group {
     std::int32_t dg;
-    std::uint32_t recordSize;
-    m4DataStream records;
+    RecordCursor records;
     std::shared_ptr<const CanRecordDecoder> decoder;
     FrameTime time;
     std::optional<SignalData> payloads;

@@ -53,11 +53,10 @@ std::uint64_t MdfReader::getStopTime() {
       // The channels of a group come one after the other, and share its records and its time.
       if (std::exchange(last, {channel.dgIndex, channel.cgIndex}) == last) continue;
       const M4CGBlock* const group = state_->findGroup(channel.dgIndex, channel.cgIndex);
-      const auto records = state_->openRecords(channel.dgIndex, channel.cgIndex);
-      if (records == nullptr || !isFrameRecordSize(channel.recordSize)) continue;
-      seekRecord(*records, channel.recordSize, group->cg_inval_bytes,
-                 static_cast<std::int64_t>(group->cg_cycle_count - 1));
-      const ByteSpan record = records->next(channel.recordSize);
+      auto records = state_->openRecords(channel.dgIndex, channel.cgIndex);
+      if (!records || !isFrameRecordSize(channel.recordSize)) continue;
+      records->seek(static_cast<std::int64_t>(group->cg_cycle_count - 1));
+      const ByteSpan record = records->next();
       if (record.empty()) continue;
       latest = std::max(latest, frameTimeOf(*state_, channel).cutOff(record).value_or(0));
     }

@@ -5,6 +5,8 @@
 #include <iterator>
 #include <utility>
 
+#include "Mdf4/model/RecordCursor.h"
+
 namespace tolvex {
 namespace {
 
@@ -32,16 +34,6 @@ void moveRest(std::vector<Item>& now, std::vector<Item>& before) {
 }
 
 }  // namespace
-
-std::uint32_t TreeGroup::recordSize() const {
-  return recordSizeOf(*block);
-}
-
-std::uint32_t recordSizeOf(const M4CGBlock& group) {
-  if ((group.cg_flags & kCgFlagVlsd) != 0) return group.cg_data_bytes;
-  const std::uint64_t size = std::uint64_t{group.cg_data_bytes} + group.cg_inval_bytes;
-  return size > ~std::uint32_t{0} ? 0 : static_cast<std::uint32_t>(size);
-}
 
 const TreeDataGroup* FileTree::findGroup(int dg) const {
   return find(dataGroups_, dg);
@@ -77,7 +69,7 @@ std::vector<MdfCNInfo> FileTree::list(ChannelUse use) const {
       for (std::int32_t cn = 0; const TreeChannel& channel : group.channels) {
         if (channel.use == use) {
           channels.push_back(
-              {dg, cg, cn, group.recordSize(), channel.block.get(), &channel.children});
+              {dg, cg, cn, recordSizeOf(*group.block), channel.block.get(), &channel.children});
         }
         ++cn;
       }

@@ -45,9 +45,6 @@ struct TreeGroup {
   const TreeChannel* time() const {
     return timeIndex < 0 ? nullptr : &channels[static_cast<std::size_t>(timeIndex)];
   }
-  // Bytes per record: data and invalidation bytes, the data bytes alone in a group of
-  // variable-length signal data. 0 when they do not fit into 32 bits.
-  std::uint32_t recordSize() const;
 };
 
 struct TreeDataGroup {
@@ -91,7 +88,5 @@ class FileTree {
  private:
   std::vector<TreeDataGroup> dataGroups_;
 };
-
-std::uint32_t recordSizeOf(const M4CGBlock& group);
 
 }  // namespace tolvex

@@ -99,27 +99,15 @@ m4DataStream ReaderState::openStream(std::uint64_t dataLink, std::uint64_t expec
   return {file, table};
 }
 
-std::unique_ptr<m4DataStream> ReaderState::openRecords(int dg, int cg) {
+std::optional<RecordCursor> ReaderState::openRecords(int dg, int cg) {
   const M4DGBlock* const data = findGroup(dg);
   const M4CGBlock* const group = findGroup(dg, cg);
-  if (data == nullptr || group == nullptr) return nullptr;
+  if (data == nullptr || group == nullptr) return std::nullopt;
   const std::uint64_t dataLink = data->link(link::dg_data);
-  if (dataLink == 0) return nullptr;
-  auto stream = std::make_unique<m4DataStream>(
-      openStream(dataLink, group->cg_cycle_count * recordSizeOf(*group)));
-  if (!stream->valid()) return nullptr;
-  if (tables[dataLink]->columnStorage() && group->cg_inval_bytes != 0) {
-    const std::uint32_t recordSize = recordSizeOf(*group);
-    if (recordSize == 0 || recordSize > kLargestRecord) return nullptr;
-    stream->mergeInvalidation(group->cg_data_bytes, group->cg_inval_bytes);
-  }
-  return stream;
-}
-
-void seekRecord(m4DataStream& records, std::uint32_t recordSize, std::uint32_t invalBytes,
-                std::int64_t index) {
-  const std::uint32_t bytes = records.merges() ? recordSize - invalBytes : recordSize;
-  records.Seek(static_cast<std::uint64_t>(index) * bytes);
+  if (dataLink == 0) return std::nullopt;
+  const m4DataStream stream = openStream(dataLink, group->cg_cycle_count * recordSizeOf(*group));
+  if (!stream.valid()) return std::nullopt;
+  return RecordCursor::over(stream, *group, tables[dataLink]->columnStorage());
 }
 
 MdfBaseReader::MdfBaseReader(const std::string& path)

@@ -3,6 +3,7 @@
 #include <map>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <set>
 #include <unordered_map>
 #include <utility>
@@ -24,31 +25,24 @@ constexpr std::uint64_t kPiece = 256 * 1024;
 constexpr std::uint64_t kMostHeld = 64 << 20;
 constexpr std::size_t kMostRecent = 256;
 
-struct RecordStream {
-  int dg = -1;
-  int cg = -1;
-  std::uint32_t recordSize = 0;
-  std::uint32_t invalBytes = 0;
-  std::unique_ptr<m4DataStream> stream;
+struct GroupRecords {
+  int dg;
+  int cg;
+  RecordCursor cursor;
 
-  // Bytes of a record in the stream: column storage keeps the invalidation bytes elsewhere.
-  std::uint32_t storedSize() const {
-    return stream->merges() ? recordSize - invalBytes : recordSize;
-  }
-  void seek(std::int64_t index) const { seekRecord(*stream, recordSize, invalBytes, index); }
   // The next record, or nothing when the data end before it does.
-  ByteSpan next() const {
-    const ByteSpan record = stream->next(recordSize);
-    return record.size() == recordSize ? record : ByteSpan();
+  ByteSpan next() {
+    const ByteSpan record = cursor.next();
+    return record.size() == cursor.recordSize() ? record : ByteSpan();
   }
 };
 
 // `count` records from number `start` on, in `out`. False unless all are there; those that are have
 // then been read all the same.
-bool readBlock(const RecordStream& records, int start, std::uint64_t count, std::uint64_t fileSize,
+bool readBlock(RecordCursor& records, int start, std::uint64_t count, std::uint64_t fileSize,
                std::vector<std::uint8_t>& out) {
-  m4DataStream& stream = *records.stream;
-  const std::uint64_t size = records.recordSize;
+  m4DataStream& stream = records.data();
+  const std::uint64_t size = records.recordSize();
   const std::uint64_t stored = records.storedSize();
   if (stored == 0) return false;
   const bool mayBeThere = count <= stream.presentSize() / stored;
@@ -72,9 +66,9 @@ bool readBlock(const RecordStream& records, int start, std::uint64_t count, std:
 enum class TimeRead : std::uint8_t { Time, NoTime, NoRecord };
 
 // The time of record `index` in seconds, when it can be read and converted.
-TimeRead readTime(const RecordStream& records, std::int64_t index, const MdfSigCCInfo& info,
+TimeRead readTime(GroupRecords& records, std::int64_t index, const MdfSigCCInfo& info,
                   double& time) {
-  records.seek(index);
+  records.cursor.seek(index);
   const ByteSpan record = records.next();
   if (record.empty()) return TimeRead::NoRecord;
   double converted = 0;
@@ -106,7 +100,7 @@ Record toRawData(ByteSpan record) {
 struct SignalStreams {
   bool readAllGroups = false;
   std::mutex mutex;  // guards all below, and the file while records are read
-  std::map<std::pair<int, int>, RecordStream> records;     // by (dg, cg)
+  std::map<std::pair<int, int>, GroupRecords> records;     // by (dg, cg)
   std::unordered_map<const m4Block*, ChannelTexts> texts;  // by channel
   std::map<const m4Block*, m4DataStream> values;           // of variable-length channels
   std::list<m4DataStream*> recent;                         // last read first
@@ -117,7 +111,7 @@ struct SignalStreams {
   void open(ReaderState& state);
   void open(ReaderState& state, int dg, int cg);
   void clear();
-  const RecordStream* find(int dg, int cg);
+  GroupRecords* find(int dg, int cg);
   void keepInMind(m4DataStream& stream);
   // False when the channel is null or was not there when the file was opened.
   bool describe(ReaderState& state, const m4Block* channel, Tables tables,
@@ -171,23 +165,20 @@ void SignalStreams::keepInMind(m4DataStream& stream) {
 
 // The records of (dg, cg), of the first group of dg when cg is negative; null when there are none
 // or the file is closed.
-const RecordStream* SignalStreams::find(int dg, int cg) {
+GroupRecords* SignalStreams::find(int dg, int cg) {
   const auto found = records.lower_bound({dg, std::max(cg, 0)});
   if (found == records.end() || found->first.first != dg) return nullptr;
   if (cg >= 0 && found->first.second != cg) return nullptr;
-  const RecordStream& wanted = found->second;
-  if (!wanted.stream->file().isOpen()) return nullptr;
-  keepInMind(*wanted.stream);
+  GroupRecords& wanted = found->second;
+  if (!wanted.cursor.data().file().isOpen()) return nullptr;
+  keepInMind(wanted.cursor.data());
   return &wanted;
 }
 
-// Opens the group's records, unless they are open or there are none.
+// Opens the group's records, unless there are none.
 void SignalStreams::open(ReaderState& state, int dg, int cg) {
-  const M4CGBlock* const group = state.findGroup(dg, cg);
-  if (group == nullptr || records.count({dg, cg}) != 0) return;
-  auto stream = state.openRecords(dg, cg);
-  if (stream == nullptr) return;
-  records[{dg, cg}] = {dg, cg, recordSizeOf(*group), group->cg_inval_bytes, std::move(stream)};
+  const std::optional<RecordCursor> cursor = state.openRecords(dg, cg);
+  if (cursor) records.emplace(std::pair(dg, cg), GroupRecords{dg, cg, *cursor});
 }
 
 std::shared_ptr<SignalStreams> SignalStreams::forCopy(const std::shared_ptr<SignalStreams>& streams,
@@ -285,10 +276,9 @@ int MdfSigReader::getRecordCount(int dg, int cg) {
 std::uint64_t MdfSigReader::getStoredRecordCount(int dg, int cg) {
   const std::lock_guard lock(streams_->mutex);
   return state_->orOutOfMemory(std::uint64_t{0}, [&] {
-    const RecordStream* const records = streams_->find(dg, cg);
+    GroupRecords* const records = streams_->find(dg, cg);
     if (records == nullptr) return std::uint64_t{0};
-    const std::uint32_t stored = records->storedSize();
-    return stored == 0 ? 0 : records->stream->size() / stored;
+    return records->cursor.count();
   });
 }
 
@@ -317,7 +307,7 @@ std::shared_ptr<MdfSignalRawData> MdfSigReader::readSignalData(int dg) {
 std::shared_ptr<MdfSignalRawData> MdfSigReader::readSignalData(int dg, int cg) {
   const std::lock_guard lock(streams_->mutex);
   return state_->orOutOfMemory(Record(), [&] {
-    const RecordStream* const records = streams_->find(dg, cg);
+    GroupRecords* const records = streams_->find(dg, cg);
     if (records == nullptr) return Record();
     const ByteSpan record = records->next();
     if (state_->tree.findTime(dg, cg) == nullptr) return Record();
@@ -332,13 +322,15 @@ std::shared_ptr<MdfSignalRawData> MdfSigReader::readSignalDataByIndex(int dg, in
 std::shared_ptr<MdfSignalRawData> MdfSigReader::readSignalDataByIndex(int dg, int cg, int index) {
   const std::lock_guard lock(streams_->mutex);
   return state_->orOutOfMemory(Record(), [&] {
-    const RecordStream* const records = streams_->find(dg, cg);
+    GroupRecords* const records = streams_->find(dg, cg);
     if (records == nullptr) return Record();
-    if (records->stream->merges()) {
-      records->seek(index);
+    m4DataStream& data = records->cursor.data();
+    if (data.merges()) {
+      records->cursor.seek(index);
     } else {
-      const std::uint32_t product = static_cast<std::uint32_t>(index) * records->recordSize;
-      records->stream->Seek(static_cast<std::uint64_t>(static_cast<std::int32_t>(product)));
+      const std::uint32_t product =
+          static_cast<std::uint32_t>(index) * records->cursor.recordSize();
+      data.Seek(static_cast<std::uint64_t>(static_cast<std::int32_t>(product)));
     }
     return toRawData(records->next());
   });
@@ -354,10 +346,11 @@ bool MdfSigReader::readSignalDataBlock(int dg, int cg, int start, int count,
   const std::lock_guard lock(streams_->mutex);
   recordSize = 0;
   const bool isRead = state_->orOutOfMemory(false, [&] {
-    const RecordStream* const records = streams_->find(dg, cg);
+    GroupRecords* const records = streams_->find(dg, cg);
     if (records == nullptr || start < 0 || count < 1) return false;
-    recordSize = static_cast<int>(records->recordSize);
-    return readBlock(*records, start, static_cast<std::uint64_t>(count), state_->file.end(), out);
+    recordSize = static_cast<int>(records->cursor.recordSize());
+    return readBlock(records->cursor, start, static_cast<std::uint64_t>(count), state_->file.end(),
+                     out);
   });
   if (!isRead) out.clear();
   return isRead;
@@ -367,7 +360,7 @@ std::pair<double, double> MdfSigReader::readSignalTimeRange(int dg, int cg) {
   const std::lock_guard lock(streams_->mutex);
   std::pair<double, double> range = {0, 0};
   return state_->orOutOfMemory(range, [&] {
-    const RecordStream* const records = streams_->find(dg, cg);
+    GroupRecords* const records = streams_->find(dg, cg);
     MdfSigCCInfo time;
     if (records == nullptr || !getTimeCCInfo(dg, cg, time)) return range;
     const M4CGBlock* const group = state_->findGroup(records->dg, records->cg);
@@ -381,7 +374,7 @@ std::pair<double, double> MdfSigReader::readSignalTimeRange(int dg, int cg) {
 int MdfSigReader::findRecordIndexByTime(int dg, int cg, double time) {
   const std::lock_guard lock(streams_->mutex);
   return state_->orOutOfMemory(-1, [&] {
-    const RecordStream* const records = streams_->find(dg, cg);
+    GroupRecords* const records = streams_->find(dg, cg);
     MdfSigCCInfo timeInfo;
     if (records == nullptr || !getTimeCCInfo(dg, cg, timeInfo)) return -1;
     const M4CGBlock* const group = state_->findGroup(records->dg, records->cg);
@@ -431,8 +424,8 @@ void MdfSigReader::resetDataStream(int dg) {
 void MdfSigReader::resetDataStream(int dg, int cg) {
   const std::lock_guard lock(streams_->mutex);
   state_->orOutOfMemory(false, [&] {
-    const RecordStream* const records = streams_->find(dg, cg);
-    if (records != nullptr) records->stream->Seek(0);
+    GroupRecords* const records = streams_->find(dg, cg);
+    if (records != nullptr) records->cursor.seek(0);
     return true;
   });
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -13,6 +14,7 @@
 #include "Mdf4/format/SegmentTable.h"
 #include "Mdf4/format/m4DataStream.h"
 #include "Mdf4/model/FileTree.h"
+#include "Mdf4/model/RecordCursor.h"
 #include "Mdf4/reader/MissedLookUps.h"
 #include "tolvex/Mdf4.h"
 
@@ -56,9 +58,9 @@ struct ReaderState {
   // A stream over the data behind the link, of about `expectedSize` bytes where that is known; all
   // streams over one link share its table.
   m4DataStream openStream(std::uint64_t dataLink, std::uint64_t expectedSize = 0);
-  // A stream over the records of a channel group of data group `dg`, or null when the group has no
-  // data or they are damaged. In column storage records come with their invalidation bytes.
-  std::unique_ptr<m4DataStream> openRecords(int dg, int cg);
+  // The records of a channel group of data group `dg`; nothing when it has no data or they are
+  // damaged.
+  std::optional<RecordCursor> openRecords(int dg, int cg);
 
   // The result of an operation, or `failure` when it runs out of memory.
   template <class Result, class Work>
@@ -72,12 +74,5 @@ struct ReaderState {
   }
   std::atomic<bool> ranOutOfMemory = false;
 };
-
-// Records above this size are taken for damage where they would have to be put together.
-inline constexpr std::uint32_t kLargestRecord = 0x100000;
-
-// Goes to the record with that number.
-void seekRecord(m4DataStream& records, std::uint32_t recordSize, std::uint32_t invalBytes,
-                std::int64_t index);
 
 }  // namespace tolvex
