@@ -1,22 +1,32 @@
 # What `cmake --install` lays down: headers, library, CMake package, pkg-config file, documents.
+# Debian's folder of libraries under every prefix, so that each build can be packaged as it is.
+if(NOT DEFINED CMAKE_INSTALL_LIBDIR AND PROJECT_IS_TOP_LEVEL AND EXISTS /etc/debian_version
+    AND CMAKE_LIBRARY_ARCHITECTURE AND NOT CMAKE_CROSSCOMPILING)
+  set(CMAKE_INSTALL_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE} CACHE PATH "Folder of libraries")
+endif()
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
 set(TOLVEX_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/tolvex)
 set(TOLVEX_PKGCONFIG_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
+# Components: what programs need to run, what they are built with, and the program.
 install(TARGETS tolvex EXPORT tolvex-targets INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/tolvex DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
-  FILES_MATCHING PATTERN *.h)
+  COMPONENT development FILES_MATCHING PATTERN *.h)
 
-install(EXPORT tolvex-targets NAMESPACE tolvex:: DESTINATION ${TOLVEX_CMAKE_DIR})
+install(EXPORT tolvex-targets NAMESPACE tolvex:: DESTINATION ${TOLVEX_CMAKE_DIR}
+  COMPONENT development)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/tolvex-config.cmake.in
   ${PROJECT_BINARY_DIR}/tolvex-config.cmake INSTALL_DESTINATION ${TOLVEX_CMAKE_DIR})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/tolvex-config-version.cmake
   COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/tolvex-config.cmake
-  ${PROJECT_BINARY_DIR}/tolvex-config-version.cmake DESTINATION ${TOLVEX_CMAKE_DIR})
+  ${PROJECT_BINARY_DIR}/tolvex-config-version.cmake
+  DESTINATION ${TOLVEX_CMAKE_DIR} COMPONENT development)
 
 # Prefix and library folder are stated relative to the file itself, so an installed tree can move.
 file(RELATIVE_PATH TOLVEX_PC_TO_PREFIX
@@ -35,7 +45,12 @@ foreach(library IN LISTS CMAKE_CXX_IMPLICIT_LINK_LIBRARIES)
 endforeach()
 list(JOIN TOLVEX_PC_PRIVATE " " TOLVEX_PC_PRIVATE)
 configure_file(${PROJECT_SOURCE_DIR}/cmake/tolvex.pc.in ${PROJECT_BINARY_DIR}/tolvex.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/tolvex.pc DESTINATION ${TOLVEX_PKGCONFIG_DIR})
+install(FILES ${PROJECT_BINARY_DIR}/tolvex.pc DESTINATION ${TOLVEX_PKGCONFIG_DIR}
+  COMPONENT development)
 
-install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/LICENSE
-  DESTINATION ${CMAKE_INSTALL_DOCDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/README.md ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+  ${PROJECT_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT documents)
+
+if(PROJECT_IS_TOP_LEVEL AND BUILD_SHARED_LIBS AND NOT CMAKE_CROSSCOMPILING)
+  include(cmake/packages.cmake)
+endif()

@@ -3,6 +3,7 @@
 #   build  configuring, building and testing with GCC
 #   bench  the benches
 #   check  clang builds, sanitizers, fuzz targets, clang-format, clang-tidy
+#   package  making Debian packages and trying them
 set -euo pipefail
 
 packages=()
@@ -14,6 +15,7 @@ for group in "$@"; do
       ;;
     bench) packages+=(libbenchmark-dev libhdf5-dev libsqlite3-dev) ;;
     check) packages+=(clang libclang-rt-dev llvm clang-format clang-tidy) ;;
+    package) packages+=(dpkg-dev man-db groff-base bsdextrautils zsh fish) ;;
     *)
       echo "install-dependencies.sh: unknown group '$group'" >&2
       exit 2

@@ -85,8 +85,9 @@ void addHelp(CLI::App& app, Command& chosen) {
 
 }  // namespace
 
-int runProgram(int argc, char** argv) {
-  CLI::App app("Shows, prints, exports, records, checks and recovers ASAM MDF 4 files.", "tolvex");
+void defineProgram(CLI::App& app, Command& chosen) {
+  app.name("tolvex");
+  app.description("Shows, prints, exports, records, checks and recovers ASAM MDF 4 files.");
   app.get_formatter()->column_width(26);
   app.set_version_flag("-V,--version", std::string("tolvex ") + tolvex_version(),
                        "Print the version and exit");
@@ -104,7 +105,6 @@ int runProgram(int argc, char** argv) {
       "\n"
       "Results go to the standard output, everything else to the standard error.\n"
       "Exit codes: 0 done, 1 failed, 2 wrong use, 3 done but something was lost.");
-  Command chosen;
   addInfo(app, chosen);
   addCat(app, chosen);
   addExport(app, chosen);
@@ -112,6 +112,12 @@ int runProgram(int argc, char** argv) {
   addRecover(app, chosen);
   addRecord(app, chosen);
   addHelp(app, chosen);
+}
+
+int runProgram(int argc, char** argv) {
+  CLI::App app;
+  Command chosen;
+  defineProgram(app, chosen);
   if (argc > 1 && argv[1][0] != '-' && commandOf(app, argv[1]) == nullptr) {
     return complainOfCommand(app, argv[1]);
   }

@@ -112,7 +112,9 @@ void addRecover(CLI::App& app, Command& chosen) {
       "recover", "Bring back what is there of an unfinished, cut or damaged file");
   const auto options = std::make_shared<RecoverOptions>();
   command->add_option("FILE", options->input, "The file, left as it is")->required();
-  command->add_option("-o,--output", options->output, "The finished file to write")->required();
+  command->add_option("-o,--output", options->output, "The finished file to write")
+      ->type_name("OUT")
+      ->required();
   command->add_flag("--verify", options->verify, "Read the result again and compare it");
   addMaxOutput(*command, options->maxOutput);
   command->footer(
