@@ -67,6 +67,18 @@ std::string formatText(const char* format, ...) {
   return text;
 }
 
+std::string quoted(std::string_view bytes) {
+  std::string text = "\"";
+  for (const char c : bytes) {
+    if (c >= 0x20 && c < 0x7F) {
+      text += c;
+    } else {
+      text += formatText("\\x%02X", unsigned{static_cast<unsigned char>(c)});
+    }
+  }
+  return text + '"';
+}
+
 }  // namespace tolvex
 
 void setDiagnosticHandler(void (*handler)(void* user, const char* text), void* user) {

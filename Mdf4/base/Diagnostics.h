@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #if defined(__GNUC__)
 #define TOLVEX_PRINTF(formatIndex, firstArgument) \
@@ -18,5 +19,8 @@ void printDiagnostic(const char* format, ...) TOLVEX_PRINTF(1, 2);
 
 // printf into a string.
 std::string formatText(const char* format, ...) TOLVEX_PRINTF(1, 2);
+
+// Bytes of a file in quotes; those that are no ASCII text as "\xNN".
+std::string quoted(std::string_view bytes);
 
 }  // namespace tolvex

@@ -18,9 +18,6 @@ namespace {
 constexpr std::size_t kMostFields = 1000;
 constexpr std::size_t kLongestName = 100;  // in a problem
 
-constexpr std::uint8_t kUnsignedBigEndian = 1;  // cn_data_type
-constexpr std::uint8_t kSignedBigEndian = 3;
-
 // The largest number that a frame holds for the field.
 double largestValue(CanField field) {
   switch (field) {
@@ -105,8 +102,8 @@ std::vector<CanFieldSlot> buildCanLayout(ReaderState& state, const MdfCNInfo& ch
         continue;
       }
     }
-    slot.bigEndian = state.loggerRules && (child->cn_data_type == kUnsignedBigEndian ||
-                                           child->cn_data_type == kSignedBigEndian);
+    slot.bigEndian = state.loggerRules && (child->cn_data_type == data_type::kUnsignedBigEndian ||
+                                           child->cn_data_type == data_type::kSignedBigEndian);
     layout.push_back(slot);
   }
   return layout;

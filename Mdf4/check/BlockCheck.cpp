@@ -10,7 +10,6 @@
 namespace tolvex {
 namespace {
 
-constexpr std::uint64_t kAlignment = 8;
 constexpr std::size_t kPiece = 4000;  // bytes of text looked at in one go
 
 bool mayLead(const BlockLink& link, std::uint16_t type) {
@@ -55,81 +54,55 @@ void BlockCheck::checkReserved(std::uint64_t position, std::uint16_t type, const
                     quoted({reinterpret_cast<const char*>(bytes.data()), bytes.size()}));
 }
 
-// Whether the link leads to the marker and letters of a block that it may lead to.
-bool BlockCheck::leadsToItsKind(const BlockLink& link, BlockHeader& header) {
+// The header that the link leads to, if it is that of a block that it may lead to.
+std::optional<BlockScan> BlockCheck::leadsTo(const BlockLink& link) {
   const auto wrong = [&](const std::string& expected, const std::string& found) {
     findings_.error(link.position, fieldName(link.from, linkName(link.from, link.index)), expected,
                     found);
-    return false;
   };
-  if (!file_.holds(link.target, kBlockHeaderSize)) {
-    return wrong(formatText("a position inside the file of %" PRIu64 " bytes", file_.end()),
-                 std::to_string(link.target));
+  const BlockScan scan = scanBlock(file_, link.target);
+  if (scan.has(HeaderFault::Outside)) {
+    wrong(formatText("a position inside the file of %" PRIu64 " bytes", file_.end()),
+          std::to_string(link.target));
+  } else if (scan.has(HeaderFault::Unreadable)) {
+    wrong("a block", formatText("%" PRIu64 ", which cannot be read", link.target));
+  } else if (!scan.isBlock() || !mayLead(link, scan.header.type)) {
+    wrong("a " + allowedKinds(link.from, link.index),
+          formatText("%" PRIu64 ", where %s stands", link.target,
+                     describe(scan, HeaderFault::NoBlock, file_.end()).found.c_str()));
+  } else {
+    if (link.target % kBlockAlignment != 0) wrong("a multiple of 8", std::to_string(link.target));
+    return scan;
   }
-  if (!read(link.target, kBlockHeaderSize, &header)) {
-    return wrong("a block", formatText("%" PRIu64 ", which cannot be read", link.target));
-  }
-  if (header.marker != kBlockMarker || !mayLead(link, header.type)) {
-    const std::string_view found(reinterpret_cast<const char*>(&header), 4);
-    return wrong("a " + allowedKinds(link.from, link.index),
-                 formatText("%" PRIu64 ", where %s stands", link.target, quoted(found).c_str()));
-  }
-  if (link.target % kAlignment != 0) {
-    wrong("a multiple of 8", std::to_string(link.target));
-  }
-  return true;
+  return std::nullopt;
 }
 
 std::uint16_t BlockCheck::kindAt(const BlockLink& link) {
-  BlockHeader header;
-  return link.target != 0 && read(link.target, kBlockHeaderSize, &header) &&
-                 header.marker == kBlockMarker
-             ? header.type
-             : std::uint16_t{0};
+  const BlockScan scan = scanBlock(file_, link.target);
+  return link.target != 0 && scan.isBlock() ? scan.header.type : std::uint16_t{0};
 }
 
 std::optional<FoundBlock> BlockCheck::look(const BlockLink& link) {
-  BlockHeader header;
-  if (!leadsToItsKind(link, header)) return std::nullopt;
-  const auto wrong = [&](std::size_t offset, const char* field, const std::string& expected,
-                         std::uint64_t found) {
-    findings_.error(link.target + offset, fieldName(header.type, field), expected,
-                    std::to_string(found));
-  };
-  checkReserved(link.target + offsetof(BlockHeader, reserved), header.type, "reserved bytes",
-                bytesOf(header.reserved));
-  if (header.length == 0 && lengthIsAnnounced(header.type)) {
-    header.length = kBlockHeaderSize + header.linkCount * kLinkSize;
+  std::optional<BlockScan> scan = leadsTo(link);
+  if (!scan) return std::nullopt;
+  const std::uint16_t type = scan->header.type;
+  checkReserved(link.target + offsetof(BlockHeader, reserved), type, "reserved bytes",
+                bytesOf(scan->header.reserved));
+  if (scan->header.length == 0 && lengthIsAnnounced(type)) {
+    scan->header.length = kBlockHeaderSize + scan->header.linkCount * kLinkSize;
+    *scan = scanHeader(scan->header, link.target, file_.end());
   }
-  FoundBlock block = {link.target, header.type, header.linkCount};
-  if (!header.dataLength(block.dataBytes)) {
-    wrong(offsetof(BlockHeader, length), "length",
-          formatText("at least 24 and room for %" PRIu64 " links", header.linkCount),
-          header.length);
-    return std::nullopt;
+  for (const HeaderFault fault : kClaimFaults) {
+    if (!scan->has(fault)) continue;
+    HeaderIssue issue = describe(*scan, fault, file_.end());
+    findings_.error(link.target + issue.offset, fieldName(type, issue.field),
+                    std::move(issue.expected), std::move(issue.found));
+    if (fault == HeaderFault::LinksDoNotFit) return std::nullopt;
   }
-  if (header.linkCount < leastLinks(header.type)) {
-    wrong(offsetof(BlockHeader, linkCount), "link count",
-          formatText("at least %zu", leastLinks(header.type)), header.linkCount);
-  }
-  if (header.linkCount > mostLinks(header.type)) {
-    wrong(offsetof(BlockHeader, linkCount), "link count",
-          formatText("at most %" PRIu64, mostLinks(header.type)), header.linkCount);
-  }
-  if (block.dataBytes < leastData(header.type)) {
-    wrong(offsetof(BlockHeader, length), "length",
-          formatText("at least %" PRIu64,
-                     kBlockHeaderSize + header.linkCount * kLinkSize + leastData(header.type)),
-          header.length);
-  }
-  if (!file_.holds(link.target, header.length)) {
-    wrong(offsetof(BlockHeader, length), "length",
-          formatText("at most %" PRIu64 ", up to the end of the file", file_.end() - link.target),
-          header.length);
+  FoundBlock block = {link.target, type, scan->header.linkCount, scan->dataBytes};
+  if (scan->has(HeaderFault::BeyondEnd)) {
     block.cut = true;
-    if (!file_.holds(link.target, kBlockHeaderSize + header.linkCount * kLinkSize)) {
-      return std::nullopt;
-    }
+    if (!file_.holds(link.target, kBlockHeaderSize + block.links * kLinkSize)) return std::nullopt;
     block.dataBytes = file_.end() - block.dataPosition();
   }
   if (!isReadable(block)) {
@@ -171,8 +144,7 @@ std::optional<FoundBlock> BlockCheck::enterBlock(const BlockLink& link) {
   if (link.target == 0) return std::nullopt;
   const auto visited = visited_.find(link.target);
   if (visited == visited_.end()) return firstVisit(link);
-  BlockHeader header;
-  if (visited->second == Visit::Right && leadsToItsKind(link, header)) {
+  if (visited->second == Visit::Right && leadsTo(link)) {
     findings_.error(link.position, fieldName(link.from, linkName(link.from, link.index)),
                     "a block that no other link of the tree leads to",
                     formatText("%" PRIu64 ", reached for the second time", link.target));
@@ -196,8 +168,7 @@ std::optional<FoundBlock> BlockCheck::enterData(const BlockLink& link) {
 }
 
 void BlockCheck::refer(const BlockLink& link) {
-  BlockHeader header;
-  if (link.target != 0) leadsToItsKind(link, header);
+  if (link.target != 0) leadsTo(link);
 }
 
 void BlockCheck::shareText(const BlockLink& link) {

@@ -11,22 +11,13 @@
 
 #include "Mdf4/check/Findings.h"
 #include "Mdf4/format/BlockRecords.h"
+#include "Mdf4/format/BlockScan.h"
+#include "Mdf4/format/BlockTraits.h"
 #include "Mdf4/format/DirectFile.h"
 #include "Mdf4/format/FieldRules.h"
 #include "Mdf4/format/OwnedRanges.h"
 
 namespace tolvex {
-
-// Bits of id_unfin_flags: what a logger did not come to bring up to date.
-enum class Unfinished : std::uint16_t {
-  CycleCounts = 0x01,
-  ReductionCounts = 0x02,
-  LastDataLength = 0x04,
-  LastReductionLength = 0x08,
-  LastList = 0x10,
-  ValueByteCounts = 0x20,
-  ValueOffsets = 0x40,
-};
 
 // The kind of the block in which the link to the header block stands.
 inline constexpr std::uint16_t kNoBlock = 0;
@@ -68,9 +59,7 @@ class BlockCheck {
 
   void setUnfinished(std::uint16_t flags) { unfinished_ = flags; }
   // Whether the file itself says that this is not up to date.
-  bool announced(Unfinished fault) const {
-    return (unfinished_ & static_cast<std::uint16_t>(fault)) != 0;
-  }
+  bool announced(Unfinished fault) const { return has(unfinished_, fault); }
   // The same of the length of the last block of that kind.
   bool lengthIsAnnounced(std::uint16_t type) const;
 
@@ -109,7 +98,7 @@ class BlockCheck {
  private:
   enum class Visit : std::uint8_t { Wrong, Right };
 
-  bool leadsToItsKind(const BlockLink& link, BlockHeader& header);
+  std::optional<BlockScan> leadsTo(const BlockLink& link);
   std::optional<FoundBlock> look(const BlockLink& link);
   bool isReadable(const FoundBlock& block);
   bool own(const FoundBlock& block);

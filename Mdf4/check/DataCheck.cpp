@@ -11,12 +11,6 @@ namespace {
 
 using namespace block_type;
 
-constexpr std::uint32_t kLdFlagEqualLength = 0x1;
-
-std::string lettersOf(std::uint16_t type) {
-  return {static_cast<char>(type & 0xFF), static_cast<char>(type >> 8)};
-}
-
 }  // namespace
 
 void DataCheck::step() {
@@ -231,12 +225,12 @@ bool DataCheck::partOf(const FoundBlock& block, StoredPart& part) {
     kind = part.zip.dz_org_block_type;
   }
   if (wanted == 0 ? !isPlainData(kind) : kind != wanted) {
-    const std::string expected = wanted == 0 ? "a data block" : lettersOf(wanted);
+    const std::string expected = wanted == 0 ? "a data block" : letters(wanted);
     walk_.findings().error(part.compressed ? block.dataPosition() : link_.position,
                            part.compressed
                                ? fieldName(kDZ, "dz_org_block_type")
                                : fieldName(link_.from, linkName(link_.from, link_.index)),
-                           expected, quoted(lettersOf(kind)));
+                           expected, quoted(letters(kind)));
   }
   if (!part.compressed) return true;
   const FieldFaults faults = faultsOf(part.zip, block.room());

@@ -19,9 +19,6 @@
 namespace tolvex {
 namespace {
 
-constexpr std::string_view kFinished = "MDF     ";
-constexpr std::string_view kUnfinished = "UnFinMF ";
-
 class FileCheck {
  public:
   FileCheck(DirectFile& file, MdfCheckReport& report, const MdfProgress& progress,
@@ -39,7 +36,7 @@ class FileCheck {
   using Walks = std::vector<std::unique_ptr<DataCheck>>;
 
   bool checkIdentification();
-  void checkUnfinished(const IdBlock& id, std::string_view fileId);
+  void checkUnfinalizedFileId(const IdBlock& id, std::string_view fileId);
   void checkVersion(const IdBlock& id);
   bool hasHeaderBlock();
   void planValues(Walks& walks);
@@ -86,14 +83,14 @@ bool FileCheck::checkIdentification() {
   walk_.read(0, size, &id);
   walk_.owned().add(0, sizeof id);
   const std::string_view fileId(id.id_file, sizeof id.id_file);
-  const bool known = fileId == kFinished || fileId == kUnfinished;
+  const bool known = fileId == kFileId || fileId == kUnfinalizedFileId;
   if (size < sizeof id || (!known && !hasHeaderBlock())) {
     findings_.error(
-        0, "identification block: id_file", quoted(kFinished),
+        0, "identification block: id_file", quoted(kFileId),
         size < sizeof id ? formatText("a file of %" PRIu64 " bytes", file_.end()) : quoted(fileId));
     return false;
   }
-  checkUnfinished(id, fileId);
+  checkUnfinalizedFileId(id, fileId);
   checkVersion(id);
   const auto reserved = [&](std::size_t offset, const char* field, ByteSpan bytes) {
     if (std::ranges::all_of(bytes, [](std::uint8_t byte) { return byte == 0; })) return;
@@ -112,7 +109,7 @@ bool FileCheck::hasHeaderBlock() {
          header.marker == kBlockMarker && header.type == block_type::kHD;
 }
 
-void FileCheck::checkUnfinished(const IdBlock& id, std::string_view fileId) {
+void FileCheck::checkUnfinalizedFileId(const IdBlock& id, std::string_view fileId) {
   static constexpr std::array kMeanings = {
       "cycle counters of CG",     "cycle counters of SR",  "length of the last DT",
       "length of the last RD",    "last DL of each chain", "byte counts of VLSD channel groups",
@@ -122,7 +119,7 @@ void FileCheck::checkUnfinished(const IdBlock& id, std::string_view fileId) {
   const auto say = [&found](const std::string& text) {
     found += (found.empty() ? "" : ", ") + text;
   };
-  if (fileId != kFinished) say(quoted(fileId));
+  if (fileId != kFileId) say(quoted(fileId));
   for (unsigned bit = 0; bit < 16; ++bit) {
     if ((id.id_unfin_flags >> bit & 1U) == 0) continue;
     say(bit < kMeanings.size() ? kMeanings[bit] : formatText("flag %u", bit));
@@ -131,21 +128,19 @@ void FileCheck::checkUnfinished(const IdBlock& id, std::string_view fileId) {
     say(formatText("custom flags 0x%04X", unsigned{id.id_custom_unfin_flags}));
   }
   if (found.empty()) return;
-  walk_.setUnfinished(fileId == kUnfinished ? id.id_unfin_flags : std::uint16_t{0});
+  walk_.setUnfinished(fileId == kUnfinalizedFileId ? id.id_unfin_flags : std::uint16_t{0});
   findings_.error(id.id_unfin_flags == 0 ? 0 : offsetof(IdBlock, id_unfin_flags),
                   id.id_unfin_flags == 0 ? "identification block: id_file"
                                          : "identification block: id_unfin_flags",
-                  "a finalized file, " + quoted(kFinished) + " without flags",
-                  (fileId == kUnfinished ? "unfinalized: " : "") + found);
+                  "a finalized file, " + quoted(kFileId) + " without flags",
+                  (fileId == kUnfinalizedFileId ? "unfinalized: " : "") + found);
 }
 
 void FileCheck::checkVersion(const IdBlock& id) {
-  constexpr unsigned kOldest = 400;
-  constexpr unsigned kNewest = 499;
   const unsigned number = id.id_ver;
-  if (number < kOldest || number > kNewest) {
+  if (number < kOldestVersion || number > kNewestVersion) {
     findings_.error(offsetof(IdBlock, id_ver), "identification block: id_ver",
-                    formatText("%u to %u", kOldest, kNewest), std::to_string(number));
+                    formatText("%u to %u", kOldestVersion, kNewestVersion), std::to_string(number));
   }
   std::string text(id.id_vers, sizeof id.id_vers);
   text.erase(std::min(text.find_last_not_of(std::string(" \0", 2)) + 1, text.size()));

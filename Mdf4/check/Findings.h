@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <string_view>
 
 #include "tolvex/Mdf4.h"
 
@@ -30,14 +29,5 @@ class Findings {
 
   MdfCheckReport& report_;
 };
-
-// "CN block: cn_data_type".
-std::string fieldName(std::uint16_t blockType, std::string_view field);
-// The name of a link, e.g. "cn_tx_name" or "dl_data[3]".
-std::string linkName(std::uint16_t blockType, std::size_t index);
-// "TX or MD": what link `index` may lead to.
-std::string allowedKinds(std::uint16_t blockType, std::size_t index);
-// Bytes of a file in quotes; those that are no ASCII text as "\xNN".
-std::string quoted(std::string_view bytes);
 
 }  // namespace tolvex

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/can/ChannelPlace.h"
 #include "Mdf4/check/TreeCheck.h"
 #include "Mdf4/format/BlockTraits.h"
 
@@ -85,13 +86,12 @@ void TreeCheck::checkMasters(const CheckedGroup& group, bool hasChannels) {
 }
 
 void TreeCheck::checkReduction(const FoundBlock& block, const CheckedGroup& group) {
-  constexpr std::uint8_t kInvalidation = 0x1;
   constexpr std::uint64_t kParts = 3;  // mean, least and greatest value
   CheckedReduction reduction = {block, walk_.record<m4SRRecord>(block)};
   walk_.checkReserved(block.field(offsetof(m4SRRecord, sr_reserved)), block.type, "sr_reserved",
                       bytesOf(reduction.record.sr_reserved));
   reduction.recordSize = kParts * group.record.cg_data_bytes;
-  if ((reduction.record.sr_flags & kInvalidation) != 0) {
+  if ((reduction.record.sr_flags & kSrFlagInvalidation) != 0) {
     reduction.recordSize += group.record.cg_inval_bytes;
   }
   reduction.data = walk_.link(block, sr_data);

@@ -129,7 +129,6 @@ RecordWatch::Field RecordWatch::field(std::uint64_t offset, std::uint32_t length
 }
 
 void RecordWatch::watchTime(const WatchedChannel& channel) {
-  constexpr std::uint8_t kFloat = 4;  // little-endian
   const m4CNRecord& record = channel.record;
   const std::optional<Linear> linear =
       conversionAt(walk_, walk_.link(channel.block, link::cn_cc_conversion));
@@ -142,8 +141,8 @@ void RecordWatch::watchTime(const WatchedChannel& channel) {
   time.field = field(record.cn_byte_offset, length);
   time.summand = linear->summand;
   time.factor = linear->factor;
-  time.plain =
-      record.cn_data_type == kFloat && record.cn_bit_count == 64 && record.cn_bit_offset == 0;
+  time.plain = record.cn_data_type == data_type::kFloat && record.cn_bit_count == 64 &&
+               record.cn_bit_offset == 0;
   time.channel.dataType = record.cn_data_type;
   time.channel.bitOffset = record.cn_bit_offset;
   time.channel.bitCount = static_cast<std::uint8_t>(record.cn_bit_count);

@@ -60,7 +60,7 @@ void TreeCheck::checkHierarchies(const BlockLink& first) {
 }
 
 void TreeCheck::checkAttachment(const FoundBlock& block) {
-  constexpr std::uint16_t kCompressed = 0x3;  // and embedded
+  constexpr std::uint16_t kCompressed = kAtFlagEmbedded | kAtFlagCompressed;
   const auto record = walk_.record<m4ATRecord>(block);
   const FieldFaults faults = faultsOf(record, block.room());
   walk_.enter(block, faults);

@@ -1,127 +1,67 @@
 #include "Mdf4/format/BlockLoader.h"
 
 #include <cinttypes>
+#include <optional>
 
 #include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/format/BlockScan.h"
+#include "Mdf4/format/BlockTraits.h"
 #include "Mdf4/format/DataBlocks.h"
 
 namespace tolvex {
 namespace {
 
-// Channel groups of a file are loaded with the links that the file gives them.
-constexpr std::uint16_t kLoadedGroupVersion = 410;
+template <class... Blocks>
+std::unique_ptr<m4Block> makeOneOf(std::uint16_t type) {
+  std::unique_ptr<m4Block> block;
+  ((type == Blocks::kType && (block = std::make_unique<Blocks>(), true)) || ...);
+  return block;
+}
 
+// A new block of the kind; null for one that is not loaded.
 std::unique_ptr<m4Block> makeBlock(std::uint16_t type) {
-  switch (type) {
-    case block_type::kDG:
-      return std::make_unique<M4DGBlock>();
-    case block_type::kCG:
-      return std::make_unique<M4CGBlock>(kLoadedGroupVersion);
-    case block_type::kCN:
-      return std::make_unique<M4CNBlock>();
-    case block_type::kCC:
-      return std::make_unique<M4CCBlock>();
-    case block_type::kCA:
-      return std::make_unique<M4CABlock>();
-    case block_type::kCH:
-      return std::make_unique<M4CHBlock>();
-    case block_type::kSI:
-      return std::make_unique<M4SIBlock>();
-    case block_type::kSR:
-      return std::make_unique<M4SRBlock>();
-    case block_type::kAT:
-      return std::make_unique<M4ATBlock>();
-    case block_type::kEV:
-      return std::make_unique<M4EVBlock>();
-    case block_type::kFH:
-      return std::make_unique<M4FHBlock>();
-    case block_type::kTX:
-      return std::make_unique<M4TXBlock>();
-    case block_type::kMD:
-      return std::make_unique<M4MDBlock>();
-    case block_type::kDL:
-      return std::make_unique<M4DLBlock>();
-    case block_type::kLD:
-      return std::make_unique<M4LDBlock>();
-    case block_type::kHL:
-      return std::make_unique<M4HLBlock>();
-    case block_type::kDZ:
-      return std::make_unique<M4DZBlock>();
-    case block_type::kDT:
-      return std::make_unique<M4DTBlock>();
-    case block_type::kSD:
-      return std::make_unique<M4SDBlock>();
-    case block_type::kRD:
-      return std::make_unique<M4RDBlock>();
-    case block_type::kDV:
-      return std::make_unique<M4DVBlock>();
-    case block_type::kDI:
-      return std::make_unique<M4DIBlock>();
-    case block_type::kRV:
-      return std::make_unique<M4RVBlock>();
-    case block_type::kRI:
-      return std::make_unique<M4RIBlock>();
-    default:
-      return nullptr;
-  }
+  return makeOneOf<M4DGBlock, M4CGBlock, M4CNBlock, M4CCBlock, M4CABlock, M4CHBlock, M4SIBlock,
+                   M4SRBlock, M4ATBlock, M4EVBlock, M4FHBlock, M4TXBlock, M4MDBlock, M4DLBlock,
+                   M4LDBlock, M4HLBlock, M4DZBlock, M4DTBlock, M4SDBlock, M4RDBlock, M4DVBlock,
+                   M4DIBlock, M4RVBlock, M4RIBlock>(type);
 }
 
-// Two bytes as they would look in a text.
-std::string letters(std::uint16_t code) {
-  std::string text;
-  for (const unsigned shift : {0U, 8U}) {
-    const unsigned byte = code >> shift & 0xFFU;
-    if (byte >= 0x20 && byte < 0x7F) {
-      text += static_cast<char>(byte);
-    } else {
-      text += formatText("\\x%02X", byte);
-    }
-  }
-  return text;
-}
-
-void reportNoBlock(DirectFile& file, std::uint64_t position, const BlockHeader& header) {
-  file.report(formatText("a link leads to %" PRIu64 ": expected a block, found \"%s%s\"", position,
-                         letters(header.marker).c_str(), letters(header.type).c_str()));
-}
-
-// False for position 0, and, noted, where no block begins.
-bool readHeader(DirectFile& file, std::uint64_t position, BlockHeader& header) {
-  if (position == 0) return false;
+// Nothing for position 0, and, noted, where no known block begins.
+std::optional<BlockScan> scanAt(DirectFile& file, std::uint64_t position) {
+  if (position == 0) return std::nullopt;
+  BlockHeader header;
   if (!file.ReadAt(position, kBlockHeaderSize, &header)) {
     if (file.isOpen()) {
       file.report(formatText("a link leads to %" PRIu64 ", the file ends at %" PRIu64, position,
                              file.end()));
     }
-    return false;
+    return std::nullopt;
   }
-  if (header.marker != kBlockMarker) reportNoBlock(file, position, header);
-  return header.marker == kBlockMarker;
+  const BlockScan scan = scanHeader(header, position, file.end());
+  if (scan.isBlock() && header.type != block_type::kHD) return scan;
+  file.report(formatText("a link leads to %" PRIu64 ": expected a block, found %s", position,
+                         describe(scan, HeaderFault::NoBlock, file.end()).found.c_str()));
+  return std::nullopt;
 }
 
 }  // namespace
 
 std::uint16_t blockTypeAt(DirectFile& file, std::uint64_t position) {
-  BlockHeader header;
-  return readHeader(file, position, header) ? header.type : std::uint16_t{0};
+  const std::optional<BlockScan> scan = scanAt(file, position);
+  return scan ? scan->header.type : std::uint16_t{0};
 }
 
 std::unique_ptr<m4Block> loadBlock(DirectFile& file, std::uint64_t position) {
-  BlockHeader header;
-  if (!readHeader(file, position, header)) return nullptr;
-  std::unique_ptr<m4Block> block = makeBlock(header.type);
-  if (block == nullptr) {
-    reportNoBlock(file, position, header);
-    return nullptr;
-  }
-  if (!block->load(file, position, header)) return nullptr;
+  const std::optional<BlockScan> scan = scanAt(file, position);
+  if (!scan) return nullptr;
+  std::unique_ptr<m4Block> block = makeBlock(scan->header.type);
+  if (!block->load(file, position, scan->header)) return nullptr;
   return block;
 }
 
 std::string loadText(DirectFile& file, std::uint64_t position) {
   const std::unique_ptr<m4Block> block = loadBlock(file, position);
-  if (block == nullptr ||
-      (block->typeCode() != block_type::kTX && block->typeCode() != block_type::kMD)) {
+  if (block == nullptr || !isText(block->typeCode())) {
     return {};
   }
   return std::string(static_cast<const M4TXBlock&>(*block).text());

@@ -1,20 +1,14 @@
-// Small steps with the type code and the record of a block.
+// Between a block's record and the bytes of its data section.
 #pragma once
 
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <string>
 #include <vector>
 
 #include "Mdf4/base/Bytes.h"
 
 namespace tolvex {
-
-// The two letters that a block's kind is known by.
-inline std::string letters(std::uint16_t type) {
-  return {static_cast<char>(type & 0xFF), static_cast<char>(type >> 8)};
-}
 
 // The record at the front of a block's data; 0 where the data are shorter.
 template <class Record>

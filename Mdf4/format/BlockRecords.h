@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <string_view>
 
 namespace tolvex {
 
@@ -49,6 +50,33 @@ inline constexpr std::uint64_t kBlockHeaderSize = 24;
 inline constexpr std::uint64_t kLinkSize = 8;
 inline constexpr std::uint64_t kIdBlockSize = 64;
 inline constexpr std::uint64_t kHeaderBlockPosition = 64;  // of the HD
+inline constexpr std::uint64_t kBlockAlignment = 8;        // of positions
+
+// Where a block may begin, at or behind the position.
+constexpr std::uint64_t alignUp(std::uint64_t position) {
+  return (position + kBlockAlignment - 1) / kBlockAlignment * kBlockAlignment;
+}
+
+// id_file: of a finalized file, and of one whose logger did not come to finalize it.
+inline constexpr std::string_view kFileId = "MDF     ";
+inline constexpr std::string_view kUnfinalizedFileId = "UnFinMF ";
+// id_ver: the version numbers of the format.
+inline constexpr std::uint16_t kOldestVersion = 400;
+inline constexpr std::uint16_t kNewestVersion = 499;
+
+// Bits of id_unfin_flags: what a logger did not come to bring up to date.
+enum class Unfinished : std::uint16_t {
+  CycleCounts = 0x01,
+  ReductionCounts = 0x02,
+  LastDataLength = 0x04,
+  LastReductionLength = 0x08,
+  LastList = 0x10,
+  ValueByteCounts = 0x20,
+  ValueOffsets = 0x40,
+};
+constexpr bool has(std::uint16_t flags, Unfinished step) {
+  return (flags & static_cast<std::uint16_t>(step)) != 0;
+}
 
 // The identification block, at the start of the file.
 struct IdBlock {
@@ -243,18 +271,65 @@ static_assert(sizeof(m4LDRecord) == 8);
 static_assert(sizeof(m4HLRecord) == 8);
 static_assert(sizeof(m4DZRecord) == 24 && offsetof(m4DZRecord, dz_org_data_length) == 8);
 
+// cg_flags
 inline constexpr std::uint16_t kCgFlagVlsd = 0x0001;
+inline constexpr std::uint16_t kCgFlagBusEvent = 0x0002;
+// sr_flags
+inline constexpr std::uint8_t kSrFlagInvalidation = 0x01;
+// at_flags
+inline constexpr std::uint16_t kAtFlagEmbedded = 0x1;
+inline constexpr std::uint16_t kAtFlagCompressed = 0x2;
+// dl_flags, ld_flags
 inline constexpr std::uint8_t kDlFlagEqualLength = 0x01;
+inline constexpr std::uint32_t kLdFlagEqualLength = 0x1;
 inline constexpr std::uint32_t kLdFlagInvalidation = 0x80000000;
+// dz_zip_type, hl_zip_type
 inline constexpr std::uint8_t kZipDeflate = 0;
 inline constexpr std::uint8_t kZipTransposeDeflate = 1;
+// si_type, si_bus_type
+inline constexpr std::uint8_t kSiTypeBus = 2;
+inline constexpr std::uint8_t kSiBusCan = 2;
 
+// cn_type
 namespace channel_type {
-inline constexpr std::uint8_t kFixedLength = 0;
-inline constexpr std::uint8_t kVlsd = 1;
-inline constexpr std::uint8_t kMaster = 2;
+enum : std::uint8_t {
+  kFixedLength,
+  kVlsd,
+  kMaster,
+  kVirtualMaster,
+  kSynchronization,
+  kMaximumLength,
+  kVirtualData,
+  kVlsc,
+};
 }  // namespace channel_type
+
+// cn_sync_type: 0 none, then what a master counts.
 inline constexpr std::uint8_t kSyncTime = 1;
+inline constexpr std::uint8_t kSyncIndex = 4;
+
+// cn_data_type; an odd number up to kUtf16BigEndian is big-endian.
+namespace data_type {
+enum : std::uint8_t {
+  kUnsigned,
+  kUnsignedBigEndian,
+  kSigned,
+  kSignedBigEndian,
+  kFloat,
+  kFloatBigEndian,
+  kLatin1,
+  kUtf8,
+  kUtf16,
+  kUtf16BigEndian,
+  kBytes,
+  kMimeSample,
+  kMimeStream,
+  kCanOpenDate,
+  kCanOpenTime,
+  kComplex,
+  kComplexBigEndian,
+};
+}  // namespace data_type
 
 // How raw values become physical ones (cc_type): N value, R value range, T text; kN2N looks up the
 // exact value, kN2NInterpol interpolates; kBTT is a text for each group of bits.
@@ -275,16 +350,17 @@ enum : std::uint8_t {
 };
 }  // namespace conversion_type
 
+// cn_flags
 inline constexpr std::uint32_t kCnFlagAllInvalid = 0x01;
 inline constexpr std::uint32_t kCnFlagInvalidBit = 0x02;
 inline constexpr std::uint32_t kCnFlagPrecision = 0x04;
 inline constexpr std::uint32_t kCnFlagValueRange = 0x08;
 inline constexpr std::uint32_t kCnFlagLimit = 0x10;
 inline constexpr std::uint32_t kCnFlagLimitExt = 0x20;
+inline constexpr std::uint32_t kCnFlagDefaultX = 0x1000;  // three links more
+// cc_flags
 inline constexpr std::uint16_t kCcFlagPrecision = 0x01;
 inline constexpr std::uint16_t kCcFlagPhysRange = 0x02;
-inline constexpr std::uint8_t kSiTypeBus = 2;
-inline constexpr std::uint8_t kSiBusCan = 2;
 
 // Link indices.
 namespace link {

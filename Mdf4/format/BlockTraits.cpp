@@ -3,245 +3,192 @@
 #include <algorithm>
 #include <array>
 #include <initializer_list>
-
-#include "Mdf4/can/BusLogLayout.h"
+#include <iterator>
 
 namespace tolvex {
 namespace {
 
 using namespace block_type;
+using enum LinkUse;
+using enum BlockRole;
 
-using Kinds = std::initializer_list<std::uint16_t>;
+// In this order the bits of a set stand for the kinds.
+constexpr std::array kKinds = {kHD, kFH, kTX, kMD, kDG, kCG, kCN, kCC, kSI, kSR, kCA, kCH, kAT,
+                               kEV, kDL, kLD, kHL, kDZ, kDT, kSD, kRD, kDV, kDI, kRV, kRI};
 
-bool isOneOf(std::uint16_t type, Kinds kinds) {
-  return std::find(kinds.begin(), kinds.end(), type) != kinds.end();
+constexpr KindSet setOf(std::uint16_t type) {
+  const auto kind = std::find(kKinds.begin(), kKinds.end(), type);
+  return kind == kKinds.end() ? 0 : KindSet{1} << (kind - kKinds.begin());
+}
+constexpr KindSet setOf(std::initializer_list<std::uint16_t> types) {
+  KindSet set = 0;
+  for (const std::uint16_t type : types) set |= setOf(type);
+  return set;
 }
 
-bool isText(std::uint16_t type) {
-  return type == kTX || type == kMD;
-}
+constexpr KindSet kTexts = setOf({kTX, kMD});
+constexpr KindSet kLists = setOf({kDL, kLD, kHL});
+constexpr KindSet kRecords = kLists | setOf({kDT, kDV, kDZ});
+constexpr KindSet kReductions = kLists | setOf({kRD, kRV, kDZ});
+constexpr KindSet kGroups = setOf({kDG, kCG, kCN});
 
-bool isRecords(std::uint16_t type) {
-  return isOneOf(type, {kDT, kDV, kDZ, kDL, kLD, kHL});
-}
+constexpr LinkTraits kHdLinks[] = {
+    {"hd_dg_first", setOf(kDG), Owns}, {"hd_fh_first", setOf(kFH), Owns},
+    {"hd_ch_first", setOf(kCH), Owns}, {"hd_at_first", setOf(kAT), Owns},
+    {"hd_ev_first", setOf(kEV), Owns}, {"hd_md_comment", kTexts, Shares},
+};
+constexpr LinkTraits kFhLinks[] = {
+    {"fh_fh_next", setOf(kFH), Owns},
+    {"fh_md_comment", kTexts, Shares},
+};
+constexpr LinkTraits kDgLinks[] = {
+    {"dg_dg_next", setOf(kDG), Owns},
+    {"dg_cg_first", setOf(kCG), Owns},
+    {"dg_data", kRecords, Data},
+    {"dg_md_comment", kTexts, Shares},
+};
+constexpr LinkTraits kCgLinks[] = {
+    {"cg_cg_next", setOf(kCG), Owns},     {"cg_cn_first", setOf(kCN), Owns},
+    {"cg_tx_acq_name", kTexts, Shares},   {"cg_si_acq_source", setOf(kSI), Shares},
+    {"cg_sr_first", setOf(kSR), Owns},    {"cg_md_comment", kTexts, Shares},
+    {"cg_cg_master", setOf(kCG), Refers},
+};
+constexpr LinkTraits kCnLinks[] = {
+    {"cn_cn_next", setOf(kCN), Owns},
+    {"cn_composition", setOf({kCN, kCA}), Owns},
+    {"cn_tx_name", kTexts, Shares},
+    {"cn_si_source", setOf(kSI), Shares},
+    {"cn_cc_conversion", setOf(kCC), Shares},
+    {"cn_data", setOf({kSD, kDZ, kDL, kHL, kCG, kAT, kCN, kEV}), Data},
+    {"cn_md_unit", kTexts, Shares},
+    {"cn_md_comment", kTexts, Shares},
+    {"cn_at_reference[", kGroups | setOf(kAT), Refers},
+};
+constexpr LinkTraits kCcLinks[] = {
+    {"cc_tx_name", kTexts, Shares},           {"cc_md_unit", kTexts, Shares},
+    {"cc_md_comment", kTexts, Shares},        {"cc_cc_inverse", setOf(kCC), Shares},
+    {"cc_ref[", kTexts | setOf(kCC), Shares},
+};
+constexpr LinkTraits kSiLinks[] = {
+    {"si_tx_name", kTexts, Shares},
+    {"si_tx_path", kTexts, Shares},
+    {"si_md_comment", kTexts, Shares},
+};
+constexpr LinkTraits kSrLinks[] = {
+    {"sr_sr_next", setOf(kSR), Owns},
+    {"sr_data", kReductions, Data},
+};
+constexpr LinkTraits kEvLinks[] = {
+    {"ev_ev_next", setOf(kEV), Owns},    {"ev_ev_parent", setOf(kEV), Refers},
+    {"ev_ev_range", setOf(kEV), Refers}, {"ev_tx_name", kTexts, Shares},
+    {"ev_md_comment", kTexts, Shares},   {"ev_scope[", kGroups | kTexts | setOf(kAT), Refers},
+};
+constexpr LinkTraits kAtLinks[] = {
+    {"at_at_next", setOf(kAT), Owns},
+    {"at_tx_filename", kTexts, Shares},
+    {"at_tx_mimetype", kTexts, Shares},
+    {"at_md_comment", kTexts, Shares},
+};
+constexpr LinkTraits kChLinks[] = {
+    {"ch_ch_next", setOf(kCH), Owns}, {"ch_ch_first", setOf(kCH), Owns},
+    {"ch_tx_name", kTexts, Shares},   {"ch_md_comment", kTexts, Shares},
+    {"ch_element[", kGroups, Refers},
+};
+constexpr LinkTraits kCaLinks[] = {
+    {"ca_composition", setOf({kCN, kCA}), Owns},
+    {"ca_links[", kRecords | kGroups | setOf({kSD, kCC}), Refers},
+};
+constexpr LinkTraits kDlLinks[] = {
+    {"dl_dl_next", setOf(kDL), Owns},
+    {"dl_data[", setOf({kDT, kSD, kRD, kDV, kRV, kDZ}), Owns},
+};
+constexpr LinkTraits kLdLinks[] = {
+    {"ld_ld_next", setOf(kLD), Owns},
+    {"ld_data[", setOf({kDV, kDI, kRV, kRI, kDZ}), Owns},
+};
+constexpr LinkTraits kHlLinks[] = {{"hl_dl_first", setOf({kDL, kLD}), Owns}};
 
-bool isListed(std::uint16_t type) {
-  return isOneOf(type, {kDT, kSD, kRD, kDV, kRV, kDZ});
-}
+constexpr std::uint64_t kFixed = 64;                    // with room for what later versions add
+constexpr std::uint64_t kCounted = (1 << 16) + kFixed;  // as many as a 16-bit count can state
+constexpr std::uint64_t kMany = 1 << 20;
+constexpr std::uint64_t kAny = ~std::uint64_t{0};
 
-bool isGroupOrChannel(std::uint16_t type) {
-  return isOneOf(type, {kDG, kCG, kCN});
-}
+constexpr BlockTraits kTraits[] = {
+    {kHD, Tree, sizeof(m4HDRecord), 6, kFixed, kHdLinks},
+    {kFH, Tree, sizeof(m4FHRecord), 2, kFixed, kFhLinks},
+    {kTX, Text, 1, 0, kFixed, {}},
+    {kMD, Text, 1, 0, kFixed, {}},
+    {kDG, Tree, sizeof(m4DGRecord), 4, kFixed, kDgLinks},
+    {kCG, Tree, sizeof(m4CGRecord), 6, kFixed, kCgLinks},
+    {kCN, Tree, sizeof(m4CNRecord), 8, kCounted, kCnLinks},
+    {kCC, Shared, sizeof(m4CCRecord), 4, kCounted, kCcLinks},
+    {kSI, Shared, sizeof(m4SIRecord), 3, kFixed, kSiLinks},
+    {kSR, Tree, sizeof(m4SRRecord), 2, kFixed, kSrLinks},
+    {kCA, Tree, sizeof(m4CARecord), 1, kMany, kCaLinks},
+    {kCH, Tree, sizeof(m4CHRecord), 4, kMany, kChLinks},
+    {kAT, Tree, sizeof(m4ATRecord), 4, kFixed, kAtLinks},
+    {kEV, Tree, sizeof(m4EVRecord), 5, kMany, kEvLinks},
+    {kDL, DataList, sizeof(m4DLRecord), 1, kAny, kDlLinks},
+    {kLD, DataList, sizeof(m4LDRecord), 1, kAny, kLdLinks},
+    {kHL, DataList, sizeof(m4HLRecord), 1, kFixed, kHlLinks},
+    {kDZ, Compressed, sizeof(m4DZRecord), 0, kFixed, {}},
+    {kDT, PlainData, 0, 0, kFixed, {}},
+    {kSD, PlainData, 0, 0, kFixed, {}},
+    {kRD, PlainData, 0, 0, kFixed, {}},
+    {kDV, PlainData, 0, 0, kFixed, {}},
+    {kDI, PlainData, 0, 0, kFixed, {}},
+    {kRV, PlainData, 0, 0, kFixed, {}},
+    {kRI, PlainData, 0, 0, kFixed, {}},
+};
+static_assert(std::size(kTraits) == kKinds.size());
+static_assert(std::ranges::equal(kTraits, kKinds, {}, &BlockTraits::type));
 
-// Bytes that a bit count fills.
-constexpr std::uint64_t bytesOfBits(std::uint64_t bits) {
-  return bits / 8 + (bits % 8 != 0 ? 1 : 0);
-}
+constexpr BlockTraits kNoKind = {0, Tree, 0, 0, 0, {}};
+constexpr LinkTraits kUnknownLink = {nullptr, kTexts, Shares};
 
-// The fields whose place the layout itself puts beyond a record of the smallest payload. The offset
-// of a value is no such field.
-bool mayLieOutside(const m4CNRecord& channel, std::string_view name) {
-  if (channel.cn_type == channel_type::kVlsd) return false;
-  return std::ranges::any_of(kCanDataFrames.channels, [&](const BusLogChannel& field) {
-    return field.byteOffset == channel.cn_byte_offset && field.bits == channel.cn_bit_count &&
-           field.byteOffset + field.bits / 8 > kCanDataFrames.recordSize(0) &&
-           name == kCanDataFrames.channelName(field);
-  });
+constexpr bool repeats(const LinkTraits& link) {
+  return std::string_view(link.name).ends_with('[');
 }
 
 }  // namespace
 
+const LinkTraits& BlockTraits::link(std::size_t index) const {
+  if (index < links.size()) return links[index];
+  return !links.empty() && repeats(links.back()) ? links.back() : kUnknownLink;
+}
+
+const BlockTraits& traitsOf(std::uint16_t type) {
+  const auto* const traits = std::ranges::find(kTraits, type, &BlockTraits::type);
+  return traits == std::end(kTraits) ? kNoKind : *traits;
+}
+
 bool mayLinkTo(std::uint16_t from, std::size_t index, std::uint16_t to) {
-  using namespace link;
-  switch (from) {
-    case kHD: {
-      constexpr std::array kFirst = {kDG, kFH, kCH, kAT, kEV};
-      return index < kFirst.size() ? to == kFirst[index] : isText(to);
-    }
-    case kFH:
-      return index == fh_fh_next ? to == kFH : isText(to);
-    case kDG:
-      return index == dg_dg_next    ? to == kDG
-             : index == dg_cg_first ? to == kCG
-             : index == dg_data     ? isRecords(to)
-                                    : isText(to);
-    case kCG:
-      switch (index) {
-        case cg_cn_first:
-          return to == kCN;
-        case cg_si_acq_source:
-          return to == kSI;
-        case cg_sr_first:
-          return to == kSR;
-        case cg_cg_next:
-        case cg_cg_master:
-          return to == kCG;
-        default:
-          return isText(to);
-      }
-    case kCN:
-      switch (index) {
-        case cn_cn_next:
-          return to == kCN;
-        case cn_composition:
-          return to == kCN || to == kCA;
-        case cn_si_source:
-          return to == kSI;
-        case cn_cc_conversion:
-          return to == kCC;
-        case cn_data:
-          return isOneOf(to, {kSD, kDZ, kDL, kHL, kCG, kAT, kCN, kEV});
-        case cn_tx_name:
-        case cn_md_unit:
-        case cn_md_comment:
-          return isText(to);
-        default:
-          return to == kAT || isGroupOrChannel(to);
-      }
-    case kCC:
-      return index == cc_cc_inverse ? to == kCC
-             : index < cc_ref       ? isText(to)
-                                    : isText(to) || to == kCC;
-    case kSI:
-      return isText(to);
-    case kSR:
-      return index == sr_sr_next ? to == kSR : isOneOf(to, {kRD, kRV, kDZ, kDL, kLD, kHL});
-    case kEV:
-      return index <= ev_ev_range     ? to == kEV
-             : index <= ev_md_comment ? isText(to)
-                                      : to == kAT || isText(to) || isGroupOrChannel(to);
-    case kAT:
-      return index == at_at_next ? to == kAT : isText(to);
-    case kCH:
-      return index <= ch_ch_first     ? to == kCH
-             : index <= ch_md_comment ? isText(to)
-                                      : isGroupOrChannel(to);
-    case kCA:
-      return index == ca_composition
-                 ? to == kCN || to == kCA
-                 : isRecords(to) || to == kSD || to == kCC || isGroupOrChannel(to);
-    case kDL:
-      return index == dl_dl_next ? to == kDL : isListed(to);
-    case kLD:
-      return index == ld_ld_next ? to == kLD : isOneOf(to, {kDV, kDI, kRV, kRI, kDZ});
-    case kHL:
-      return to == kDL || to == kLD;
-    default:
-      return false;
+  return isKnownBlock(from) && (traitsOf(from).link(index).targets & setOf(to)) != 0;
+}
+
+std::string letters(std::uint16_t type) {
+  return {static_cast<char>(type & 0xFF), static_cast<char>(type >> 8)};
+}
+
+std::string fieldName(std::uint16_t type, std::string_view field) {
+  return letters(type).append(" block: ").append(field);
+}
+
+std::string linkName(std::uint16_t type, std::size_t index) {
+  const BlockTraits& traits = traitsOf(type);
+  const LinkTraits& link = traits.link(index);
+  if (link.name == nullptr) return "link " + std::to_string(index);
+  if (!repeats(link)) return link.name;
+  return link.name + std::to_string(index + 1 - traits.links.size()) + "]";
+}
+
+std::string allowedKinds(std::uint16_t type, std::size_t index) {
+  std::string kinds;
+  for (const std::uint16_t kind : kKinds) {
+    if (!mayLinkTo(type, index, kind)) continue;
+    kinds.append(kinds.empty() ? "" : " or ").append(letters(kind));
   }
-}
-
-bool isKnownBlock(std::uint16_t type) {
-  return isData(type) || isText(type) || isGroupOrChannel(type) ||
-         isOneOf(type, {kHD, kFH, kCC, kSI, kSR, kEV, kAT, kCH, kCA});
-}
-
-bool isPlainData(std::uint16_t type) {
-  return isOneOf(type, {kDT, kSD, kRD, kDV, kDI, kRV, kRI});
-}
-
-bool isDataList(std::uint16_t type) {
-  return isOneOf(type, {kDL, kLD, kHL});
-}
-
-bool isData(std::uint16_t type) {
-  return isPlainData(type) || isDataList(type) || type == kDZ;
-}
-
-std::size_t leastLinks(std::uint16_t type) {
-  switch (type) {
-    case kHD:
-    case kCG:
-      return 6;
-    case kCN:
-      return 8;
-    case kEV:
-      return 5;
-    case kDG:
-    case kCC:
-    case kAT:
-    case kCH:
-      return 4;
-    case kSI:
-      return 3;
-    case kFH:
-    case kSR:
-      return 2;
-    case kCA:
-    case kDL:
-    case kLD:
-    case kHL:
-      return 1;
-    default:
-      return 0;
-  }
-}
-
-std::uint64_t mostLinks(std::uint16_t type) {
-  constexpr std::uint64_t kFixed = 64;  // room for what later versions of the format add
-  switch (type) {
-    case kDL:
-    case kLD:
-      return ~std::uint64_t{0};
-    case kCA:
-    case kCH:
-    case kEV:
-      return 1 << 20;
-    case kCN:
-    case kCC:
-      return (1 << 16) + kFixed;  // as many as their counts can state
-    default:
-      return kFixed;
-  }
-}
-
-std::uint64_t leastData(std::uint16_t type) {
-  switch (type) {
-    case kHD:
-      return sizeof(m4HDRecord);
-    case kFH:
-      return sizeof(m4FHRecord);
-    case kDG:
-      return sizeof(m4DGRecord);
-    case kCG:
-      return sizeof(m4CGRecord);
-    case kCN:
-      return sizeof(m4CNRecord);
-    case kCC:
-      return sizeof(m4CCRecord);
-    case kSI:
-      return sizeof(m4SIRecord);
-    case kSR:
-      return sizeof(m4SRRecord);
-    case kEV:
-      return sizeof(m4EVRecord);
-    case kAT:
-      return sizeof(m4ATRecord);
-    case kCH:
-      return sizeof(m4CHRecord);
-    case kCA:
-      return sizeof(m4CARecord);
-    case kDL:
-      return sizeof(m4DLRecord);
-    case kLD:
-      return sizeof(m4LDRecord);
-    case kHL:
-      return sizeof(m4HLRecord);
-    case kDZ:
-      return sizeof(m4DZRecord);
-    default:
-      return isText(type) ? 1 : 0;
-  }
-}
-
-bool liesInside(const m4CNRecord& channel, std::string_view name, std::uint64_t recordBytes) {
-  const std::uint64_t bits = std::uint64_t{channel.cn_bit_offset} + channel.cn_bit_count;
-  if (channel.cn_bit_count == 0) return true;
-  return channel.cn_byte_offset + bytesOfBits(bits) <= recordBytes || mayLieOutside(channel, name);
-}
-
-bool invalidationBitLiesInside(const m4CNRecord& channel, std::uint64_t invalBytes) {
-  return (channel.cn_flags & kCnFlagInvalidBit) == 0 || channel.cn_inval_bit_pos / 8 < invalBytes;
+  return kinds + " block";
 }
 
 }  // namespace tolvex

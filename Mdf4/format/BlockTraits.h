@@ -1,35 +1,84 @@
-// What a sound file looks like, as far as its check and its recovery must agree on it.
+// The kinds of blocks of the format, and what holds for every block of a kind.
 #pragma once
 
 #include <cstdint>
+#include <span>
+#include <string>
 #include <string_view>
 
 #include "Mdf4/format/BlockRecords.h"
 
 namespace tolvex {
 
-// Whether the format allows link `index` of a block of kind `from` to lead to a block of kind `to`.
+// A set of kinds: a bit for each.
+using KindSet = std::uint32_t;
+
+// What a link is for.
+enum class LinkUse : std::uint8_t {
+  Owns,    // the one link that makes the block part of the tree
+  Shares,  // one of any number of links to a text, a source or a conversion
+  Data,    // leads to data blocks or lists of them
+  Refers,  // to a block that stands elsewhere in the tree
+};
+
+struct LinkTraits {
+  const char* name;  // ends in "[" when it stands for all links from here on
+  KindSet targets;   // the kinds that the link may lead to
+  LinkUse use;
+};
+
+enum class BlockRole : std::uint8_t { Tree, Shared, Text, PlainData, Compressed, DataList };
+
+// One kind of block.
+struct BlockTraits {
+  std::uint16_t type;
+  BlockRole role;
+  std::uint64_t leastData;  // bytes of the fixed record, or of the shortest text
+  std::uint64_t leastLinks;
+  std::uint64_t mostLinks;
+  std::span<const LinkTraits> links;
+
+  // The link with that index. Of links that the format does not know yet: they may lead to texts.
+  const LinkTraits& link(std::size_t index) const;
+};
+
+// The traits of a kind; those of no kind, type 0, for one that the format does not know.
+const BlockTraits& traitsOf(std::uint16_t type);
+
+// Whether link `index` of a block of kind `from` may lead to a block of kind `to`.
 bool mayLinkTo(std::uint16_t from, std::size_t index, std::uint16_t to);
 
-// Whether blocks of this kind are part of the format as the library knows it.
-bool isKnownBlock(std::uint16_t type);
+inline bool isKnownBlock(std::uint16_t type) {
+  return traitsOf(type).type != 0;
+}
+// TX, MD.
+inline bool isText(std::uint16_t type) {
+  return traitsOf(type).role == BlockRole::Text;
+}
+// Blocks that any number of links may lead to: TX, MD, SI, CC.
+inline bool isShared(std::uint16_t type) {
+  return isText(type) || traitsOf(type).role == BlockRole::Shared;
+}
 // DT, SD, RD, DV, DI, RV, RI: raw bytes and no links.
-bool isPlainData(std::uint16_t type);
+inline bool isPlainData(std::uint16_t type) {
+  return traitsOf(type).role == BlockRole::PlainData;
+}
 // DL, LD, HL.
-bool isDataList(std::uint16_t type);
-// Plain data, DZ and lists: what stands behind a link to data.
-bool isData(std::uint16_t type);
-// The links that a block of this kind has at least.
-std::size_t leastLinks(std::uint16_t type);
-std::uint64_t mostLinks(std::uint16_t type);
-// The bytes behind the links that it has at least.
-std::uint64_t leastData(std::uint16_t type);
+inline bool isDataList(std::uint16_t type) {
+  return traitsOf(type).role == BlockRole::DataList;
+}
+// Plain data, DZ and lists: what a link to data leads to.
+inline bool isData(std::uint16_t type) {
+  return isPlainData(type) || isDataList(type) || type == block_type::kDZ;
+}
 
-// Whether the channel's bits lie inside a record of `recordBytes`: its data bytes, which the
-// invalidation bytes follow. `name` is the channel's: the two fields of bus-log data frames that
-// tolvex places behind the payload, and fills never, may lie anywhere.
-bool liesInside(const m4CNRecord& channel, std::string_view name, std::uint64_t recordBytes);
-// Whether the channel's invalidation bit, if it has one, is among `invalBytes`.
-bool invalidationBitLiesInside(const m4CNRecord& channel, std::uint64_t invalBytes);
+// The two letters of a kind.
+std::string letters(std::uint16_t type);
+// "CN block: cn_data_type".
+std::string fieldName(std::uint16_t type, std::string_view field);
+// The name of a link, e.g. "cn_tx_name" or "dl_data[3]".
+std::string linkName(std::uint16_t type, std::size_t index);
+// "TX or MD block": what link `index` may lead to.
+std::string allowedKinds(std::uint16_t type, std::size_t index);
 
 }  // namespace tolvex

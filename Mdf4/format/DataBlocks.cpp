@@ -45,8 +45,7 @@ bool M4DataBlock::writeOut() {
   return written_;
 }
 
-M4DLBlock::M4DLBlock(std::uint32_t capacity, std::uint64_t equalLength)
-    : m4BlockImpl(1), capacity_(capacity) {
+M4DLBlock::M4DLBlock(std::uint32_t capacity, std::uint64_t equalLength) : capacity_(capacity) {
   links_.reserve(std::size_t{capacity} + 1);  // so that adding a block that is placed cannot fail
   dl_flags = kDlFlagEqualLength;
   extra_.assign(1, equalLength);
@@ -97,8 +96,7 @@ std::uint64_t M4DLBlock::moveOn() {
   return position_;
 }
 
-M4LDBlock::M4LDBlock(std::uint32_t capacity, bool invalidation)
-    : m4BlockImpl(1), capacity_(capacity) {
+M4LDBlock::M4LDBlock(std::uint32_t capacity, bool invalidation) : capacity_(capacity) {
   ld_flags = invalidation ? kLdFlagInvalidation : 0;
 }
 

@@ -14,7 +14,7 @@ namespace tolvex {
 // that is filled bit by bit, and the block moves from place to place in the file.
 class M4DataBlock : public m4Block {
  public:
-  explicit M4DataBlock(std::uint16_t type) : m4Block(type, 0) {}
+  explicit M4DataBlock(std::uint16_t type) : m4Block(type) {}
 
   std::uint64_t extraSize() const override { return size_; }
   const void* extraData(unsigned index, std::uint64_t& size) const override;

@@ -10,23 +10,13 @@
 namespace tolvex {
 namespace {
 
-constexpr std::uint8_t kLastChannelType = 7;
-constexpr std::uint8_t kLastSyncType = 4;
-constexpr std::uint8_t kLastDataType = 16;
-constexpr std::uint32_t kCnFlagDefaultX = 0x1000;  // three links more
-constexpr std::uint16_t kAtFlagEmbedded = 0x1;
-constexpr std::uint16_t kAtFlagCompressed = 0x2;
-
 enum class ValueKind : std::uint8_t { Integer, Float, Bytes, Complex };
 
 ValueKind valueKind(std::uint8_t dataType) {
-  constexpr std::uint8_t kFirstFloat = 4;
-  constexpr std::uint8_t kFirstText = 6;
-  constexpr std::uint8_t kFirstComplex = 15;
-  return dataType < kFirstFloat     ? ValueKind::Integer
-         : dataType < kFirstText    ? ValueKind::Float
-         : dataType < kFirstComplex ? ValueKind::Bytes
-                                    : ValueKind::Complex;
+  return dataType < data_type::kFloat     ? ValueKind::Integer
+         : dataType < data_type::kLatin1  ? ValueKind::Float
+         : dataType < data_type::kComplex ? ValueKind::Bytes
+                                          : ValueKind::Complex;
 }
 
 std::string upTo(std::uint64_t most) {
@@ -67,7 +57,7 @@ void checkBits(const m4CNRecord& channel, Faults& faults) {
   const auto oneOf = [bits](std::initializer_list<std::uint32_t> sizes) {
     return std::find(sizes.begin(), sizes.end(), bits) != sizes.end();
   };
-  if (isVirtual(channel) || channel.cn_data_type > kLastDataType) return;
+  if (isVirtual(channel) || channel.cn_data_type > data_type::kComplexBigEndian) return;
   if (channel.cn_type == channel_type::kVlsd) {  // the bits are those of an offset
     if (bits == 0 || bits > 64) faults.error(at, "cn_bit_count", "1 to 64, of an offset", bits);
     return;
@@ -152,13 +142,13 @@ bool lacksDefault(std::uint8_t kind, Counts given) {
 
 FieldFaults faultsOf(const m4CNRecord& channel, BlockRoom room) {
   Faults faults;
-  faults.atMost(kLastChannelType, offsetof(m4CNRecord, cn_type), "cn_type", channel.cn_type);
-  faults.atMost(kLastSyncType, offsetof(m4CNRecord, cn_sync_type), "cn_sync_type",
+  faults.atMost(channel_type::kVlsc, offsetof(m4CNRecord, cn_type), "cn_type", channel.cn_type);
+  faults.atMost(kSyncIndex, offsetof(m4CNRecord, cn_sync_type), "cn_sync_type",
                 channel.cn_sync_type);
   if (isMaster(channel) && channel.cn_sync_type == 0) {
     faults.error(offsetof(m4CNRecord, cn_sync_type), "cn_sync_type", "1 to 4, of a master", 0);
   }
-  faults.atMost(kLastDataType, offsetof(m4CNRecord, cn_data_type), "cn_data_type",
+  faults.atMost(data_type::kComplexBigEndian, offsetof(m4CNRecord, cn_data_type), "cn_data_type",
                 channel.cn_data_type);
   faults.atMost(7, offsetof(m4CNRecord, cn_bit_offset), "cn_bit_offset", channel.cn_bit_offset);
   checkBits(channel, faults);

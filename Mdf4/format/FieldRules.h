@@ -45,13 +45,13 @@ bool isSound(const Record& record, BlockRoom room) {
 
 // Virtual channels have no bits in the record.
 constexpr bool isVirtual(const m4CNRecord& channel) {
-  constexpr std::uint8_t kVirtualMaster = 3;
-  constexpr std::uint8_t kVirtualData = 6;
-  return channel.cn_type == kVirtualMaster || channel.cn_type == kVirtualData;
+  return channel.cn_type == channel_type::kVirtualMaster ||
+         channel.cn_type == channel_type::kVirtualData;
 }
 // Masters, virtual ones included.
 constexpr bool isMaster(const m4CNRecord& channel) {
-  return channel.cn_type == channel_type::kMaster || channel.cn_type == channel_type::kMaster + 1;
+  return channel.cn_type == channel_type::kMaster ||
+         channel.cn_type == channel_type::kVirtualMaster;
 }
 
 }  // namespace tolvex

@@ -6,13 +6,12 @@
 
 #include "Mdf4/base/Inflater.h"
 #include "Mdf4/format/BlockBytes.h"
+#include "Mdf4/format/BlockScan.h"
 #include "Mdf4/format/BlockTraits.h"
 #include "Mdf4/format/m4DataStream.h"
 
 namespace tolvex {
 namespace {
-
-constexpr std::uint64_t kAlignment = 8;
 
 // Bytes that a block may have behind its record, for what later versions of the format add.
 constexpr std::uint64_t kMostSurplus = 4096;
@@ -57,39 +56,26 @@ std::uint64_t neededLength(DirectFile& file, std::uint64_t position, const Block
     default:
       return 0;
   }
-  length += leastData(header.type) + behind;
+  length += traitsOf(header.type).leastData + behind;
   return length <= room ? length : 0;
 }
 
 // Whether a block, or the file's end, stands where one that ends at `end` would be followed.
 bool isFollowed(DirectFile& file, std::uint64_t end) {
-  const std::uint64_t position = (end + kAlignment - 1) / kAlignment * kAlignment;
-  BlockHeader next;
-  return end == file.end() || position == file.end() ||
-         (file.holds(position, kBlockHeaderSize) &&
-          file.ReadAt(position, kBlockHeaderSize, &next) && next.marker == kBlockMarker &&
-          isKnownBlock(next.type));
-}
-
-// Data blocks are large and their headers far apart: not worth the pages that other reads keep.
-bool readHeader(DirectFile& file, std::uint64_t position, BlockHeader& header) {
-  const WritableBytes bytes = writableBytesOf(header);
-  return file.holds(position, kBlockHeaderSize) &&
-         file.readPieces(position, std::span(&bytes, 1)) == kBlockHeaderSize;
+  const std::uint64_t position = alignUp(end);
+  return end == file.end() || position == file.end() || scanBlock(file, position).isBlock();
 }
 
 }  // namespace
 
 bool readSoundHeader(DirectFile& file, std::uint64_t position, BlockHeader& header) {
-  if (position == 0 || !file.holds(position, kBlockHeaderSize) ||
-      !file.ReadAt(position, kBlockHeaderSize, &header) || header.marker != kBlockMarker ||
-      !isKnownBlock(header.type) || header.linkCount < leastLinks(header.type) ||
-      header.linkCount > mostLinks(header.type)) {
+  if (position == 0) return false;
+  const BlockScan scan = scanBlock(file, position);
+  header = scan.header;
+  if (!scan.isBlock() || scan.has(HeaderFault::FewLinks) || scan.has(HeaderFault::ManyLinks)) {
     return false;
   }
-  std::uint64_t data = 0;
-  const bool fits = file.holds(position, header.length) && header.dataLength(data) &&
-                    data >= leastData(header.type);
+  const bool fits = scan.sound();
   const std::uint64_t needed = neededLength(file, position, header);
   if (needed == 0 || header.length == needed) return fits;
   // Of two lengths the one is right behind whose end a block stands.
@@ -223,8 +209,7 @@ bool ListedBlocks::nextEntry(ListedBlock& block) {
 
 // Whether a block, or the file's end, stands where one that ends at `end` would be followed.
 bool ListedBlocks::followedByBlock(std::uint64_t end) const {
-  const std::uint64_t rest = end % kAlignment;
-  const std::uint64_t position = rest == 0 ? end : end + (kAlignment - rest);
+  const std::uint64_t position = alignUp(end);
   if (end == file_.end() || position == file_.end()) return true;
   BlockHeader header;
   return end < file_.end() && readSoundHeader(file_, position, header);
@@ -262,13 +247,11 @@ void ListedBlocks::settle(ListedBlock& block) {
   std::optional<std::uint64_t>& expected = block.expected;
   if (expected > mostInflated(file_.end())) expected.reset();
   block.bytes = expected.value_or(0);
-  BlockHeader header;
-  if (block.position == 0 || !file_.holds(block.position, kBlockHeaderSize)) return;
-  if (!readHeader(file_, block.position, header)) {
-    settleHeadless(block);
-    return;
-  }
-  if (header.marker != kBlockMarker) return;
+  if (block.position == 0) return;
+  const BlockScan scan = scanBlock(file_, block.position, HeaderRead::Passing);
+  if (scan.has(HeaderFault::Unreadable)) settleHeadless(block);
+  if (!scan.isBlock()) return;
+  const BlockHeader& header = scan.header;
   const std::uint64_t present = file_.end() - block.position - kBlockHeaderSize;
   std::uint64_t stated = 0;
   if (header.type == block_type::kDZ) {
@@ -313,7 +296,7 @@ void ListedBlocks::settleHeadless(ListedBlock& block) const {
   const std::uint64_t start = block.position + kBlockHeaderSize;
   if (block.bytes == 0 || !file_.holds(start, block.bytes)) return;
   const std::uint64_t end = start + block.bytes;
-  if (!followedByBlock(end) && !followedByBlock(end + kAlignment)) return;
+  if (!followedByBlock(end) && !followedByBlock(end + kBlockAlignment)) return;
   block.kind = ListedBlock::Data;
   block.type = block_type::kDT;
   block.size = kBlockHeaderSize + block.bytes;

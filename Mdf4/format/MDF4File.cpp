@@ -8,10 +8,6 @@
 namespace tolvex {
 namespace {
 
-constexpr std::string_view kFileId = "MDF     ";
-constexpr std::string_view kUnfinalizedFileId = "UnFinMF ";
-constexpr std::uint16_t kOldestVersion = 400;
-
 // Bytes of a file as they may be shown.
 std::string printable(std::string_view bytes) {
   std::string text;

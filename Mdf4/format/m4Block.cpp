@@ -5,6 +5,8 @@
 #include <cinttypes>
 
 #include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/format/BlockScan.h"
+#include "Mdf4/format/BlockTraits.h"
 
 namespace tolvex {
 namespace {
@@ -14,22 +16,22 @@ constexpr std::uint64_t kLargestLoaded = std::uint64_t{256} << 20;
 
 }  // namespace
 
-m4Block::m4Block(std::uint16_t type, std::size_t links) : links_(links) {
+m4Block::m4Block(std::uint16_t type) : links_(traitsOf(type).leastLinks) {
   header_.type = type;
 }
 
+M4CGBlock::M4CGBlock(std::uint16_t version) {
+  constexpr std::uint16_t kFirstWithMaster = 411;
+  if (version >= kFirstWithMaster) links_.resize(link::cg_cg_master + 1);
+}
+
 bool m4Block::load(DirectFile& file, std::uint64_t position, const BlockHeader& header) {
-  std::uint64_t dataLength = 0;
-  if (!header.dataLength(dataLength)) {
-    file.report(formatText("block at %" PRIu64 ": %" PRIu64 " links do not fit into its length of "
-                           "%" PRIu64 " bytes",
-                           position, header.linkCount, header.length));
-    return false;
-  }
-  if (!file.holds(position, header.length)) {
-    file.report(formatText("block at %" PRIu64 ": its length of %" PRIu64
-                           " bytes reaches beyond the file's end at %" PRIu64,
-                           position, header.length, file.end()));
+  const BlockScan scan = scanHeader(header, position, file.end());
+  for (const HeaderFault fault : {HeaderFault::LinksDoNotFit, HeaderFault::BeyondEnd}) {
+    if (!scan.has(fault)) continue;
+    const HeaderIssue issue = describe(scan, fault, file.end());
+    file.report(formatText("block at %" PRIu64 ": %s: expected %s, found %s", position, issue.field,
+                           issue.expected.c_str(), issue.found.c_str()));
     return false;
   }
   if (header.length > kLargestLoaded) {
@@ -47,7 +49,7 @@ bool m4Block::load(DirectFile& file, std::uint64_t position, const BlockHeader& 
     links_.assign(header.linkCount, 0);
     if (!file.ReadAt(position + kBlockHeaderSize, linkBytes, links_.data())) return false;
   }
-  return readData(position + kBlockHeaderSize + linkBytes, dataLength);
+  return readData(scan.dataPosition(), scan.dataBytes);
 }
 
 void m4Block::setLink(std::size_t index, std::uint64_t position) {

@@ -51,7 +51,7 @@ class m4Block {
   std::uint64_t save(DirectFile* file, unsigned flags);
 
  protected:
-  explicit m4Block(std::uint16_t type, std::size_t links);
+  explicit m4Block(std::uint16_t type);
 
   // Writes the parts of a placed block. Returns the position after it, or 0 on failure.
   std::uint64_t write(unsigned flags);
@@ -100,75 +100,37 @@ class m4BlockImpl : public m4Block, public Record {
   std::span<const Extra> extra() const { return extra_; }
   void setExtra(std::vector<Extra> extra) { extra_ = std::move(extra); }
 
- protected:
-  explicit m4BlockImpl(std::size_t links) : m4Block(Type, links), Record{} {}
+  // With the links that every block of the kind has.
+  m4BlockImpl() : m4Block(Type), Record{} {}
 
+ protected:
   std::vector<Extra> extra_;
 
  private:
   const void* recordBytes() const override { return static_cast<const Record*>(this); }
 };
 
-// The kinds, with the links that a new block carries.
+// The kinds with a record.
 using EmbeddedByte = std::uint8_t;
 
-class M4HDBlock : public m4BlockImpl<m4HDRecord, EmbeddedByte, block_type::kHD> {
- public:
-  M4HDBlock() : m4BlockImpl(6) {}
-};
-class M4FHBlock : public m4BlockImpl<m4FHRecord, EmbeddedByte, block_type::kFH> {
- public:
-  M4FHBlock() : m4BlockImpl(2) {}
-};
-class M4DGBlock : public m4BlockImpl<m4DGRecord, EmbeddedByte, block_type::kDG> {
- public:
-  M4DGBlock() : m4BlockImpl(4) {}
-};
+using M4HDBlock = m4BlockImpl<m4HDRecord, EmbeddedByte, block_type::kHD>;
+using M4FHBlock = m4BlockImpl<m4FHRecord, EmbeddedByte, block_type::kFH>;
+using M4DGBlock = m4BlockImpl<m4DGRecord, EmbeddedByte, block_type::kDG>;
 class M4CGBlock : public m4BlockImpl<m4CGRecord, EmbeddedByte, block_type::kCG> {
  public:
-  // From version number 411 on, a channel group has a link to its master group.
-  explicit M4CGBlock(std::uint16_t version) : m4BlockImpl(version < 411 ? 6 : 7) {}
+  // Version numbers up to 410: six links. From 411 on a channel group has one to its master group.
+  explicit M4CGBlock(std::uint16_t version = 410);
 };
-class M4CNBlock : public m4BlockImpl<m4CNRecord, EmbeddedByte, block_type::kCN> {
- public:
-  M4CNBlock() : m4BlockImpl(8) {}
-};
-class M4CCBlock : public m4BlockImpl<m4CCRecord, double, block_type::kCC> {
- public:
-  M4CCBlock() : m4BlockImpl(4) {}
-};
-class M4SIBlock : public m4BlockImpl<m4SIRecord, EmbeddedByte, block_type::kSI> {
- public:
-  M4SIBlock() : m4BlockImpl(3) {}
-};
-class M4SRBlock : public m4BlockImpl<m4SRRecord, EmbeddedByte, block_type::kSR> {
- public:
-  M4SRBlock() : m4BlockImpl(2) {}
-};
-class M4CABlock : public m4BlockImpl<m4CARecord, std::uint64_t, block_type::kCA> {
- public:
-  M4CABlock() : m4BlockImpl(1) {}
-};
-class M4CHBlock : public m4BlockImpl<m4CHRecord, EmbeddedByte, block_type::kCH> {
- public:
-  M4CHBlock() : m4BlockImpl(4) {}
-};
-class M4ATBlock : public m4BlockImpl<m4ATRecord, EmbeddedByte, block_type::kAT> {
- public:
-  M4ATBlock() : m4BlockImpl(4) {}
-};
-class M4EVBlock : public m4BlockImpl<m4EVRecord, EmbeddedByte, block_type::kEV> {
- public:
-  M4EVBlock() : m4BlockImpl(5) {}
-};
-class M4HLBlock : public m4BlockImpl<m4HLRecord, std::uint64_t, block_type::kHL> {
- public:
-  M4HLBlock() : m4BlockImpl(1) {}
-};
-class M4DZBlock : public m4BlockImpl<m4DZRecord, EmbeddedByte, block_type::kDZ> {
- public:
-  M4DZBlock() : m4BlockImpl(0) {}
-};
+class M4CNBlock : public m4BlockImpl<m4CNRecord, EmbeddedByte, block_type::kCN> {};
+using M4CCBlock = m4BlockImpl<m4CCRecord, double, block_type::kCC>;
+using M4SIBlock = m4BlockImpl<m4SIRecord, EmbeddedByte, block_type::kSI>;
+using M4SRBlock = m4BlockImpl<m4SRRecord, EmbeddedByte, block_type::kSR>;
+using M4CABlock = m4BlockImpl<m4CARecord, std::uint64_t, block_type::kCA>;
+using M4CHBlock = m4BlockImpl<m4CHRecord, EmbeddedByte, block_type::kCH>;
+using M4ATBlock = m4BlockImpl<m4ATRecord, EmbeddedByte, block_type::kAT>;
+using M4EVBlock = m4BlockImpl<m4EVRecord, EmbeddedByte, block_type::kEV>;
+using M4HLBlock = m4BlockImpl<m4HLRecord, std::uint64_t, block_type::kHL>;
+using M4DZBlock = m4BlockImpl<m4DZRecord, EmbeddedByte, block_type::kDZ>;
 
 // Text: the whole data section, ending in a NUL.
 class M4TXBlock : public m4Block {
@@ -186,7 +148,7 @@ class M4TXBlock : public m4Block {
   void setText(std::string_view text) { text_ = text; }
 
  protected:
-  explicit M4TXBlock(std::uint16_t type) : m4Block(type, 0) {}
+  explicit M4TXBlock(std::uint16_t type) : m4Block(type) {}
 
  private:
   std::string text_;  // the data section without its last byte

@@ -56,17 +56,17 @@ bool decodeText(std::uint8_t dataType, ByteSpan bytes, std::string& text) {
   if (!isTextType(dataType)) return false;
   text.clear();
   switch (dataType) {
-    case 6:
+    case data_type::kLatin1:
       for (const std::uint8_t byte : bytes.first(static_cast<std::size_t>(
                std::find(bytes.begin(), bytes.end(), 0) - bytes.begin()))) {
         appendUtf8(byte, text);
       }
       break;
-    case 7:
+    case data_type::kUtf8:
       text.assign(bytes.begin(), std::find(bytes.begin(), bytes.end(), 0));
       break;
     default:
-      decodeUtf16(bytes, dataType == 9, text);
+      decodeUtf16(bytes, dataType == data_type::kUtf16BigEndian, text);
       break;
   }
   return true;

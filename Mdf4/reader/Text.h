@@ -5,12 +5,13 @@
 #include <string>
 
 #include "Mdf4/base/Bytes.h"
+#include "Mdf4/format/BlockRecords.h"
 
 namespace tolvex {
 
-// cn_data_type of a string channel: 6 Latin-1, 7 UTF-8, 8 UTF-16 little endian, 9 big endian.
+// Whether cn_data_type is that of a string channel.
 constexpr bool isTextType(std::uint8_t dataType) {
-  return dataType >= 6 && dataType <= 9;
+  return dataType >= data_type::kLatin1 && dataType <= data_type::kUtf16BigEndian;
 }
 
 // The text up to its first NUL. UTF-8 is copied as it stands; half a surrogate pair of UTF-16

@@ -133,9 +133,8 @@ void BlockSurvey::extendLast(std::size_t number) {
   if (!run.last || !isPlainData(run.last->type)) return;
   const std::uint64_t end = run.last->position + run.last->size;
   const std::uint64_t limit = owned_.nextOwned(end, file_.end());
-  constexpr std::uint64_t kAlignment = 8;
   BlockHeader header;
-  const std::uint64_t next = (end + kAlignment - 1) / kAlignment * kAlignment;
+  const std::uint64_t next = alignUp(end);
   if (limit <= end || readSoundHeader(file_, next, header)) return;
   run.chains[run.lastChain].bytes[run.lastStep] = limit - run.last->position - kBlockHeaderSize;
   owned_.add(end, limit);

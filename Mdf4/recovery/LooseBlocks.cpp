@@ -13,7 +13,6 @@
 namespace tolvex {
 namespace {
 
-constexpr std::uint64_t kAlignment = 8;
 constexpr std::uint64_t kLargestRecord = 1 << 20;  // bytes that are looked at
 
 bool isRecordBlock(std::uint16_t type) {
@@ -22,7 +21,7 @@ bool isRecordBlock(std::uint16_t type) {
 
 // Whether the position is where a block is put behind the end of another one.
 bool isBehind(std::uint64_t position, std::uint64_t end) {
-  constexpr std::uint64_t kPadding = 2 * kAlignment;
+  constexpr std::uint64_t kPadding = 2 * kBlockAlignment;
   return position >= end && position - end < kPadding;
 }
 
@@ -51,14 +50,14 @@ std::uint64_t LooseBlocks::nextMarker(std::uint64_t at, std::uint64_t end) {
     const WritableBytes bytes = std::span(piece).first(size);
     const std::uint64_t got =
         in_.ReadAt(at, size, piece.data()) ? size : in_.readPieces(at, std::span(&bytes, 1));
-    for (std::uint64_t i = 0; i + 1 < got; i += kAlignment) {
+    for (std::uint64_t i = 0; i + 1 < got; i += kBlockAlignment) {
       if (piece[i] == '#' && piece[i + 1] == '#') return at + i;
     }
     at += got;
     if (got == size) continue;
     const ByteRange unreadable = in_.reads().nextUnreadable(at, end);
     if (unreadable.start != at) break;
-    at = (unreadable.end + kAlignment - 1) / kAlignment * kAlignment;
+    at = alignUp(unreadable.end);
   }
   return 0;
 }
@@ -66,18 +65,18 @@ std::uint64_t LooseBlocks::nextMarker(std::uint64_t at, std::uint64_t end) {
 std::uint64_t LooseBlocks::find(std::uint64_t from, bool (*wanted)(std::uint16_t type)) {
   OwnedRanges::Range gap = owned_.nextGap(from, in_.end());
   for (; gap.start < gap.end; gap = owned_.nextGap(gap.end, in_.end())) {
-    std::uint64_t at = (gap.start + kAlignment - 1) / kAlignment * kAlignment;
+    std::uint64_t at = alignUp(gap.start);
     while ((at = nextMarker(at, gap.end)) != 0) {
       ListedBlock block;
       BlockHeader header;
       if (readSoundHeader(in_, at, header) && header.length <= gap.end - at) {
         if (wanted(header.type)) return at;
-        at += (header.length + kAlignment - 1) / kAlignment * kAlignment;
+        at += alignUp(header.length);
       } else if (ListedBlocks(in_, at).next(block) && block.kind == ListedBlock::Data &&
                  block.size == gap.end - at && gap.end == in_.end() && wanted(block.type)) {
         return at;  // cut by the end of the file
       } else {
-        at += kAlignment;
+        at += kBlockAlignment;
       }
     }
   }

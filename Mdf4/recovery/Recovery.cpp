@@ -32,13 +32,7 @@
 namespace tolvex {
 namespace {
 
-constexpr std::string_view kFileId = "MDF     ";
-constexpr std::string_view kUnfinalizedFileId = "UnFinMF ";
-constexpr std::uint16_t kCycleCounts = 0x01;          // id_unfin_flags
-constexpr std::uint16_t kLastDataLength = 0x04;       //
-constexpr std::uint16_t kLastReductionLength = 0x08;  //
-constexpr std::uint16_t kValueOffsets = 0x40;         //
-constexpr std::uint64_t kAllBlocks = 64 << 20;        // of all that are gathered at a time
+constexpr std::uint64_t kAllBlocks = 64 << 20;  // of all that are gathered at a time
 constexpr std::uint64_t kSmallestBlock = 16 << 10;
 constexpr std::uint64_t kLargestRecord = 64 << 20;            // bytes; larger ones are none
 constexpr std::uint64_t kPlausible = std::uint64_t{1} << 40;  // records that a file may have lost
@@ -102,11 +96,9 @@ bool Recovery::readIdentification() {
     fileId = {id_.id_file, sizeof id_.id_file};
   }
   unfinished_ = fileId == kUnfinalizedFileId;
-  constexpr std::uint16_t kOldest = 400;
-  constexpr std::uint16_t kNewest = 499;
   constexpr std::uint16_t kUsual = 410;
   const bool isKnown = fileId == kFileId || unfinished_;
-  const bool isVersion = id_.id_ver >= kOldest && id_.id_ver <= kNewest;
+  const bool isVersion = id_.id_ver >= kOldestVersion && id_.id_ver <= kNewestVersion;
   // What cannot be read may have been sound.
   const bool isUnknown =
       !in_.reads().nextUnreadable(0, kHeaderBlockPosition + kBlockHeaderSize).empty();
@@ -159,10 +151,10 @@ void Recovery::survey() {
 // Gives the last blocks of an unfinished file the length that their logger had no time to write.
 void Recovery::extendLast() {
   if (!unfinished_) return;
-  if ((id_.id_unfin_flags & kLastDataLength) != 0) {
+  if (has(id_.id_unfin_flags, Unfinished::LastDataLength)) {
     for (const std::size_t run : runs_) survey_->extendLast(run);
   }
-  if ((id_.id_unfin_flags & kLastReductionLength) == 0) return;
+  if (!has(id_.id_unfin_flags, Unfinished::LastReductionLength)) return;
   for (const SourceGroup& group : tree_->groups()) {
     for (const SampleReduction& reduction : group.reductions) {
       survey_->extendLast(survey_->run(reduction.data));
@@ -190,7 +182,7 @@ void Recovery::adoptLost() {
       survey_->walk();
     }
   }
-  const bool openEnds = unfinished_ && (id_.id_unfin_flags & kLastDataLength) != 0;
+  const bool openEnds = unfinished_ && has(id_.id_unfin_flags, Unfinished::LastDataLength);
   loose.assign(runs_, openEnds, report_);
 }
 
@@ -285,7 +277,7 @@ bool Recovery::copySorted(SourceGroup& group, std::size_t number) {
 
 bool Recovery::copyUnsorted(const SourceData& data, std::size_t number) {
   const FoundData& run = survey_->runs()[number];
-  const bool byOrder = unfinished_ && (id_.id_unfin_flags & kValueOffsets) != 0;
+  const bool byOrder = unfinished_ && has(id_.id_unfin_flags, Unfinished::ValueOffsets);
   struct Part {
     SourceGroup* group;
     std::unique_ptr<DataWriter> records;
@@ -447,7 +439,7 @@ void Recovery::run(std::unique_ptr<SystemFile> input, std::unique_ptr<SystemFile
   in_.reads().bySectors();
   if (!readIdentification()) return;
   out_.Allocate(kIdBlockSize, false);
-  const bool counted = !unfinished_ || (id_.id_unfin_flags & kCycleCounts) == 0;
+  const bool counted = !unfinished_ || !has(id_.id_unfin_flags, Unfinished::CycleCounts);
   tree_ = std::make_unique<TreeCopy>(in_, out_, owned_, report_, counted);
   survey_ = std::make_unique<BlockSurvey>(in_, owned_);
   tree_->readHeader();

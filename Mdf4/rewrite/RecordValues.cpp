@@ -4,11 +4,6 @@
 #include <optional>
 
 namespace tolvex {
-namespace {
-
-constexpr std::uint16_t kBusEvent = 0x2;  // cg_flags
-
-}  // namespace
 
 RecordValues::RecordValues(DirectFile& out, SourceGroup& group, const WorkSizes& sizes)
     : group_(group) {
@@ -35,7 +30,7 @@ void RecordValues::setOffset(std::size_t i, std::uint8_t* record, std::uint64_t 
 
 bool RecordValues::loseValue(std::size_t i, std::uint8_t* record) {
   ++lostValues_;
-  if ((group_.record.cg_flags & kBusEvent) != 0) return false;
+  if ((group_.record.cg_flags & kCgFlagBusEvent) != 0) return false;
   setOffset(i, record, data_[i].empty());
   return true;
 }

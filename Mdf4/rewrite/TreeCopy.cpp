@@ -8,6 +8,7 @@
 
 #include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/can/BusLogLayout.h"
+#include "Mdf4/can/ChannelPlace.h"
 #include "Mdf4/format/BlockParts.h"
 #include "Mdf4/format/BlockTraits.h"
 #include "Mdf4/format/FieldRules.h"
@@ -20,33 +21,6 @@ namespace {
 using namespace block_type;
 
 constexpr int kDeepest = 16;  // conversions that refer to conversions
-
-bool isText(std::uint16_t type) {
-  return type == kTX || type == kMD;
-}
-
-// Blocks that any number of links may lead to.
-bool isShared(std::uint16_t type) {
-  return isText(type) || type == kSI || type == kCC;
-}
-
-// Whether the link is the one by which a block of the tree is reached.
-bool isStructural(std::uint16_t from, std::size_t index) {
-  switch (from) {
-    case kHD:
-    case kFH:
-    case kAT:
-    case kEV:
-    case kSR:
-    case kCA:
-      return index == 0 || from == kHD;
-    case kCH:
-    case kCN:
-      return index <= 1;
-    default:
-      return false;
-  }
-}
 
 // Where the data of a text end: with its first NUL, or where the block does; nothing when it cannot
 // be read.
@@ -210,7 +184,7 @@ void TreeCopy::followLinks(std::size_t block, std::size_t group) {
     const std::uint64_t target = blocks_[block].links[i].position;
     const std::uint16_t type = blocks_[block].type;
     if (target == 0 || !blocks_[block].links[i].reference) continue;
-    if (isStructural(type, i)) {
+    if (traitsOf(type).link(i).use == LinkUse::Owns) {
       blocks_[block].links[i] = {};
       steps_.push_back({block, i, target, group});
       continue;
