@@ -45,6 +45,9 @@ struct FoundBlock {
     return std::min<std::uint64_t>(dataPosition() + offset, end());
   }
   BlockRoom room() const { return {links, dataBytes}; }
+  BlockScan scan() const {
+    return {position, {.type = type, .length = end() - position, .linkCount = links}, dataBytes};
+  }
 };
 
 // Follows links and enters what is wrong with them, and with the blocks that they lead to. A link

@@ -36,7 +36,7 @@ class FileCheck {
   using Walks = std::vector<std::unique_ptr<DataCheck>>;
 
   bool checkIdentification();
-  void checkUnfinalizedFileId(const IdBlock& id, std::string_view fileId);
+  void checkUnfinished(const IdBlock& id, std::string_view fileId);
   void checkVersion(const IdBlock& id);
   bool hasHeaderBlock();
   void planValues(Walks& walks);
@@ -90,7 +90,7 @@ bool FileCheck::checkIdentification() {
         size < sizeof id ? formatText("a file of %" PRIu64 " bytes", file_.end()) : quoted(fileId));
     return false;
   }
-  checkUnfinalizedFileId(id, fileId);
+  checkUnfinished(id, fileId);
   checkVersion(id);
   const auto reserved = [&](std::size_t offset, const char* field, ByteSpan bytes) {
     if (std::ranges::all_of(bytes, [](std::uint8_t byte) { return byte == 0; })) return;
@@ -104,12 +104,11 @@ bool FileCheck::checkIdentification() {
 }
 
 bool FileCheck::hasHeaderBlock() {
-  BlockHeader header;
-  return walk_.read(kHeaderBlockPosition, sizeof header, &header) &&
-         header.marker == kBlockMarker && header.type == block_type::kHD;
+  const BlockScan scan = scanBlock(file_, kHeaderBlockPosition);
+  return scan.isBlock() && scan.header.type == block_type::kHD;
 }
 
-void FileCheck::checkUnfinalizedFileId(const IdBlock& id, std::string_view fileId) {
+void FileCheck::checkUnfinished(const IdBlock& id, std::string_view fileId) {
   static constexpr std::array kMeanings = {
       "cycle counters of CG",     "cycle counters of SR",  "length of the last DT",
       "length of the last RD",    "last DL of each chain", "byte counts of VLSD channel groups",

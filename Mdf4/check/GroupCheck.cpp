@@ -167,14 +167,10 @@ void TreeCheck::checkPlace(const FoundBlock& block, const m4CNRecord& channel,
 // The start of a name: all that it takes to know the channels with a place of their own.
 std::string TreeCheck::textAt(std::uint64_t position) {
   std::array<char, 64> start = {};
-  BlockHeader header;
-  std::uint64_t length = 0;
-  if (position == 0 || !walk_.read(position, sizeof header, &header) ||
-      header.marker != kBlockMarker || !header.dataLength(length)) {
-    return {};
-  }
-  length = std::min<std::uint64_t>(length, start.size() - 1);
-  walk_.read(position + sizeof header + header.linkCount * kLinkSize, length, start.data());
+  const BlockScan scan = scanBlock(walk_.file(), position);
+  if (position == 0 || !scan.isBlock() || scan.has(HeaderFault::LinksDoNotFit)) return {};
+  const std::uint64_t length = std::min<std::uint64_t>(scan.dataBytes, start.size() - 1);
+  walk_.read(scan.dataPosition(), length, start.data());
   return start.data();
 }
 

@@ -26,18 +26,16 @@ struct Linear {
 std::optional<Linear> conversionAt(BlockCheck& walk, const BlockLink& link) {
   Linear linear;
   if (link.target == 0) return linear;
-  BlockHeader header;
-  std::uint64_t length = 0;
-  if (walk.kindAt(link) != block_type::kCC || !walk.read(link.target, sizeof header, &header) ||
-      !header.dataLength(length)) {
+  const BlockScan scan = scanBlock(walk.file(), link.target);
+  m4CCRecord record;
+  if (!scan.sound() || scan.header.type != block_type::kCC ||
+      !walk.read(scan.dataPosition(), sizeof record, &record)) {
     return std::nullopt;
   }
-  const std::uint64_t position = link.target + kBlockHeaderSize + header.linkCount * kLinkSize;
-  m4CCRecord record;
-  if (length < sizeof record || !walk.read(position, sizeof record, &record)) return std::nullopt;
   if (record.cc_type == conversion_type::kIdentity) return linear;
-  if (record.cc_type != conversion_type::kLinear || length < sizeof record + sizeof linear ||
-      !walk.read(position + sizeof record, sizeof linear, &linear)) {
+  if (record.cc_type != conversion_type::kLinear ||
+      scan.dataBytes < sizeof record + sizeof linear ||
+      !walk.read(scan.dataPosition() + sizeof record, sizeof linear, &linear)) {
     return std::nullopt;
   }
   return linear;

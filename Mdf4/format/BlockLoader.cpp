@@ -26,8 +26,9 @@ std::unique_ptr<m4Block> makeBlock(std::uint16_t type) {
                    M4DIBlock, M4RVBlock, M4RIBlock>(type);
 }
 
-// Nothing for position 0, and, noted, where no known block begins.
-std::optional<BlockScan> scanAt(DirectFile& file, std::uint64_t position) {
+}  // namespace
+
+std::optional<BlockScan> scanBlockAt(DirectFile& file, std::uint64_t position) {
   if (position == 0) return std::nullopt;
   BlockHeader header;
   if (!file.ReadAt(position, kBlockHeaderSize, &header)) {
@@ -44,15 +45,13 @@ std::optional<BlockScan> scanAt(DirectFile& file, std::uint64_t position) {
   return std::nullopt;
 }
 
-}  // namespace
-
 std::uint16_t blockTypeAt(DirectFile& file, std::uint64_t position) {
-  const std::optional<BlockScan> scan = scanAt(file, position);
+  const std::optional<BlockScan> scan = scanBlockAt(file, position);
   return scan ? scan->header.type : std::uint16_t{0};
 }
 
 std::unique_ptr<m4Block> loadBlock(DirectFile& file, std::uint64_t position) {
-  const std::optional<BlockScan> scan = scanAt(file, position);
+  const std::optional<BlockScan> scan = scanBlockAt(file, position);
   if (!scan) return nullptr;
   std::unique_ptr<m4Block> block = makeBlock(scan->header.type);
   if (!block->load(file, position, scan->header)) return nullptr;

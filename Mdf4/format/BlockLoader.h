@@ -3,9 +3,11 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_set>
 
+#include "Mdf4/format/BlockScan.h"
 #include "Mdf4/format/m4Block.h"
 
 namespace tolvex {
@@ -14,6 +16,10 @@ namespace tolvex {
 // than "##", a kind that is not known (an HD is read by MDF4File alone) and a block that is
 // damaged. All but the first are noted in the file's problems.
 std::unique_ptr<m4Block> loadBlock(DirectFile& file, std::uint64_t position);
+
+// The header of the block at the position; nothing for position 0 and, noted as by loadBlock, where
+// no known block begins.
+std::optional<BlockScan> scanBlockAt(DirectFile& file, std::uint64_t position);
 
 // The kind of the block at the position, from its header; 0, noted as by loadBlock, for none.
 std::uint16_t blockTypeAt(DirectFile& file, std::uint64_t position);

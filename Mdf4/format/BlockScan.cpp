@@ -75,4 +75,15 @@ HeaderIssue describe(const BlockScan& scan, HeaderFault fault, std::uint64_t fil
   return {};
 }
 
+bool noteDamage(DirectFile& file, const BlockScan& scan) {
+  for (const HeaderFault fault : {HeaderFault::LinksDoNotFit, HeaderFault::BeyondEnd}) {
+    if (!scan.has(fault)) continue;
+    const HeaderIssue issue = describe(scan, fault, file.end());
+    file.report(formatText("block at %" PRIu64 ": %s: expected %s, found %s", scan.position,
+                           issue.field, issue.expected.c_str(), issue.found.c_str()));
+    return true;
+  }
+  return false;
+}
+
 }  // namespace tolvex

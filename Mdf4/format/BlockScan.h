@@ -62,4 +62,7 @@ inline constexpr HeaderFault kClaimFaults[] = {HeaderFault::LinksDoNotFit, Heade
                                                HeaderFault::ManyLinks, HeaderFault::ShortData,
                                                HeaderFault::BeyondEnd};
 
+// Whether links or data do not lie inside the block and the file; noted in the file's problems.
+bool noteDamage(DirectFile& file, const BlockScan& scan);
+
 }  // namespace tolvex

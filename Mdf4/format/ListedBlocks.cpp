@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <utility>
 
 #include "Mdf4/base/Inflater.h"
 #include "Mdf4/format/BlockBytes.h"
@@ -89,120 +88,87 @@ bool readSoundHeader(DirectFile& file, std::uint64_t position, BlockHeader& head
 }
 
 bool ListedBlocks::next(ListedBlock& block) {
-  while (true) {
-    if (list_ != 0 && index_ < count_) {
-      if (nextEntry(block)) return true;
-      continue;
+  while (!walk_.done()) {
+    const DataLink& link = walk_.link();
+    if (link.role != DataLink::Entry) {
+      enter(link.target, block);
+      return true;
     }
-    if (list_ != 0) {
-      const std::uint64_t list = std::exchange(list_, 0);
-      if (!file_.ReadAt(list + kBlockHeaderSize, kLinkSize, &next_)) {
-        next_ = 0;  // there may be more, nobody knows where
-        block = {};
-        block.position = list;
-        block.elsewhere = true;
-        block.ends = true;
-        return true;
-      }
-    }
-    if (next_ == 0) return false;
-    const std::uint64_t position = next_;
-    next_ = 0;
-    return enter(position, block);
+    const bool isUsed = readEntry(block);
+    walk_.pass();
+    if (isUsed) return true;
   }
+  if (!nextIsUnreadable_) return false;
+  nextIsUnreadable_ = false;  // there may be more, nobody knows where
+  block = {};
+  block.position = walk_.list().position;
+  block.elsewhere = true;
+  block.ends = true;
+  return true;
 }
 
 // A list, or the one data block of the chain.
-bool ListedBlocks::enter(std::uint64_t position, ListedBlock& block) {
+void ListedBlocks::enter(std::uint64_t position, ListedBlock& block) {
   block = {};
   block.position = position;
   block.elsewhere = true;
   block.ends = true;
   BlockHeader header;
+  nextIsUnreadable_ = false;
   if (!readSoundHeader(file_, position, header) || !isDataList(header.type)) {
     settle(block);
     block.elsewhere = block.kind == ListedBlock::Missing && !isUnwritten(position);
-    return true;
+    walk_.pass();
+    return;
   }
-  if (header.type == block_type::kHL) {
-    std::uint64_t first = 0;
-    if (!file_.ReadAt(position + kBlockHeaderSize, kLinkSize, &first)) return true;
-    block.kind = ListedBlock::List;
-    block.type = header.type;
-    block.size = header.length;
-    next_ = first;
-    return true;
-  }
-  m4DLRecord list = {};
-  m4LDRecord columnList = {};
-  const std::uint64_t record = position + kBlockHeaderSize + header.linkCount * kLinkSize;
-  columns_ = header.type == block_type::kLD;
-  if (!(columns_ ? file_.ReadAt(record, sizeof columnList, &columnList)
-                 : file_.ReadAt(record, sizeof list, &list))) {
-    return true;
+  if (!walk_.enter(scanHeader(header, position, file_.end()))) {
+    walk_.pass();
+    return;
   }
   block.kind = ListedBlock::List;
   block.type = header.type;
   block.size = header.length;
-  list_ = position;
-  index_ = 0;
-  links_ = header.linkCount;
-  numbers_ = record + sizeof(m4DLRecord);
-  numberCount_ = (position + header.length - numbers_) / sizeof(std::uint64_t);
-  equalLength_ = 0;
-  if (columns_) {
-    const std::uint64_t linksPerEntry = (columnList.ld_flags & kLdFlagInvalidation) != 0 ? 2 : 1;
-    count_ = std::min<std::uint64_t>(columnList.ld_count, (links_ - 1) / linksPerEntry);
-    counted_ = count_;
-  } else {
-    // Entries are what has a link: a count can be damaged, or older than the links; one behind the
-    // count names the block that was being written.
-    const bool possible = list.dl_count < links_;
-    count_ = links_ - 1;
-    while (count_ > (possible ? list.dl_count : 0) && link(count_) == 0) --count_;
-    counted_ = possible ? list.dl_count : count_;
-    if ((list.dl_flags & kDlFlagEqualLength) != 0)
-      readNumber(0, equalLength_);
-    else if (numberCount_ < count_)
-      numberCount_ = 0;
-  }
-  return true;
+  if (header.type != block_type::kHL) countEntries();
 }
 
-std::uint64_t ListedBlocks::link(std::uint64_t index) const {
-  std::uint64_t value = 0;
-  if (index < links_) {
-    file_.ReadAt(list_ + kBlockHeaderSize + index * kLinkSize, kLinkSize, &value);
-  }
-  return value;
+// Entries are what has a link: a count can be damaged, or older than the links; one behind the
+// count names the block that was being written.
+void ListedBlocks::countEntries() {
+  const DataList& list = walk_.list();
+  nextIsUnreadable_ = list.nextIsUnreadable;
+  counted_ = std::min(list.stated, list.room);
+  if (list.columns) return;
+  const bool possible = list.stated <= list.room;
+  std::uint64_t entries = list.room;
+  while (entries > (possible ? list.stated : 0) && walk_.linkAt(entries) == 0) --entries;
+  if (!possible) counted_ = entries;
+  hasOffsets_ = list.lengthCount >= entries;
+  walk_.setEntries(entries);
 }
 
-bool ListedBlocks::readNumber(std::uint64_t index, std::uint64_t& value) const {
-  return index < numberCount_ &&
-         file_.ReadAt(numbers_ + index * sizeof value, sizeof value, &value);
-}
-
-std::optional<std::uint64_t> ListedBlocks::expectedBytes(std::uint64_t index) const {
-  if (equalLength_ != 0) return equalLength_;
+std::optional<std::uint64_t> ListedBlocks::expectedBytes() const {
+  const DataList& list = walk_.list();
+  if (equalLength() != 0) return equalLength();
   std::uint64_t start = 0;
   std::uint64_t end = 0;
-  if (columns_ || !readNumber(index, start) || !readNumber(index + 1, end) || end < start) {
+  if (list.columns || (!list.hasEqualLength && !hasOffsets_) ||
+      !walk_.readLength(walk_.entry(), start) || !walk_.readLength(walk_.entry() + 1, end) ||
+      end < start) {
     return std::nullopt;
   }
   return end - start;
 }
 
 // False for an entry that is not used yet, or that misses a block without data.
-bool ListedBlocks::nextEntry(ListedBlock& block) {
-  const std::uint64_t index = index_++;
+bool ListedBlocks::readEntry(ListedBlock& block) {
   block = {};
-  block.position = link(1 + index);
-  block.columns = columns_;
-  if (columns_) block.invalidation = link(1 + count_ + index);
-  if (block.position == 0 && columns_) return false;
-  block.expected = expectedBytes(index);
+  block.position = walk_.link().target;
+  block.columns = walk_.list().columns;
+  if (block.columns) block.invalidation = walk_.invalidationLink(counted_);
+  if (block.position == 0 && block.columns) return false;
+  block.expected = expectedBytes();
   settle(block);
-  block.uncounted = index >= counted_;
+  block.uncounted = walk_.entry() >= counted_;
   block.elsewhere = block.kind == ListedBlock::Missing && !isUnwritten(block.position);
   return block.kind == ListedBlock::Data || (!block.uncounted && block.expected != 0);
 }

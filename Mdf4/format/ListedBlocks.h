@@ -6,6 +6,7 @@
 
 #include "Mdf4/format/BlockRecords.h"
 #include "Mdf4/format/DirectFile.h"
+#include "Mdf4/format/ListWalk.h"
 
 namespace tolvex {
 
@@ -41,19 +42,18 @@ struct ListedBlock {
 // leads in a circle does not end: its user stops at a block that it knows. Borrows the file.
 class ListedBlocks {
  public:
-  ListedBlocks(DirectFile& file, std::uint64_t dataLink) : file_(file), next_(dataLink) {}
+  ListedBlocks(DirectFile& file, std::uint64_t dataLink) : file_(file), walk_(file, dataLink) {}
 
   // False at the end.
   bool next(ListedBlock& block);
   // The data bytes that the lists state for each block but the last; 0 when they state none.
-  std::uint64_t equalLength() const { return equalLength_; }
+  std::uint64_t equalLength() const { return walk_.list().columns ? 0 : walk_.list().equalLength; }
 
  private:
-  bool enter(std::uint64_t position, ListedBlock& block);
-  bool nextEntry(ListedBlock& block);
-  std::optional<std::uint64_t> expectedBytes(std::uint64_t index) const;
-  std::uint64_t link(std::uint64_t index) const;
-  bool readNumber(std::uint64_t index, std::uint64_t& value) const;
+  void enter(std::uint64_t position, ListedBlock& block);
+  void countEntries();
+  bool readEntry(ListedBlock& block);
+  std::optional<std::uint64_t> expectedBytes() const;
   void settle(ListedBlock& block);
   bool inflatesTo(std::uint64_t position, std::uint64_t bytes) const;
   void settleHeadless(ListedBlock& block) const;
@@ -62,16 +62,10 @@ class ListedBlocks {
   bool followedByBlock(std::uint64_t end) const;
 
   DirectFile& file_;
-  std::uint64_t next_;             // the block or list that comes next; 0: none
-  std::uint64_t list_ = 0;         // the list that is read; 0: none
-  bool columns_ = false;           // it is an LD
-  std::uint64_t links_ = 0;        // of the list
-  std::uint64_t count_ = 0;        // of its data links
-  std::uint64_t counted_ = 0;      // as the list states it
-  std::uint64_t index_ = 0;        // of the next one
-  std::uint64_t numbers_ = 0;      // position of the numbers behind the list's record
-  std::uint64_t numberCount_ = 0;  // of them
-  std::uint64_t equalLength_ = 0;
+  ListWalk walk_;
+  std::uint64_t counted_ = 0;      // entries of the list that it counts
+  bool hasOffsets_ = false;        // the list has one for each entry
+  bool nextIsUnreadable_ = false;  // the link to the next list
 };
 
 }  // namespace tolvex

@@ -2,13 +2,15 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <initializer_list>
 #include <iterator>
 #include <numeric>
+#include <optional>
 
 #include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/base/Inflater.h"
 #include "Mdf4/format/BlockLoader.h"
-#include "Mdf4/format/DataBlocks.h"
+#include "Mdf4/format/BlockTraits.h"
 
 namespace tolvex {
 namespace {
@@ -31,29 +33,39 @@ bool isDirectData(std::uint16_t type) {
   }
 }
 
-// Loads the next list of a chain; null at its end and at a list that was visited before.
-std::unique_ptr<m4Block> loadNext(DirectFile& file, std::uint64_t position,
-                                  VisitedBlocks& visited) {
-  if (position == 0 || !visited.enter(position)) return nullptr;
-  return loadBlock(file, position);
+// The header of the list behind this one; nothing where the chain ends.
+std::optional<BlockScan> nextList(DirectFile& file, const ListWalk& walk, VisitedBlocks& visited) {
+  const std::uint64_t position = walk.list().next;
+  if (position == 0 || !visited.enter(position)) return std::nullopt;
+  const std::optional<BlockScan> scan = scanBlockAt(file, position);
+  return scan && !noteDamage(file, *scan) ? scan : std::nullopt;
 }
 
-// How many of the `stated` entries of a list have a link.
-std::uint32_t entriesWithLink(DirectFile& file, const m4Block& list, std::uint32_t stated) {
-  const std::size_t links = list.linkCount() == 0 ? 0 : list.linkCount() - 1;
-  if (stated <= links) return stated;
-  file.report(formatText("list at %" PRIu64 ": it counts %u data blocks and has links for %zu",
-                         list.position(), unsigned{stated}, links));
-  return static_cast<std::uint32_t>(links);
+// How many entries of a list have a link.
+std::uint64_t entriesWithLink(DirectFile& file, const DataList& list) {
+  const std::uint64_t links = std::max<std::uint64_t>(list.links, 1) - 1;
+  if (list.stated <= links) return list.stated;
+  file.report(formatText("list at %" PRIu64 ": it counts %" PRIu64
+                         " data blocks and has links for %" PRIu64,
+                         list.position, list.stated, links));
+  return links;
 }
 
 // Whether an entry of a list leads into the file: where it does not, the rest of the data is
 // absent, as in a file that was cut.
-bool namesABlock(DirectFile& file, const m4Block& list, std::uint64_t position) {
+bool namesABlock(DirectFile& file, const ListWalk& walk) {
+  const std::uint64_t position = walk.link().target;
   if (position != 0 && file.holds(position, kBlockHeaderSize)) return true;
   file.report(formatText("list at %" PRIu64 ": it names a data block at %" PRIu64
                          ", the file ends at %" PRIu64,
-                         list.position(), position, file.end()));
+                         walk.list().position, position, file.end()));
+  return false;
+}
+
+bool isOneOf(const DataSegment& segment, std::initializer_list<std::uint16_t> types,
+             const char* refusal) {
+  if (std::ranges::find(types, segment.type) != types.end()) return true;
+  printDiagnostic("%s", refusal);
   return false;
 }
 
@@ -75,109 +87,82 @@ SegmentTable::SegmentTable(DirectFile& file, std::uint64_t dataLink, std::uint64
 }
 
 bool SegmentTable::readLists(DirectFile& file, std::uint64_t dataLink, std::uint64_t expectedSize) {
-  if (dataLink == 0) return true;
-  std::uint64_t position = dataLink;
-  for (int depth = 0; depth < 2; ++depth) {
-    BlockHeader header;
-    if (!file.ReadAt(position, kBlockHeaderSize, &header) || header.marker != kBlockMarker) {
-      file.report(formatText("data link %" PRIu64 ": expected a data block or a list", position));
-      return true;
-    }
-    if (isDirectData(header.type)) {
-      DataSegment segment;
-      return readSegment(file, position, segment) && append(file, segment, expectedSize);
-    }
-    std::unique_ptr<m4Block> block = loadBlock(file, position);
-    if (block == nullptr) return true;
-    switch (block->typeCode()) {
-      case block_type::kDL:
-        return readDataLists(file, std::move(block), expectedSize);
-      case block_type::kLD:
-        return readColumnLists(file, std::move(block), expectedSize);
-      case block_type::kHL:
-        position = block->link(link::hl_dl_first);
-        break;
-      default:
-        return true;
-    }
-    if (position == 0) return true;
+  ListWalk walk(file, dataLink);
+  std::optional<BlockScan> first = scanBlockAt(file, dataLink);
+  if (first && first->header.type == block_type::kHL) {
+    if (noteDamage(file, *first) || !walk.enter(*first)) return true;
+    first = scanBlockAt(file, walk.link().target);
   }
-  return true;
+  if (!first) return true;
+  const std::uint16_t type = first->header.type;
+  if (isDirectData(type)) {
+    DataSegment segment;
+    return readSegment(file, first->position, segment) && append(file, segment, expectedSize);
+  }
+  if (!isDataList(type) || type == block_type::kHL || noteDamage(file, *first)) return true;
+  return readChain(file, walk, *first, expectedSize);
 }
 
-bool SegmentTable::readDataLists(DirectFile& file, std::unique_ptr<m4Block> first,
-                                 std::uint64_t expectedSize) {
+bool SegmentTable::readChain(DirectFile& file, ListWalk& walk, const BlockScan& first,
+                             std::uint64_t expectedSize) {
   VisitedBlocks visited(file);
-  visited.enter(first->position());
-  std::unique_ptr<m4Block> next;
-  for (std::unique_ptr<m4Block> block = std::move(first); block != nullptr;
-       block = std::move(next)) {
-    if (block->typeCode() != block_type::kDL) return false;
-    const auto& list = static_cast<const M4DLBlock&>(*block);
-    next = loadNext(file, list.link(link::dl_dl_next), visited);
-    const std::uint32_t count = entriesWithLink(file, list, list.dl_count);
-    const bool equal = (list.dl_flags & kDlFlagEqualLength) != 0;
-    const std::uint64_t equalLength = equal && !list.extra().empty() ? list.extra()[0] : 0;
-    for (std::uint32_t i = 0; i < count; ++i) {
-      const std::uint64_t position = list.link(link::dl_data + i);
-      const bool veryLast = next == nullptr && i + 1 == count;
-      if (!namesABlock(file, list, position)) return true;
-      DataSegment segment;
-      if (equalLength != 0 && !veryLast) {
-        segment.position = position + kBlockHeaderSize;
-        segment.length = equalLength;
-      } else if (!readSegment(file, position, segment)) {
-        return false;
-      }
-      if (!append(file, segment, expectedSize)) return false;
+  visited.enter(first.position);
+  for (std::optional<BlockScan> list = first; list;) {
+    if (list->header.type != first.header.type) return false;
+    if (!file.budget().takeLoad(list->header.length) || !walk.enter(*list)) return true;
+    columnStorage_ = walk.list().columns;
+    list = nextList(file, walk, visited);
+    if (!list) walk.endChain();
+    walk.setEntries(entriesWithLink(file, walk.list()));
+    for (; walk.link().role == DataLink::Entry; walk.pass()) {
+      const Entry entry = columnStorage_ ? readColumnEntry(file, walk, visited, expectedSize)
+                                         : readDataEntry(file, walk, expectedSize);
+      if (entry != Entry::Listed) return entry == Entry::Absent;
     }
   }
   return true;
 }
 
-bool SegmentTable::readColumnLists(DirectFile& file, std::unique_ptr<m4Block> first,
-                                   std::uint64_t expectedSize) {
-  columnStorage_ = true;
-  VisitedBlocks visited(file);
-  visited.enter(first->position());
-  std::unique_ptr<m4Block> next;
-  for (std::unique_ptr<m4Block> block = std::move(first); block != nullptr;
-       block = std::move(next)) {
-    if (block->typeCode() != block_type::kLD) return false;
-    const auto& list = static_cast<const M4LDBlock&>(*block);
-    next = loadNext(file, list.link(link::ld_ld_next), visited);
-    const std::uint32_t count = entriesWithLink(file, list, list.ld_count);
-    for (std::uint32_t i = 0; i < count; ++i) {
-      DataSegment segment;
-      const std::uint64_t position = list.link(link::ld_data + i);
-      if (position != 0) {
-        if (!namesABlock(file, list, position)) return true;
-        if (!readSegment(file, position, segment)) return false;
-        if (segment.type != block_type::kDV && segment.type != block_type::kRV &&
-            segment.type != block_type::kDZ) {
-          printDiagnostic("m4DataStream::initSize: blk.hdr_id!=M4ID_DV | M4ID_RV | M4ID_DZ\n");
-          return false;
-        }
-      }
-      if (!append(file, segment, expectedSize)) return false;
+SegmentTable::Entry SegmentTable::readDataEntry(DirectFile& file, const ListWalk& walk,
+                                                std::uint64_t expectedSize) {
+  if (!namesABlock(file, walk)) return Entry::Absent;
+  const std::uint64_t position = walk.link().target;
+  DataSegment segment;
+  if (walk.list().equalLength != 0 && !walk.isLastEntry()) {
+    segment.position = position + kBlockHeaderSize;
+    segment.length = walk.list().equalLength;
+  } else if (!readSegment(file, position, segment)) {
+    return Entry::Wrong;
+  }
+  return append(file, segment, expectedSize) ? Entry::Listed : Entry::Wrong;
+}
 
-      DataSegment invalidation;
-      const std::uint64_t invalidationPosition = list.link(std::size_t{list.ld_count} + 1 + i);
-      if (invalidationPosition != 0) {
-        if (!readSegment(file, invalidationPosition, invalidation)) return false;
-        if (invalidation.type != block_type::kDI && invalidation.type != block_type::kRI &&
-            invalidation.type != block_type::kDZ) {
-          printDiagnostic(
-              "m4DataStream::initSize: blk.hdr_id!=M4ID_DV | M4ID_DI | M4ID_RV | M4ID_RI | "
-              "M4ID_DZ\n");
-          return false;
-        }
-        invalidation.damaged |= !visited.enter(invalidationPosition);
-      }
-      invalidation_.push_back(invalidation);
+SegmentTable::Entry SegmentTable::readColumnEntry(DirectFile& file, const ListWalk& walk,
+                                                  VisitedBlocks& visited,
+                                                  std::uint64_t expectedSize) {
+  using namespace block_type;
+  DataSegment segment;
+  if (walk.link().target != 0) {
+    if (!namesABlock(file, walk)) return Entry::Absent;
+    if (!readSegment(file, walk.link().target, segment) ||
+        !isOneOf(segment, {kDV, kRV, kDZ},
+                 "m4DataStream::initSize: blk.hdr_id!=M4ID_DV | M4ID_RV | M4ID_DZ\n")) {
+      return Entry::Wrong;
     }
   }
-  return true;
+  if (!append(file, segment, expectedSize)) return Entry::Wrong;
+  DataSegment invalidation;
+  if (const std::uint64_t beside = walk.invalidationLink(walk.list().stated); beside != 0) {
+    if (!readSegment(file, beside, invalidation) ||
+        !isOneOf(invalidation, {kDI, kRI, kDZ},
+                 "m4DataStream::initSize: blk.hdr_id!=M4ID_DV | M4ID_DI | M4ID_RV | M4ID_RI | "
+                 "M4ID_DZ\n")) {
+      return Entry::Wrong;
+    }
+    invalidation.damaged |= !visited.enter(beside);
+  }
+  invalidation_.push_back(invalidation);
+  return Entry::Listed;
 }
 
 // Position, length and type from the block's own header.

@@ -3,13 +3,14 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <vector>
 
 #include "Mdf4/format/DirectFile.h"
-#include "Mdf4/format/m4Block.h"
+#include "Mdf4/format/ListWalk.h"
 
 namespace tolvex {
+
+class VisitedBlocks;
 
 // One listed data block.
 struct DataSegment {
@@ -55,12 +56,15 @@ class SegmentTable {
   bool settle(DirectFile& file, std::size_t index, const BlockHeader& header);
 
  private:
-  enum class Entry : std::uint8_t { Data, Invalidation };
+  // What became of an entry of a list. Absent: so is the rest of the data.
+  enum class Entry : std::uint8_t { Listed, Absent, Wrong };
 
   bool readLists(DirectFile& file, std::uint64_t dataLink, std::uint64_t expectedSize);
-  bool readDataLists(DirectFile& file, std::unique_ptr<m4Block> first, std::uint64_t expectedSize);
-  bool readColumnLists(DirectFile& file, std::unique_ptr<m4Block> first,
-                       std::uint64_t expectedSize);
+  bool readChain(DirectFile& file, ListWalk& walk, const BlockScan& first,
+                 std::uint64_t expectedSize);
+  Entry readDataEntry(DirectFile& file, const ListWalk& walk, std::uint64_t expectedSize);
+  Entry readColumnEntry(DirectFile& file, const ListWalk& walk, VisitedBlocks& visited,
+                        std::uint64_t expectedSize);
   bool readSegment(DirectFile& file, std::uint64_t blockPosition, DataSegment& segment);
   bool append(DirectFile& file, const DataSegment& segment, std::uint64_t expectedSize);
   void finish(DirectFile& file);

@@ -27,13 +27,7 @@ M4CGBlock::M4CGBlock(std::uint16_t version) {
 
 bool m4Block::load(DirectFile& file, std::uint64_t position, const BlockHeader& header) {
   const BlockScan scan = scanHeader(header, position, file.end());
-  for (const HeaderFault fault : {HeaderFault::LinksDoNotFit, HeaderFault::BeyondEnd}) {
-    if (!scan.has(fault)) continue;
-    const HeaderIssue issue = describe(scan, fault, file.end());
-    file.report(formatText("block at %" PRIu64 ": %s: expected %s, found %s", position, issue.field,
-                           issue.expected.c_str(), issue.found.c_str()));
-    return false;
-  }
+  if (noteDamage(file, scan)) return false;
   if (header.length > kLargestLoaded) {
     file.report(formatText("block at %" PRIu64 ": expected at most %" PRIu64
                            " bytes, found a length of %" PRIu64,
