@@ -4,7 +4,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 if [ $# -eq 0 ]; then
-  mapfile -t sources < <(find Mdf4 tools tests bench fuzz examples -name '*.cpp' | sort)
+  mapfile -t sources < <(find Mdf4 tools tests bench fuzz examples -name '*.cpp' \
+    ! -name '*Windows.cpp' | sort)
   set -- "${sources[@]}"
 fi
 flags=(-std=c++20 -Iinclude -I.

@@ -38,7 +38,7 @@ class ResultFile {
   const std::string& error() const { return error_; }
 
  private:
-  bool openDirectly(bool readable);
+  bool openDirectly();
   bool fail(int error);
   bool fail(std::string error);
 

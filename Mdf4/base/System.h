@@ -1,9 +1,10 @@
-// Everything that depends on the operating system: files with 64-bit positions, the clock, the
-// time zone.
+// Everything that depends on the operating system: files with 64-bit positions, their names, the
+// clock, the time zone. Names of files are UTF-8, errors are numbers of errno, 0 for none.
 #pragma once
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 
@@ -32,7 +33,7 @@ enum class OpenMode : std::uint8_t {
 // How far a read got. Fewer bytes than asked for with an error of 0: the file ends there.
 struct ReadResult {
   std::uint64_t bytes = 0;
-  int error = 0;  // of the system, which refused to read on (errno); 0: none
+  int error = 0;  // of the system, which refused to read on; 0: none
 };
 
 // An open file, addressed by position. An interface, so that a test can put a failing one below
@@ -66,6 +67,49 @@ std::unique_ptr<SystemFile> openSystemFile(const std::string& path, OpenMode mod
 // system has no more; `error` then says so.
 std::unique_ptr<SystemFile> systemFileOn(int descriptor, std::string& error);
 
+// ---------------------------------------------------------------------------------------------
+// Files by their names, whose bytes go through a descriptor
+
+enum class FileKind : std::uint8_t { Regular, Folder, Other };
+
+struct FileStatus {
+  FileKind kind = FileKind::Other;
+  int permissions = -1;  // as completeFile takes them; -1: none of its own
+};
+
+// Of what `path` and its symbolic links lead to. An error leaves `status` as it is.
+[[nodiscard]] int fileStatus(const std::string& path, FileStatus& status);
+// The name that symbolic links lead to, whether it exists or not. Nothing when one of them leads to
+// an open file, which has its name no longer or never had one.
+std::optional<std::string> behindLinks(const std::string& path);
+// Whether somebody records into the file: it would go on in a file without a name.
+bool isLocked(const std::string& path);
+// Why the file cannot be written; 0 when it can.
+[[nodiscard]] int mayWrite(const std::string& path);
+[[nodiscard]] int fillWithRandom(WritableBytes bytes);
+
+enum class FileUse : std::uint8_t {
+  Read,           // what exists, pipes included
+  Write,          // what exists, left as it is
+  Replace,        // for writing from the start of what exists; a file is emptied
+  Create,         // a new file that others may use as usual
+  CreatePrivate,  // one that only its owner may
+};
+// `descriptor` is not inherited by other programs.
+[[nodiscard]] int openFile(const std::string& path, FileUse use, int& descriptor);
+// Gives the file its permissions, unless they are -1, and has its bytes on the disk.
+[[nodiscard]] int completeFile(int descriptor, int permissions);
+[[nodiscard]] int closeFile(int descriptor);
+// Takes the name `to` from whatever has it, at once.
+[[nodiscard]] int renameFile(const std::string& from, const std::string& to);
+void removeFile(const std::string& path);
+// Has the names in a folder on the disk. A folder that cannot be read, or of a system that does not
+// know this, is left to the system.
+[[nodiscard]] int flushFolder(const std::string& folder);
+
+// ---------------------------------------------------------------------------------------------
+// Errors, processes, time
+
 // What an error number means, in the system's words.
 std::string systemErrorText(int error);
 
@@ -75,7 +119,7 @@ std::uint64_t systemTicks();
 // Changes in a child process (fork), where none of the parent's other threads exists.
 unsigned processGeneration();
 
-// Milliseconds of a clock that nobody sets.
+// Milliseconds of a monotonic clock.
 std::uint64_t steadyMilliseconds();
 
 // Seconds to add to local standard time to get UTC; 0 when unknown.

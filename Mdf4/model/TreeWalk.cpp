@@ -1,6 +1,4 @@
 // FileTree, from the chains of an opened file.
-#include <strings.h>
-
 #include <algorithm>
 #include <cinttypes>
 #include <string>
@@ -19,12 +17,18 @@ namespace {
 // Channels that share a long name would make much of it.
 constexpr std::size_t kLongestTrace = 1 << 20;
 
+// Letters of ASCII count as equal in either case.
+bool equalNames(std::string_view a, std::string_view b) {
+  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+  return std::ranges::equal(a, b, {}, lower, lower);
+}
+
 bool isBusLogName(const SharedText& name, bool loggerRules) {
   if (name == nullptr) return false;
   for (const char* const known : {"CAN_DataFrame", "CAN_ErrorFrame", "CAN_FdErrorFrame"}) {
-    if (strcasecmp(name->c_str(), known) == 0) return true;
+    if (equalNames(name->c_str(), known)) return true;
   }
-  return loggerRules && strcasecmp(name->c_str(), "CAN_RemoteFrame") == 0;
+  return loggerRules && equalNames(name->c_str(), "CAN_RemoteFrame");
 }
 
 bool isMasterTime(const M4CNBlock& channel) {

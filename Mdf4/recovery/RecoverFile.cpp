@@ -11,6 +11,7 @@
 
 #include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/base/OutputLimit.h"
+#include "Mdf4/base/Paths.h"
 #include "Mdf4/base/ResultFile.h"
 #include "Mdf4/base/System.h"
 #include "Mdf4/format/WorkSizes.h"
@@ -78,7 +79,8 @@ MdfRecoveryReport recover(const std::string& input, const std::string& output,
     return report;
   };
   std::error_code none;
-  if (std::filesystem::equivalent(input, output, none)) return failed("the output is the input");
+  if (std::filesystem::equivalent(pathOf(input), pathOf(output), none))
+    return failed("the output is the input");
   std::string error;
   std::unique_ptr<SystemFile> in = openSystemFile(input, OpenMode::Read, error);
   if (in == nullptr) return failed(error);

@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "Mdf4/base/OutputLimit.h"
+#include "Mdf4/base/Paths.h"
 
 namespace tolvex {
 
@@ -24,7 +25,7 @@ void addMaxOutput(CLI::App& command, std::optional<std::uint64_t>& bytes) {
 
 OutputBudget budgetFor(std::optional<std::uint64_t> chosen, const std::string& input) {
   std::error_code error;
-  const std::uintmax_t size = std::filesystem::file_size(input, error);
+  const std::uintmax_t size = std::filesystem::file_size(pathOf(input), error);
   return {.limit = outputLimit(chosen, error ? 0 : size)};
 }
 

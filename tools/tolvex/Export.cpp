@@ -15,6 +15,7 @@
 
 #include "Command.h"
 #include "CsvColumn.h"
+#include "Mdf4/base/Paths.h"
 #include "Progress.h"
 #include "StopSignals.h"
 
@@ -230,7 +231,7 @@ int exportAll(MdfSigReader& reader, const ExportOptions& options) {
   if (!channelsExist(reader, groups, options)) {
     return kFailed;
   }
-  const std::filesystem::path folder(options.output);
+  const std::filesystem::path folder = pathOf(options.output);
   std::error_code error;
   std::filesystem::create_directories(folder, error);
   if (error) {
@@ -253,7 +254,7 @@ int exportAll(MdfSigReader& reader, const ExportOptions& options) {
     }
     Output& out = files.emplace_back();
     out.limitBy(budget);
-    const std::string path = folder / fileNameOf(group);
+    const std::string path = pathText(folder / fileNameOf(group));
     if (const ExitCode code = openOutput(out, path, options.file); code != kDone) {
       return code;
     }

@@ -1,13 +1,11 @@
 #include "LineInput.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+
+#include "StopSignals.h"
+#include "System.h"
 
 namespace tolvex {
 
@@ -22,64 +20,65 @@ LineInput::LineInput(std::size_t longestLine)
 
 LineInput::~LineInput() {
   if (owned_) {
-    ::close(descriptor_);
+    static_cast<void>(closeFile(descriptor_));
   }
 }
 
 bool LineInput::open(const std::string& path) {
   if (path != "-") {
     name_ = path;
-    descriptor_ = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (descriptor_ < 0) {
-      return fail();
+    if (const int error = openFile(path, FileUse::Read, descriptor_); error != 0) {
+      return fail(error);
     }
     owned_ = true;
   }
-  struct stat status {};
-  if (::fstat(descriptor_, &status) != 0) {
-    return fail();
+  FileKind kind = FileKind::Other;
+  if (const int error = descriptorKind(descriptor_, kind); error != 0) {
+    return fail(error);
   }
-  if (S_ISDIR(status.st_mode)) {
+  if (kind == FileKind::Folder) {
     errorNumber_ = EISDIR;
     return false;
   }
-  start_ = S_ISREG(status.st_mode) ? ::lseek(descriptor_, 0, SEEK_CUR) : -1;
+  start_ = kind == FileKind::Regular ? positionOf(descriptor_) : -1;
   isFile_ = start_ >= 0;
   return true;
 }
 
-bool LineInput::fail() {
-  errorNumber_ = errno;
+bool LineInput::fail(int error) {
+  errorNumber_ = error;
   ended_ = true;
   return false;
 }
 
 // False when the input shall end.
 bool LineInput::waitForText() {
-  pollfd waits[] = {{descriptor_, POLLIN, 0}, {stopDescriptor_, POLLIN, 0}};
   for (;;) {
-    int timeoutMs = -1;
+    std::optional<std::chrono::milliseconds> timeout;
     if (deadline_) {
-      using std::chrono::milliseconds;
       const auto left = *deadline_ - std::chrono::steady_clock::now();
-      timeoutMs = static_cast<int>(std::chrono::ceil<milliseconds>(left).count());
-      if (timeoutMs <= 0) {
+      timeout = std::chrono::ceil<std::chrono::milliseconds>(left);
+      if (timeout->count() <= 0) {
         return false;
       }
-      waits[1].fd = -1;
     }
-    const int ready = ::poll(waits, 2, timeoutMs);
-    if (ready < 0 && errno != EINTR) {
-      return fail();
-    }
-    if (ready > 0 && waits[1].revents != 0) {
-      stopped_ = true;
-      if (isFile_) {
-        return false;
-      }
-      deadline_ = std::chrono::steady_clock::now() + kGrace;
-    } else if (ready > 0) {
-      return true;
+    int error = 0;
+    switch (waitForInput(descriptor_, endsAtStop_ && !deadline_, timeout, error)) {
+      case Wake::Input:
+        return true;
+      case Wake::Timeout:
+        break;
+      case Wake::Failure:
+        if (error != EINTR) {
+          return fail(error);
+        }
+        break;
+      case Wake::Stop:
+        stopped_ = true;
+        if (isFile_) {
+          return false;
+        }
+        deadline_ = std::chrono::steady_clock::now() + kGrace;
     }
   }
 }
@@ -96,17 +95,18 @@ bool LineInput::read() {
       ended_ = true;
       return false;
     }
-    const ssize_t count = ::read(descriptor_, buffer_.data() + end_, buffer_.size() - 1 - end_);
+    const auto [count, error] =
+        readSome(descriptor_, buffer_.data() + end_, buffer_.size() - 1 - end_);
     if (count > 0) {
-      end_ += static_cast<std::size_t>(count);
-      size_ += static_cast<std::size_t>(count);
+      end_ += count;
+      size_ += count;
       return true;
     }
-    if (count < 0 && (errno == EINTR || errno == EAGAIN)) {
+    if (error == EINTR || error == EAGAIN) {
       continue;
     }
-    if (count < 0) {
-      return fail();
+    if (error != 0) {
+      return fail(error);
     }
     ended_ = true;
     if (end_ == 0) {
@@ -144,8 +144,8 @@ bool LineInput::next(std::string_view& line) {
 }
 
 void LineInput::rewind() {
-  if (::lseek(descriptor_, start_, SEEK_SET) < 0) {
-    fail();
+  if (const int error = moveTo(descriptor_, start_); error != 0) {
+    fail(error);
     return;
   }
   ended_ = stopped_ || !good();
@@ -157,7 +157,7 @@ void LineInput::rewind() {
 }
 
 std::string LineInput::error() const {
-  return std::strerror(errorNumber_);
+  return systemErrorText(errorNumber_);
 }
 
 }  // namespace tolvex

@@ -34,10 +34,10 @@ class LineInput {
   // Whether it can be read from its start a second time.
   bool isFile() const { return isFile_; }
 
-  // Ends the input when `descriptor` becomes readable. A file then ends at once; a stream has a
-  // moment more to end by itself, as the program that feeds it mostly got the same signal and still
-  // hands over what it holds.
-  void stopBy(int descriptor) { stopDescriptor_ = descriptor; }
+  // Ends the input at a signal that a StopSignals waits for. A file then ends at once; a stream has
+  // a moment more to end by itself, as the program that feeds it mostly got the same signal and
+  // still hands over what it holds.
+  void endAtStop() { endsAtStop_ = true; }
 
   // Waits for more text and reads it. False at the end, after a stop, and when reading failed.
   bool read();
@@ -54,14 +54,14 @@ class LineInput {
 
  private:
   bool waitForText();
-  bool fail();
+  bool fail(int error);
 
   std::string name_ = "standard input";
   int descriptor_ = 0;
   bool owned_ = false;
   bool isFile_ = false;
   std::int64_t start_ = 0;  // of a file, where it was opened
-  int stopDescriptor_ = -1;
+  bool endsAtStop_ = false;
   std::optional<std::chrono::steady_clock::time_point> deadline_;  // of a stopped stream
   bool stopped_ = false;
   bool ended_ = false;

@@ -1,13 +1,14 @@
 #include "Output.h"
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 
+#include "Mdf4/base/Paths.h"
 #include "StopSignals.h"
+#include "System.h"
 
 namespace tolvex {
 
@@ -19,14 +20,14 @@ constexpr std::size_t kBufferSize = 256 * 1024;
 
 Output::Output()
     : name_("standard output"),
-      descriptor_(STDOUT_FILENO),
-      terminal_(::isatty(STDOUT_FILENO) == 1),
+      descriptor_(kStandardOutput),
+      terminal_(tolvex::isTerminal(kStandardOutput)),
       buffer_(kBufferSize) {}
 
 Output::Opened Output::open(const std::string& path, const std::string& input) {
   name_ = path;
   std::error_code none;
-  if (std::filesystem::equivalent(path, input, none)) {
+  if (std::filesystem::equivalent(pathOf(path), pathOf(input), none)) {
     return Opened::IsTheInput;
   }
   if (!file_.open(path)) {
@@ -34,7 +35,7 @@ Output::Opened Output::open(const std::string& path, const std::string& input) {
     return Opened::Failed;
   }
   descriptor_ = file_.descriptor();
-  terminal_ = ::isatty(descriptor_) == 1;
+  terminal_ = tolvex::isTerminal(descriptor_);
   return Opened::Yes;
 }
 
@@ -79,16 +80,15 @@ void Output::flush() {
   const char* at = buffer_.data();
   while (used_ > 0 && good()) {
     if (StopSignals::received() != 0) {
-      error_ = std::strerror(ECANCELED);
+      error_ = systemErrorText(ECANCELED);
       break;
     }
-    const ssize_t written = ::write(descriptor_, at, used_);
-    if (written >= 0) {
-      at += written;
-      used_ -= static_cast<std::size_t>(written);
-    } else if (errno != EINTR) {
-      pipeClosed_ = errno == EPIPE;
-      error_ = std::strerror(errno);
+    const auto [written, error] = writeSome(descriptor_, at, used_);
+    at += written;
+    used_ -= written;
+    if (error != 0 && error != EINTR) {
+      pipeClosed_ = error == EPIPE;
+      error_ = systemErrorText(error);
     }
   }
   used_ = 0;

@@ -1,12 +1,12 @@
 #include "Progress.h"
 
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <utility>
 
 #include "PrintableText.h"
+#include "System.h"
 
 namespace tolvex {
 
@@ -21,7 +21,7 @@ Progress::Progress(std::string_view what, std::uint64_t total, std::string unit)
     : what_(printable(what)),
       total_(total),
       unit_(std::move(unit)),
-      shown_(::isatty(STDERR_FILENO) == 1),
+      shown_(isTerminal(kStandardError)),
       next_(std::chrono::steady_clock::now() + kPeriod) {}
 
 Progress::~Progress() {

@@ -452,7 +452,7 @@ int record(const RecordOptions& options) {
     return kFailed;
   }
   const StopSignals signals;
-  input.stopBy(signals.descriptor());
+  input.endAtStop();
   RecordTarget target(options.output);
   const ExitCode code =
       target.claim({.overwrite = options.overwrite, .split = split, .input = input.descriptor()});

@@ -1,36 +1,20 @@
 #include "RecordTarget.h"
 
-#include <fcntl.h>
-#include <fmt/format.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
-#include <optional>
 #include <utility>
+
+#include "Mdf4/base/Paths.h"
+#include "System.h"
 
 namespace tolvex {
 
 namespace {
 
-std::optional<struct stat> statusOf(const std::string& path) {
-  struct stat status {};
-  return ::stat(path.c_str(), &status) == 0 ? std::optional(status) : std::nullopt;
-}
-
-bool isOpen(int descriptor, const struct stat& file) {
-  struct stat opened {};
-  return ::fstat(descriptor, &opened) == 0 && opened.st_dev == file.st_dev &&
-         opened.st_ino == file.st_ino;
-}
-
 // Whether a file that is there may be overwritten; complains if not.
-ExitCode allowOverwriting(const std::string& path, const struct stat& file,
-                          const RecordTarget::Rules& rules) {
-  if (isOpen(rules.input, file)) {
+ExitCode allowOverwriting(const std::string& path, const RecordTarget::Rules& rules) {
+  if (isOpenAs(rules.input, path)) {
     complain(path, "is the input itself; name another output");
     return kWrongUse;
   }
@@ -60,28 +44,29 @@ std::string numberOf(const std::string& name, const std::string& first) {
 }  // namespace
 
 bool canBeSplit(const std::string& path) {
-  return std::filesystem::path(path).filename().string().find('.') != std::string::npos;
+  return pathText(pathOf(path).filename()).find('.') != std::string::npos;
 }
 
 ExitCode RecordTarget::claim(const Rules& rules) {
-  constexpr mode_t kMode = 0666;
-  int descriptor = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kMode);
-  created_ = descriptor >= 0;
-  if (const auto file = created_ || errno != EEXIST ? std::nullopt : statusOf(path_)) {
-    if (const ExitCode code = allowOverwriting(path_, *file, rules); code != kDone) {
+  int descriptor = -1;
+  int error = openFile(path_, FileUse::Create, descriptor);
+  created_ = error == 0;
+  FileStatus status;
+  if (error == EEXIST && (error = fileStatus(path_, status)) == 0) {
+    if (const ExitCode code = allowOverwriting(path_, rules); code != kDone) {
       return code;
     }
-    if (!S_ISREG(file->st_mode) && !S_ISDIR(file->st_mode)) {
+    if (status.kind == FileKind::Other) {
       complain(path_, "is no regular file, which a recording needs");
       return kWrongUse;
     }
-    descriptor = ::open(path_.c_str(), O_WRONLY | O_CLOEXEC);
+    error = openFile(path_, FileUse::Write, descriptor);
   }
-  if (descriptor < 0) {
-    complain(path_, std::strerror(errno));
+  if (error != 0) {
+    complain(path_, systemErrorText(error));
     return kFailed;
   }
-  ::close(descriptor);
+  static_cast<void>(closeFile(descriptor));
   split_ = rules.split;
   const ExitCode code = split_ ? claimFollowing(rules) : kDone;
   if (code != kDone) {
@@ -92,20 +77,20 @@ ExitCode RecordTarget::claim(const Rules& rules) {
 
 // Nobody knows yet how many will be needed, so every one that is there counts.
 ExitCode RecordTarget::claimFollowing(const Rules& rules) const {
-  const std::filesystem::path path(path_);
-  const std::filesystem::path folder = path.has_parent_path() ? path.parent_path() : ".";
+  const std::filesystem::path path = pathOf(path_);
+  const std::string first = pathText(path.filename());
   std::error_code error;
-  std::filesystem::directory_iterator entries(folder, error);
+  std::filesystem::directory_iterator entries(folderOf(path), error);
   for (; !error && entries != std::filesystem::directory_iterator(); entries.increment(error)) {
-    const std::string number = numberOf(entries->path().filename(), path.filename());
-    const auto file = number.empty() ? std::nullopt : statusOf(nameBehind(path_, number));
-    if (file) {
-      const ExitCode code = allowOverwriting(nameBehind(path_, number), *file, rules);
-      if (code != kDone) {
+    const std::string number = numberOf(pathText(entries->path().filename()), first);
+    const std::string name = nameBehind(path_, number);
+    FileStatus status;
+    if (!number.empty() && fileStatus(name, status) == 0) {
+      if (const ExitCode code = allowOverwriting(name, rules); code != kDone) {
         return code;
       }
-      if (!S_ISREG(file->st_mode)) {
-        complain(nameBehind(path_, number), "is no regular file, which a recording needs");
+      if (status.kind != FileKind::Regular) {
+        complain(name, "is no regular file, which a recording needs");
         return kWrongUse;
       }
     }
@@ -114,29 +99,27 @@ ExitCode RecordTarget::claimFollowing(const Rules& rules) const {
 }
 
 void RecordTarget::abandon() {
-  const auto file = created_ ? statusOf(path_) : std::nullopt;
-  if (file && file->st_size == 0) {
-    ::unlink(path_.c_str());
+  std::error_code error;
+  if (created_ && std::filesystem::file_size(pathOf(path_), error) == 0) {
+    removeFile(path_);
   }
   created_ = false;
 }
 
 // Files of an earlier recording are older than the first one of this.
 unsigned RecordTarget::finish() const {
-  const auto changeOf = [](const struct stat& file) {
-    return std::pair(file.st_mtim.tv_sec, file.st_mtim.tv_nsec);
-  };
-  const auto first = statusOf(path_);
+  std::error_code error;
+  const auto start = std::filesystem::last_write_time(pathOf(path_), error);
   unsigned files = 1;
-  if (!first || !split_) {
+  if (error || !split_) {
     return files;
   }
   for (;; ++files) {
     const std::string path = nameBehind(path_, std::to_string(files));
-    const auto file = statusOf(path);
-    if (file && changeOf(*file) < changeOf(*first)) {
+    const auto change = std::filesystem::last_write_time(pathOf(path), error);
+    if (!error && change < start) {
       complain(path, "is of an earlier recording");
-    } else if (file) {
+    } else if (!error) {
       continue;
     }
     return files;

@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "Command.h"
+#include "Mdf4/base/Paths.h"
 #include "Progress.h"
 #include "StopSignals.h"
 
@@ -77,7 +78,7 @@ void describe(const MdfRecoveryReport& report, const std::string& file) {
 
 int recover(const RecoverOptions& options) {
   std::error_code error;
-  if (std::filesystem::equivalent(options.input, options.output, error)) {
+  if (std::filesystem::equivalent(pathOf(options.input), pathOf(options.output), error)) {
     complain(options.output, "is the input itself; name another output");
     return kWrongUse;
   }

@@ -1,13 +1,16 @@
-// A wish to stop: SIGINT (Ctrl-C), SIGTERM, or SIGHUP (the terminal was closed).
+// A wish to stop: SIGINT (Ctrl-C), SIGTERM, or SIGHUP (the terminal was closed); on Windows Ctrl-C,
+// Ctrl-Break, and the closing of the console.
 #pragma once
 
+#include <chrono>
 #include <functional>
+#include <optional>
 
 namespace tolvex {
 
-// While it lives, the first of these signals does not end the program but makes descriptor()
-// readable for good; the second one ends it. A signal that was ignored stays ignored. One object
-// at a time.
+// While it lives, the first of these signals does not end the program but makes received() other
+// than 0 for good; the second one ends it. A signal that was ignored stays ignored. One object at a
+// time.
 class StopSignals {
  public:
   // Whether calls to the system that the signal interrupts are begun again.
@@ -17,14 +20,17 @@ class StopSignals {
   StopSignals(const StopSignals&) = delete;
   StopSignals& operator=(const StopSignals&) = delete;
 
-  int descriptor() const { return descriptors_[0]; }
   // The signal that came since the last object was made; 0 if none did.
   static int received();
-
- private:
-  int descriptors_[2] = {-1, -1};  // of a pipe: it is safe to write to one in a signal handler, and
-                                   // no signal is missed between a check and the wait after it
 };
+
+enum class Wake { Input, Stop, Timeout, Failure };
+
+// Waits until `descriptor` has something to read, or its end; with `untilStop`, at most until a
+// signal that a StopSignals waits for has come; at most for `timeout`, without one for ever. A
+// failure is in `error`.
+[[nodiscard]] Wake waitForInput(int descriptor, bool untilStop,
+                                std::optional<std::chrono::milliseconds> timeout, int& error);
 
 // Runs a command that removes what it began when a signal makes it fail, and ends the program by
 // that signal afterwards. Gives the command's exit code.

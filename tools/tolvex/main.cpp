@@ -1,37 +1,22 @@
 // The tolvex program: shows, prints, exports, records, checks and recovers measurement files.
 
-#include <fcntl.h>
 #include <tolvex/MdfEngine.h>
-#include <unistd.h>
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <new>
+#include <string>
+#include <vector>
 
 #include "Command.h"
 #include "Program.h"
+#include "System.h"
 
 namespace tolvex {
 
 namespace {
-
-// Takes the numbers of standard streams that are closed, so that no file or pipe of the program's
-// gets one of them and what is printed goes into it.
-void occupyStandardStreams() {
-  while (true) {
-    const int descriptor = ::open("/dev/null", O_RDONLY);
-    if (descriptor < 0) {
-      return;
-    }
-    if (descriptor > STDERR_FILENO) {
-      ::close(descriptor);
-      return;
-    }
-  }
-}
 
 // Says so without asking for memory.
 void complainOfMemory() {
@@ -63,14 +48,17 @@ void complainOfMemory() {
 }  // namespace tolvex
 
 int main(int argc, char** argv) {
-  tolvex::occupyStandardStreams();
+  tolvex::prepareProcess();
   // Diagnostics of the library would end up among the results; what matters comes as errors.
   setDiagnosticHandler(nullptr, nullptr);
-  // A closed pipe, and a file that grew to the allowed size, show as failed writes.
-  std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGXFSZ, SIG_IGN);
   try {
-    return tolvex::runProgram(argc, argv);
+    std::vector<std::string> arguments = tolvex::commandLine(argc, argv);
+    std::vector<char*> pointers;
+    for (std::string& argument : arguments) {
+      pointers.push_back(argument.data());
+    }
+    pointers.push_back(nullptr);
+    return tolvex::runProgram(argc, pointers.data());
   } catch (const std::bad_alloc&) {
     tolvex::complainOfMemory();
   } catch (const std::exception& error) {
