@@ -122,7 +122,7 @@ RecordWatch::RecordWatch(BlockCheck& walk, const CheckedGroup& group,
 
 RecordWatch::Field RecordWatch::field(std::uint64_t offset, std::uint32_t length) {
   const Field field = {offset, length, static_cast<std::uint32_t>(kept_.size())};
-  kept_.resize(kept_.size() + length + sizeof(std::uint64_t));  // so that 8 bytes can be loaded
+  kept_.resize(kept_.size() + length);
   return field;
 }
 
@@ -160,8 +160,7 @@ void RecordWatch::watchValue(const WatchedChannel& channel, CheckedValues* data,
   }
   Value value;
   value.field = field(record.cn_byte_offset, length);
-  value.bitOffset = record.cn_bit_offset;
-  value.bitCount = record.cn_bit_count;
+  value.offset = BitField(0, record.cn_bit_offset, record.cn_bit_count);
   if (mayBeInvalid) {
     const std::uint64_t byte = dataBytes_ + record.cn_inval_bit_pos / 8;
     if (byte >= recordSize_) return;
@@ -223,14 +222,7 @@ void RecordWatch::lookAtTime(double stored, std::uint64_t position) {
 
 void RecordWatch::lookAtValue(Value& value, View record, std::uint64_t position) {
   if (value.invalid && (*record.at(*value.invalid) & value.invalidMask) != 0) return;
-  const std::uint8_t* const bytes = record.at(value.field);
-  std::uint64_t offset = 0;
-  std::memcpy(&offset, bytes, std::min<std::size_t>(value.field.length, sizeof offset));
-  offset >>= value.bitOffset;
-  if (value.field.length > sizeof offset) {
-    offset |= std::uint64_t{bytes[sizeof offset]} << (64 - value.bitOffset);
-  }
-  if (value.bitCount < 64) offset &= (std::uint64_t{1} << value.bitCount) - 1;
+  const std::uint64_t offset = value.offset.read({record.at(value.field), value.field.length});
   if (value.group != 0) {
     if (offset >= value.greatest) {
       value.greatest = offset;

@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Mdf4/base/BitField.h"
 #include "Mdf4/check/BlockReader.h"
 #include "Mdf4/check/TreeCheck.h"
 #include "Mdf4/model/ValueStarts.h"
@@ -107,8 +108,7 @@ class RecordWatch {
   };
   struct Value {
     Field field;
-    std::uint32_t bitOffset = 0;
-    std::uint32_t bitCount = 0;
+    BitField offset;  // in the field's bytes
     std::optional<Field> invalid;
     std::uint8_t invalidMask = 0;
     CheckedValues* data = nullptr;

@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "Mdf4/base/BitField.h"
 #include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/format/BlockTraits.h"
 #include "Mdf4/rewrite/Notes.h"
@@ -26,13 +27,7 @@ bool isBehind(std::uint64_t position, std::uint64_t end) {
 }
 
 std::uint64_t bitsOf(const std::vector<std::uint8_t>& record, const RecordField& field) {
-  std::uint64_t value = 0;
-  for (std::uint32_t i = 0; i < std::min<std::uint32_t>(field.bits, 64); ++i) {
-    const std::uint64_t at = std::uint64_t{field.byteOffset} * 8 + field.bitOffset + i;
-    if (at / 8 >= record.size()) break;
-    value |= std::uint64_t{record[at / 8] >> at % 8 & 1U} << i;
-  }
-  return value;
+  return BitField(field.byteOffset, field.bitOffset, field.bits).read(record);
 }
 
 }  // namespace

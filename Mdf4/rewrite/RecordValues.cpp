@@ -3,6 +3,8 @@
 #include <cstring>
 #include <optional>
 
+#include "Mdf4/base/BitField.h"
+
 namespace tolvex {
 
 RecordValues::RecordValues(DirectFile& out, SourceGroup& group, const WorkSizes& sizes)
@@ -19,9 +21,8 @@ bool RecordValues::isValid(std::size_t i, const std::uint8_t* record) const {
 }
 
 std::uint64_t RecordValues::offset(std::size_t i, const std::uint8_t* record) const {
-  std::uint64_t value = 0;
-  std::memcpy(&value, record + group_.values[i].byteOffset, group_.values[i].bytes);
-  return value;
+  const ValueChannel& channel = group_.values[i];
+  return BitField(0, 0, 8 * channel.bytes).read({record + channel.byteOffset, channel.bytes});
 }
 
 void RecordValues::setOffset(std::size_t i, std::uint8_t* record, std::uint64_t offset) const {
