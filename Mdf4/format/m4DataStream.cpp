@@ -30,6 +30,37 @@ bool makeRoom(ByteBuffer& buffer, std::uint64_t size) {
   return false;
 }
 
+// Reads the record of a compressed block and finds its bytes; calls `fail` with what is expected
+// and found where the block cannot be inflated.
+template <class Fail>
+bool findCompressed(DirectFile& file, const DataSegment& segment, Fail fail, m4DZRecord& record,
+                    std::uint64_t& stored) {
+  BlockHeader header;
+  std::uint64_t dataLength = 0;
+  if (!file.ReadAt(segment.position - kBlockHeaderSize, kBlockHeaderSize, &header) ||
+      !header.dataLength(dataLength) || dataLength < sizeof record) {
+    return fail("bytes in its record", sizeof record, dataLength);
+  }
+  const std::uint64_t recordAt = segment.position + header.linkCount * kLinkSize;
+  if (!file.ReadAt(recordAt, sizeof record, &record)) {
+    return fail("bytes in its record", sizeof record, 0);
+  }
+  stored = recordAt + sizeof record;
+  const std::uint64_t trailing = dataLength - sizeof record;
+  if (trailing < record.dz_data_length) {
+    return fail("compressed bytes", record.dz_data_length, trailing);
+  }
+  if (!file.holds(stored, record.dz_data_length)) {
+    return fail("bytes up to the end of the file", record.dz_data_length,
+                file.end() - std::min(file.end(), stored));
+  }
+  const std::uint64_t most = mostInflated(record.dz_data_length);
+  if (segment.length > most) {
+    return fail("at most this many inflated bytes", most, segment.length);
+  }
+  return true;
+}
+
 }  // namespace
 
 m4DataStream::m4DataStream(DirectFile& file, std::shared_ptr<SegmentTable> table)
@@ -336,29 +367,9 @@ bool m4DataStream::inflateBlock(DataSegment& segment, bool again, InflatedBlock&
                              block, what, expected, found));
     return false;
   };
-  BlockHeader header;
-  std::uint64_t dataLength = 0;
-  if (!file_->ReadAt(block, kBlockHeaderSize, &header) || !header.dataLength(dataLength) ||
-      dataLength < sizeof(m4DZRecord)) {
-    return fail("bytes in its record", sizeof(m4DZRecord), dataLength);
-  }
   m4DZRecord record;
-  const std::uint64_t recordAt = segment.position + header.linkCount * kLinkSize;
-  if (!file_->ReadAt(recordAt, sizeof record, &record)) {
-    return fail("bytes in its record", sizeof record, 0);
-  }
-  const std::uint64_t trailing = dataLength - sizeof record;
-  if (trailing < record.dz_data_length) {
-    return fail("compressed bytes", record.dz_data_length, trailing);
-  }
-  if (!file_->holds(recordAt + sizeof record, record.dz_data_length)) {
-    return fail("bytes up to the end of the file", record.dz_data_length,
-                file_->end() - std::min(file_->end(), recordAt + sizeof record));
-  }
-  if (segment.length > mostInflated(record.dz_data_length)) {
-    return fail("at most this many inflated bytes", mostInflated(record.dz_data_length),
-                segment.length);
-  }
+  std::uint64_t stored = 0;  // position of the compressed bytes
+  if (!findCompressed(*file_, segment, fail, record, stored)) return false;
   if (!again && !file_->budget().takeLoad(record.dz_data_length)) {
     segment.damaged = true;
     return false;
@@ -373,7 +384,7 @@ bool m4DataStream::inflateBlock(DataSegment& segment, bool again, InflatedBlock&
     return false;
   }
   const ByteSpan compressed(compressed_.data(), record.dz_data_length);
-  if (!file_->ReadAt(recordAt + sizeof record, compressed.size(), compressed_.data())) {
+  if (!file_->ReadAt(stored, compressed.size(), compressed_.data())) {
     return fail("compressed bytes", compressed.size(), 0);
   }
   if (inflater_ == nullptr) inflater_ = std::make_unique<Inflater>();
