@@ -143,9 +143,10 @@ class TreeWalk {
       }
     }
     printDiagnostic("%s\n", trace.c_str());
-    std::ranges::stable_sort(children, {}, nameOf);
-    const auto repeated = std::ranges::unique(children, {}, nameOf);
-    children.erase(repeated.begin(), repeated.end());
+    const auto isBefore = [](const auto& a, const auto& b) { return nameOf(a) < nameOf(b); };
+    const auto isSame = [](const auto& a, const auto& b) { return nameOf(a) == nameOf(b); };
+    std::stable_sort(children.begin(), children.end(), isBefore);
+    children.erase(std::unique(children.begin(), children.end(), isSame), children.end());
     return children;
   }
 

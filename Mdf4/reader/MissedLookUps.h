@@ -25,12 +25,14 @@ class MissedLookUps {
   // Entries that are not empty any more are none of these.
   void forgetFound(const FileTree& tree) {
     std::erase_if(dataGroups_, [&](int dg) { return tree.findGroup(dg) != nullptr; });
-    for (auto& [dg, indices] : groups_) {
-      std::erase_if(indices, [&](int cg) { return tree.findGroup(dg, cg) != nullptr; });
+    for (auto& entry : groups_) {
+      std::erase_if(entry.second,
+                    [&](int cg) { return tree.findGroup(entry.first, cg) != nullptr; });
     }
-    for (auto& [group, indices] : channels_) {
-      std::erase_if(indices, [&](int cn) {
-        return tree.findChannel(group.first, group.second, cn) != nullptr;
+    for (auto& entry : channels_) {
+      const auto [dg, cg] = entry.first;
+      std::erase_if(entry.second, [&tree, dg = dg, cg = cg](int cn) {
+        return tree.findChannel(dg, cg, cn) != nullptr;
       });
     }
   }
