@@ -10,14 +10,18 @@ namespace tolvex {
 namespace {
 
 constexpr std::size_t kMostFree = 256;
-constexpr std::size_t kControlBytes = 64;  // of a shared pointer: its counts and what it frees
+constexpr std::size_t kTryAgain = 64;
+// Of a control block: its table of functions, two counts, the message and the allocator.
+constexpr std::size_t kControlBytes = 2 * sizeof(int) + 3 * sizeof(void*);
 
 // A message with the memory that shared pointers to it need. It is free when the last of them is
 // gone, weak ones included.
 struct PooledMessage {
   MdfCanMessage message;
-  alignas(std::max_align_t) std::byte control[kControlBytes];
-  PooledMessage* next = nullptr;  // of the free ones
+  union {
+    alignas(void*) std::byte control[kControlBytes];
+    PooledMessage* next;  // of the free ones
+  };
 };
 
 // A thread's free messages. Without a destructor, so that it outlives all objects of its thread,
@@ -25,10 +29,14 @@ struct PooledMessage {
 struct FreeMessages {
   PooledMessage* first;
   std::size_t room;  // for so many more; none in threads that make no messages
+  // Pooled messages are larger than others, which is lost where none comes back: so many may still
+  // be allocated. Each one that comes back allows another, and so do kTryAgain of the others.
+  std::size_t credit;
+  std::size_t others;
   bool isSetUp;
 };
 
-constinit thread_local FreeMessages freeMessages = {nullptr, 0, false};
+constinit thread_local FreeMessages freeMessages = {nullptr, 0, kMostFree, 0, false};
 
 // At the end of a thread, deletes its free messages.
 class FreeAtThreadEnd {
@@ -53,13 +61,24 @@ void setUp(FreeMessages& messages) {
   messages.isSetUp = true;
 }
 
+PooledMessage* allocate(FreeMessages& messages) {
+  if (!messages.isSetUp) setUp(messages);
+  if (messages.credit == 0) {
+    if (++messages.others < kTryAgain) return nullptr;
+    messages.others = 0;
+    ++messages.credit;
+  }
+  auto* const made = new PooledMessage;
+  --messages.credit;
+  return made;
+}
+
+// Null: one that is not pooled will do.
 PooledMessage* take() {
   FreeMessages& messages = freeMessages;
   PooledMessage* const first = messages.first;
-  if (first == nullptr) {
-    if (!messages.isSetUp) setUp(messages);
-    return new PooledMessage;
-  }
+  if (first == nullptr) return allocate(messages);
+  if (messages.credit < kMostFree) ++messages.credit;
   messages.first = first->next;
   ++messages.room;
   first->message.Reset();
@@ -89,7 +108,7 @@ class ControlAllocator {
   ControlAllocator(const ControlAllocator<U>& other) : message_(other.message()) {}
 
   T* allocate(std::size_t) noexcept {
-    static_assert(sizeof(T) <= kControlBytes && alignof(T) <= alignof(std::max_align_t));
+    static_assert(sizeof(T) <= kControlBytes && alignof(T) <= alignof(void*));
     return reinterpret_cast<T*>(message_->control);
   }
   void deallocate(T*, std::size_t) noexcept { giveBack(message_); }
@@ -112,8 +131,8 @@ struct KeepMessage {
 }  // namespace
 
 MdfFrame makeMessage() {
-  if constexpr (kMemoryIsWatched) return std::make_shared<MdfCanMessage>();
-  PooledMessage* const pooled = take();
+  PooledMessage* const pooled = kMemoryIsWatched ? nullptr : take();
+  if (pooled == nullptr) return std::make_shared<MdfCanMessage>();
   return MdfFrame(std::in_place_index<0>, &pooled->message, KeepMessage(),
                   ControlAllocator<MdfCanMessage>(pooled));
 }
