@@ -50,7 +50,7 @@ bool insertTime(DataGroup* group, std::uint64_t microseconds) {
 
 }  // namespace
 
-constinit RecorderSettings recorderSettings;
+RecorderSettings recorderSettings;
 
 MdfRecorder::MdfRecorder(FileOpener open) : open_(std::move(open)) {}
 

@@ -8,4 +8,8 @@ add_compile_options(-fstack-protector-strong)
 # The checked functions need the optimizer, and would hide calls from the sanitizers.
 add_compile_options(
   "$<$<NOT:$<CONFIG:Debug>>:SHELL:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>")
-add_link_options(LINKER:-z,relro,-z,now)
+if(WIN32)
+  add_link_options(-fstack-protector-strong)  # which a library of the compiler's does
+else()
+  add_link_options(LINKER:-z,relro,-z,now)
+endif()

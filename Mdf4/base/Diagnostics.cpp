@@ -19,7 +19,7 @@ void writeToStandardOutput(void* /*user*/, const char* text) {
   std::fputs(text, stdout);
 }
 
-constinit Mutex sinkMutex;
+Mutex sinkMutex;
 Sink sink TOLVEX_GUARDED_BY(sinkMutex) = {writeToStandardOutput, nullptr};
 std::atomic<bool> wanted = true;  // sink.handler is not null
 

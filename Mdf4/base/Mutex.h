@@ -24,7 +24,7 @@ namespace tolvex {
 
 class TOLVEX_THREAD_SAFETY(capability("mutex")) Mutex {
  public:
-  constexpr Mutex() = default;
+  Mutex() = default;  // constant, where the standard library's is
   Mutex(const Mutex&) = delete;
   Mutex& operator=(const Mutex&) = delete;
 

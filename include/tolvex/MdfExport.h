@@ -6,8 +6,10 @@
  * pkg-config see to that): a library that is made with it does not export it again. */
 #if defined(TOLVEX_STATIC)
 #define TOLVEX_EXPORT
+#elif defined(_WIN32) && defined(TOLVEX_BUILDS_LIBRARY)
+#define TOLVEX_EXPORT __declspec(dllexport)
 #elif defined(_WIN32)
-#define TOLVEX_EXPORT
+#define TOLVEX_EXPORT __declspec(dllimport)
 #else
 #define TOLVEX_EXPORT __attribute__((visibility("default")))
 #endif

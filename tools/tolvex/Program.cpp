@@ -92,6 +92,7 @@ void defineProgram(CLI::App& app, Command& chosen) {
   app.set_version_flag("-V,--version", std::string("tolvex ") + tolvex_version(),
                        "Print the version and exit");
   app.require_subcommand(0, 1);
+  app.allow_windows_style_options(false);  // paths may begin with a slash
   app.footer(
       "Examples:\n"
       "  tolvex info drive.mf4                  what the file holds\n"
