@@ -196,15 +196,13 @@ void FileCheck::planRecords(Walks& walks) {
 }
 
 std::unique_ptr<ByteSink> FileCheck::recordsOf(const CheckedDataGroup& group, bool columns) {
-  constexpr std::uint8_t kIdSizes[] = {1, 2, 4, 8};
   const std::uint8_t idSize = group.record.dg_rec_id_size;
   const bool single = group.groups.size() == 1;
   if (single && idSize == 0 && !group.groups[0].holdsValues()) {
     return std::make_unique<SortedRecordCheck>(walk_, group.groups[0], valuesOf(group.groups[0]),
                                                columns);
   }
-  if ((single && idSize == 0) ||
-      (!group.groups.empty() && std::ranges::find(kIdSizes, idSize) != std::end(kIdSizes))) {
+  if ((single && idSize == 0) || (!group.groups.empty() && isRecordIdSize(idSize))) {
     std::vector<std::vector<CheckedValues*>> values;
     for (const CheckedGroup& each : group.groups) values.push_back(valuesOf(each));
     return std::make_unique<UnsortedRecordCheck>(walk_, group, values);

@@ -12,18 +12,13 @@
 #include "Mdf4/format/BlockTraits.h"
 
 namespace tolvex {
-namespace {
-
-constexpr std::uint8_t kRecordIdSizes[] = {0, 1, 2, 4, 8};
-
-}  // namespace
 
 using namespace link;
 
 void TreeCheck::checkDataGroup(const FoundBlock& block) {
   CheckedDataGroup group = {block, walk_.record<m4DGRecord>(block), walk_.link(block, dg_data)};
   const std::uint8_t idSize = group.record.dg_rec_id_size;
-  if (std::ranges::find(kRecordIdSizes, idSize) == std::end(kRecordIdSizes)) {
+  if (idSize != 0 && !isRecordIdSize(idSize)) {
     walk_.findings().error(block.dataPosition(), fieldName(block.type, "dg_rec_id_size"),
                            "0, 1, 2, 4 or 8", std::to_string(idSize));
   }

@@ -271,6 +271,10 @@ static_assert(sizeof(m4LDRecord) == 8);
 static_assert(sizeof(m4HLRecord) == 8);
 static_assert(sizeof(m4DZRecord) == 24 && offsetof(m4DZRecord, dz_org_data_length) == 8);
 
+// dg_rec_id_size: bytes of a record id, unless there is none.
+constexpr bool isRecordIdSize(std::uint8_t bytes) {
+  return bytes == 1 || bytes == 2 || bytes == 4 || bytes == 8;
+}
 // cg_flags
 inline constexpr std::uint16_t kCgFlagVlsd = 0x0001;
 inline constexpr std::uint16_t kCgFlagBusEvent = 0x0002;

@@ -7,25 +7,23 @@
 
 namespace tolvex {
 
-std::size_t BlockSurvey::run(std::uint64_t dataLink) {
+FoundData& BlockSurvey::find(std::uint64_t dataLink) {
   const auto known = byLink_.find(dataLink);
-  if (known != byLink_.end()) return known->second;
-  const std::size_t run = runs_.size();
-  runs_.emplace_back();
-  if (dataLink == 0) return run;
-  byLink_.emplace(dataLink, run);
-  addChain(run, dataLink);
-  return run;
+  if (known != byLink_.end()) return *known->second;
+  FoundData& found = found_.emplace_back();
+  if (dataLink == 0) return found;
+  byLink_.emplace(dataLink, &found);
+  addChain(found, dataLink);
+  return found;
 }
 
-void BlockSurvey::addChain(std::size_t run, std::uint64_t start) {
-  runs_[run].chains.push_back({start, 0, {}});
-  walkers_.push_back({run, runs_[run].chains.size() - 1, ListedBlocks(file_, start)});
+void BlockSurvey::addChain(FoundData& found, std::uint64_t start) {
+  found.chains.push_back({start, 0, {}});
+  walkers_.push_back({&found, found.chains.size() - 1, ListedBlocks(file_, start)});
 }
 
-void BlockSurvey::addLoose(std::size_t run, const ListedBlock& block) {
+void BlockSurvey::addLoose(FoundData& found, const ListedBlock& block) {
   if (!owned_.add(block.position, block.position + block.size)) return;
-  FoundData& found = runs_[run];
   found.loose.push_back(block);
   found.bytes += block.bytes;
   ++found.blocks;
@@ -66,30 +64,30 @@ void BlockSurvey::walk() {
   walkers_.clear();
 }
 
-// Enters the block into its run. False when the chain ends in front of it.
+// Enters the block. False when the chain ends in front of it.
 bool BlockSurvey::take(const Walker& walker, const ListedBlock& block, std::uint64_t limit) {
-  FoundData& run = runs_[walker.run];
-  FoundData::Chain& chain = run.chains[walker.chain];
+  FoundData& found = *walker.found;
+  FoundData::Chain& chain = found.chains[walker.chain];
   if (block.kind == ListedBlock::Missing) {
-    run.broken = true;
-    if (block.elsewhere) run.openFrom = 0;
-    if (block.ends) run.openFrom = std::min(run.openFrom, block.position);
+    found.broken = true;
+    if (block.elsewhere) found.openFrom = 0;
+    if (block.ends) found.openFrom = std::min(found.openFrom, block.position);
     if (!block.elsewhere) {
-      run.lastNamed = std::max(run.lastNamed, block.position);
-      run.lostBytes += block.bytes;
+      found.lastNamed = std::max(found.lastNamed, block.position);
+      found.lostBytes += block.bytes;
     }
     ++chain.steps;
     return true;
   }
   if (block.kind == ListedBlock::List) {
     if (!owned_.add(block.position, block.position + block.size)) {
-      run.broken = true;
-      run.openFrom = 0;
+      found.broken = true;
+      found.openFrom = 0;
       return false;
     }
-    if (walker.blocks.equalLength() != 0) run.equalLength = walker.blocks.equalLength();
-    run.lastList = block.position;
-    run.lastListEnd = block.position + block.size;
+    if (walker.blocks.equalLength() != 0) found.equalLength = walker.blocks.equalLength();
+    found.lastList = block.position;
+    found.lastListEnd = block.position + block.size;
     ++chain.steps;
     return true;
   }
@@ -102,24 +100,24 @@ bool BlockSurvey::take(const Walker& walker, const ListedBlock& block, std::uint
         room <= kBlockHeaderSize || !isPlainData(block.type) ? 0 : room - kBlockHeaderSize;
     taken.bytes = std::min(taken.bytes, block.expected.value_or(taken.bytes));
     chain.bytes[chain.steps] = taken.bytes;
-    run.broken = true;
+    found.broken = true;
   }
   ++chain.steps;
   if (room < kBlockHeaderSize || !owned_.add(taken.position, taken.position + taken.size)) {
     chain.bytes[chain.steps - 1] = 0;
-    run.openFrom = 0;
+    found.openFrom = 0;
     return true;
   }
-  if (block.cut) run.broken = true;
+  if (block.cut) found.broken = true;
   if (block.invalidation != 0) ownInvalidation(block.invalidation);
-  if (run.last && run.last->position > taken.position) run.ascending = false;
-  if (!run.first) run.first = taken;
-  run.last = taken;
-  run.lastNamed = std::max(run.lastNamed, taken.position);
-  run.lastChain = walker.chain;
-  run.lastStep = chain.steps - 1;
-  run.bytes += taken.bytes;
-  ++run.blocks;
+  if (found.last && found.last->position > taken.position) found.ascending = false;
+  if (!found.first) found.first = taken;
+  found.last = taken;
+  found.lastNamed = std::max(found.lastNamed, taken.position);
+  found.lastChain = walker.chain;
+  found.lastStep = chain.steps - 1;
+  found.bytes += taken.bytes;
+  ++found.blocks;
   return true;
 }
 
@@ -128,19 +126,19 @@ void BlockSurvey::ownInvalidation(std::uint64_t position) {
   if (readSoundHeader(file_, position, header)) owned_.add(position, position + header.length);
 }
 
-void BlockSurvey::extendLast(std::size_t number) {
-  FoundData& run = runs_[number];
-  if (!run.last || !isPlainData(run.last->type)) return;
-  const std::uint64_t end = run.last->position + run.last->size;
+void BlockSurvey::extendLast(FoundData& found) {
+  if (!found.last || !isPlainData(found.last->type)) return;
+  const std::uint64_t end = found.last->position + found.last->size;
   const std::uint64_t limit = owned_.nextOwned(end, file_.end());
   BlockHeader header;
   const std::uint64_t next = alignUp(end);
   if (limit <= end || readSoundHeader(file_, next, header)) return;
-  run.chains[run.lastChain].bytes[run.lastStep] = limit - run.last->position - kBlockHeaderSize;
+  found.chains[found.lastChain].bytes[found.lastStep] =
+      limit - found.last->position - kBlockHeaderSize;
   owned_.add(end, limit);
-  run.bytes += limit - end;
-  run.last->bytes += limit - end;
-  run.last->size += limit - end;
+  found.bytes += limit - end;
+  found.last->bytes += limit - end;
+  found.last->size += limit - end;
 }
 
 }  // namespace tolvex

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <vector>
 
@@ -12,29 +13,27 @@
 
 namespace tolvex {
 
-// Walks the chains of all runs side by side, in the order of the file, so that what is known of
-// whole files stays small.
+// Walks the chains of all data links side by side, in the order of the file, so that what is known
+// of whole files stays small. Borrows the file.
 class BlockSurvey {
  public:
   BlockSurvey(DirectFile& file, OwnedRanges& owned) : file_(file), owned_(owned) {}
 
-  // The number of the run; one for each data link, however often it is asked for, but a new one
-  // each time for 0: what is found for a group without data is that group's alone.
-  std::size_t run(std::uint64_t dataLink);
-  // Adds a chain that was found to the run.
-  void addChain(std::size_t run, std::uint64_t start);
-  void addLoose(std::size_t run, const ListedBlock& block);
+  // What is found behind the link: one object for each, however often it is asked for, but a new
+  // one each time for 0: what is found for a group without data is that group's alone. It lives as
+  // long as the survey.
+  FoundData& find(std::uint64_t dataLink);
+  // Adds a chain that was found.
+  void addChain(FoundData& found, std::uint64_t start);
+  void addLoose(FoundData& found, const ListedBlock& block);
   // Walks the chains that were added since.
   void walk();
-  // The last block of the run has no true length yet: it has all bytes behind it that belong to no
-  // block.
-  void extendLast(std::size_t run);
-
-  std::vector<FoundData>& runs() { return runs_; }
+  // The last block has no true length yet: it has all bytes behind it that belong to no block.
+  void extendLast(FoundData& found);
 
  private:
   struct Walker {
-    std::size_t run;
+    FoundData* found;
     std::size_t chain;
     ListedBlocks blocks;
     ListedBlock next = {};
@@ -45,8 +44,8 @@ class BlockSurvey {
 
   DirectFile& file_;
   OwnedRanges& owned_;
-  std::vector<FoundData> runs_;
-  std::map<std::uint64_t, std::size_t> byLink_;
+  std::deque<FoundData> found_;
+  std::map<std::uint64_t, FoundData*> byLink_;
   std::vector<Walker> walkers_;
 };
 

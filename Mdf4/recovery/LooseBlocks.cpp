@@ -84,22 +84,21 @@ std::uint64_t LooseBlocks::findBehind(std::uint64_t position, bool (*wanted)(std
   return find(position + (whole ? header.length : kBlockHeaderSize), wanted);
 }
 
-const SourceGroup* LooseBlocks::sortedGroup(const SourceData& data) const {
-  if (data.groups.size() != 1 || data.recordIdSize != 0) return nullptr;
-  const SourceGroup& group = tree_.groups()[data.groups[0]];
-  return group.holdsValues() || group.recordSize() == 0 ? nullptr : &group;
+const SourceGroup* LooseBlocks::sortedGroup(const SourceData& data) {
+  return data.isSorted() && data.groups[0]->recordSize() != 0 ? data.groups[0] : nullptr;
 }
 
-// Whether there should be more records than the run names. A recording that never saw its end has
+// Whether there should be more records than were found. A recording that never saw its end has
 // not counted them.
-bool LooseBlocks::misses(const SourceData& data, const FoundData& run) const {
+bool LooseBlocks::misses(const SourceData& data) const {
+  const FoundData& found = *data.found;
   const SourceGroup* const group = sortedGroup(data);
   if (data.isLost) return true;
-  if (!run.broken && run.lastList == 0 && run.blocks != 0) return false;  // one block is all
-  if (group == nullptr) return run.broken || unfinished_;
+  if (!found.broken && found.lastList == 0 && found.blocks != 0) return false;  // one block is all
+  if (group == nullptr) return found.broken || unfinished_;
   const std::uint64_t counted = group->record.cg_cycle_count;
   if (counted == 0) return data.dataLink != 0;
-  return counted > (run.bytes + run.lostBytes) / group->recordSize();
+  return counted > (found.bytes + found.lostBytes) / group->recordSize();
 }
 
 bool LooseBlocks::readRecord(const SourceGroup& group, const ListedBlock& block,
@@ -138,81 +137,76 @@ bool LooseBlocks::sharesItsLayout(const SourceGroup& group) const {
 
 // Whether a block is the group's. Its blocks, and all those of its list if it `isListed`, hold
 // `expected` bytes but for the last.
-LooseBlocks::Claim LooseBlocks::claimOf(const SourceData& data, const FoundData& run,
-                                        const ListedBlock& block, std::uint64_t expected,
-                                        bool isListed) {
+LooseBlocks::Claim LooseBlocks::claimOf(const SourceData& data, const ListedBlock& block,
+                                        std::uint64_t expected, bool isListed) {
+  const FoundData& found = *data.found;
   const bool hasLink = !isListed || data.dataLink != 0;
-  if (hasLink && !misses(data, run)) return Claim::None;
-  const std::uint64_t end = std::max(run.lastNamed, run.lastList);
-  if (block.position < std::min(run.openFrom, end)) return Claim::None;
+  if (hasLink && !misses(data)) return Claim::None;
+  const std::uint64_t end = std::max(found.lastNamed, found.lastList);
+  if (block.position < std::min(found.openFrom, end)) return Claim::None;
   const SourceGroup* const group = sortedGroup(data);
   if (group == nullptr) return Claim::Possible;
 
   constexpr std::uint64_t kRecordsPerBlock = 512;  // as tolvex records
   const std::uint64_t size = group->recordSize();
   const std::uint64_t counted = group->record.cg_cycle_count;
-  const std::uint64_t records = (run.bytes + run.lostBytes + expected) / size;
+  const std::uint64_t records = (found.bytes + found.lostBytes + expected) / size;
   // A chain that has an end lacks no list.
-  const bool hasEnd = run.lastList != 0 && run.openFrom == FoundData::kNowhere;
+  const bool hasEnd = found.lastList != 0 && found.openFrom == FoundData::kNowhere;
   if (isListed && hasEnd && counted == 0) return Claim::None;
   if (expected < size || expected % size != 0 || (counted != 0 && records > counted)) {
     return Claim::None;
   }
   if (!isListed && counted != 0 && records == counted) return Claim::Certain;
-  const std::uint64_t full = run.equalLength != 0 ? run.equalLength : kRecordsPerBlock * size;
-  if (run.equalLength != 0 && expected > full) return Claim::None;
-  const bool isFirst = run.lastList != 0 && (!run.last || run.last->position < run.lastList);
-  if (isFirst && isBehind(block.position, run.lastListEnd)) return Claim::Certain;
+  const std::uint64_t full = found.equalLength != 0 ? found.equalLength : kRecordsPerBlock * size;
+  if (found.equalLength != 0 && expected > full) return Claim::None;
+  const bool isFirst =
+      found.lastList != 0 && (!found.last || found.last->position < found.lastList);
+  if (isFirst && isBehind(block.position, found.lastListEnd)) return Claim::Certain;
   // A shorter block is the last one, and what the recording counted at its end tells how long it
   // is.
   if (expected != full && expected != counted * size % full) return Claim::None;
-  if (run.first && (group->busChannel.bits != 0 || group->direction.bits != 0) &&
+  if (found.first && (group->busChannel.bits != 0 || group->direction.bits != 0) &&
       sharesItsLayout(*group)) {
-    return sameBus(*group, *run.first, block);
+    return sameBus(*group, *found.first, block);
   }
   return Claim::Possible;
 }
 
-// The data group that a block belongs to; nothing when more than one may be it.
-std::optional<std::size_t> LooseBlocks::ownerOf(const ListedBlock& block, std::uint64_t expected,
-                                                const std::vector<std::size_t>& runs,
-                                                bool isListed) {
+// The data group that a block belongs to; null when more than one may be it.
+SourceData* LooseBlocks::ownerOf(const ListedBlock& block, std::uint64_t expected, bool isListed) {
   constexpr std::uint64_t kMostEffort = 20'000'000;
-  effort_ += runs.size();
-  if (effort_ > kMostEffort) return std::nullopt;
+  effort_ += tree_.data().size();
+  if (effort_ > kMostEffort) return nullptr;
   Claim best = Claim::None;
-  std::size_t owner = 0;
+  SourceData* owner = nullptr;
   std::size_t equals = 0;
-  for (std::size_t i = 0; i < runs.size(); ++i) {
-    const Claim claim =
-        claimOf(tree_.data()[i], survey_.runs()[runs[i]], block, expected, isListed);
+  for (SourceData& data : tree_.data()) {
+    const Claim claim = claimOf(data, block, expected, isListed);
     if (claim == Claim::None || claim < best) continue;
     equals = claim == best ? equals + 1 : 1;
     best = claim;
-    owner = i;
+    owner = &data;
   }
-  if (equals != 1) return std::nullopt;
-  if (best != Claim::Certain && (groupIsLost_ || block.position > tree_.firstLost())) {
-    return std::nullopt;
-  }
-  return owner;
+  if (equals != 1) return nullptr;
+  const bool mayBeLost = groupIsLost_ || block.position > tree_.firstLost();
+  return best != Claim::Certain && mayBeLost ? nullptr : owner;
 }
 
 // A list that names nothing yet may have its first block behind it.
-std::optional<std::size_t> LooseBlocks::ownerOfList(std::uint64_t position,
-                                                    const std::vector<std::size_t>& runs) {
+SourceData* LooseBlocks::ownerOfList(std::uint64_t position) {
   ListedBlocks chain(in_, position);
   ListedBlock list;
   ListedBlock block;
-  if (!chain.next(list) || list.kind != ListedBlock::List) return std::nullopt;
+  if (!chain.next(list) || list.kind != ListedBlock::List) return nullptr;
   const std::uint64_t end = list.position + list.size;
   if (!chain.next(block) || block.kind != ListedBlock::Data || !isRecordBlock(block.type)) {
     groupIsLost_ |= isBehind(find(end, isRecordBlock), end);
-    return std::nullopt;
+    return nullptr;
   }
-  const std::optional<std::size_t> owner =
-      ownerOf(block, chain.equalLength() != 0 ? chain.equalLength() : block.bytes, runs, true);
-  groupIsLost_ |= !owner;
+  SourceData* const owner =
+      ownerOf(block, chain.equalLength() != 0 ? chain.equalLength() : block.bytes, true);
+  groupIsLost_ |= owner == nullptr;
   return owner;
 }
 
@@ -226,8 +220,7 @@ void LooseBlocks::extend(ListedBlock& block) {
   block.bytes += limit - end;
 }
 
-void LooseBlocks::assign(const std::vector<std::size_t>& runs, bool openEnds,
-                         MdfRecoveryReport& report) {
+void LooseBlocks::assign(bool openEnds, MdfRecoveryReport& report) {
   std::uint64_t blocks = 0;
   std::uint64_t bytes = 0;
   std::uint64_t first = 0;
@@ -240,10 +233,10 @@ void LooseBlocks::assign(const std::vector<std::size_t>& runs, bool openEnds,
     in_.ReadAt(at, kBlockHeaderSize, &header);
     if (openEnds && isPlainData(block.type)) extend(block);
     const std::uint64_t stated = block.cut ? header.length - kBlockHeaderSize : block.bytes;
-    const std::optional<std::size_t> owner =
-        block.kind == ListedBlock::Data ? ownerOf(block, stated, runs, false) : std::nullopt;
-    if (owner) {
-      survey_.addLoose(runs[*owner], block);
+    const SourceData* const owner =
+        block.kind == ListedBlock::Data ? ownerOf(block, stated, false) : nullptr;
+    if (owner != nullptr) {
+      survey_.addLoose(*owner->found, block);
     } else if (block.bytes != 0) {
       if (blocks++ == 0) first = at;
       bytes += block.bytes;
@@ -254,10 +247,9 @@ void LooseBlocks::assign(const std::vector<std::size_t>& runs, bool openEnds,
   std::string text = formatText("%" PRIu64 " data blocks from %" PRIu64 " on: %" PRIu64
                                 " bytes that belong to no group for certain",
                                 blocks, first, bytes);
-  bool wanted = groupIsLost_ || !report.losses.empty();
-  for (std::size_t i = 0; i < runs.size(); ++i) {
-    wanted = wanted || misses(tree_.data()[i], survey_.runs()[runs[i]]);
-  }
+  const bool wanted =
+      groupIsLost_ || !report.losses.empty() ||
+      std::ranges::any_of(tree_.data(), [this](const SourceData& data) { return misses(data); });
   if (wanted) {
     noteLoss(report, std::move(text));
   } else {

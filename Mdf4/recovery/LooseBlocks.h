@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <vector>
 
 #include "Mdf4/format/DirectFile.h"
@@ -25,7 +24,7 @@ namespace tolvex {
 // killed process leaves none. Borrows everything.
 class LooseBlocks {
  public:
-  // `runs` are the survey's, one for each data group of the tree.
+  // Of each data group of the tree it is known what the survey found.
   LooseBlocks(DirectFile& in, OwnedRanges& owned, TreeCopy& tree, BlockSurvey& survey,
               bool unfinished);
 
@@ -36,10 +35,9 @@ class LooseBlocks {
   std::uint64_t findBehind(std::uint64_t position, bool (*wanted)(std::uint16_t type));
   // Gives the data blocks to their groups. Notes in `report` those that it cannot. With `openEnds`
   // a block may be longer than it says.
-  void assign(const std::vector<std::size_t>& runs, bool openEnds, MdfRecoveryReport& report);
-  // The data group whose list the block at the position is; nothing when there is none.
-  std::optional<std::size_t> ownerOfList(std::uint64_t position,
-                                         const std::vector<std::size_t>& runs);
+  void assign(bool openEnds, MdfRecoveryReport& report);
+  // The data group whose list the block at the position is; null when there is none.
+  SourceData* ownerOfList(std::uint64_t position);
 
  private:
   enum class Claim : std::uint8_t { None, Possible, Certain };
@@ -47,12 +45,11 @@ class LooseBlocks {
   void extend(ListedBlock& block);
   std::uint64_t nextMarker(std::uint64_t at, std::uint64_t end);
   bool sharesItsLayout(const SourceGroup& group) const;
-  Claim claimOf(const SourceData& data, const FoundData& run, const ListedBlock& block,
-                std::uint64_t expected, bool isListed);
-  std::optional<std::size_t> ownerOf(const ListedBlock& block, std::uint64_t expected,
-                                     const std::vector<std::size_t>& runs, bool isListed);
-  bool misses(const SourceData& data, const FoundData& run) const;
-  const SourceGroup* sortedGroup(const SourceData& data) const;
+  Claim claimOf(const SourceData& data, const ListedBlock& block, std::uint64_t expected,
+                bool isListed);
+  SourceData* ownerOf(const ListedBlock& block, std::uint64_t expected, bool isListed);
+  bool misses(const SourceData& data) const;
+  static const SourceGroup* sortedGroup(const SourceData& data);
   Claim sameBus(const SourceGroup& group, const ListedBlock& a, const ListedBlock& b);
   bool readRecord(const SourceGroup& group, const ListedBlock& block, std::uint64_t number,
                   std::vector<std::uint8_t>& record);

@@ -3,11 +3,8 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <cstring>
 #include <deque>
-#include <map>
 #include <memory>
-#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -50,21 +47,30 @@ class Recovery {
   void run(std::unique_ptr<SystemFile> input, std::unique_ptr<SystemFile> output);
 
  private:
+  // One group of an unsorted sequence.
+  struct Part {
+    SourceGroup* group;
+    std::unique_ptr<DataWriter> records;
+    std::unique_ptr<RecordValues> values;
+    std::unique_ptr<SplitGroup> split;
+  };
+
   bool readIdentification();
   void survey();
   void extendLast();
   void adoptLost();
   bool copyData();
   void keepChecksums(DataWriter& records, RecordValues& values) const;
-  bool copySorted(SourceGroup& group, std::size_t run);
-  bool copyUnsorted(const SourceData& data, std::size_t run);
+  bool copySorted(SourceGroup& group, const FoundData& found);
+  bool copyUnsorted(const SourceData& data);
   bool copyValues(SourceGroup& group, RecordValues& values, std::size_t channel);
-  template <class AddGroups>
-  std::uint8_t recordIdSize(const SourceData& data, const FoundData& run, const AddGroups& addTo);
+  std::vector<Part> makeParts(const SourceData& data);
+  static void addGroups(const SourceData& data, const std::vector<Part>& parts,
+                        UnsortedRecords& sequence);
+  std::uint8_t recordIdSize(const SourceData& data, const std::vector<Part>& parts);
   bool copyReductions(SourceGroup& group);
   bool finishGroup(SourceGroup& group, DataWriter& records, RecordValues& values,
-                   const FoundData& run);
-  const SourceGroup* valuesAt(const SourceData& data, std::uint64_t position);
+                   const FoundData& found);
   bool writeEnd();
   void noteUnreadable();
   void advance(std::uint64_t bytes);
@@ -80,8 +86,6 @@ class Recovery {
   OwnedRanges owned_;
   std::unique_ptr<TreeCopy> tree_;
   std::unique_ptr<BlockSurvey> survey_;
-  std::vector<std::size_t> runs_;  // of the survey's, one for each data group
-  std::set<std::size_t> used_;     // runs whose data have been taken over
   std::uint64_t done_ = 0;
   std::uint64_t told_ = 0;
 };
@@ -123,26 +127,15 @@ bool Recovery::readIdentification() {
   return true;
 }
 
-// The group of the values that a channel of the same data group leads to.
-const SourceGroup* Recovery::valuesAt(const SourceData& data, std::uint64_t position) {
-  for (const std::size_t number : data.groups) {
-    const SourceGroup& group = tree_->groups()[number];
-    if (group.holdsValues() && group.position == position) return &group;
-  }
-  return nullptr;
-}
-
 // Walks the data of all groups that are known by now.
 void Recovery::survey() {
-  runs_.clear();
-  for (const SourceData& data : tree_->data()) {
-    runs_.push_back(survey_->run(data.dataLink));
-    for (const std::size_t number : data.groups) {
-      const SourceGroup& group = tree_->groups()[number];
-      for (const ValueChannel& values : group.values) {
-        if (valuesAt(data, values.data) == nullptr) survey_->run(values.data);
+  for (SourceData& data : tree_->data()) {
+    if (data.found == nullptr) data.found = &survey_->find(data.dataLink);
+    for (const SourceGroup* const group : data.groups) {
+      for (const ValueChannel& values : group->values) {
+        if (data.valuesAt(values.data) == nullptr) survey_->find(values.data);
       }
-      for (const SampleReduction& reduction : group.reductions) survey_->run(reduction.data);
+      for (const SampleReduction& reduction : group->reductions) survey_->find(reduction.data);
     }
   }
   survey_->walk();
@@ -152,12 +145,12 @@ void Recovery::survey() {
 void Recovery::extendLast() {
   if (!unfinished_) return;
   if (has(id_.id_unfin_flags, Unfinished::LastDataLength)) {
-    for (const std::size_t run : runs_) survey_->extendLast(run);
+    for (const SourceData& data : tree_->data()) survey_->extendLast(*data.found);
   }
   if (!has(id_.id_unfin_flags, Unfinished::LastReductionLength)) return;
   for (const SourceGroup& group : tree_->groups()) {
     for (const SampleReduction& reduction : group.reductions) {
-      survey_->extendLast(survey_->run(reduction.data));
+      survey_->extendLast(survey_->find(reduction.data));
     }
   }
 }
@@ -177,13 +170,13 @@ void Recovery::adoptLost() {
     return type == block_type::kDL || type == block_type::kLD;
   };
   for (std::uint64_t at = loose.find(0, isList); at != 0; at = loose.findBehind(at, isList)) {
-    if (const std::optional<std::size_t> owner = loose.ownerOfList(at, runs_)) {
-      survey_->addChain(runs_[*owner], at);
+    if (const SourceData* const owner = loose.ownerOfList(at)) {
+      survey_->addChain(*owner->found, at);
       survey_->walk();
     }
   }
   const bool openEnds = unfinished_ && has(id_.id_unfin_flags, Unfinished::LastDataLength);
-  loose.assign(runs_, openEnds, report_);
+  loose.assign(openEnds, report_);
 }
 
 void Recovery::advance(std::uint64_t bytes) {
@@ -203,18 +196,16 @@ bool Recovery::copyData() {
     group.report.records = isVirtual ? group.record.cg_cycle_count : 0;
     tree_->setCycleCount(group, group.report.records);
   }
-  for (std::size_t i = 0; i < tree_->data().size(); ++i) {
-    const SourceData& data = tree_->data()[i];
-    const std::size_t run = runs_[i];
+  for (const SourceData& data : tree_->data()) {
     if (data.groups.empty()) continue;
-    if (data.dataLink != 0 && !used_.insert(run).second) {
+    if (data.dataLink != 0 && std::exchange(data.found->taken, true)) {
       noteLoss(report_, formatText("data group at %" PRIu64 ": its data belong to another group",
                                    data.position));
       continue;
     }
-    SourceGroup& group = tree_->groups()[data.groups[0]];
-    const bool sorted = data.groups.size() == 1 && data.recordIdSize == 0 && !group.holdsValues();
-    if (sorted ? !copySorted(group, run) : !copyUnsorted(data, run)) return false;
+    if (!(data.isSorted() ? copySorted(*data.groups[0], *data.found) : copyUnsorted(data))) {
+      return false;
+    }
   }
   return true;
 }
@@ -223,20 +214,20 @@ bool Recovery::copyData() {
 bool Recovery::copyValues(SourceGroup& group, RecordValues& values, std::size_t channel) {
   const std::uint64_t link = group.values[channel].data;
   if (link == 0) return true;
-  const std::size_t run = survey_->run(link);
-  if (!used_.insert(run).second) {
+  FoundData& found = survey_->find(link);
+  if (std::exchange(found.taken, true)) {
     noteLoss(group.report,
              formatText("signal data at %" PRIu64 ": they belong to another channel", link));
     return true;
   }
   ValueData& data = values.data(channel);
-  if (!data.copy(in_, survey_->runs()[run])) return false;
+  if (!data.copy(in_, found)) return false;
   if (data.lostBytes() != 0 || data.openEnd()) {
     noteLoss(group.report,
              formatText("signal data at %" PRIu64 ": %" PRIu64 " bytes%s", link, data.lostBytes(),
                         data.openEnd() ? " and what stands behind them" : ""));
   }
-  advance(survey_->runs()[run].bytes);
+  advance(found.bytes);
   return true;
 }
 
@@ -246,12 +237,11 @@ void Recovery::keepChecksums(DataWriter& records, RecordValues& values) const {
   for (std::size_t i = 0; i < values.count(); ++i) values.data(i).writer().keepChecksum();
 }
 
-bool Recovery::copySorted(SourceGroup& group, std::size_t number) {
-  const FoundData& run = survey_->runs()[number];
+bool Recovery::copySorted(SourceGroup& group, const FoundData& found) {
   const std::uint64_t size = group.recordSize();
   RecordValues values(out_, group, sizes_);
   if (size == 0 || size > kLargestRecord) {
-    if (run.bytes != 0) {
+    if (found.bytes != 0) {
       noteLoss(group.report, formatText("records of %" PRIu64 " bytes cannot be told apart", size));
     }
     return copyReductions(group);
@@ -264,7 +254,7 @@ bool Recovery::copySorted(SourceGroup& group, std::size_t number) {
   MdfRecoveredGroup& report = group.report;
   const std::size_t before = report.losses.size();
   SortedRecords copy(in_, group, values, records, sizes_);
-  if (!copy.copy(run, [this](std::uint64_t bytes) { advance(bytes); })) return false;
+  if (!copy.copy(found, [this](std::uint64_t bytes) { advance(bytes); })) return false;
   if (records.units() == group.record.cg_cycle_count && values.lostValues() == 0 &&
       report.lostRecords == 0 && !copy.lostInvalidation()) {
     // All that is counted is there: of what was missing nothing is lost.
@@ -272,86 +262,86 @@ bool Recovery::copySorted(SourceGroup& group, std::size_t number) {
     for (auto loss = first; loss != report.losses.end(); ++loss) noteRepair(report, *loss);
     report.losses.erase(first, report.losses.end());
   }
-  return finishGroup(group, records, values, run);
+  return finishGroup(group, records, values, found);
 }
 
-bool Recovery::copyUnsorted(const SourceData& data, std::size_t number) {
-  const FoundData& run = survey_->runs()[number];
+// What the groups of an unsorted sequence are copied with. Groups of values have no part.
+std::vector<Recovery::Part> Recovery::makeParts(const SourceData& data) {
   const bool byOrder = unfinished_ && has(id_.id_unfin_flags, Unfinished::ValueOffsets);
-  struct Part {
-    SourceGroup* group;
-    std::unique_ptr<DataWriter> records;
-    std::unique_ptr<RecordValues> values;
-    std::unique_ptr<SplitGroup> split;
-  };
   WorkSizes sizes = sizes_;
   sizes.block = std::min(std::max(kAllBlocks / data.groups.size(), kSmallestBlock), sizes_.block);
   std::vector<Part> parts;
-  for (const std::size_t groupNumber : data.groups) {
-    SourceGroup& group = tree_->groups()[groupNumber];
-    const std::uint64_t size = group.recordSize();
-    if (group.holdsValues() || size == 0 || size > kLargestRecord) continue;
+  for (SourceGroup* const group : data.groups) {
+    const std::uint64_t size = group->recordSize();
+    if (group->holdsValues() || size == 0 || size > kLargestRecord) continue;
     Part part;
-    part.group = &group;
+    part.group = group;
     part.records = std::make_unique<DataWriter>(out_, block_type::kDT, size, sizes);
-    part.values = std::make_unique<RecordValues>(out_, group, sizes_);
+    part.values = std::make_unique<RecordValues>(out_, *group, sizes_);
     keepChecksums(*part.records, *part.values);
-    part.split = std::make_unique<SplitGroup>(group, *part.records, *part.values, byOrder, sizes_);
+    part.split = std::make_unique<SplitGroup>(*group, *part.records, *part.values, byOrder, sizes_);
     parts.push_back(std::move(part));
   }
-  const auto addTo = [&](UnsortedRecords& sequence) {
-    std::set<const SourceGroup*> known;
-    for (Part& part : parts) {
-      sequence.addGroup(*part.split);
-      for (std::size_t i = 0; i < part.group->values.size(); ++i) {
-        const SourceGroup* const source = valuesAt(data, part.group->values[i].data);
-        if (source != nullptr && known.insert(source).second) {
-          sequence.addValues(*source, part.split.get(), i);
-        }
-      }
-    }
-    for (const std::size_t groupNumber : data.groups) {
-      const SourceGroup& group = tree_->groups()[groupNumber];
-      if (group.holdsValues() && known.insert(&group).second) {
-        sequence.addValues(group, nullptr, 0);
-      }
-    }
-  };
-  for (Part& part : parts) {
+  return parts;
+}
+
+// Tells the sequence of all groups that it consists of.
+void Recovery::addGroups(const SourceData& data, const std::vector<Part>& parts,
+                         UnsortedRecords& sequence) {
+  std::set<const SourceGroup*> known;
+  for (const Part& part : parts) {
+    sequence.addGroup(*part.split);
     for (std::size_t i = 0; i < part.group->values.size(); ++i) {
-      if (valuesAt(data, part.group->values[i].data) == nullptr &&
+      const SourceGroup* const source = data.valuesAt(part.group->values[i].data);
+      if (source != nullptr && known.insert(source).second) {
+        sequence.addValues(*source, part.split.get(), i);
+      }
+    }
+  }
+  for (const SourceGroup* const group : data.groups) {
+    if (group->holdsValues() && known.insert(group).second) {
+      sequence.addValues(*group, nullptr, 0);
+    }
+  }
+}
+
+bool Recovery::copyUnsorted(const SourceData& data) {
+  const FoundData& found = *data.found;
+  const std::vector<Part> parts = makeParts(data);
+  for (const Part& part : parts) {
+    for (std::size_t i = 0; i < part.group->values.size(); ++i) {
+      if (data.valuesAt(part.group->values[i].data) == nullptr &&
           !copyValues(*part.group, *part.values, i)) {
         return false;
       }
     }
   }
-  const std::uint8_t idSize = recordIdSize(data, run, addTo);
-  if (idSize == 0) {
-    if (run.bytes != 0) {
-      noteLoss(report_, formatText("data group at %" PRIu64 ": %" PRIu64
-                                   " bytes of records that cannot be told apart",
-                                   data.position, run.bytes));
-    }
-  } else {
+  const std::uint8_t idSize = recordIdSize(data, parts);
+  if (idSize != 0) {
     UnsortedRecords sequence(in_, idSize, sizes_);
-    addTo(sequence);
-    if (!sequence.copy(run, report_, [this](std::uint64_t bytes) { advance(bytes); })) return false;
+    addGroups(data, parts, sequence);
+    if (!sequence.copy(found, report_, [this](std::uint64_t bytes) { advance(bytes); })) {
+      return false;
+    }
+  } else if (found.bytes != 0) {
+    noteLoss(report_, formatText("data group at %" PRIu64 ": %" PRIu64
+                                 " bytes of records that cannot be told apart",
+                                 data.position, found.bytes));
   }
-  return std::all_of(parts.begin(), parts.end(), [&](Part& part) {
-    return finishGroup(*part.group, *part.records, *part.values, run);
+  return std::ranges::all_of(parts, [&](const Part& part) {
+    return finishGroup(*part.group, *part.records, *part.values, found);
   });
 }
 
 // The bytes of a record id: as stated, unless only another size makes records of what is there.
-template <class AddGroups>
-std::uint8_t Recovery::recordIdSize(const SourceData& data, const FoundData& run,
-                                    const AddGroups& addTo) {
+std::uint8_t Recovery::recordIdSize(const SourceData& data, const std::vector<Part>& parts) {
+  const std::uint8_t stated = isRecordIdSize(data.recordIdSize) ? data.recordIdSize : 0;
   for (const std::uint8_t size :
-       {data.recordIdSize, std::uint8_t{1}, std::uint8_t{2}, std::uint8_t{4}, std::uint8_t{8}}) {
-    if (size != 1 && size != 2 && size != 4 && size != 8) continue;
+       {stated, std::uint8_t{1}, std::uint8_t{2}, std::uint8_t{4}, std::uint8_t{8}}) {
+    if (size == 0) continue;
     UnsortedRecords sequence(in_, size, sizes_);
-    addTo(sequence);
-    if (!sequence.startsAsSequence(run)) continue;
+    addGroups(data, parts, sequence);
+    if (!sequence.startsAsSequence(*data.found)) continue;
     if (size != data.recordIdSize) {
       noteRepair(report_, formatText("data group at %" PRIu64 ": dg_rec_id_size: found %u, the "
                                      "records have %u",
@@ -359,17 +349,15 @@ std::uint8_t Recovery::recordIdSize(const SourceData& data, const FoundData& run
     }
     return size;
   }
-  const bool usable = data.recordIdSize == 1 || data.recordIdSize == 2 || data.recordIdSize == 4 ||
-                      data.recordIdSize == 8;
-  return usable ? data.recordIdSize : 0;
+  return stated;
 }
 
 bool Recovery::finishGroup(SourceGroup& group, DataWriter& records, RecordValues& values,
-                           const FoundData& run) {
+                           const FoundData& found) {
   if (!records.finish() || !values.finish(*tree_)) return false;
   MdfRecoveredGroup& report = group.report;
   report.records = records.units();
-  report.foundBlocks = run.loose.size();
+  report.foundBlocks = found.loose.size();
   tree_->setLink(group.dataBlock, link::dg_data, records.link());
   tree_->setCycleCount(group, report.records);
   checksums_.push_back({records.link(), records.size(), records.checksum()});
@@ -382,7 +370,7 @@ bool Recovery::finishGroup(SourceGroup& group, DataWriter& records, RecordValues
   }
   const std::uint64_t counted = group.record.cg_cycle_count;
   const std::uint64_t missing = counted > report.records ? counted - report.records : 0;
-  const bool explained = run.broken || !report.losses.empty() || report.lostRecords != 0;
+  const bool explained = found.broken || !report.losses.empty() || report.lostRecords != 0;
   if (missing != 0 && missing < kPlausible && explained) {
     report.lostRecords = std::max(report.lostRecords, missing);
   } else if (counted != report.records) {
@@ -394,18 +382,18 @@ bool Recovery::finishGroup(SourceGroup& group, DataWriter& records, RecordValues
 
 bool Recovery::copyReductions(SourceGroup& group) {
   for (const SampleReduction& reduction : group.reductions) {
-    const std::size_t number = survey_->run(reduction.data);
     const std::uint64_t size = reduction.recordSize;
     std::uint64_t link = 0;
     std::uint64_t cycles = 0;
-    if (reduction.data != 0 && size != 0 && size <= kLargestRecord && used_.insert(number).second) {
+    FoundData& found = survey_->find(reduction.data);
+    const bool isUsable = reduction.data != 0 && size != 0 && size <= kLargestRecord;
+    if (isUsable && !std::exchange(found.taken, true)) {
       SourceGroup plain;  // its records are just bytes
       plain.record.cg_data_bytes = static_cast<std::uint32_t>(size);
       RecordValues none(out_, plain, sizes_);
       DataWriter records(out_, block_type::kRD, size, sizes_);
       SortedRecords copy(in_, plain, none, records, sizes_);
-      if (!copy.copy(survey_->runs()[number], [this](std::uint64_t bytes) { advance(bytes); }) ||
-          !records.finish()) {
+      if (!copy.copy(found, [this](std::uint64_t bytes) { advance(bytes); }) || !records.finish()) {
         return false;
       }
       link = records.link();
@@ -446,7 +434,7 @@ void Recovery::run(std::unique_ptr<SystemFile> input, std::unique_ptr<SystemFile
   survey();
   extendLast();
   adoptLost();
-  const std::vector<SourceGroup>& groups = tree_->groups();
+  const std::deque<SourceGroup>& groups = tree_->groups();
   if (std::ranges::all_of(groups, [](const SourceGroup& group) { return group.holdsValues(); })) {
     report_.failure = "nothing usable: no channel group was found";
     if (!in_.reads().error().empty()) report_.failure += "; " + in_.reads().error();

@@ -7,11 +7,11 @@ namespace tolvex {
 bool FoundBlocks::nextListed(ListedBlock& block) {
   while (true) {
     if (!blocks_) {
-      if (chain_ == run_.chains.size()) return false;
-      blocks_.emplace(file_, run_.chains[chain_].start);
+      if (chain_ == data_.chains.size()) return false;
+      blocks_.emplace(file_, data_.chains[chain_].start);
       step_ = 0;
     }
-    const FoundData::Chain& chain = run_.chains[chain_];
+    const FoundData::Chain& chain = data_.chains[chain_];
     if (step_ == chain.steps || !blocks_->next(block)) {
       blocks_.reset();
       ++chain_;
@@ -35,10 +35,10 @@ bool FoundBlocks::next(ListedBlock& block) {
   }
   const bool ended = listed_->kind == ListedBlock::List;
   const bool looseFirst =
-      loose_ < run_.loose.size() &&
-      (ended || (run_.ascending && run_.loose[loose_].position < listed_->position));
+      loose_ < data_.loose.size() &&
+      (ended || (data_.ascending && data_.loose[loose_].position < listed_->position));
   if (looseFirst) {
-    block = run_.loose[loose_++];
+    block = data_.loose[loose_++];
     return true;
   }
   if (ended) return false;

@@ -37,19 +37,20 @@ struct FoundData {
   std::optional<ListedBlock> last;
   std::size_t lastChain = 0;  // where it is listed
   std::uint64_t lastStep = 0;
+  bool taken = false;  // by the group whose records or values they are
 };
 
 // The blocks of found data in their order: those with data, and the missing ones.
 class FoundBlocks {
  public:
-  FoundBlocks(DirectFile& file, const FoundData& run) : file_(file), run_(run) {}
+  FoundBlocks(DirectFile& file, const FoundData& data) : file_(file), data_(data) {}
   bool next(ListedBlock& block);
 
  private:
   bool nextListed(ListedBlock& block);
 
   DirectFile& file_;
-  const FoundData& run_;
+  const FoundData& data_;
   std::size_t chain_ = 0;
   std::optional<ListedBlocks> blocks_;
   std::uint64_t step_ = 0;

@@ -63,6 +63,13 @@ bool hasSoundFields(DirectFile& file, std::uint16_t type, std::uint64_t position
 
 }  // namespace
 
+const SourceGroup* SourceData::valuesAt(std::uint64_t at) const {
+  const auto holder = std::ranges::find_if(groups, [at](const SourceGroup* group) {
+    return group->holdsValues() && group->position == at;
+  });
+  return holder == groups.end() ? nullptr : *holder;
+}
+
 TreeCopy::TreeCopy(DirectFile& in, DirectFile& out, OwnedRanges& owned, MdfRecoveryReport& report,
                    bool counted)
     : in_(in), out_(out), owned_(owned), report_(report), counted_(counted) {}
@@ -463,7 +470,7 @@ void TreeCopy::readChannelGroup(std::size_t data, PlannedBlock loaded) {
   if (group.report.name.empty()) {
     group.report.name = text(loaded.links[link::cg_md_comment].position);
   }
-  data_[data].groups.push_back(number);
+  data_[data].groups.push_back(&group);
   if (group.holdsValues()) {
     bySource_[group.position] = kNone;
     return;
@@ -520,6 +527,7 @@ bool TreeCopy::adopt(std::uint64_t position) {
       brokenGroups_.pop_back();
     }
     readChannelGroups(data, position);
+    if (data_.back().isLost && data_.back().groups.empty()) data_.pop_back();
   } else if (header.type == kCN && brokenChannels_.size() == 1 && !groupsAreLost_) {
     Step step = brokenChannels_.back();
     brokenChannels_.pop_back();

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -12,6 +13,7 @@
 #include "Mdf4/format/DirectFile.h"
 #include "Mdf4/format/FieldRules.h"
 #include "Mdf4/format/OwnedRanges.h"
+#include "Mdf4/rewrite/FoundData.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {
@@ -63,12 +65,21 @@ struct SourceGroup {
 
 // One data group of the input.
 struct SourceData {
+  // Whether its records stand back to back, as those of one group without record ids do.
+  bool isSorted() const {
+    return groups.size() == 1 && recordIdSize == 0 && !groups[0]->holdsValues();
+  }
+  // The group of the values that a channel of this data group leads to; null when the values are
+  // elsewhere.
+  const SourceGroup* valuesAt(std::uint64_t at) const;
+
   std::uint64_t position = 0;
   std::uint64_t dataLink = 0;
   std::uint64_t comment = 0;
   std::uint8_t recordIdSize = 0;
-  bool isLost = false;                   // only its channel groups were found
-  std::vector<std::size_t> groups = {};  // of TreeCopy's
+  bool isLost = false;  // only its channel groups were found
+  std::vector<SourceGroup*> groups = {};
+  FoundData* found = nullptr;  // what is behind dataLink; set by who surveys the file
 };
 
 // Reads the tree of blocks of a possibly damaged file and plans its copy, in which every channel
@@ -93,8 +104,9 @@ class TreeCopy {
   // The first place of a DG, CG or CN block that is not there, or was found; groups that are lost
   // may lie behind it.
   std::uint64_t firstLost() const { return firstLost_; }
-  std::vector<SourceData>& data() { return data_; }
-  std::vector<SourceGroup>& groups() { return groups_; }
+  // Neither moves when more is adopted.
+  std::deque<SourceData>& data() { return data_; }
+  std::deque<SourceGroup>& groups() { return groups_; }
 
   void setLink(std::size_t block, std::size_t index, std::uint64_t position);
   // Records go with their group: without record ids, so many.
@@ -161,8 +173,8 @@ class TreeCopy {
   std::unordered_map<std::uint64_t, std::uint64_t> dataOfGroup_;  // by CG: its DG in the output
   std::unordered_map<std::uint64_t, std::uint64_t> dataOfData_;   // by DG: of its first CG
   std::unordered_set<std::uint64_t> unfit_;  // positions of blocks that cannot be taken over
-  std::vector<SourceData> data_;
-  std::vector<SourceGroup> groups_;
+  std::deque<SourceData> data_;
+  std::deque<SourceGroup> groups_;
   std::vector<Step> steps_;
   std::vector<std::size_t> brokenGroups_;  // data groups whose chain of channel groups broke off
   std::vector<Step> brokenChannels_;       // links where a chain of channels broke off
