@@ -276,6 +276,7 @@ TEST_F(Recovery, FindsAllBehindOneWrongNumber) {
       {"data-dl-empty", "DT", 8, 214},              // the length
       {"data-dl-mixed", "DZ", 24 + 8, 238},         // dz_org_data_length
       {"data-ld", "LD", 24 + 3 * 8 + 6, 1},         // ld_count
+      {"data-ld-unmarked", "DV", 8, 91},            // the length
       {"unsorted-lists", "DL", 24 + 4 * 8 + 5, 1},  // dl_count
   };
   for (const Case& wrong : cases) {

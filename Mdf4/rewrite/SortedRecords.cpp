@@ -41,6 +41,10 @@ bool SortedRecords::copy(const FoundData& run, const Done& done) {
 // False when a write fails.
 bool SortedRecords::copyBlock(const ListedBlock& found, bool isLast, const Done& done) {
   ListedBlock block = found;
+  if (block.columns && group_.record.cg_data_bytes != 0) {
+    block.bytes -=
+        block.bytes % group_.record.cg_data_bytes;  // no record goes on in the next block
+  }
   if (block.uncounted) block.bytes = writtenBytes(block);
   if (block.headless && isLast) block.bytes = filledBytes(block);
   RecordBytes bytes(in_, block, group_.record.cg_data_bytes, group_.record.cg_inval_bytes);
