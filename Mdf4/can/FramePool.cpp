@@ -104,11 +104,13 @@ class ControlAllocator {
   using value_type = T;
 
   explicit ControlAllocator(PooledMessage* message) : message_(message) {}
-  template <class U>
-  ControlAllocator(const ControlAllocator<U>& other) : message_(other.message()) {}
+  template <class U>                                  // as allocators convert
+  ControlAllocator(const ControlAllocator<U>& other)  // NOLINT(google-explicit-constructor)
+      : message_(other.message()) {}
 
   T* allocate(std::size_t) noexcept {
-    static_assert(sizeof(T) <= kControlBytes && alignof(T) <= alignof(void*));
+    static_assert(sizeof(T) <= kControlBytes);
+    static_assert(alignof(T) <= alignof(void*));  // NOLINT(misc-redundant-expression)
     return reinterpret_cast<T*>(message_->control);
   }
   void deallocate(T*, std::size_t) noexcept { giveBack(message_); }

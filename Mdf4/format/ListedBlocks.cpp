@@ -174,11 +174,14 @@ bool ListedBlocks::readEntry(ListedBlock& block) {
 }
 
 // Whether a block, or the file's end, stands where one that ends at `end` would be followed.
+// Writers may pad a block twice.
 bool ListedBlocks::followedByBlock(std::uint64_t end) const {
+  if (end > file_.end()) return false;
   const std::uint64_t position = alignUp(end);
-  if (end == file_.end() || position == file_.end()) return true;
   BlockHeader header;
-  return end < file_.end() && readSoundHeader(file_, position, header);
+  return end == file_.end() || position == file_.end() ||
+         readSoundHeader(file_, position, header) ||
+         readSoundHeader(file_, position + kBlockAlignment, header);
 }
 
 // Whether nothing was written behind the kind of a data block.
@@ -257,12 +260,12 @@ void ListedBlocks::settle(ListedBlock& block) {
 }
 
 // Of a block whose header cannot be read, the list knows how long it is; where another block stands
-// behind so many bytes, they are not compressed. (Writers may pad a block twice.)
+// behind so many bytes, they are not compressed.
 void ListedBlocks::settleHeadless(ListedBlock& block) const {
   const std::uint64_t start = block.position + kBlockHeaderSize;
   if (block.bytes == 0 || !file_.holds(start, block.bytes)) return;
   const std::uint64_t end = start + block.bytes;
-  if (!followedByBlock(end) && !followedByBlock(end + kBlockAlignment)) return;
+  if (!followedByBlock(end)) return;
   block.kind = ListedBlock::Data;
   block.type = block_type::kDT;
   block.size = kBlockHeaderSize + block.bytes;
