@@ -14,7 +14,8 @@ namespace {
 template <class... Blocks>
 std::unique_ptr<m4Block> makeOneOf(std::uint16_t type) {
   std::unique_ptr<m4Block> block;
-  ((type == Blocks::kType && (block = std::make_unique<Blocks>(), true)) || ...);
+  const auto make = [&]<class Block>(Block* /*kind*/) { block = std::make_unique<Block>(); };
+  ((type == Blocks::kType ? make(static_cast<Blocks*>(nullptr)) : void()), ...);
   return block;
 }
 
