@@ -116,7 +116,7 @@ void ListedBlocks::enter(std::uint64_t position, ListedBlock& block) {
   BlockHeader header;
   nextIsUnreadable_ = false;
   if (!readSoundHeader(file_, position, header) || !isDataList(header.type)) {
-    settle(block);
+    settle(block, true);
     block.elsewhere = block.kind == ListedBlock::Missing && !isUnwritten(position);
     walk_.pass();
     return;
@@ -167,21 +167,23 @@ bool ListedBlocks::readEntry(ListedBlock& block) {
   if (block.columns) block.invalidation = walk_.invalidationLink(counted_);
   if (block.position == 0 && block.columns) return false;
   block.expected = expectedBytes();
-  settle(block);
+  settle(block, walk_.isLastEntry());
   block.uncounted = walk_.entry() >= counted_;
   block.elsewhere = block.kind == ListedBlock::Missing && !isUnwritten(block.position);
   return block.kind == ListedBlock::Data || (!block.uncounted && block.expected != 0);
 }
 
 // Whether a block, or the file's end, stands where one that ends at `end` would be followed.
-// Writers may pad a block twice.
 bool ListedBlocks::followedByBlock(std::uint64_t end) const {
-  if (end > file_.end()) return false;
   const std::uint64_t position = alignUp(end);
+  if (end == file_.end() || position == file_.end()) return true;
   BlockHeader header;
-  return end == file_.end() || position == file_.end() ||
-         readSoundHeader(file_, position, header) ||
-         readSoundHeader(file_, position + kBlockAlignment, header);
+  return end < file_.end() && readSoundHeader(file_, position, header);
+}
+
+// The same where the writer may have padded the block twice.
+bool ListedBlocks::followedBehindPadding(std::uint64_t end) const {
+  return followedByBlock(end) || followedByBlock(end + kBlockAlignment);
 }
 
 // Whether nothing was written behind the kind of a data block.
@@ -210,8 +212,8 @@ bool ListedBlocks::inflatesTo(std::uint64_t position, std::uint64_t bytes) const
   return true;
 }
 
-// Finds out how much data the block holds.
-void ListedBlocks::settle(ListedBlock& block) {
+// Finds out how much data the block holds: what its list states, or less if it `mayBeShorter`.
+void ListedBlocks::settle(ListedBlock& block, bool mayBeShorter) {
   block.kind = ListedBlock::Missing;
   std::optional<std::uint64_t>& expected = block.expected;
   if (expected > mostInflated(file_.end())) expected.reset();
@@ -244,7 +246,8 @@ void ListedBlocks::settle(ListedBlock& block) {
     const std::uint64_t start = block.position + kBlockHeaderSize;
     if (expected && stated != expected && expected <= present &&
         (stated > present || !followedByBlock(start + stated)) &&
-        followedByBlock(start + *expected)) {
+        (mayBeShorter ? followedByBlock(start + *expected)
+                      : followedBehindPadding(start + *expected))) {
       stated = *expected;
       block.repaired = true;
     }
@@ -265,7 +268,7 @@ void ListedBlocks::settleHeadless(ListedBlock& block) const {
   const std::uint64_t start = block.position + kBlockHeaderSize;
   if (block.bytes == 0 || !file_.holds(start, block.bytes)) return;
   const std::uint64_t end = start + block.bytes;
-  if (!followedByBlock(end)) return;
+  if (!followedBehindPadding(end)) return;
   block.kind = ListedBlock::Data;
   block.type = block_type::kDT;
   block.size = kBlockHeaderSize + block.bytes;

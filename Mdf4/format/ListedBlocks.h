@@ -54,12 +54,13 @@ class ListedBlocks {
   void countEntries();
   bool readEntry(ListedBlock& block);
   std::optional<std::uint64_t> expectedBytes() const;
-  void settle(ListedBlock& block);
+  void settle(ListedBlock& block, bool mayBeShorter);
   bool inflatesTo(std::uint64_t position, std::uint64_t bytes) const;
   void settleHeadless(ListedBlock& block) const;
   bool isUnwritten(std::uint64_t position) const;
   bool beginsWithZeros(std::uint64_t position) const;
   bool followedByBlock(std::uint64_t end) const;
+  bool followedBehindPadding(std::uint64_t end) const;
 
   DirectFile& file_;
   ListWalk walk_;
