@@ -64,11 +64,11 @@ class Channel {
 
   // Writes the channel's block at the end of the file, then its texts and conversion, then the
   // block again with its links. False when a write fails.
-  bool write(DirectFile& file);
+  [[nodiscard]] bool write(DirectFile& file);
   // Makes `next` the channel behind this one in its list, or the first one inside it; writes the
   // block again.
-  bool linkNext(const Channel& next);
-  bool linkComposition(const Channel& first);
+  [[nodiscard]] bool linkNext(const Channel& next);
+  [[nodiscard]] bool linkComposition(const Channel& first);
 
   std::uint64_t position() const;  // of the block; 0 before it is written
 

@@ -18,18 +18,18 @@ class ChannelGroup {
 
   // Appends the channel, whose byteOffset is set; the record grows by its byteCount. Channels of
   // type 1 are refused, and those that make the record too large for the format.
-  bool addChannel(const ChannelInfo& info);
+  [[nodiscard]] bool addChannel(const ChannelInfo& info);
   // Appends a channel inside the last one added: one that describes a part of its bytes.
-  bool addComponent(const ChannelInfo& info);
+  [[nodiscard]] bool addComponent(const ChannelInfo& info);
 
   // A text is written once: the first one stays in this file, the last one is remembered.
-  bool setComment(const std::string& text);
-  bool setAcquisitionName(const std::string& text);
+  [[nodiscard]] bool setComment(const std::string& text);
+  [[nodiscard]] bool setAcquisitionName(const std::string& text);
   const std::string& comment() const { return comment_; }
   const std::string& acquisitionName() const { return acquisitionName_; }
 
-  bool setFlags(std::uint16_t flags);  // cg_flags
-  bool setCycleCount(std::uint64_t records);
+  [[nodiscard]] bool setFlags(std::uint16_t flags);  // cg_flags
+  [[nodiscard]] bool setCycleCount(std::uint64_t records);
   // Bytes. Invalidation bytes are none of a group of variable-length values.
   std::uint64_t recordSize() const {
     const bool variableLength = (block_->cg_flags & kCgFlagVlsd) != 0;
@@ -37,8 +37,8 @@ class ChannelGroup {
   }
 
  private:
-  std::unique_ptr<Channel> write(const ChannelInfo& info);
-  bool writeText(std::size_t index, const std::string& text);
+  [[nodiscard]] std::unique_ptr<Channel> write(const ChannelInfo& info);
+  [[nodiscard]] bool writeText(std::size_t index, const std::string& text);
 
   std::shared_ptr<CustomCGBlock> block_;
   std::unique_ptr<Channel> lastChannel_;

@@ -29,26 +29,26 @@ class DataGroup {
   // A data group at the end of the file's list, with an empty channel group and what `define` adds
   // to it before it is listed. Null when a write fails or `define` gives false; then, and when
   // something throws, the file has no such group.
-  static std::shared_ptr<DataGroup> create(const std::shared_ptr<Mdf4File>& file,
-                                           std::uint32_t recordsPerBlock = kRecordsPerBlock,
-                                           const Define& define = nullptr);
+  [[nodiscard]] static std::shared_ptr<DataGroup> create(
+      const std::shared_ptr<Mdf4File>& file, std::uint32_t recordsPerBlock = kRecordsPerBlock,
+      const Define& define = nullptr);
 
   // Refused are channels of type 1, names that the group has, masks wider than the channel's bytes,
   // and all channels once the first record has come. After a failed write, a gap of the channel's
   // size stays in front of the channels that follow.
-  bool addChannel(const ChannelInfo& info);
+  [[nodiscard]] bool addChannel(const ChannelInfo& info);
   // Records are on their way: from now on channels are refused.
   void fixLayout() { layoutIsFixed_ = true; }
   // The channels of a bus-log group of CAN frames; payload sizes are brought into 8 to 64.
-  bool initCanBugLog(int maxDataLength);
-  bool initCanErrorLog(int maxDataLength);
-  bool initCanFdErrorLog(int maxDataLength);
+  [[nodiscard]] bool initCanBugLog(int maxDataLength);
+  [[nodiscard]] bool initCanErrorLog(int maxDataLength);
+  [[nodiscard]] bool initCanFdErrorLog(int maxDataLength);
   // Of a bus-log group: the one source that its records, as they state themselves, come from.
   void setSource(int source) { source_ = source; }
 
   // Appends one record. False when `data` is null, when `size` is not the record's, and when a
   // write fails; nothing is appended then.
-  bool insert(std::uint32_t size, const std::uint8_t* data) {
+  [[nodiscard]] bool insert(std::uint32_t size, const std::uint8_t* data) {
     std::uint8_t* const place = data != nullptr ? placeFor(size) : nullptr;
     if (place == nullptr) return insertWithWrite(size, data);
     copyRecord(place, data, size);
@@ -66,7 +66,7 @@ class DataGroup {
   }
   // Writes what is left of the records, their number and the data group. False, with a message when
   // it is the data group, when something could not be written.
-  bool flush();
+  [[nodiscard]] bool flush();
 
   ChannelGroup& channelGroup() { return *channelGroup_; }
   // The layout as it is now; it stays so for those who have it.
@@ -86,19 +86,19 @@ class DataGroup {
   std::uint64_t lostRecords() const { return lostRecords_; }
 
   // A group like `model`, without records, at the end of another file.
-  static std::shared_ptr<DataGroup> createLike(const DataGroup& model,
-                                               const std::shared_ptr<Mdf4File>& file);
+  [[nodiscard]] static std::shared_ptr<DataGroup> createLike(const DataGroup& model,
+                                                             const std::shared_ptr<Mdf4File>& file);
 
  private:
   DataGroup() = default;
 
   // Makes the channel group, without records. False when a write fails.
-  bool init();
-  bool insertWithWrite(std::uint32_t size, const std::uint8_t* data);
-  bool append(std::uint32_t size, const std::uint8_t* data);
-  bool accepts(const ChannelInfo& info) const;
-  bool initBusLog(const BusLogLayout& layout, int maxDataLength);
-  bool addBusLogChannels();
+  [[nodiscard]] bool init();
+  [[nodiscard]] bool insertWithWrite(std::uint32_t size, const std::uint8_t* data);
+  [[nodiscard]] bool append(std::uint32_t size, const std::uint8_t* data);
+  [[nodiscard]] bool accepts(const ChannelInfo& info) const;
+  [[nodiscard]] bool initBusLog(const BusLogLayout& layout, int maxDataLength);
+  [[nodiscard]] bool addBusLogChannels();
 
   std::shared_ptr<Mdf4File> file_;
   std::shared_ptr<CustomDGBlock> block_;

@@ -27,8 +27,9 @@ class FileFlusher {
   // What to write to in place of `file`, which is flushed in every `period` in which it was written
   // to. Closing it returns at once; it is closed once all of it is on the disk. Throws
   // std::system_error when there can be no thread.
-  std::unique_ptr<SystemFile> watch(std::unique_ptr<SystemFile> file, const std::string& path,
-                                    std::chrono::milliseconds period);
+  [[nodiscard]] std::unique_ptr<SystemFile> watch(std::unique_ptr<SystemFile> file,
+                                                  const std::string& path,
+                                                  std::chrono::milliseconds period);
   // Waits until all files are on the disk. Each of them is to be closed before.
   void finish();
   // The first time that a flush, or the closing, failed: of which file and why. "" when none did.
@@ -54,7 +55,7 @@ class FileFlusher {
   };
 
   void run();
-  static std::string flush(Watched& watched, bool close);
+  [[nodiscard]] static std::string flush(Watched& watched, bool close);
 
   ThreadState<State> state_;
 };

@@ -36,15 +36,15 @@ class Mdf4DataStream : public m4DataStream {
   // Writes the first list at the end of the file and links it from the data group. Null, with the
   // group as it was, when a write fails or there is no memory for a block; throws, likewise, when
   // there is none for the stream itself.
-  static std::unique_ptr<Mdf4DataStream> create(Mdf4File& file, CustomDGBlock& group,
-                                                const BlockOwner& owner);
+  [[nodiscard]] static std::unique_ptr<Mdf4DataStream> create(Mdf4File& file, CustomDGBlock& group,
+                                                              const BlockOwner& owner);
   ~Mdf4DataStream() override;
 
   // Bytes of the first list and of the first block, which has room for so many.
   static std::uint64_t reservedSize(std::uint64_t capacity);
 
   // Writes what is left. False when something is lost; lostBytes tells how much.
-  bool flush() { return finish(false); }
+  [[nodiscard]] bool flush() { return finish(false); }
 
  private:
   Mdf4DataStream(Mdf4File& file, Blocks blocks, const BlockOwner& owner);

@@ -24,7 +24,7 @@ class HeaderBlock : public M4HDBlock {
  public:
   // Appends a data group that has its place in the file: links it behind the last one and writes
   // the links. False when a write fails; the group is then in no list.
-  bool append(const std::shared_ptr<CustomDGBlock>& group);
+  [[nodiscard]] bool append(const std::shared_ptr<CustomDGBlock>& group);
 
  private:
   std::shared_ptr<CustomDGBlock> lastGroup_;
@@ -54,18 +54,21 @@ class Mdf4File : public DirectFile {
   // Creates or empties the file and writes identification and header block. An empty `programId`
   // stands for "tolvex"; `startTimeUs` is microseconds since 1970, 0 for now. False, with nothing
   // open, when that fails; error says why.
-  bool create(const FileOpener& open, const std::string& path, const std::string& programId,
-              std::uint32_t version, std::uint64_t startTimeUs);
+  [[nodiscard]] bool create(const FileOpener& open, const std::string& path,
+                            const std::string& programId, std::uint32_t version,
+                            std::uint64_t startTimeUs);
   const std::string& error() const { return error_; }
 
   // A data group at the end of the file, in no list yet; null when a write fails.
   std::shared_ptr<CustomDGBlock> addDataGroup();
   // Appends it to the list. False when a write fails; the group is then in no list.
-  bool append(const std::shared_ptr<CustomDGBlock>& group) { return header_.append(group); }
+  [[nodiscard]] bool append(const std::shared_ptr<CustomDGBlock>& group) {
+    return header_.append(group);
+  }
   // The streams of records that go into it, as long as they live.
   std::vector<Mdf4DataStream*>& streams() { return streams_; }
   // The start time of the header block, microseconds since 1970, as UTC.
-  bool setStartTime(std::uint64_t startTimeUs);
+  [[nodiscard]] bool setStartTime(std::uint64_t startTimeUs);
 
   // Writes the header block and closes the file. False when something was not written.
   bool Close() override;

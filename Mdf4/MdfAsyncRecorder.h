@@ -26,13 +26,13 @@ class MdfTasks {
   bool empty() const { return bytes_.empty(); }
   void clear() { bytes_.clear(); }
   // A task at the end. Returns where its record of `size` bytes belongs, until the next push.
-  std::uint8_t* push(int groupIndex, std::uint32_t size);
+  [[nodiscard]] std::uint8_t* push(int groupIndex, std::uint32_t size);
 
   // Goes along the tasks, in order: until next() is false, the current one and its record.
   class Cursor {
    public:
     explicit Cursor(const MdfTasks& tasks) : rest_(tasks.bytes_) {}
-    bool next() {
+    [[nodiscard]] bool next() {
       if (rest_.empty()) return false;
       std::memcpy(&task_, rest_.data(), sizeof task_);
       record_ = rest_.subspan(sizeof task_, task_.size);
@@ -69,7 +69,7 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
   // Writes what is queued into the groups; only stopRecord completes the file.
   ~MdfAsyncRecorder() override;
 
-  int startRecord(const std::string& path, std::uint64_t startTime) override;
+  [[nodiscard]] int startRecord(const std::string& path, std::uint64_t startTime) override;
   void stopRecord(std::uint64_t stopTime) override;
   void setStartTime(std::uint64_t startTime) override;
   // True when the record is queued. False, silently, outside a recording and for a bad index.
@@ -77,12 +77,12 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
   bool saveCanMessage(std::uint64_t timestamp, const MdfCanMessage& message) override;
   bool saveCanError(std::uint64_t timestamp, const MdfCanError& error) override;
   bool saveCanError(std::uint64_t timestamp, const MdfCanMessage& message) override;
-  int addDataGroup(const std::string& name) override;
+  [[nodiscard]] int addDataGroup(const std::string& name) override;
   int addChannel(int groupIndex, const ChannelInfo& channel) override;
   int setDataGroupComment(int groupIndex, const std::string& comment) override;
   int setAcquisitionName(int groupIndex, const std::string& name) override;
   bool insertData(std::uint32_t groupIndex, std::uint32_t size, const std::uint8_t* data) override;
-  std::unique_ptr<RecordData> createRecordData(int groupIndex) override;
+  [[nodiscard]] std::unique_ptr<RecordData> createRecordData(int groupIndex) override;
   int setParameter(int paramId, int dataSize, const void* data) override;
   void setMaxCanDataLength(int bytes) override;
   void setFlushInterval(std::chrono::milliseconds interval) override;
@@ -120,9 +120,9 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
   void split() TOLVEX_REQUIRES(fileMutex_);
   void publish() TOLVEX_REQUIRES(fileMutex_);
   bool refuse() TOLVEX_REQUIRES(mutex_);
-  std::uint8_t* push(int groupIndex, std::uint32_t size) TOLVEX_REQUIRES(mutex_);
-  bool prepareBusLog() TOLVEX_EXCLUDES(fileMutex_);
-  Counted count(std::uint64_t timestamp) TOLVEX_REQUIRES(mutex_);
+  [[nodiscard]] std::uint8_t* push(int groupIndex, std::uint32_t size) TOLVEX_REQUIRES(mutex_);
+  [[nodiscard]] bool prepareBusLog() TOLVEX_EXCLUDES(fileMutex_);
+  [[nodiscard]] Counted count(std::uint64_t timestamp) TOLVEX_REQUIRES(mutex_);
   void announce(const Counted& task, std::atomic<int>& counter) TOLVEX_EXCLUDES(mutex_);
 
   // Guards the recorder that this one derives from: groups and file. Taken before mutex_, never

@@ -41,11 +41,11 @@ std::shared_ptr<DataGroup> createTimeGroup(const std::shared_ptr<Mdf4File>& file
   });
 }
 
-// One record of a time group.
-bool insertTime(DataGroup* group, std::uint64_t microseconds) {
-  if (group == nullptr) return false;
+// One record of a time group. The file keeps what fails.
+void insertTime(DataGroup* group, std::uint64_t microseconds) {
+  if (group == nullptr) return;
   const double record[2] = {0.0, static_cast<double>(microseconds)};
-  return group->insert(sizeof record, bytesOf(record).data());
+  static_cast<void>(group->insert(sizeof record, bytesOf(record).data()));
 }
 
 }  // namespace
@@ -146,12 +146,15 @@ void MdfRecorder::closeFile() {
   if (file_ == nullptr) return;
   insertTime(startTimeGroup_.get(), measurementStartValue_);
   insertTime(stopTimeGroup_.get(), stopTime_);
+  const auto flush = [](DataGroup& group) {
+    static_cast<void>(group.flush());  // the file keeps what fails
+  };
   for (const auto& timeGroup : {startTimeGroup_, stopTimeGroup_}) {
-    if (timeGroup != nullptr) timeGroup->flush();
+    if (timeGroup != nullptr) flush(*timeGroup);
   }
   for (const auto& group : groups_) {
     if (group == nullptr) continue;
-    group->flush();
+    flush(*group);
     lostRecords_ += group->lostRecords();
   }
   startTimeGroup_ = nullptr;
@@ -262,7 +265,8 @@ void MdfRecorder::setOverwrite(bool overwrite) {
 void MdfRecorder::setStartTime(std::uint64_t startTime) {
   startTime_ = startTime;
   measurementStartValue_ = startTime;
-  if (startTime != 0 && file_ != nullptr) file_->setStartTime(startTime);
+  if (startTime == 0 || file_ == nullptr) return;
+  static_cast<void>(file_->setStartTime(startTime));  // written again when the file is closed
 }
 
 int MdfRecorder::setParameter(int paramId, int dataSize, const void* data) {

@@ -47,7 +47,7 @@ class MdfRecorder {
 
   // Creates the file and its groups of the start and stop time; a recording under way is finished
   // first. 0, or 1 when the file cannot be created. A start time of 0 means now.
-  virtual int startRecord(const std::string& path, std::uint64_t startTime);
+  [[nodiscard]] virtual int startRecord(const std::string& path, std::uint64_t startTime);
   // Completes the file and closes it; without an open file nothing.
   virtual void stopRecord(std::uint64_t stopTime);
   virtual void setStartTime(std::uint64_t startTime);
@@ -59,15 +59,16 @@ class MdfRecorder {
   virtual bool saveCanError(std::uint64_t timestamp, const MdfCanError& error);
   virtual bool saveCanError(std::uint64_t timestamp, const MdfCanMessage& message);
   // The index of the new group, or -1. The name becomes the group's comment.
-  virtual int addDataGroup(const std::string& name);
-  virtual int addChannel(int groupIndex, const ChannelInfo& channel);  // 0 or -1, as the next two
+  [[nodiscard]] virtual int addDataGroup(const std::string& name);
+  virtual int addChannel(int groupIndex,
+                         const ChannelInfo& channel);  // 0 or -1, as the next two
   virtual int setDataGroupComment(int groupIndex, const std::string& comment);
   virtual int setAcquisitionName(int groupIndex, const std::string& name);
 
   // A record's bytes as they stand, past any queue.
   virtual bool insertData(std::uint32_t groupIndex, std::uint32_t size, const std::uint8_t* data);
   // A zeroed record with the channels that the group has now; null for an index without a group.
-  virtual std::unique_ptr<RecordData> createRecordData(int groupIndex);
+  [[nodiscard]] virtual std::unique_ptr<RecordData> createRecordData(int groupIndex);
   // Ids 0 program identifier, 1 and 2 texts, 3 version, 4 split size. 0 or -1.
   virtual int setParameter(int paramId, int dataSize, const void* data);
   // Payload bytes of a CAN record; brought into 8 to 64. Groups that are there keep theirs, and
@@ -95,7 +96,7 @@ class MdfRecorder {
  protected:
   // The group for the data frames of all channels and directions, made on first use: its index, or
   // -1.
-  int createBusLogConfiguration();
+  [[nodiscard]] int createBusLogConfiguration();
   // What a split takes for the end of a file: the latest time of anything recorded, or 0.
   virtual std::uint64_t latestTime() { return lastTimestamp_; }
   // Starts the next file when the current one has outgrown the split size.
@@ -146,24 +147,25 @@ class MdfRecorder {
   }
   template <class Work>
   bool inMemory(Work work);
-  std::unique_ptr<SystemFile> openSystemFileFor(const std::string& path, std::string& error);
-  bool openFile(const std::string& path, std::uint64_t startTime,
-                std::unique_ptr<SystemFile> opened = nullptr);
-  bool openNextFile(const std::string& path, std::unique_ptr<SystemFile>& next);
+  [[nodiscard]] std::unique_ptr<SystemFile> openSystemFileFor(const std::string& path,
+                                                              std::string& error);
+  [[nodiscard]] bool openFile(const std::string& path, std::uint64_t startTime,
+                              std::unique_ptr<SystemFile> opened = nullptr);
+  [[nodiscard]] bool openNextFile(const std::string& path, std::unique_ptr<SystemFile>& next);
   void compareSplitSize();
   void finishFlushing();
   void closeFile();
   [[gnu::noinline]] void splitFile();
-  int addGroup(const DataGroup::Define& define);
-  int addBusLogGroup(BusLogKind kind, const DataGroup::Define& complete);
+  [[nodiscard]] int addGroup(const DataGroup::Define& define);
+  [[nodiscard]] int addBusLogGroup(BusLogKind kind, const DataGroup::Define& complete);
   BusLog* busLog(BusLogKind kind, std::uint8_t busChannel, bool direction);
   template <class Work>
   void forFrame(Work makeGroup);
   void addBusLog(BusLogKind kind, std::size_t key, std::unique_ptr<BusLog>& entry);
-  [[gnu::noinline]] bool saveFirstOrLastOfBlock(std::uint64_t timestamp,
-                                                const MdfCanMessage& message);
+  [[nodiscard]] [[gnu::noinline]] bool saveFirstOrLastOfBlock(std::uint64_t timestamp,
+                                                              const MdfCanMessage& message);
   template <class Pack>
-  bool saveFrame(BusLog* log, std::uint64_t timestamp, Pack pack);
+  [[nodiscard]] bool saveFrame(BusLog* log, std::uint64_t timestamp, Pack pack);
   template <class Describe>
   void noteError(Describe describe) noexcept;
   DataGroup* groupForRecord(std::int64_t index);

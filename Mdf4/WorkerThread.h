@@ -68,7 +68,7 @@ class WorkerThread {
   // Counts a task that the caller has just pushed and starts the worker when there is none. Throws
   // std::system_error when there can be no thread; the task stays queued. Without memory for one
   // the next task tries again.
-  Counted count() TOLVEX_REQUIRES(mutex_) {
+  [[nodiscard]] Counted count() TOLVEX_REQUIRES(mutex_) {
     const std::uint64_t pending = pending_.fetch_add(1, std::memory_order_relaxed) + 1;
     const bool wake = sleeping_ && (idle_ || pending >= kWakeAt);
     if (wake) sleeping_ = false;
@@ -84,7 +84,7 @@ class WorkerThread {
 
   // For the worker: all tasks that wait, into `batch`. Waits for the first. False, with an empty
   // batch, when none waits and the worker is to stop.
-  bool take(Batch& batch) TOLVEX_EXCLUDES(mutex_) {
+  [[nodiscard]] bool take(Batch& batch) TOLVEX_EXCLUDES(mutex_) {
     batch.clear();
     const MutexLock lock(mutex_);
     if (!stopping() && pending() < kWakeAt) {

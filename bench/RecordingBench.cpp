@@ -36,7 +36,7 @@ Outcome saveWithClass(const std::string& path, const Traffic& traffic, std::uint
   return timed([&] {
     std::uint64_t saved = 0;
     const std::unique_ptr<MdfRecorder> recorder = std::make_unique<MdfRecorder>();
-    recorder->startRecord(path, kStartTimeUs);
+    static_cast<void>(recorder->startRecord(path, kStartTimeUs));
     for (std::uint64_t i = 0; i < count; ++i) {
       if (recorder->saveCanMessage(Traffic::timeUs(i), traffic.message(i))) ++saved;
     }

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -31,7 +32,8 @@ std::string killedRecording(const test::TempDir& folder, std::uint64_t frames) {
   std::string path = folder.path(fmt::format("killed-{}.mf4", frames));
   const Traffic traffic(kBuses);
   MdfRecorder recorder;
-  recorder.startRecord(path, kStartTimeUs);
+  if (recorder.startRecord(path, kStartTimeUs) != 0)
+    throw std::runtime_error(recorder.firstError());
   for (std::uint64_t i = 0; i < frames; ++i) {
     recorder.saveCanMessage(Traffic::timeUs(i), traffic.message(i));
   }
@@ -134,9 +136,9 @@ void measureCheck(benchmark::State& state) {
 std::int64_t peakOf(const std::string& input, bool check) {
   const MemoryCount count;
   if (check) {
-    checkFile(input);
+    static_cast<void>(checkFile(input));
   } else {
-    recoverFile(input, input + ".recovered");
+    static_cast<void>(recoverFile(input, input + ".recovered"));
   }
   return count.peak();
 }

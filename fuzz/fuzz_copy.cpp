@@ -140,7 +140,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const MemoryFile file(input);
   const MemoryFile result({});
   const auto reader = std::make_shared<MdfSigReader>(file.path());
-  reader->open();
+  static_cast<void>(reader->open());
   Copy copy(reader, result.path(), steeringOf(input));
   copy.run();
   readBack(copy.groups(), result.path());

@@ -166,8 +166,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   MdfSigReader reader(file.path());
   reader.setReadAllGroups((switches & 2) != 0);
-  reader.open();
-  if (twice) reader.open();
+  static_cast<void>(reader.open());
+  if (twice) static_cast<void>(reader.open());
   Reading(reader, steering).readAll();
   if (closed) {
     MdfSigReader copy(reader);

@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -56,7 +57,8 @@ class Corpus {
   // A recording that was never stopped: blocks of two groups, of which the lists name some.
   void writeKilled() {
     MdfRecorder recorder;
-    recorder.startRecord((folder("recover") / "killed").string(), 1);
+    const std::string path = (folder("recover") / "killed").string();
+    if (recorder.startRecord(path, 1) != 0) throw std::runtime_error(recorder.firstError());
     ChannelInfo byte;
     byte.name = "byte";
     byte.byteCount = 1;

@@ -76,7 +76,7 @@ constexpr std::uint64_t kRecordSize = 56;
 std::string recordedFile(const TempDir& dir) {
   std::string path = dir.path("recorded.mf4");
   MdfRecorder recorder;
-  recorder.startRecord(path, 1'700'000'000'000'000);
+  EXPECT_EQ(recorder.startRecord(path, 1'700'000'000'000'000), 0);
   const int group = recorder.addDataGroup("signals");
   recorder.addChannel(group, timeChannel());
   ChannelInfo bytes;

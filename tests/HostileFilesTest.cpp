@@ -88,7 +88,7 @@ Seen visit(const std::string& path) {
     }
   }
   MdfReader reader(path);
-  reader.open();
+  static_cast<void>(reader.open());
   reader.getCanCount();
   reader.getStopTime();
   for (; seen.frames < kEnough; ++seen.frames) {

@@ -411,7 +411,7 @@ Insert errors(bool direction, bool canFd) {
 
 // Starts a recording of three groups of signals.
 void startSignals(MdfRecorder& recorder) {
-  recorder.startRecord("log.mf4", kStart);
+  static_cast<void>(recorder.startRecord("log.mf4", kStart));
   for (const std::uint32_t bytes : {23U, 23U, 24U}) {
     recorder.addChannel(recorder.addDataGroup(""), unsignedChannel("n", bytes));
   }

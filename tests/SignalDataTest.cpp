@@ -89,7 +89,7 @@ class SignalData : public testing::Test {
   // How many of the frames have the payload that belongs to them.
   static std::size_t soundFrames(const std::string& path, const Form& form) {
     MdfReader reader(path);
-    reader.open();
+    static_cast<void>(reader.open());
     std::size_t sound = 0;
     for (const std::size_t value : namedBy(form)) {
       const auto frame = reader.getCanMessage();
@@ -103,7 +103,7 @@ class SignalData : public testing::Test {
   // The same of the values in the group's records.
   static std::size_t soundValues(const std::string& path, const Form& form) {
     MdfSigReader reader(path);
-    reader.open();
+    static_cast<void>(reader.open());
     std::size_t sound = 0;
     Bytes bytes;
     for (const std::size_t value : namedBy(form)) {

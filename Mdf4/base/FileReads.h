@@ -29,9 +29,9 @@ class FileReads {
 
   // Fills the pieces from consecutive bytes. Returns the bytes read: fewer than asked for at the
   // end of the file, and, with a note, where reading fails.
-  std::uint64_t read(std::uint64_t position, std::span<const WritableBytes> pieces);
+  [[nodiscard]] std::uint64_t read(std::uint64_t position, std::span<const WritableBytes> pieces);
   // Exactly so many bytes, by way of the pages that are kept: for many small reads.
-  bool readSmall(std::uint64_t position, WritableBytes bytes);
+  [[nodiscard]] bool readSmall(std::uint64_t position, WritableBytes bytes);
   // Before the file is written there.
   void forget(std::uint64_t position, std::uint64_t length) { pages_.forget(position, length); }
 
@@ -51,8 +51,8 @@ class FileReads {
  private:
   static constexpr std::uint64_t kNoPosition = ~std::uint64_t{0};
 
-  ReadResult readRaw(std::uint64_t position, std::span<const WritableBytes> pieces);
-  bool loadPage(std::uint64_t number);
+  [[nodiscard]] ReadResult readRaw(std::uint64_t position, std::span<const WritableBytes> pieces);
+  [[nodiscard]] bool loadPage(std::uint64_t number);
   std::uint64_t promised(std::uint64_t position, std::uint64_t length) const;
   void noteFailure(std::uint64_t position, std::uint64_t length, const std::string& why);
 

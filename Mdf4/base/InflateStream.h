@@ -23,7 +23,7 @@ class InflateStream {
   ~InflateStream() { inflateEnd(&z); }
 
   // The next step of z's input and output, as zlib's function of that name.
-  int inflate(int flush) { return check(::inflate(&z, flush)); }
+  [[nodiscard]] int inflate(int flush) { return check(::inflate(&z, flush)); }
 
   z_stream z = {};
 

@@ -28,7 +28,7 @@ class Inflater {
 
   // The bytes put into `out` when `compressed` is one whole zlib stream that fits into it; nothing
   // for any other. Throws std::bad_alloc, and may then be called again.
-  std::optional<std::uint64_t> inflate(ByteSpan compressed, WritableBytes out);
+  [[nodiscard]] std::optional<std::uint64_t> inflate(ByteSpan compressed, WritableBytes out);
 
  private:
   std::unique_ptr<InflateStream> stream_;
@@ -38,7 +38,7 @@ class Inflater {
 class ByteBuffer {
  public:
   // Room for `size` bytes, their contents undefined. False when there is no memory.
-  bool reserve(std::uint64_t size);
+  [[nodiscard]] bool reserve(std::uint64_t size);
   std::uint8_t* data() { return bytes_.get(); }
   const std::uint8_t* data() const { return bytes_.get(); }
   std::uint64_t size() const { return size_; }

@@ -29,11 +29,11 @@ class LoadBudget {
   }
 
   // Take `bytes`; false, with nothing taken and the problem noted, when fewer are left.
-  bool takeLoad(std::uint64_t bytes) {
+  [[nodiscard]] bool takeLoad(std::uint64_t bytes) {
     return take(load_, bytes,
                 "the file's links lead to many times the bytes that it has: blocks are left out");
   }
-  bool takeAgain(std::uint64_t bytes) {
+  [[nodiscard]] bool takeAgain(std::uint64_t bytes) {
     return take(
         again_, bytes,
         "the file's values lead to its compressed blocks too many times: values are left out");
@@ -44,7 +44,7 @@ class LoadBudget {
     constexpr std::uint64_t kMost = ~std::uint64_t{0};
     return size > (kMost - always) / factor ? kMost : size * factor + always;
   }
-  bool take(std::uint64_t& left, std::uint64_t bytes, const char* problem) {
+  [[nodiscard]] bool take(std::uint64_t& left, std::uint64_t bytes, const char* problem) {
     if (bytes > left) {
       problems_.add(problem);
       return false;

@@ -22,23 +22,23 @@ class ResultFile {
   // recording. The result gets the permissions of the file `model`; without one, those
   // of the file that it replaces, or those that the umask leaves a new one. Until it is published
   // nobody else can read a result whose permissions are such a file's.
-  bool open(const std::string& path, const std::string& model = {});
+  [[nodiscard]] bool open(const std::string& path, const std::string& model = {});
   // For writing; owned by this object.
   int descriptor() const { return descriptor_; }
   // Where the bytes are for now.
   const std::string& currentPath() const { return temporary_.empty() ? path_ : temporary_; }
 
   // Has all bytes on the disk and closes the file, which may still be published or discarded.
-  bool close();
+  [[nodiscard]] bool close();
   // Closes, gives the file its name and has that on the disk.
-  bool publish();
+  [[nodiscard]] bool publish();
   // Removes what was not published.
   void discard();
   // Why the first call that failed did so, in the system's words; those that follow fail as well.
   const std::string& error() const { return error_; }
 
  private:
-  bool openDirectly();
+  [[nodiscard]] bool openDirectly();
   bool fail(int error);
   bool fail(std::string error);
 

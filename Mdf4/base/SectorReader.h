@@ -16,13 +16,14 @@ namespace tolvex {
 class SectorReader {
  public:
   // As SystemFile::read, up to the first unreadable byte. What can be read behind it is there, too.
-  ReadResult read(SystemFile& file, std::uint64_t position, std::span<const WritableBytes> pieces);
+  [[nodiscard]] ReadResult read(SystemFile& file, std::uint64_t position,
+                                std::span<const WritableBytes> pieces);
   ByteRange nextUnreadable(std::uint64_t from, std::uint64_t end) const;
   int error() const { return error_; }  // of the last attempt that failed
 
  private:
-  ReadResult readPiece(SystemFile& file, std::uint64_t position, WritableBytes piece);
-  bool readSectors(SystemFile& file, std::uint64_t position, WritableBytes bytes);
+  [[nodiscard]] ReadResult readPiece(SystemFile& file, std::uint64_t position, WritableBytes piece);
+  [[nodiscard]] bool readSectors(SystemFile& file, std::uint64_t position, WritableBytes bytes);
   void add(std::uint64_t start, std::uint64_t end);
 
   std::map<std::uint64_t, std::uint64_t> unreadable_;  // start to end, none touching another

@@ -45,27 +45,28 @@ class SystemFile {
  public:
   virtual ~SystemFile() = default;
 
-  virtual bool size(std::uint64_t& bytes) = 0;
+  [[nodiscard]] virtual bool size(std::uint64_t& bytes) = 0;
   // Fills the pieces in order from `position` on, up to the end of the file.
-  virtual ReadResult read(std::uint64_t position, std::span<const WritableBytes> pieces) = 0;
+  [[nodiscard]] virtual ReadResult read(std::uint64_t position,
+                                        std::span<const WritableBytes> pieces) = 0;
   // Writes the pieces in order from `position` on. False unless every byte was taken.
-  virtual bool write(std::uint64_t position, std::span<const ByteSpan> pieces) = 0;
+  [[nodiscard]] virtual bool write(std::uint64_t position, std::span<const ByteSpan> pieces) = 0;
   // Has on the disk what was written before, and the file's name: "", or why that failed, in the
   // system's words. May run on a thread of its own beside all but close.
-  virtual std::string flush() { return ""; }
+  [[nodiscard]] virtual std::string flush() { return ""; }
   // Closes the file; false when the system reports that something was not written.
-  virtual bool close() = 0;
+  [[nodiscard]] virtual bool close() = 0;
   // Why the last write or the closing failed, in the system's words.
   virtual std::string error() const = 0;
 };
 
 // Opens a file, or null; `error` then says why in the system's words.
-std::unique_ptr<SystemFile> openSystemFile(const std::string& path, OpenMode mode,
-                                           std::string& error);
+[[nodiscard]] std::unique_ptr<SystemFile> openSystemFile(const std::string& path, OpenMode mode,
+                                                         std::string& error);
 
 // A file that is open for reading and writing; the descriptor stays the caller's. Null when the
 // system has no more; `error` then says so.
-std::unique_ptr<SystemFile> systemFileOn(int descriptor, std::string& error);
+[[nodiscard]] std::unique_ptr<SystemFile> systemFileOn(int descriptor, std::string& error);
 
 // ---------------------------------------------------------------------------------------------
 // Files by their names, whose bytes go through a descriptor

@@ -17,7 +17,7 @@ struct PayloadSource {
   virtual ~PayloadSource();
   // Replaces `out` by the value at `offset` of the group's signal data. False when it cannot be
   // read; what `out` then holds does not matter.
-  virtual bool read(std::uint64_t offset, std::vector<std::uint8_t>& out) = 0;
+  [[nodiscard]] virtual bool read(std::uint64_t offset, std::vector<std::uint8_t>& out) = 0;
 };
 
 // Decodes the records of one group.
@@ -55,7 +55,9 @@ class CanRecordDecoder {
     Number() = default;
     explicit Number(const CanFieldSlot& slot);
 
-    std::uint64_t read(ByteSpan record) const { return bits_.read(record) | constant_; }
+    [[nodiscard]] std::uint64_t read(ByteSpan record) const {
+      return bits_.read(record) | constant_;
+    }
 
    private:
     BitField bits_;
@@ -78,7 +80,8 @@ class CanRecordDecoder {
     // Whether all of them do, or the first `limit`.
     bool isInside(ByteSpan record, std::uint32_t limit) const;
     // Replaces `out` by a payload from outside the record; false when it cannot be read.
-    bool fetch(ByteSpan record, PayloadSource* payloads, std::vector<std::uint8_t>& out) const;
+    [[nodiscard]] bool fetch(ByteSpan record, PayloadSource* payloads,
+                             std::vector<std::uint8_t>& out) const;
 
     CanFrameKind kind;
     CanField field;

@@ -19,7 +19,7 @@ class SignalData final : public PayloadSource {
   explicit SignalData(const m4DataStream& stream) : stream_(stream) {}
 
   // No frame is longer than kMaxPayload: of a longer value one byte more tells that it is.
-  bool read(std::uint64_t offset, std::vector<std::uint8_t>& out) override {
+  [[nodiscard]] bool read(std::uint64_t offset, std::vector<std::uint8_t>& out) override {
     return stream_.readValue(offset, out, kMaxPayload + 1);
   }
 
@@ -71,7 +71,7 @@ class FrameMerge {
 
   void open(ReaderState& state, const MdfCNInfo& channel);
   void openAll(ReaderState& state);
-  static bool readStreamNextMsg(Group& group);
+  [[nodiscard]] static bool readStreamNextMsg(Group& group);
   MdfFrame giveFirst();
   void goOn();
   static void reportMissingPayload(Group& group);

@@ -29,8 +29,8 @@ class FrameTime {
 
  private:
   void planTicks();
-  bool nanoseconds(ByteSpan record, double& ns) const;
-  bool convert(ByteSpan record, double& ns) const;
+  [[nodiscard]] bool nanoseconds(ByteSpan record, double& ns) const;
+  [[nodiscard]] bool convert(ByteSpan record, double& ns) const;
   std::optional<std::uint64_t> ofTicks(ByteSpan record) const;
 
   std::optional<MdfSigCCInfo> channel_;

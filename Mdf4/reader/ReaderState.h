@@ -51,7 +51,7 @@ struct ReaderState {
     });
   }
 
-  bool describe(int dg, int cg, MdfGroupInfo& group) const;
+  [[nodiscard]] bool describe(int dg, int cg, MdfGroupInfo& group) const;
   // The text of a TX or MD block while the file is open, up to the longest that is handed out.
   std::string textAt(std::uint64_t position);
 
@@ -60,7 +60,7 @@ struct ReaderState {
   m4DataStream openStream(std::uint64_t dataLink, std::uint64_t expectedSize = 0);
   // The records of a channel group of data group `dg`; nothing when it has no data or they are
   // damaged.
-  std::optional<RecordCursor> openRecords(int dg, int cg);
+  [[nodiscard]] std::optional<RecordCursor> openRecords(int dg, int cg);
 
   // The result of an operation, or `failure` when it runs out of memory.
   template <class Result, class Work>

@@ -160,7 +160,8 @@ class TOLVEX_EXPORT MdfCanMessage {
   // n = max(dataBytes, 8) payload bytes; positions beyond the payload get the fill byte. False,
   // with nothing written, when the record's size does not fit the layout, for an unknown type, and
   // when `fixedEight` is set and n is above 8.
-  bool ToRaw(MessageType type, RecordData& record, unsigned dataBytes, bool fixedEight) const;
+  [[nodiscard]] bool ToRaw(MessageType type, RecordData& record, unsigned dataBytes,
+                           bool fixedEight) const;
 
   // Clears everything but the timestamp and the fill byte, for the next frame; the payload keeps
   // its memory.
@@ -295,7 +296,7 @@ class TOLVEX_EXPORT MdfCanError {
   // MessageType::ErrorFrame, with Tec and Trec in bytes 16 and 17) or a CAN FD one (at least 113);
   // the caller sets the time. Bytes beyond the payload become 0. False, with nothing written, when
   // the record is too small.
-  bool ToRaw(RecordData& record, unsigned ignored, bool canFd) const;
+  [[nodiscard]] bool ToRaw(RecordData& record, unsigned ignored, bool canFd) const;
 
  private:
   friend class CanRecordDecoder;

@@ -89,7 +89,7 @@ class TOLVEX_EXPORT MdfBaseReader {
   // and channels. False, with one message to the error callback, when the path is empty or the file
   // cannot be opened as MDF 4; getLastError then says why. Damaged blocks do not fail the opening.
   // A second call reads the file anew.
-  virtual bool open();
+  [[nodiscard]] virtual bool open();
   // Closes the file. The tree stays listed; names, which are read when they are asked for, are ""
   // and no records come any more.
   virtual void close();
@@ -175,7 +175,7 @@ class TOLVEX_EXPORT MdfSigReader : public MdfBaseReader {
   // that hold nothing but channels of a CAN bus. Call before open.
   void setReadAllGroups(bool on);
 
-  bool open() override;
+  [[nodiscard]] bool open() override;
   // Nanoseconds since 1970, from hd_start_time_ns: as it stands; for local time (hd_time_flags
   // bit 0) minus this machine's zone; else with valid offsets (bit 1) plus hd_tz_offset_min and
   // hd_dst_offset_min, minus this machine's zone. For the time as stored see MdfFileInfo.

@@ -51,8 +51,8 @@ struct MdfCheckReport {
 //     std::printf("%s at %llu: %s\n", finding.error ? "error" : "warning",
 //                 static_cast<unsigned long long>(finding.position), finding.what.c_str());
 //   }
-TOLVEX_EXPORT MdfCheckReport checkFile(const std::string& path,
-                                       const MdfProgress& progress = nullptr);
+[[nodiscard]] TOLVEX_EXPORT MdfCheckReport checkFile(const std::string& path,
+                                                     const MdfProgress& progress = nullptr);
 
 // One channel group of a recovered file.
 struct MdfRecoveredGroup {
@@ -121,7 +121,8 @@ struct MdfRecoverOptions {
 // input's permissions, when it is complete and on the disk; after a failure a file that had the
 // name is unchanged. Only a killed process leaves its tolvex-*.part behind. A device is written
 // directly. Of several calls with the same output, the last one to finish wins.
-TOLVEX_EXPORT MdfRecoveryReport recoverFile(const std::string& input, const std::string& output,
-                                            const MdfRecoverOptions& options = {});
+[[nodiscard]] TOLVEX_EXPORT MdfRecoveryReport recoverFile(const std::string& input,
+                                                          const std::string& output,
+                                                          const MdfRecoverOptions& options = {});
 
 }  // namespace tolvex

@@ -57,7 +57,7 @@ class TOLVEX_EXPORT MdfSigWriter {
 
   // Marks the writer open, without touching a file; false, with "MdfSigWriter is already open",
   // when it is open.
-  bool open();
+  [[nodiscard]] bool open();
   // Does what stopRecord does, with the stop time that was last given to it, and marks the writer
   // closed. Nothing when it is not open.
   void close();
@@ -71,7 +71,7 @@ class TOLVEX_EXPORT MdfSigWriter {
   // Creates the file, and empties one that exists; a recording under way is finished first. A start
   // time of 0 means now. 0 when it has started; 1, with "Failed to start record", when the file
   // cannot be created; -1, with "MdfSigWriter is not open".
-  int startRecord(std::uint64_t startTime);
+  [[nodiscard]] int startRecord(std::uint64_t startTime);
   // Writes what is left, completes the file and closes it. What could not be written is reported.
   void stopRecord(std::uint64_t stopTime);
   // The times that startRecord and stopRecord were given last; 0 before.
@@ -120,7 +120,7 @@ class TOLVEX_EXPORT MdfSigWriter {
                                 const std::string& name);
 
  private:
-  static bool createChannelInfoFromCCInfo(const MdfSigCCInfo& info, ChannelInfo& out);
+  [[nodiscard]] static bool createChannelInfoFromCCInfo(const MdfSigCCInfo& info, ChannelInfo& out);
   void stop();
   bool hasRecorder() const;  // reports when there is none
   void logError(const std::string& message) const;

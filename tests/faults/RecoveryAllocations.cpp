@@ -23,7 +23,7 @@ void killRecording(const std::string& path) {
   constexpr std::uint64_t kStart = 1'700'000'000'000'000;  // microseconds
   const TempDir dir;
   MdfRecorder recorder;
-  recorder.startRecord(dir.path("log"), kStart);
+  ASSERT_EQ(recorder.startRecord(dir.path("log"), kStart), 0);
   MdfCanMessage frame;
   for (std::uint32_t i = 0; i < 600; ++i) {
     frame.MessageId(i);

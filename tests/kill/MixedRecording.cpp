@@ -133,7 +133,7 @@ void MixedRecording::run(const std::string& path, const FileOpener& open) const 
     recorder = std::make_unique<MdfRecorder>(open);
   }
   recorder->setMaxCanDataLength(payloadSize_);
-  recorder->startRecord(path, kStart);
+  static_cast<void>(recorder->startRecord(path, kStart));
   record(*recorder);
   recorder->stopRecord(kStart + steps_.back().time);
   recorderSettings.splitSize = before;

@@ -16,6 +16,7 @@
 #include <fstream>
 #include <iterator>
 #include <random>
+#include <stdexcept>
 
 #include "Mdf4/MdfRecorder.h"
 #include "Mdf4/format/WorkSizes.h"
@@ -130,7 +131,7 @@ Bytes recording() {
   const TempDir dir;
   const std::string path = dir.path("log.mf4");
   MdfRecorder recorder;
-  recorder.startRecord(path, kStart);
+  if (recorder.startRecord(path, kStart) != 0) throw std::runtime_error(recorder.firstError());
   const int group = recorder.addDataGroup("signals");
   recorder.addChannel(group, timeChannel());
   recorder.addChannel(group, float64Channel("value"));
@@ -244,7 +245,7 @@ class Trial {
   void readSignals() {
     MdfSigReader reader(path_);
     reader.setReadAllGroups(true);
-    reader.open();
+    static_cast<void>(reader.open());
     MdfGroupInfo group;
     for (int dg = 0; dg < reader.getDGCount(); ++dg) {
       for (int cg = 0; reader.getGroupInfo(dg, cg, group); ++cg) {
@@ -284,7 +285,7 @@ class Trial {
 
   void readFrames() {
     MdfReader reader(path_);
-    reader.open();
+    static_cast<void>(reader.open());
     reader.setPayloadByDlc(true);
     reader.setRequireFields(true);
     reader.getBusLogGroups();

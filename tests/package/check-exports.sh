@@ -11,7 +11,7 @@ functions=$(grep -hv '^#' "$headers"/*.h | tr '\n' ' ' |
 
 exported=$(nm -DC --defined-only "$library" |
   sed -E 's/^[0-9a-f]* +[A-Za-z] //; s/\[abi:cxx11\]//' | sort -u)
-free=$(sed -nE 's/^TOLVEX_EXPORT [A-Za-z]+ ([a-z][A-Za-z]+)\(.*/\1/p' "$headers"/*.h | paste -sd '|')
+free=$(sed -nE 's/^(\[\[nodiscard\]\] )?TOLVEX_EXPORT [A-Za-z]+ ([a-z][A-Za-z]+)\(.*/\2/p' "$headers"/*.h | paste -sd '|')
 interface="tolvex::($free)\(.*|(typeinfo|typeinfo name|vtable) for tolvex::($classes)|tolvex::($classes)::[^:(]+(\(.*)?"
 foreign=$(grep -vxE "$interface" <<<"$exported" | grep -vxFf <(echo "$functions") || true)
 absent=$(grep -vxFf <(echo "$exported") <<<"$functions" || true)
