@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <bit>
 #include <limits>
-#include <span>
 #include <utility>
 
 #include "Mdf4/Blocks.h"

@@ -4,7 +4,6 @@
 #include <bit>
 #include <limits>
 #include <new>
-#include <string_view>
 #include <utility>
 
 #include "Mdf4/Blocks.h"

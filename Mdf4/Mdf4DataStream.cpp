@@ -2,7 +2,6 @@
 
 #include <cinttypes>
 #include <utility>
-#include <vector>
 
 #include "Mdf4/Blocks.h"
 #include "Mdf4/base/Diagnostics.h"

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <memory>
 #include <string>
-#include <string_view>
 
 #include "Mdf4/Channel.h"
 #include "Mdf4/MdfAsyncRecorder.h"
@@ -125,6 +124,10 @@ int append(void* handle, std::initializer_list<double> numbers, const char* text
 }  // namespace tolvex
 
 using namespace tolvex;
+
+void setDiagnosticHandler(void (*handler)(void* user, const char* text), void* user) {
+  directDiagnostics(handler, user);
+}
 
 // ---------------------------------------------------------------------------------------------
 // Recorder

@@ -5,13 +5,12 @@
 #include <cstdio>
 
 #include "Mdf4/base/Mutex.h"
-#include "tolvex/MdfEngine.h"
 
 namespace tolvex {
 namespace {
 
 struct Sink {
-  void (*handler)(void* user, const char* text);
+  DiagnosticHandler handler;
   void* user;
 };
 
@@ -79,10 +78,10 @@ std::string quoted(std::string_view bytes) {
   return text + '"';
 }
 
-}  // namespace tolvex
-
-void setDiagnosticHandler(void (*handler)(void* user, const char* text), void* user) {
-  const tolvex::MutexLock lock(tolvex::sinkMutex);
-  tolvex::sink = {handler, user};
-  tolvex::wanted.store(handler != nullptr, std::memory_order_relaxed);
+void directDiagnostics(DiagnosticHandler handler, void* user) {
+  const MutexLock lock(sinkMutex);
+  sink = {handler, user};
+  wanted.store(handler != nullptr, std::memory_order_relaxed);
 }
+
+}  // namespace tolvex

@@ -20,6 +20,10 @@ namespace tolvex {
 // the lines of several threads stay whole. Formats nothing when the texts are dropped.
 void printDiagnostic(const char* format, ...) TOLVEX_PRINTF(1, 2);
 
+// Who receives the texts from now on, each with `user`; null drops them.
+using DiagnosticHandler = void (*)(void* user, const char* text);
+void directDiagnostics(DiagnosticHandler handler, void* user);
+
 // printf into a string.
 std::string formatText(const char* format, ...) TOLVEX_PRINTF(1, 2);
 

@@ -1,7 +1,6 @@
 #include "Mdf4/base/InflatedBlocks.h"
 
 #include <algorithm>
-#include <utility>
 
 namespace tolvex {
 namespace {

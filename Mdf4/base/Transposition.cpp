@@ -1,7 +1,6 @@
 #include "Mdf4/base/Transposition.h"
 
 #include <algorithm>
-#include <cstring>
 
 #if defined(__SSE2__)
 #include <emmintrin.h>
