@@ -1,4 +1,4 @@
-// Small steps that the recording side takes again and again.
+// Helpers of the recording side for text blocks and links.
 #pragma once
 
 #include <algorithm>

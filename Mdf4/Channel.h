@@ -1,4 +1,4 @@
-// A recorded channel: what callers say of it, its conversion, and its blocks in the file.
+// A recorded channel: its description, its conversion, and its blocks in the file.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +24,7 @@ struct Formula {
   std::string defaultText;         // kinds 7 and 8
 };
 
-// What callers say of a channel. A plain value.
+// The description of a channel, as callers give it. A plain value.
 struct ChannelInfo {
   std::uint8_t channelType = 0;  // cn_type: 0 value, 1 variable length (refused), 2 master
   std::uint8_t syncType = 0;     // cn_sync_type: 1 time

@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "Mdf4/ChannelGroup.h"
@@ -37,7 +36,7 @@ class DataGroup {
   // and all channels once the first record has come. After a failed write, a gap of the channel's
   // size stays in front of the channels that follow.
   [[nodiscard]] bool addChannel(const ChannelInfo& info);
-  // Records are on their way: from now on channels are refused.
+  // Records are queued: from now on channels are refused.
   void fixLayout() { layoutIsFixed_ = true; }
   // The channels of a bus-log group of CAN frames; payload sizes are brought into 8 to 64.
   [[nodiscard]] bool initCanBugLog(int maxDataLength);
@@ -69,12 +68,12 @@ class DataGroup {
   [[nodiscard]] bool flush();
 
   ChannelGroup& channelGroup() { return *channelGroup_; }
-  // The layout as it is now; it stays so for those who have it.
+  // The present layout, a snapshot: channels that are added later do not change it.
   std::shared_ptr<const RecordLayout> layout() const {
     if (sharedLayout_ == nullptr) sharedLayout_ = std::make_shared<const RecordLayout>(layout_);
     return sharedLayout_;
   }
-  // Bytes that the list and the block take that the group gets with its first record.
+  // Bytes of the list and the block that are written with the first record.
   std::uint64_t reservedSize() const {
     return Mdf4DataStream::reservedSize(recordSize_ * recordsPerBlock_);
   }

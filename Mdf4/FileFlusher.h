@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstddef>
 #include <memory>
 #include <string>
 #include <thread>
@@ -24,8 +23,8 @@ class FileFlusher {
   FileFlusher& operator=(const FileFlusher&) = delete;
   ~FileFlusher() { finish(); }
 
-  // What to write to in place of `file`, which is flushed in every `period` in which it was written
-  // to. Closing it returns at once; it is closed once all of it is on the disk. Throws
+  // A file to write to in place of `file`, which is flushed after every `period` in which it was
+  // written to. Closing it returns at once; it is closed once all of it is on the disk. Throws
   // std::system_error when there can be no thread.
   [[nodiscard]] std::unique_ptr<SystemFile> watch(std::unique_ptr<SystemFile> file,
                                                   const std::string& path,

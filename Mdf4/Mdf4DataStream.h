@@ -11,7 +11,7 @@ namespace tolvex {
 
 struct BusLogLayout;
 
-// What a full data block itself shows of whose it is, when no list names it.
+// What shows which group a full data block belongs to when no list names it.
 struct BlockOwner {
   static constexpr int kAnySource = -1;
 
@@ -40,10 +40,10 @@ class Mdf4DataStream : public m4DataStream {
                                                               const BlockOwner& owner);
   ~Mdf4DataStream() override;
 
-  // Bytes of the first list and of the first block, which has room for so many.
+  // Bytes of the first list and of the first block, which holds `capacity` bytes.
   static std::uint64_t reservedSize(std::uint64_t capacity);
 
-  // Writes what is left. False when something is lost; lostBytes tells how much.
+  // Writes what is left. False when something is lost; lostBytes returns how much.
   [[nodiscard]] bool flush() { return finish(false); }
 
  private:

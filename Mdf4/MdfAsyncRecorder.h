@@ -53,12 +53,12 @@ class MdfTasks {
 };
 
 // Copies records and frames into a queue, from which a thread of its own writes them in the order
-// in which they came. When maxPendingTasks are queued, what comes is discarded with a message. All
+// in which they came. While maxPendingTasks are queued, new ones are discarded with a message. All
 // data frames go into one group.
 //
 // Any number of threads may insert records and save frames, while others define groups, save errors
 // (which are written at once) or ask for counts; one thread at a time starts, stops and destroys.
-// A file that cannot be split goes on, and that is said once. Diagnostics of the worker come from
+// A file that cannot be split continues, with one diagnostic. Diagnostics of the worker come from
 // its thread; their handler must not call the recorder.
 //
 // In a child process (fork) a recording that the parent began has no worker: every call fails, and

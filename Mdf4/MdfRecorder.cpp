@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <cmath>
 #include <cstring>
 #include <new>
 #include <stdexcept>
@@ -78,7 +77,7 @@ int MdfRecorder::startRecord(const std::string& path, std::uint64_t startTime) {
   splitCounter_ = 1;
   brokenOff_ = false;
   splitRefused_ = false;
-  smallSplitTold_ = false;
+  smallSplitReported_ = false;
   lostRecords_ = 0;
   return 0;
 }
@@ -240,8 +239,8 @@ void MdfRecorder::splitFile() {
 void MdfRecorder::compareSplitSize() {
   const std::uint64_t limit = recorderSettings.splitSize;
   const std::uint64_t reserved = MdfRecorder::reservedSize();
-  if (smallSplitTold_ || limit >= reserved) return;
-  smallSplitTold_ = true;
+  if (smallSplitReported_ || limit >= reserved) return;
+  smallSplitReported_ = true;
   printDiagnostic("[info] splitFile: the split size, %" PRIu64
                   " bytes, is less than each file reserves for its groups, %" PRIu64
                   " bytes: files hold few records\n",

@@ -71,15 +71,15 @@ class MdfRecorder {
   [[nodiscard]] virtual std::unique_ptr<RecordData> createRecordData(int groupIndex);
   // Ids 0 program identifier, 1 and 2 texts, 3 version, 4 split size. 0 or -1.
   virtual int setParameter(int paramId, int dataSize, const void* data);
-  // Payload bytes of a CAN record; brought into 8 to 64. Groups that are there keep theirs, and
-  // take data frames again when it is set back to that.
+  // Payload bytes of a CAN record, clamped to 8 to 64. Existing groups keep theirs, and take data
+  // frames again when it is set back to that.
   virtual void setMaxCanDataLength(int bytes);
-  // How often what was written is flushed to the disk, in files created from now on; 0, as at
-  // first: never. Nobody waits for it but stopRecord, for the last one.
+  // How often files created from now on are flushed to the disk; 0, the default: never. Only
+  // stopRecord waits for a flush, the last one.
   virtual void setFlushInterval(std::chrono::milliseconds interval);
-  // Whether files that exist may be emptied, as at first, when one is created from now on. If not,
-  // startRecord gives 1, and a file that cannot be split because of it goes on; empty files count
-  // as none.
+  // Whether files created from now on may replace existing ones, as by default. If not, startRecord
+  // returns 1, and a file that cannot be split because of it continues; empty files may be
+  // replaced.
   virtual void setOverwrite(bool overwrite);
 
   // Records accepted and not yet handed to their group.
@@ -89,8 +89,8 @@ class MdfRecorder {
   virtual std::uint64_t lostRecords() const;
   // The first failure of the current or last recording; "" when there was none.
   virtual std::string firstError() const;
-  // Bytes that a file's groups of now take, with the lists and blocks that they get with their
-  // first records.
+  // Bytes that the present groups take in a file, including the lists and blocks that are written
+  // with their first records.
   virtual std::uint64_t reservedSize() const;
 
  protected:
@@ -193,7 +193,7 @@ class MdfRecorder {
   bool overwrite_ = true;
   bool brokenOff_ = false;     // a split found no place for the next file
   bool splitRefused_ = false;  // the next file exists
-  bool smallSplitTold_ = false;
+  bool smallSplitReported_ = false;
   std::uint64_t lostRecords_ = 0;  // beside those of the open groups
   std::string firstError_;
 };

@@ -15,8 +15,8 @@
 
 namespace tolvex {
 
-// What a thread of the library's own waits at. In a child process (fork), which has no such thread,
-// destroying this would wait for ever, so it is given up there.
+// What a thread of the library waits for. In a child process (fork), which does not have that
+// thread, destroying this would wait for ever, so it is leaked there.
 template <class State>
 class ThreadState {
  public:
@@ -33,7 +33,7 @@ class ThreadState {
   bool inherited() const {
     return generation_.load(std::memory_order_relaxed) != processGeneration();
   }
-  // For while no thread waits at it; they may ask whether it is inherited.
+  // While no thread waits; others may call inherited() meanwhile.
   void adopt() { generation_.store(processGeneration(), std::memory_order_relaxed); }
 
  private:
@@ -45,8 +45,8 @@ class ThreadState {
 // under mutex_, push into queued_ and call count(), then announce() without it. One worker, started
 // by the first task, takes whole batches.
 //
-// While tasks keep coming the worker naps between batches and nobody wakes it, so a producer makes
-// a system call only for the first task after a pause and when many wait. Derived classes stop the
+// While tasks keep coming the worker naps between batches and is not woken, so a producer makes a
+// system call only for the first task after a pause and when many wait. Derived classes stop the
 // worker before they are destroyed.
 template <class Batch>
 class WorkerThread {

@@ -41,7 +41,7 @@ class BitField {
     sizeForOneLoad_ = inOneLoad ? byte_ + sizeof(std::uint64_t) : ~std::uint64_t{0};
   }
 
-  // Whether a record of so many bytes holds all of the field.
+  // Whether a record of that size holds the whole field.
   bool isInside(std::uint64_t size) const { return byte_ <= size && touched_ <= size - byte_; }
 
   // The number; bits beyond the end of the record count as 0.

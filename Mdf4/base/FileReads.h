@@ -1,4 +1,4 @@
-// Reading one open file, and what of it could not be read.
+// Reads from one open file, and which of them failed.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@
 
 namespace tolvex {
 
-// Reads a file, and tells a read that the system refused from the end of the file: it is noted
+// Reads a file. A read that the system refuses is not mistaken for the end of the file: it is noted
 // among the file's problems, and counted. Borrows the problems, and the file from open to close.
 // Not synchronised.
 class FileReads {
@@ -30,9 +30,9 @@ class FileReads {
   // Fills the pieces from consecutive bytes. Returns the bytes read: fewer than asked for at the
   // end of the file, and, with a note, where reading fails.
   [[nodiscard]] std::uint64_t read(std::uint64_t position, std::span<const WritableBytes> pieces);
-  // Exactly so many bytes, by way of the pages that are kept: for many small reads.
+  // Exactly bytes.size() bytes, through the page cache: for many small reads.
   [[nodiscard]] bool readSmall(std::uint64_t position, WritableBytes bytes);
-  // Before the file is written there.
+  // To be called before the file is written there.
   void forget(std::uint64_t position, std::uint64_t length) { pages_.forget(position, length); }
 
   // The first read that the system refused, or for which the file had become too short: what, where

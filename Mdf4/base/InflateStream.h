@@ -1,4 +1,4 @@
-// A zlib stream whose memory comes from operator new, as everyone else's here.
+// A zlib stream whose memory comes from operator new, as all memory of the library.
 #pragma once
 
 #include <zlib.h>
@@ -8,7 +8,7 @@
 
 namespace tolvex {
 
-// Ready to inflate. Throws std::bad_alloc, which zlib would not tell from damaged data later on.
+// Ready to inflate. Throws std::bad_alloc, which zlib would report later, like damaged data.
 class InflateStream {
  public:
   InflateStream() {

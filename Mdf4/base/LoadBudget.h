@@ -8,7 +8,7 @@
 namespace tolvex {
 
 // The work and memory that the claims of one open file may cause, in proportion to its size: enough
-// for every file whose blocks are really shared, and an end for files whose links make a few blocks
+// for every file that shares blocks in earnest, and a limit for files whose links make a few blocks
 // look like billions. Starts anew with each opening; until the first, nothing is left.
 //
 // Loading: the bytes of every block that is loaded, of compressed ones when they are inflated for
@@ -17,8 +17,8 @@ namespace tolvex {
 // Inflating again: the inflated bytes of blocks that values in compressed signal data lead back to
 // after they were let go.
 //
-// Once it is used up, what was asked for counts as absent, and the file's problems say so. Borrows
-// these.
+// Once it is used up, what is asked for counts as absent, and the file's problems say so. Borrows
+// the problems.
 class LoadBudget {
  public:
   explicit LoadBudget(ProblemLog& problems) : problems_(problems) {}

@@ -19,7 +19,7 @@ class PageCache {
   bool has(std::uint64_t number) const {
     return pages_ != nullptr && pages_->numbers[number % kPageCount] == number;
   }
-  // The bytes of a page that is there; fewer than kPageSize at the end of the file.
+  // The bytes of a cached page; fewer than kPageSize at the end of the file.
   ByteSpan page(std::uint64_t number) const {
     const std::size_t slot = number % kPageCount;
     return {pages_->bytes[slot].data(), pages_->filled[slot]};

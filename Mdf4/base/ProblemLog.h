@@ -1,4 +1,4 @@
-// What is wrong with one open file.
+// The problems of one open file.
 #pragma once
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// Reading what can be read of a file on a damaged medium.
+// Reads everything readable from a file on a damaged medium.
 #pragma once
 
 #include <cstdint>
@@ -10,8 +10,8 @@
 
 namespace tolvex {
 
-// Tries again what the system refuses, then sector by sector, and keeps in mind which sectors could
-// not be read: these are not asked for again. However many they are, they take a few MiB and four
+// Tries again what the system refuses, then sector by sector, and remembers which sectors could
+// not be read: these are not read again. However many they are, they take a few MiB and four
 // attempts each at most; where they are too many, neighbours count as one, with what lies between.
 class SectorReader {
  public:

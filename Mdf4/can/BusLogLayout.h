@@ -87,7 +87,7 @@ struct CanFieldName {
 };
 
 // What a channel of that name holds; nothing when it is not a field of a CAN frame. The text before
-// the last "." tells the frame kind by what it contains, the text after it is the field's name.
+// the last "." contains the name of the frame kind, the text after it is the field's name.
 std::optional<CanFieldName> classifyFieldName(std::string_view name, bool loggerRules = false);
 
 // One recognised channel of a group, as the file places it in the record. Nothing is checked.
@@ -153,7 +153,7 @@ struct BusLogLayout {
                                                             : channel.bits;
   }
   std::string channelName(const BusLogChannel& channel) const;
-  // Where the channel with that suffix lies; to ask for one that there is not does not compile.
+  // Where the channel with that suffix lies; an unknown suffix does not compile.
   consteval FieldPlace place(std::string_view suffix) const {
     for (const BusLogChannel& channel : channels) {
       if (channel.suffix == suffix) return {channel.byteOffset, channel.bitOffset, channel.bits};
@@ -169,8 +169,8 @@ inline constexpr std::uint8_t kByteArray = 10;
 inline constexpr bool kDlcToLength = true;
 
 // FrameDuration and BitCount overlap the payload, and lie beyond a record of 8 payload bytes;
-// nobody writes them. SingleWire and WakeUp name each other's bits of the flags byte. Files in use
-// have them so.
+// they are never written. SingleWire and WakeUp name each other's bits of the flags byte. Existing
+// files have them so.
 inline constexpr BusLogChannel kDataFrameChannels[] = {
     {"Flags", kUnsigned, 10, 0, 8},
     {"BusChannel", kUnsigned, 8, 0, 8},

@@ -74,7 +74,7 @@ void CanRecordDecoder::planBusChannel(const CanFieldSlot& slot) {
   busChannelBias_ = static_cast<std::uint8_t>(constant - 1);
 }
 
-// Any bit of the field that is 1 means yes, so each of the field's bytes answers alone.
+// Any bit of the field that is 1 sets the flag, so each of the field's bytes is decoded alone.
 void CanRecordDecoder::planMark(std::uint16_t mark, const CanFieldSlot& slot) {
   if (slot.bitCount == 0 && slot.constant.value_or(0) != 0) constantMarks_ |= mark;
   const std::uint32_t begin = slot.bitOffset & 7;
@@ -238,8 +238,8 @@ void CanRecordDecoder::decodePayload(ByteSpan record, PayloadSource* payloads,
   ByteSpan bytes;  // the payload so far, without the fill bytes up to its length
   std::uint32_t length = 0;
   std::uint32_t limit = kNoLimit;
-  // With payloadByDlc: the code that the record states, for classic frames whose payload cannot
-  // tell it: remote ones, which have none, and those of 8 bytes with a code above 8.
+  // With payloadByDlc: the code that the record states, for classic frames whose payload does
+  // not show it: remote ones, which have none, and those of 8 bytes with a code above 8.
   std::optional<std::uint8_t> ownCode;
   std::optional<bool> isMissing;  // the payload; nothing when the layout has none
   for (const Step& step : steps_) {

@@ -22,11 +22,11 @@ struct PayloadSource {
 
 // Decodes the records of one group.
 //
-// The rule is: an empty frame, to which the slots of the layout are applied one after the other.
-// Since that happens for every frame of a file, the constructor works out what remains of it: of
-// slots with the same target the last one wins, slots that mean nothing to the group's frames drop
-// out, and yes-or-no fields that share a byte are answered together. Nothing changes afterwards, so
-// several threads may decode at once.
+// The rule: the slots of the layout are applied to an empty frame, one after the other. Since that
+// happens for every frame of a file, the constructor simplifies it: of slots with the same target
+// the last one wins, slots that mean nothing to the group's frames are dropped, and flags that
+// share a byte are decoded together. Nothing changes afterwards, so several threads may decode at
+// once.
 class CanRecordDecoder {
  public:
   // `layout` is in order of application. With payloadByDlc a payload is cut to the length that the

@@ -18,7 +18,7 @@ class SignalData final : public PayloadSource {
  public:
   explicit SignalData(const m4DataStream& stream) : stream_(stream) {}
 
-  // No frame is longer than kMaxPayload: of a longer value one byte more tells that it is.
+  // No frame is longer than kMaxPayload: one byte more shows that a value is.
   [[nodiscard]] bool read(std::uint64_t offset, std::vector<std::uint8_t>& out) override {
     return stream_.readValue(offset, out, kMaxPayload + 1);
   }
@@ -27,8 +27,8 @@ class SignalData final : public PayloadSource {
   m4DataStream stream_;
 };
 
-// Reads each group through its own stream, one record at a time, and makes a frame of a record when
-// it is its turn. A copy goes on by itself and shares no frame with its source. Borrows the
+// Reads each group through its own stream, one record at a time, and decodes a record when it is
+// its turn. A copy continues independently and shares no frame with its source. Borrows the
 // reader's state.
 class FrameMerge {
  public:

@@ -28,7 +28,7 @@ struct PooledMessage {
 // which may drop messages to the last.
 struct FreeMessages {
   PooledMessage* first;
-  std::size_t room;  // for so many more; none in threads that make no messages
+  std::size_t room;  // for how many more; 0 in threads that make no messages
   // Pooled messages are larger than others, which is lost where none comes back: so many may still
   // be allocated. Each one that comes back allows another, and so do kTryAgain of the others.
   std::size_t credit;

@@ -1,12 +1,12 @@
-// The memory of the frames that readers hand out.
+// The memory of the frames that readers return.
 #pragma once
 
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {
 
-// An empty message that anybody may keep as long as they like and drop on any thread, after its
-// reader and after the thread that made it.
+// An empty message. It may be kept for any time and dropped on any thread, after its reader and
+// after the thread that made it.
 //
 // A thread that calls this gets back the memory of those that it drops itself, the payload's
 // included: a loop over a file allocates nothing but its first frame. It keeps at most 256 of them,

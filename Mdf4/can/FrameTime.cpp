@@ -108,7 +108,7 @@ bool FrameTime::nanoseconds(ByteSpan record, double& ns) const {
   return std::abs(ns) < kEndOfRange;  // false for NaN
 }
 
-// An integer time of whole nanoseconds, where a double would round those of long ago.
+// An integer time of whole nanoseconds, exact where a double would round large ones.
 std::optional<std::uint64_t> FrameTime::ofTicks(ByteSpan record) const {
   if (nsPerTick_ == 0 || !ticks_.isInside(record.size())) return std::nullopt;
   const bool isSigned = channel_->valueKind == kSignedKind;

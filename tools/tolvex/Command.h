@@ -50,7 +50,7 @@ void complain(std::string_view file, std::string_view what);
 // Opens the reader's file, or complains and gives false.
 bool openOrComplain(MdfBaseReader& reader, const std::string& file);
 
-// Whether the group is unsorted, which it then complains about: its records cannot be told apart.
+// Whether the group is unsorted, which it then reports: its records cannot be told apart.
 bool complainIfUnsorted(const MdfGroupInfo& group, const std::string& file);
 
 // Complains about each damage that the reader met. kLost if there was any, else `soFar`.

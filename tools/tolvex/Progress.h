@@ -20,7 +20,7 @@ class Progress {
   // The number of units done, of those in total.
   void update(std::uint64_t done);
 
-  // Writes the line now, for work that is told otherwise.
+  // Writes the line now, for work that reports no progress.
   void show(std::string_view state);
   // Makes room for a message; the line returns with the next update.
   void clear();
