@@ -43,7 +43,7 @@ bool ChannelGroup::addChannel(const ChannelInfo& info) {
   }
   block_->cg_data_bytes = before;
   if (lastChannel_ == nullptr) block_->setLink(link::cg_cn_first, 0);
-  block_->save(nullptr, m4Block::kSaveAll);  // as far as the disk takes it again
+  static_cast<void>(block_->save(nullptr, m4Block::kSaveAll));  // as far as the disk takes it
   return false;
 }
 

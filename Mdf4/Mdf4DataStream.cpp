@@ -37,7 +37,8 @@ std::unique_ptr<Mdf4DataStream> Mdf4DataStream::create(Mdf4File& file, CustomDGB
   makeRoom(file.streams());
   const std::uint64_t end = file.end();
   std::unique_ptr<Mdf4DataStream> stream(new Mdf4DataStream(file, std::move(blocks), owner));
-  if (mistakable) stream->nameBlocksAtOnce();
+  // Without an open block this cannot fail.
+  if (mistakable) static_cast<void>(stream->nameBlocksAtOnce());
   if (stream->firstList() != 0 && writeLink(group, link::dg_data, stream->firstList())) {
     return stream;
   }

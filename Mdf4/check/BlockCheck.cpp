@@ -31,7 +31,7 @@ BlockLink BlockCheck::link(const FoundBlock& block, std::size_t index) {
   BlockLink link = {block.type, index, block.position, 0};
   if (index >= block.links) return link;
   link.position += kBlockHeaderSize + index * kLinkSize;
-  read(link.position, sizeof link.target, &link.target);
+  if (!read(link.position, sizeof link.target, &link.target)) link.target = 0;
   return link;
 }
 

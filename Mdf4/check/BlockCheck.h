@@ -68,12 +68,14 @@ class BlockCheck {
 
   BlockLink link(const FoundBlock& block, std::size_t index);
   // Reads bytes of the file; false, without a text, when it does not hold them.
-  bool read(std::uint64_t position, std::uint64_t length, void* bytes);
-  // A short block's record is 0 where it ends.
+  [[nodiscard]] bool read(std::uint64_t position, std::uint64_t length, void* bytes);
+  // A short block's record is 0 where it ends; one that cannot be read is 0.
   template <class Record>
   Record record(const FoundBlock& block) {
     Record record = {};
-    read(block.dataPosition(), std::min<std::uint64_t>(sizeof record, block.dataBytes), &record);
+    if (!read(block.dataPosition(), std::min<std::uint64_t>(sizeof record, block.dataBytes),
+              &record))
+      record = {};
     return record;
   }
   // Enters the faults of a record that has reserved bytes and fields.
@@ -82,11 +84,11 @@ class BlockCheck {
   void checkReserved(std::uint64_t position, std::uint16_t type, const char* field, ByteSpan bytes);
 
   // The block of a link that a tree or chain is made of: no other such link leads to it.
-  std::optional<FoundBlock> enterBlock(const BlockLink& link);
+  [[nodiscard]] std::optional<FoundBlock> enterBlock(const BlockLink& link);
   // A block that many may use (texts, sources, conversions): given the first time only.
-  std::optional<FoundBlock> shareBlock(const BlockLink& link);
+  [[nodiscard]] std::optional<FoundBlock> shareBlock(const BlockLink& link);
   // A data block or a list of such.
-  std::optional<FoundBlock> enterData(const BlockLink& link);
+  [[nodiscard]] std::optional<FoundBlock> enterData(const BlockLink& link);
   // Room that a writer left behind a block, unless other blocks stand there.
   void reserve(std::uint64_t start, std::uint64_t end) { reserved_.push_back({start, end}); }
   const std::vector<OwnedRanges::Range>& reserved() const { return reserved_; }

@@ -47,7 +47,7 @@ class BlockReader {
               std::function<void(std::uint64_t)> progress);
 
   // Hands the block's bytes to the sink, and enters what is wrong with them. False when there was.
-  bool deliver(const FoundBlock& block, const StoredPart& part, ByteSink& sink);
+  [[nodiscard]] bool deliver(const FoundBlock& block, const StoredPart& part, ByteSink& sink);
   // The whole of a compressed block in order, for values: those used last are held by the file.
   // Null when it is damaged, is too large to be held or too much was inflated already.
   std::shared_ptr<const InflatedBlock> inflate(const StoredPart& part);

@@ -80,7 +80,7 @@ void FileCheck::run() {
 bool FileCheck::checkIdentification() {
   IdBlock id = {};
   const std::uint64_t size = std::min<std::uint64_t>(file_.end(), sizeof id);
-  walk_.read(0, size, &id);
+  if (!walk_.read(0, size, &id)) id = {};
   walk_.owned().add(0, sizeof id);
   const std::string_view fileId(id.id_file, sizeof id.id_file);
   const bool known = fileId == kFileId || fileId == kUnfinalizedFileId;
@@ -223,7 +223,7 @@ bool FileCheck::inColumns(const BlockLink& data) {
   BlockLink link = data;
   if (walk_.kindAt(link) == block_type::kHL) {
     link.position = link.target + kBlockHeaderSize;
-    walk_.read(link.position, sizeof link.target, &link.target);
+    if (!walk_.read(link.position, sizeof link.target, &link.target)) return false;
   }
   const std::uint16_t kind = walk_.kindAt(link);
   return kind == block_type::kLD || kind == block_type::kDV;
@@ -273,8 +273,9 @@ void FileCheck::checkGap(OwnedRanges::Range gap, std::uint64_t& budget) {
   if (at >= gap.end && nonZero == gap.end) return;
   const std::uint64_t start = std::max(gap.start, std::min(nonZero, at) / 8 * 8);
   std::array<char, 4> marker = {};
-  walk_.read(start, std::min<std::uint64_t>(marker.size(), gap.end - start), marker.data());
-  const bool block = marker[0] == '#' && marker[1] == '#';
+  const bool isRead =
+      walk_.read(start, std::min<std::uint64_t>(marker.size(), gap.end - start), marker.data());
+  const bool block = isRead && marker[0] == '#' && marker[1] == '#';
   findings_.warning(
       start, gap.end == file_.end() ? "bytes behind the last block" : "bytes that no block owns",
       "none",

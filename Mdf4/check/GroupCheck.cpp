@@ -165,8 +165,7 @@ std::string TreeCheck::textAt(std::uint64_t position) {
   const BlockScan scan = scanBlock(walk_.file(), position);
   if (position == 0 || !scan.isBlock() || scan.has(HeaderFault::LinksDoNotFit)) return {};
   const std::uint64_t length = std::min<std::uint64_t>(scan.dataBytes, start.size() - 1);
-  walk_.read(scan.dataPosition(), length, start.data());
-  return start.data();
+  return walk_.read(scan.dataPosition(), length, start.data()) ? start.data() : "";
 }
 
 void TreeCheck::checkChannelData(const FoundBlock& block, const m4CNRecord& channel,

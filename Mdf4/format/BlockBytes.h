@@ -20,11 +20,11 @@ class BlockBytes {
 
   std::uint64_t left() const { return left_; }
   // The next `bytes`, at most left(). False when they cannot be read or inflated.
-  bool read(std::uint64_t bytes, std::uint8_t* to);
+  [[nodiscard]] bool read(std::uint64_t bytes, std::uint8_t* to);
   // The next bytes, up to `bytes`, that can be read; returns how many.
-  std::uint64_t readSome(std::uint64_t bytes, std::uint8_t* to);
+  [[nodiscard]] std::uint64_t readSome(std::uint64_t bytes, std::uint8_t* to);
   // Passes over the unreadable bytes that come next; returns how many. 0: there is no way on.
-  std::uint64_t passUnreadable();
+  [[nodiscard]] std::uint64_t passUnreadable();
   // Passes over bytes without a look; not in a compressed block.
   void pass(std::uint64_t bytes);
   bool canPass() const { return !inflated_; }
@@ -45,8 +45,8 @@ class RecordBytes {
 
   std::uint64_t left() const;
   // As those of BlockBytes; of a block in column storage whole records.
-  std::uint64_t readSome(std::uint64_t bytes, std::uint8_t* to);
-  std::uint64_t passUnreadable();
+  [[nodiscard]] std::uint64_t readSome(std::uint64_t bytes, std::uint8_t* to);
+  [[nodiscard]] std::uint64_t passUnreadable();
   // Whether invalidation bytes that should be there are not; they are read as 0.
   bool lostInvalidation() const { return lostInvalidation_; }
 

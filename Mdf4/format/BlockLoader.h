@@ -15,11 +15,11 @@ namespace tolvex {
 // The block at the position, or null: for position 0, a position outside the file, a marker other
 // than "##", a kind that is not known (an HD is read by MDF4File alone) and a block that is
 // damaged. All but the first are noted in the file's problems.
-std::unique_ptr<m4Block> loadBlock(DirectFile& file, std::uint64_t position);
+[[nodiscard]] std::unique_ptr<m4Block> loadBlock(DirectFile& file, std::uint64_t position);
 
 // The header of the block at the position; nothing for position 0 and, noted as by loadBlock, where
 // no known block begins.
-std::optional<BlockScan> scanBlockAt(DirectFile& file, std::uint64_t position);
+[[nodiscard]] std::optional<BlockScan> scanBlockAt(DirectFile& file, std::uint64_t position);
 
 // The kind of the block at the position, from its header; 0, noted as by loadBlock, for none.
 std::uint16_t blockTypeAt(DirectFile& file, std::uint64_t position);
@@ -37,9 +37,9 @@ std::string loadText(DirectFile& file, std::uint64_t position);
 
 // Reads only the header, for data blocks, which may be large. False for position 0, and, with a
 // diagnostic, for a marker other than "##".
-bool readBlockHeader(DirectFile& file, std::uint64_t position, BlockHeader& header);
+[[nodiscard]] bool readBlockHeader(DirectFile& file, std::uint64_t position, BlockHeader& header);
 // The check of readBlockHeader, for a header that was read with other bytes.
-bool isBlockHeader(const BlockHeader& header, std::uint64_t position);
+[[nodiscard]] bool isBlockHeader(const BlockHeader& header, std::uint64_t position);
 
 // The blocks that chains have led to so far. A block belongs to one place in one chain: a chain
 // ends at a block that was visited before.
@@ -47,7 +47,7 @@ class VisitedBlocks {
  public:
   explicit VisitedBlocks(DirectFile& file) : file_(file) {}
   // True the first time. Later the damage is noted.
-  bool enter(std::uint64_t position);
+  [[nodiscard]] bool enter(std::uint64_t position);
 
  private:
   DirectFile& file_;

@@ -46,9 +46,11 @@ struct BlockScan {
 // headers of data blocks, which are far apart.
 enum class HeaderRead : std::uint8_t { Kept, Passing };
 
-BlockScan scanBlock(DirectFile& file, std::uint64_t position, HeaderRead how = HeaderRead::Kept);
+[[nodiscard]] BlockScan scanBlock(DirectFile& file, std::uint64_t position,
+                                  HeaderRead how = HeaderRead::Kept);
 // The same of a header that was read already, in a file that ends at `fileEnd`.
-BlockScan scanHeader(const BlockHeader& header, std::uint64_t position, std::uint64_t fileEnd);
+[[nodiscard]] BlockScan scanHeader(const BlockHeader& header, std::uint64_t position,
+                                   std::uint64_t fileEnd);
 
 // A fault in words: the field at `offset` of the block, what it should be and what it is.
 struct HeaderIssue {
@@ -63,6 +65,6 @@ inline constexpr HeaderFault kClaimFaults[] = {HeaderFault::LinksDoNotFit, Heade
                                                HeaderFault::BeyondEnd};
 
 // Whether links or data do not lie inside the block and the file; noted in the file's problems.
-bool noteDamage(DirectFile& file, const BlockScan& scan);
+[[nodiscard]] bool noteDamage(DirectFile& file, const BlockScan& scan);
 
 }  // namespace tolvex

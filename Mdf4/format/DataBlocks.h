@@ -18,19 +18,19 @@ class M4DataBlock : public m4Block {
 
   std::uint64_t extraSize() const override { return size_; }
   const void* extraData(unsigned index, std::uint64_t& size) const override;
-  bool readData(std::uint64_t position, std::uint64_t length) override;
+  [[nodiscard]] bool readData(std::uint64_t position, std::uint64_t length) override;
 
   virtual void setDataSize(std::uint64_t bytes) { size_ = bytes; }  // filled bytes
   virtual std::uint64_t capacity() const { return capacity_; }
   virtual void setCapacity(std::uint64_t bytes) { capacity_ = bytes; }  // allocates nothing
   // Resizes the buffer. On failure the block has none, and the result is false.
-  virtual bool reallocate(std::uint64_t bytes);
+  [[nodiscard]] virtual bool reallocate(std::uint64_t bytes);
   // Writes the contents at the old place, if there is one and they are not there yet; then starts
   // empty at the end of `file`, where capacity + 24 bytes are reserved. Returns the new position,
   // or 0, with everything as it was, when the write fails.
-  virtual std::uint64_t place(DirectFile& file);
+  [[nodiscard]] virtual std::uint64_t place(DirectFile& file);
   // Writes the contents at the block's place, unless they are there.
-  bool writeOut();
+  [[nodiscard]] bool writeOut();
 
   // Copies as many leading bytes as fit; without `data`, zeros. Returns how many.
   std::uint64_t append(const std::uint8_t* data, std::uint64_t bytes) {
@@ -93,13 +93,13 @@ class M4DLBlock : public m4BlockImpl<m4DLRecord, std::uint64_t, block_type::kDL>
   void removeLast();
   // Saves the list with its last block named behind the others, but not counted: readers pass it
   // over. False when the write fails.
-  bool saveWithLastUncounted();
+  [[nodiscard]] bool saveWithLastUncounted();
   // Reserves room for a full list at the end of `file` and fills it with this one, so that a full
   // disk cannot keep its entries out later. Returns the position, or 0 when the write fails.
-  std::uint64_t place(DirectFile& file);
+  [[nodiscard]] std::uint64_t place(DirectFile& file);
   // Saves this list with a link to a new one behind it, and becomes that one. Returns the new
   // list's position, or 0, with this list as it was, when a write fails.
-  std::uint64_t moveOn();
+  [[nodiscard]] std::uint64_t moveOn();
 
  private:
   std::uint32_t capacity_ = 0;
@@ -116,8 +116,8 @@ class M4LDBlock : public m4BlockImpl<m4LDRecord, std::uint64_t, block_type::kLD>
   // Invalidation links stand behind the room for `capacity` data links.
   void add(std::uint64_t dataPosition, std::uint64_t invalidationPosition);
   void removeLast();
-  std::uint64_t place(DirectFile& file);
-  std::uint64_t moveOn();
+  [[nodiscard]] std::uint64_t place(DirectFile& file);
+  [[nodiscard]] std::uint64_t moveOn();
 
  private:
   std::uint32_t capacity_ = 0;

@@ -107,7 +107,7 @@ std::uint64_t DirectFile::Allocate(std::uint64_t size, bool extend) {
   if (extend) {
     end_ += padding;
     position_ = aligned;
-    SetEnd(aligned);
+    static_cast<void>(SetEnd(aligned));  // writes there fail likewise, and are reported
   }
   return aligned;
 }

@@ -33,21 +33,22 @@ class DirectFile {
   virtual bool Close();
 
   // Closes what is open, then opens the file. False when it cannot be opened; openError says why.
-  bool open(const std::string& path, OpenMode mode);
+  [[nodiscard]] bool open(const std::string& path, OpenMode mode);
   // Closes what is open, then takes over `file`; its end becomes the end of the allocated area.
-  bool attach(std::unique_ptr<SystemFile> file);
+  [[nodiscard]] bool attach(std::unique_ptr<SystemFile> file);
   bool isOpen() const { return file_ != nullptr; }
   const std::string& openError() const { return openError_; }
 
   // Reads exactly `length` bytes. A short read prints "DirectFile::ReadAt failed" and fails.
-  bool ReadAt(std::uint64_t position, std::uint64_t length, void* buffer);
+  [[nodiscard]] bool ReadAt(std::uint64_t position, std::uint64_t length, void* buffer);
   // Fills the pieces from consecutive bytes, as many as the file has and can be read. Returns the
   // bytes read.
-  std::uint64_t readPieces(std::uint64_t position, std::span<const WritableBytes> pieces);
+  [[nodiscard]] std::uint64_t readPieces(std::uint64_t position,
+                                         std::span<const WritableBytes> pieces);
   // Writes all bytes or fails; a write past the end of the allocated area moves that end.
-  bool WriteAt(std::uint64_t position, std::uint64_t length, const void* data);
+  [[nodiscard]] bool WriteAt(std::uint64_t position, std::uint64_t length, const void* data);
   // The pieces back to back, in one call to the system.
-  bool WriteAt(std::uint64_t position, std::span<const ByteSpan> pieces);
+  [[nodiscard]] bool WriteAt(std::uint64_t position, std::span<const ByteSpan> pieces);
   // The first write, or the closing, that failed: what, where and why. "" when none did.
   const std::string& writeError() const { return writeError_; }
   // Notes what keeps something from being written; `describe` makes the text, if it is the first.
@@ -69,7 +70,7 @@ class DirectFile {
   void giveBack(std::uint64_t end) { end_ = std::min(end_, end); }
   // Moves the end of the allocated area forward by writing a zero byte in front of it. An end that
   // is already there or further only prints "DirectFile::SetEnd Not Support, ...".
-  bool SetEnd(std::uint64_t position);
+  [[nodiscard]] bool SetEnd(std::uint64_t position);
 
   std::uint64_t position() const { return position_; }  // kNoPosition while closed
   std::uint64_t end() const { return end_; }            // of the allocated area; 0 while closed

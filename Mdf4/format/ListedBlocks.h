@@ -13,7 +13,7 @@ namespace tolvex {
 // The header at the position, when it is that of a known block whose length, links included, fits
 // into the file. A stated length that takes in other blocks, or too little, becomes the one that
 // the block's record needs.
-bool readSoundHeader(DirectFile& file, std::uint64_t position, BlockHeader& header);
+[[nodiscard]] bool readSoundHeader(DirectFile& file, std::uint64_t position, BlockHeader& header);
 
 // One block on the way.
 struct ListedBlock {
@@ -45,7 +45,7 @@ class ListedBlocks {
   ListedBlocks(DirectFile& file, std::uint64_t dataLink) : file_(file), walk_(file, dataLink) {}
 
   // False at the end.
-  bool next(ListedBlock& block);
+  [[nodiscard]] bool next(ListedBlock& block);
   // The data bytes that the lists state for each block but the last; 0 when they state none.
   std::uint64_t equalLength() const { return walk_.list().columns ? 0 : walk_.list().equalLength; }
 

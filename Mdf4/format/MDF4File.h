@@ -14,7 +14,7 @@ class MDF4File : public DirectFile {
  public:
   // Opens the file, checks its identification and loads the header block. False, with the file
   // closed, when one of these fails; error says what, where, expected and found.
-  bool Open(const std::string& path, bool update);
+  [[nodiscard]] bool Open(const std::string& path, bool update);
   bool Close() override;
 
   const std::string& error() const { return error_; }

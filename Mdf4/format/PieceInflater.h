@@ -22,8 +22,8 @@ class PieceInflater {
   // Inflates `length` bytes of the file at `position` and hands on what comes out, in order and not
   // more than `expected` bytes. "" when that is one whole stream of exactly `expected` bytes, else
   // what it is.
-  std::string inflate(std::uint64_t position, std::uint64_t length, std::uint64_t expected,
-                      const Piece& piece = nullptr);
+  [[nodiscard]] std::string inflate(std::uint64_t position, std::uint64_t length,
+                                    std::uint64_t expected, const Piece& piece = nullptr);
 
  private:
   struct Stream;

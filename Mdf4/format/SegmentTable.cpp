@@ -106,7 +106,7 @@ bool SegmentTable::readLists(DirectFile& file, std::uint64_t dataLink, std::uint
 bool SegmentTable::readChain(DirectFile& file, ListWalk& walk, const BlockScan& first,
                              std::uint64_t expectedSize) {
   VisitedBlocks visited(file);
-  visited.enter(first.position);
+  static_cast<void>(visited.enter(first.position));
   for (std::optional<BlockScan> list = first; list;) {
     if (list->header.type != first.header.type) return false;
     if (!file.budget().takeLoad(list->header.length) || !walk.enter(*list)) return true;

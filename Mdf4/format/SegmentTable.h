@@ -51,22 +51,25 @@ class SegmentTable {
 
   // Learns the type of a segment's block, from its header, and checks that the block holds what
   // its list says and does not overlap another one. False when it is damaged.
-  bool settle(DirectFile& file, std::size_t index);
+  [[nodiscard]] bool settle(DirectFile& file, std::size_t index);
   // The same with a header that was read already.
-  bool settle(DirectFile& file, std::size_t index, const BlockHeader& header);
+  [[nodiscard]] bool settle(DirectFile& file, std::size_t index, const BlockHeader& header);
 
  private:
   // What became of an entry of a list. Absent: so is the rest of the data.
   enum class Entry : std::uint8_t { Listed, Absent, Wrong };
 
-  bool readLists(DirectFile& file, std::uint64_t dataLink, std::uint64_t expectedSize);
-  bool readChain(DirectFile& file, ListWalk& walk, const BlockScan& first,
-                 std::uint64_t expectedSize);
+  [[nodiscard]] bool readLists(DirectFile& file, std::uint64_t dataLink,
+                               std::uint64_t expectedSize);
+  [[nodiscard]] bool readChain(DirectFile& file, ListWalk& walk, const BlockScan& first,
+                               std::uint64_t expectedSize);
   Entry readDataEntry(DirectFile& file, const ListWalk& walk, std::uint64_t expectedSize);
   Entry readColumnEntry(DirectFile& file, const ListWalk& walk, VisitedBlocks& visited,
                         std::uint64_t expectedSize);
-  bool readSegment(DirectFile& file, std::uint64_t blockPosition, DataSegment& segment);
-  bool append(DirectFile& file, const DataSegment& segment, std::uint64_t expectedSize);
+  [[nodiscard]] bool readSegment(DirectFile& file, std::uint64_t blockPosition,
+                                 DataSegment& segment);
+  [[nodiscard]] bool append(DirectFile& file, const DataSegment& segment,
+                            std::uint64_t expectedSize);
   void finish(DirectFile& file);
   bool damage(DirectFile& file, DataSegment& segment, std::uint64_t found);
   std::uint64_t roomOf(std::size_t index) const;

@@ -33,8 +33,9 @@ class m4Block {
   virtual const void* extraData(unsigned index, std::uint64_t& size) const = 0;
   // Takes over header, links and data of the block at `position`. False when the block does not lie
   // inside the file, is too short for its links or cannot be read; the damage is noted there.
-  virtual bool load(DirectFile& file, std::uint64_t position, const BlockHeader& header);
-  virtual bool readData(std::uint64_t position, std::uint64_t length) = 0;
+  [[nodiscard]] virtual bool load(DirectFile& file, std::uint64_t position,
+                                  const BlockHeader& header);
+  [[nodiscard]] virtual bool readData(std::uint64_t position, std::uint64_t length) = 0;
   virtual std::uint16_t typeCode() const { return header_.type; }
 
   // The link, or 0 at and beyond the link count.
@@ -48,13 +49,13 @@ class m4Block {
   // Places the block at the end of the file when it has no position, then writes the parts that
   // `flags` names. A given file becomes the block's file. Returns the block's position, or 0
   // without a file and when a write fails; a block that had no place then has none.
-  std::uint64_t save(DirectFile* file, unsigned flags);
+  [[nodiscard]] std::uint64_t save(DirectFile* file, unsigned flags);
 
  protected:
   explicit m4Block(std::uint16_t type);
 
   // Writes the parts of a placed block. Returns the position after it, or 0 on failure.
-  std::uint64_t write(unsigned flags);
+  [[nodiscard]] std::uint64_t write(unsigned flags);
   // Reserves `size` bytes at the end of `file` and makes the start the block's position.
   std::uint64_t reserve(DirectFile& file, std::uint64_t size, const char* label);
 
@@ -83,7 +84,7 @@ class m4BlockImpl : public m4Block, public Record {
 
   // A data section shorter than the record leaves the rest of the record 0. What lies beyond the
   // record is the trailing data, rounded up to whole elements.
-  bool readData(std::uint64_t position, std::uint64_t length) override {
+  [[nodiscard]] bool readData(std::uint64_t position, std::uint64_t length) override {
     const std::uint64_t inRecord = std::min<std::uint64_t>(sizeof(Record), length);
     const std::uint64_t beyond = length - inRecord;
     *static_cast<Record*>(this) = Record{};
@@ -141,7 +142,7 @@ class M4TXBlock : public m4Block {
 
   std::uint64_t extraSize() const override { return text_.size() + 1; }
   const void* extraData(unsigned index, std::uint64_t& size) const override;
-  bool readData(std::uint64_t position, std::uint64_t length) override;
+  [[nodiscard]] bool readData(std::uint64_t position, std::uint64_t length) override;
 
   // The text up to its first NUL.
   std::string_view text() const { return text_.c_str(); }

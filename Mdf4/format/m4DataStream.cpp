@@ -83,7 +83,7 @@ m4DataStream::m4DataStream(const m4DataStream& other)
       invalBytes_(other.invalBytes_) {}
 
 m4DataStream::~m4DataStream() {
-  m4DataStream::close();
+  static_cast<void>(m4DataStream::close());
 }
 
 void m4DataStream::mergeInvalidation(std::uint32_t dataBytes, std::uint32_t invalBytes) {

@@ -53,7 +53,8 @@ class m4DataStream {
   // Copies the next `length` bytes; with merging, `length` is that of `records` whole records.
   // Returns the bytes delivered: fewer at the end of the data and in front of a damaged block. What
   // a cut file no longer holds of a block's share is not delivered in part.
-  std::uint64_t Read(std::uint64_t length, std::uint8_t* buffer, std::uint32_t records = 0);
+  [[nodiscard]] std::uint64_t Read(std::uint64_t length, std::uint8_t* buffer,
+                                   std::uint32_t records = 0);
   // The next `length` bytes, or the next record when merging, without copying where possible; fewer
   // as for Read, but none when the system fails to read them: then another call tries again. The
   // view lasts until the stream is used again.
@@ -67,8 +68,8 @@ class m4DataStream {
   }
   // Reads the value at `offset`, a 32-bit length and that many bytes, or its first `longest` bytes.
   // False, with `value` unchanged and the damage noted, when it does not lie inside the data.
-  bool readValue(std::uint64_t offset, std::vector<std::uint8_t>& value,
-                 std::uint64_t longest = ~std::uint32_t{0});
+  [[nodiscard]] bool readValue(std::uint64_t offset, std::vector<std::uint8_t>& value,
+                               std::uint64_t longest = ~std::uint32_t{0});
 
   // For writing: data blocks of the capacity that `data` has, listed by a DL or an LD (`list` given
   // anew, one of the two), with `invalidation` blocks beside them for an LD. Places the first list;
@@ -91,13 +92,14 @@ class m4DataStream {
   // From now on the file tells whose every block is: a DL names each one as soon as it has its
   // place, and counts it, as ever, once it is there. For blocks that might be taken for those of
   // another stream. False when the open block could not be named; writing tries again then.
-  bool nameBlocksAtOnce();
+  [[nodiscard]] bool nameBlocksAtOnce();
   // Appends bytes, and invalidation bytes in the same proportion to the blocks' capacities. False
   // when a write fails or there is no list to name another block: nothing is appended then, and the
   // next call tries again. Only when a call's bytes fill several blocks and not the first of them
   // fails, the stream refuses whatever follows, since a part of them is in the file.
-  virtual bool write(const std::uint8_t* data, std::uint64_t length,
-                     const std::uint8_t* invalidation, std::uint64_t invalidationLength);
+  [[nodiscard]] virtual bool write(const std::uint8_t* data, std::uint64_t length,
+                                   const std::uint8_t* invalidation,
+                                   std::uint64_t invalidationLength);
   // Where to put the next `length` bytes, when they fit into the open block and leave room in it,
   // so that appending them cannot fail; else null. They count as appended from appendInPlace on.
   std::uint8_t* placeFor(std::uint64_t length) {
@@ -105,14 +107,14 @@ class m4DataStream {
   }
   void appendInPlace(std::uint64_t length) { filling_->appendInPlace(length); }
   // Appends zeros.
-  virtual bool skip(std::uint64_t length);
+  [[nodiscard]] virtual bool skip(std::uint64_t length);
   // Names the open data blocks, writes them, counts them and writes the pending links, in this
   // order: lists lead to all that the file holds at every moment in between. `full`: the file then
   // covers the whole room reserved for a block, while its header states the bytes that are filled.
   // A data block that cannot be written is not listed.
-  virtual bool finish(bool full);
+  [[nodiscard]] virtual bool finish(bool full);
   // Finishes what is pending and releases all buffers and blocks.
-  virtual bool close();
+  [[nodiscard]] virtual bool close();
 
  private:
   struct Pending {
@@ -131,19 +133,19 @@ class m4DataStream {
   std::uint64_t assemble(std::uint64_t length, std::uint8_t* buffer);
   std::uint64_t readPlain(std::uint64_t offset, std::uint64_t length, std::uint8_t* buffer);
   std::uint64_t wholeShares(std::uint64_t offset, std::uint64_t got, std::uint64_t wanted);
-  bool inflate(std::size_t index);
-  bool inflate(DataSegment& segment, std::shared_ptr<InflatedBlock>& block);
-  bool inflateBlock(DataSegment& segment, bool again, InflatedBlock& out);
+  [[nodiscard]] bool inflate(std::size_t index);
+  [[nodiscard]] bool inflate(DataSegment& segment, std::shared_ptr<InflatedBlock>& block);
+  [[nodiscard]] bool inflateBlock(DataSegment& segment, bool again, InflatedBlock& out);
   std::uint64_t readMerged(std::uint64_t length, std::uint8_t* buffer, std::uint32_t records);
   std::uint64_t readInvalidation(std::size_t index, std::uint64_t offset,
                                  WritableBytes invalidation);
 
   bool fail(bool inFirstBlock);
-  bool saveBlock();
-  bool writeOut();
-  bool saveList();
-  bool nameOpenBlock();
-  bool nextBlock();
+  [[nodiscard]] bool saveBlock();
+  [[nodiscard]] bool writeOut();
+  [[nodiscard]] bool saveList();
+  [[nodiscard]] bool nameOpenBlock();
+  [[nodiscard]] bool nextBlock();
   void takeBack(std::uint64_t bytes, std::uint64_t invalidation);
 
   DirectFile* file_;

@@ -143,8 +143,10 @@ bool m4DataStream::nextBlock() {
 bool m4DataStream::finish(bool full) {
   bool written = true;
   const bool empty = open_ && blocks_.data->extraSize() == 0;
-  const bool counted = open_ && blocks_.data->room() == 0;      // it was saved when it got full
-  if (open_ && !empty && !counted && !named_) nameOpenBlock();  // nothing is lost if that fails
+  const bool counted = open_ && blocks_.data->room() == 0;  // it was saved when it got full
+  if (open_ && !empty && !counted && !named_) {
+    static_cast<void>(nameOpenBlock());  // nothing is lost if that fails
+  }
   if (open_ && (empty || !writeOut())) {
     written = empty;
     lostBytes_ = blocks_.data->extraSize();

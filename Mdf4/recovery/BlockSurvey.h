@@ -39,7 +39,7 @@ class BlockSurvey {
     ListedBlock next = {};
   };
 
-  bool take(const Walker& walker, const ListedBlock& block, std::uint64_t limit);
+  [[nodiscard]] bool take(const Walker& walker, const ListedBlock& block, std::uint64_t limit);
   void ownInvalidation(std::uint64_t position);
 
   DirectFile& file_;

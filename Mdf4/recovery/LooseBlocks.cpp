@@ -226,13 +226,12 @@ void LooseBlocks::assign(bool openEnds, MdfRecoveryReport& report) {
   std::uint64_t first = 0;
   for (std::uint64_t at = find(0, isRecordBlock); at != 0;) {
     ListedBlock block;
-    ListedBlocks(in_, at).next(block);
+    if (!ListedBlocks(in_, at).next(block)) break;
     block.uncounted = true;
-    // A block that is cut still states how long it was to be.
-    BlockHeader header;
-    in_.ReadAt(at, kBlockHeaderSize, &header);
     if (openEnds && isPlainData(block.type)) extend(block);
-    const std::uint64_t stated = block.cut ? header.length - kBlockHeaderSize : block.bytes;
+    // A block that is cut still states how long it was to be.
+    const std::uint64_t stated =
+        block.cut ? scanBlock(in_, at).header.length - kBlockHeaderSize : block.bytes;
     const SourceData* const owner =
         block.kind == ListedBlock::Data ? ownerOf(block, stated, false) : nullptr;
     if (owner != nullptr) {

@@ -20,15 +20,15 @@ class DataWriter {
 
   // Where to put the next `bytes`, which count from commit on.
   std::uint8_t* room(std::uint64_t bytes);
-  bool commit(std::uint64_t bytes);
-  bool append(ByteSpan bytes);
+  [[nodiscard]] bool commit(std::uint64_t bytes);
+  [[nodiscard]] bool append(ByteSpan bytes);
   // Drops the bytes that were committed last: at most rest() of them.
   void takeBack(std::uint64_t bytes) { used_ -= bytes; }
   // Bytes committed so far that are no whole unit.
   std::uint64_t rest() const { return used_ % unit_; }
 
   // Writes what is gathered and the last list. Nothing may follow.
-  bool finish();
+  [[nodiscard]] bool finish();
 
   std::uint64_t size() const { return written_ + used_; }  // bytes
   std::uint64_t units() const { return size() / unit_; }
@@ -40,9 +40,9 @@ class DataWriter {
   std::uint64_t link() const { return link_; }
 
   // Reads bytes again, written or gathered. False when they are not all there.
-  bool read(std::uint64_t offset, WritableBytes bytes) const;
+  [[nodiscard]] bool read(std::uint64_t offset, WritableBytes bytes) const;
   // Puts others in the place of bytes that are there.
-  bool overwrite(std::uint64_t offset, ByteSpan bytes);
+  [[nodiscard]] bool overwrite(std::uint64_t offset, ByteSpan bytes);
 
  private:
   struct Block {
@@ -50,10 +50,10 @@ class DataWriter {
     std::uint64_t position;
   };
 
-  bool overwriteByte(std::uint64_t offset, std::uint8_t byte);
+  [[nodiscard]] bool overwriteByte(std::uint64_t offset, std::uint8_t byte);
   const Block& blockAt(std::uint64_t offset) const;
-  bool writeBlock(std::uint64_t bytes);
-  bool writeList();
+  [[nodiscard]] bool writeBlock(std::uint64_t bytes);
+  [[nodiscard]] bool writeList();
 
   DirectFile& file_;
   const std::uint16_t type_;

@@ -44,7 +44,7 @@ struct FoundData {
 class FoundBlocks {
  public:
   FoundBlocks(DirectFile& file, const FoundData& data) : file_(file), data_(data) {}
-  bool next(ListedBlock& block);
+  [[nodiscard]] bool next(ListedBlock& block);
 
  private:
   bool nextListed(ListedBlock& block);

@@ -26,16 +26,16 @@ class RecordValues {
   void setOffset(std::size_t i, std::uint8_t* record, std::uint64_t offset) const;
   // What becomes of a record whose value is lost: a frame without its payload is none, so it is
   // left out (false); other records keep their other channels, with an empty value.
-  bool loseValue(std::size_t i, std::uint8_t* record);
+  [[nodiscard]] bool loseValue(std::size_t i, std::uint8_t* record);
   std::uint64_t lostValues() const { return lostValues_; }
 
   // Gives a copied record the offsets that its values have in the output. False when the record is
   // to be left out.
-  bool place(std::uint8_t* record);
-  bool placeOne(std::size_t i, std::uint8_t* record);
+  [[nodiscard]] bool place(std::uint8_t* record);
+  [[nodiscard]] bool placeOne(std::size_t i, std::uint8_t* record);
 
   // Writes what is gathered and links the channels to it. False when a write fails.
-  bool finish(TreeCopy& tree);
+  [[nodiscard]] bool finish(TreeCopy& tree);
 
  private:
   SourceGroup& group_;

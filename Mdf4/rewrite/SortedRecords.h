@@ -33,12 +33,12 @@ class SortedRecords {
         last_(size_) {}
 
   // False when a write fails.
-  bool copy(const FoundData& run, const Done& done);
+  [[nodiscard]] bool copy(const FoundData& run, const Done& done);
   // Whether invalidation bytes were lost alone.
   bool lostInvalidation() const { return lostInvalidation_; }
 
  private:
-  bool copyBlock(const ListedBlock& found, bool isLast, const Done& done);
+  [[nodiscard]] bool copyBlock(const ListedBlock& found, bool isLast, const Done& done);
   std::uint64_t writtenBytes(const ListedBlock& block);
   std::uint64_t filledBytes(const ListedBlock& block);
   // A part of a piece that holds nothing.
@@ -47,16 +47,16 @@ class SortedRecords {
     std::uint64_t end;
   };
 
-  bool takePiece(RecordBytes& bytes, std::uint64_t count, std::uint64_t position,
-                 std::uint64_t& got);
+  [[nodiscard]] bool takePiece(RecordBytes& bytes, std::uint64_t count, std::uint64_t position,
+                               std::uint64_t& got);
   std::optional<Hole> findHole(ByteSpan bytes, std::uint64_t from, std::uint64_t position,
                                bool toEnd) const;
   bool endsOnSector(std::uint64_t end, std::uint64_t sector) const;
   bool areZeros(std::uint64_t from, std::uint64_t to) const;
   void keepLast(ByteSpan bytes);
   bool timeFalls(ByteSpan bytes, std::uint64_t from, Hole hole) const;
-  bool takeBytes(ByteSpan bytes);
-  bool takeRecords(ByteSpan bytes);
+  [[nodiscard]] bool takeBytes(ByteSpan bytes);
+  [[nodiscard]] bool takeRecords(ByteSpan bytes);
   void leaveOut(std::uint64_t bytes, std::uint64_t position, const char* what = "data block");
 
   DirectFile& in_;

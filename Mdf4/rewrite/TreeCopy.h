@@ -97,7 +97,7 @@ class TreeCopy {
   void readHeader();
   // Takes in a DG, CG or CN block that was found where a chain of such blocks broke off. False when
   // it fits nowhere; channels do where one chain broke, if no group is lost whose they may be.
-  bool adopt(std::uint64_t position);
+  [[nodiscard]] bool adopt(std::uint64_t position);
   // Adds an entry to the file's history.
   void addHistory(const std::string& comment);
 
@@ -113,7 +113,7 @@ class TreeCopy {
   void setCycleCount(const SourceGroup& group, std::uint64_t records);
   void setReduction(std::size_t block, std::uint64_t cycles, std::uint64_t dataLink);
   // False when a write fails.
-  bool write();
+  [[nodiscard]] bool write();
 
  private:
   static constexpr std::size_t kNone = ~std::size_t{0};
@@ -139,8 +139,9 @@ class TreeCopy {
     std::uint64_t target;
     std::size_t group;  // whose channels or reductions they are; kNone: neither
   };
-  bool load(std::uint64_t position, std::uint16_t from, std::size_t index, PlannedBlock& block);
-  bool loadData(PlannedBlock& block, BlockRoom room);
+  [[nodiscard]] bool load(std::uint64_t position, std::uint16_t from, std::size_t index,
+                          PlannedBlock& block);
+  [[nodiscard]] bool loadData(PlannedBlock& block, BlockRoom room);
   std::size_t place(PlannedBlock block);
   std::uint64_t takeOver(std::uint64_t position, std::uint16_t from, std::size_t index, int depth);
   void follow(const Step& first);
@@ -158,8 +159,8 @@ class TreeCopy {
   std::string text(std::uint64_t position) const;
   std::uint64_t newText(const std::string& text, std::uint16_t type);
   std::uint64_t resolved(const PlannedBlock& block, std::size_t index) const;
-  bool write(const PlannedBlock& block);
-  bool writeWithoutData(PlannedBlock block);
+  [[nodiscard]] bool write(const PlannedBlock& block);
+  [[nodiscard]] bool writeWithoutData(PlannedBlock block);
   void lose(std::size_t group, std::string text);
   void loseGroups(std::uint64_t position);
 

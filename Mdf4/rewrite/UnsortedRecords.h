@@ -33,9 +33,9 @@ class SplitGroup {
   SourceGroup& source() { return group_; }
   // The channel's values come as records.
   void expectValues(std::size_t channel) { channels_[channel].expected = true; }
-  bool takeRecord(const std::uint8_t* record);
+  [[nodiscard]] bool takeRecord(const std::uint8_t* record);
   // A value with its length in front.
-  bool takeValue(std::size_t channel, ByteSpan value);
+  [[nodiscard]] bool takeValue(std::size_t channel, ByteSpan value);
   // How records with their values behind them lie in the sequence.
   struct PairLayout {
     std::uint64_t idSize;
@@ -46,9 +46,9 @@ class SplitGroup {
   };
   // Takes as many such pairs from the front of `bytes` as follow one another and belong together.
   // Returns the bytes taken; `written` becomes false when a write fails.
-  std::uint64_t takePairs(const PairLayout& layout, ByteSpan bytes, bool& written);
+  [[nodiscard]] std::uint64_t takePairs(const PairLayout& layout, ByteSpan bytes, bool& written);
   // Bytes are missing here, in the sequence of all groups: what waits goes without its values.
-  bool breakOff();
+  [[nodiscard]] bool breakOff();
 
  private:
   struct Placed {
@@ -74,9 +74,9 @@ class SplitGroup {
     std::uint64_t channels = 0;  // a bit for each whose value is not there yet
   };
 
-  bool forward(std::vector<std::uint8_t>& record);
-  bool forwardReady();
-  bool giveUpFirst();
+  [[nodiscard]] bool forward(std::vector<std::uint8_t>& record);
+  [[nodiscard]] bool forwardReady();
+  [[nodiscard]] bool giveUpFirst();
 
   SourceGroup& group_;
   DataWriter& records_;
@@ -98,9 +98,9 @@ class UnsortedRecords {
   // The group of the values that belong to the channel; without a group to none.
   void addValues(const SourceGroup& values, SplitGroup* group, std::size_t channel);
   // Whether the run begins with records of these groups; looks, and copies nothing.
-  bool startsAsSequence(const FoundData& run);
+  [[nodiscard]] bool startsAsSequence(const FoundData& run);
   // False when a write fails. Losses that belong to no group are noted in `report`.
-  bool copy(const FoundData& run, MdfRecoveryReport& report, const Done& done);
+  [[nodiscard]] bool copy(const FoundData& run, MdfRecoveryReport& report, const Done& done);
 
  private:
   struct Kind {
@@ -113,18 +113,18 @@ class UnsortedRecords {
 
   void addKind(std::uint64_t id, const Kind& kind);
   const Kind* kindAt(std::uint64_t at);
-  bool fill(std::uint64_t bytes);
+  [[nodiscard]] bool fill(std::uint64_t bytes);
   void nextBlock();
   void endPart();
   Found probe(std::uint64_t at, std::uint64_t& size);
   bool isSequence(std::uint64_t at);
   std::uint64_t findSequence(std::uint64_t from);
   bool mayBeRecord(std::uint64_t at, std::uint64_t size);
-  bool take(std::uint64_t size);
-  bool takePairs(std::uint64_t firstSize);
-  bool leaveOut(std::uint64_t bytes, MdfRecoveryReport& report);
-  bool breakOff();
-  bool copyPart(MdfRecoveryReport& report);
+  [[nodiscard]] bool take(std::uint64_t size);
+  [[nodiscard]] bool takePairs(std::uint64_t firstSize);
+  [[nodiscard]] bool leaveOut(std::uint64_t bytes, MdfRecoveryReport& report);
+  [[nodiscard]] bool breakOff();
+  [[nodiscard]] bool copyPart(MdfRecoveryReport& report);
 
   DirectFile& in_;
   const std::uint8_t idSize_;

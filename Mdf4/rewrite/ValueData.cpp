@@ -130,7 +130,7 @@ std::optional<std::uint64_t> ValueData::addAgain(std::uint64_t offset, std::uint
 
 std::uint64_t ValueData::add(ByteSpan value) {
   const std::uint64_t offset = writer_.size();
-  writer_.append(value);
+  static_cast<void>(writer_.append(value));  // the next write fails as well
   return offset;
 }
 

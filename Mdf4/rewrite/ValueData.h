@@ -24,9 +24,9 @@ class ValueData {
   ValueData(DirectFile& out, const WorkSizes& sizes);
 
   // Copies all blocks of the input's signal data. False when a write fails.
-  bool copy(DirectFile& in, const FoundData& run);
+  [[nodiscard]] bool copy(DirectFile& in, const FoundData& run);
   // Where the value lies that had this offset in the input; nothing when it is not whole.
-  std::optional<std::uint64_t> find(std::uint64_t offset);
+  [[nodiscard]] std::optional<std::uint64_t> find(std::uint64_t offset);
   // The bytes of the input's signal data that are lost. More when `openEnd`, for want of a length.
   std::uint64_t lostBytes() const { return lostBytes_; }
   bool openEnd() const { return openEnd_; }
@@ -46,8 +46,8 @@ class ValueData {
   };
 
   void lose(std::uint64_t start, std::uint64_t bytes);
-  bool coverRest();
-  std::optional<std::uint64_t> addAgain(std::uint64_t offset, std::uint64_t size);
+  [[nodiscard]] bool coverRest();
+  [[nodiscard]] std::optional<std::uint64_t> addAgain(std::uint64_t offset, std::uint64_t size);
 
   const std::uint64_t pieceSize_;
   DataWriter writer_;
