@@ -8,7 +8,7 @@
 
 #include "Mdf4/Blocks.h"
 #include "Mdf4/base/Diagnostics.h"
-#include "Mdf4/can/BusLogLayout.h"
+#include "Mdf4/model/BusLogLayout.h"
 
 namespace tolvex {
 namespace {

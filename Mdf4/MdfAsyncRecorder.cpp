@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
-#include "Mdf4/can/BusLogLayout.h"
 #include "Mdf4/can/DataFramePacking.h"
+#include "Mdf4/model/BusLogLayout.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {

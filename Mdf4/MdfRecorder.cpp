@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <cstring>
 #include <new>
 #include <stdexcept>
 #include <string_view>
@@ -11,8 +10,8 @@
 
 #include "Mdf4/Blocks.h"
 #include "Mdf4/base/Diagnostics.h"
-#include "Mdf4/can/BusLogLayout.h"
 #include "Mdf4/can/DataFramePacking.h"
+#include "Mdf4/model/BusLogLayout.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {

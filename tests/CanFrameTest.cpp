@@ -3,12 +3,11 @@
 
 #include <algorithm>
 #include <memory>
-#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "Mdf4/Record.h"
-#include "Mdf4/can/BusLogLayout.h"
+#include "Mdf4/model/BusLogLayout.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {

@@ -3,8 +3,8 @@
 
 #include <vector>
 
-#include "Mdf4/can/BusLogLayout.h"
 #include "Mdf4/can/FrameTime.h"
+#include "Mdf4/model/BusLogLayout.h"
 #include "Mdf4/reader/ReaderState.h"
 
 namespace tolvex {

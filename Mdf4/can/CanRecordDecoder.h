@@ -7,7 +7,7 @@
 
 #include "Mdf4/base/BitField.h"
 #include "Mdf4/base/Bytes.h"
-#include "Mdf4/can/BusLogLayout.h"
+#include "Mdf4/model/BusLogLayout.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "Mdf4/can/BusLogLayout.h"
+#include "Mdf4/model/BusLogLayout.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {

@@ -1,5 +1,5 @@
 #include "Mdf4/Record.h"
-#include "Mdf4/can/BusLogLayout.h"
+#include "Mdf4/model/BusLogLayout.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {

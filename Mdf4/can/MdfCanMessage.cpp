@@ -1,8 +1,8 @@
 #include <algorithm>
 
 #include "Mdf4/Record.h"
-#include "Mdf4/can/BusLogLayout.h"
 #include "Mdf4/can/DataFramePacking.h"
+#include "Mdf4/model/BusLogLayout.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {

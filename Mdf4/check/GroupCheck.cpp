@@ -7,9 +7,9 @@
 #include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
-#include "Mdf4/can/ChannelPlace.h"
 #include "Mdf4/check/TreeCheck.h"
 #include "Mdf4/format/BlockTraits.h"
+#include "Mdf4/model/ChannelPlace.h"
 
 namespace tolvex {
 

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "Mdf4/format/BlockBytes.h"
-#include "Mdf4/recovery/BlockSurvey.h"
 #include "Mdf4/rewrite/DataWriter.h"
+#include "Mdf4/rewrite/FoundData.h"
 #include "Mdf4/rewrite/RecordValues.h"
 #include "Mdf4/rewrite/TreeCopy.h"
 

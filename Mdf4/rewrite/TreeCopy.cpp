@@ -7,12 +7,12 @@
 #include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
-#include "Mdf4/can/BusLogLayout.h"
-#include "Mdf4/can/ChannelPlace.h"
 #include "Mdf4/format/BlockParts.h"
 #include "Mdf4/format/BlockTraits.h"
 #include "Mdf4/format/FieldRules.h"
 #include "Mdf4/format/ListedBlocks.h"
+#include "Mdf4/model/BusLogLayout.h"
+#include "Mdf4/model/ChannelPlace.h"
 #include "Mdf4/rewrite/Notes.h"
 
 namespace tolvex {

@@ -5,14 +5,13 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <memory>
 #include <optional>
 #include <unordered_map>
 #include <vector>
 
 #include "Mdf4/format/BlockBytes.h"
-#include "Mdf4/recovery/BlockSurvey.h"
 #include "Mdf4/rewrite/DataWriter.h"
+#include "Mdf4/rewrite/FoundData.h"
 #include "Mdf4/rewrite/RecordValues.h"
 #include "Mdf4/rewrite/TreeCopy.h"
 

@@ -8,8 +8,8 @@
 
 #include "Mdf4/base/Bytes.h"
 #include "Mdf4/model/ValueStarts.h"
-#include "Mdf4/recovery/BlockSurvey.h"
 #include "Mdf4/rewrite/DataWriter.h"
+#include "Mdf4/rewrite/FoundData.h"
 
 namespace tolvex {
 

@@ -7,7 +7,7 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "Mdf4/can/BusLogLayout.h"
+#include "Mdf4/model/BusLogLayout.h"
 
 namespace tolvex::test {
 namespace {

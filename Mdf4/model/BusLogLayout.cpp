@@ -1,4 +1,4 @@
-#include "Mdf4/can/BusLogLayout.h"
+#include "Mdf4/model/BusLogLayout.h"
 
 #include <utility>
 

@@ -1,8 +1,8 @@
-#include "Mdf4/can/ChannelPlace.h"
+#include "Mdf4/model/ChannelPlace.h"
 
 #include <algorithm>
 
-#include "Mdf4/can/BusLogLayout.h"
+#include "Mdf4/model/BusLogLayout.h"
 
 namespace tolvex {
 namespace {
