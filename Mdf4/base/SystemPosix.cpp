@@ -12,13 +12,12 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <ctime>
 #include <filesystem>
 #include <limits>
-#include <mutex>
 #include <system_error>
 #include <utility>
 
+#include "Mdf4/base/Mutex.h"
 #include "Mdf4/base/Paths.h"
 #include "Mdf4/base/System.h"
 
@@ -34,8 +33,8 @@ constexpr mode_t kUsual = 0666;  // of which the umask leaves some
 class PosixFile;
 
 // Held while a process forks. None of these is ever destroyed: files may outlive all that is.
-constinit std::mutex lockedFilesMutex;
-constinit PosixFile* firstLocked = nullptr;  // guarded by lockedFilesMutex
+constinit Mutex lockedFilesMutex;
+constinit PosixFile* firstLocked TOLVEX_GUARDED_BY(lockedFilesMutex) = nullptr;
 constinit std::atomic<unsigned> generation = 1;
 
 class PosixFile final : public SystemFile {
@@ -99,8 +98,8 @@ class PosixFile final : public SystemFile {
     return inherited_ ? "the file belongs to the parent process" : systemErrorText(error_);
   }
 
-  // In a child process, with lockedFilesMutex held. The locks stay with the parent.
-  static void closeInherited() {
+  // In a child process. The locks stay with the parent.
+  static void closeInherited() TOLVEX_REQUIRES(lockedFilesMutex) {
     for (PosixFile* file = std::exchange(firstLocked, nullptr); file != nullptr;
          file = file->nextLocked_) {
       ::close(std::exchange(file->descriptor_, -1));
@@ -149,11 +148,11 @@ class PosixFile final : public SystemFile {
   }
 
   void remember() {
-    const std::lock_guard guard(lockedFilesMutex);
+    const MutexLock lock(lockedFilesMutex);
     nextLocked_ = std::exchange(firstLocked, this);
   }
   void forget() const {
-    const std::lock_guard guard(lockedFilesMutex);
+    const MutexLock lock(lockedFilesMutex);
     PosixFile** place = &firstLocked;
     while (*place != nullptr && *place != this) place = &(*place)->nextLocked_;
     if (*place != nullptr) *place = nextLocked_;
@@ -163,14 +162,14 @@ class PosixFile final : public SystemFile {
   int error_ = 0;          // of the last call that failed
   std::string unnamedIn_;  // the folder whose disk may not have the file's name yet
   bool locked_ = false;
-  bool inherited_ = false;           // by a child process
-  PosixFile* nextLocked_ = nullptr;  // guarded by lockedFilesMutex
+  bool inherited_ = false;  // by a child process
+  PosixFile* nextLocked_ TOLVEX_GUARDED_BY(lockedFilesMutex) = nullptr;
 };
 
 bool watchForks() {
-  const auto lock = [] { lockedFilesMutex.lock(); };
-  const auto unlock = [] { lockedFilesMutex.unlock(); };
-  const auto leave = [] {
+  const auto lock = []() TOLVEX_NOT_ANALYSED { lockedFilesMutex.lock(); };
+  const auto unlock = []() TOLVEX_NOT_ANALYSED { lockedFilesMutex.unlock(); };
+  const auto leave = []() TOLVEX_NOT_ANALYSED {
     PosixFile::closeInherited();
     generation.fetch_add(1, std::memory_order_relaxed);
     lockedFilesMutex.unlock();
