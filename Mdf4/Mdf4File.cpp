@@ -1,7 +1,6 @@
 #include "Mdf4/Mdf4File.h"
 
 #include <algorithm>
-#include <cstring>
 #include <string_view>
 #include <utility>
 

@@ -3,7 +3,6 @@
 
 #include <cstdio>
 #include <filesystem>
-#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>

@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "fuzz/FuzzInput.h"

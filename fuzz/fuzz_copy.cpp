@@ -3,7 +3,6 @@
 // sound.
 #include <algorithm>
 #include <climits>
-#include <cstdio>
 #include <memory>
 #include <string>
 #include <vector>

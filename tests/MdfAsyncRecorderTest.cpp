@@ -14,7 +14,6 @@
 #include <sstream>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "Mdf4/MdfAsyncRecorder.h"

@@ -2,13 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
-#include <filesystem>
 #include <memory>
-#include <random>
 #include <string>
 #include <tuple>
 #include <utility>

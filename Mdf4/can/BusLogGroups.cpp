@@ -2,11 +2,9 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/reader/ChannelDescription.h"

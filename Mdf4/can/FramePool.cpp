@@ -104,7 +104,8 @@ class ControlAllocator {
   using value_type = T;
 
   explicit ControlAllocator(PooledMessage* message) : message_(message) {}
-  template <class U>                                  // as allocators convert
+  // Allocators convert.
+  template <class U>
   ControlAllocator(const ControlAllocator<U>& other)  // NOLINT(google-explicit-constructor)
       : message_(other.message()) {}
 

@@ -1,7 +1,6 @@
 // What a check of a file finds, and the words for it.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
 

@@ -1,9 +1,7 @@
 #include "Mdf4/check/TreeCheck.h"
 
-#include <algorithm>
 #include <cinttypes>
 #include <unordered_set>
-#include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/format/BlockTraits.h"

@@ -1,6 +1,5 @@
 #include "Mdf4/format/BlockBytes.h"
 
-#include <algorithm>
 #include <cstring>
 
 namespace tolvex {

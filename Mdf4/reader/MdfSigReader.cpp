@@ -2,7 +2,6 @@
 #include <list>
 #include <map>
 #include <mutex>
-#include <new>
 #include <optional>
 #include <set>
 #include <unordered_map>

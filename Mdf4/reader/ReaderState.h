@@ -8,7 +8,6 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
-#include <utility>
 
 #include "Mdf4/format/MDF4File.h"
 #include "Mdf4/format/SegmentTable.h"

@@ -1,7 +1,6 @@
 #include "Mdf4/recovery/BlockSurvey.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "Mdf4/format/BlockTraits.h"
 

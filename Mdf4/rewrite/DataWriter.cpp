@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <new>
 
 #include "Mdf4/format/BlockRecords.h"
 #include "Mdf4/format/DataBlocks.h"

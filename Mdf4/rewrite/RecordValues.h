@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <deque>
-#include <vector>
 
 #include "Mdf4/rewrite/TreeCopy.h"
 #include "Mdf4/rewrite/ValueData.h"

@@ -1,7 +1,6 @@
 // tolvex record: logs of can-utils become bus logs that hold the same frames.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>

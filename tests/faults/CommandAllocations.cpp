@@ -7,7 +7,6 @@
 #include <CLI/CLI.hpp>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <new>
 #include <string>
 

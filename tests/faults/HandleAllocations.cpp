@@ -2,8 +2,6 @@
 // is for, or nothing.
 #include <gtest/gtest.h>
 
-#include <array>
-#include <memory>
 #include <string>
 
 #include "Mdf4/Channel.h"

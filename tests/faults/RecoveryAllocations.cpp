@@ -2,12 +2,10 @@
 // says that it failed.
 #include <gtest/gtest.h>
 
-#include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <iterator>
 #include <string>
-#include <vector>
 
 #include "Mdf4/MdfRecorder.h"
 #include "tests/faults/FailingMemory.h"

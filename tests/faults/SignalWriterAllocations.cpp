@@ -5,7 +5,6 @@
 #include <map>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "tests/faults/FailingMemory.h"
 #include "tests/support/FileBuilder.h"

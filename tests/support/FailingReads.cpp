@@ -6,10 +6,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <optional>
 #include <vector>
 
 namespace tolvex::test {

@@ -1,6 +1,5 @@
 #include "tests/support/HandReader.h"
 
-#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iterator>

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <utility>
 
 #include "Mdf4/base/Paths.h"
 #include "System.h"
