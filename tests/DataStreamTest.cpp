@@ -335,7 +335,7 @@ TEST(WritingDataStream, ReadsBackWhatWasWritten) {
       ASSERT_TRUE(file.attach(std::move(memory)));
       m4DataStream::Blocks blocks;
       blocks.data = std::make_unique<M4DTBlock>();
-      blocks.data->reallocate(10);
+      ASSERT_TRUE(blocks.data->reallocate(10));
       blocks.dataList = std::make_unique<M4DLBlock>(3, 10);
       const Bytes stored = randomBytes(random, size);
       m4DataStream writer(file, std::move(blocks));

@@ -240,7 +240,7 @@ TEST_P(RecordingProcess, AChildLeavesTheRecordingToItsParent) {
     const auto record = std::make_unique<RecordData>(std::make_shared<const RecordLayout>());
     for (int i = 0; i < 2000; ++i) recorder->insertRecord(*record, 0);
     recorder->saveCanMessage(kStart, MdfCanMessage());
-    recorder->addDataGroup("");
+    static_cast<void>(recorder->addDataGroup(""));
     recorder->lostRecords();
     recorder->firstError();
   }));
