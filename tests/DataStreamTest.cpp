@@ -60,6 +60,7 @@ TEST_F(DataStream, ReadsTheSameBytesHoweverTheyAreStored) {
       {"RD", f.rd(stored)},
       {"DV", f.dv(stored)},
       {"DZ", f.dz(stored)},
+      {"DZ with a link", f.dz(stored, "DT", 0, 0, {0})},
       {"transposed DZ with a rest", f.dz(stored, "DT", 1, 4)},
       {"transposed DZ of less than a row", f.dz(stored, "DT", 1, 11)},
       {"DL with offsets", f.dl({f.dt({1}), f.dt({2, 3, 4, 5, 6}), f.dt({7, 8, 9, 10})})},

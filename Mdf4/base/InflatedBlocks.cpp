@@ -36,7 +36,7 @@ void InflatedBlocks::add(std::uint64_t position, std::uint64_t stated,
 
 void InflatedBlocks::hold(std::uint64_t position, const std::shared_ptr<InflatedBlock>& block,
                           bool again, std::uint64_t fileSize) {
-  if (again) {
+  if (again) {  // more should have been held so far
     const std::uint64_t limit =
         std::clamp(std::min(fileSize, kMostLimit) * 4, kLeastLimit, kMostLimit);
     mostHeld_ = std::min(mostHeld_ * 2, limit);

@@ -7,7 +7,7 @@
 #include <memory>
 #include <unordered_map>
 
-#include "Mdf4/base/Inflater.h"
+#include "Mdf4/base/ByteBuffer.h"
 #include "Mdf4/base/PositionSet.h"
 
 namespace tolvex {
@@ -26,17 +26,22 @@ struct InflatedBlock {
 // for values, whose offsets may lead to and fro, with the few that values were read from last.
 class InflatedBlocks {
  public:
-  // The block of `stated` bytes at `position`, when its bytes are in memory, else null.
-  std::shared_ptr<InflatedBlock> find(std::uint64_t position, std::uint64_t stated) const;
-  // Whether the block at `position` was inflated before.
-  bool wasInflated(std::uint64_t position) const { return inflated_.contains(position); }
-  // The block at `position`, `stated` bytes by what names it, is in memory now.
-  void add(std::uint64_t position, std::uint64_t stated,
-           const std::shared_ptr<InflatedBlock>& block);
-  // Holds the block for the values to come. `again`: it was inflated for a second time, so more
-  // should have been held so far.
-  void hold(std::uint64_t position, const std::shared_ptr<InflatedBlock>& block, bool again,
-            std::uint64_t fileSize);
+  // The block at `position`, `stated` bytes by what names it: the one that is in memory, or a new
+  // one that `inflate(block, again)` fills; null when that says false. `again`: it was inflated
+  // before. In a file of `holdFor` bytes it is held for the values to come; 0: it is not.
+  template <class Inflate>
+  std::shared_ptr<InflatedBlock> fetch(std::uint64_t position, std::uint64_t stated,
+                                       std::uint64_t holdFor, Inflate inflate) {
+    std::shared_ptr<InflatedBlock> block = find(position, stated);
+    const bool again = block == nullptr && inflated_.contains(position);
+    if (block == nullptr) {
+      block = std::make_shared<InflatedBlock>();
+      if (!inflate(*block, again)) return nullptr;
+      add(position, stated, block);
+    }
+    if (holdFor != 0) hold(position, block, again, holdFor);
+    return block;
+  }
   void clear();
 
  private:
@@ -51,6 +56,11 @@ class InflatedBlocks {
   };
   static constexpr std::uint64_t kFewBytes = std::uint64_t{16} << 20;
 
+  std::shared_ptr<InflatedBlock> find(std::uint64_t position, std::uint64_t stated) const;
+  void add(std::uint64_t position, std::uint64_t stated,
+           const std::shared_ptr<InflatedBlock>& block);
+  void hold(std::uint64_t position, const std::shared_ptr<InflatedBlock>& block, bool again,
+            std::uint64_t fileSize);
   void letGo(Known& known);
   void forgetReleased();
 

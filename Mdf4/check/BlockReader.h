@@ -4,11 +4,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <string>
+#include <optional>
 
-#include "Mdf4/base/Inflater.h"
+#include "Mdf4/base/ByteBuffer.h"
 #include "Mdf4/check/BlockCheck.h"
-#include "Mdf4/format/PieceInflater.h"
+#include "Mdf4/format/BlockInflater.h"
+#include "Mdf4/format/CompressedData.h"
 #include "Mdf4/format/WorkSizes.h"
 
 namespace tolvex {
@@ -17,9 +18,9 @@ namespace tolvex {
 struct StoredPart {
   std::uint64_t position = 0;  // of its data in the file, or of their compressed form
   std::uint64_t length = 0;    // bytes in the sequence
-  std::uint64_t stored = 0;    // bytes in the file
-  bool compressed = false;
-  m4DZRecord zip = {};  // when compressed
+  std::optional<CompressedData> zip = {};
+
+  std::uint64_t stored() const { return zip ? zip->record.dz_data_length : length; }
 };
 
 // Takes in the sequence of bytes behind one data link, block by block.
@@ -57,16 +58,14 @@ class BlockReader {
  private:
   bool deliverPlain(const StoredPart& part, ByteSink& sink);
   bool deliverInflated(const FoundBlock& block, const StoredPart& part, ByteSink& sink);
-  std::string inflateRows(PieceInflater& inflater, const StoredPart& part, ByteBuffer& rows);
   bool charge(std::uint64_t bytes);
 
   BlockCheck& walk_;
   const WorkSizes sizes_;
   std::function<void(std::uint64_t)> progress_;
-  PieceInflater inflater_;
-  PieceInflater lookUps_;  // while the other one is at work
+  BlockInflater inflater_;
+  BlockInflater lookUps_;  // while the other one is at work
   ByteBuffer buffer_;
-  ByteBuffer columns_;
   ByteBuffer rows_;
   std::uint64_t budget_;  // bytes that may still be inflated
   bool toldOfBudget_ = false;

@@ -171,31 +171,29 @@ std::uint16_t DataCheck::kindWanted(bool isInvalidation) const {
 bool DataCheck::partOf(const FoundBlock& block, const BlockLink& link, bool isInvalidation,
                        StoredPart& part) {
   const std::uint16_t wanted = kindWanted(isInvalidation);
-  part = {block.dataPosition(), block.dataBytes, block.dataBytes};
-  part.compressed = block.type == kDZ;
+  part = {block.dataPosition(), block.dataBytes};
   std::uint16_t kind = block.type;
-  if (part.compressed) {
-    part.zip = blocks_.record<m4DZRecord>(block);
-    kind = part.zip.dz_org_block_type;
+  if (block.type == kDZ) {
+    const auto record = blocks_.record<m4DZRecord>(block);
+    part = {block.dataPosition() + sizeof record, record.dz_org_data_length,
+            CompressedData{record, block.dataPosition() + sizeof record, block.dataBytes}};
+    kind = record.dz_org_block_type;
   }
   if (wanted == 0 ? !isPlainData(kind) : kind != wanted) {
     const std::string expected = wanted == 0 ? "a data block" : letters(wanted);
-    blocks_.findings().error(part.compressed ? block.dataPosition() : link.position,
-                             part.compressed
-                                 ? fieldName(kDZ, "dz_org_block_type")
-                                 : fieldName(link.from, linkName(link.from, link.index)),
+    blocks_.findings().error(part.zip ? block.dataPosition() : link.position,
+                             part.zip ? fieldName(kDZ, "dz_org_block_type")
+                                      : fieldName(link.from, linkName(link.from, link.index)),
                              expected, quoted(letters(kind)));
   }
-  if (!part.compressed) return true;
-  const FieldFaults faults = faultsOf(part.zip, block.room());
+  if (!part.zip) return true;
+  const m4DZRecord& record = part.zip->record;
+  const FieldFaults faults = faultsOf(record, block.room());
   blocks_.enter(block, faults);
-  part.position += sizeof part.zip;
-  part.stored = part.zip.dz_data_length;
-  part.length = part.zip.dz_org_data_length;
-  if (zipType_ >= 0 && zipType_ != part.zip.dz_zip_type) {
+  if (zipType_ >= 0 && zipType_ != record.dz_zip_type) {
     blocks_.findings().warning(
         block.field(offsetof(m4DZRecord, dz_zip_type)), fieldName(kDZ, "dz_zip_type"),
-        formatText("%d, as the HL block states", zipType_), std::to_string(part.zip.dz_zip_type));
+        formatText("%d, as the HL block states", zipType_), std::to_string(record.dz_zip_type));
     zipType_ = -1;
   }
   return std::ranges::none_of(faults, &FieldFault::error);
@@ -221,7 +219,7 @@ void DataCheck::checkData(FoundBlock& block, const BlockLink& link) {
   partLength_ = part.length;
   complete_ &= sound && !block.cut;
   if (!sound) return;
-  if (inList() && unit() != 0 && (!block.cut || part.compressed)) {
+  if (inList() && unit() != 0 && (!block.cut || part.zip)) {
     checkEqualLength(block, part.length);
     checkOffset();
   }

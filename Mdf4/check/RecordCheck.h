@@ -20,7 +20,7 @@ class SortedRecordCheck final : public ByteSink {
                     const std::vector<CheckedValues*>& values, bool columns);
 
   bool wantsBytes() const override { return watch_.looksAtBytes() && recordSize_ != 0; }
-  void begin(const StoredPart& part) override { moves_ = !part.compressed; }
+  void begin(const StoredPart& part) override { moves_ = !part.zip; }
   void bytes(ByteSpan piece, std::uint64_t position) override;
   void skip(std::uint64_t length) override;
   void end(bool complete) override;
@@ -46,7 +46,7 @@ class UnsortedRecordCheck final : public ByteSink {
                       const std::vector<std::vector<CheckedValues*>>& values);
 
   bool wantsBytes() const override { return true; }
-  void begin(const StoredPart& part) override { moves_ = !part.compressed; }
+  void begin(const StoredPart& part) override { moves_ = !part.zip; }
   void bytes(ByteSpan piece, std::uint64_t position) override;
   void skip(std::uint64_t length) override { lost_ |= length != 0; }
   void end(bool complete) override;

@@ -64,7 +64,7 @@ void CheckedValues::end(bool complete) {
   if (starts_.broken() || starts_.rest() == 0) return;
   const Part& part = partAt(starts_.end());
   walk_.findings().error(
-      part.part.position + (part.part.compressed ? 0 : starts_.end() - part.start),
+      part.part.position + (part.part.zip ? 0 : starts_.end() - part.start),
       fieldName(block_type::kSD, "values"), "whole values, each a length and so many bytes",
       formatText("one of %" PRIu64 " bytes that the data end in", starts_.rest()));
 }
@@ -88,7 +88,7 @@ CheckedValues::Prefix CheckedValues::readPrefix(std::uint64_t offset, std::uint3
     const Part& part = partAt(offset + done);
     const std::uint64_t at = offset + done - part.start;
     const std::uint64_t count = std::min(kPrefixSize - done, part.part.length - at);
-    if (part.part.compressed) {
+    if (part.part.zip) {
       if (!inflate(part)) return Prefix::Unknown;
       std::memcpy(bytes + done, inflated_->bytes.data() + at, count);
     } else if (!walk_.read(part.part.position + at, count, bytes + done)) {

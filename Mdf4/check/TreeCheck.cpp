@@ -4,8 +4,8 @@
 #include <unordered_set>
 
 #include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/format/BlockInflater.h"
 #include "Mdf4/format/BlockTraits.h"
-#include "Mdf4/format/PieceInflater.h"
 
 namespace tolvex {
 
@@ -64,9 +64,11 @@ void TreeCheck::checkAttachment(const FoundBlock& block) {
   walk_.enter(block, faults);
   shareTexts(block, at_tx_filename, at_md_comment);
   if ((record.at_flags & kCompressed) != kCompressed || !faults.empty()) return;
-  PieceInflater inflater(walk_.file(), sizes_.piece);
-  const std::string fault = inflater.inflate(block.dataPosition() + sizeof record,
-                                             record.at_embedded_size, record.at_original_size);
+  BlockInflater inflater(walk_.file(), sizes_.piece);
+  const std::string fault = inflater
+                                .inflate(block.dataPosition() + sizeof record,
+                                         record.at_embedded_size, record.at_original_size)
+                                .fault(record.at_original_size);
   if (fault.empty()) return;
   walk_.findings().error(block.dataPosition() + sizeof record,
                          fieldName(block.type, "embedded data"),

@@ -5,7 +5,7 @@
 namespace tolvex {
 
 BlockBytes::BlockBytes(DirectFile& file, const ListedBlock& block)
-    : file_(file), position_(block.position + kBlockHeaderSize), left_(block.bytes) {
+    : BlockBytes(file, block.position + kBlockHeaderSize, block.bytes) {
   if (block.type != block_type::kDZ) return;
   inflated_.emplace(file, block.position);
   if (left_ > kLargestInflated) left_ = 0;

@@ -17,6 +17,9 @@ class BlockBytes {
   static constexpr std::uint64_t kLargestInflated = std::uint64_t{64} << 20;
 
   BlockBytes(DirectFile& file, const ListedBlock& block);
+  // So many bytes that stand there as they are.
+  BlockBytes(DirectFile& file, std::uint64_t position, std::uint64_t bytes)
+      : file_(file), position_(position), left_(bytes) {}
 
   std::uint64_t left() const { return left_; }
   // The next `bytes`, at most left(). False when they cannot be read or inflated.

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
-#include "Mdf4/base/Inflater.h"
+#include "Mdf4/format/CompressedData.h"
 
 namespace tolvex {
 namespace {

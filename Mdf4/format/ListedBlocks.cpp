@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <array>
 
-#include "Mdf4/base/Inflater.h"
 #include "Mdf4/format/BlockBytes.h"
 #include "Mdf4/format/BlockScan.h"
 #include "Mdf4/format/BlockTraits.h"
+#include "Mdf4/format/CompressedData.h"
 #include "Mdf4/format/m4DataStream.h"
 
 namespace tolvex {
@@ -226,14 +226,13 @@ void ListedBlocks::settle(ListedBlock& block, bool mayBeShorter) {
   const std::uint64_t present = file_.end() - block.position - kBlockHeaderSize;
   std::uint64_t stated = 0;
   if (header.type == block_type::kDZ) {
-    m4DZRecord record = {};
-    if (!header.dataLength(stated) || header.linkCount != 0 || stated > present ||
-        stated < sizeof record ||
-        !file_.ReadAt(block.position + kBlockHeaderSize, sizeof record, &record)) {
+    CompressedData data;
+    if (!data.read(file_, block.position, header) || header.linkCount != 0 || !data.hasRecord() ||
+        data.dataBytes > present || !data.mayGive(data.record.dz_org_data_length)) {
       return;
     }
-    if (record.dz_org_data_length > mostInflated(record.dz_data_length)) return;
-    block.bytes = record.dz_org_data_length;
+    stated = data.dataBytes;
+    block.bytes = data.record.dz_org_data_length;
     if (expected && block.bytes != expected && !inflatesTo(block.position, block.bytes)) {
       block.bytes = *expected;
       block.repaired = true;

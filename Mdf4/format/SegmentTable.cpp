@@ -8,9 +8,9 @@
 #include <optional>
 
 #include "Mdf4/base/Diagnostics.h"
-#include "Mdf4/base/Inflater.h"
 #include "Mdf4/format/BlockLoader.h"
 #include "Mdf4/format/BlockTraits.h"
+#include "Mdf4/format/CompressedData.h"
 
 namespace tolvex {
 namespace {
@@ -174,12 +174,12 @@ bool SegmentTable::readSegment(DirectFile& file, std::uint64_t blockPosition,
   segment.type = header.type;
   if (!header.dataLength(segment.length)) return false;
   if (header.type == block_type::kDZ) {
-    m4DZRecord record;
-    if (!file.ReadAt(segment.position, sizeof record, &record)) return false;
-    segment.length = record.dz_org_data_length;
-    if (segment.length > mostInflated(record.dz_data_length)) {
+    CompressedData data;
+    if (!data.read(file, blockPosition, header)) return false;
+    segment.length = data.record.dz_org_data_length;
+    if (!data.mayGive(segment.length)) {
       segment.checked = true;
-      damage(file, segment, mostInflated(record.dz_data_length));
+      damage(file, segment, mostInflated(data.record.dz_data_length));
     }
   } else if (!file.holds(segment.position, segment.length)) {
     file.report(formatText("data block at %" PRIu64 ": it states %" PRIu64

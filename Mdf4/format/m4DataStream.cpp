@@ -4,12 +4,9 @@
 #include <array>
 #include <cinttypes>
 #include <cstring>
-#include <new>
-#include <optional>
 #include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
-#include "Mdf4/base/Transposition.h"
 
 namespace tolvex {
 namespace {
@@ -21,45 +18,8 @@ constexpr std::uint64_t kReadDirectly = 64 * 1024;
 constexpr std::uint64_t kLargestGap = 1024;
 constexpr std::size_t kBlocksPerCall = 48;
 
-// Room for so many bytes. For more than sound files ask for there may be none: false. Anything
-// else throws when there is no memory, and may be tried again.
-bool makeRoom(ByteBuffer& buffer, std::uint64_t size) {
-  constexpr std::uint64_t kUsual = std::uint64_t{64} << 20;
-  if (buffer.reserve(size)) return true;
-  if (size <= kUsual) throw std::bad_alloc();
-  return false;
-}
-
-// Reads the record of a compressed block and finds its bytes; calls `fail` with what is expected
-// and found where the block cannot be inflated.
-template <class Fail>
-bool findCompressed(DirectFile& file, const DataSegment& segment, Fail fail, m4DZRecord& record,
-                    std::uint64_t& stored) {
-  BlockHeader header;
-  std::uint64_t dataLength = 0;
-  if (!file.ReadAt(segment.position - kBlockHeaderSize, kBlockHeaderSize, &header) ||
-      !header.dataLength(dataLength) || dataLength < sizeof record) {
-    return fail("bytes in its record", sizeof record, dataLength);
-  }
-  const std::uint64_t recordAt = segment.position + header.linkCount * kLinkSize;
-  if (!file.ReadAt(recordAt, sizeof record, &record)) {
-    return fail("bytes in its record", sizeof record, 0);
-  }
-  stored = recordAt + sizeof record;
-  const std::uint64_t trailing = dataLength - sizeof record;
-  if (trailing < record.dz_data_length) {
-    return fail("compressed bytes", record.dz_data_length, trailing);
-  }
-  if (!file.holds(stored, record.dz_data_length)) {
-    return fail("bytes up to the end of the file", record.dz_data_length,
-                file.end() - std::min(file.end(), stored));
-  }
-  const std::uint64_t most = mostInflated(record.dz_data_length);
-  if (segment.length > most) {
-    return fail("at most this many inflated bytes", most, segment.length);
-  }
-  return true;
-}
+// Bytes of a compressed block that are read at a time.
+constexpr std::uint64_t kCompressedPiece = 256 * 1024;
 
 }  // namespace
 
@@ -151,7 +111,7 @@ ByteSpan m4DataStream::nextSlowly(std::uint64_t length) {
 }
 
 ByteSpan m4DataStream::nextMerged(std::uint64_t length) {
-  if (!makeRoom(scratch_, length)) return {};
+  if (!scratch_.reserve(length)) return {};
   return {scratch_.data(), Read(length, scratch_.data(), 1)};
 }
 
@@ -172,7 +132,7 @@ ByteSpan m4DataStream::nextPlain(std::uint64_t length) {
   }
   if (at_ < windowStart_ || at_ > windowEnd_ || wanted > windowEnd_ - at_) {
     // The bytes lie in blocks of different kinds, the file ends among them or a read failed.
-    if (!makeRoom(scratch_, std::min(wanted, presentSize()))) return {};
+    if (!scratch_.reserve(std::min(wanted, presentSize()))) return {};
     return {scratch_.data(), assemble(std::min(wanted, presentSize()), scratch_.data())};
   }
   const std::uint8_t* const bytes = window_ + (at_ - windowStart_);
@@ -185,7 +145,7 @@ void m4DataStream::refill(std::uint64_t wanted) {
   const bool inOrder = at_ > windowStart_ && at_ <= windowEnd_;
   readAhead_ = inOrder ? std::min(readAhead_ * 4, mostReadAhead_) : kSmallestReadAhead;
   const std::uint64_t length = std::min(std::max(wanted, readAhead_), limit_ - at_);
-  if (!makeRoom(buffer_, std::min(length, presentSize()))) {
+  if (!buffer_.reserve(std::min(length, presentSize()))) {
     setWindow(nullptr, at_, 0);
     return;
   }
@@ -218,19 +178,17 @@ std::uint64_t m4DataStream::heldBytes() const {
   for (const auto* const block : {&inflated_, &inflatedInvalidation_}) {
     if (*block != nullptr) bytes += (*block)->bytes.size();
   }
-  for (const ByteBuffer* const buffer : {&buffer_, &scratch_, &compressed_, &transposed_}) {
-    bytes += buffer->size();
-  }
-  return bytes;
+  if (inflater_ != nullptr) bytes += inflater_->heldBytes();
+  return bytes + buffer_.size() + scratch_.size();
 }
 
 void m4DataStream::releaseBuffers() {
   setWindow(nullptr, 0, 0);
   inflated_.reset();
   inflatedInvalidation_.reset();
-  for (ByteBuffer* const buffer : {&buffer_, &scratch_, &compressed_, &transposed_}) {
-    buffer->release();
-  }
+  if (inflater_ != nullptr) inflater_->releaseBuffers();
+  buffer_.release();
+  scratch_.release();
 }
 
 // Copies from block to block, whatever their kinds.
@@ -338,75 +296,64 @@ bool m4DataStream::inflate(std::size_t index) {
 // already, or inflated anew, then in the same memory when nobody else uses it. Null when that
 // fails.
 bool m4DataStream::inflate(DataSegment& segment, std::shared_ptr<InflatedBlock>& block) {
-  InflatedBlocks& known = file_->inflatedBlocks();
   const std::shared_ptr<InflatedBlock> before = std::move(block);
-  std::shared_ptr<InflatedBlock> wanted = known.find(segment.position, segment.length);
-  const bool isNew = wanted == nullptr;
-  const bool again = isNew && known.wasInflated(segment.position);
-  if (isNew) {
-    const std::uint64_t cost = std::max(segment.length, InflatedBlock::kLeastCost);
-    if (again && readsValues_ && !file_->budget().takeAgain(cost)) return false;
-    wanted = std::make_shared<InflatedBlock>();
-    if (before.use_count() == 1) wanted->bytes = std::move(before->bytes);
-    if (!inflateBlock(segment, again, *wanted)) return false;
-    known.add(segment.position, segment.length, wanted);
-  }
-  if (readsValues_) known.hold(segment.position, wanted, again, file_->end());
-  block = std::move(wanted);
-  return true;
+  block = file_->inflatedBlocks().fetch(
+      segment.position, segment.length, readsValues_ ? file_->end() : 0,
+      [&](InflatedBlock& made, bool again) {
+        const std::uint64_t cost = std::max(segment.length, InflatedBlock::kLeastCost);
+        if (again && readsValues_ && !file_->budget().takeAgain(cost)) return false;
+        if (before.use_count() == 1) made.bytes = std::move(before->bytes);
+        return inflateBlock(segment, again, made);
+      });
+  return block != nullptr;
 }
 
 // A block that cannot be inflated counts as damaged, unless memory or the system's reads failed.
 bool m4DataStream::inflateBlock(DataSegment& segment, bool again, InflatedBlock& out) {
   const std::uint64_t block = segment.position - kBlockHeaderSize;
   const std::uint64_t failed = file_->reads().failures();
-  const auto fail = [&](const char* what, std::uint64_t expected, std::uint64_t found) {
+  const auto report = [&](const std::string& text) {
+    file_->report(formatText("compressed data block at %" PRIu64 ": ", block) + text);
+  };
+  const auto fail = [&](const CompressedData::Fault& fault) {
     segment.damaged = file_->reads().failures() == failed;
-    file_->report(formatText("compressed data block at %" PRIu64 ": %s: expected %" PRIu64
-                             ", found %" PRIu64,
-                             block, what, expected, found));
+    report(formatText("%s: expected %" PRIu64 ", found %" PRIu64, fault.what, fault.expected,
+                      fault.found));
     return false;
   };
-  m4DZRecord record;
-  std::uint64_t stored = 0;  // position of the compressed bytes
-  if (!findCompressed(*file_, segment, fail, record, stored)) return false;
-  if (!again && !file_->budget().takeLoad(record.dz_data_length)) {
+  BlockHeader header;
+  CompressedData data;
+  if (!file_->ReadAt(block, kBlockHeaderSize, &header) || !data.read(*file_, block, header)) {
+    return fail({"bytes in its record", sizeof data.record, 0});
+  }
+  if (const auto fault = data.faultFor(segment.length, *file_)) return fail(*fault);
+  const std::uint64_t compressed = data.record.dz_data_length;
+  if (!again && !file_->budget().takeLoad(compressed)) {
     segment.damaged = true;
     return false;
   }
-  const bool transposed = record.dz_zip_type == kZipTransposeDeflate;
-  ByteBuffer& target = transposed ? transposed_ : out.bytes;
-  if (!makeRoom(compressed_, record.dz_data_length) || !makeRoom(out.bytes, segment.length) ||
-      !makeRoom(target, segment.length)) {
-    file_->report(formatText("compressed data block at %" PRIu64 ": no memory for its %" PRIu64
-                             " bytes",
-                             block, segment.length));
-    return false;
-  }
-  const ByteSpan compressed(compressed_.data(), record.dz_data_length);
-  if (!file_->ReadAt(stored, compressed.size(), compressed_.data())) {
-    return fail("compressed bytes", compressed.size(), 0);
-  }
-  if (inflater_ == nullptr) inflater_ = std::make_unique<Inflater>();
-  const std::optional<std::uint64_t> inflated =
-      inflater_->inflate(compressed, {target.data(), segment.length});
-  if (!inflated) {
-    segment.damaged = true;
-    file_->report(formatText("compressed data block at %" PRIu64 ": its %" PRIu64
-                             " bytes are no deflate stream of %" PRIu64 " bytes",
-                             block, record.dz_data_length, segment.length));
-    return false;
+  if (inflater_ == nullptr) inflater_ = std::make_unique<BlockInflater>(*file_, kCompressedPiece);
+  const Inflation result = inflater_->inflateRows(data, segment.length, out.bytes);
+  switch (result.end) {
+    case Inflation::Whole:
+      break;
+    case Inflation::Unreadable:
+      return fail({"compressed bytes", compressed, 0});
+    case Inflation::NoMemory:
+      report(formatText("no memory for its %" PRIu64 " bytes", segment.length));
+      return false;
+    case Inflation::TooLong:
+    case Inflation::Damaged:
+      segment.damaged = true;
+      report(formatText("its %" PRIu64 " bytes are no deflate stream of %" PRIu64 " bytes",
+                        compressed, segment.length));
+      return false;
   }
   // A whole stream that gives fewer bytes than stated is read as far as it goes.
-  out.size = *inflated;
+  out.size = result.bytes;
   if (out.size < segment.length) {
-    file_->report(formatText("compressed data block at %" PRIu64 ": expected %" PRIu64
-                             " inflated bytes, found %" PRIu64,
-                             block, segment.length, out.size));
-  }
-  if (transposed) {
-    undoTransposition({target.data(), out.size}, record.dz_zip_parameter,
-                      {out.bytes.data(), out.size});
+    report(formatText("expected %" PRIu64 " inflated bytes, found %" PRIu64, segment.length,
+                      out.size));
   }
   return true;
 }

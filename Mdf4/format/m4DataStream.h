@@ -5,8 +5,9 @@
 #include <memory>
 #include <vector>
 
+#include "Mdf4/base/ByteBuffer.h"
 #include "Mdf4/base/Bytes.h"
-#include "Mdf4/base/Inflater.h"
+#include "Mdf4/format/BlockInflater.h"
 #include "Mdf4/format/DataBlocks.h"
 #include "Mdf4/format/SegmentTable.h"
 
@@ -164,9 +165,7 @@ class m4DataStream {
   std::uint64_t mostReadAhead_ = 256 * 1024;
   ByteBuffer buffer_;
   ByteBuffer scratch_;
-  std::unique_ptr<Inflater> inflater_;
-  ByteBuffer compressed_;
-  ByteBuffer transposed_;
+  std::unique_ptr<BlockInflater> inflater_;
   std::shared_ptr<InflatedBlock> inflated_;  // of inflatedSegment_; null: none
   std::size_t inflatedSegment_ = 0;
   std::shared_ptr<InflatedBlock> inflatedInvalidation_;  // of invalidationSegment_; null: none

@@ -152,11 +152,11 @@ Link FileBuilder::md(const std::string& xml) {
 }
 
 Link FileBuilder::dz(const Bytes& bytes, const std::string& type, std::uint8_t zipType,
-                     std::uint32_t columns) {
+                     std::uint32_t columns, const std::vector<Link>& links) {
   const Bytes compressed = deflated(zipType == 1 ? transposed(bytes, columns) : bytes);
   const Bytes record = packed(type.at(0), type.at(1), zipType, std::uint8_t{0}, columns,
                               std::uint64_t{bytes.size()}, std::uint64_t{compressed.size()});
-  return block("DZ", {}, joined({record, compressed}));
+  return block("DZ", links, joined({record, compressed}));
 }
 
 Link FileBuilder::dl(const std::vector<Link>& data, std::uint64_t equalLength) {

@@ -172,7 +172,7 @@ class FileBuilder {
   Link di(const Bytes& bytes) { return block("DI", {}, bytes); }
   // Compresses `bytes`; zipType 1 stores them column by column, `columns` bytes a row.
   Link dz(const Bytes& bytes, const std::string& type = "DT", std::uint8_t zipType = 0,
-          std::uint32_t columns = 0);
+          std::uint32_t columns = 0, const std::vector<Link>& links = {});
   // With an equal length, or listing the offsets when it is 0.
   Link dl(const std::vector<Link>& data, std::uint64_t equalLength = 0);
   Link hl(Link list, std::uint8_t zipType = 0) {
