@@ -1,6 +1,5 @@
 // Data groups, channel groups and channels.
 #include <algorithm>
-#include <array>
 #include <cinttypes>
 #include <string>
 #include <unordered_set>
@@ -24,7 +23,7 @@ void TreeCheck::checkDataGroup(const FoundBlock& block) {
   }
   walk_.checkReserved(block.field(offsetof(m4DGRecord, dg_reserved)), block.type, "dg_reserved",
                       bytesOf(group.record.dg_reserved));
-  shareTexts(block, dg_md_comment, dg_md_comment);
+  checkLinks(block);
   chain(walk_.link(block, dg_cg_first), cg_cg_next,
         [&](const FoundBlock& next) { checkGroup(next, group); });
   checkRecordIds(group);
@@ -58,13 +57,10 @@ void TreeCheck::checkRecordIds(const CheckedDataGroup& group) {
 }
 
 void TreeCheck::checkGroup(const FoundBlock& block, CheckedDataGroup& parent) {
-  CheckedGroup group = {block, walk_.record<m4CGRecord>(block)};
+  CheckedGroup group = {{walk_.record<m4CGRecord>(block)}, block};
   walk_.checkReserved(block.field(offsetof(m4CGRecord, cg_reserved)), block.type, "cg_reserved",
                       bytesOf(group.record.cg_reserved));
-  walk_.shareText(walk_.link(block, cg_tx_acq_name));
-  checkSource(walk_.link(block, cg_si_acq_source));
-  walk_.shareText(walk_.link(block, cg_md_comment));
-  walk_.refer(walk_.link(block, cg_cg_master));
+  checkLinks(block);
   const BlockLink channels = walk_.link(block, cg_cn_first);
   checkChannels(channels, group);
   checkMasters(group, channels.target != 0);
@@ -81,14 +77,10 @@ void TreeCheck::checkMasters(const CheckedGroup& group, bool hasChannels) {
 }
 
 void TreeCheck::checkReduction(const FoundBlock& block, const CheckedGroup& group) {
-  constexpr std::uint64_t kParts = 3;  // mean, least and greatest value
   CheckedReduction reduction = {block, walk_.record<m4SRRecord>(block)};
   walk_.checkReserved(block.field(offsetof(m4SRRecord, sr_reserved)), block.type, "sr_reserved",
                       bytesOf(reduction.record.sr_reserved));
-  reduction.recordSize = kParts * group.record.cg_data_bytes;
-  if ((reduction.record.sr_flags & kSrFlagInvalidation) != 0) {
-    reduction.recordSize += group.record.cg_inval_bytes;
-  }
+  reduction.recordSize = group.recordSize(reduction.record);
   reduction.data = walk_.link(block, sr_data);
   reductions.push_back(reduction);
 }
@@ -118,23 +110,13 @@ void TreeCheck::checkChannel(const FoundBlock& block, CheckedGroup& group) {
     walk_.findings().error(walk_.link(block, cn_tx_name).position,
                            fieldName(block.type, "cn_tx_name"), "a name", "none");
   }
-  if (isMaster(channel)) {
-    const std::uint32_t bit = std::uint32_t{1} << (channel.cn_sync_type & 31U);
-    if ((masters_ & bit) != 0) {
-      walk_.findings().error(block.position, fieldName(block.type, "cn_type"),
-                             "one master of a kind in a channel group", "another one");
-    }
-    masters_ |= bit;
+  if ((masters_ & masterBit(channel)) != 0) {
+    walk_.findings().error(block.position, fieldName(block.type, "cn_type"),
+                           "one master of a kind in a channel group", "another one");
   }
-  if (channel.cn_type == channel_type::kMaster && channel.cn_sync_type == kSyncTime &&
-      !group.time) {
-    group.time = {block, channel};
-  }
-  walk_.shareText(walk_.link(block, cn_tx_name));
-  checkSource(walk_.link(block, cn_si_source));
-  checkConversion(walk_.link(block, cn_cc_conversion));
-  shareTexts(block, cn_md_unit, cn_md_comment);
-  for (std::size_t i = cn_md_comment + 1; i < block.links; ++i) walk_.refer(walk_.link(block, i));
+  masters_ |= masterBit(channel);
+  if (isTimeMaster(channel) && !group.time) group.time = {block, channel};
+  checkLinks(block);
   checkChannelData(block, channel, group);
   compositions_.push_back(walk_.link(block, cn_composition));
 }
@@ -142,8 +124,10 @@ void TreeCheck::checkChannel(const FoundBlock& block, CheckedGroup& group) {
 void TreeCheck::checkPlace(const FoundBlock& block, const m4CNRecord& channel,
                            const CheckedGroup& group) {
   const std::uint32_t size = group.record.cg_data_bytes;
-  if (!isVirtual(channel) &&
-      !liesInside(channel, textAt(walk_.link(block, cn_tx_name).target), size)) {
+  // The start of a name is all that it takes to know the channels with a place of their own.
+  constexpr std::uint64_t kStart = 63;
+  if (!liesInside(channel, textStart(walk_.file(), walk_.link(block, cn_tx_name).target, kStart),
+                  size)) {
     walk_.findings().error(
         block.field(offsetof(m4CNRecord, cn_byte_offset)), fieldName(block.type, "cn_byte_offset"),
         formatText("a place inside the record of %u bytes", unsigned{size}),
@@ -157,15 +141,6 @@ void TreeCheck::checkPlace(const FoundBlock& block, const m4CNRecord& channel,
         formatText("a bit of %u invalidation bytes", unsigned{group.record.cg_inval_bytes}),
         std::to_string(channel.cn_inval_bit_pos));
   }
-}
-
-// The start of a name: all that it takes to know the channels with a place of their own.
-std::string TreeCheck::textAt(std::uint64_t position) {
-  std::array<char, 64> start = {};
-  const BlockScan scan = scanBlock(walk_.file(), position);
-  if (position == 0 || !scan.isBlock() || scan.has(HeaderFault::LinksDoNotFit)) return {};
-  const std::uint64_t length = std::min<std::uint64_t>(scan.dataBytes, start.size() - 1);
-  return walk_.read(scan.dataPosition(), length, start.data()) ? start.data() : "";
 }
 
 void TreeCheck::checkChannelData(const FoundBlock& block, const m4CNRecord& channel,
@@ -190,17 +165,7 @@ void TreeCheck::checkChannelData(const FoundBlock& block, const m4CNRecord& chan
 void TreeCheck::checkArray(const FoundBlock& block) {
   walk_.enter(block, faultsOf(walk_.record<m4CARecord>(block), block.room()));
   compositions_.push_back(walk_.link(block, ca_composition));
-  for (std::size_t i = ca_composition + 1; i < block.links; ++i) {
-    const BlockLink link = walk_.link(block, i);
-    const std::uint16_t kind = walk_.kindAt(link);
-    if (kind == block_type::kCC) {
-      checkConversion(link);
-    } else if (isData(kind)) {
-      arrays.push_back(link);
-    } else {
-      walk_.refer(link);
-    }
-  }
+  checkLinks(block);
 }
 
 }  // namespace tolvex

@@ -11,8 +11,27 @@ namespace tolvex {
 
 using namespace link;
 
-void TreeCheck::shareTexts(const FoundBlock& block, std::size_t first, std::size_t last) {
-  for (std::size_t i = first; i <= last; ++i) walk_.shareText(walk_.link(block, i));
+// The links of a block but those that its chains, children and data are reached by.
+void TreeCheck::checkLinks(const FoundBlock& block) {
+  const BlockTraits& traits = traitsOf(block.type);
+  for (std::size_t i = 0; i < block.links; ++i) {
+    const LinkTraits& link = traits.link(i);
+    if (link.name == nullptr || link.use == LinkUse::Owns || link.use == LinkUse::Data) continue;
+    const BlockLink to = walk_.link(block, i);
+    const std::uint16_t kind = walk_.kindAt(to);
+    const bool fits = mayLinkTo(block.type, i, kind);
+    if (link.use == LinkUse::Refers && !(fits && (isShared(kind) || isData(kind)))) {
+      walk_.refer(to);
+    } else if (kind == block_type::kCC) {
+      checkConversion(to);
+    } else if (kind == block_type::kSI) {
+      checkSource(to);
+    } else if (fits && isData(kind)) {
+      arrays.push_back(to);
+    } else {
+      walk_.shareText(to);
+    }
+  }
 }
 
 void TreeCheck::check() {
@@ -22,7 +41,7 @@ void TreeCheck::check() {
   const auto record = walk_.record<m4HDRecord>(*header);
   walk_.checkReserved(header->field(offsetof(m4HDRecord, hd_reserved)), header->type, "hd_reserved",
                       bytesOf(record.hd_reserved));
-  shareTexts(*header, hd_md_comment, hd_md_comment);
+  checkLinks(*header);
   chain(walk_.link(*header, hd_fh_first), fh_fh_next,
         [this](const FoundBlock& block) { checkHistory(block); });
   chain(walk_.link(*header, hd_dg_first), dg_dg_next,
@@ -38,7 +57,7 @@ void TreeCheck::checkHistory(const FoundBlock& block) {
   const auto record = walk_.record<m4FHRecord>(block);
   walk_.checkReserved(block.field(offsetof(m4FHRecord, fh_reserved)), block.type, "fh_reserved",
                       bytesOf(record.fh_reserved));
-  shareTexts(block, fh_md_comment, fh_md_comment);
+  checkLinks(block);
 }
 
 void TreeCheck::checkHierarchies(const BlockLink& first) {
@@ -49,10 +68,7 @@ void TreeCheck::checkHierarchies(const BlockLink& first) {
     chain(link, ch_ch_next, [&](const FoundBlock& block) {
       walk_.enter(block, faultsOf(walk_.record<m4CHRecord>(block), block.room()));
       pending.push_back(walk_.link(block, ch_ch_first));
-      shareTexts(block, ch_tx_name, ch_md_comment);
-      for (std::size_t i = ch_md_comment + 1; i < block.links; ++i) {
-        walk_.refer(walk_.link(block, i));
-      }
+      checkLinks(block);
     });
   }
 }
@@ -62,7 +78,7 @@ void TreeCheck::checkAttachment(const FoundBlock& block) {
   const auto record = walk_.record<m4ATRecord>(block);
   const FieldFaults faults = faultsOf(record, block.room());
   walk_.enter(block, faults);
-  shareTexts(block, at_tx_filename, at_md_comment);
+  checkLinks(block);
   if ((record.at_flags & kCompressed) != kCompressed || !faults.empty()) return;
   BlockInflater inflater(walk_.file(), sizes_.piece);
   const std::string fault = inflater
@@ -77,18 +93,7 @@ void TreeCheck::checkAttachment(const FoundBlock& block) {
 
 void TreeCheck::checkEvent(const FoundBlock& block) {
   walk_.enter(block, faultsOf(walk_.record<m4EVRecord>(block), block.room()));
-  walk_.refer(walk_.link(block, ev_ev_parent));
-  walk_.refer(walk_.link(block, ev_ev_range));
-  shareTexts(block, ev_tx_name, ev_md_comment);
-  for (std::size_t i = ev_md_comment + 1; i < block.links; ++i) {
-    const BlockLink link = walk_.link(block, i);
-    const std::uint16_t kind = walk_.kindAt(link);
-    if (kind == block_type::kTX || kind == block_type::kMD) {
-      walk_.shareText(link);
-    } else {
-      walk_.refer(link);
-    }
-  }
+  checkLinks(block);
 }
 
 void TreeCheck::checkSource(const BlockLink& link) {
@@ -97,7 +102,7 @@ void TreeCheck::checkSource(const BlockLink& link) {
   const auto record = walk_.record<m4SIRecord>(*block);
   walk_.checkReserved(block->field(offsetof(m4SIRecord, si_reserved)), block->type, "si_reserved",
                       bytesOf(record.si_reserved));
-  shareTexts(*block, si_tx_name, si_md_comment);
+  checkLinks(*block);
 }
 
 // A conversion may use others, and none of them itself.

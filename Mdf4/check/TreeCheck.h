@@ -17,16 +17,11 @@ struct WatchedChannel {
   BlockLink data = {};  // of a variable-length channel
 };
 
-struct CheckedGroup {
+struct CheckedGroup : GroupLayout {
   FoundBlock block;
-  m4CGRecord record = {};
   std::optional<WatchedChannel> time = {};
   std::vector<WatchedChannel> values = {};
 
-  bool holdsValues() const { return (record.cg_flags & kCgFlagVlsd) != 0; }
-  std::uint64_t recordSize() const {
-    return std::uint64_t{record.cg_data_bytes} + record.cg_inval_bytes;
-  }
   // Of the values of a group of variable-length signal data.
   std::uint64_t valueBytes() const {
     return record.cg_data_bytes | std::uint64_t{record.cg_inval_bytes} << 32;
@@ -84,8 +79,7 @@ class TreeCheck {
   void checkMasters(const CheckedGroup& group, bool hasChannels);
   void checkSource(const BlockLink& link);
   void checkConversion(const BlockLink& link);
-  void shareTexts(const FoundBlock& block, std::size_t first, std::size_t last);
-  std::string textAt(std::uint64_t position);
+  void checkLinks(const FoundBlock& block);
 
   BlockCheck& walk_;
   const WorkSizes sizes_;

@@ -1,5 +1,6 @@
 #include "Mdf4/format/BlockScan.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <span>
 #include <utility>
@@ -73,6 +74,15 @@ HeaderIssue describe(const BlockScan& scan, HeaderFault fault, std::uint64_t fil
           formatText("at most %" PRIu64 ", up to the end of the file", fileEnd - scan.position));
   }
   return {};
+}
+
+std::string textStart(DirectFile& file, std::uint64_t position, std::uint64_t longest) {
+  if (position == 0) return {};
+  const BlockScan scan = scanBlock(file, position);
+  if (!scan.sound() || !isText(scan.header.type)) return {};
+  std::string text(std::min(scan.dataBytes, longest), '\0');
+  if (!file.ReadAt(scan.dataPosition(), text.size(), text.data())) return {};
+  return text.substr(0, text.find('\0'));
 }
 
 bool noteDamage(DirectFile& file, const BlockScan& scan) {

@@ -64,6 +64,10 @@ inline constexpr HeaderFault kClaimFaults[] = {HeaderFault::LinksDoNotFit, Heade
                                                HeaderFault::ManyLinks, HeaderFault::ShortData,
                                                HeaderFault::BeyondEnd};
 
+// The start of the text in the TX or MD block at the position, at most `longest` bytes; "" where no
+// sound one is.
+std::string textStart(DirectFile& file, std::uint64_t position, std::uint64_t longest);
+
 // Whether links or data do not lie inside the block and the file; noted in the file's problems.
 [[nodiscard]] bool noteDamage(DirectFile& file, const BlockScan& scan);
 

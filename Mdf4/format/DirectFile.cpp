@@ -1,5 +1,7 @@
 #include "Mdf4/format/DirectFile.h"
 
+#include <algorithm>
+#include <array>
 #include <cinttypes>
 
 #include "Mdf4/base/Diagnostics.h"
@@ -75,6 +77,15 @@ std::uint64_t DirectFile::readPieces(std::uint64_t position,
   const std::uint64_t done = reads_.read(position, pieces);
   position_ = position + done;
   return done;
+}
+
+bool DirectFile::areZeros(std::uint64_t from, std::uint64_t to) {
+  std::array<std::uint8_t, PageCache::kPageSize> bytes;
+  to = std::min(to, end_);
+  if (from >= to) return true;
+  return ReadAt(from, to - from, bytes.data()) &&
+         std::ranges::all_of(std::span(bytes).first(to - from),
+                             [](std::uint8_t byte) { return byte == 0; });
 }
 
 bool DirectFile::WriteAt(std::uint64_t position, std::uint64_t length, const void* data) {

@@ -45,6 +45,8 @@ class DirectFile {
   // bytes read.
   [[nodiscard]] std::uint64_t readPieces(std::uint64_t position,
                                          std::span<const WritableBytes> pieces);
+  // Whether nothing but zeros stands there, as far as the file goes: at most a page.
+  [[nodiscard]] bool areZeros(std::uint64_t from, std::uint64_t to);
   // Writes all bytes or fails; a write past the end of the allocated area moves that end.
   [[nodiscard]] bool WriteAt(std::uint64_t position, std::uint64_t length, const void* data);
   // The pieces back to back, in one call to the system.

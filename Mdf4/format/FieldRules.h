@@ -48,10 +48,33 @@ constexpr bool isVirtual(const m4CNRecord& channel) {
   return channel.cn_type == channel_type::kVirtualMaster ||
          channel.cn_type == channel_type::kVirtualData;
 }
+// A channel group's record, and what follows from it for the group's records.
+struct GroupLayout {
+  m4CGRecord record = {};
+
+  bool holdsValues() const { return (record.cg_flags & kCgFlagVlsd) != 0; }
+  std::uint64_t recordSize() const {
+    return std::uint64_t{record.cg_data_bytes} + record.cg_inval_bytes;
+  }
+  // Of a sample reduction: mean, minimum and maximum of each channel.
+  std::uint64_t recordSize(const m4SRRecord& reduction) const {
+    const bool marked = (reduction.sr_flags & kSrFlagInvalidation) != 0;
+    return std::uint64_t{3} * record.cg_data_bytes + (marked ? record.cg_inval_bytes : 0);
+  }
+};
+
 // Masters, virtual ones included.
 constexpr bool isMaster(const m4CNRecord& channel) {
   return channel.cn_type == channel_type::kMaster ||
          channel.cn_type == channel_type::kVirtualMaster;
+}
+// A bit for each kind of master; of other channels 0.
+constexpr std::uint32_t masterBit(const m4CNRecord& channel) {
+  return isMaster(channel) ? std::uint32_t{1} << (channel.cn_sync_type & 31U) : 0;
+}
+// The time in the records.
+constexpr bool isTimeMaster(const m4CNRecord& channel) {
+  return channel.cn_type == channel_type::kMaster && channel.cn_sync_type == kSyncTime;
 }
 
 }  // namespace tolvex

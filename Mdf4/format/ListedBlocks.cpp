@@ -1,7 +1,6 @@
 #include "Mdf4/format/ListedBlocks.h"
 
 #include <algorithm>
-#include <array>
 
 #include "Mdf4/format/BlockBytes.h"
 #include "Mdf4/format/BlockScan.h"
@@ -188,11 +187,7 @@ bool ListedBlocks::followedBehindPadding(std::uint64_t end) const {
 
 // Whether nothing was written behind the kind of a data block.
 bool ListedBlocks::beginsWithZeros(std::uint64_t position) const {
-  constexpr std::uint64_t kKind = 4;
-  std::array<std::uint8_t, 128> bytes = {};
-  const std::uint64_t count = std::min<std::uint64_t>(bytes.size(), file_.end() - position);
-  return file_.ReadAt(position, count, bytes.data()) &&
-         std::all_of(bytes.begin() + kKind, bytes.end(), [](std::uint8_t b) { return b == 0; });
+  return file_.areZeros(position + offsetof(BlockHeader, reserved), position + 128);
 }
 
 // Whether a block that is missing at the position never came to it, or was lost there.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Mdf4/format/FieldRules.h"
 #include "Mdf4/model/BusLogLayout.h"
 
 namespace tolvex {
@@ -27,7 +28,7 @@ bool mayLieOutside(const m4CNRecord& channel, std::string_view name) {
 
 bool liesInside(const m4CNRecord& channel, std::string_view name, std::uint64_t recordBytes) {
   const std::uint64_t bits = std::uint64_t{channel.cn_bit_offset} + channel.cn_bit_count;
-  if (channel.cn_bit_count == 0) return true;
+  if (channel.cn_bit_count == 0 || isVirtual(channel)) return true;
   return channel.cn_byte_offset + bytesOfBits(bits) <= recordBytes || mayLieOutside(channel, name);
 }
 

@@ -9,6 +9,7 @@
 
 #include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/format/BlockLoader.h"
+#include "Mdf4/format/FieldRules.h"
 #include "Mdf4/model/FileTree.h"
 
 namespace tolvex {
@@ -29,10 +30,6 @@ bool isBusLogName(const SharedText& name, bool loggerRules) {
     if (equalNames(name->c_str(), known)) return true;
   }
   return loggerRules && equalNames(name->c_str(), "CAN_RemoteFrame");
-}
-
-bool isMasterTime(const M4CNBlock& channel) {
-  return channel.cn_type == channel_type::kMaster && channel.cn_sync_type == kSyncTime;
 }
 
 class TreeWalk {
@@ -100,11 +97,11 @@ class TreeWalk {
   ChannelUse useOf(const M4CNBlock& channel, bool canGroup) {
     const bool isCan =
         (canGroup && channel.link(link::cn_composition) != 0) || isCanChannel(channel);
-    if (isCan && !(loggerRules_ && isMasterTime(channel))) return ChannelUse::Can;
+    if (isCan && !(loggerRules_ && isTimeMaster(channel))) return ChannelUse::Can;
     if (channel.cn_type == channel_type::kFixedLength || channel.cn_type == channel_type::kVlsd) {
       return ChannelUse::Value;
     }
-    return isMasterTime(channel) ? ChannelUse::Time : ChannelUse::None;
+    return isTimeMaster(channel) ? ChannelUse::Time : ChannelUse::None;
   }
 
   bool isCanChannel(const M4CNBlock& channel) {

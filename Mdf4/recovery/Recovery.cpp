@@ -354,11 +354,11 @@ std::uint8_t Recovery::recordIdSize(const SourceData& data, const std::vector<Pa
 
 bool Recovery::finishGroup(SourceGroup& group, DataWriter& records, RecordValues& values,
                            const FoundData& found) {
-  if (!records.finish() || !values.finish(*tree_)) return false;
+  if (!records.finish() || !values.finish(tree_->plan())) return false;
   MdfRecoveredGroup& report = group.report;
   report.records = records.units();
   report.foundBlocks = found.loose.size();
-  tree_->setLink(group.dataBlock, link::dg_data, records.link());
+  tree_->plan().setLink(group.dataBlock, link::dg_data, records.link());
   tree_->setCycleCount(group, report.records);
   checksums_.push_back({records.link(), records.size(), records.checksum()});
   for (std::size_t i = 0; i < values.count(); ++i) {
@@ -409,7 +409,7 @@ bool Recovery::copyReductions(SourceGroup& group) {
 
 bool Recovery::writeEnd() {
   tree_->addHistory(kHistory);
-  if (!tree_->write()) return false;
+  if (!tree_->plan().write()) return false;
   const std::string version = formatText("%u.%02u    ", id_.id_ver / 100U, id_.id_ver % 100U);
   IdBlock id = {};
   std::copy(kFileId.begin(), kFileId.end(), id.id_file);

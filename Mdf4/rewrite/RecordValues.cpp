@@ -51,10 +51,10 @@ bool RecordValues::place(std::uint8_t* record) {
   return true;
 }
 
-bool RecordValues::finish(TreeCopy& tree) {
+bool RecordValues::finish(BlockPlan& plan) {
   for (std::size_t i = 0; i < data_.size(); ++i) {
     if (!data_[i].writer().finish()) return false;
-    tree.setLink(group_.values[i].block, link::cn_data, data_[i].writer().link());
+    plan.setLink(group_.values[i].block, link::cn_data, data_[i].writer().link());
   }
   return true;
 }

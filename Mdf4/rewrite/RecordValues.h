@@ -4,7 +4,8 @@
 #include <cstdint>
 #include <deque>
 
-#include "Mdf4/rewrite/TreeCopy.h"
+#include "Mdf4/rewrite/BlockPlan.h"
+#include "Mdf4/rewrite/SourceGroup.h"
 #include "Mdf4/rewrite/ValueData.h"
 
 namespace tolvex {
@@ -34,7 +35,7 @@ class RecordValues {
   [[nodiscard]] bool placeOne(std::size_t i, std::uint8_t* record);
 
   // Writes what is gathered and links the channels to it. False when a write fails.
-  [[nodiscard]] bool finish(TreeCopy& tree);
+  [[nodiscard]] bool finish(BlockPlan& plan);
 
  private:
   SourceGroup& group_;

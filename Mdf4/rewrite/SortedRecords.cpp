@@ -57,7 +57,7 @@ bool SortedRecords::copyBlock(const ListedBlock& found, bool isLast, const Done&
   bool read = whole != 0 || block.bytes == 0;
   const std::uint64_t start = block.position + kBlockHeaderSize;
   const std::uint64_t page = start / kPage * kPage;
-  if (page > block.position && areZeros(page, page + kPage)) openHole_ = start;
+  if (page > block.position && in_.areZeros(page, page + kPage)) openHole_ = start;
   while (read && bytes.left() != 0 && !ended_) {
     std::uint64_t count = std::min(pieceSize_, bytes.left());
     const bool plain = isPlainData(block.type) && !block.columns;
@@ -188,17 +188,7 @@ std::optional<SortedRecords::Hole> SortedRecords::findHole(ByteSpan bytes, std::
 // behind it may have been written before; where a group has all records that it counts, the sector
 // must be zeros to its end.
 bool SortedRecords::endsOnSector(std::uint64_t end, std::uint64_t sector) const {
-  return !isFinished_ || areZeros(end, (end + sector - 1) / sector * sector);
-}
-
-// Whether the file has nothing but zeros there, at most a page.
-bool SortedRecords::areZeros(std::uint64_t from, std::uint64_t to) const {
-  std::array<std::uint8_t, kPage> bytes;
-  to = std::min(to, in_.end());
-  return from >= to ||
-         (in_.ReadAt(from, to - from, bytes.data()) &&
-          std::all_of(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(to - from),
-                      [](std::uint8_t byte) { return byte == 0; }));
+  return !isFinished_ || in_.areZeros(end, (end + sector - 1) / sector * sector);
 }
 
 // Whether the first time that ends in the hole has, in it, bytes that the time before it had not as

@@ -11,7 +11,7 @@
 #include "Mdf4/rewrite/DataWriter.h"
 #include "Mdf4/rewrite/FoundData.h"
 #include "Mdf4/rewrite/RecordValues.h"
-#include "Mdf4/rewrite/TreeCopy.h"
+#include "Mdf4/rewrite/SourceGroup.h"
 
 namespace tolvex {
 
@@ -52,7 +52,6 @@ class SortedRecords {
   std::optional<Hole> findHole(ByteSpan bytes, std::uint64_t from, std::uint64_t position,
                                bool toEnd) const;
   bool endsOnSector(std::uint64_t end, std::uint64_t sector) const;
-  bool areZeros(std::uint64_t from, std::uint64_t to) const;
   void keepLast(ByteSpan bytes);
   bool timeFalls(ByteSpan bytes, std::uint64_t from, Hole hole) const;
   [[nodiscard]] bool takeBytes(ByteSpan bytes);

@@ -13,7 +13,7 @@
 #include "Mdf4/rewrite/DataWriter.h"
 #include "Mdf4/rewrite/FoundData.h"
 #include "Mdf4/rewrite/RecordValues.h"
-#include "Mdf4/rewrite/TreeCopy.h"
+#include "Mdf4/rewrite/SourceGroup.h"
 
 namespace tolvex {
 

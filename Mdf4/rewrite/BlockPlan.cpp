@@ -1,15 +1,13 @@
-// The writing side of TreeCopy.
+#include "Mdf4/rewrite/BlockPlan.h"
+
 #include <algorithm>
 #include <array>
 #include <cinttypes>
-#include <vector>
+#include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
-#include "Mdf4/base/System.h"
-#include "Mdf4/format/BlockParts.h"
 #include "Mdf4/format/BlockTraits.h"
 #include "Mdf4/rewrite/Notes.h"
-#include "Mdf4/rewrite/TreeCopy.h"
 
 namespace tolvex {
 namespace {
@@ -20,42 +18,34 @@ constexpr std::uint64_t kPiece = 64 * 1024;  // bytes that are copied at a time
 
 }  // namespace
 
-void TreeCopy::addHistory(const std::string& comment) {
-  m4FHRecord record = {};
-  constexpr std::uint64_t kNsPerTick = 100;
-  record.fh_time_ns = systemTicks() * kNsPerTick;
-  PlannedBlock block;
-  block.type = kFH;
-  block.links.resize(2);
-  block.links[link::fh_md_comment] = {newText(comment, kMD), false};
-  block.data = dataOf(record);
-  const std::size_t entry = place(std::move(block));
-  const std::size_t before = lastHistory_ == kNone ? 0 : lastHistory_;
-  const std::size_t index =
-      before == 0 ? std::size_t{link::hd_fh_first} : std::size_t{link::fh_fh_next};
-  blocks_[before].links[index] = {blocks_[entry].position, false};
+std::size_t BlockPlan::place(Block block) {
+  const std::uint64_t data = block.dataSize() + (block.unterminated ? 1 : 0);
+  block.position = out_.Allocate(kBlockHeaderSize + block.links.size() * kLinkSize + data, false);
+  if (block.source != 0) bySource_[block.source] = blocks_.size();
+  blocks_.push_back(std::move(block));
+  return blocks_.size() - 1;
 }
 
-void TreeCopy::setLink(std::size_t block, std::size_t index, std::uint64_t position) {
-  blocks_[block].links[index] = {position, false};
+std::size_t BlockPlan::placeText(const std::string& text, std::uint16_t type) {
+  Block block;
+  block.type = type;
+  block.data.assign(text.c_str(), text.c_str() + text.size() + 1);
+  return place(std::move(block));
 }
 
-void TreeCopy::setCycleCount(const SourceGroup& group, std::uint64_t records) {
-  auto record = recordOf<m4CGRecord>(blocks_[group.groupBlock].data);
-  record.cg_cycle_count = records;
-  blocks_[group.groupBlock].data = dataOf(record);
+const BlockPlan::Block* BlockPlan::find(std::uint64_t source) const {
+  const auto known = bySource_.find(source);
+  return known == bySource_.end() || known->second == kNone ? nullptr : &blocks_[known->second];
 }
 
-void TreeCopy::setReduction(std::size_t block, std::uint64_t cycles, std::uint64_t dataLink) {
-  auto record = recordOf<m4SRRecord>(blocks_[block].data);
-  record.sr_cycle_count = cycles;
-  blocks_[block].data = dataOf(record);
-  setLink(block, link::sr_data, dataLink);
+void BlockPlan::standFor(std::uint64_t data, std::uint64_t group, std::size_t copy) {
+  dataOfGroup_[group] = blocks_[copy].position;
+  dataOfData_.try_emplace(data, blocks_[copy].position);
 }
 
 // A link as it stands in the output.
-std::uint64_t TreeCopy::resolved(const PlannedBlock& block, std::size_t index) const {
-  const PlannedLink& link = block.links[index];
+std::uint64_t BlockPlan::resolved(const Block& block, std::size_t index) const {
+  const Link& link = block.links[index];
   if (!link.reference || link.position == 0) return link.position;
   if (const auto data = dataOfData_.find(link.position);
       data != dataOfData_.end() && mayLinkTo(block.type, index, kDG)) {
@@ -66,21 +56,19 @@ std::uint64_t TreeCopy::resolved(const PlannedBlock& block, std::size_t index) c
     }
     return data->second;
   }
-  const auto known = bySource_.find(link.position);
-  if (known == bySource_.end() || known->second == kNone) return 0;
-  const PlannedBlock& target = blocks_[known->second];
-  return mayLinkTo(block.type, index, target.type) ? target.position : 0;
+  const Block* const target = find(link.position);
+  return target != nullptr && mayLinkTo(block.type, index, target->type) ? target->position : 0;
 }
 
-bool TreeCopy::write() {
-  for (const PlannedBlock& block : blocks_) {
+bool BlockPlan::write() {
+  for (const Block& block : blocks_) {
     if (!write(block)) return false;
   }
   return true;
 }
 
-bool TreeCopy::write(const PlannedBlock& block) {
-  const std::uint64_t dataBytes = block.data.empty() ? block.dataBytes : block.data.size();
+bool BlockPlan::write(const Block& block) {
+  const std::uint64_t dataBytes = block.dataSize();
   const std::uint8_t nul = 0;
   BlockHeader header;
   header.type = block.type;
@@ -120,7 +108,7 @@ bool TreeCopy::write(const PlannedBlock& block) {
 }
 
 // A text or an attachment that cannot be read becomes an empty one.
-bool TreeCopy::writeWithoutData(PlannedBlock block) {
+bool BlockPlan::writeWithoutData(Block block) {
   noteLoss(report_,
            formatText("%s block at %" PRIu64 ": its %s cannot be read", letters(block.type).c_str(),
                       block.source, block.type == kAT ? "attachment" : "text"));
