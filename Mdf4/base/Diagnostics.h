@@ -4,15 +4,7 @@
 #include <string>
 #include <string_view>
 
-#if defined(__MINGW32__)  // where printf is not that of the standard
-#define TOLVEX_PRINTF(formatIndex, firstArgument) \
-  __attribute__((format(gnu_printf, formatIndex, firstArgument)))
-#elif defined(__GNUC__)
-#define TOLVEX_PRINTF(formatIndex, firstArgument) \
-  __attribute__((format(printf, formatIndex, firstArgument)))
-#else
-#define TOLVEX_PRINTF(formatIndex, firstArgument)
-#endif
+#include "Mdf4/base/SystemMacros.h"
 
 namespace tolvex {
 

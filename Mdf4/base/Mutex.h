@@ -6,11 +6,7 @@
 #include <condition_variable>
 #include <mutex>
 
-#if defined(__clang__)
-#define TOLVEX_THREAD_SAFETY(attribute) __attribute__((attribute))
-#else
-#define TOLVEX_THREAD_SAFETY(attribute)
-#endif
+#include "Mdf4/base/SystemMacros.h"
 
 // Of a member: its mutex.
 #define TOLVEX_GUARDED_BY(mutex) TOLVEX_THREAD_SAFETY(guarded_by(mutex))

@@ -1,10 +1,7 @@
 #include "Mdf4/base/Transposition.h"
 
 #include <algorithm>
-
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
+#include <cstring>
 
 namespace tolvex {
 namespace {
@@ -20,36 +17,32 @@ void moveTile(const std::uint8_t* stored, std::uint64_t rows, std::uint8_t* out,
 
 constexpr std::uint64_t kTile = 16;
 
-#if defined(__SSE2__)
+// A row of a full tile, in a register where there are such.
+using Row [[gnu::vector_size(kTile)]] = std::uint8_t;
+
 // Sixteen rows of sixteen columns. Four rounds of interleaving turn the index bits of row and
 // column around.
 void moveFullTile(const std::uint8_t* stored, std::uint64_t rows, std::uint8_t* out,
                   std::uint64_t columns) {
-  __m128i a[kTile];
-  __m128i b[kTile];
-  for (std::uint64_t c = 0; c < kTile; ++c) {
-    a[c] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(stored + c * rows));
-  }
-  const auto interleave = [](const __m128i* from, __m128i* to) {
+  Row a[kTile];
+  Row b[kTile];
+  for (std::uint64_t c = 0; c < kTile; ++c) std::memcpy(&a[c], stored + c * rows, kTile);
+  const auto interleave = [](const Row* from, Row* to) {
     for (std::uint64_t i = 0; i < kTile / 2; ++i) {
-      to[2 * i] = _mm_unpacklo_epi8(from[i], from[i + kTile / 2]);
-      to[2 * i + 1] = _mm_unpackhi_epi8(from[i], from[i + kTile / 2]);
+      const Row& even = from[i];
+      const Row& odd = from[i + kTile / 2];
+      to[2 * i] = __builtin_shufflevector(even, odd, 0, 16, 1, 17, 2, 18, 3, 19, 4, 20, 5, 21, 6,
+                                          22, 7, 23);
+      to[2 * i + 1] = __builtin_shufflevector(even, odd, 8, 24, 9, 25, 10, 26, 11, 27, 12, 28, 13,
+                                              29, 14, 30, 15, 31);
     }
   };
   interleave(a, b);
   interleave(b, a);
   interleave(a, b);
   interleave(b, a);
-  for (std::uint64_t r = 0; r < kTile; ++r) {
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out + r * columns), a[r]);
-  }
+  for (std::uint64_t r = 0; r < kTile; ++r) std::memcpy(out + r * columns, &a[r], kTile);
 }
-#else
-void moveFullTile(const std::uint8_t* stored, std::uint64_t rows, std::uint8_t* out,
-                  std::uint64_t columns) {
-  moveTile(stored, rows, out, columns, kTile, kTile);
-}
-#endif
 
 }  // namespace
 
