@@ -18,6 +18,27 @@ install(TARGETS tolvex EXPORT tolvex-targets INCLUDES DESTINATION ${CMAKE_INSTAL
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/tolvex DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
   COMPONENT development FILES_MATCHING PATTERN *.h)
 
+# On Windows a program looks for libraries beside itself: those of the compiler and zlib are laid
+# there too, for machines that have neither.
+if(MINGW AND BUILD_SHARED_LIBS)
+  set(RUNTIME_FOLDERS)
+  foreach(library libstdc++-6.dll libwinpthread-1.dll zlib1.dll)
+    execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${library}
+      OUTPUT_VARIABLE file OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
+    file(REAL_PATH ${file} file)
+    cmake_path(GET file PARENT_PATH folder)
+    list(APPEND RUNTIME_FOLDERS ${folder})
+  endforeach()
+  install(CODE "
+    set(CMAKE_GET_RUNTIME_DEPENDENCIES_PLATFORM windows+pe)
+    set(CMAKE_GET_RUNTIME_DEPENDENCIES_TOOL objdump)
+    set(CMAKE_GET_RUNTIME_DEPENDENCIES_COMMAND ${CMAKE_OBJDUMP})
+    file(GET_RUNTIME_DEPENDENCIES LIBRARIES $<TARGET_FILE:tolvex> DIRECTORIES ${RUNTIME_FOLDERS}
+      RESOLVED_DEPENDENCIES_VAR libraries UNRESOLVED_DEPENDENCIES_VAR those_of_windows)
+    file(INSTALL \${libraries} DESTINATION \${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR})"
+    COMPONENT runtime)
+endif()
+
 install(EXPORT tolvex-targets NAMESPACE tolvex:: DESTINATION ${TOLVEX_CMAKE_DIR}
   COMPONENT development)
 configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/tolvex-config.cmake.in

@@ -22,24 +22,22 @@ finish() {
 }
 trap finish EXIT
 
-# The compiler's own libraries and zlib are not beside the programs.
-compiler=$(x86_64-w64-mingw32-g++-posix -print-file-name=libstdc++-6.dll)
-prefix=$work/tolvex
-WINEPATH="Z:$(dirname "$(realpath "$compiler")");Z:/usr/x86_64-w64-mingw32/lib;Z:$prefix/bin"
-export WINEPATH
-
 wineboot --init
 
+# The installed folder has all that the programs need.
+prefix=$work/tolvex
 cmake --install build/mingw-check --prefix "$prefix" >"$work/install.log"
-wine build/mingw-check/bin/tolvex_interface_tests.exe
+cp build/mingw-check/bin/tolvex_interface_tests.exe "$prefix/bin"
+wine "$prefix/bin/tolvex_interface_tests.exe"
 
 cmake -G Ninja -S examples -B "$work/examples" -DCMAKE_BUILD_TYPE=Debug \
   -DCMAKE_TOOLCHAIN_FILE="$PWD/cmake/mingw-w64.cmake" -Dtolvex_DIR="$prefix/lib/cmake/tolvex"
 cmake --build "$work/examples"
+cp "$work"/examples/*.exe "$prefix/bin"
 
 data=$PWD/tests/data
 tolvex() { wine "$prefix/bin/tolvex.exe" "$@"; }
-example() { wine "$work/examples/$1.exe" "${@:2}" | tr -d '\r'; }
+example() { wine "$prefix/bin/$1.exe" "${@:2}" | tr -d '\r'; }
 # refused TEXT COMMAND...: it fails, and says the text.
 refused() {
   if "${@:2}" 2>message; then
@@ -68,17 +66,51 @@ tolvex doctor "$name"
 tolvex export "$name" -o 'таблицы'
 "$native" export "$name" -o tables
 diff -r tables 'таблицы'
+tolvex cat "$name" | head -n 1 | cmp - <(head -n 1 drive.log)
+
+# In folders whose names are longer than those that Windows takes as they are.
+deep=$(printf 'x%.0s' {1..150})
+deep=$deep/$deep
+tolvex export "$name" -o "$deep"
+diff -r tables "$deep"
+tolvex record drive.log -o "$deep/drive.mf4" --max-data-length 64
+cmp native.mf4 "$deep/drive.mf4"
+touch "$deep/next_1.mf4"
+refused next_1.mf4 tolvex record drive.log -o "$deep/next.mf4" --split-size 1M
 
 # An existing file stays unless it may be overwritten; a result takes the name of what was there.
 refused --force tolvex record drive.log -o "$name"
 tolvex record drive.log -o "$name" --force --max-data-length 64
 cmp native.mf4 "$name"
 "$native" recover "$data/unfinalized-00000170.MF4" -o native-recovered.mf4 || [ $? -eq 3 ]
-tolvex recover --verify "$data/unfinalized-00000170.MF4" -o "$name" || [ $? -eq 3 ]
+tolvex recover --verify "$data/unfinalized-00000170.MF4" -o "$deep/$name" || [ $? -eq 3 ]
+mv "$deep/$name" "$name"
 tolvex doctor "$name"
 "$native" cat native-recovered.mf4 >expected
 "$native" cat "$name" | cmp - expected
-[ -z "$(find . -maxdepth 1 -name '*.part')" ]
+
+# Ctrl-C leaves nothing of a result, and a recording that is whole.
+for _ in {1..60}; do cat drive.log; done >long.log
+"$native" record long.log -o long.mf4
+# stopped CODE PATTERN ARGUMENT...: is stopped once it has written to a file of this name, and ends
+# with the code.
+stopped() {
+  wine "$prefix/bin/tolvex.exe" "${@:3}" &
+  local program=$! files=() status=0
+  until [ -s "${files[0]-}" ]; do
+    kill -0 "$program"
+    mapfile -t files < <(compgen -G "$2")
+  done
+  kill -INT "$program"
+  wait "$program" || status=$?
+  [ "$status" -eq "$1" ]
+}
+stopped 58 'tolvex-*.part' recover long.mf4 -o stopped.mf4
+stopped 58 'stopped/tolvex-*.part' export long.mf4 -o stopped
+[ -z "$(find . -name '*.part' -o -path './stopped*' -type f)" ]
+stopped 0 stopped.mf4 record long.log -o stopped.mf4 --max-data-length 64
+tolvex doctor stopped.mf4
+[ "$(tolvex cat stopped.mf4 | wc -l)" -lt "$(wc -l <long.log)" ]
 
 # What is being recorded is locked.
 mkfifo live
@@ -90,7 +122,7 @@ until [ -s locked.mf4 ]; do
   kill -0 "$recorder"
   sleep 0.1
 done
-refused locked.mf4 tolvex record drive.log -o locked.mf4 --force
+refused 'locked by another recorder' tolvex record drive.log -o locked.mf4 --force
 refused 'locked by a recorder' tolvex recover "$data/unfinalized-00000170.MF4" -o locked.mf4
 exec 9>&-
 wait "$recorder"

@@ -7,6 +7,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "Mdf4/base/Bytes.h"
 
@@ -75,11 +76,16 @@ enum class FileKind : std::uint8_t { Regular, Folder, Other };
 
 struct FileStatus {
   FileKind kind = FileKind::Other;
-  int permissions = -1;  // as completeFile takes them; -1: none of its own
+  int permissions = -1;      // as completeFile takes them; -1: none of its own
+  std::uint64_t size = 0;    // bytes
+  std::int64_t changed = 0;  // when it was last written, to be compared
 };
 
 // Of what `path` and its symbolic links lead to. An error leaves `status` as it is.
 [[nodiscard]] int fileStatus(const std::string& path, FileStatus& status);
+// Whether both names lead to one file, or the descriptor is of the file that `path` leads to.
+[[nodiscard]] bool isSameFile(const std::string& path, const std::string& other);
+[[nodiscard]] bool isOpenAs(int descriptor, const std::string& path);
 // The name that symbolic links lead to, whether it exists or not. Nothing when one of them leads to
 // an open file, which has its name no longer or never had one.
 std::optional<std::string> behindLinks(const std::string& path);
@@ -104,6 +110,10 @@ enum class FileUse : std::uint8_t {
 // Takes the name `to` from whatever has it, at once.
 [[nodiscard]] int renameFile(const std::string& from, const std::string& to);
 void removeFile(const std::string& path);
+// Makes the folder and those that it lies in, where they are missing.
+[[nodiscard]] int makeFolders(const std::string& path);
+// The names of what lies in the folder, as far as they can be read.
+[[nodiscard]] std::vector<std::string> namesIn(const std::string& folder);
 // Has the names in a folder on the disk. A folder that cannot be read, or of a system that does not
 // know this, is left to the system.
 [[nodiscard]] int flushFolder(const std::string& folder);

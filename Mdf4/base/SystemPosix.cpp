@@ -261,7 +261,22 @@ int fileStatus(const std::string& path, FileStatus& status) {
                 : S_ISDIR(found.st_mode) ? FileKind::Folder
                                          : FileKind::Other;
   status.permissions = static_cast<int>(found.st_mode & kPermissionBits);
+  status.size = static_cast<std::uint64_t>(found.st_size);
+  constexpr std::int64_t kNsPerSecond = 1'000'000'000;
+  status.changed = found.st_mtim.tv_sec * kNsPerSecond + found.st_mtim.tv_nsec;
   return 0;
+}
+
+bool isSameFile(const std::string& path, const std::string& other) {
+  std::error_code none;
+  return std::filesystem::equivalent(path, other, none);
+}
+
+bool isOpenAs(int descriptor, const std::string& path) {
+  struct stat opened = {};
+  struct stat named = {};
+  return ::fstat(descriptor, &opened) == 0 && ::stat(path.c_str(), &named) == 0 &&
+         opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
 std::optional<std::string> behindLinks(const std::string& path) {
@@ -347,6 +362,22 @@ int renameFile(const std::string& from, const std::string& to) {
 
 void removeFile(const std::string& path) {
   ::unlink(path.c_str());
+}
+
+int makeFolders(const std::string& path) {
+  std::error_code error;
+  std::filesystem::create_directories(path, error);
+  return error.value();
+}
+
+std::vector<std::string> namesIn(const std::string& folder) {
+  std::vector<std::string> names;
+  std::error_code error;
+  std::filesystem::directory_iterator entries(folder, error);
+  for (; !error && entries != std::filesystem::directory_iterator(); entries.increment(error)) {
+    names.push_back(entries->path().filename());
+  }
+  return names;
 }
 
 int flushFolder(const std::string& folder) {

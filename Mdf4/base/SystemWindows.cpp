@@ -7,9 +7,13 @@
 // clang-format on
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <filesystem>
 #include <new>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -23,16 +27,43 @@ namespace {
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 constexpr std::size_t kMostPerCall = std::size_t{1} << 30;
 
-// An error of the system as one of errno, or, where that has none like it, as a negative number.
+// An error of the system as one of errno, or, where that has none that says as much, as a negative
+// number.
 int errorOf(DWORD error) {
+  constexpr int kLastWithText = EILSEQ;
+  if (error == ERROR_SHARING_VIOLATION) return -static_cast<int>(error);
   const std::error_condition condition =
       std::system_category().default_error_condition(static_cast<int>(error));
-  return condition.category() == std::generic_category() ? condition.value()
-                                                         : -static_cast<int>(error);
+  return condition.category() == std::generic_category() && condition.value() <= kLastWithText
+             ? condition.value()
+             : -static_cast<int>(error);
 }
 
 int lastError() {
   return errorOf(::GetLastError());
+}
+
+// From UTF-8; what is not UTF-8 becomes characters that no file's name has.
+std::wstring wideText(const std::string& text) {
+  const auto size = static_cast<int>(text.size());
+  std::wstring wide(text.size(), L'\0');  // which is enough
+  const int length = ::MultiByteToWideChar(CP_UTF8, 0, text.data(), size, wide.data(), size);
+  wide.resize(static_cast<std::size_t>(length));
+  return wide;
+}
+
+// The name as the system takes it. One that is too long becomes absolute, with the prefix of names
+// of any length.
+std::wstring wide(const std::string& path) {
+  constexpr std::size_t kTooLong = MAX_PATH - 12;  // for a folder
+  std::wstring name = wideText(path);
+  std::wstring full(::GetFullPathNameW(name.c_str(), 0, nullptr, nullptr), L'\0');
+  const auto size = static_cast<DWORD>(full.size());
+  const DWORD length = ::GetFullPathNameW(name.c_str(), size, full.data(), nullptr);
+  if (length < kTooLong || length >= size) return name;
+  full.resize(length);
+  if (full.starts_with(L"\\\\?\\") || full.starts_with(L"\\\\.\\")) return full;
+  return full.starts_with(L"\\\\") ? L"\\\\?\\UNC" + full.substr(1) : L"\\\\?\\" + full;
 }
 
 bool isFolder(const std::wstring& path) {
@@ -40,12 +71,40 @@ bool isFolder(const std::wstring& path) {
   return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
 
-std::wstring wide(const std::string& path) {
-  return pathOf(path).wstring();
-}
-
 HANDLE handleOf(int descriptor) {
   return reinterpret_cast<HANDLE>(::_get_osfhandle(descriptor));
+}
+
+// What tells an open file from others.
+struct Identity {
+  DWORD volume = 0;
+  DWORD high = 0;
+  DWORD low = 0;
+  bool operator==(const Identity&) const = default;
+};
+
+// Nothing for what is no file.
+std::optional<Identity> identityOf(HANDLE file) {
+  BY_HANDLE_FILE_INFORMATION found = {};
+  if (::GetFileInformationByHandle(file, &found) == 0) return std::nullopt;
+  return Identity{found.dwVolumeSerialNumber, found.nFileIndexHigh, found.nFileIndexLow};
+}
+
+std::optional<Identity> identityOf(const std::string& path) {
+  const HANDLE file = ::CreateFileW(wide(path).c_str(), 0, kShareAll, nullptr, OPEN_EXISTING,
+                                    FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+  if (file == INVALID_HANDLE_VALUE) return std::nullopt;
+  const std::optional<Identity> identity = identityOf(file);
+  ::CloseHandle(file);
+  return identity;
+}
+
+DWORD makeFolder(const std::wstring& path) {
+  return isFolder(path) || ::CreateDirectoryW(path.c_str(), nullptr) != 0 ? 0 : ::GetLastError();
+}
+
+std::uint64_t pairOf(DWORD high, DWORD low) {
+  return std::uint64_t{high} << 32 | low;
 }
 
 OVERLAPPED placeAt(std::uint64_t position) {
@@ -154,9 +213,7 @@ bool WindowsFile::open(const std::string& path, OpenMode mode, std::string& erro
   handle_ = ::CreateFileW(name.c_str(), access, creates ? FILE_SHARE_READ : kShareAll, nullptr,
                           creates ? OPEN_ALWAYS : OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (handle_ == INVALID_HANDLE_VALUE) {
-    const DWORD reason = ::GetLastError();
-    error = creates && reason == ERROR_SHARING_VIOLATION ? "locked by another recorder or program"
-                                                         : systemErrorText(errorOf(reason));
+    error = systemErrorText(lastError());
     return false;
   }
   const bool isFile = ::GetFileType(handle_) == FILE_TYPE_DISK;
@@ -202,8 +259,17 @@ unsigned processGeneration() {
 }
 
 std::string systemErrorText(int error) {
-  return error < 0 ? std::system_category().message(-error)
-                   : std::generic_category().message(error);
+  if (error == ECANCELED) return "Operation canceled";
+  if (error >= 0) return std::generic_category().message(error);
+  const auto number = static_cast<DWORD>(-error);
+  if (number == ERROR_SHARING_VIOLATION) return "locked by another recorder or program";
+  std::array<wchar_t, 512> text;
+  const DWORD size = ::FormatMessageW(
+      FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS | FORMAT_MESSAGE_MAX_WIDTH_MASK,
+      nullptr, number, 0, text.data(), static_cast<DWORD>(text.size()), nullptr);
+  if (size == 0) return "error " + std::to_string(number) + " of the system";
+  const std::wstring_view words(text.data(), size);
+  return pathText(words.substr(0, words.find_last_not_of(L". ") + 1));
 }
 
 long timeZoneSeconds() {
@@ -223,8 +289,24 @@ int fileStatus(const std::string& path, FileStatus& status) {
       ::CreateFileW(name.c_str(), 0, kShareAll, nullptr, OPEN_EXISTING, 0, nullptr);
   if (handle == INVALID_HANDLE_VALUE) return lastError();
   status.kind = ::GetFileType(handle) == FILE_TYPE_DISK ? FileKind::Regular : FileKind::Other;
+  BY_HANDLE_FILE_INFORMATION found = {};
+  if (::GetFileInformationByHandle(handle, &found) != 0) {
+    const FILETIME& time = found.ftLastWriteTime;
+    status.size = pairOf(found.nFileSizeHigh, found.nFileSizeLow);
+    status.changed = static_cast<std::int64_t>(pairOf(time.dwHighDateTime, time.dwLowDateTime));
+  }
   ::CloseHandle(handle);
   return 0;
+}
+
+bool isSameFile(const std::string& path, const std::string& other) {
+  const std::optional<Identity> identity = identityOf(path);
+  return identity && identity == identityOf(other);
+}
+
+bool isOpenAs(int descriptor, const std::string& path) {
+  const std::optional<Identity> identity = identityOf(path);
+  return identity && identity == identityOf(handleOf(descriptor));
 }
 
 std::optional<std::string> behindLinks(const std::string& path) {
@@ -245,9 +327,10 @@ std::optional<std::string> behindLinks(const std::string& path) {
   return pathText(target);
 }
 
+// Whoever keeps others from writing or removing it does so.
 bool isLocked(const std::string& path) {
-  const HANDLE handle = ::CreateFileW(wide(path).c_str(), GENERIC_WRITE, kShareAll, nullptr,
-                                      OPEN_EXISTING, 0, nullptr);
+  const HANDLE handle = ::CreateFileW(wide(path).c_str(), GENERIC_WRITE | DELETE, kShareAll,
+                                      nullptr, OPEN_EXISTING, 0, nullptr);
   if (handle == INVALID_HANDLE_VALUE) return ::GetLastError() == ERROR_SHARING_VIOLATION;
   ::CloseHandle(handle);
   return false;
@@ -298,6 +381,32 @@ int renameFile(const std::string& from, const std::string& to) {
 
 void removeFile(const std::string& path) {
   ::DeleteFileW(wide(path).c_str());
+}
+
+int makeFolders(const std::string& path) {
+  const std::filesystem::path name = pathOf(path);
+  const std::filesystem::path parent = name.parent_path();
+  DWORD error = makeFolder(wide(path));
+  if (error == ERROR_PATH_NOT_FOUND && !parent.empty() && parent != name) {
+    if (const int above = makeFolders(pathText(parent)); above != 0) return above;
+    error = makeFolder(wide(path));
+  }
+  return error == 0 ? 0 : errorOf(error);
+}
+
+std::vector<std::string> namesIn(const std::string& folder) {
+  struct Search {
+    HANDLE handle;
+    ~Search() { ::FindClose(handle); }
+  };
+  std::vector<std::string> names;
+  WIN32_FIND_DATAW found = {};
+  const Search search{::FindFirstFileW(wide(pathText(pathOf(folder) / "*")).c_str(), &found)};
+  bool more = search.handle != INVALID_HANDLE_VALUE;
+  for (; more; more = ::FindNextFileW(search.handle, &found) != 0) {
+    names.push_back(pathText(found.cFileName));
+  }
+  return names;
 }
 
 // Renaming writes through.

@@ -1,17 +1,14 @@
 // recoverFile: a recovery between named files.
 #include <cinttypes>
 #include <exception>
-#include <filesystem>
 #include <memory>
 #include <new>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/base/OutputLimit.h"
-#include "Mdf4/base/Paths.h"
 #include "Mdf4/base/ResultFile.h"
 #include "Mdf4/base/System.h"
 #include "Mdf4/format/WorkSizes.h"
@@ -78,9 +75,7 @@ MdfRecoveryReport recover(const std::string& input, const std::string& output,
     report.failure = std::move(why);
     return report;
   };
-  std::error_code none;
-  if (std::filesystem::equivalent(pathOf(input), pathOf(output), none))
-    return failed("the output is the input");
+  if (isSameFile(input, output)) return failed("the output is the input");
   std::string error;
   std::unique_ptr<SystemFile> in = openSystemFile(input, OpenMode::Read, error);
   if (in == nullptr) return failed(error);

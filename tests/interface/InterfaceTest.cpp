@@ -67,13 +67,13 @@ TEST(Interface, ErrorsReachTheCallbackAndDiagnosticsTheHandler) {
   DiagnosticCount count = {};
   countDiagnostics(&count);
   std::vector<std::string> errors;
-  MdfSigReader reader("no such file");
+  MdfSigReader reader("no such file \xFF");  // nor UTF-8
   reader.setErrorCallback([&](const std::string& error) { errors.push_back(error); });
   EXPECT_FALSE(reader.open());
   EXPECT_TRUE(MdfReader(kBusLog).open());
   dropDiagnostics();
 
-  EXPECT_EQ(errors, std::vector<std::string>{"Failed to open MDF4 file: no such file"});
+  EXPECT_EQ(errors, std::vector<std::string>{"Failed to open MDF4 file: no such file \xFF"});
   EXPECT_GT(count.texts, 0);
   EXPECT_EQ(count.unterminated, 0);
 }

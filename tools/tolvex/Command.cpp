@@ -5,10 +5,9 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
-#include <filesystem>
 
 #include "Mdf4/base/OutputLimit.h"
-#include "Mdf4/base/Paths.h"
+#include "Mdf4/base/System.h"
 
 namespace tolvex {
 
@@ -24,9 +23,9 @@ void addMaxOutput(CLI::App& command, std::optional<std::uint64_t>& bytes) {
 }
 
 OutputBudget budgetFor(std::optional<std::uint64_t> chosen, const std::string& input) {
-  std::error_code error;
-  const std::uintmax_t size = std::filesystem::file_size(pathOf(input), error);
-  return {.limit = outputLimit(chosen, error ? 0 : size)};
+  FileStatus status;
+  static_cast<void>(fileStatus(input, status));
+  return {.limit = outputLimit(chosen, status.size)};
 }
 
 void complain(std::string_view file, std::string_view what) {

@@ -16,6 +16,7 @@
 #include "Command.h"
 #include "CsvColumn.h"
 #include "Mdf4/base/Paths.h"
+#include "Mdf4/base/System.h"
 #include "Progress.h"
 #include "StopSignals.h"
 
@@ -232,10 +233,8 @@ int exportAll(MdfSigReader& reader, const ExportOptions& options) {
     return kFailed;
   }
   const std::filesystem::path folder = pathOf(options.output);
-  std::error_code error;
-  std::filesystem::create_directories(folder, error);
-  if (error) {
-    complain(options.output, error.message());
+  if (const int error = makeFolders(options.output); error != 0) {
+    complain(options.output, systemErrorText(error));
     return kFailed;
   }
   ExitCode soFar = kDone;

@@ -4,9 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 
-#include "Mdf4/base/Paths.h"
 #include "StopSignals.h"
 #include "System.h"
 
@@ -26,8 +24,7 @@ Output::Output()
 
 Output::Opened Output::open(const std::string& path, const std::string& input) {
   name_ = path;
-  std::error_code none;
-  if (std::filesystem::equivalent(pathOf(path), pathOf(input), none)) {
+  if (isSameFile(path, input)) {
     return Opened::IsTheInput;
   }
   if (!file_.open(path)) {

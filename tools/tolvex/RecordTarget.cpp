@@ -78,10 +78,8 @@ ExitCode RecordTarget::claim(const Rules& rules) {
 ExitCode RecordTarget::claimFollowing(const Rules& rules) const {
   const std::filesystem::path path = pathOf(path_);
   const std::string first = pathText(path.filename());
-  std::error_code error;
-  std::filesystem::directory_iterator entries(folderOf(path), error);
-  for (; !error && entries != std::filesystem::directory_iterator(); entries.increment(error)) {
-    const std::string number = numberOf(pathText(entries->path().filename()), first);
+  for (const std::string& found : namesIn(pathText(folderOf(path)))) {
+    const std::string number = numberOf(found, first);
     const std::string name = nameBehind(path_, number);
     FileStatus status;
     if (!number.empty() && fileStatus(name, status) == 0) {
@@ -98,8 +96,8 @@ ExitCode RecordTarget::claimFollowing(const Rules& rules) const {
 }
 
 void RecordTarget::abandon() {
-  std::error_code error;
-  if (created_ && std::filesystem::file_size(pathOf(path_), error) == 0) {
+  FileStatus status;
+  if (created_ && fileStatus(path_, status) == 0 && status.size == 0) {
     removeFile(path_);
   }
   created_ = false;
@@ -107,21 +105,21 @@ void RecordTarget::abandon() {
 
 // Files of an earlier recording are older than the first one of this.
 unsigned RecordTarget::finish() const {
-  std::error_code error;
-  const auto start = std::filesystem::last_write_time(pathOf(path_), error);
+  FileStatus first;
+  FileStatus next;
   unsigned files = 1;
-  if (error || !split_) {
+  if (!split_ || fileStatus(path_, first) != 0) {
     return files;
   }
   for (;; ++files) {
     const std::string path = nameBehind(path_, std::to_string(files));
-    const auto change = std::filesystem::last_write_time(pathOf(path), error);
-    if (!error && change < start) {
-      complain(path, "is of an earlier recording");
-    } else if (!error) {
-      continue;
+    if (fileStatus(path, next) != 0) {
+      return files;
     }
-    return files;
+    if (next.changed < first.changed) {
+      complain(path, "is of an earlier recording");
+      return files;
+    }
   }
 }
 

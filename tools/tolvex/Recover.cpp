@@ -4,13 +4,11 @@
 #include <tolvex/Mdf4.h>
 
 #include <CLI/CLI.hpp>
-#include <filesystem>
 #include <memory>
 #include <optional>
-#include <system_error>
 
 #include "Command.h"
-#include "Mdf4/base/Paths.h"
+#include "Mdf4/base/System.h"
 #include "Progress.h"
 #include "StopSignals.h"
 
@@ -77,8 +75,7 @@ void describe(const MdfRecoveryReport& report, const std::string& file) {
 }
 
 int recover(const RecoverOptions& options) {
-  std::error_code error;
-  if (std::filesystem::equivalent(pathOf(options.input), pathOf(options.output), error)) {
+  if (isSameFile(options.input, options.output)) {
     complain(options.output, "is the input itself; name another output");
     return kWrongUse;
   }

@@ -1,7 +1,5 @@
 #include "StopSignals.h"
 
-#include <csignal>
-
 #include "Command.h"
 
 namespace tolvex {
@@ -15,7 +13,7 @@ int runStoppable(const std::function<int()>& command) {
     signal = StopSignals::received();
   }
   if (signal != 0 && code == kFailed) {
-    std::raise(signal);
+    endBySignal(signal);
   }
   return code;
 }

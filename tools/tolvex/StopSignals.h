@@ -32,6 +32,9 @@ enum class Wake { Input, Stop, Timeout, Failure };
 [[nodiscard]] Wake waitForInput(int descriptor, bool untilStop,
                                 std::optional<std::chrono::milliseconds> timeout, int& error);
 
+// Ends the program as the signal does by itself.
+void endBySignal(int signal);
+
 // Runs a command that removes what it began when a signal makes it fail, and ends the program by
 // that signal afterwards. Gives the command's exit code.
 int runStoppable(const std::function<int()>& command);

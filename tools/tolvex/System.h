@@ -36,7 +36,5 @@ struct Transfer {
 // -1 where there are no positions.
 std::int64_t positionOf(int descriptor);
 [[nodiscard]] int moveTo(int descriptor, std::int64_t position);
-// Whether the descriptor is of the file that `path` leads to.
-bool isOpenAs(int descriptor, const std::string& path);
 
 }  // namespace tolvex

@@ -81,13 +81,6 @@ int moveTo(int descriptor, std::int64_t position) {
   return ::lseek(descriptor, position, SEEK_SET) < 0 ? errno : 0;
 }
 
-bool isOpenAs(int descriptor, const std::string& path) {
-  struct stat opened {};
-  struct stat named {};
-  return ::fstat(descriptor, &opened) == 0 && ::stat(path.c_str(), &named) == 0 &&
-         opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
-}
-
 // ---------------------------------------------------------------------------------------------
 // Signals
 
@@ -157,6 +150,10 @@ StopSignals::~StopSignals() {
 
 int StopSignals::received() {
   return receivedSignal;
+}
+
+void endBySignal(int signal) {
+  std::raise(signal);
 }
 
 Wake waitForInput(int descriptor, bool untilStop, std::optional<std::chrono::milliseconds> timeout,

@@ -30,7 +30,7 @@ HANDLE handleOf(int descriptor) {
 }
 
 int errorOf(DWORD error) {
-  if (error == ERROR_BROKEN_PIPE || error == ERROR_NO_DATA) {
+  if (error == ERROR_BROKEN_PIPE || error == ERROR_NO_DATA || error == ERROR_PIPE_NOT_CONNECTED) {
     return EPIPE;
   }
   const auto condition = std::system_category().default_error_condition(static_cast<int>(error));
@@ -137,23 +137,6 @@ int moveTo(int descriptor, std::int64_t position) {
   return ::_lseeki64(descriptor, position, SEEK_SET) < 0 ? errno : 0;
 }
 
-bool isOpenAs(int descriptor, const std::string& path) {
-  BY_HANDLE_FILE_INFORMATION opened = {};
-  BY_HANDLE_FILE_INFORMATION named = {};
-  const HANDLE file =
-      ::CreateFileW(pathOf(path).c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                    nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-  if (file == INVALID_HANDLE_VALUE) {
-    return false;
-  }
-  const bool known = ::GetFileInformationByHandle(file, &named) != 0 &&
-                     ::GetFileInformationByHandle(handleOf(descriptor), &opened) != 0;
-  ::CloseHandle(file);
-  return known && opened.dwVolumeSerialNumber == named.dwVolumeSerialNumber &&
-         opened.nFileIndexHigh == named.nFileIndexHigh &&
-         opened.nFileIndexLow == named.nFileIndexLow;
-}
-
 // ---------------------------------------------------------------------------------------------
 // Signals
 
@@ -194,6 +177,11 @@ StopSignals::~StopSignals() {
 
 int StopSignals::received() {
   return receivedSignal;
+}
+
+// With the code of programs that Ctrl-C ended.
+void endBySignal(int /*signal*/) {
+  std::exit(static_cast<int>(STATUS_CONTROL_C_EXIT));
 }
 
 namespace {
