@@ -1,15 +1,11 @@
 #include <algorithm>
-#include <list>
-#include <map>
 #include <mutex>
 #include <optional>
 #include <set>
-#include <unordered_map>
 #include <utility>
 
 #include "Mdf4/base/BitField.h"
-#include "Mdf4/reader/ChannelDescription.h"
-#include "Mdf4/reader/ReaderState.h"
+#include "Mdf4/reader/SignalStreams.h"
 #include "Mdf4/reader/Text.h"
 
 namespace tolvex {
@@ -18,23 +14,6 @@ namespace {
 // Records are read in pieces of about this many bytes, so that what a hostile count asks for is
 // only allocated as far as the file really delivers it.
 constexpr std::uint64_t kPiece = 256 * 1024;
-
-// Groups that were read lately keep what they read ahead and inflated, together so many bytes.
-// Not fewer: groups read in turn would inflate a block of some MiB for every record.
-constexpr std::uint64_t kMostHeld = 64 << 20;
-constexpr std::size_t kMostRecent = 256;
-
-struct GroupRecords {
-  int dg;
-  int cg;
-  RecordCursor cursor;
-
-  // The next record, or nothing when the data end before it does.
-  ByteSpan next() {
-    const ByteSpan record = cursor.next();
-    return record.size() == cursor.recordSize() ? record : ByteSpan();
-  }
-};
 
 // `count` records from number `start` on, in `out`. False unless all are there; those that are have
 // then been read all the same.
@@ -79,9 +58,21 @@ TimeRead readTime(GroupRecords& records, std::int64_t index, const MdfSigCCInfo&
   return TimeRead::Time;
 }
 
-bool hasValues(const TreeGroup& group) {
-  return std::ranges::find(group.channels, ChannelUse::Value, &TreeChannel::use) !=
-         group.channels.end();
+// The result of `work` with the records of (dg, cg); `none` without them or memory.
+template <class Result, class Work>
+Result withRecords(SignalStreams& streams, ReaderState& state, int dg, int cg, Result none,
+                   Work work) {
+  const std::lock_guard lock(streams.mutex);
+  return state.orOutOfMemory(none, [&] {
+    GroupRecords* const records = streams.find(dg, cg);
+    return records == nullptr ? none : work(*records);
+  });
+}
+
+int statedCount(const m4Block* group) {
+  if (group == nullptr) return 0;
+  const std::uint64_t count = static_cast<const M4CGBlock*>(group)->cg_cycle_count;
+  return static_cast<int>(static_cast<std::uint32_t>(count));
 }
 
 using Record = std::shared_ptr<MdfSignalRawData>;
@@ -94,36 +85,6 @@ Record toRawData(ByteSpan record) {
 }
 
 }  // namespace
-
-// What a signal reader and its copies share.
-struct SignalStreams {
-  bool readAllGroups = false;
-  std::mutex mutex;  // guards all below, and the file while records are read
-  std::map<std::pair<int, int>, GroupRecords> records;     // by (dg, cg)
-  std::unordered_map<const m4Block*, ChannelTexts> texts;  // by channel
-  std::map<const m4Block*, m4DataStream> values;           // of variable-length channels
-  std::list<m4DataStream*> recent;                         // last read first
-
-  // What a copy of a reader begins with, as ReaderState::forCopy.
-  static std::shared_ptr<SignalStreams> forCopy(const std::shared_ptr<SignalStreams>& streams,
-                                                const ReaderState& state);
-  void open(ReaderState& state);
-  void open(ReaderState& state, int dg, int cg);
-  void clear();
-  GroupRecords* find(int dg, int cg);
-  void keepInMind(m4DataStream& stream);
-  // False when the channel is null or was not there when the file was opened.
-  bool describe(ReaderState& state, const m4Block* channel, Tables tables,
-                MdfSigCCInfo& out) const {
-    const auto found = texts.find(channel);
-    if (found == texts.end()) return false;
-    return state.orOutOfMemory(false, [&] {
-      out = describeChannel(static_cast<const M4CNBlock&>(*channel), found->second, tables,
-                            state.longestText);
-      return true;
-    });
-  }
-};
 
 MdfSigReader::MdfSigReader(const std::string& path)
     : MdfBaseReader(path), streams_(std::make_shared<SignalStreams>()) {}
@@ -143,70 +104,6 @@ MdfSigReader& MdfSigReader::operator=(const MdfSigReader& other) {
 
 void MdfSigReader::setReadAllGroups(bool on) {
   streams_->readAllGroups = on;
-}
-
-// Before a stream is read: what the others that were read lately hold in memory is kept up to a
-// limit.
-void SignalStreams::keepInMind(m4DataStream& stream) {
-  if (!recent.empty() && recent.front() == &stream) return;
-  recent.remove(&stream);
-  recent.push_front(&stream);
-  std::uint64_t held = 0;
-  for (m4DataStream* const other : recent) {
-    if (held > kMostHeld) other->releaseBuffers();
-    held += other->heldBytes();
-  }
-  if (recent.size() > kMostRecent) {
-    recent.back()->releaseBuffers();
-    recent.pop_back();
-  }
-}
-
-// The records of (dg, cg), of the first group of dg when cg is negative; null when there are none
-// or the file is closed.
-GroupRecords* SignalStreams::find(int dg, int cg) {
-  const auto found = records.lower_bound({dg, std::max(cg, 0)});
-  if (found == records.end() || found->first.first != dg) return nullptr;
-  if (cg >= 0 && found->first.second != cg) return nullptr;
-  GroupRecords& wanted = found->second;
-  if (!wanted.cursor.data().file().isOpen()) return nullptr;
-  keepInMind(wanted.cursor.data());
-  return &wanted;
-}
-
-// Opens the group's records, unless there are none.
-void SignalStreams::open(ReaderState& state, int dg, int cg) {
-  const std::optional<RecordCursor> cursor = state.openRecords(dg, cg);
-  if (cursor) records.emplace(std::pair(dg, cg), GroupRecords{dg, cg, *cursor});
-}
-
-std::shared_ptr<SignalStreams> SignalStreams::forCopy(const std::shared_ptr<SignalStreams>& streams,
-                                                      const ReaderState& state) {
-  if (state.wasOpened) return streams;
-  auto own = std::make_shared<SignalStreams>();
-  own->readAllGroups = streams->readAllGroups;
-  return own;
-}
-
-void SignalStreams::clear() {
-  recent.clear();
-  records.clear();
-  values.clear();
-  texts.clear();
-}
-
-// Opens the records of all groups that are read, and learns what describes the channels.
-void SignalStreams::open(ReaderState& state) {
-  for (int dg = 0; const TreeDataGroup& data : state.tree.dataGroups()) {
-    for (int cg = 0; const TreeGroup& group : data.groups) {
-      if (readAllGroups || hasValues(group)) open(state, dg, cg);
-      for (const TreeChannel& channel : group.channels) {
-        texts.emplace(channel.block.get(), state.texts.load(*channel.block));
-      }
-      ++cg;
-    }
-    ++dg;
-  }
 }
 
 bool MdfSigReader::open() {
@@ -268,17 +165,12 @@ bool MdfSigReader::getTimeCCInfo(int dg, int cg, MdfSigCCInfo& out) {
 }
 
 int MdfSigReader::getRecordCount(int dg, int cg) {
-  const auto* const group = static_cast<const M4CGBlock*>(getCGBlock(dg, cg));
-  return group == nullptr ? 0 : static_cast<int>(static_cast<std::uint32_t>(group->cg_cycle_count));
+  return statedCount(getCGBlock(dg, cg));
 }
 
 std::uint64_t MdfSigReader::getStoredRecordCount(int dg, int cg) {
-  const std::lock_guard lock(streams_->mutex);
-  return state_->orOutOfMemory(std::uint64_t{0}, [&] {
-    GroupRecords* const records = streams_->find(dg, cg);
-    if (records == nullptr) return std::uint64_t{0};
-    return records->cursor.count();
-  });
+  return withRecords(*streams_, *state_, dg, cg, std::uint64_t{0},
+                     [](GroupRecords& records) { return records.cursor.count(); });
 }
 
 std::vector<int> MdfSigReader::getDataGroupSigsIndex() {
@@ -304,13 +196,9 @@ std::shared_ptr<MdfSignalRawData> MdfSigReader::readSignalData(int dg) {
 }
 
 std::shared_ptr<MdfSignalRawData> MdfSigReader::readSignalData(int dg, int cg) {
-  const std::lock_guard lock(streams_->mutex);
-  return state_->orOutOfMemory(Record(), [&] {
-    GroupRecords* const records = streams_->find(dg, cg);
-    if (records == nullptr) return Record();
-    const ByteSpan record = records->next();
-    if (state_->tree.findTime(dg, cg) == nullptr) return Record();
-    return toRawData(record);
+  return withRecords(*streams_, *state_, dg, cg, Record(), [&](GroupRecords& records) {
+    const ByteSpan record = records.next();
+    return state_->tree.findTime(dg, cg) == nullptr ? Record() : toRawData(record);
   });
 }
 
@@ -319,19 +207,15 @@ std::shared_ptr<MdfSignalRawData> MdfSigReader::readSignalDataByIndex(int dg, in
 }
 
 std::shared_ptr<MdfSignalRawData> MdfSigReader::readSignalDataByIndex(int dg, int cg, int index) {
-  const std::lock_guard lock(streams_->mutex);
-  return state_->orOutOfMemory(Record(), [&] {
-    GroupRecords* const records = streams_->find(dg, cg);
-    if (records == nullptr) return Record();
-    m4DataStream& data = records->cursor.data();
+  return withRecords(*streams_, *state_, dg, cg, Record(), [&](GroupRecords& records) {
+    m4DataStream& data = records.cursor.data();
     if (data.merges()) {
-      records->cursor.seek(index);
+      records.cursor.seek(index);
     } else {
-      const std::uint32_t product =
-          static_cast<std::uint32_t>(index) * records->cursor.recordSize();
+      const std::uint32_t product = static_cast<std::uint32_t>(index) * records.cursor.recordSize();
       data.Seek(static_cast<std::uint64_t>(static_cast<std::int32_t>(product)));
     }
-    return toRawData(records->next());
+    return toRawData(records.next());
   });
 }
 
@@ -342,13 +226,11 @@ bool MdfSigReader::readSignalDataBlock(int dg, int start, int count, std::vector
 
 bool MdfSigReader::readSignalDataBlock(int dg, int cg, int start, int count,
                                        std::vector<std::uint8_t>& out, int& recordSize) {
-  const std::lock_guard lock(streams_->mutex);
   recordSize = 0;
-  const bool isRead = state_->orOutOfMemory(false, [&] {
-    GroupRecords* const records = streams_->find(dg, cg);
-    if (records == nullptr || start < 0 || count < 1) return false;
-    recordSize = static_cast<int>(records->cursor.recordSize());
-    return readBlock(records->cursor, start, static_cast<std::uint64_t>(count), state_->file.end(),
+  const bool isRead = withRecords(*streams_, *state_, dg, cg, false, [&](GroupRecords& records) {
+    if (start < 0 || count < 1) return false;
+    recordSize = static_cast<int>(records.cursor.recordSize());
+    return readBlock(records.cursor, start, static_cast<std::uint64_t>(count), state_->file.end(),
                      out);
   });
   if (!isRead) out.clear();
@@ -356,55 +238,36 @@ bool MdfSigReader::readSignalDataBlock(int dg, int cg, int start, int count,
 }
 
 std::pair<double, double> MdfSigReader::readSignalTimeRange(int dg, int cg) {
-  const std::lock_guard lock(streams_->mutex);
   std::pair<double, double> range = {0, 0};
-  return state_->orOutOfMemory(range, [&] {
-    GroupRecords* const records = streams_->find(dg, cg);
+  return withRecords(*streams_, *state_, dg, cg, range, [&](GroupRecords& records) {
     MdfSigCCInfo time;
-    if (records == nullptr || !getTimeCCInfo(dg, cg, time)) return range;
-    const M4CGBlock* const group = state_->findGroup(records->dg, records->cg);
-    const int count = static_cast<int>(static_cast<std::uint32_t>(group->cg_cycle_count));
-    if (readTime(*records, 0, time, range.first) == TimeRead::NoRecord) return range;
-    readTime(*records, std::int64_t{count} - 1, time, range.second);
+    if (!getTimeCCInfo(dg, cg, time)) return range;
+    const int count = statedCount(state_->findGroup(records.dg, records.cg));
+    if (readTime(records, 0, time, range.first) == TimeRead::NoRecord) return range;
+    readTime(records, std::int64_t{count} - 1, time, range.second);
     return range;
   });
 }
 
 int MdfSigReader::findRecordIndexByTime(int dg, int cg, double time) {
-  const std::lock_guard lock(streams_->mutex);
-  return state_->orOutOfMemory(-1, [&] {
-    GroupRecords* const records = streams_->find(dg, cg);
+  return withRecords(*streams_, *state_, dg, cg, -1, [&](GroupRecords& records) {
     MdfSigCCInfo timeInfo;
-    if (records == nullptr || !getTimeCCInfo(dg, cg, timeInfo)) return -1;
-    const M4CGBlock* const group = state_->findGroup(records->dg, records->cg);
-    const int count = static_cast<int>(static_cast<std::uint32_t>(group->cg_cycle_count));
+    if (!getTimeCCInfo(dg, cg, timeInfo)) return -1;
+    const int count = statedCount(state_->findGroup(records.dg, records.cg));
     if (count < 1) return -1;
 
     double found = 0;
-    switch (readTime(*records, 0, timeInfo, found)) {
-      case TimeRead::Time:
-        if (found >= time) return 0;
-        break;
-      case TimeRead::NoTime:
-        break;
-      case TimeRead::NoRecord:
-        return -1;
-    }
-    switch (readTime(*records, count - 1, timeInfo, found)) {
-      case TimeRead::Time:
-        if (time > found) return -1;
-        break;
-      case TimeRead::NoTime:
-        break;
-      case TimeRead::NoRecord:
-        return -1;
-    }
+    const TimeRead first = readTime(records, 0, timeInfo, found);
+    if (first == TimeRead::NoRecord) return -1;
+    if (first == TimeRead::Time && found >= time) return 0;
+    const TimeRead last = readTime(records, count - 1, timeInfo, found);
+    if (last == TimeRead::NoRecord || (last == TimeRead::Time && time > found)) return -1;
     int low = 0;
     int high = count - 1;
     int result = -1;
     while (low <= high) {
       const int middle = low + (high - low) / 2;
-      if (readTime(*records, middle, timeInfo, found) != TimeRead::Time) return result;
+      if (readTime(records, middle, timeInfo, found) != TimeRead::Time) return result;
       if (found >= time) {
         result = middle;
         high = middle - 1;
@@ -421,10 +284,8 @@ void MdfSigReader::resetDataStream(int dg) {
 }
 
 void MdfSigReader::resetDataStream(int dg, int cg) {
-  const std::lock_guard lock(streams_->mutex);
-  state_->orOutOfMemory(false, [&] {
-    GroupRecords* const records = streams_->find(dg, cg);
-    if (records != nullptr) records->cursor.seek(0);
+  withRecords(*streams_, *state_, dg, cg, false, [](GroupRecords& records) {
+    records.cursor.seek(0);
     return true;
   });
 }
@@ -445,13 +306,7 @@ bool MdfSigReader::readValueBytes(int dg, int cg, int cn, const std::uint8_t* re
     const BitField place(channel->cn_byte_offset, 0, static_cast<std::uint32_t>(8 * length));
     const std::uint64_t offset = place.read({record, size});
     const std::lock_guard lock(streams_->mutex);
-    auto values = streams_->values.find(channel);
-    if (values == streams_->values.end()) {
-      values =
-          streams_->values.emplace(channel, state_->openStream(channel->link(link::cn_data))).first;
-    }
-    streams_->keepInMind(values->second);
-    return values->second.readValue(offset, out);
+    return streams_->valuesOf(*state_, *channel).readValue(offset, out);
   });
 }
 
