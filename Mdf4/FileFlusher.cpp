@@ -1,7 +1,8 @@
 #include "Mdf4/FileFlusher.h"
 
-#include <new>
 #include <utility>
+
+#include "Mdf4/base/Diagnostics.h"
 
 namespace tolvex {
 
@@ -90,11 +91,7 @@ void FileFlusher::run() {
       const bool last = watched->closed;
       lock.unlock();
       std::string error;
-      try {
-        error = flush(*watched, last);
-      } catch (const std::bad_alloc&) {  // for the text
-        error = "no memory";
-      }
+      noteFirst(error, [&] { return flush(*watched, last); });
       lock.lock();
       if (state.error.empty()) state.error = std::move(error);
       if (last) {

@@ -6,7 +6,9 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Mdf4/Channel.h"
@@ -14,6 +16,7 @@
 #include "Mdf4/FileFlusher.h"
 #include "Mdf4/Mdf4File.h"
 #include "Mdf4/Record.h"
+#include "Mdf4/base/Diagnostics.h"
 
 namespace tolvex {
 
@@ -145,8 +148,16 @@ class MdfRecorder {
   static std::size_t busLogKey(std::uint8_t busChannel, bool direction) {
     return std::size_t{2} * busChannel + (direction ? 1 : 0);
   }
+  // The result of `work`; false, which is noted, when there is no memory for it.
   template <class Work>
-  bool inMemory(Work work);
+  bool inMemory(Work work) {
+    try {
+      return work();
+    } catch (const std::bad_alloc&) {
+      noteError([] { return "out of memory"; });
+      return false;
+    }
+  }
   [[nodiscard]] std::unique_ptr<SystemFile> openSystemFileFor(const std::string& path,
                                                               std::string& error);
   [[nodiscard]] bool openFile(const std::string& path, std::uint64_t startTime,
@@ -167,7 +178,9 @@ class MdfRecorder {
   template <class Pack>
   [[nodiscard]] bool saveFrame(BusLog* log, std::uint64_t timestamp, Pack pack);
   template <class Describe>
-  void noteError(Describe describe) noexcept;
+  void noteError(Describe describe) noexcept {
+    noteFirst(firstError_, std::move(describe));
+  }
   DataGroup* groupForRecord(std::int64_t index);
 
   const FileOpener open_;

@@ -1,6 +1,7 @@
 // The library's own texts: to the standard output, or to the handler that a host handed in.
 #pragma once
 
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -18,6 +19,17 @@ void directDiagnostics(DiagnosticHandler handler, void* user);
 
 // printf into a string.
 std::string formatText(const char* format, ...) TOLVEX_PRINTF(1, 2);
+
+// Keeps the first error: unless there is one, `describe` makes its text.
+template <class Describe>
+void noteFirst(std::string& error, Describe describe) noexcept {
+  if (!error.empty()) return;
+  try {
+    error = describe();
+  } catch (const std::bad_alloc&) {
+    error = "out of memory";  // a string holds this much itself
+  }
+}
 
 // Bytes of a file in quotes; those that are no ASCII text as "\xNN".
 std::string quoted(std::string_view bytes);

@@ -4,8 +4,6 @@
 #include <array>
 #include <cinttypes>
 
-#include "Mdf4/base/Diagnostics.h"
-
 namespace tolvex {
 namespace {
 

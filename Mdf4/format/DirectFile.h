@@ -4,12 +4,12 @@
 #include <algorithm>
 #include <cstdint>
 #include <memory>
-#include <new>
 #include <span>
 #include <string>
 #include <utility>
 
 #include "Mdf4/base/Bytes.h"
+#include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/base/FileReads.h"
 #include "Mdf4/base/InflatedBlocks.h"
 #include "Mdf4/base/LoadBudget.h"
@@ -56,12 +56,7 @@ class DirectFile {
   // Notes what keeps something from being written; `describe` makes the text, if it is the first.
   template <class Describe>
   void noteWriteError(Describe describe) noexcept {
-    if (!writeError_.empty()) return;
-    try {
-      writeError_ = describe();
-    } catch (const std::bad_alloc&) {
-      writeError_ = "out of memory";  // a string holds this much itself
-    }
+    noteFirst(writeError_, std::move(describe));
   }
 
   // The position of a new block of `size` bytes at the end of the allocated area, rounded up to a
