@@ -287,10 +287,31 @@ void CanRecordDecoder::decodePayload(ByteSpan record, PayloadSource* payloads,
   message.payloadMissing_ = !isRemote && isMissing.value_or(length > 0);
 }
 
+void CanRecordDecoder::decodeErrorPayload(const Step& step, ByteSpan record,
+                                          PayloadSource* payloads, std::uint32_t limit,
+                                          MdfCanError& error) {
+  std::vector<std::uint8_t>& payload = error.dataBytes_;
+  if (!step.variableLength) {
+    const ByteSpan bytes = firstBytes(step.inRecord(record), limit);
+    payload.assign(bytes.begin(), bytes.end());
+    error.payloadMissing_ = !step.isInside(record, limit);
+    return;
+  }
+  const bool isFetched = step.fetch(record, payloads, payload);
+  error.payloadMissing_ = !isFetched && limit > 0;
+  if (isFetched && payload.size() > limit) payload.resize(limit);
+}
+
+void CanRecordDecoder::decodeErrorId(std::uint32_t id, MdfCanError& error) const {
+  error.MessageId(id);
+  if (!loggerRules_) return;
+  if (!hasExtended_) error.ExtendedId(error.MessageId() > kMaxStandardId);
+  error.MessageId(error.MessageId() & kIdentifierMask);
+}
+
 void CanRecordDecoder::decodeError(ByteSpan record, PayloadSource* payloads,
                                    MdfCanError& error) const {
   error.BusChannel(busChannel(record));
-  std::vector<std::uint8_t>& payload = error.dataBytes_;
   std::uint32_t limit = kNoLimit;
   for (const Step& step : steps_) {
     const std::uint64_t value = step.number.read(record);
@@ -300,15 +321,7 @@ void CanRecordDecoder::decodeError(ByteSpan record, PayloadSource* payloads,
         if (payloadByDlc_ && error.Dlc() <= kMaxDlc) limit = dlcToLength(error.Dlc());
         break;
       case CanField::DataBytes:
-        if (!step.variableLength) {
-          const ByteSpan bytes = firstBytes(step.inRecord(record), limit);
-          payload.assign(bytes.begin(), bytes.end());
-          error.payloadMissing_ = !step.isInside(record, limit);
-        } else {
-          const bool isFetched = step.fetch(record, payloads, payload);
-          error.payloadMissing_ = !isFetched && limit > 0;
-          if (isFetched && payload.size() > limit) payload.resize(limit);
-        }
+        decodeErrorPayload(step, record, payloads, limit, error);
         break;
       case CanField::DataLength:
         error.DataLength(static_cast<std::uint32_t>(value));
@@ -317,11 +330,7 @@ void CanRecordDecoder::decodeError(ByteSpan record, PayloadSource* payloads,
         error.Dir(value != 0);
         break;
       case CanField::ID:
-        error.MessageId(static_cast<std::uint32_t>(value));
-        if (loggerRules_) {
-          if (!hasExtended_) error.ExtendedId(error.MessageId() > kMaxStandardId);
-          error.MessageId(error.MessageId() & kIdentifierMask);
-        }
+        decodeErrorId(static_cast<std::uint32_t>(value), error);
         break;
       case CanField::IDE:
         error.ExtendedId(value != 0);

@@ -103,6 +103,9 @@ class CanRecordDecoder {
                         PayloadSource* payloads) const;
   std::uint8_t busChannel(ByteSpan record) const;
   void decodeMessage(ByteSpan record, PayloadSource* payloads, MdfCanMessage& message) const;
+  static void decodeErrorPayload(const Step& step, ByteSpan record, PayloadSource* payloads,
+                                 std::uint32_t limit, MdfCanError& error);
+  void decodeErrorId(std::uint32_t id, MdfCanError& error) const;
   void decodePayload(ByteSpan record, PayloadSource* payloads, MdfCanMessage& message) const;
   void decodeError(ByteSpan record, PayloadSource* payloads, MdfCanError& error) const;
 

@@ -18,13 +18,77 @@ constexpr std::uint64_t kReadDirectly = 64 * 1024;
 constexpr std::uint64_t kLargestGap = 1024;
 constexpr std::size_t kBlocksPerCall = 48;
 
-// Bytes of a compressed block that are read at a time.
-constexpr std::uint64_t kCompressedPiece = 256 * 1024;
+// Plain blocks that are read in one call, which also brings the headers between them.
+class NearBlocks {
+ public:
+  // What of block `first`, from `skip` on, and of those close behind it goes into `out`.
+  void plan(SegmentTable& table, std::size_t first, std::uint64_t skip, WritableBytes out) {
+    first_ = first;
+    position_ = table[first].position + skip;
+    blocks_ = 0;
+    pieceCount_ = 0;
+    std::uint64_t fileAt = position_;
+    for (std::size_t i = first; blocks_ < kBlocksPerCall && !out.empty(); ++i, ++blocks_) {
+      const DataSegment& segment = table[i];
+      if (i > first) {
+        const std::uint64_t block = segment.position - kBlockHeaderSize;
+        if (segment.length == 0 || segment.damaged || segment.type == block_type::kDZ ||
+            block < fileAt || block - fileAt > kLargestGap) {
+          return;
+        }
+        pieces_[pieceCount_++] = std::span(gap_).first(block - fileAt);
+        pieces_[pieceCount_++] = writableBytesOf(headers_[blocks_]);
+        fileAt = segment.position;
+      }
+      const std::uint64_t share =
+          std::min<std::uint64_t>(segment.length - (i == first ? skip : 0), out.size());
+      pieces_[pieceCount_++] = out.first(share);
+      out = out.subspan(share);
+      fileAt += share;
+    }
+  }
+
+  // Reads them and settles those that were not yet. Returns the bytes of blocks up to the first one
+  // that is compressed, damaged or not whole.
+  [[nodiscard]] std::uint64_t read(DirectFile& file, SegmentTable& table) {
+    std::uint64_t left = file.readPieces(position_, std::span(pieces_).first(pieceCount_));
+    std::uint64_t got = 0;
+    endsEarly_ = false;
+    for (std::size_t piece = 0, block = 0; block < blocks_; ++block) {
+      if (block > 0) {
+        const std::uint64_t between = pieces_[piece].size() + kBlockHeaderSize;
+        if (left < between) break;
+        left -= between;
+        piece += 2;
+        if (!table.settle(file, first_ + block, headers_[block])) break;
+        if (table[first_ + block].type == block_type::kDZ) break;
+      }
+      const std::uint64_t share = std::min<std::uint64_t>(left, pieces_[piece].size());
+      got += share;
+      left -= share;
+      endsEarly_ = share < pieces_[piece++].size();
+      if (endsEarly_) break;
+    }
+    return got;
+  }
+  // Whether the last block that was read is not whole.
+  bool endsEarly() const { return endsEarly_; }
+
+ private:
+  std::size_t first_ = 0;
+  std::uint64_t position_ = 0;  // in the file
+  std::size_t blocks_ = 0;
+  std::size_t pieceCount_ = 0;
+  bool endsEarly_ = false;
+  std::array<std::uint8_t, kLargestGap> gap_;
+  std::array<BlockHeader, kBlocksPerCall> headers_;
+  std::array<WritableBytes, 3 * kBlocksPerCall> pieces_;
+};
 
 }  // namespace
 
 m4DataStream::m4DataStream(DirectFile& file, std::shared_ptr<SegmentTable> table)
-    : file_(&file), table_(std::move(table)) {
+    : file_(&file), table_(std::move(table)), inflater_(file) {
   Seek(0);
 }
 
@@ -39,6 +103,7 @@ m4DataStream::m4DataStream(const m4DataStream& other)
       limit_(other.limit_),
       stale_(other.stale_),
       mostReadAhead_(other.mostReadAhead_),
+      inflater_(*other.file_),
       dataBytes_(other.dataBytes_),
       invalBytes_(other.invalBytes_) {}
 
@@ -178,15 +243,14 @@ std::uint64_t m4DataStream::heldBytes() const {
   for (const auto* const block : {&inflated_, &inflatedInvalidation_}) {
     if (*block != nullptr) bytes += (*block)->bytes.size();
   }
-  if (inflater_ != nullptr) bytes += inflater_->heldBytes();
-  return bytes + buffer_.size() + scratch_.size();
+  return bytes + buffer_.size() + scratch_.size() + inflater_.heldBytes();
 }
 
 void m4DataStream::releaseBuffers() {
   setWindow(nullptr, 0, 0);
   inflated_.reset();
   inflatedInvalidation_.reset();
-  if (inflater_ != nullptr) inflater_->releaseBuffers();
+  inflater_.releaseBuffers();
   buffer_.release();
   scratch_.release();
 }
@@ -224,62 +288,21 @@ std::uint64_t m4DataStream::wholeShares(std::uint64_t offset, std::uint64_t got,
 }
 
 // Reads blocks that are not compressed straight into the buffer: those that lie close together in
-// one call, which also brings the headers between them. The block at `offset` is settled. Returns
-// the bytes read: fewer in front of a compressed or damaged block and at the end of the file.
+// one call. The block at `offset` is settled. Returns the bytes read: fewer in front of a
+// compressed or damaged block and at the end of the file.
 std::uint64_t m4DataStream::readPlain(std::uint64_t offset, std::uint64_t length,
                                       std::uint8_t* buffer) {
-  std::array<std::uint8_t, kLargestGap> gap;
-  std::array<BlockHeader, kBlocksPerCall> headers;
-  std::array<WritableBytes, 3 * kBlocksPerCall> pieces;
+  NearBlocks blocks;
   std::uint64_t done = 0;
   while (done < length) {
     const std::size_t first = segmentAt(offset + done);
     if (first >= table_->count() || !table_->settle(*file_, first)) return done;
     if ((*table_)[first].type == block_type::kDZ) return done;
     const std::uint64_t skip = offset + done - (*table_)[first].start;
-    const std::uint64_t start = (*table_)[first].position + skip;
-
-    std::size_t pieceCount = 0;
-    std::size_t blocks = 0;
-    std::uint64_t planned = 0;
-    std::uint64_t fileAt = start;
-    for (std::size_t i = first; blocks < kBlocksPerCall && planned < length - done; ++i, ++blocks) {
-      const DataSegment& segment = (*table_)[i];
-      if (i > first) {
-        const std::uint64_t block = segment.position - kBlockHeaderSize;
-        if (segment.length == 0 || segment.damaged || segment.type == block_type::kDZ ||
-            block < fileAt || block - fileAt > kLargestGap) {
-          break;
-        }
-        pieces[pieceCount++] = std::span(gap).first(block - fileAt);
-        pieces[pieceCount++] = writableBytesOf(headers[blocks]);
-        fileAt = segment.position;
-      }
-      const std::uint64_t share =
-          std::min(segment.length - (i == first ? skip : 0), length - done - planned);
-      pieces[pieceCount++] = {buffer + done + planned, share};
-      planned += share;
-      fileAt += share;
-    }
-
-    std::uint64_t left = file_->readPieces(start, std::span(pieces).first(pieceCount));
-    std::uint64_t got = 0;
-    for (std::size_t piece = 0, block = 0; block < blocks; ++block) {
-      if (block > 0) {
-        const std::uint64_t between = pieces[piece].size() + kBlockHeaderSize;
-        if (left < between) break;
-        left -= between;
-        piece += 2;
-        if (!table_->settle(*file_, first + block, headers[block])) break;
-        if ((*table_)[first + block].type == block_type::kDZ) break;
-      }
-      const std::uint64_t share = std::min<std::uint64_t>(left, pieces[piece].size());
-      got += share;
-      left -= share;
-      if (share < pieces[piece++].size()) return done + got;
-    }
-    if (got == 0) return done;
+    blocks.plan(*table_, first, skip, {buffer + done, length - done});
+    const std::uint64_t got = blocks.read(*file_, *table_);
     done += got;
+    if (got == 0 || blocks.endsEarly()) return done;
   }
   return done;
 }
@@ -289,73 +312,7 @@ bool m4DataStream::inflate(std::size_t index) {
   if (inflated_ != nullptr && inflatedSegment_ == index) return true;
   if (inflated_ != nullptr && window_ == inflated_->bytes.data()) setWindow(nullptr, 0, 0);
   inflatedSegment_ = index;
-  return inflate((*table_)[index], inflated_);
-}
-
-// Puts the segment's bytes into `block`, in place of another one's: those that are in memory
-// already, or inflated anew, then in the same memory when nobody else uses it. Null when that
-// fails.
-bool m4DataStream::inflate(DataSegment& segment, std::shared_ptr<InflatedBlock>& block) {
-  const std::shared_ptr<InflatedBlock> before = std::move(block);
-  block = file_->inflatedBlocks().fetch(
-      segment.position, segment.length, readsValues_ ? file_->end() : 0,
-      [&](InflatedBlock& made, bool again) {
-        const std::uint64_t cost = std::max(segment.length, InflatedBlock::kLeastCost);
-        if (again && readsValues_ && !file_->budget().takeAgain(cost)) return false;
-        if (before.use_count() == 1) made.bytes = std::move(before->bytes);
-        return inflateBlock(segment, again, made);
-      });
-  return block != nullptr;
-}
-
-// A block that cannot be inflated counts as damaged, unless memory or the system's reads failed.
-bool m4DataStream::inflateBlock(DataSegment& segment, bool again, InflatedBlock& out) {
-  const std::uint64_t block = segment.position - kBlockHeaderSize;
-  const std::uint64_t failed = file_->reads().failures();
-  const auto report = [&](const std::string& text) {
-    file_->report(formatText("compressed data block at %" PRIu64 ": ", block) + text);
-  };
-  const auto fail = [&](const CompressedData::Fault& fault) {
-    segment.damaged = file_->reads().failures() == failed;
-    report(formatText("%s: expected %" PRIu64 ", found %" PRIu64, fault.what, fault.expected,
-                      fault.found));
-    return false;
-  };
-  BlockHeader header;
-  CompressedData data;
-  if (!file_->ReadAt(block, kBlockHeaderSize, &header) || !data.read(*file_, block, header)) {
-    return fail({"bytes in its record", sizeof data.record, 0});
-  }
-  if (const auto fault = data.faultFor(segment.length, *file_)) return fail(*fault);
-  const std::uint64_t compressed = data.record.dz_data_length;
-  if (!again && !file_->budget().takeLoad(compressed)) {
-    segment.damaged = true;
-    return false;
-  }
-  if (inflater_ == nullptr) inflater_ = std::make_unique<BlockInflater>(*file_, kCompressedPiece);
-  const Inflation result = inflater_->inflateRows(data, segment.length, out.bytes);
-  switch (result.end) {
-    case Inflation::Whole:
-      break;
-    case Inflation::Unreadable:
-      return fail({"compressed bytes", compressed, 0});
-    case Inflation::NoMemory:
-      report(formatText("no memory for its %" PRIu64 " bytes", segment.length));
-      return false;
-    case Inflation::TooLong:
-    case Inflation::Damaged:
-      segment.damaged = true;
-      report(formatText("its %" PRIu64 " bytes are no deflate stream of %" PRIu64 " bytes",
-                        compressed, segment.length));
-      return false;
-  }
-  // A whole stream that gives fewer bytes than stated is read as far as it goes.
-  out.size = result.bytes;
-  if (out.size < segment.length) {
-    report(formatText("expected %" PRIu64 " inflated bytes, found %" PRIu64, segment.length,
-                      out.size));
-  }
-  return true;
+  return inflater_.inflate((*table_)[index], readsValues_, inflated_);
 }
 
 // Data bytes first, then the invalidation bytes, then both spread into records from the last one to
@@ -407,7 +364,7 @@ std::uint64_t m4DataStream::readInvalidation(std::size_t index, std::uint64_t of
   }
   if (inflatedInvalidation_ == nullptr || invalidationSegment_ != index) {
     invalidationSegment_ = index;
-    if (!inflate(segment, inflatedInvalidation_)) return 0;
+    if (!inflater_.inflate(segment, readsValues_, inflatedInvalidation_)) return 0;
   }
   if (invalidation.size() >
       inflatedInvalidation_->size - std::min(offset, inflatedInvalidation_->size))

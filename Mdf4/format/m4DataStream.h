@@ -7,8 +7,8 @@
 
 #include "Mdf4/base/ByteBuffer.h"
 #include "Mdf4/base/Bytes.h"
-#include "Mdf4/format/BlockInflater.h"
 #include "Mdf4/format/DataBlocks.h"
+#include "Mdf4/format/SegmentInflater.h"
 #include "Mdf4/format/SegmentTable.h"
 
 namespace tolvex {
@@ -135,8 +135,6 @@ class m4DataStream {
   std::uint64_t readPlain(std::uint64_t offset, std::uint64_t length, std::uint8_t* buffer);
   std::uint64_t wholeShares(std::uint64_t offset, std::uint64_t got, std::uint64_t wanted);
   [[nodiscard]] bool inflate(std::size_t index);
-  [[nodiscard]] bool inflate(DataSegment& segment, std::shared_ptr<InflatedBlock>& block);
-  [[nodiscard]] bool inflateBlock(DataSegment& segment, bool again, InflatedBlock& out);
   std::uint64_t readMerged(std::uint64_t length, std::uint8_t* buffer, std::uint32_t records);
   std::uint64_t readInvalidation(std::size_t index, std::uint64_t offset,
                                  WritableBytes invalidation);
@@ -165,7 +163,7 @@ class m4DataStream {
   std::uint64_t mostReadAhead_ = 256 * 1024;
   ByteBuffer buffer_;
   ByteBuffer scratch_;
-  std::unique_ptr<BlockInflater> inflater_;
+  SegmentInflater inflater_;
   std::shared_ptr<InflatedBlock> inflated_;  // of inflatedSegment_; null: none
   std::size_t inflatedSegment_ = 0;
   std::shared_ptr<InflatedBlock> inflatedInvalidation_;  // of invalidationSegment_; null: none

@@ -4,7 +4,7 @@
 namespace tolvex {
 
 m4DataStream::m4DataStream(DirectFile& file, Blocks blocks)
-    : file_(&file), blocks_(std::move(blocks)) {
+    : file_(&file), inflater_(file), blocks_(std::move(blocks)) {
   if (blocks_.dataList != nullptr) firstList_ = blocks_.dataList->place(file);
   if (blocks_.columnList != nullptr) firstList_ = blocks_.columnList->place(file);
 }
