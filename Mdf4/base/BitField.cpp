@@ -6,7 +6,7 @@ namespace {
 constexpr std::size_t kWord = sizeof(std::uint64_t);
 
 // The eight bytes at `at`, with zeros for those behind the record.
-std::uint64_t wordAt(ByteSpan record, std::uint64_t at) {
+std::uint64_t wordAt(ByteSpan record, std::size_t at) {
   const std::size_t left = record.size() - at;
   if (left >= kWord) return loadNumber<std::uint64_t>(record.data() + at);
   if (record.size() >= kWord) {
@@ -22,9 +22,10 @@ std::uint64_t wordAt(ByteSpan record, std::uint64_t at) {
 // The field is near the end of the record or beyond it, touches nine bytes, or is big-endian.
 std::uint64_t BitField::readInSteps(ByteSpan record) const {
   if (bits_ == 0 || byte_ >= record.size()) return 0;
-  const std::uint64_t word = wordAt(record, byte_);
-  const bool hasNinth = touched_ > kWord && record.size() - byte_ > kWord;
-  const std::uint64_t ninth = hasNinth ? record[byte_ + kWord] : 0;
+  const std::size_t at = inMemory(byte_);
+  const std::uint64_t word = wordAt(record, at);
+  const bool hasNinth = touched_ > kWord && record.size() - at > kWord;
+  const std::uint64_t ninth = hasNinth ? record[at + kWord] : 0;
   if (order_ == ByteOrder::Big) {
     const std::uint64_t value = touched_ > kWord
                                     ? swapBytes(word) << (8 - shift_) | ninth >> shift_

@@ -4,6 +4,9 @@
 #include <cstdint>
 #include <memory>
 #include <new>
+#include <utility>
+
+#include "Mdf4/base/Bytes.h"
 
 namespace tolvex {
 
@@ -15,7 +18,9 @@ class ByteBuffer {
     constexpr std::uint64_t kUsual = std::uint64_t{64} << 20;
     if (size <= size_) return true;
     release();
-    bytes_.reset(new (std::nothrow) std::uint8_t[size]);
+    if (std::in_range<std::ptrdiff_t>(size)) {
+      bytes_.reset(new (std::nothrow) std::uint8_t[inMemory(size)]);
+    }
     if (bytes_ != nullptr) {
       size_ = size;
     } else if (size <= kUsual) {

@@ -5,7 +5,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <span>
+#include <utility>
 
 namespace tolvex {
 
@@ -14,6 +16,15 @@ static_assert(std::endian::native == std::endian::little,
 
 using ByteSpan = std::span<const std::uint8_t>;
 using WritableBytes = std::span<std::uint8_t>;
+
+// A count of bytes or objects as memory has them. Throws std::bad_alloc where no memory can have so
+// many, which a system of 32 bits may be asked for.
+constexpr std::size_t inMemory(std::uint64_t count) {
+  if constexpr (sizeof(std::size_t) < sizeof count) {
+    if (!std::in_range<std::ptrdiff_t>(count)) throw std::bad_alloc();
+  }
+  return static_cast<std::size_t>(count);
+}
 
 template <class Number>
 Number loadNumber(const std::uint8_t* bytes) {

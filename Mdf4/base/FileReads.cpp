@@ -70,8 +70,8 @@ void FileReads::noteFailure(std::uint64_t position, std::uint64_t length, const 
 bool FileReads::readSmall(std::uint64_t position, WritableBytes bytes) {
   while (!bytes.empty()) {
     const std::uint64_t number = position / PageCache::kPageSize;
-    const std::uint64_t offset = position % PageCache::kPageSize;
-    std::uint64_t count = std::min<std::uint64_t>(bytes.size(), PageCache::kPageSize - offset);
+    const std::size_t offset = position % PageCache::kPageSize;
+    std::size_t count = std::min(bytes.size(), PageCache::kPageSize - offset);
     const WritableBytes part = bytes.first(count);
     if (pages_.has(number) || loadPage(number)) {
       const ByteSpan page = pages_.page(number);
@@ -94,7 +94,7 @@ bool FileReads::loadPage(std::uint64_t number) {
   const WritableBytes page = pages_.room(number);
   const ReadResult result = readRaw(start, std::span(&page, 1));
   if (result.error != 0 || result.bytes < promised(start, PageCache::kPageSize)) return false;
-  pages_.keep(number, result.bytes);
+  pages_.keep(number, inMemory(result.bytes));
   return true;
 }
 

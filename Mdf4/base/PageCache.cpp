@@ -12,7 +12,7 @@ WritableBytes PageCache::room(std::uint64_t number) {
   return pages_->bytes[slot];
 }
 
-void PageCache::keep(std::uint64_t number, std::uint64_t bytes) {
+void PageCache::keep(std::uint64_t number, std::size_t bytes) {
   const std::size_t slot = number % kPageCount;
   pages_->numbers[slot] = number;
   pages_->filled[slot] = bytes;

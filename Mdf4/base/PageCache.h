@@ -14,7 +14,7 @@ namespace tolvex {
 // blocks costs a system call per page, not per block. Takes memory when the first page comes.
 class PageCache {
  public:
-  static constexpr std::uint64_t kPageSize = 4096;
+  static constexpr std::size_t kPageSize = 4096;
 
   bool has(std::uint64_t number) const {
     return pages_ != nullptr && pages_->numbers[number % kPageCount] == number;
@@ -26,7 +26,7 @@ class PageCache {
   }
   // Where to put the bytes of a page, which is there once it is kept. What had the place is gone.
   WritableBytes room(std::uint64_t number);
-  void keep(std::uint64_t number, std::uint64_t bytes);
+  void keep(std::uint64_t number, std::size_t bytes);
 
   // Drops the pages that hold some of the bytes.
   void forget(std::uint64_t position, std::uint64_t length);
@@ -37,7 +37,7 @@ class PageCache {
   static constexpr std::size_t kPageCount = 64;
   struct Pages {
     std::array<std::uint64_t, kPageCount> numbers;
-    std::array<std::uint64_t, kPageCount> filled;  // bytes
+    std::array<std::size_t, kPageCount> filled;  // bytes
     std::array<std::array<std::uint8_t, kPageSize>, kPageCount> bytes;
   };
 

@@ -13,7 +13,7 @@ constexpr std::size_t kMostRanges = 32 << 10;
 ReadResult readTwice(SystemFile& file, std::uint64_t position, WritableBytes bytes) {
   const ReadResult first = file.read(position, std::span(&bytes, 1));
   if (first.error == 0) return first;
-  const WritableBytes rest = bytes.subspan(first.bytes);
+  const WritableBytes rest = bytes.subspan(inMemory(first.bytes));
   const ReadResult second = file.read(position + first.bytes, std::span(&rest, 1));
   return {first.bytes + second.bytes, second.error};
 }
@@ -51,11 +51,11 @@ ReadResult SectorReader::readPiece(SystemFile& file, std::uint64_t position, Wri
   const std::uint64_t end = position + piece.size();
   for (std::uint64_t at = position; at < end;) {
     const ByteRange known = nextUnreadable(at, end);
-    const WritableBytes sound = piece.subspan(at - position, known.start - at);
+    const WritableBytes sound = piece.subspan(inMemory(at - position), inMemory(known.start - at));
     const ReadResult got = sound.empty() ? ReadResult{} : readTwice(file, at, sound);
     const bool ended = got.error == 0
                            ? got.bytes < sound.size()
-                           : !readSectors(file, at + got.bytes, sound.subspan(got.bytes));
+                           : !readSectors(file, at + got.bytes, sound.subspan(inMemory(got.bytes)));
     if (ended) {
       // Nothing unreadable stands behind the end of the file.
       const ByteRange first = nextUnreadable(position, end);
@@ -72,7 +72,8 @@ ReadResult SectorReader::readPiece(SystemFile& file, std::uint64_t position, Wri
 bool SectorReader::readSectors(SystemFile& file, std::uint64_t position, WritableBytes bytes) {
   while (!bytes.empty()) {
     const std::uint64_t sector = position / kSector * kSector;
-    const std::uint64_t length = std::min<std::uint64_t>(bytes.size(), sector + kSector - position);
+    const std::size_t length =
+        inMemory(std::min<std::uint64_t>(bytes.size(), sector + kSector - position));
     const ReadResult got = readTwice(file, position, bytes.first(length));
     if (got.error == 0 && got.bytes < length) return false;
     if (got.error != 0) {

@@ -174,7 +174,7 @@ void CanRecordDecoder::planError(const std::vector<CanFieldSlot>& layout) {
 
 ByteSpan CanRecordDecoder::Step::inRecord(ByteSpan record) const {
   if (offset >= record.size()) return {};
-  return firstBytes(record.subspan(offset), size);
+  return firstBytes(record.subspan(inMemory(offset)), size);
 }
 
 bool CanRecordDecoder::Step::isInside(ByteSpan record, std::uint32_t limit) const {
@@ -217,7 +217,7 @@ void CanRecordDecoder::decodeMessage(ByteSpan record, PayloadSource* payloads,
                                      MdfCanMessage& message) const {
   std::uint16_t marks = constantMarks_;
   for (const MarkByte& source : markBytes_) {
-    if (source.byte < record.size()) marks |= source.marks[record[source.byte]];
+    if (source.byte < record.size()) marks |= source.marks[record[inMemory(source.byte)]];
   }
   message.flags_ = static_cast<std::uint8_t>(marks);
   message.BusChannel(busChannel(record));

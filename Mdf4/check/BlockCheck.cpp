@@ -179,7 +179,7 @@ void BlockCheck::checkText(const FoundBlock& block) {
   std::array<char, kPiece> piece = {};
   bool terminated = false;
   for (std::uint64_t done = 0; done < block.dataBytes && !terminated; done += kPiece) {
-    const std::uint64_t length = std::min<std::uint64_t>(kPiece, block.dataBytes - done);
+    const std::size_t length = inMemory(std::min<std::uint64_t>(kPiece, block.dataBytes - done));
     if (!read(block.dataPosition() + done, length, piece.data())) break;
     const std::string_view text(piece.data(), length);
     terminated = text.find('\0') != std::string_view::npos;

@@ -45,7 +45,7 @@ bool BlockReader::deliverPlain(const StoredPart& part, ByteSink& sink) {
     const std::uint64_t start = part.position + part.length - stored.left();
     const std::uint64_t length = std::min(sizes_.piece, stored.left());
     const std::uint64_t got = stored.readSome(length, buffer_.data());
-    if (got != 0) sink.bytes({buffer_.data(), got}, start);
+    if (got != 0) sink.bytes({buffer_.data(), inMemory(got)}, start);
     progress_(got);
     if (got == length) continue;
     // What cannot be read is a finding elsewhere.
@@ -78,7 +78,7 @@ bool BlockReader::deliverInflated(const FoundBlock& block, const StoredPart& par
     fault = inflater_.inflateRows(*part.zip, part.length, rows_).fault(part.length);
     if (fault.empty()) {
       delivered = part.length;
-      sink.bytes({rows_.data(), part.length}, part.position);
+      sink.bytes({rows_.data(), inMemory(part.length)}, part.position);
     }
   } else {
     BlockInflater::Piece take;

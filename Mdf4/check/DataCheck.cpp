@@ -14,7 +14,7 @@ using namespace block_type;
 BlockLink DataCheck::link() const {
   const DataLink& link = walk_.link();
   if (link.from == 0) return first_;
-  return {link.from, link.index, link.position, link.target};
+  return {link.from, inMemory(link.index), link.position, link.target};
 }
 
 void DataCheck::step() {
@@ -259,7 +259,8 @@ void DataCheck::checkOffset() {
 // The invalidation bytes beside the records of the data block before.
 void DataCheck::checkInvalidation() {
   const std::uint64_t index = link::dl_data + walk_.list().stated + walk_.entry();
-  const BlockLink link = {kLD, index, walk_.list().linkPosition(index), walk_.linkAt(index)};
+  const BlockLink link = {kLD, inMemory(index), walk_.list().linkPosition(index),
+                          walk_.linkAt(index)};
   const std::optional<FoundBlock> block = blocks_.enterData(link);
   if (!block) {
     complete_ &= link.target == 0;

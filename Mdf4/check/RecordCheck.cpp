@@ -28,7 +28,8 @@ void SortedRecordCheck::bytes(ByteSpan piece, std::uint64_t position) {
   total_ += piece.size();
   while (!piece.empty()) {
     if (inRecord_ == 0) recordPosition_ = position;
-    const auto used = std::min<std::uint64_t>(recordSize_ - inRecord_, piece.size());
+    const std::size_t used =
+        inMemory(std::min<std::uint64_t>(recordSize_ - inRecord_, piece.size()));
     if (used == recordSize_) {
       watch_.check(piece.data(), position);
     } else {

@@ -90,7 +90,7 @@ CheckedValues::Prefix CheckedValues::readPrefix(std::uint64_t offset, std::uint3
     const std::uint64_t count = std::min(kPrefixSize - done, part.part.length - at);
     if (part.part.zip) {
       if (!inflate(part)) return Prefix::Unknown;
-      std::memcpy(bytes + done, inflated_->bytes.data() + at, count);
+      std::memcpy(bytes + done, inflated_->bytes.data() + at, inMemory(count));
     } else if (!walk_.read(part.part.position + at, count, bytes + done)) {
       return Prefix::Unknown;
     }
@@ -179,7 +179,7 @@ void RecordWatch::keep(ByteSpan piece, std::uint64_t offset) {
     const std::uint64_t to = std::min(field.offset + field.length, offset + piece.size());
     if (from >= to) return;
     std::memcpy(kept_.data() + field.keptAt + (from - field.offset), piece.data() + (from - offset),
-                to - from);
+                inMemory(to - from));
   };
   if (time_) keepField(time_->field);
   for (const Value& value : values_) {

@@ -23,7 +23,7 @@ bool BlockBytes::read(std::uint64_t bytes, std::uint8_t* to) {
 std::uint64_t BlockBytes::readSome(std::uint64_t bytes, std::uint8_t* to) {
   if (!inflated_ && read(bytes, to)) return bytes;
   if (bytes > left_) return 0;
-  const WritableBytes piece(to, bytes);
+  const WritableBytes piece(to, inMemory(bytes));
   const std::uint64_t got =
       inflated_ ? inflated_->Read(bytes, to) : file_.readPieces(position_, std::span(&piece, 1));
   pass(got);

@@ -45,18 +45,18 @@ void BlockInflater::releaseBuffers() {
 Inflation BlockInflater::inflate(std::uint64_t position, std::uint64_t length,
                                  std::uint64_t expected, const Piece& piece) {
   if (!out_.reserve(pieceSize_)) return {Inflation::NoMemory};
-  return run(position, length, expected, {out_.data(), pieceSize_}, &piece);
+  return run(position, length, expected, {out_.data(), inMemory(pieceSize_)}, &piece);
 }
 
 Inflation BlockInflater::inflateRows(const CompressedData& data, std::uint64_t bytes,
                                      ByteBuffer& rows) {
   ByteBuffer& target = data.isTransposed() ? columns_ : rows;
   if (!rows.reserve(bytes) || !target.reserve(bytes)) return {Inflation::NoMemory};
-  const Inflation result =
-      run(data.position, data.record.dz_data_length, bytes, {target.data(), bytes}, nullptr);
+  const Inflation result = run(data.position, data.record.dz_data_length, bytes,
+                               {target.data(), inMemory(bytes)}, nullptr);
   if (data.isTransposed() && result.end == Inflation::Whole) {
-    undoTransposition({target.data(), result.bytes}, data.record.dz_zip_parameter,
-                      {rows.data(), result.bytes});
+    undoTransposition({target.data(), inMemory(result.bytes)}, data.record.dz_zip_parameter,
+                      {rows.data(), inMemory(result.bytes)});
   }
   return result;
 }
@@ -83,15 +83,15 @@ Inflation BlockInflater::run(std::uint64_t position, std::uint64_t length, std::
       z.avail_in = static_cast<uInt>(next);
     }
     WritableBytes room =
-        out.subspan(piece != nullptr ? 0 : std::min<std::uint64_t>(done, out.size()));
+        out.subspan(piece != nullptr ? 0 : inMemory(std::min<std::uint64_t>(done, out.size())));
     if (room.empty()) room = beyond;
-    room = room.first(std::min<std::uint64_t>(room.size(), kMostAtOnce));
+    room = room.first(inMemory(std::min<std::uint64_t>(room.size(), kMostAtOnce)));
     z.next_out = room.data();
     z.avail_out = static_cast<uInt>(room.size());
     result = stream_->inflate(Z_NO_FLUSH);
     const std::uint64_t made = room.size() - z.avail_out;
     const std::uint64_t wanted = std::min(made, expected - std::min(expected, done));
-    if (piece != nullptr && *piece && wanted != 0) (*piece)(room.first(wanted));
+    if (piece != nullptr && *piece && wanted != 0) (*piece)(room.first(inMemory(wanted)));
     done += made;
     if (done > expected) return {Inflation::TooLong, done};
     if (made == 0 && z.avail_in == 0 && length == 0) break;  // the stream goes on, the block not

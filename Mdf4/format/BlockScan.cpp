@@ -80,7 +80,7 @@ std::string textStart(DirectFile& file, std::uint64_t position, std::uint64_t lo
   if (position == 0) return {};
   const BlockScan scan = scanBlock(file, position);
   if (!scan.sound() || !isText(scan.header.type)) return {};
-  std::string text(std::min(scan.dataBytes, longest), '\0');
+  std::string text(inMemory(std::min(scan.dataBytes, longest)), '\0');
   if (!file.ReadAt(scan.dataPosition(), text.size(), text.data())) return {};
   return text.substr(0, text.find('\0'));
 }

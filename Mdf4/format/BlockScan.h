@@ -36,7 +36,7 @@ struct BlockScan {
     return !has(HeaderFault::Outside) && !has(HeaderFault::Unreadable) &&
            !has(HeaderFault::NoBlock);
   }
-  std::uint64_t linkPosition(std::size_t index) const {
+  std::uint64_t linkPosition(std::uint64_t index) const {
     return position + kBlockHeaderSize + index * kLinkSize;
   }
   std::uint64_t dataPosition() const { return linkPosition(header.linkCount); }

@@ -20,7 +20,8 @@ bool M4DataBlock::readData(std::uint64_t position, std::uint64_t length) {
 bool M4DataBlock::reallocate(std::uint64_t bytes) {
   constexpr std::uint64_t kMost = std::numeric_limits<std::ptrdiff_t>::max() - kBlockHeaderSize;
   std::unique_ptr<std::uint8_t[]> bigger;
-  if (bytes <= kMost) bigger.reset(new (std::nothrow) std::uint8_t[kBlockHeaderSize + bytes]);
+  if (bytes <= kMost)
+    bigger.reset(new (std::nothrow) std::uint8_t[inMemory(kBlockHeaderSize + bytes)]);
   if (bigger != nullptr && buffer_ != nullptr) {
     std::copy_n(this->bytes(), std::min(size_, bytes), bigger.get() + kBlockHeaderSize);
   }

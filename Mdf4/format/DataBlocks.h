@@ -34,7 +34,7 @@ class M4DataBlock : public m4Block {
 
   // Copies as many leading bytes as fit; without `data`, zeros. Returns how many.
   std::uint64_t append(const std::uint8_t* data, std::uint64_t bytes) {
-    const std::uint64_t count = std::min(bytes, room());
+    const std::size_t count = inMemory(std::min(bytes, room()));
     if (data != nullptr) {
       copyRecord(end(), data, count);
     } else {
@@ -54,7 +54,7 @@ class M4DataBlock : public m4Block {
     written_ = false;
   }
   std::uint64_t room() const { return capacity_ - size_; }
-  ByteSpan data() const { return {bytes(), size_}; }
+  ByteSpan data() const { return {bytes(), inMemory(size_)}; }
 
  private:
   std::uint8_t* bytes() const { return buffer_ ? buffer_.get() + kBlockHeaderSize : nullptr; }

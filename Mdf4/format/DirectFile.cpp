@@ -54,7 +54,7 @@ bool DirectFile::attach(std::unique_ptr<SystemFile> file) {
 }
 
 bool DirectFile::ReadAt(std::uint64_t position, std::uint64_t length, void* buffer) {
-  const WritableBytes bytes(static_cast<std::uint8_t*>(buffer), length);
+  const WritableBytes bytes(static_cast<std::uint8_t*>(buffer), inMemory(length));
   bool done = false;
   if (file_ != nullptr && holds(position, length)) {
     position_ = position;
@@ -82,12 +82,12 @@ bool DirectFile::areZeros(std::uint64_t from, std::uint64_t to) {
   to = std::min(to, end_);
   if (from >= to) return true;
   return ReadAt(from, to - from, bytes.data()) &&
-         std::ranges::all_of(std::span(bytes).first(to - from),
+         std::ranges::all_of(std::span(bytes).first(inMemory(to - from)),
                              [](std::uint8_t byte) { return byte == 0; });
 }
 
 bool DirectFile::WriteAt(std::uint64_t position, std::uint64_t length, const void* data) {
-  const ByteSpan bytes(static_cast<const std::uint8_t*>(data), length);
+  const ByteSpan bytes(static_cast<const std::uint8_t*>(data), inMemory(length));
   return WriteAt(position, std::span(&bytes, 1));
 }
 

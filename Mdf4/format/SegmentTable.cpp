@@ -197,7 +197,7 @@ bool SegmentTable::append(DirectFile& file, const DataSegment& segment,
     const std::uint64_t wanted = expectedSize == 0 || segment.length == 0
                                      ? kUsualSegments
                                      : expectedSize / segment.length + 2;
-    data_.reserve(std::min(wanted, kMostReserved));
+    data_.reserve(inMemory(std::min(wanted, kMostReserved)));
   }
   data_.push_back(segment);
   data_.back().start = totalSize_;
@@ -228,9 +228,9 @@ void SegmentTable::finish(DirectFile& file) {
   };
   if (!std::is_sorted(data_.begin(), data_.end(), byPosition)) {
     byPosition_.resize(data_.size());
-    std::iota(byPosition_.begin(), byPosition_.end(), std::uint64_t{0});
+    std::iota(byPosition_.begin(), byPosition_.end(), std::size_t{0});
     std::ranges::stable_sort(byPosition_, {},
-                             [this](std::uint64_t index) { return data_[index].position; });
+                             [this](std::size_t index) { return data_[index].position; });
   }
   data_.push_back(terminator);
   if (!invalidation_.empty()) invalidation_.push_back({});
@@ -305,7 +305,7 @@ std::uint64_t SegmentTable::roomOf(std::size_t index) const {
         [](std::uint64_t value, const DataSegment& segment) { return value < segment.position; });
     return next == data_.end() - 1 ? kNoLimit : next->position - position;
   }
-  const auto positionOf = [this](std::uint64_t other) { return data_[other].position; };
+  const auto positionOf = [this](std::size_t other) { return data_[other].position; };
   if (*std::ranges::lower_bound(byPosition_, position, {}, positionOf) != index) return 0;
   const auto next = std::ranges::upper_bound(byPosition_, position, {}, positionOf);
   return next == byPosition_.end() ? kNoLimit : data_[*next].position - position;

@@ -77,7 +77,7 @@ class SegmentTable {
   std::vector<DataSegment> data_;
   std::vector<DataSegment> invalidation_;
   std::vector<std::uint64_t> emptyStarts_;  // of the empty segments, ascending
-  std::vector<std::uint64_t> byPosition_;  // the segments, only when they do not ascend in the file
+  std::vector<std::size_t> byPosition_;  // the segments, only when they do not ascend in the file
   std::uint64_t totalSize_ = 0;
   std::uint64_t presentSize_ = 0;
   bool columnStorage_ = false;

@@ -16,7 +16,7 @@ constexpr std::uint64_t kLargestLoaded = std::uint64_t{256} << 20;
 
 }  // namespace
 
-m4Block::m4Block(std::uint16_t type) : links_(traitsOf(type).leastLinks) {
+m4Block::m4Block(std::uint16_t type) : links_(inMemory(traitsOf(type).leastLinks)) {
   header_.type = type;
 }
 
@@ -40,7 +40,7 @@ bool m4Block::load(DirectFile& file, std::uint64_t position, const BlockHeader& 
   header_ = header;
   const std::uint64_t linkBytes = header.linkCount * kLinkSize;
   if (header.linkCount != 0) {
-    links_.assign(header.linkCount, 0);
+    links_.assign(inMemory(header.linkCount), 0);
     if (!file.ReadAt(position + kBlockHeaderSize, linkBytes, links_.data())) return false;
   }
   return readData(scan.dataPosition(), scan.dataBytes);
@@ -78,7 +78,7 @@ std::uint64_t m4Block::write(unsigned flags) {
   std::size_t count = 0;
   std::uint64_t start = position_;
   const auto add = [&](const void* bytes, std::uint64_t size) {
-    pieces[count++] = {static_cast<const std::uint8_t*>(bytes), size};
+    pieces[count++] = {static_cast<const std::uint8_t*>(bytes), inMemory(size)};
   };
   if ((flags & kSaveFixed) != 0) {
     add(&header_, kBlockHeaderSize);
@@ -110,7 +110,7 @@ const void* M4TXBlock::extraData(unsigned index, std::uint64_t& size) const {
 }
 
 bool M4TXBlock::readData(std::uint64_t position, std::uint64_t length) {
-  text_.resize(length);
+  text_.resize(inMemory(length));
   if (length == 0) return true;
   if (!file_->ReadAt(position, length, text_.data())) return false;
   text_.pop_back();

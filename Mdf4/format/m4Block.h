@@ -87,7 +87,7 @@ class m4BlockImpl : public m4Block, public Record {
     const std::uint64_t beyond = length - inRecord;
     *static_cast<Record*>(this) = Record{};
     if (!file_->ReadAt(position, inRecord, recordData())) return false;
-    extra_.assign((beyond + sizeof(Extra) - 1) / sizeof(Extra), Extra{});
+    extra_.assign(inMemory((beyond + sizeof(Extra) - 1) / sizeof(Extra)), Extra{});
     return beyond == 0 || file_->ReadAt(position + inRecord, beyond, extra_.data());
   }
 

@@ -36,14 +36,14 @@ class NearBlocks {
             block < fileAt || block - fileAt > kLargestGap) {
           return;
         }
-        pieces_[pieceCount_++] = std::span(gap_).first(block - fileAt);
+        pieces_[pieceCount_++] = std::span(gap_).first(inMemory(block - fileAt));
         pieces_[pieceCount_++] = writableBytesOf(headers_[blocks_]);
         fileAt = segment.position;
       }
       const std::uint64_t share =
           std::min<std::uint64_t>(segment.length - (i == first ? skip : 0), out.size());
-      pieces_[pieceCount_++] = out.first(share);
-      out = out.subspan(share);
+      pieces_[pieceCount_++] = out.first(inMemory(share));
+      out = out.subspan(inMemory(share));
       fileAt += share;
     }
   }
@@ -177,7 +177,7 @@ ByteSpan m4DataStream::nextSlowly(std::uint64_t length) {
 
 ByteSpan m4DataStream::nextMerged(std::uint64_t length) {
   if (!scratch_.reserve(length)) return {};
-  return {scratch_.data(), Read(length, scratch_.data(), 1)};
+  return {scratch_.data(), inMemory(Read(length, scratch_.data(), 1))};
 }
 
 ByteSpan m4DataStream::nextPlain(std::uint64_t length) {
@@ -198,11 +198,11 @@ ByteSpan m4DataStream::nextPlain(std::uint64_t length) {
   if (at_ < windowStart_ || at_ > windowEnd_ || wanted > windowEnd_ - at_) {
     // The bytes lie in blocks of different kinds, the file ends among them or a read failed.
     if (!scratch_.reserve(std::min(wanted, presentSize()))) return {};
-    return {scratch_.data(), assemble(std::min(wanted, presentSize()), scratch_.data())};
+    return {scratch_.data(), inMemory(assemble(std::min(wanted, presentSize()), scratch_.data()))};
   }
   const std::uint8_t* const bytes = window_ + (at_ - windowStart_);
   at_ += wanted;
-  return {bytes, wanted};
+  return {bytes, inMemory(wanted)};
 }
 
 // Reads ahead from at_: more each time that the reading goes on where the last piece ended.
@@ -299,7 +299,7 @@ std::uint64_t m4DataStream::readPlain(std::uint64_t offset, std::uint64_t length
     if (first >= table_->count() || !table_->settle(*file_, first)) return done;
     if ((*table_)[first].type == block_type::kDZ) return done;
     const std::uint64_t skip = offset + done - (*table_)[first].start;
-    blocks.plan(*table_, first, skip, {buffer + done, length - done});
+    blocks.plan(*table_, first, skip, {buffer + done, inMemory(length - done)});
     const std::uint64_t got = blocks.read(*file_, *table_);
     done += got;
     if (got == 0 || blocks.endsEarly()) return done;
@@ -321,7 +321,7 @@ std::uint64_t m4DataStream::readMerged(std::uint64_t length, std::uint8_t* buffe
                                        std::uint32_t records) {
   const std::uint64_t invalidationLength = std::uint64_t{records} * invalBytes_;
   if (invalidationLength > length) return 0;
-  std::vector<std::uint8_t> invalidation(invalidationLength);
+  std::vector<std::uint8_t> invalidation(inMemory(invalidationLength));
   const std::uint64_t wanted = length - invalidationLength;
   std::uint64_t done = 0;
   std::uint64_t invalidationDone = 0;
@@ -335,7 +335,8 @@ std::uint64_t m4DataStream::readMerged(std::uint64_t length, std::uint8_t* buffe
         std::min(chunk / dataBytes_ * invalBytes_, invalidationLength - invalidationDone);
     const std::uint64_t got =
         readInvalidation(index, offset / dataBytes_ * invalBytes_,
-                         WritableBytes(invalidation).subspan(invalidationDone, chunkInvalidation));
+                         WritableBytes(invalidation)
+                             .subspan(inMemory(invalidationDone), inMemory(chunkInvalidation)));
     invalidationDone += got;
     if (got != chunkInvalidation) break;
   }

@@ -63,7 +63,7 @@ class m4DataStream {
     if (at_ >= windowStart_ && at_ <= windowEnd_ && length <= windowEnd_ - at_ && !merges()) {
       const std::uint8_t* const bytes = window_ + (at_ - windowStart_);
       at_ += length;
-      return {bytes, length};
+      return {bytes, inMemory(length)};
     }
     return nextSlowly(length);
   }

@@ -42,7 +42,7 @@ constexpr std::uint8_t lengthToDlc(std::uint64_t length) {
     }
     return dlcs;
   }();
-  return length <= kMaxPayload ? kDlcs[length] : 8;
+  return length <= kMaxPayload ? kDlcs[inMemory(length)] : 8;
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -21,7 +21,7 @@ void ValueStarts::take(ByteSpan bytes) {
     }
     position_ += count;
     steps_ += count;
-    bytes = bytes.subspan(count);
+    bytes = bytes.subspan(inMemory(count));
     if (position_ - start_ >= kPrefix && left_ == 0) start_ = position_;
   }
 }

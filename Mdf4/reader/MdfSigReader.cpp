@@ -28,12 +28,12 @@ bool readBlock(RecordCursor& records, int start, std::uint64_t count, std::uint6
   // Merged records come whole, and are small; others may be cut anywhere.
   const std::uint64_t largest = stream.merges() ? std::max(kPiece / size * size, size) : kPiece;
   records.seek(start);
-  out.resize(std::min<std::uint64_t>(out.size(), total));
-  if (mayBeThere) out.reserve(std::min(total, fileSize));
+  out.resize(inMemory(std::min<std::uint64_t>(out.size(), total)));
+  if (mayBeThere) out.reserve(inMemory(std::min(total, fileSize)));
   for (std::uint64_t done = 0; done < total;) {
     const std::uint64_t piece = std::min(largest, total - done);
     const std::uint64_t at = mayBeThere ? done : 0;
-    if (out.size() < at + piece) out.resize(at + piece);
+    if (out.size() < at + piece) out.resize(inMemory(at + piece));
     const auto whole = static_cast<std::uint32_t>(piece / size);
     if (stream.Read(piece, out.data() + at, whole) != piece) return false;
     done += piece;

@@ -42,10 +42,10 @@ std::uint64_t LooseBlocks::nextMarker(std::uint64_t at, std::uint64_t end) {
   std::array<std::uint8_t, 16 * 1024> piece;
   while (at < end && end - at >= kBlockHeaderSize) {
     const std::uint64_t size = std::min<std::uint64_t>(piece.size(), end - at);
-    const WritableBytes bytes = std::span(piece).first(size);
+    const WritableBytes bytes = std::span(piece).first(inMemory(size));
     const std::uint64_t got =
         in_.ReadAt(at, size, piece.data()) ? size : in_.readPieces(at, std::span(&bytes, 1));
-    for (std::uint64_t i = 0; i + 1 < got; i += kBlockAlignment) {
+    for (std::size_t i = 0; i + 1 < got; i += kBlockAlignment) {
       if (piece[i] == '#' && piece[i + 1] == '#') return at + i;
     }
     at += got;
@@ -107,7 +107,7 @@ bool LooseBlocks::readRecord(const SourceGroup& group, const ListedBlock& block,
   if (!isPlainData(block.type) || size > kLargestRecord || block.bytes / size <= number) {
     return false;
   }
-  record.resize(size);
+  record.resize(inMemory(size));
   return in_.ReadAt(block.position + kBlockHeaderSize + number * size, size, record.data());
 }
 

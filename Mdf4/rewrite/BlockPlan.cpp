@@ -87,7 +87,7 @@ bool BlockPlan::write(const Block& block) {
   std::vector<std::uint8_t> piece = block.data;
   std::uint64_t done = 0;
   if (piece.empty()) {
-    piece.resize(std::min(kPiece, dataBytes));
+    piece.resize(inMemory(std::min(kPiece, dataBytes)));
     if (!in_.ReadAt(block.dataPosition, piece.size(), piece.data())) return writeWithoutData(block);
   }
   const std::array<ByteSpan, 3> pieces = {
@@ -97,7 +97,7 @@ bool BlockPlan::write(const Block& block) {
   if (!out_.WriteAt(block.position, pieces)) return false;
   std::uint64_t position = out_.position();
   for (done = piece.size(); done < dataBytes; done += piece.size()) {
-    piece.resize(std::min(kPiece, dataBytes - done));
+    piece.resize(inMemory(std::min(kPiece, dataBytes - done)));
     if (!in_.ReadAt(block.dataPosition + done, piece.size(), piece.data())) {
       return writeWithoutData(block);
     }

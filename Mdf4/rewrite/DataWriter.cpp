@@ -27,8 +27,8 @@ DataWriter::DataWriter(DirectFile& file, std::uint16_t type, std::uint64_t unit,
 std::uint8_t* DataWriter::room(std::uint64_t bytes) {
   if (bytes > capacity_ - used_) {
     const std::uint64_t wanted = std::max({used_ + bytes, 2 * capacity_, kSmallestBuffer});
-    std::unique_ptr<std::uint8_t[]> bigger(new std::uint8_t[wanted]);
-    if (used_ != 0) std::memcpy(bigger.get(), buffer_.get(), used_);
+    std::unique_ptr<std::uint8_t[]> bigger(new std::uint8_t[inMemory(wanted)]);
+    if (used_ != 0) std::memcpy(bigger.get(), buffer_.get(), inMemory(used_));
     buffer_ = std::move(bigger);
     capacity_ = wanted;
   }
@@ -52,16 +52,17 @@ bool DataWriter::writeBlock(std::uint64_t bytes) {
   header.type = type_;
   header.length = kBlockHeaderSize + bytes;
   const std::uint64_t position = file_.Allocate(header.length, false);
-  const std::array<ByteSpan, 2> pieces = {bytesOf(header), ByteSpan(buffer_.get(), bytes)};
+  const std::array<ByteSpan, 2> pieces = {bytesOf(header),
+                                          ByteSpan(buffer_.get(), inMemory(bytes))};
   failed_ = !file_.WriteAt(position, pieces);
   if (failed_) return false;
   if (hasChecksum_) {
-    checksum_ = static_cast<std::uint32_t>(crc32_z(checksum_, buffer_.get(), bytes));
+    checksum_ = static_cast<std::uint32_t>(crc32_z(checksum_, buffer_.get(), inMemory(bytes)));
   }
   blocks_.push_back({written_, position});
   written_ += bytes;
   used_ -= bytes;
-  std::memmove(buffer_.get(), buffer_.get() + bytes, used_);
+  std::memmove(buffer_.get(), buffer_.get() + bytes, inMemory(used_));
   return blocks_.size() - listed_ < blocksPerList_ || writeList();
 }
 
@@ -109,7 +110,7 @@ bool DataWriter::overwrite(std::uint64_t offset, ByteSpan bytes) {
 
 bool DataWriter::overwriteByte(std::uint64_t offset, std::uint8_t byte) {
   if (offset >= written_) {
-    buffer_[offset - written_] = byte;
+    buffer_[inMemory(offset - written_)] = byte;
     return !failed_;
   }
   std::uint8_t before = 0;
@@ -141,7 +142,7 @@ bool DataWriter::read(std::uint64_t offset, WritableBytes bytes) const {
       }
     }
     offset += count;
-    bytes = bytes.subspan(count);
+    bytes = bytes.subspan(inMemory(count));
   }
   return true;
 }

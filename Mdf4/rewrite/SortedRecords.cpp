@@ -118,7 +118,7 @@ std::uint64_t SortedRecords::filledBytes(const ListedBlock& block) {
   for (std::uint64_t end = start + block.bytes; end > start;) {
     const std::uint64_t from = std::max(start, (end - 1) / kPage * kPage);
     if (!in_.ReadAt(from, end - from, page.data())) return end - start;
-    while (end > from && page[end - from - 1] == 0) --end;
+    while (end > from && page[inMemory(end - from - 1)] == 0) --end;
     if (end > from) return std::min((end - start + size_ - 1) / size_ * size_, block.bytes);
   }
   return 0;
@@ -131,23 +131,23 @@ bool SortedRecords::takePiece(RecordBytes& bytes, std::uint64_t count, std::uint
   if (!oneByOne_ && skip_ == 0) {
     std::uint8_t* const place = records_.room(count);
     got = bytes.readSome(count, place);
-    if (position == 0 || !findHole({place, got}, 0, position, bytes.left() == 0)) {
-      keepLast({place, got});
+    if (position == 0 || !findHole({place, inMemory(got)}, 0, position, bytes.left() == 0)) {
+      keepLast({place, inMemory(got)});
       offset_ += got;
       return records_.commit(got);
     }
     piece_.assign(place, place + got);
   } else {
-    piece_.resize(count);
+    piece_.resize(inMemory(count));
     got = bytes.readSome(count, piece_.data());
-    piece_.resize(got);
+    piece_.resize(inMemory(got));
   }
   for (std::uint64_t at = 0; at < got;) {
     std::optional<Hole> hole;
     if (position != 0) hole = findHole(piece_, at, position, bytes.left() == 0);
     const std::uint64_t end = hole ? hole->start : got;
     if (!hole && at == 0) keepLast(piece_);
-    if (!takeBytes(ByteSpan(piece_).subspan(at, end - at))) return false;
+    if (!takeBytes(ByteSpan(piece_).subspan(inMemory(at), inMemory(end - at)))) return false;
     if (hole) leaveOut(hole->end - hole->start, position + hole->start, "zeros");
     if (hole && hole->end == got) openHole_ = position + got;
     at = hole ? hole->end : got;
@@ -168,7 +168,7 @@ std::optional<SortedRecords::Hole> SortedRecords::findHole(ByteSpan bytes, std::
   const bool goesOn = openHole_ != 0 && position + from == openHole_;
   std::uint64_t at = goesOn ? from : from + (sector - (position + from) % sector) % sector;
   for (; at < bytes.size(); at += sector - (position + at) % sector) {
-    if (bytes[at] != 0) continue;
+    if (bytes[inMemory(at)] != 0) continue;
     const auto zeros = std::find_if(bytes.begin() + static_cast<std::ptrdiff_t>(at), bytes.end(),
                                     [](std::uint8_t byte) { return byte != 0; });
     auto end = static_cast<std::uint64_t>(zeros - bytes.begin());
@@ -201,12 +201,13 @@ bool SortedRecords::timeFalls(ByteSpan bytes, std::uint64_t from, Hole hole) con
   const std::uint64_t next = inRecord < fieldEnd ? 0 : size_;
   const std::uint64_t end = hole.start + next + fieldEnd - inRecord;
   if (end > hole.end) return false;
-  const std::uint64_t bytesInHole =
-      std::min<std::uint64_t>(end - hole.start, fieldEnd - field.byteOffset);
+  const std::size_t bytesInHole =
+      inMemory(std::min<std::uint64_t>(end - hole.start, fieldEnd - field.byteOffset));
   const std::uint64_t start = end - bytesInHole;
-  const ByteSpan before = start >= from + size_
-                              ? bytes.subspan(start - size_, bytesInHole)
-                              : ByteSpan(last_).subspan(fieldEnd - bytesInHole, bytesInHole);
+  const ByteSpan before =
+      start >= from + size_
+          ? bytes.subspan(inMemory(start - size_), bytesInHole)
+          : ByteSpan(last_).subspan(inMemory(fieldEnd) - bytesInHole, bytesInHole);
   return std::ranges::any_of(before, [](std::uint8_t byte) { return byte != 0; });
 }
 
@@ -214,7 +215,7 @@ bool SortedRecords::timeFalls(ByteSpan bytes, std::uint64_t from, Hole hole) con
 void SortedRecords::keepLast(ByteSpan bytes) {
   const std::uint64_t rest = (offset_ + bytes.size()) % size_;
   if (bytes.size() < rest + size_) return;
-  const ByteSpan record = bytes.subspan(bytes.size() - rest - size_, size_);
+  const ByteSpan record = bytes.last(inMemory(rest + size_)).first(inMemory(size_));
   last_.assign(record.begin(), record.end());
 }
 
@@ -223,7 +224,7 @@ bool SortedRecords::takeBytes(ByteSpan bytes) {
   const std::uint64_t skipped = std::min<std::uint64_t>(skip_, bytes.size());
   skip_ -= skipped;
   offset_ += bytes.size();
-  bytes = bytes.subspan(skipped);
+  bytes = bytes.subspan(inMemory(skipped));
   return oneByOne_ ? takeRecords(bytes) : records_.append(bytes);
 }
 
@@ -233,7 +234,7 @@ bool SortedRecords::takeRecords(ByteSpan bytes) {
     const std::uint64_t count = std::min<std::uint64_t>(size_ - partial_.size(), bytes.size());
     partial_.insert(partial_.end(), bytes.begin(),
                     bytes.begin() + static_cast<std::ptrdiff_t>(count));
-    bytes = bytes.subspan(count);
+    bytes = bytes.subspan(inMemory(count));
     if (partial_.size() < size_) break;
     // Behind the records that are counted there may be more, or room that was never used.
     ended_ = group_.record.cg_cycle_count != 0 &&

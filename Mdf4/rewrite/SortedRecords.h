@@ -30,7 +30,7 @@ class SortedRecords {
         records_(records),
         size_(group.recordSize()),
         pieceSize_(std::max(sizes.piece / size_, std::uint64_t{1}) * size_),
-        last_(size_) {}
+        last_(inMemory(size_)) {}
 
   // False when a write fails.
   [[nodiscard]] bool copy(const FoundData& run, const Done& done);

@@ -78,7 +78,7 @@ bool SourceBlocks::load(std::uint64_t position, std::uint16_t from, std::size_t 
   }
   block.type = header.type;
   block.source = position;
-  std::vector<std::uint64_t> links(header.linkCount);
+  std::vector<std::uint64_t> links(inMemory(header.linkCount));
   if (!in_.ReadAt(position + kBlockHeaderSize, links.size() * kLinkSize, links.data()))
     return false;
   block.dataPosition = position + kBlockHeaderSize + links.size() * kLinkSize;
@@ -116,7 +116,7 @@ bool SourceBlocks::loadData(BlockPlan::Block& block, BlockRoom room) {
     }
     block.dataBytes = sizeof record + record.at_embedded_size;
   } else if (room.dataBytes <= kLongest) {
-    block.data.resize(room.dataBytes);
+    block.data.resize(inMemory(room.dataBytes));
     if (!in_.ReadAt(block.dataPosition, room.dataBytes, block.data.data())) return false;
   }
   return hasSoundFields(in_, block.type, block.dataPosition, room);

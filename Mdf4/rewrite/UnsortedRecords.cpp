@@ -35,7 +35,7 @@ SplitGroup::SplitGroup(SourceGroup& group, DataWriter& records, RecordValues& va
 
 bool SplitGroup::takeRecord(const std::uint8_t* bytes) {
   const std::uint64_t size = group_.recordSize();
-  if (channels_.empty()) return records_.append({bytes, size});
+  if (channels_.empty()) return records_.append({bytes, inMemory(size)});
   Waiting record = {{bytes, bytes + size}};
   bool kept = true;
   for (std::size_t i = 0; i < channels_.size() && kept; ++i) {
@@ -110,13 +110,13 @@ std::uint64_t SplitGroup::takePairs(const PairLayout& layout, ByteSpan bytes, bo
       break;
     }
     std::uint8_t* const copied = records + recordBytes;
-    copyRecord(copied, record, recordSize);
+    copyRecord(copied, record, inMemory(recordSize));
     const std::uint64_t offset = firstOffset + valueBytes;
     std::memcpy(copied + place.byteOffset, &offset, sizeof offset);
     if (size <= kStep) {  // an id follows, so as many bytes can be read
       std::memcpy(values + valueBytes, value, kStep);
     } else {
-      copyRecord(values + valueBytes, value, size);
+      copyRecord(values + valueBytes, value, inMemory(size));
     }
     recordBytes += recordSize;
     valueBytes += size;
@@ -214,7 +214,7 @@ UnsortedRecords::UnsortedRecords(DirectFile& in, std::uint8_t recordIdSize, cons
 
 void UnsortedRecords::addKind(std::uint64_t id, const Kind& kind) {
   const auto [entry, isNew] = kinds_.try_emplace(id, kind);
-  if (isNew && id < usual_.size()) usual_[id] = &entry->second;
+  if (isNew && id < usual_.size()) usual_[inMemory(id)] = &entry->second;
 }
 
 void UnsortedRecords::addGroup(SplitGroup& group) {
@@ -231,7 +231,7 @@ void UnsortedRecords::addValues(const SourceGroup& values, SplitGroup* group, st
 
 const UnsortedRecords::Kind* UnsortedRecords::kindAt(std::uint64_t at) {
   const auto id = loadNumber<std::uint64_t>(window_.data() + at_ + at) & idMask_;
-  if (id < usual_.size()) return usual_[id];
+  if (id < usual_.size()) return usual_[inMemory(id)];
   const auto found = kinds_.find(id);
   return found == kinds_.end() ? nullptr : &found->second;
 }
@@ -240,7 +240,7 @@ const UnsortedRecords::Kind* UnsortedRecords::kindAt(std::uint64_t at) {
 bool UnsortedRecords::fill(std::uint64_t bytes) {
   if (windowEnd_ - at_ >= bytes) return true;
   if (at_ > sizes_.piece) {
-    std::memmove(window_.data(), window_.data() + at_, windowEnd_ - at_);
+    std::memmove(window_.data(), window_.data() + at_, inMemory(windowEnd_ - at_));
     windowEnd_ -= at_;
     at_ = 0;
   }
@@ -251,7 +251,7 @@ bool UnsortedRecords::fill(std::uint64_t bytes) {
     }
     const std::uint64_t count = std::min(block_->left(), sizes_.piece);
     if (window_.size() < windowEnd_ + count + kSlack) {
-      window_.resize(windowEnd_ + count + kSlack + sizes_.piece);
+      window_.resize(inMemory(windowEnd_ + count + kSlack + sizes_.piece));
     }
     const std::uint64_t got = block_->readSome(count, window_.data() + windowEnd_);
     windowEnd_ += got;
@@ -323,7 +323,7 @@ bool UnsortedRecords::take(std::uint64_t size) {
   const std::uint8_t* const record = window_.data() + at_ + idSize_;
   at_ += size;
   if (kind.group == nullptr) return true;
-  return kind.isValue ? kind.group->takeValue(kind.channel, {record, size - idSize_})
+  return kind.isValue ? kind.group->takeValue(kind.channel, {record, inMemory(size - idSize_)})
                       : kind.group->takeRecord(record);
 }
 
@@ -339,7 +339,8 @@ bool UnsortedRecords::takePairs(std::uint64_t firstSize) {
   };
   const SplitGroup::PairLayout layout = {idSize_, idMask_, idAt(0), idAt(firstSize), next.channel};
   bool written = true;
-  at_ += kind.group->takePairs(layout, ByteSpan(window_).subspan(at_, windowEnd_ - at_), written);
+  const ByteSpan bytes(window_.data() + at_, inMemory(windowEnd_ - at_));
+  at_ += kind.group->takePairs(layout, bytes, written);
   return written;
 }
 

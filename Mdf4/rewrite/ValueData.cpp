@@ -30,7 +30,7 @@ bool ValueData::copy(DirectFile& in, const FoundData& run) {
         std::uint8_t* const place = writer_.room(count);
         if (place == nullptr) return false;
         const std::uint64_t got = bytes.readSome(count, place);
-        starts_.take({place, got});
+        starts_.take({place, inMemory(got)});
         if (!writer_.commit(got)) return false;
         const std::uint64_t unreadable = got == count ? 0 : bytes.passUnreadable();
         lose(offset + got, unreadable);
@@ -56,7 +56,7 @@ bool ValueData::coverRest() {
   while (at < writer_.size()) {
     constexpr std::array<std::uint8_t, kPrefix> kZeros = {};
     const std::uint64_t room = writer_.size() - at;
-    if (room < kPrefix && !writer_.append(ByteSpan(kZeros).subspan(room))) return false;
+    if (room < kPrefix && !writer_.append(ByteSpan(kZeros).subspan(inMemory(room)))) return false;
     const std::uint64_t covered = std::min<std::uint64_t>(
         writer_.size() - at - kPrefix, std::numeric_limits<std::uint32_t>::max());
     const auto length = static_cast<std::uint32_t>(covered);
@@ -118,7 +118,7 @@ std::optional<std::uint64_t> ValueData::addAgain(std::uint64_t offset, std::uint
   for (std::uint64_t done = 0; done < size;) {
     const std::uint64_t count = std::min(size - done, pieceSize_);
     std::uint8_t* const place = writer_.room(count);
-    if (place == nullptr || !writer_.read(offset + done, {place, count}) ||
+    if (place == nullptr || !writer_.read(offset + done, {place, inMemory(count)}) ||
         !writer_.commit(count)) {
       return std::nullopt;
     }
