@@ -1,6 +1,7 @@
 // Little-endian numbers at any address.
 #pragma once
 
+#include <algorithm>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -44,6 +45,10 @@ inline void copyRecord(std::uint8_t* to, const std::uint8_t* from, std::size_t s
   }
   for (std::size_t at = 0; at + kStep < size; at += kStep) std::memcpy(to + at, from + at, kStep);
   std::memcpy(to + size - kStep, from + size - kStep, kStep);  // overlaps the step before
+}
+
+inline bool areZeros(ByteSpan bytes) {
+  return std::ranges::all_of(bytes, [](std::uint8_t byte) { return byte == 0; });
 }
 
 // The bytes of an object that is stored as it stands.

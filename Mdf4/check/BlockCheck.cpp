@@ -47,9 +47,21 @@ void BlockCheck::enter(const FoundBlock& block, const FieldFaults& faults) {
   }
 }
 
-void BlockCheck::checkReserved(std::uint64_t position, std::uint16_t type, const char* field,
-                               ByteSpan bytes) {
-  if (std::ranges::all_of(bytes, [](std::uint8_t byte) { return byte == 0; })) return;
+void BlockCheck::checkReserved(const FoundBlock& block) {
+  const BlockTraits& traits = traitsOf(block.type);
+  const std::uint64_t position = block.field(traits.reserved);
+  std::array<std::uint8_t, 8> bytes = {};
+  const std::uint64_t length =
+      std::min<std::uint64_t>(traits.reservedBytes, block.end() - position);
+  if (length == 0 || !read(position, length, bytes.data())) return;
+  std::string field = letters(block.type) + "_reserved";
+  for (char& letter : std::span(field).first(2)) letter = static_cast<char>(letter | 0x20);
+  expectZeros(position, block.type, field, std::span(bytes).first(traits.reservedBytes));
+}
+
+void BlockCheck::expectZeros(std::uint64_t position, std::uint16_t type, std::string_view field,
+                             ByteSpan bytes) {
+  if (areZeros(bytes)) return;
   findings_.warning(position, fieldName(type, field), "0",
                     quoted({reinterpret_cast<const char*>(bytes.data()), bytes.size()}));
 }
@@ -86,8 +98,8 @@ std::optional<FoundBlock> BlockCheck::look(const BlockLink& link) {
   std::optional<BlockScan> scan = leadsTo(link);
   if (!scan) return std::nullopt;
   const std::uint16_t type = scan->header.type;
-  checkReserved(link.target + offsetof(BlockHeader, reserved), type, "reserved bytes",
-                bytesOf(scan->header.reserved));
+  expectZeros(link.target + offsetof(BlockHeader, reserved), type, "reserved bytes",
+              bytesOf(scan->header.reserved));
   if (scan->header.length == 0 && lengthIsAnnounced(type)) {
     scan->header.length = kBlockHeaderSize + scan->header.linkCount * kLinkSize;
     *scan = scanHeader(scan->header, link.target, file_.end());

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -79,8 +80,8 @@ class BlockCheck {
   }
   // Enters the faults of a record that has reserved bytes and fields.
   void enter(const FoundBlock& block, const FieldFaults& faults);
-  // Reserved bytes that are not 0.
-  void checkReserved(std::uint64_t position, std::uint16_t type, const char* field, ByteSpan bytes);
+  // Reserved bytes of the record that are not 0.
+  void checkReserved(const FoundBlock& block);
 
   // The block of a link that a tree or chain is made of: no other such link leads to it.
   [[nodiscard]] std::optional<FoundBlock> enterBlock(const BlockLink& link);
@@ -102,6 +103,8 @@ class BlockCheck {
  private:
   enum class Visit : std::uint8_t { Wrong, Right };
 
+  void expectZeros(std::uint64_t position, std::uint16_t type, std::string_view field,
+                   ByteSpan bytes);
   std::optional<BlockScan> leadsTo(const BlockLink& link);
   std::optional<FoundBlock> look(const BlockLink& link);
   bool isReadable(const FoundBlock& block);

@@ -58,21 +58,15 @@ void DataCheck::enter(const FoundBlock& block) {
 void DataCheck::checkHeader(const FoundBlock& block) {
   const auto record = blocks_.record<m4HLRecord>(block);
   if (record.hl_zip_type > kZipTransposeDeflate) {
-    blocks_.findings().error(block.field(offsetof(m4HLRecord, hl_zip_type)),
-                             fieldName(kHL, "hl_zip_type"), "at most 1",
-                             std::to_string(record.hl_zip_type));
+    blocks_.enter(block, {{true, offsetof(m4HLRecord, hl_zip_type), "hl_zip_type", "at most 1",
+                           std::to_string(record.hl_zip_type)}});
   }
-  blocks_.checkReserved(block.field(offsetof(m4HLRecord, hl_reserved)), kHL, "hl_reserved",
-                        bytesOf(record.hl_reserved));
+  blocks_.checkReserved(block);
   zipType_ = record.hl_zip_type;
 }
 
 void DataCheck::checkList(const FoundBlock& block) {
-  if (block.type == kDL) {
-    const auto record = blocks_.record<m4DLRecord>(block);
-    blocks_.checkReserved(block.field(offsetof(m4DLRecord, dl_reserved)), kDL, "dl_reserved",
-                          bytesOf(record.dl_reserved));
-  }
+  blocks_.checkReserved(block);
   checkCount(block);
   checkLengths(block);
   checkLikeFirst();
@@ -191,9 +185,9 @@ bool DataCheck::partOf(const FoundBlock& block, const BlockLink& link, bool isIn
   const FieldFaults faults = faultsOf(record, block.room());
   blocks_.enter(block, faults);
   if (zipType_ >= 0 && zipType_ != record.dz_zip_type) {
-    blocks_.findings().warning(
-        block.field(offsetof(m4DZRecord, dz_zip_type)), fieldName(kDZ, "dz_zip_type"),
-        formatText("%d, as the HL block states", zipType_), std::to_string(record.dz_zip_type));
+    blocks_.enter(block, {{false, offsetof(m4DZRecord, dz_zip_type), "dz_zip_type",
+                           formatText("%d, as the HL block states", zipType_),
+                           std::to_string(record.dz_zip_type)}});
     zipType_ = -1;
   }
   return std::ranges::none_of(faults, &FieldFault::error);

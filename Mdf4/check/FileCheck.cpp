@@ -93,7 +93,7 @@ bool FileCheck::checkIdentification() {
   checkUnfinished(id, fileId);
   checkVersion(id);
   const auto reserved = [&](std::size_t offset, const char* field, ByteSpan bytes) {
-    if (std::ranges::all_of(bytes, [](std::uint8_t byte) { return byte == 0; })) return;
+    if (areZeros(bytes)) return;
     findings_.warning(offset, std::string("identification block: ") + field, "0", "other bytes");
   };
   reserved(offsetof(IdBlock, id_reserved1), "id_reserved1", bytesOf(id.id_reserved1));

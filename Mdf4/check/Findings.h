@@ -1,8 +1,10 @@
 // What a check of a file finds, and the words for it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "tolvex/Mdf4.h"
 
@@ -24,7 +26,13 @@ class Findings {
 
  private:
   void enter(bool error, std::uint64_t position, std::string what, std::string expected,
-             std::string found);
+             std::string found) {
+    constexpr std::size_t kMostKept = 1000;
+    ++(error ? report_.errors : report_.warnings);
+    if (report_.findings.size() >= kMostKept) return;
+    report_.findings.push_back(
+        {error, position, std::move(what), std::move(expected), std::move(found)});
+  }
 
   MdfCheckReport& report_;
 };

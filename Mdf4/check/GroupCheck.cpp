@@ -18,12 +18,9 @@ void TreeCheck::checkDataGroup(const FoundBlock& block) {
   CheckedDataGroup group = {block, walk_.record<m4DGRecord>(block), walk_.link(block, dg_data)};
   const std::uint8_t idSize = group.record.dg_rec_id_size;
   if (idSize != 0 && !isRecordIdSize(idSize)) {
-    walk_.findings().error(block.dataPosition(), fieldName(block.type, "dg_rec_id_size"),
-                           "0, 1, 2, 4 or 8", std::to_string(idSize));
+    walk_.enter(block, {{true, 0, "dg_rec_id_size", "0, 1, 2, 4 or 8", std::to_string(idSize)}});
   }
-  walk_.checkReserved(block.field(offsetof(m4DGRecord, dg_reserved)), block.type, "dg_reserved",
-                      bytesOf(group.record.dg_reserved));
-  checkLinks(block);
+  checkCommon(block);
   chain(walk_.link(block, dg_cg_first), cg_cg_next,
         [&](const FoundBlock& next) { checkGroup(next, group); });
   checkRecordIds(group);
@@ -34,33 +31,30 @@ void TreeCheck::checkDataGroup(const FoundBlock& block) {
 void TreeCheck::checkRecordIds(const CheckedDataGroup& group) {
   const std::uint8_t idSize = group.record.dg_rec_id_size;
   if (idSize == 0 && group.groups.size() > 1) {
-    walk_.findings().error(
-        group.block.dataPosition(), fieldName(group.block.type, "dg_rec_id_size"),
-        formatText("at least 1, for %zu channel groups", group.groups.size()), "0");
+    walk_.enter(group.block,
+                {{true, 0, "dg_rec_id_size",
+                  formatText("at least 1, for %zu channel groups", group.groups.size()), "0"}});
     return;
   }
   std::unordered_set<std::uint64_t> ids;
   for (const CheckedGroup& each : group.groups) {
     if (idSize == 0) break;
     const std::uint64_t id = each.record.cg_record_id;
-    const std::uint64_t position = each.block.field(offsetof(m4CGRecord, cg_record_id));
+    const auto wrong = [&](std::string expected) {
+      walk_.enter(each.block, {{true, offsetof(m4CGRecord, cg_record_id), "cg_record_id",
+                                std::move(expected), std::to_string(id)}});
+    };
     if (idSize < sizeof id && id >> (8 * idSize) != 0) {
-      walk_.findings().error(position, fieldName(each.block.type, "cg_record_id"),
-                             formatText("a number of %u bytes", unsigned{idSize}),
-                             std::to_string(id));
+      wrong(formatText("a number of %u bytes", unsigned{idSize}));
     } else if (!ids.insert(id).second) {
-      walk_.findings().error(position, fieldName(each.block.type, "cg_record_id"),
-                             "one that no other channel group of the data group has",
-                             std::to_string(id));
+      wrong("one that no other channel group of the data group has");
     }
   }
 }
 
 void TreeCheck::checkGroup(const FoundBlock& block, CheckedDataGroup& parent) {
   CheckedGroup group = {{walk_.record<m4CGRecord>(block)}, block};
-  walk_.checkReserved(block.field(offsetof(m4CGRecord, cg_reserved)), block.type, "cg_reserved",
-                      bytesOf(group.record.cg_reserved));
-  checkLinks(block);
+  checkCommon(block);
   const BlockLink channels = walk_.link(block, cg_cn_first);
   checkChannels(channels, group);
   checkMasters(group, channels.target != 0);
@@ -78,8 +72,7 @@ void TreeCheck::checkMasters(const CheckedGroup& group, bool hasChannels) {
 
 void TreeCheck::checkReduction(const FoundBlock& block, const CheckedGroup& group) {
   CheckedReduction reduction = {block, walk_.record<m4SRRecord>(block)};
-  walk_.checkReserved(block.field(offsetof(m4SRRecord, sr_reserved)), block.type, "sr_reserved",
-                      bytesOf(reduction.record.sr_reserved));
+  checkCommon(block);
   reduction.recordSize = group.recordSize(reduction.record);
   reduction.data = walk_.link(block, sr_data);
   reductions.push_back(reduction);
@@ -116,7 +109,7 @@ void TreeCheck::checkChannel(const FoundBlock& block, CheckedGroup& group) {
   }
   masters_ |= masterBit(channel);
   if (isTimeMaster(channel) && !group.time) group.time = {block, channel};
-  checkLinks(block);
+  checkCommon(block);
   checkChannelData(block, channel, group);
   compositions_.push_back(walk_.link(block, cn_composition));
 }
@@ -128,18 +121,17 @@ void TreeCheck::checkPlace(const FoundBlock& block, const m4CNRecord& channel,
   constexpr std::uint64_t kStart = 63;
   if (!liesInside(channel, textStart(walk_.file(), walk_.link(block, cn_tx_name).target, kStart),
                   size)) {
-    walk_.findings().error(
-        block.field(offsetof(m4CNRecord, cn_byte_offset)), fieldName(block.type, "cn_byte_offset"),
-        formatText("a place inside the record of %u bytes", unsigned{size}),
-        formatText("%u bits at byte %u, bit %u", unsigned{channel.cn_bit_count},
-                   unsigned{channel.cn_byte_offset}, unsigned{channel.cn_bit_offset}));
+    walk_.enter(block,
+                {{true, offsetof(m4CNRecord, cn_byte_offset), "cn_byte_offset",
+                  formatText("a place inside the record of %u bytes", unsigned{size}),
+                  formatText("%u bits at byte %u, bit %u", unsigned{channel.cn_bit_count},
+                             unsigned{channel.cn_byte_offset}, unsigned{channel.cn_bit_offset})}});
   }
-  if (!invalidationBitLiesInside(channel, group.record.cg_inval_bytes)) {
-    walk_.findings().error(
-        block.field(offsetof(m4CNRecord, cn_inval_bit_pos)),
-        fieldName(block.type, "cn_inval_bit_pos"),
-        formatText("a bit of %u invalidation bytes", unsigned{group.record.cg_inval_bytes}),
-        std::to_string(channel.cn_inval_bit_pos));
+  const std::uint32_t invalBytes = group.record.cg_inval_bytes;
+  if (!invalidationBitLiesInside(channel, invalBytes)) {
+    walk_.enter(block, {{true, offsetof(m4CNRecord, cn_inval_bit_pos), "cn_inval_bit_pos",
+                         formatText("a bit of %u invalidation bytes", unsigned{invalBytes}),
+                         std::to_string(channel.cn_inval_bit_pos)}});
   }
 }
 
@@ -165,7 +157,7 @@ void TreeCheck::checkChannelData(const FoundBlock& block, const m4CNRecord& chan
 void TreeCheck::checkArray(const FoundBlock& block) {
   walk_.enter(block, faultsOf(walk_.record<m4CARecord>(block), block.room()));
   compositions_.push_back(walk_.link(block, ca_composition));
-  checkLinks(block);
+  checkCommon(block);
 }
 
 }  // namespace tolvex

@@ -9,8 +9,6 @@
 namespace tolvex {
 namespace {
 
-constexpr std::uint64_t kPrefixSize = sizeof(std::uint32_t);  // of a variable-length value
-
 std::uint64_t cycleCountPosition(const CheckedGroup& group) {
   return group.block.field(offsetof(m4CGRecord, cg_cycle_count));
 }
@@ -79,7 +77,7 @@ void SortedRecordCheck::end(bool complete) {
 
 UnsortedRecordCheck::UnsortedRecordCheck(BlockCheck& walk, const CheckedDataGroup& group,
                                          const std::vector<std::vector<CheckedValues*>>& values)
-    : walk_(walk), dataGroup_(group), idSize_(group.record.dg_rec_id_size) {
+    : walk_(walk), idSize_(group.record.dg_rec_id_size) {
   for (std::size_t i = 0; i < group.groups.size(); ++i) {
     const CheckedGroup& each = group.groups[i];
     groups_.push_back({&each, RecordWatch(walk, each, values[i], true)});
@@ -104,7 +102,7 @@ std::size_t UnsortedRecordCheck::take(ByteSpan piece, std::uint64_t position) {
       if (gather(piece, idSize_, used)) beginRecord();
       break;
     case Awaited::Length:
-      if (gather(piece, kPrefixSize, used)) beginBody(loadNumber<std::uint32_t>(head_.data()));
+      if (gather(piece, kValuePrefix, used)) beginBody(loadNumber<std::uint32_t>(head_.data()));
       break;
     case Awaited::Body: {
       used = static_cast<std::size_t>(std::min<std::uint64_t>(bodyLeft_, piece.size()));
@@ -174,7 +172,7 @@ void UnsortedRecordCheck::end(bool complete) {
   for (const Group& group : groups_) {
     if (!group.group->holdsValues() || lost_ || !complete) continue;
     values.emplace(group.group->block.position,
-                   group.valueBytes + kPrefixSize * group.watch.records());
+                   group.valueBytes + kValuePrefix * group.watch.records());
   }
   for (Group& group : groups_) group.watch.end(values);
   if (lost_ || !complete) return;
@@ -197,7 +195,7 @@ void UnsortedRecordCheck::checkCounts(const Group& group) {
   // The lengths in front of the values may be counted or not.
   const std::uint64_t bytes = stated.valueBytes();
   if (!stated.holdsValues() || walk_.announced(Unfinished::ValueByteCounts) ||
-      bytes == group.valueBytes || bytes == group.valueBytes + kPrefixSize * records) {
+      bytes == group.valueBytes || bytes == group.valueBytes + kValuePrefix * records) {
     return;
   }
   walk_.findings().error(stated.block.field(offsetof(m4CGRecord, cg_data_bytes)),

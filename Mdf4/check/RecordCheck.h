@@ -64,11 +64,9 @@ class UnsortedRecordCheck final : public ByteSink {
   bool gather(ByteSpan piece, std::size_t size, std::size_t& used);
   void beginRecord();
   void beginBody(std::uint64_t size);
-  void endRecord();
   void checkCounts(const Group& group);
 
   BlockCheck& walk_;
-  const CheckedDataGroup& dataGroup_;
   const std::size_t idSize_;
   std::vector<Group> groups_;
   std::unordered_map<std::uint64_t, std::size_t> byId_;

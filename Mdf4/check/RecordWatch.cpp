@@ -11,7 +11,6 @@
 namespace tolvex {
 namespace {
 
-constexpr std::uint64_t kPrefixSize = sizeof(std::uint32_t);
 constexpr std::uint64_t kFoundOneByOne = 3;  // wrong offsets of a channel
 
 std::uint32_t bytesOf(std::uint32_t bitOffset, std::uint32_t bits) {
@@ -49,10 +48,10 @@ void CheckedValues::begin(const StoredPart& part) {
 }
 
 bool CheckedValues::holdsValue(std::uint64_t offset) {
-  if (offset > size_ || size_ - offset < kPrefixSize) return walk_.announced(Unfinished::LastList);
+  if (offset > size_ || size_ - offset < kValuePrefix) return walk_.announced(Unfinished::LastList);
   if (starts_.broken() && offset >= starts_.end()) {
     std::uint32_t length = 0;
-    return readPrefix(offset, length) == Prefix::Unknown || length <= size_ - offset - kPrefixSize;
+    return readPrefix(offset, length) == Prefix::Unknown || length <= size_ - offset - kValuePrefix;
   }
   return starts_.mayStart(offset, [this](std::uint64_t at, std::uint32_t& length) {
     return readPrefix(at, length) == Prefix::Read;
@@ -83,11 +82,11 @@ const CheckedValues::Part& CheckedValues::partAt(std::uint64_t offset) {
 }
 
 CheckedValues::Prefix CheckedValues::readPrefix(std::uint64_t offset, std::uint32_t& length) {
-  std::uint8_t bytes[kPrefixSize] = {};
-  for (std::uint64_t done = 0; done < kPrefixSize;) {
+  std::uint8_t bytes[kValuePrefix] = {};
+  for (std::uint64_t done = 0; done < kValuePrefix;) {
     const Part& part = partAt(offset + done);
     const std::uint64_t at = offset + done - part.start;
-    const std::uint64_t count = std::min(kPrefixSize - done, part.part.length - at);
+    const std::uint64_t count = std::min(kValuePrefix - done, part.part.length - at);
     if (part.part.zip) {
       if (!inflate(part)) return Prefix::Unknown;
       std::memcpy(bytes + done, inflated_->bytes.data() + at, inMemory(count));
@@ -256,7 +255,7 @@ void RecordWatch::end(const std::unordered_map<std::uint64_t, std::uint64_t>& va
     }
     const auto group = valueBytes.find(value.group);
     if (value.group == 0 || records_ == 0 || group == valueBytes.end()) continue;
-    if (group->second >= kPrefixSize && value.greatest <= group->second - kPrefixSize) continue;
+    if (group->second >= kValuePrefix && value.greatest <= group->second - kValuePrefix) continue;
     walk_.findings().error(
         value.greatestPosition, fieldName(block_type::kCN, "offset of a variable-length value"),
         formatText("that of a value in %" PRIu64 " bytes of values", group->second),

@@ -11,8 +11,10 @@ namespace tolvex {
 
 using namespace link;
 
-// The links of a block but those that its chains, children and data are reached by.
-void TreeCheck::checkLinks(const FoundBlock& block) {
+// What is alike for all kinds: reserved bytes, and the links but those that chains, children and
+// data are reached by.
+void TreeCheck::checkCommon(const FoundBlock& block) {
+  walk_.checkReserved(block);
   const BlockTraits& traits = traitsOf(block.type);
   for (std::size_t i = 0; i < block.links; ++i) {
     const LinkTraits& link = traits.link(i);
@@ -38,12 +40,9 @@ void TreeCheck::check() {
   const BlockLink root = {kNoBlock, 0, 0, kHeaderBlockPosition};
   const std::optional<FoundBlock> header = walk_.enterBlock(root);
   if (!header) return;
-  const auto record = walk_.record<m4HDRecord>(*header);
-  walk_.checkReserved(header->field(offsetof(m4HDRecord, hd_reserved)), header->type, "hd_reserved",
-                      bytesOf(record.hd_reserved));
-  checkLinks(*header);
+  checkCommon(*header);
   chain(walk_.link(*header, hd_fh_first), fh_fh_next,
-        [this](const FoundBlock& block) { checkHistory(block); });
+        [this](const FoundBlock& block) { checkCommon(block); });
   chain(walk_.link(*header, hd_dg_first), dg_dg_next,
         [this](const FoundBlock& block) { checkDataGroup(block); });
   checkHierarchies(walk_.link(*header, hd_ch_first));
@@ -51,13 +50,6 @@ void TreeCheck::check() {
         [this](const FoundBlock& block) { checkAttachment(block); });
   chain(walk_.link(*header, hd_ev_first), ev_ev_next,
         [this](const FoundBlock& block) { checkEvent(block); });
-}
-
-void TreeCheck::checkHistory(const FoundBlock& block) {
-  const auto record = walk_.record<m4FHRecord>(block);
-  walk_.checkReserved(block.field(offsetof(m4FHRecord, fh_reserved)), block.type, "fh_reserved",
-                      bytesOf(record.fh_reserved));
-  checkLinks(block);
 }
 
 void TreeCheck::checkHierarchies(const BlockLink& first) {
@@ -68,7 +60,7 @@ void TreeCheck::checkHierarchies(const BlockLink& first) {
     chain(link, ch_ch_next, [&](const FoundBlock& block) {
       walk_.enter(block, faultsOf(walk_.record<m4CHRecord>(block), block.room()));
       pending.push_back(walk_.link(block, ch_ch_first));
-      checkLinks(block);
+      checkCommon(block);
     });
   }
 }
@@ -78,7 +70,7 @@ void TreeCheck::checkAttachment(const FoundBlock& block) {
   const auto record = walk_.record<m4ATRecord>(block);
   const FieldFaults faults = faultsOf(record, block.room());
   walk_.enter(block, faults);
-  checkLinks(block);
+  checkCommon(block);
   if ((record.at_flags & kCompressed) != kCompressed || !faults.empty()) return;
   BlockInflater inflater(walk_.file(), sizes_.piece);
   const std::string fault = inflater
@@ -93,16 +85,11 @@ void TreeCheck::checkAttachment(const FoundBlock& block) {
 
 void TreeCheck::checkEvent(const FoundBlock& block) {
   walk_.enter(block, faultsOf(walk_.record<m4EVRecord>(block), block.room()));
-  checkLinks(block);
+  checkCommon(block);
 }
 
 void TreeCheck::checkSource(const BlockLink& link) {
-  const std::optional<FoundBlock> block = walk_.shareBlock(link);
-  if (!block) return;
-  const auto record = walk_.record<m4SIRecord>(*block);
-  walk_.checkReserved(block->field(offsetof(m4SIRecord, si_reserved)), block->type, "si_reserved",
-                      bytesOf(record.si_reserved));
-  checkLinks(*block);
+  if (const std::optional<FoundBlock> block = walk_.shareBlock(link)) checkCommon(*block);
 }
 
 // A conversion may use others, and none of them itself.

@@ -63,7 +63,7 @@ class TreeCheck {
       link = walk_.link(*block, next);
     }
   }
-  void checkHistory(const FoundBlock& block);
+  void checkCommon(const FoundBlock& block);
   void checkHierarchies(const BlockLink& first);
   void checkAttachment(const FoundBlock& block);
   void checkEvent(const FoundBlock& block);
@@ -79,7 +79,6 @@ class TreeCheck {
   void checkMasters(const CheckedGroup& group, bool hasChannels);
   void checkSource(const BlockLink& link);
   void checkConversion(const BlockLink& link);
-  void checkLinks(const FoundBlock& block);
 
   BlockCheck& walk_;
   const WorkSizes sizes_;

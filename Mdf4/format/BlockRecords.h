@@ -308,6 +308,9 @@ enum : std::uint8_t {
 };
 }  // namespace channel_type
 
+// In signal data a value has its length in front, a 32-bit number.
+inline constexpr std::uint64_t kValuePrefix = sizeof(std::uint32_t);
+
 // cn_sync_type: 0 none, then what a master counts.
 inline constexpr std::uint8_t kSyncTime = 1;
 inline constexpr std::uint8_t kSyncIndex = 4;

@@ -37,6 +37,8 @@ struct BlockTraits {
   std::uint64_t leastLinks;
   std::uint64_t mostLinks;
   std::span<const LinkTraits> links;
+  std::size_t reserved = 0;  // where reserved bytes of the record begin
+  std::size_t reservedBytes = 0;
 
   // The link with that index. Of links that the format does not know yet: they may lead to texts.
   const LinkTraits& link(std::size_t index) const;

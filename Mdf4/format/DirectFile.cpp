@@ -82,8 +82,7 @@ bool DirectFile::areZeros(std::uint64_t from, std::uint64_t to) {
   to = std::min(to, end_);
   if (from >= to) return true;
   return ReadAt(from, to - from, bytes.data()) &&
-         std::ranges::all_of(std::span(bytes).first(inMemory(to - from)),
-                             [](std::uint8_t byte) { return byte == 0; });
+         tolvex::areZeros(std::span(bytes).first(inMemory(to - from)));
 }
 
 bool DirectFile::WriteAt(std::uint64_t position, std::uint64_t length, const void* data) {

@@ -1,6 +1,7 @@
 #include "Mdf4/format/ListedBlocks.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "Mdf4/format/BlockBytes.h"
 #include "Mdf4/format/BlockScan.h"
@@ -13,6 +14,10 @@ namespace {
 
 // Bytes that a block may have behind its record, for what later versions of the format add.
 constexpr std::uint64_t kMostSurplus = 4096;
+
+constexpr std::uint16_t kAsLongAsTheirRecord[] = {
+    block_type::kHD, block_type::kFH, block_type::kDG, block_type::kCG, block_type::kCN,
+    block_type::kSI, block_type::kSR, block_type::kEV, block_type::kCH, block_type::kHL};
 
 // The length of a block as its record's counts need it; 0 when they do not tell, or when so much
 // lies not in the file.
@@ -28,31 +33,19 @@ std::uint64_t neededLength(DirectFile& file, std::uint64_t position, const Block
   std::uint64_t behind = 0;  // the record
   m4CCRecord conversion = {};
   m4DLRecord list = {};
-  switch (header.type) {
-    case kHD:
-    case kFH:
-    case kDG:
-    case kCG:
-    case kCN:
-    case kSI:
-    case kSR:
-    case kEV:
-    case kCH:
-    case kHL:
-      break;
-    case kCC:
-      if (!record(conversion)) return 0;
-      behind = conversion.cc_val_count * sizeof(double);
-      break;
-    case kDL:
-      if (!record(list)) return 0;
-      behind = (list.dl_flags & kDlFlagEqualLength) != 0 ? sizeof(std::uint64_t)
-                                                         : list.dl_count * sizeof(std::uint64_t);
-      // With times, angles or distances it has more of them.
-      if (list.dl_count >= header.linkCount || list.dl_flags > kDlFlagEqualLength) return 0;
-      break;
-    default:
+  if (header.type == kCC) {
+    if (!record(conversion)) return 0;
+    behind = conversion.cc_val_count * sizeof(double);
+  } else if (header.type == kDL) {
+    // With times, angles or distances it has more of them.
+    if (!record(list) || list.dl_count >= header.linkCount || list.dl_flags > kDlFlagEqualLength) {
       return 0;
+    }
+    const bool isEqual = (list.dl_flags & kDlFlagEqualLength) != 0;
+    behind = (isEqual ? 1 : list.dl_count) * sizeof(std::uint64_t);
+  } else if (std::ranges::find(kAsLongAsTheirRecord, header.type) ==
+             std::end(kAsLongAsTheirRecord)) {
+    return 0;
   }
   length += traitsOf(header.type).leastData + behind;
   return length <= room ? length : 0;

@@ -91,11 +91,6 @@ class m4BlockImpl : public m4Block, public Record {
     return beyond == 0 || file_->ReadAt(position + inRecord, beyond, extra_.data());
   }
 
-  // The trailing element, which is added, with zeros before it, when it is beyond the end.
-  Extra& extraAt(std::size_t index) {
-    if (index >= extra_.size()) extra_.resize(index + 1);
-    return extra_[index];
-  }
   std::span<const Extra> extra() const { return extra_; }
   void setExtra(std::vector<Extra> extra) { extra_ = std::move(extra); }
 

@@ -377,19 +377,18 @@ std::uint64_t m4DataStream::readInvalidation(std::size_t index, std::uint64_t of
 
 bool m4DataStream::readValue(std::uint64_t offset, std::vector<std::uint8_t>& value,
                              std::uint64_t longest) {
-  constexpr std::uint64_t kPrefix = sizeof(std::uint32_t);
   const auto fail = [&] {
     file_->report(formatText("signal data of %" PRIu64 " bytes: no whole value at offset %" PRIu64,
                              size(), offset));
     return false;
   };
   readsValues_ = true;
-  if (offset > size() || size() - offset < kPrefix) return fail();
+  if (offset > size() || size() - offset < kValuePrefix) return fail();
   if (at_ != offset || at_ == limit_) Seek(offset);
-  const ByteSpan prefix = next(kPrefix);
-  if (prefix.size() != kPrefix) return fail();
+  const ByteSpan prefix = next(kValuePrefix);
+  if (prefix.size() != kValuePrefix) return fail();
   const std::uint64_t stated = loadNumber<std::uint32_t>(prefix.data());
-  if (stated > size() - offset - kPrefix) return fail();
+  if (stated > size() - offset - kValuePrefix) return fail();
   const std::uint64_t length = std::min(stated, longest);
   const ByteSpan bytes = next(length);
   if (bytes.size() != length) return fail();

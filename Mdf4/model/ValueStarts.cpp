@@ -10,11 +10,11 @@ void ValueStarts::take(ByteSpan bytes) {
   while (!bytes.empty()) {
     const std::uint64_t have = position_ - start_;
     std::uint64_t count = 0;
-    if (have < kPrefix) {
+    if (have < kValuePrefix) {
       if (have == 0) beginValue();
-      count = std::min<std::uint64_t>(kPrefix - have, bytes.size());
+      count = std::min<std::uint64_t>(kValuePrefix - have, bytes.size());
       std::copy_n(bytes.begin(), count, length_.begin() + static_cast<std::ptrdiff_t>(have));
-      if (have + count == kPrefix) left_ = loadNumber<std::uint32_t>(length_.data());
+      if (have + count == kValuePrefix) left_ = loadNumber<std::uint32_t>(length_.data());
     } else {
       count = std::min<std::uint64_t>(left_, bytes.size());
       left_ -= count;
@@ -22,7 +22,7 @@ void ValueStarts::take(ByteSpan bytes) {
     position_ += count;
     steps_ += count;
     bytes = bytes.subspan(inMemory(count));
-    if (position_ - start_ >= kPrefix && left_ == 0) start_ = position_;
+    if (position_ - start_ >= kValuePrefix && left_ == 0) start_ = position_;
   }
 }
 

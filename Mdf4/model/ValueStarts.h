@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Mdf4/base/Bytes.h"
+#include "Mdf4/format/BlockRecords.h"
 
 namespace tolvex {
 
@@ -14,8 +15,6 @@ namespace tolvex {
 // starts: enough to find any other by a short walk, and never more than a few thousand.
 class ValueStarts {
  public:
-  static constexpr std::uint64_t kPrefix = sizeof(std::uint32_t);
-
   // The next bytes of the sequence.
   void take(ByteSpan bytes);
   // Bytes are missing: what follows is not gone along any more.
@@ -40,7 +39,7 @@ class ValueStarts {
       std::uint32_t length = 0;
       if (steps_ == 0 || !readLength(walked_, length)) return true;
       --steps_;
-      walked_ += kPrefix + length;
+      walked_ += kValuePrefix + length;
     }
     return walked_ == offset;
   }
@@ -52,7 +51,7 @@ class ValueStarts {
   std::uint64_t position_ = 0;  // bytes taken
   std::uint64_t start_ = 0;     // of the value that is on its way
   std::uint64_t left_ = 0;      // bytes of it behind its length
-  std::array<std::uint8_t, kPrefix> length_ = {};
+  std::array<std::uint8_t, kValuePrefix> length_ = {};
   bool broken_ = false;
   std::vector<std::uint64_t> known_;  // starts, at least stride_ apart
   std::uint64_t stride_ = 256;        // bytes

@@ -117,10 +117,7 @@ LooseBlocks::Claim LooseBlocks::sameBus(const SourceGroup& group, const ListedBl
   std::vector<std::uint8_t> first;
   std::vector<std::uint8_t> second;
   for (const auto& [block, record] : {std::pair(&a, &first), std::pair(&b, &second)}) {
-    if (!readRecord(group, *block, 0, *record) ||
-        std::ranges::all_of(*record, [](std::uint8_t byte) { return byte == 0; })) {
-      return Claim::Possible;
-    }
+    if (!readRecord(group, *block, 0, *record) || areZeros(*record)) return Claim::Possible;
   }
   const bool same = bitsOf(first, group.busChannel) == bitsOf(second, group.busChannel) &&
                     bitsOf(first, group.direction) == bitsOf(second, group.direction);

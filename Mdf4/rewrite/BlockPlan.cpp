@@ -26,11 +26,13 @@ std::size_t BlockPlan::place(Block block) {
   return blocks_.size() - 1;
 }
 
+std::size_t BlockPlan::placeNew(std::uint16_t type, std::size_t links,
+                                std::vector<std::uint8_t> data) {
+  return place({.type = type, .links = std::vector<Link>(links), .data = std::move(data)});
+}
+
 std::size_t BlockPlan::placeText(const std::string& text, std::uint16_t type) {
-  Block block;
-  block.type = type;
-  block.data.assign(text.c_str(), text.c_str() + text.size() + 1);
-  return place(std::move(block));
+  return placeNew(type, 0, {text.c_str(), text.c_str() + text.size() + 1});
 }
 
 const BlockPlan::Block* BlockPlan::find(std::uint64_t source) const {

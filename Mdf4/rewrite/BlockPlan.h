@@ -30,7 +30,7 @@ class BlockPlan {
     std::uint16_t type = 0;
     std::uint64_t position = 0;  // in the output
     std::uint64_t source = 0;    // in the input; 0: a new block
-    std::vector<Link> links;
+    std::vector<Link> links = {};
     std::uint64_t dataPosition = 0;  // in the input, of what follows the links
     std::uint64_t dataBytes = 0;
     std::vector<std::uint8_t> data = {};  // instead, when not empty
@@ -44,6 +44,7 @@ class BlockPlan {
 
   // Finds a place in the output for the block: its number.
   std::size_t place(Block block);
+  std::size_t placeNew(std::uint16_t type, std::size_t links, std::vector<std::uint8_t> data);
   std::size_t placeText(const std::string& text, std::uint16_t type);
   std::size_t count() const { return blocks_.size(); }
   const Block& operator[](std::size_t block) const { return blocks_[block]; }

@@ -95,14 +95,9 @@ std::uint64_t SortedRecords::writtenBytes(const ListedBlock& block) {
   const std::uint64_t start = block.position + kBlockHeaderSize;
   const std::uint64_t end = start + block.bytes;
   std::uint64_t written = end;
-  std::array<std::uint8_t, kPage> page;
   while (written > start) {
     const std::uint64_t from = std::max(start, (written - 1) / kPage * kPage);
-    const auto pageEnd = page.begin() + static_cast<std::ptrdiff_t>(written - from);
-    if (from % kPage != 0 || !in_.ReadAt(from, written - from, page.data()) ||
-        std::any_of(page.begin(), pageEnd, [](std::uint8_t byte) { return byte != 0; })) {
-      break;
-    }
+    if (from % kPage != 0 || !in_.areZeros(from, written)) break;
     written = from;
   }
   const std::uint64_t timeEnd = group_.time.byteOffset + (group_.time.bits + 7) / 8;
@@ -208,7 +203,7 @@ bool SortedRecords::timeFalls(ByteSpan bytes, std::uint64_t from, Hole hole) con
       start >= from + size_
           ? bytes.subspan(inMemory(start - size_), bytesInHole)
           : ByteSpan(last_).subspan(inMemory(fieldEnd) - bytesInHole, bytesInHole);
-  return std::ranges::any_of(before, [](std::uint8_t byte) { return byte != 0; });
+  return !areZeros(before);
 }
 
 // Keeps the last record of bytes without a hole.
@@ -229,7 +224,6 @@ bool SortedRecords::takeBytes(ByteSpan bytes) {
 }
 
 bool SortedRecords::takeRecords(ByteSpan bytes) {
-  const auto isZero = [](std::uint8_t byte) { return byte == 0; };
   while (!bytes.empty() && !ended_) {
     const std::uint64_t count = std::min<std::uint64_t>(size_ - partial_.size(), bytes.size());
     partial_.insert(partial_.end(), bytes.begin(),
@@ -238,8 +232,7 @@ bool SortedRecords::takeRecords(ByteSpan bytes) {
     if (partial_.size() < size_) break;
     // Behind the records that are counted there may be more, or room that was never used.
     ended_ = group_.record.cg_cycle_count != 0 &&
-             records_.units() >= group_.record.cg_cycle_count &&
-             std::all_of(partial_.begin(), partial_.end(), isZero);
+             records_.units() >= group_.record.cg_cycle_count && areZeros(partial_);
     if (!ended_) {
       if (!values_.place(partial_.data())) {
         ++group_.report.lostRecords;

@@ -288,11 +288,7 @@ void TreeCopy::readChannelGroup(std::size_t data, BlockPlan::Block loaded) {
 
 // Plans a data group of its own for the group, behind the one before.
 void TreeCopy::placeDataGroup(SourceGroup& group) {
-  BlockPlan::Block block;
-  block.type = kDG;
-  block.links.resize(link::dg_md_comment + 1);
-  block.data = dataOf(m4DGRecord{});
-  group.dataBlock = plan_.place(std::move(block));
+  group.dataBlock = plan_.placeNew(kDG, link::dg_md_comment + 1, dataOf(m4DGRecord{}));
   plan_.link(lastData_,
              lastData_ == 0 ? std::size_t{link::hd_dg_first} : std::size_t{link::dg_dg_next},
              group.dataBlock);
@@ -337,11 +333,7 @@ void TreeCopy::addHistory(const std::string& comment) {
   m4FHRecord record = {};
   record.fh_time_ns = systemTicks() * kNsPerTick;
   const std::size_t text = plan_.placeText(comment, kMD);
-  BlockPlan::Block block;
-  block.type = kFH;
-  block.links.resize(2);
-  block.data = dataOf(record);
-  const std::size_t entry = plan_.place(std::move(block));
+  const std::size_t entry = plan_.placeNew(kFH, link::fh_md_comment + 1, dataOf(record));
   plan_.link(entry, link::fh_md_comment, text);
   plan_.link(lastHistory_,
              lastHistory_ == 0 ? std::size_t{link::hd_fh_first} : std::size_t{link::fh_fh_next},

@@ -11,12 +11,11 @@
 namespace tolvex {
 namespace {
 
-constexpr std::uint64_t kPrefix = sizeof(std::uint32_t);  // a value's length
-constexpr std::uint64_t kLongestValue = 64 << 20;         // bytes; longer ones are none
-constexpr std::size_t kMostChannels = 64;                 // with values, of a group
-constexpr std::size_t kPairsAtATime = 32 << 10;           // bytes
-constexpr std::uint64_t kSlack = sizeof(std::uint64_t);   // an id is loaded as 8 bytes
-constexpr int kSequence = 8;  // so many records in a row are no accident
+constexpr std::uint64_t kLongestValue = 64 << 20;        // bytes; longer ones are none
+constexpr std::size_t kMostChannels = 64;                // with values, of a group
+constexpr std::size_t kPairsAtATime = 32 << 10;          // bytes
+constexpr std::uint64_t kSlack = sizeof(std::uint64_t);  // an id is loaded as 8 bytes
+constexpr int kSequence = 8;                             // so many records in a row are no accident
 
 constexpr std::uint64_t bit(std::size_t channel) {
   return std::uint64_t{1} << channel;
@@ -84,10 +83,11 @@ std::uint64_t SplitGroup::takePairs(const PairLayout& layout, ByteSpan bytes, bo
   DataWriter& data = values_.data(layout.channel).writer();
   const std::uint64_t recordSize = group_.recordSize();
   const std::uint64_t idSize = layout.idSize;
-  const std::uint64_t least = 2 * idSize + recordSize + kPrefix;
+  const std::uint64_t least = 2 * idSize + recordSize + kValuePrefix;
   bytes = bytes.first(std::min<std::size_t>(bytes.size(), kPairsAtATime));
   std::uint8_t* const records = records_.room(bytes.size());
-  constexpr std::uint64_t kStep = kPrefix + sizeof(std::uint64_t);  // most values are no longer
+  constexpr std::uint64_t kStep =
+      kValuePrefix + sizeof(std::uint64_t);  // most values are no longer
   std::uint8_t* const values = data.room(bytes.size() + kStep);
   written = records != nullptr && values != nullptr;
   if (!written) return 0;
@@ -102,9 +102,9 @@ std::uint64_t SplitGroup::takePairs(const PairLayout& layout, ByteSpan bytes, bo
   while (bytes.size() - at >= least + sizeof(std::uint64_t)) {
     const std::uint8_t* const record = bytes.data() + at + idSize;
     const std::uint8_t* const value = record + recordSize + idSize;
-    const std::uint64_t size = kPrefix + loadNumber<std::uint32_t>(value);
+    const std::uint64_t size = kValuePrefix + loadNumber<std::uint32_t>(value);
     if (idAt(bytes.data() + at) != layout.recordId || idAt(record + recordSize) != layout.valueId ||
-        size - kPrefix > bytes.size() - at - least - sizeof(std::uint64_t) ||
+        size - kValuePrefix > bytes.size() - at - least - sizeof(std::uint64_t) ||
         idAt(value + size) != layout.recordId ||
         loadNumber<std::uint64_t>(record + place.byteOffset) != channel.nextKey) {
       break;
@@ -226,7 +226,7 @@ void UnsortedRecords::addGroup(SplitGroup& group) {
 
 void UnsortedRecords::addValues(const SourceGroup& values, SplitGroup* group, std::size_t channel) {
   if (group != nullptr) group->expectValues(channel);
-  addKind(values.record.cg_record_id, {kPrefix, true, group, channel});
+  addKind(values.record.cg_record_id, {kValuePrefix, true, group, channel});
 }
 
 const UnsortedRecords::Kind* UnsortedRecords::kindAt(std::uint64_t at) {
@@ -356,17 +356,15 @@ bool UnsortedRecords::mayBeRecord(std::uint64_t at, std::uint64_t size) {
   return std::any_of(kinds_.begin(), kinds_.end(), [&](const auto& entry) {
     const Kind& kind = entry.second;
     if (!kind.isValue) return size == idSize_ + kind.size;
-    return size >= idSize_ + kPrefix &&
+    return size >= idSize_ + kValuePrefix &&
            loadNumber<std::uint32_t>(window_.data() + at_ + at + idSize_) ==
-               size - idSize_ - kPrefix;
+               size - idSize_ - kValuePrefix;
   });
 }
 
 // Leaves out bytes that are no records.
 bool UnsortedRecords::leaveOut(std::uint64_t bytes, MdfRecoveryReport& report) {
-  const auto begin = window_.begin() + static_cast<std::ptrdiff_t>(at_);
-  const bool unused = std::all_of(begin, begin + static_cast<std::ptrdiff_t>(bytes),
-                                  [](std::uint8_t byte) { return byte == 0; });
+  const bool unused = areZeros(ByteSpan(window_).subspan(inMemory(at_), inMemory(bytes)));
   at_ += bytes;
   if (unused && !fill(1)) return true;
   noteLoss(report, formatText("data block at %" PRIu64 ": %" PRIu64 " bytes that are no records",

@@ -8,11 +8,6 @@
 #include "Mdf4/format/BlockRecords.h"
 
 namespace tolvex {
-namespace {
-
-constexpr std::uint64_t kPrefix = ValueStarts::kPrefix;
-
-}  // namespace
 
 ValueData::ValueData(DirectFile& out, const WorkSizes& sizes)
     : pieceSize_(sizes.piece), writer_(out, block_type::kSD, 1, sizes) {}
@@ -54,15 +49,16 @@ bool ValueData::coverRest() {
   copied_ = writer_.size();
   copyable_ = copied_;
   while (at < writer_.size()) {
-    constexpr std::array<std::uint8_t, kPrefix> kZeros = {};
+    constexpr std::array<std::uint8_t, kValuePrefix> kZeros = {};
     const std::uint64_t room = writer_.size() - at;
-    if (room < kPrefix && !writer_.append(ByteSpan(kZeros).subspan(inMemory(room)))) return false;
+    if (room < kValuePrefix && !writer_.append(ByteSpan(kZeros).subspan(inMemory(room))))
+      return false;
     const std::uint64_t covered = std::min<std::uint64_t>(
-        writer_.size() - at - kPrefix, std::numeric_limits<std::uint32_t>::max());
+        writer_.size() - at - kValuePrefix, std::numeric_limits<std::uint32_t>::max());
     const auto length = static_cast<std::uint32_t>(covered);
     if (!writer_.overwrite(at, bytesOf(length))) return false;
     covers_.push_back(at);
-    at += kPrefix + covered;
+    at += kValuePrefix + covered;
   }
   return true;
 }
@@ -97,17 +93,17 @@ std::optional<std::uint64_t> ValueData::find(std::uint64_t offset) {
   };
   if (starts_.mayStart(offset, length)) return offset;
   std::uint32_t bytes = 0;
-  if (covers_.empty() || offset > limit || limit - offset < kPrefix || !length(offset, bytes) ||
-      bytes > limit - offset - kPrefix) {
+  if (covers_.empty() || offset > limit || limit - offset < kValuePrefix ||
+      !length(offset, bytes) || bytes > limit - offset - kValuePrefix) {
     return std::nullopt;
   }
-  return addAgain(offset, kPrefix + bytes);
+  return addAgain(offset, kValuePrefix + bytes);
 }
 
 // Adds a value that stands in what is no sequence.
 std::optional<std::uint64_t> ValueData::addAgain(std::uint64_t offset, std::uint64_t size) {
   constexpr std::size_t kMostKept = 1 << 16;
-  const auto cover = std::ranges::lower_bound(covers_, offset - std::min(offset, kPrefix - 1));
+  const auto cover = std::ranges::lower_bound(covers_, offset - std::min(offset, kValuePrefix - 1));
   if (cover != covers_.end() && *cover < offset + size)
     return std::nullopt;  // bytes of it are gone
   const auto known = again_.find(offset);
@@ -135,7 +131,7 @@ std::uint64_t ValueData::add(ByteSpan value) {
 }
 
 std::uint64_t ValueData::empty() {
-  constexpr std::array<std::uint8_t, kPrefix> kNothing = {};
+  constexpr std::array<std::uint8_t, kValuePrefix> kNothing = {};
   if (!empty_) empty_ = add(kNothing);
   return *empty_;
 }
