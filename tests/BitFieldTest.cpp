@@ -19,7 +19,7 @@ std::uint64_t modelBits(const std::vector<std::uint8_t>& record, std::uint32_t b
     const std::uint32_t bit = bitOffset + i;
     const std::uint64_t at =
         std::uint64_t{byte} + (order == ByteOrder::Little ? bit / 8 : touched - 1 - bit / 8);
-    if (at < record.size()) value |= std::uint64_t{record[at] >> bit % 8 & 1U} << i;
+    if (at < record.size()) value |= std::uint64_t{record[inMemory(at)] >> bit % 8 & 1U} << i;
   }
   return value;
 }

@@ -40,7 +40,7 @@ Layout slotsOf(const BusLogLayout& written, std::uint32_t maxDataLength) {
 // Stores at every offset a value of that many bytes (to 79), but nothing at multiples of four.
 struct StoredPayloads : PayloadSource {
   bool read(std::uint64_t offset, Bytes& out) override {
-    out.assign(offset % 80, static_cast<std::uint8_t>(offset));
+    out.assign(inMemory(offset % 80), static_cast<std::uint8_t>(offset));
     return offset % 4 != 0;
   }
 };
@@ -99,7 +99,8 @@ std::uint64_t bitsOf(const CanFieldSlot& slot, const Bytes& record) {
   std::uint64_t value = 0;
   for (std::uint64_t k = 0; k < std::min(slot.bitCount, 64U); ++k) {
     const std::uint64_t bit = slot.byteOffset * std::uint64_t{8} + slot.bitOffset % 8 + k;
-    if (bit / 8 < record.size()) value |= std::uint64_t{record[bit / 8] >> bit % 8 & 1U} << k;
+    if (bit / 8 < record.size())
+      value |= std::uint64_t{record[inMemory(bit / 8)] >> bit % 8 & 1U} << k;
   }
   return value;
 }
@@ -148,7 +149,7 @@ Fields model(const Layout& layout, bool payloadByDlc, const Bytes& record,
       } else {
         for (std::uint64_t i = 0; i < slot.bitCount / 8; ++i) {
           if (slot.byteOffset + i >= record.size()) break;
-          bytes.push_back(record[slot.byteOffset + i]);
+          bytes.push_back(record[inMemory(slot.byteOffset + i)]);
         }
         isWhole = bytes.size() >= std::min<std::size_t>(slot.bitCount / 8, limit) &&
                   (f.isError || slot.bitCount / 8 > 0 || !code);

@@ -26,8 +26,8 @@ Bytes slice(const Bytes& bytes, std::uint64_t at, std::uint64_t count) {
 }
 
 Bytes read(m4DataStream& stream, std::uint64_t length) {
-  Bytes bytes(length);
-  bytes.resize(stream.Read(length, bytes.data()));
+  Bytes bytes(inMemory(length));
+  bytes.resize(inMemory(stream.Read(length, bytes.data())));
   return bytes;
 }
 
@@ -311,10 +311,11 @@ TEST(Transposition, IsUndoneForAnyShape) {
   std::mt19937 random(1);
   for (const std::uint64_t columns : {0U, 1U, 2U, 15U, 16U, 17U, 23U, 33U, 64U, 512U}) {
     for (const std::uint64_t rows : {0U, 1U, 15U, 16U, 17U, 40U}) {
-      const Bytes want = randomBytes(random, rows * columns + columns / 2);
+      const Bytes want = randomBytes(random, inMemory(rows * columns + columns / 2));
       Bytes stored = want;
       for (std::uint64_t r = 0; r < rows; ++r) {
-        for (std::uint64_t c = 0; c < columns; ++c) stored[c * rows + r] = want[r * columns + c];
+        for (std::uint64_t c = 0; c < columns; ++c)
+          stored[inMemory(c * rows + r)] = want[inMemory(r * columns + c)];
       }
       Bytes out(stored.size());
       undoTransposition(stored, columns, out);
@@ -338,7 +339,7 @@ TEST(WritingDataStream, ReadsBackWhatWasWritten) {
       blocks.data = std::make_unique<M4DTBlock>();
       ASSERT_TRUE(blocks.data->reallocate(10));
       blocks.dataList = std::make_unique<M4DLBlock>(3, 10);
-      const Bytes stored = randomBytes(random, size);
+      const Bytes stored = randomBytes(random, inMemory(size));
       m4DataStream writer(file, std::move(blocks));
       writer.addPendingLink(8, writer.firstList());
       for (std::uint64_t at = 0; at < size;) {

@@ -120,7 +120,7 @@ TEST(FailingReadsRecovery, SectorsAreReadAroundWhatCannotBeRead) {
   ASSERT_TRUE(file.open(path, OpenMode::Read));
   file.reads().bySectors();
   const auto read = [&](std::uint64_t at, std::uint64_t length) {
-    Bytes bytes(length);
+    Bytes bytes(inMemory(length));
     const auto from = content.begin() + static_cast<std::ptrdiff_t>(at);
     const auto first = bad.begin() + static_cast<std::ptrdiff_t>(at);
     const auto end = first + static_cast<std::ptrdiff_t>(length);

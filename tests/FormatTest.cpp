@@ -62,7 +62,7 @@ TEST(DirectFile, ReadsWhatWasWrittenLast) {
   for (int i = 0; i < 20'000; ++i) {
     const std::uint64_t at = random() % model.size();
     const std::uint64_t longest = random() % 50 == 0 ? 20'000 : 100;
-    Bytes bytes(std::min<std::uint64_t>(random() % longest, model.size() - at));
+    Bytes bytes(inMemory(std::min<std::uint64_t>(random() % longest, model.size() - at)));
     const Bytes want(model.begin() + static_cast<std::ptrdiff_t>(at),
                      model.begin() + static_cast<std::ptrdiff_t>(at + bytes.size()));
     ASSERT_TRUE(file.ReadAt(at, bytes.size(), bytes.data()));
@@ -123,7 +123,7 @@ TEST(Blocks, EveryKindComesBackAsItStands) {
                                   48 + kind.recordSize + block->extraSize(), std::uint64_t{3},
                                   std::uint64_t{11}, std::uint64_t{22}, std::uint64_t{33}),
                            section});
-      want.resize(48 + kind.recordSize + block->extraSize());
+      want.resize(inMemory(48 + kind.recordSize + block->extraSize()));
       EXPECT_EQ(
           Bytes(written.bytes().begin() + static_cast<std::ptrdiff_t>(at), written.bytes().end()),
           want);

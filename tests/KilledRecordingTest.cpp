@@ -95,17 +95,17 @@ std::vector<TakenBlock> loseSome(StandingFile& file, const std::vector<LoggedWri
       random() % 2 == 0 ? file.size() : file.size() - random() % file.size() / 2;
   file.cut(end);
   const auto often = random() % 5;
-  std::vector<bool> lost(end / kPage + 1);
-  for (std::size_t page = file.described() / kPage + 1; page < lost.size(); ++page) {
+  std::vector<bool> lost(inMemory(end / kPage + 1));
+  for (std::size_t page = inMemory(file.described() / kPage + 1); page < lost.size(); ++page) {
     lost[page] = random() % 8 < often;
-    if (lost[page]) file.write(page * kPage, Bytes(std::min(kPage, end - page * kPage)));
+    if (lost[page]) file.write(page * kPage, Bytes(inMemory(std::min(kPage, end - page * kPage))));
   }
   std::vector<TakenBlock> whole;
   for (const TakenBlock& block : file.taken()) {
     const std::uint64_t blockEnd = block.position + block.size;
     bool isWhole = blockEnd <= end && file.described() <= end;
     for (std::uint64_t page = block.position / kPage; isWhole && page * kPage < blockEnd; ++page) {
-      isWhole = !lost[page];
+      isWhole = !lost[inMemory(page)];
     }
     if (isWhole) whole.push_back(block);
   }

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "Mdf4/base/Bytes.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {
@@ -76,13 +77,13 @@ Result failed(double raw) {
 
 // Bit by bit, then byte by byte.
 std::optional<std::uint64_t> modelBits(const MdfSigCCInfo& info, const Bytes& record) {
-  const std::size_t start = std::size_t{info.byteOffset} * 8 + info.bitOffset;
-  const std::size_t needed =
-      std::size_t{info.byteOffset} + (info.bitOffset + info.bitCount + 7U) / 8;
+  const std::uint64_t start = std::uint64_t{info.byteOffset} * 8 + info.bitOffset;
+  const std::uint64_t needed =
+      std::uint64_t{info.byteOffset} + (info.bitOffset + info.bitCount + 7U) / 8;
   if (info.bitCount > 64 || record.size() < needed) return std::nullopt;
   std::uint64_t value = 0;
-  for (std::size_t i = 0; i < info.bitCount; ++i) {
-    value |= std::uint64_t{record[(start + i) / 8] >> ((start + i) % 8) & 1U} << i;
+  for (std::uint64_t i = 0; i < info.bitCount; ++i) {
+    value |= std::uint64_t{record[inMemory((start + i) / 8)] >> ((start + i) % 8) & 1U} << i;
   }
   if (info.byteOrder != 2 || info.bitCount < 8) return value;
   std::uint64_t reversed = 0;

@@ -373,7 +373,8 @@ TEST_F(MdfSigReaderTest, ReadsVariableLengthValuesHoweverTheyAreStored) {
     Bytes none;
     EXPECT_FALSE(reader.readValueBytes(dg, 0, 2, records[0].data(), 16, none));
     // Behind the end, half a length, a length that leads beyond the end, nonsense.
-    for (const std::uint64_t offset : {stored.size(), stored.size() - 2, std::size_t{14}, ~0UL}) {
+    const std::uint64_t size = stored.size();
+    for (const std::uint64_t offset : {size, size - 2, std::uint64_t{14}, ~std::uint64_t{0}}) {
       EXPECT_FALSE(reader.readValueBytes(dg, 0, 1, packed(0.0, offset).data(), 16, none));
     }
   }

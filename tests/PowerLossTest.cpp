@@ -44,7 +44,7 @@ class CachingDisk {
     }
     std::size_t longest = flushed;
     for (const LoggedWrite* write : cached_) {
-      longest = std::max<std::size_t>(longest, write->position + write->bytes.size());
+      longest = std::max(longest, inMemory(write->position + write->bytes.size()));
     }
     const std::size_t some = flushed + random() % (longest - flushed + 1);
     bytes_.resize(random() % 2 == 0 ? longest : some);
@@ -62,7 +62,7 @@ class CachingDisk {
   void apply(const LoggedWrite& write, std::uint64_t from, std::uint64_t to) {
     from = std::max(from, write.position);
     to = std::min(to, write.position + write.bytes.size());
-    if (bytes_.size() < to) bytes_.resize(to);
+    if (bytes_.size() < to) bytes_.resize(inMemory(to));
     std::copy_n(write.bytes.begin() + static_cast<std::ptrdiff_t>(from - write.position), to - from,
                 bytes_.begin() + static_cast<std::ptrdiff_t>(from));
   }

@@ -208,7 +208,7 @@ TEST_F(Recovery, LeavesSoundFilesWhatTheyAre) {
   FileBuilder constants;  // of a logger whose fields without bits are all said by their conversion
   constants.busLog({"CAN_DataFrame", 12, {{"IDE", 8, 0, 0, 0, {1, 0}}, {"ID", 8, 0, 32}}}, {});
   FileBuilder zeros;  // begin where a page begins, but for the end of the block's header
-  zeros.tx(std::string(2 * 4096 - 25 - 16 - zeros.size(), 'x'));
+  zeros.tx(std::string(inMemory(2 * 4096 - 25 - 16 - zeros.size()), 'x'));
   zeros.signalGroup({{.name = "v", .byteOffset = 8}}, {.records = 2, .dataBytes = 1000},
                     zeros.dt(joined({Bytes(1000), packed(1.0), Bytes(992, 1)})));
   for (const std::string& path :

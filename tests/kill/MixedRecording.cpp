@@ -308,7 +308,7 @@ std::string RecoveryCheck::faults(const std::string& input, const std::vector<Ta
 
   std::ifstream in(input, std::ios::binary);
   for (const TakenBlock& block : taken) {
-    Bytes bytes(block.size - kHeaderSize);
+    Bytes bytes(inMemory(block.size - kHeaderSize));
     in.seekg(static_cast<std::streamoff>(block.position + kHeaderSize));
     in.read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
     if (bytes.size() == kTimeRecord) continue;

@@ -72,8 +72,8 @@ bool kill(std::uint32_t seed) {
   std::vector<std::vector<TakenBlock>> taken(1);
   std::size_t read = 0;
   for (Report report; ::read(ends[0], &report, sizeof report) == sizeof report;) {
-    taken.resize(std::max<std::size_t>(taken.size(), report.file + 1));
-    if (report.records) taken[report.file].push_back({report.position, report.size});
+    taken.resize(std::max(taken.size(), inMemory(report.file + 1)));
+    if (report.records) taken[inMemory(report.file)].push_back({report.position, report.size});
     if (++read != reports) continue;
     const auto end = std::chrono::steady_clock::now() + delay;
     while (std::chrono::steady_clock::now() < end) continue;
@@ -85,9 +85,9 @@ bool kill(std::uint32_t seed) {
 
   std::string faults;
   for (std::uint64_t file = 0; std::filesystem::exists(nameOf(path, file)); ++file) {
-    taken.resize(std::max<std::size_t>(taken.size(), file + 1));
+    taken.resize(std::max(taken.size(), inMemory(file + 1)));
     const std::string found =
-        check.faults(nameOf(path, file), taken[file], RecoveryCheck::Allowed::Nothing);
+        check.faults(nameOf(path, file), taken[inMemory(file)], RecoveryCheck::Allowed::Nothing);
     if (!found.empty()) faults += "\n  file " + std::to_string(file) + ": " + found;
   }
   std::printf("%s, %s after %zu of %zu writes%s\n", recording.description().c_str(),

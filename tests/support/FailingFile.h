@@ -88,7 +88,7 @@ class FailingDisk {
 
   // How many of the bytes the disk takes.
   std::uint64_t take(std::vector<bool>& used, std::uint64_t position, std::uint64_t size) {
-    if (used.size() < position + size) used.resize(position + size);
+    if (used.size() < position + size) used.resize(inMemory(position + size));
     const auto at = used.begin() + static_cast<std::ptrdiff_t>(position);
     const bool limited = fault_ != Fault::None;
     std::uint64_t needed = 0;

@@ -41,7 +41,7 @@ ssize_t readFirst(Call call, int file, const iovec* pieces, int count, off_t at,
                   std::uint64_t bytes) {
   std::vector<iovec> parts(pieces, pieces + count);
   for (iovec& part : parts) {
-    part.iov_len = std::min<std::uint64_t>(part.iov_len, bytes);
+    part.iov_len = static_cast<std::size_t>(std::min<std::uint64_t>(part.iov_len, bytes));
     bytes -= part.iov_len;
   }
   return call(file, parts.data(), count, at);
@@ -118,7 +118,7 @@ void FailingReads::clear() {
 extern "C" __attribute__((visibility("default"))) ssize_t preadv(int file, const iovec* pieces,
                                                                  int count, off_t at) {
   using namespace tolvex::test;
-  static const auto call = reinterpret_cast<Call>(::dlsym(RTLD_NEXT, "preadv"));
+  static const auto call = reinterpret_cast<Call>(::dlsym(RTLD_NEXT, "preadv64"));
   static const std::unique_ptr<FailingReads> given = fromEnvironment();
   return FailingReadsHook::watches(file) ? FailingReadsHook::read(call, file, pieces, count, at)
                                          : call(file, pieces, count, at);

@@ -294,17 +294,17 @@ Link FileBuilder::busLog(const BusLayout& layout, const std::vector<Bytes>& reco
 
 std::uint64_t FileBuilder::u64(std::uint64_t position) const {
   std::uint64_t value = 0;
-  std::memcpy(&value, &bytes_.at(position + 7) - 7, sizeof(value));
+  std::memcpy(&value, &bytes_.at(inMemory(position + 7)) - 7, sizeof(value));
   return value;
 }
 
 void FileBuilder::setU64(std::uint64_t position, std::uint64_t value) {
-  std::memcpy(&bytes_.at(position + 7) - 7, &value, sizeof(value));
+  std::memcpy(&bytes_.at(inMemory(position + 7)) - 7, &value, sizeof(value));
 }
 
 bool FileBuilder::isA(Link block, const std::string& type) const {
-  return static_cast<char>(bytes_.at(block + 2)) == type.at(0) &&
-         static_cast<char>(bytes_.at(block + 3)) == type.at(1);
+  return static_cast<char>(bytes_.at(inMemory(block + 2))) == type.at(0) &&
+         static_cast<char>(bytes_.at(inMemory(block + 3))) == type.at(1);
 }
 
 Link FileBuilder::firstOf(const std::string& type) const {

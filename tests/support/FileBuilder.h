@@ -12,6 +12,8 @@
 #include <utility>
 #include <vector>
 
+#include "Mdf4/base/Bytes.h"
+
 namespace tolvex::test {
 
 using Bytes = std::vector<std::uint8_t>;
@@ -205,7 +207,9 @@ class FileBuilder {
   std::uint64_t linkCount(Link block) const { return u64(block + 16); }
   Link link(Link block, std::uint64_t index) const { return u64(block + 24 + 8 * index); }
   std::uint64_t dataPosition(Link block) const { return block + 24 + 8 * linkCount(block); }
-  void setByte(std::uint64_t position, std::uint8_t value) { bytes_.at(position) = value; }
+  void setByte(std::uint64_t position, std::uint8_t value) {
+    bytes_.at(inMemory(position)) = value;
+  }
   void setU64(std::uint64_t position, std::uint64_t value);
   void setLength(Link block, std::uint64_t length) { setU64(block + 8, length); }
   void setLinkCount(Link block, std::uint64_t count) { setU64(block + 16, count); }

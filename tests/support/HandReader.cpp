@@ -6,6 +6,8 @@
 #include <map>
 #include <stdexcept>
 
+#include "Mdf4/base/Bytes.h"
+
 namespace tolvex::test {
 namespace {
 
@@ -15,7 +17,7 @@ std::uint64_t bitsAt(const Bytes& bytes, std::uint64_t firstBit, unsigned count)
   std::uint64_t value = 0;
   for (unsigned k = 0; k < count; ++k) {
     const std::uint64_t bit = firstBit + k;
-    value |= static_cast<std::uint64_t>(bytes.at(bit / 8) >> bit % 8 & 1) << k;
+    value |= static_cast<std::uint64_t>(bytes.at(inMemory(bit / 8)) >> bit % 8 & 1) << k;
   }
   return value;
 }
@@ -39,7 +41,7 @@ struct File {
   }
   std::uint64_t data(std::uint64_t block) const { return block + 24 + 8 * u64(block + 16); }
   std::string text(std::uint64_t block) const {
-    return reinterpret_cast<const char*>(&bytes.at(data(block)));
+    return reinterpret_cast<const char*>(&bytes.at(inMemory(data(block))));
   }
 };
 
@@ -54,8 +56,8 @@ void listChannels(const File& file, std::uint64_t cn, std::map<std::string, Chan
   for (; cn != 0; cn = file.link(cn, 0)) {
     const std::uint64_t record = file.data(cn);
     channels[file.text(file.link(cn, 2))] = {
-        std::uint64_t{file.u32(record + 4)} * 8 + file.bytes.at(record + 3), file.u32(record + 8),
-        file.link(cn, 5)};
+        std::uint64_t{file.u32(record + 4)} * 8 + file.bytes.at(inMemory(record + 3)),
+        file.u32(record + 8), file.link(cn, 5)};
     listChannels(file, file.link(cn, 1), channels);
   }
 }
@@ -102,7 +104,7 @@ std::vector<HandFrame> readFramesByHand(const std::string& path) {
     frame.esi = field("ESI") != 0;
     const std::uint64_t entry = payloads + field("DataBytes");
     for (std::uint64_t k = 0; k < file.u32(entry); ++k) {
-      frame.payload.push_back(file.bytes.at(entry + 4 + k));
+      frame.payload.push_back(file.bytes.at(inMemory(entry + 4 + k)));
     }
     result.push_back(frame);
   }

@@ -20,7 +20,7 @@ constexpr std::uint64_t kVlsd = 1;  // a channel's type, and a flag of channel g
 
 std::uint64_t number(const Bytes& bytes, std::uint64_t at, unsigned count) {
   std::uint64_t value = 0;
-  for (unsigned k = 0; k < count; ++k) value |= std::uint64_t{bytes.at(at + k)} << 8 * k;
+  for (unsigned k = 0; k < count; ++k) value |= std::uint64_t{bytes.at(inMemory(at + k))} << 8 * k;
   return value;
 }
 
@@ -28,7 +28,7 @@ std::uint64_t bitsAt(const Bytes& bytes, std::uint64_t firstBit, unsigned count)
   std::uint64_t value = 0;
   for (unsigned k = 0; k < std::min(count, 64U); ++k) {
     const std::uint64_t bit = firstBit + k;
-    value |= static_cast<std::uint64_t>(bytes.at(bit / 8) >> bit % 8 & 1) << k;
+    value |= static_cast<std::uint64_t>(bytes.at(inMemory(bit / 8)) >> bit % 8 & 1) << k;
   }
   return value;
 }
@@ -71,7 +71,7 @@ class LoggerFile {
                       bytes_.begin() + static_cast<std::ptrdiff_t>(block) + 2);
   }
   std::string text(std::uint64_t block) const {
-    return block == 0 ? "" : reinterpret_cast<const char*>(&bytes_.at(data(block)));
+    return block == 0 ? "" : reinterpret_cast<const char*>(&bytes_.at(inMemory(data(block))));
   }
 
   // The bytes behind a link to data: those of one block, or of the blocks that lists name.
@@ -101,7 +101,7 @@ class LoggerFile {
     char hex[3] = {};
     const std::uint64_t countsBytes = isGroup ? 16 : 0;  // record id and cycle count
     for (std::uint64_t at = data(block) + countsBytes; at < block + u64(block + 8); ++at) {
-      std::snprintf(hex, sizeof hex, "%02x", bytes_.at(at));
+      std::snprintf(hex, sizeof hex, "%02x", bytes_.at(inMemory(at)));
       told += hex;
     }
     for (unsigned i = 0; i < u64(block + 16); ++i) {
@@ -122,11 +122,11 @@ class LoggerFile {
     for (; cn != 0; cn = link(cn, 0)) {
       const std::uint64_t place = data(cn);
       LoggerChannel channel = {text(link(cn, 2)),
-                               number(bytes_, place + 4, 4) * 8 + bytes_.at(place + 3),
+                               number(bytes_, place + 4, 4) * 8 + bytes_.at(inMemory(place + 3)),
                                static_cast<unsigned>(number(bytes_, place + 8, 4))};
-      channel.variable = bytes_.at(place) == kVlsd;
+      channel.variable = bytes_.at(inMemory(place)) == kVlsd;
       const std::uint64_t cc = link(cn, 4);
-      if (cc != 0 && bytes_.at(data(cc)) == 1) {
+      if (cc != 0 && bytes_.at(inMemory(data(cc))) == 1) {
         channel.linear = {realOf(u64(data(cc) + 24)), realOf(u64(data(cc) + 32))};
       }
       record.group.channels.push_back(channel);
@@ -136,7 +136,7 @@ class LoggerFile {
   }
 
   void readDataGroup(std::uint64_t dg, int index) {
-    const unsigned idSize = bytes_.at(data(dg));
+    const unsigned idSize = bytes_.at(inMemory(data(dg)));
     std::map<std::uint64_t, Record> byId;
     std::map<std::uint64_t, Values> values;  // by channel group or block of data
     std::vector<std::uint64_t> order;

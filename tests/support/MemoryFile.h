@@ -40,7 +40,7 @@ class MemoryFile final : public SystemFile {
   bool write(std::uint64_t position, std::span<const ByteSpan> pieces) override {
     for (const ByteSpan& piece : pieces) {
       const std::uint64_t count = std::min<std::uint64_t>(piece.size(), room_);
-      if (bytes_.size() < position + count) bytes_.resize(position + count);
+      if (bytes_.size() < position + count) bytes_.resize(inMemory(position + count));
       std::copy_n(piece.begin(), count, bytes_.begin() + static_cast<std::ptrdiff_t>(position));
       position += count;
       room_ -= count;
