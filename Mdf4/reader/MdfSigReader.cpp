@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <utility>
@@ -62,8 +61,9 @@ TimeRead readTime(GroupRecords& records, std::int64_t index, const MdfSigCCInfo&
 template <class Result, class Work>
 Result withRecords(SignalStreams& streams, ReaderState& state, int dg, int cg, Result none,
                    Work work) {
-  const std::lock_guard lock(streams.mutex);
+  const MutexLock lock(streams.mutex);
   return state.orOutOfMemory(none, [&] {
+    streams.mutex.assumeHeld();
     GroupRecords* const records = streams.find(dg, cg);
     return records == nullptr ? none : work(*records);
   });
@@ -108,9 +108,10 @@ void MdfSigReader::setReadAllGroups(bool on) {
 
 bool MdfSigReader::open() {
   if (!MdfBaseReader::open()) return false;
-  const std::lock_guard lock(streams_->mutex);
+  const MutexLock lock(streams_->mutex);
   streams_->clear();
   const bool isOpen = state_->orOutOfMemory(false, [&] {
+    streams_->mutex.assumeHeld();
     streams_->open(*state_);
     return true;
   });
@@ -174,8 +175,9 @@ std::uint64_t MdfSigReader::getStoredRecordCount(int dg, int cg) {
 }
 
 std::vector<int> MdfSigReader::getDataGroupSigsIndex() {
-  const std::lock_guard lock(streams_->mutex);
+  const MutexLock lock(streams_->mutex);
   return state_->orOutOfMemory(std::vector<int>(), [&] {
+    streams_->mutex.assumeHeld();
     std::set<int> groups;
     for (const auto& entry : streams_->records) groups.insert(entry.first.first);
     return std::vector<int>(groups.begin(), groups.end());
@@ -305,7 +307,7 @@ bool MdfSigReader::readValueBytes(int dg, int cg, int cn, const std::uint8_t* re
     if (length > sizeof(std::uint64_t)) return false;
     const BitField place(channel->cn_byte_offset, 0, static_cast<std::uint32_t>(8 * length));
     const std::uint64_t offset = place.read({record, size});
-    const std::lock_guard lock(streams_->mutex);
+    const MutexLock lock(streams_->mutex);
     return streams_->valuesOf(*state_, *channel).readValue(offset, out);
   });
 }

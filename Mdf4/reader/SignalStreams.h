@@ -4,10 +4,10 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <unordered_map>
 #include <utility>
 
+#include "Mdf4/base/Mutex.h"
 #include "Mdf4/format/m4DataStream.h"
 #include "Mdf4/model/RecordCursor.h"
 #include "Mdf4/reader/ChannelDescription.h"
@@ -30,26 +30,28 @@ struct GroupRecords {
 
 struct SignalStreams {
   bool readAllGroups = false;
-  std::mutex mutex;  // guards all below, and the file while records are read
-  std::map<std::pair<int, int>, GroupRecords> records;     // by (dg, cg)
+  // Changed by open alone.
   std::unordered_map<const m4Block*, ChannelTexts> texts;  // by channel
-  std::map<const m4Block*, m4DataStream> values;           // of variable-length channels
-  std::list<m4DataStream*> recent;                         // last read first
+  Mutex mutex;  // the file's, too, while records are read
+  std::map<std::pair<int, int>, GroupRecords> records TOLVEX_GUARDED_BY(mutex);  // by (dg, cg)
+  // Of variable-length channels.
+  std::map<const m4Block*, m4DataStream> values TOLVEX_GUARDED_BY(mutex);
+  std::list<m4DataStream*> recent TOLVEX_GUARDED_BY(mutex);  // last read first
 
   // What a copy of a reader begins with, as ReaderState::forCopy.
   static std::shared_ptr<SignalStreams> forCopy(const std::shared_ptr<SignalStreams>& streams,
                                                 const ReaderState& state);
   // Opens the records of all groups that are read, and learns what describes the channels.
-  void open(ReaderState& state);
-  void clear();
+  void open(ReaderState& state) TOLVEX_REQUIRES(mutex);
+  void clear() TOLVEX_REQUIRES(mutex);
   // The records of (dg, cg), of the first group of dg when cg is negative; null when there are none
   // or the file is closed.
-  GroupRecords* find(int dg, int cg);
+  GroupRecords* find(int dg, int cg) TOLVEX_REQUIRES(mutex);
   // Before a stream is read: what the others that were read lately hold in memory is kept up to a
   // limit.
-  void touch(m4DataStream& stream);
+  void touch(m4DataStream& stream) TOLVEX_REQUIRES(mutex);
   // The values of a channel of variable length.
-  m4DataStream& valuesOf(ReaderState& state, const M4CNBlock& channel);
+  m4DataStream& valuesOf(ReaderState& state, const M4CNBlock& channel) TOLVEX_REQUIRES(mutex);
   // False when the channel is null or was not there when the file was opened.
   bool describe(ReaderState& state, const m4Block* channel, Tables tables, MdfSigCCInfo& out) const;
 };
