@@ -1,6 +1,5 @@
 // How the commands write their results: whole or not at all, and not without end.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <csignal>
@@ -44,23 +43,6 @@ FileBuilder bomb(std::size_t blocks) {
       file.hl(file.dl(data, kBlockBytes)));
   return file;
 }
-
-// While it lives, this process and its children get no more of a resource.
-class ResourceLimit {
- public:
-  ResourceLimit(decltype(RLIMIT_AS) resource, rlim_t most) : resource_(resource) {
-    ::getrlimit(resource_, &before_);
-    const rlimit limited = {most, before_.rlim_max};
-    ::setrlimit(resource_, &limited);
-  }
-  ~ResourceLimit() { ::setrlimit(resource_, &before_); }
-  ResourceLimit(const ResourceLimit&) = delete;
-  ResourceLimit& operator=(const ResourceLimit&) = delete;
-
- private:
-  const decltype(RLIMIT_AS) resource_;
-  rlimit before_ = {};
-};
 
 class OutputTest : public testing::Test {
  protected:
@@ -149,10 +131,7 @@ TEST_F(OutputTest, LeavesEverythingAsItWasWhenAResultCannotBeWritten) {
   for (const auto& [arguments, limit] : cases) {
     runTolvex(arguments + " --max-output " + limit, 1, "--max-output");
     EXPECT_EQ(names(), before);
-    {
-      const ResourceLimit full(RLIMIT_FSIZE, 512);
-      runTolvex(arguments, 1, "File too large");
-    }
+    runTolvexWithin("-f 1", arguments, 1, "File too large");
     EXPECT_EQ(names(), before);
     EXPECT_EQ(contentOf(dir_.path("out")), "old");
     EXPECT_EQ(contentOf(dir_.path(first)), "old");
@@ -191,11 +170,13 @@ TEST_F(OutputTest, HoldsALongNameOnceHoweverManyHaveIt) {
     if (file.isA(block, "CN") || file.isA(block, "CG")) file.setLink(block, 2, name);
   }
   const std::string path = file.write();
-  const ResourceLimit memory(RLIMIT_AS, rlim_t{300} << 20);
-  runTolvex("info " + path, 0);
-  runTolvex("info --format json " + path, 0);
-  runTolvex("export --max-output 1 --dg 0 " + path, 1, "limit of 1 bytes");
-  runTolvex("export --max-output 1 -o " + dir_.path("out") + ' ' + path, 1, "limit of 1 bytes");
+  const auto run = [](const std::string& arguments, int exitCode, const std::string& said = "") {
+    runTolvexWithin("-v 307200", arguments, exitCode, said);
+  };
+  run("info " + path, 0);
+  run("info --format json " + path, 0);
+  run("export --max-output 1 --dg 0 " + path, 1, "limit of 1 bytes");
+  run("export --max-output 1 -o " + dir_.path("out") + ' ' + path, 1, "limit of 1 bytes");
 }
 #endif
 

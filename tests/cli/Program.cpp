@@ -24,22 +24,40 @@ std::vector<std::string> Outcome::lines() const {
   return lines;
 }
 
-Outcome runTolvex(const std::string& arguments) {
+namespace {
+
+// Runs the program from a shell, `before` in front of it.
+Outcome run(const std::string& before, const std::string& arguments) {
   const TempDir dir;
   // The braces let a redirection among the arguments win over the outer one.
-  const std::string command =
-      "{ '" TOLVEX_PROGRAM "' " + arguments + "; } > " + dir.path("out") + " 2> " + dir.path("err");
+  const std::string command = "{ " + before + "'" TOLVEX_PROGRAM "' " + arguments + "; } > " +
+                              dir.path("out") + " 2> " + dir.path("err");
   const int status = std::system(command.c_str());
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contentOf(dir.path("out")),
           contentOf(dir.path("err"))};
 }
 
-Outcome runTolvex(const std::string& arguments, int exitCode, const std::string& said) {
-  Outcome outcome = runTolvex(arguments);
+Outcome expected(Outcome outcome, const std::string& arguments, int exitCode,
+                 const std::string& said) {
   EXPECT_EQ(outcome.exitCode, exitCode) << arguments << ": " << outcome.err;
   EXPECT_NE(outcome.err.find(said), std::string::npos)
       << arguments << ": expected \"" << said << "\", found \"" << outcome.err << "\"";
   return outcome;
+}
+
+}  // namespace
+
+Outcome runTolvex(const std::string& arguments) {
+  return run("", arguments);
+}
+
+Outcome runTolvex(const std::string& arguments, int exitCode, const std::string& said) {
+  return expected(run("", arguments), arguments, exitCode, said);
+}
+
+Outcome runTolvexWithin(const std::string& limit, const std::string& arguments, int exitCode,
+                        const std::string& said) {
+  return expected(run("ulimit " + limit + "; ", arguments), arguments, exitCode, said);
 }
 
 Outcome runOnTerminal(const std::string& arguments) {

@@ -22,6 +22,10 @@ struct Outcome {
 Outcome runTolvex(const std::string& arguments);
 // The same, where that exit code and `said` on the standard error are expected.
 Outcome runTolvex(const std::string& arguments, int exitCode, const std::string& said = "");
+// Likewise with a limit as the shell's ulimit takes it: "-f" and blocks of 512 bytes that a file
+// may have, "-v" and KiB of memory.
+Outcome runTolvexWithin(const std::string& limit, const std::string& arguments, int exitCode,
+                        const std::string& said);
 
 // What the program shows on a terminal, which gets its standard output and error.
 Outcome runOnTerminal(const std::string& arguments);
