@@ -18,3 +18,18 @@
 #else
 #define TOLVEX_THREAD_SAFETY(attribute)
 #endif
+
+namespace tolvex {
+
+// Whether the build has a sanitizer, which finds more where no memory is recycled.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool kMemoryIsWatched = true;
+#elif defined(__has_feature)
+inline constexpr bool kMemoryIsWatched = __has_feature(address_sanitizer) ||
+                                         __has_feature(memory_sanitizer) ||
+                                         __has_feature(thread_sanitizer);
+#else
+inline constexpr bool kMemoryIsWatched = false;
+#endif
+
+}  // namespace tolvex

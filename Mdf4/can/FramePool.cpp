@@ -4,7 +4,7 @@
 #include <memory>
 #include <utility>
 
-#include "Mdf4/base/System.h"
+#include "Mdf4/base/SystemMacros.h"
 
 namespace tolvex {
 namespace {

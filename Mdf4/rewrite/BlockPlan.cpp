@@ -87,7 +87,6 @@ bool BlockPlan::write(const Block& block) {
     }
   }
   std::vector<std::uint8_t> piece = block.data;
-  std::uint64_t done = 0;
   if (piece.empty()) {
     piece.resize(inMemory(std::min(kPiece, dataBytes)));
     if (!in_.ReadAt(block.dataPosition, piece.size(), piece.data())) return writeWithoutData(block);
@@ -98,7 +97,7 @@ bool BlockPlan::write(const Block& block) {
       ByteSpan(piece)};
   if (!out_.WriteAt(block.position, pieces)) return false;
   std::uint64_t position = out_.position();
-  for (done = piece.size(); done < dataBytes; done += piece.size()) {
+  for (std::uint64_t done = piece.size(); done < dataBytes; done += piece.size()) {
     piece.resize(inMemory(std::min(kPiece, dataBytes - done)));
     if (!in_.ReadAt(block.dataPosition + done, piece.size(), piece.data())) {
       return writeWithoutData(block);

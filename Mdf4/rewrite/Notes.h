@@ -9,16 +9,16 @@
 
 namespace tolvex {
 
-// Adds texts to a report or to one of its groups, the first 100 of each kind.
+// Of the texts of a report or of one of its groups, the first ones of each kind are kept.
+inline constexpr std::size_t kMostNotes = 100;
+
 template <class Report>
 void noteLoss(Report& report, std::string text) {
-  constexpr std::size_t kMost = 100;
-  if (report.losses.size() < kMost) report.losses.push_back(std::move(text));
+  if (report.losses.size() < kMostNotes) report.losses.push_back(std::move(text));
 }
 template <class Report>
 void noteRepair(Report& report, std::string text) {
-  constexpr std::size_t kMost = 100;
-  if (report.repairs.size() < kMost) report.repairs.push_back(std::move(text));
+  if (report.repairs.size() < kMostNotes) report.repairs.push_back(std::move(text));
 }
 
 }  // namespace tolvex
