@@ -41,6 +41,13 @@ class BitField {
     sizeForOneLoad_ = inOneLoad ? byte_ + sizeof(std::uint64_t) : ~std::uint64_t{0};
   }
 
+  // Its first byte in the record, the bytes from there on that it has a part in, and how far its
+  // lowest bit lies above that of the number that these make.
+  std::uint64_t byte() const { return byte_; }
+  unsigned touched() const { return touched_; }
+  unsigned shift() const { return shift_; }
+  std::uint64_t mask() const { return mask_; }
+
   // Whether a record of that size holds the whole field.
   bool isInside(std::uint64_t size) const { return byte_ <= size && touched_ <= size - byte_; }
 
