@@ -108,7 +108,7 @@ std::shared_ptr<const Conversion> FileTexts::conversion(std::uint64_t position) 
   std::uint64_t room = file_.end() + kAlwaysText;
   for (std::size_t i = link::cc_ref;
        i < block->linkCount() && conversion->texts.size() < block->cc_ref_count; ++i) {
-    SharedText entryText = text(block->link(i));
+    SharedText entryText = content(block->link(i));
     const std::uint64_t size = entryText == nullptr ? 0 : entryText->size();
     if (size > room) {
       file_.report(
@@ -118,17 +118,17 @@ std::shared_ptr<const Conversion> FileTexts::conversion(std::uint64_t position) 
     room -= size;
     conversion->texts.push_back(std::move(entryText));
   }
-  conversion->name = text(block->link(link::cc_tx_name));
-  conversion->unit = text(block->link(link::cc_md_unit));
-  conversion->comment = text(block->link(link::cc_md_comment));
+  conversion->name = content(block->link(link::cc_tx_name));
+  conversion->unit = content(block->link(link::cc_md_unit));
+  conversion->comment = content(block->link(link::cc_md_comment));
   return conversions_.emplace(position, std::move(conversion)).first->second;
 }
 
 ChannelTexts FileTexts::load(const M4CNBlock& channel) {
   ChannelTexts texts;
-  texts.name = text(channel.link(link::cn_tx_name));
-  texts.unit = text(channel.link(link::cn_md_unit));
-  texts.comment = text(channel.link(link::cn_md_comment));
+  texts.name = content(channel.link(link::cn_tx_name));
+  texts.unit = content(channel.link(link::cn_md_unit));
+  texts.comment = content(channel.link(link::cn_md_comment));
   texts.conversion = conversion(channel.link(link::cn_cc_conversion));
   return texts;
 }

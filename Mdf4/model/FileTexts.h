@@ -41,6 +41,8 @@ class FileTexts {
 
   // The text of the TX block at the position; null for any other.
   SharedText plain(std::uint64_t position);
+  // Of an MD block what stands in its <TX>, too.
+  SharedText content(std::uint64_t position) { return entry(position).text; }
   // Of an MD block the XML, too.
   SharedText whole(std::uint64_t position);
   // A conversion without its texts; null for none.
@@ -54,7 +56,6 @@ class FileTexts {
   };
 
   const Text& entry(std::uint64_t position);
-  SharedText text(std::uint64_t position) { return entry(position).text; }
   std::shared_ptr<const Conversion> conversion(std::uint64_t position);
 
   DirectFile& file_;

@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "Mdf4/base/BitField.h"
+#include "Mdf4/model/Text.h"
 #include "Mdf4/reader/SignalStreams.h"
-#include "Mdf4/reader/Text.h"
 
 namespace tolvex {
 namespace {

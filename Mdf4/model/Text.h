@@ -14,8 +14,12 @@ constexpr bool isTextType(std::uint8_t dataType) {
   return dataType >= data_type::kLatin1 && dataType <= data_type::kUtf16BigEndian;
 }
 
-// The text up to its first NUL. UTF-8 is copied as it stands; half a surrogate pair of UTF-16
-// becomes U+FFFD. False when the data type is none of a string channel.
+// Appends the text, up to its first NUL. What is no sequence of its encoding becomes U+FFFD. Of a
+// data type that is none of a string channel nothing.
+void appendText(std::uint8_t dataType, ByteSpan bytes, std::string& text);
+
+// Replaces `text` likewise, but UTF-8 is copied as it stands. False when the data type is none of a
+// string channel.
 bool decodeText(std::uint8_t dataType, ByteSpan bytes, std::string& text);
 
 }  // namespace tolvex
