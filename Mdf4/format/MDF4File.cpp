@@ -34,6 +34,10 @@ bool MDF4File::Close() {
   return DirectFile::Close();
 }
 
+bool MDF4File::isUnfinished() const {
+  return std::string_view(id_.id_file, sizeof id_.id_file) == kUnfinalizedFileId;
+}
+
 bool MDF4File::readIdentification() {
   id_ = {};
   if (end() < kIdBlockSize) {
@@ -46,7 +50,7 @@ bool MDF4File::readIdentification() {
     return false;
   }
   const std::string_view fileId(id_.id_file, sizeof id_.id_file);
-  if (fileId == kUnfinalizedFileId) {
+  if (isUnfinished() && !acceptsUnfinished_) {
     error_ = formatText(
         "identification at 0: expected \"MDF     \", found \"UnFinMF \": an unfinalized recording, "
         "left by its logger before it was finished (flags 0x%04X at 60); tolvex recover makes a "
@@ -54,7 +58,7 @@ bool MDF4File::readIdentification() {
         unsigned{id_.id_unfin_flags});
     return false;
   }
-  if (fileId != kFileId) {
+  if (fileId != kFileId && !isUnfinished()) {
     error_ = formatText("identification at 0: expected \"MDF     \", found \"%s\"",
                         printable(fileId).c_str());
     return false;

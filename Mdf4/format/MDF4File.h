@@ -17,6 +17,10 @@ class MDF4File : public DirectFile {
   [[nodiscard]] bool Open(const std::string& path, bool update);
   bool Close() override;
 
+  // For later openings: whether files are opened that their logger did not come to finalize.
+  void acceptUnfinished(bool on) { acceptsUnfinished_ = on; }
+  bool isUnfinished() const;
+
   const std::string& error() const { return error_; }
   const IdBlock& id() const { return id_; }
   std::uint16_t version() const { return id_.id_ver; }
@@ -27,6 +31,7 @@ class MDF4File : public DirectFile {
   bool readIdentification();
   bool readHeader();
 
+  bool acceptsUnfinished_ = false;
   IdBlock id_ = {};
   std::unique_ptr<M4HDBlock> header_;
   std::string error_;

@@ -11,6 +11,7 @@
 #include "Mdf4/format/BlockLoader.h"
 #include "Mdf4/format/BlockTraits.h"
 #include "Mdf4/format/CompressedData.h"
+#include "Mdf4/format/ListedBlocks.h"
 
 namespace tolvex {
 namespace {
@@ -84,6 +85,58 @@ SegmentTable::SegmentTable(DirectFile& file, std::uint64_t dataLink, std::uint64
     presentSize_ = 0;
   }
   finish(file);
+}
+
+SegmentTable SegmentTable::ofWhatIsThere(DirectFile& file, std::uint64_t dataLink) {
+  SegmentTable table;
+  VisitedBlocks visited(file);
+  ListedBlocks blocks(file, dataLink);
+  ListedBlock block;
+  while (blocks.next(block)) {
+    const bool isThere = block.kind != ListedBlock::Missing;
+    if (isThere && !visited.enter(block.position)) break;
+    if (block.kind == ListedBlock::List) continue;
+    if (!isThere && block.bytes == 0) {
+      file.report(formatText("data at %" PRIu64 ": no data block is at %" PRIu64
+                             "; those behind it are not read",
+                             dataLink, block.position));
+      break;
+    }
+    table.columnStorage_ |= block.columns;
+    DataSegment segment;
+    segment.position = block.position + kBlockHeaderSize;
+    segment.length = block.bytes;
+    segment.type = block.type;
+    segment.checked = true;
+    segment.damaged = !isThere;
+    if (!table.append(file, segment, 0)) break;
+    if (block.columns) table.addInvalidation(file, block.invalidation, visited);
+  }
+  table.valid_ = true;
+  table.finish(file);
+  return table;
+}
+
+void SegmentTable::extendLast(std::uint64_t end) {
+  if (count() == 0) return;
+  DataSegment& last = data_[count() - 1];
+  if (last.type == block_type::kDZ || last.damaged || end <= last.position + last.length) return;
+  const std::uint64_t more = end - last.position - last.length;
+  last.length += more;
+  presentSize_ += more;
+  totalSize_ += more;
+  data_.back().start = totalSize_;
+  emptyStarts_.back() = totalSize_;
+}
+
+// The invalidation block beside the last segment, as far as it is sound.
+void SegmentTable::addInvalidation(DirectFile& file, std::uint64_t position,
+                                   VisitedBlocks& visited) {
+  DataSegment invalidation;
+  if (position != 0) {
+    invalidation.damaged = !readSegment(file, position, invalidation) || !visited.enter(position);
+  }
+  invalidation_.push_back(invalidation);
 }
 
 bool SegmentTable::readLists(DirectFile& file, std::uint64_t dataLink, std::uint64_t expectedSize) {

@@ -30,6 +30,13 @@ class SegmentTable {
   // Reads the lists at `dataLink` (0: nothing). `expectedSize`, or 0, only sizes the tables in
   // advance.
   SegmentTable(DirectFile& file, std::uint64_t dataLink, std::uint64_t expectedSize);
+  // What there is of the data blocks where lists and blocks may be damaged, or were never finished:
+  // each contributes the bytes that it has, and a missing one is a damaged segment. Ends where it
+  // cannot be told how much is missing. Looks at each block.
+  static SegmentTable ofWhatIsThere(DirectFile& file, std::uint64_t dataLink);
+  // Of a recording that was not finished: the last block, unless it is compressed, goes on to
+  // `end`.
+  void extendLast(std::uint64_t end);
 
   // False when a list or a listed block is not what it must be; the table is then empty.
   bool valid() const { return valid_; }
@@ -56,6 +63,8 @@ class SegmentTable {
   [[nodiscard]] bool settle(DirectFile& file, std::size_t index, const BlockHeader& header);
 
  private:
+  SegmentTable() = default;
+
   // What became of an entry of a list. Absent: so is the rest of the data.
   enum class Entry : std::uint8_t { Listed, Absent, Wrong };
 
@@ -66,6 +75,7 @@ class SegmentTable {
   Entry readDataEntry(DirectFile& file, const ListWalk& walk, std::uint64_t expectedSize);
   Entry readColumnEntry(DirectFile& file, const ListWalk& walk, VisitedBlocks& visited,
                         std::uint64_t expectedSize);
+  void addInvalidation(DirectFile& file, std::uint64_t position, VisitedBlocks& visited);
   [[nodiscard]] bool readSegment(DirectFile& file, std::uint64_t blockPosition,
                                  DataSegment& segment);
   [[nodiscard]] bool append(DirectFile& file, const DataSegment& segment,

@@ -205,6 +205,17 @@ ByteSpan m4DataStream::nextPlain(std::uint64_t length) {
   return {bytes, inMemory(wanted)};
 }
 
+ByteSpan m4DataStream::nextAtLeast(std::uint64_t least) {
+  const ByteSpan bytes = next(least);
+  const bool isInWindow = bytes.size() == least && at_ >= windowStart_ + least &&
+                          at_ <= windowEnd_ &&
+                          bytes.data() == window_ + (at_ - least - windowStart_);
+  if (!isInWindow) return bytes;
+  const std::uint64_t more = windowEnd_ - at_;
+  at_ = windowEnd_;
+  return {bytes.data(), least + more};
+}
+
 // Reads ahead from at_: more each time that the reading goes on where the last piece ended.
 void m4DataStream::refill(std::uint64_t wanted) {
   const bool inOrder = at_ > windowStart_ && at_ <= windowEnd_;

@@ -67,6 +67,8 @@ class m4DataStream {
     }
     return nextSlowly(length);
   }
+  // The next `least` bytes as next gives them, and those that lie behind them in memory.
+  ByteSpan nextAtLeast(std::uint64_t least);
   // Reads the value at `offset`, a 32-bit length and that many bytes, or its first `longest` bytes.
   // False, with `value` unchanged and the damage noted, when it does not lie inside the data.
   [[nodiscard]] bool readValue(std::uint64_t offset, std::vector<std::uint8_t>& value,
