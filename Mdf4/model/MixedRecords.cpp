@@ -1,0 +1,165 @@
+#include "Mdf4/model/MixedRecords.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstring>
+#include <utility>
+
+#include "Mdf4/base/Diagnostics.h"
+
+namespace tolvex {
+namespace {
+
+constexpr std::uint64_t kLengthBytes = sizeof(std::uint32_t);
+
+}  // namespace
+
+MixedRecords::MixedRecords(DirectFile& file, std::shared_ptr<SegmentTable> table,
+                           std::uint8_t recordIdSize, std::vector<MixedGroup> groups)
+    : file_(file),
+      table_(std::move(table)),
+      idSize_(recordIdSize),
+      groups_(std::move(groups)),
+      known_(groups_.size()) {
+  for (std::size_t i = 0; i < groups_.size(); ++i) byId_.try_emplace(groups_[i].recordId, i);
+}
+
+std::uint64_t MixedRecords::count(std::size_t group) {
+  if (!complete_) {
+    Walk walk(*this, group);
+    walk.seekRecord(~std::uint64_t{0});
+    while (walk.next()) {
+    }
+  }
+  return known_[group].records;
+}
+
+std::uint64_t MixedRecords::size() const {
+  return table_->totalSize();
+}
+
+// A record that nobody came to before.
+void MixedRecords::note(std::size_t group, std::uint64_t position, std::uint64_t size) {
+  Known& known = known_[group];
+  if (known.records % kStride == 0) known.marks.push_back({position, known.valueBytes});
+  ++known.records;
+  if (groups_[group].holdsValues) known.valueBytes += size;
+  knownUpTo_ = position + idSize_ + size;
+}
+
+// No record begins there.
+void MixedRecords::noteEnd(std::uint64_t position) {
+  if (std::exchange(complete_, true) || position >= table_->totalSize()) return;
+  file_.report(formatText("data of %" PRIu64
+                          " bytes: no whole record of a known group is at %" PRIu64
+                          ", nor are those behind it read",
+                          table_->totalSize(), position));
+}
+
+MixedRecords::Walk::Walk(MixedRecords& records, std::size_t group)
+    : records_(records), group_(group), stream_(records.file_, records.table_) {}
+
+void MixedRecords::Walk::seekRecord(std::uint64_t number) {
+  const std::vector<Mark>& marks = records_.known_[group_].marks;
+  if (marks.empty()) return begin({records_.knownUpTo_, 0}, 0);
+  const std::uint64_t mark = std::min<std::uint64_t>(number / kStride, marks.size() - 1);
+  const std::uint64_t first = mark * kStride;
+  if (number_ < first || number_ > number) begin(marks[mark], first);
+}
+
+void MixedRecords::Walk::seekValue(std::uint64_t offset) {
+  const std::vector<Mark>& marks = records_.known_[group_].marks;
+  if (marks.empty()) return begin({records_.knownUpTo_, 0}, 0);
+  const auto behind = std::ranges::upper_bound(marks, offset, {}, &Mark::value);
+  const auto mark =
+      static_cast<std::uint64_t>(behind - marks.begin()) - (behind == marks.begin() ? 0 : 1);
+  if (value_ < marks[mark].value || value_ > offset) begin(marks[mark], mark * kStride);
+}
+
+void MixedRecords::Walk::begin(const Mark& mark, std::uint64_t number) {
+  position_ = mark.position;
+  value_ = mark.value;
+  number_ = number;
+  view_ = {};
+}
+
+// The bytes from the next record on, so many of them; null when they are not all there.
+const std::uint8_t* MixedRecords::Walk::look(std::uint64_t bytes) {
+  if (view_.size() < bytes) {
+    if (position_ >= stream_.size() || bytes > stream_.size() - position_) return nullptr;
+    stream_.Seek(position_);
+    view_ = stream_.nextAtLeast(bytes);
+    if (view_.size() < bytes) return nullptr;
+  }
+  return view_.data();
+}
+
+std::optional<ByteSpan> MixedRecords::Walk::next() {
+  const std::uint64_t idSize = records_.idSize_;
+  for (;;) {
+    const std::uint8_t* bytes = look(idSize);
+    std::uint64_t id = 0;
+    if (bytes != nullptr) std::memcpy(&id, bytes, idSize);
+    const auto found = records_.byId_.find(id);
+    if (bytes == nullptr || found == records_.byId_.end()) break;
+    const MixedGroup& group = records_.groups_[found->second];
+    std::uint64_t size = group.recordSize;
+    if (group.holdsValues) {
+      bytes = look(idSize + kLengthBytes);
+      if (bytes == nullptr) break;
+      size = kLengthBytes + loadNumber<std::uint32_t>(bytes + idSize);
+    }
+    bytes = look(idSize + size);
+    if (bytes == nullptr) break;
+    if (position_ == records_.knownUpTo_) records_.note(found->second, position_, size);
+    position_ += idSize + size;
+    view_ = view_.subspan(idSize + size);
+    if (found->second != group_) continue;
+    ++number_;
+    if (group.holdsValues) value_ += size;
+    return ByteSpan(bytes + idSize, size);
+  }
+  if (position_ == records_.knownUpTo_) records_.noteEnd(position_);
+  return std::nullopt;
+}
+
+MixedBatches::MixedBatches(std::shared_ptr<MixedRecords> records, std::size_t group)
+    : records_(std::move(records)), group_(group), walk_(*records_, group) {}
+
+void MixedBatches::seek(std::uint64_t record) {
+  walk_.seekRecord(record);
+  while (walk_.number() < record && walk_.next()) {
+  }
+}
+
+RecordBatch MixedBatches::next(std::uint64_t most) {
+  constexpr std::uint64_t kMostGathered = 64 * 1024;  // bytes
+  const std::uint64_t size = records_->groups()[group_].recordSize;
+  gathered_.clear();
+  std::size_t count = 0;
+  while (count < most && gathered_.size() < kMostGathered) {
+    const std::optional<ByteSpan> record = walk_.next();
+    if (!record) break;
+    gathered_.insert(gathered_.end(), record->begin(), record->end());
+    ++count;
+  }
+  return {{gathered_.data(), size, count, gathered_.data() + gathered_.size()}, 0};
+}
+
+MixedValues::MixedValues(std::shared_ptr<MixedRecords> records, std::size_t group)
+    : records_(std::move(records)), walk_(*records_, group) {}
+
+bool MixedValues::read(std::uint64_t offset, std::vector<std::uint8_t>& out) {
+  walk_.seekValue(offset);
+  while (walk_.valueOffset() <= offset) {
+    const bool isWanted = walk_.valueOffset() == offset;
+    const std::optional<ByteSpan> value = walk_.next();
+    if (!value) return false;
+    if (!isWanted) continue;
+    out.assign(value->begin() + kLengthBytes, value->end());
+    return true;
+  }
+  return false;
+}
+
+}  // namespace tolvex

@@ -1,0 +1,65 @@
+#include "Mdf4/model/RecordBatches.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace tolvex {
+
+SortedBatches::SortedBatches(DirectFile& file, std::shared_ptr<SegmentTable> table,
+                             std::uint32_t dataBytes, std::uint32_t invalidationBytes)
+    : table_(std::move(table)),
+      stream_(file, table_),
+      recordSize_(std::uint64_t{dataBytes} + invalidationBytes),
+      storedSize_(recordSize_) {
+  if (table_->columnStorage() && invalidationBytes != 0) {
+    stream_.mergeInvalidation(dataBytes, invalidationBytes);
+    storedSize_ = dataBytes;
+  }
+  if (storedSize_ != 0) count_ = stream_.size() / storedSize_;
+}
+
+void SortedBatches::seek(std::uint64_t record) {
+  next_ = std::min(record, count_);
+  if (next_ < count_) stream_.Seek(next_ * storedSize_);
+}
+
+RecordBatch SortedBatches::next(std::uint64_t most) {
+  RecordBatch batch;
+  most = std::min(most, count_ - next_);
+  if (most == 0) return batch;
+  // An empty block ends what the stream gives, but not the records.
+  if (stream_.position() != next_ * storedSize_) stream_.Seek(next_ * storedSize_);
+  batch.rows = rowsInMemory(most);
+  if (batch.rows.count == 0) {
+    stream_.Seek(next_ * storedSize_);
+    batch.rows = rowsInMemory(most);
+  }
+  if (batch.rows.count == 0) batch.lost = passLost(most);
+  next_ += batch.count();
+  return batch;
+}
+
+RecordRows SortedBatches::rowsInMemory(std::uint64_t most) {
+  constexpr std::uint64_t kMostMerged = 1 << 20;  // bytes
+  if (!stream_.merges()) {
+    const ByteSpan bytes = stream_.nextAtLeast(recordSize_);
+    return {bytes.data(), recordSize_, std::min(most, bytes.size() / recordSize_),
+            bytes.data() + bytes.size()};
+  }
+  const auto records =
+      static_cast<std::uint32_t>(std::clamp<std::uint64_t>(kMostMerged / recordSize_, 1, most));
+  merged_.resize(records * recordSize_);
+  const std::uint64_t got = stream_.Read(merged_.size(), merged_.data(), records);
+  return {merged_.data(), recordSize_, got / recordSize_, merged_.data() + merged_.size()};
+}
+
+// Those of which the damaged block at hand has a part.
+std::uint64_t SortedBatches::passLost(std::uint64_t most) {
+  const std::uint64_t start = next_ * storedSize_;
+  std::size_t segment = table_->find(start);
+  if (!(*table_)[segment].damaged) segment = table_->find(start + storedSize_ - 1);
+  const std::uint64_t end = (*table_)[segment].start + (*table_)[segment].length;
+  return std::clamp<std::uint64_t>((end - start + storedSize_ - 1) / storedSize_, 1, most);
+}
+
+}  // namespace tolvex
