@@ -1,0 +1,397 @@
+#include "Mdf4/reader/ColumnBuilder.h"
+
+#include <algorithm>
+#include <bit>
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <string_view>
+#include <utility>
+
+#include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/model/Text.h"
+
+namespace tolvex {
+namespace {
+
+// Room for so many items; throws when there is none.
+template <class Pointer>
+void allocate(Pointer& pointer, std::uint64_t count) {
+  using Item = typename Pointer::element_type;
+  if (count > std::numeric_limits<std::ptrdiff_t>::max() / sizeof(Item)) throw std::bad_alloc();
+  void* const memory = std::malloc(std::max<std::size_t>(count * sizeof(Item), 1));
+  if (memory == nullptr) throw std::bad_alloc();
+  pointer.reset(static_cast<Item*>(memory));
+}
+
+NumberType numberType(MdfColumnType type) {
+  return static_cast<NumberType>(static_cast<int>(type) - static_cast<int>(MdfColumnType::Int8));
+}
+
+bool isNumber(MdfColumnType type) {
+  return type >= MdfColumnType::Int8 && type <= MdfColumnType::Float64;
+}
+
+// A point in time without a zone; "" when there is no such day.
+std::string isoTime(std::chrono::year_month_day day, std::uint64_t milliseconds) {
+  if (!day.ok() || milliseconds >= 86'400'000) return {};
+  return formatText("%04d-%02u-%02uT%02u:%02u:%02u.%03u", static_cast<int>(day.year()),
+                    static_cast<unsigned>(day.month()), static_cast<unsigned>(day.day()),
+                    static_cast<unsigned>(milliseconds / 3'600'000),
+                    static_cast<unsigned>(milliseconds / 60'000 % 60),
+                    static_cast<unsigned>(milliseconds / 1000 % 60),
+                    static_cast<unsigned>(milliseconds % 1000));
+}
+
+// CANopen date: milliseconds of the minute, minute, hour, day, month, year of the century.
+std::string dateText(ByteSpan bytes) {
+  constexpr std::size_t kBytes = 7;
+  if (bytes.size() < kBytes) return {};
+  const std::uint64_t ofMinute = loadNumber<std::uint16_t>(bytes.data());
+  const std::uint64_t minute = bytes[2] & 0x3FU;
+  const std::uint64_t hour = bytes[3] & 0x1FU;
+  if (ofMinute >= 60'000 || minute >= 60) return {};
+  const std::chrono::year_month_day day{std::chrono::year{2000 + (bytes[6] & 0x7F)},
+                                        std::chrono::month{bytes[5] & 0x3FU},
+                                        std::chrono::day{bytes[4] & 0x1FU}};
+  return isoTime(day, (hour * 60 + minute) * 60'000 + ofMinute);
+}
+
+// CANopen time: milliseconds of the day, days since 1984.
+std::string timeText(ByteSpan bytes) {
+  constexpr std::size_t kBytes = 6;
+  using namespace std::chrono_literals;
+  if (bytes.size() < kBytes) return {};
+  const std::uint32_t ofDay = loadNumber<std::uint32_t>(bytes.data()) & 0x0FFFFFFF;
+  const std::chrono::days days{loadNumber<std::uint16_t>(bytes.data() + 4)};
+  return isoTime(std::chrono::sys_days{1984y / 1 / 1} + days, ofDay);
+}
+
+}  // namespace
+
+void MdfColumn::Free::operator()(void* memory) const {
+  std::free(memory);
+}
+
+std::string_view MdfColumn::text(std::uint64_t index) const {
+  if (type_ == MdfColumnType::Dictionary) {
+    const std::int32_t code = as<std::int32_t>()[index];
+    return code < 0 ? std::string_view() : texts_[static_cast<std::size_t>(code)];
+  }
+  if (offsets_ == nullptr) return {};
+  return {as<char>() + offsets_[index],
+          static_cast<std::size_t>(offsets_[index + 1] - offsets_[index])};
+}
+
+ColumnBuilder::ColumnBuilder(const ColumnPlan& plan, ColumnForm form, std::uint64_t rows,
+                             ValueSource* values)
+    : plan_(plan),
+      form_(form),
+      conversion_(form == ColumnForm::Raw || plan.type == plan.rawType ? nullptr
+                                                                       : plan.conversion.get()),
+      values_(values) {
+  setUp(rows, nullptr);
+}
+
+ColumnBuilder::ColumnBuilder(const ColumnPlan& plan, std::uint64_t rows, ValueSource* values,
+                             double* doubles)
+    : plan_(plan),
+      form_(ColumnForm::Doubles),
+      conversion_(plan.type == plan.rawType ? nullptr : plan.conversion.get()),
+      values_(values) {
+  setUp(rows, doubles);
+}
+
+void ColumnBuilder::setUp(std::uint64_t rows, double* doubles) {
+  constexpr std::uint64_t kPerRow = 1024;
+  constexpr std::uint64_t kAlways = 1 << 20;
+  constexpr std::uint64_t kMost = std::uint64_t{1} << 56;
+  // Values may recur, but a small file cannot make a huge column.
+  most_ = kAlways + rows * plan_.elements * kPerRow;
+  if (values_ != nullptr) most_ += 16 * std::min(values_->size(), kMost);
+  column_.type_ = form_ == ColumnForm::Raw ? plan_.rawType : plan_.type;
+  if (form_ == ColumnForm::Doubles && column_.type_ != MdfColumnType::None) {
+    const bool isText =
+        column_.type_ == MdfColumnType::Text || column_.type_ == MdfColumnType::Bytes;
+    column_.type_ = isText ? MdfColumnType::None : MdfColumnType::Float64;
+  }
+  column_.rows_ = rows;
+  column_.elements_ = plan_.elements;
+  if (column_.type_ == MdfColumnType::None) return;
+  if (rows > std::numeric_limits<std::uint64_t>::max() / sizeof(std::uint64_t) / plan_.elements) {
+    throw std::bad_alloc();
+  }
+  if (isNumber(column_.type_)) {
+    width_ = sizeOf(numberType(column_.type_));
+  } else if (column_.type_ == MdfColumnType::Dictionary) {
+    width_ = sizeof(std::int32_t);
+  } else {
+    allocate(column_.offsets_, column_.size() + 1);
+    column_.offsets_[0] = 0;
+    return;
+  }
+  out_ = reinterpret_cast<std::uint8_t*>(doubles);
+  if (out_ != nullptr) return;
+  allocate(column_.data_, column_.size() * width_);
+  out_ = column_.data_.get();
+}
+
+void ColumnBuilder::append(const RecordRows& records, std::uint64_t first) {
+  if (column_.type_ == MdfColumnType::None) return appendLost(records.count);
+  for (std::size_t done = 0; done < records.count;) {
+    RecordRows some = records.from(done);
+    some.count = std::min(some.count, kAtOnce);
+    if (isNumber(plan_.rawType)) {
+      for (std::uint64_t e = 0; e < plan_.elements; ++e) appendNumbers(some, first + done, e);
+      row_ += some.count;
+    } else {
+      for (std::size_t i = 0; i < some.count; ++i, ++row_) {
+        for (std::uint64_t e = 0; e < plan_.elements; ++e) {
+          appendBytes(some.first + i * some.stride, e);
+        }
+      }
+    }
+    done += some.count;
+  }
+}
+
+void ColumnBuilder::appendLost(std::uint64_t count) {
+  const std::uint64_t start = indexOf(0);
+  const std::uint64_t end = start + count * plan_.elements;
+  if (width_ != 0) std::memset(out_ + start * width_, 0, (end - start) * width_);
+  for (std::uint64_t i = start; i < end; ++i) {
+    if (column_.offsets_ != nullptr) column_.offsets_[i + 1] = static_cast<std::int64_t>(used_);
+    markInvalid(i);
+  }
+  row_ += count;
+}
+
+MdfColumn ColumnBuilder::finish() {
+  column_.rows_ = row_;
+  return std::move(column_);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Numbers
+
+void ColumnBuilder::appendNumbers(const RecordRows& records, std::uint64_t first,
+                                  std::uint64_t element) {
+  findInvalid(records, element);
+  const bool isExact = conversion_ == nullptr && form_ != ColumnForm::Doubles;
+  if (isExact && plan_.elements == 1 && plan_.kind == ColumnPlan::Kind::Number) {
+    plan_.numbers[0].gather(records, out_ + row_ * width_);
+  } else {
+    const NumberType type = gatherRaw(records, first, element);
+    if (isExact) {
+      store(raw_.data(), records.count, element);
+    } else if (conversion_ != nullptr && conversion_->givesTexts()) {
+      return lookUp(type, records.count, element);
+    } else {
+      toDoubles(type, raw_.data(), records.count, doubles_.data());
+      if (conversion_ != nullptr) {
+        conversion_->convert({doubles_.data(), records.count}, {valid_.data(), records.count});
+      }
+      store(doubles_.data(), records.count, element);
+    }
+  }
+  const auto* const valid = valid_.data();
+  const auto* at = valid;
+  while ((at = static_cast<const std::uint8_t*>(std::memchr(
+              at, 0, records.count - static_cast<std::size_t>(at - valid)))) != nullptr) {
+    markInvalid(indexOf(element) + static_cast<std::uint64_t>(at - valid) * plan_.elements);
+    ++at;
+  }
+}
+
+NumberType ColumnBuilder::gatherRaw(const RecordRows& records, std::uint64_t first,
+                                    std::uint64_t element) {
+  switch (plan_.kind) {
+    case ColumnPlan::Kind::Index:
+      for (std::size_t i = 0; i < records.count; ++i) raw_[i] = first + i;
+      return NumberType::UInt64;
+    case ColumnPlan::Kind::Number:
+      plan_.numbers[element].gather(records, raw_.data());
+      return plan_.numbers[element].type();
+    default:
+      raw_.fill(0);
+      return NumberType::UInt8;
+  }
+}
+
+void ColumnBuilder::store(const void* numbers, std::size_t count, std::uint64_t element) {
+  const auto* from = static_cast<const std::uint8_t*>(numbers);
+  std::uint8_t* to = out_ + indexOf(element) * width_;
+  const std::size_t step = plan_.elements * width_;
+  if (plan_.elements == 1) {
+    std::memcpy(to, from, count * width_);
+    return;
+  }
+  for (std::size_t i = 0; i < count; ++i, from += width_, to += step) std::memcpy(to, from, width_);
+}
+
+// Texts for numbers, each of which is looked up once.
+void ColumnBuilder::lookUp(NumberType type, std::size_t count, std::uint64_t element) {
+  toDoubles(type, raw_.data(), count, doubles_.data());
+  const bool isFloat = type >= NumberType::Float32;
+  const std::size_t width = sizeOf(type);
+  const auto* const bytes = reinterpret_cast<const std::uint8_t*>(raw_.data());
+  for (std::size_t i = 0; i < count; ++i) {
+    RawValue value;
+    value.number = doubles_[i];
+    std::uint64_t key = 0;
+    std::memcpy(&key, bytes + i * width, width);
+    value.bits = key;
+    if (isFloat) {
+      const bool fits = value.number >= 0 && value.number < 0x1p64;
+      value.bits = fits ? static_cast<std::uint64_t>(value.number) : 0;
+    } else if (type <= NumberType::Int64 && width < sizeof key) {
+      const unsigned above = static_cast<unsigned>(8 * (sizeof key - width));
+      value.bits = static_cast<std::uint64_t>(static_cast<std::int64_t>(key << above) >> above);
+    }
+    const std::uint64_t index = indexOf(element) + i * plan_.elements;
+    storeMeant(valid_[i] != 0 ? meantBy(key, value) : Meant(), index);
+  }
+}
+
+const ColumnBuilder::Meant& ColumnBuilder::meantBy(std::uint64_t key, const RawValue& value) {
+  constexpr std::size_t kMostKnown = 1 << 16;
+  if (meant_.size() > kMostKnown) meant_.clear();
+  const auto [found, isNew] = meant_.try_emplace(key);
+  if (isNew) found->second = meantBy(value);
+  return found->second;
+}
+
+ColumnBuilder::Meant ColumnBuilder::meantBy(const RawValue& value) {
+  Meaning meaning = conversion_->meaningOf(value);
+  Meant meant;
+  meant.hasNumber = meaning.hasNumber;
+  meant.number = meaning.number;
+  if (meaning.hasText) {
+    const auto code = static_cast<std::int32_t>(column_.texts_.size());
+    const auto [entry, isNew] = codes_.try_emplace(std::move(meaning.text), code);
+    if (isNew) column_.texts_.push_back(entry->first);
+    meant.code = entry->second;
+  }
+  return meant;
+}
+
+void ColumnBuilder::storeMeant(const Meant& meant, std::uint64_t index) {
+  if (column_.type_ == MdfColumnType::Float64) {
+    reinterpret_cast<double*>(out_)[index] = meant.hasNumber ? meant.number : std::nan("");
+  } else {
+    reinterpret_cast<std::int32_t*>(out_)[index] = meant.code;
+    if (meant.hasNumber) {
+      if (column_.numbers_.empty()) column_.numbers_.resize(column_.size(), std::nan(""));
+      column_.numbers_[index] = meant.number;
+    }
+  }
+  const bool hasText = meant.code >= 0 && form_ != ColumnForm::Doubles;
+  if (!meant.hasNumber && !hasText) markInvalid(index);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Texts and bytes
+
+void ColumnBuilder::appendBytes(const std::uint8_t* record, std::uint64_t element) {
+  const std::uint64_t index = indexOf(element);
+  findInvalid({record, 0, 1, nullptr}, element);
+  ByteSpan bytes;
+  bool isValid = valid_[0] != 0 && findBytes(record, element, bytes);
+  if (width_ != 0) {
+    text_.clear();
+    Meant meant;
+    if (isValid) {
+      appendText(plan_.dataType, bytes, text_);
+      RawValue value;
+      value.text = text_;
+      meant = meantBy(value);
+    }
+    storeMeant(meant, index);
+    return;
+  }
+  if (isValid) {
+    if (column_.type_ == MdfColumnType::Text) {
+      isValid = addText(bytes);
+    } else {
+      addBytes(bytes);
+    }
+  }
+  column_.offsets_[index + 1] = static_cast<std::int64_t>(used_);
+  if (!isValid) markInvalid(index);
+}
+
+bool ColumnBuilder::findBytes(const std::uint8_t* record, std::uint64_t element, ByteSpan& bytes) {
+  std::uint64_t number = 0;
+  if (plan_.kind != ColumnPlan::Kind::Bytes) number = plan_.numbers[element].read(record);
+  if (plan_.kind == ColumnPlan::Kind::Value) {
+    if (values_ == nullptr || !values_->read(number, value_) || used_ + value_.size() > most_) {
+      return false;
+    }
+    bytes = value_;
+    return true;
+  }
+  if (plan_.kind == ColumnPlan::Kind::Sized && number > plan_.size) return false;
+  const std::uint64_t size = plan_.kind == ColumnPlan::Kind::Sized ? number : plan_.size;
+  bytes = {record + plan_.bytes[element], size};
+  return true;
+}
+
+// False when the bytes are no text.
+bool ColumnBuilder::addText(ByteSpan bytes) {
+  text_.clear();
+  if (plan_.dataType == data_type::kCanOpenDate || plan_.dataType == data_type::kCanOpenTime) {
+    text_ = plan_.dataType == data_type::kCanOpenDate ? dateText(bytes) : timeText(bytes);
+    if (text_.empty()) return false;
+  } else {
+    appendText(plan_.dataType, bytes, text_);
+  }
+  addBytes({reinterpret_cast<const std::uint8_t*>(text_.data()), text_.size()});
+  return true;
+}
+
+void ColumnBuilder::addBytes(ByteSpan bytes) {
+  if (bytes.size() > capacity_ - used_) {
+    const std::uint64_t wanted =
+        std::max<std::uint64_t>({used_ + bytes.size(), 2 * capacity_, 4096});
+    void* const bigger = std::realloc(column_.data_.get(), wanted);
+    if (bigger == nullptr) throw std::bad_alloc();
+    static_cast<void>(column_.data_.release());
+    column_.data_.reset(static_cast<std::uint8_t*>(bigger));
+    capacity_ = wanted;
+  }
+  if (!bytes.empty()) std::memcpy(column_.data_.get() + used_, bytes.data(), bytes.size());
+  used_ += bytes.size();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Validity
+
+// Says for each record in valid_ whether it has a valid value.
+void ColumnBuilder::findInvalid(const RecordRows& records, std::uint64_t element) {
+  std::fill_n(valid_.begin(), records.count, plan_.allInvalid ? 0 : 1);
+  for (const ColumnPlan::InvalidBits& bits : plan_.invalidBits) {
+    const ColumnPlan::InvalidBit& bit = bits[element * bits.size() / plan_.elements];
+    const std::uint8_t* byte = records.first + bit.byte;
+    for (std::size_t i = 0; i < records.count; ++i, byte += records.stride) {
+      if ((*byte & bit.mask) != 0) valid_[i] = 0;
+    }
+  }
+}
+
+void ColumnBuilder::markInvalid(std::uint64_t index) {
+  if (form_ == ColumnForm::Doubles && out_ != nullptr) {
+    reinterpret_cast<double*>(out_)[index] = std::nan("");
+  }
+  if (column_.validity_ == nullptr) {
+    const std::uint64_t bytes = column_.size() / 8 + 1;
+    allocate(column_.validity_, bytes);
+    std::memset(column_.validity_.get(), 0xFF, bytes);
+  }
+  std::uint8_t& byte = column_.validity_[index / 8];
+  byte = static_cast<std::uint8_t>(byte & ~(1U << index % 8));
+}
+
+}  // namespace tolvex

@@ -1,0 +1,88 @@
+// Makes a column of records.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "Mdf4/model/RawField.h"
+#include "Mdf4/model/ValueSource.h"
+#include "Mdf4/reader/ColumnPlan.h"
+#include "tolvex/MdfColumnReader.h"
+
+namespace tolvex {
+
+// What a column is wanted as.
+enum class ColumnForm : std::uint8_t {
+  Physical,
+  Raw,      // without the conversion
+  Doubles,  // each value as a float64, NaN where it is none
+};
+
+// The column of one channel, for a number of records that is known in advance. Borrows the plan and
+// the values. Throws std::bad_alloc, and is then of no use.
+class ColumnBuilder {
+ public:
+  // `values` may be null, where there are none.
+  ColumnBuilder(const ColumnPlan& plan, ColumnForm form, std::uint64_t rows, ValueSource* values);
+  // Of doubles: puts them there instead of into memory of the column.
+  ColumnBuilder(const ColumnPlan& plan, std::uint64_t rows, ValueSource* values, double* doubles);
+
+  // The next records; the first of them is the group's record `first`.
+  void append(const RecordRows& records, std::uint64_t first);
+  // Records that cannot be read: they have no valid values.
+  void appendLost(std::uint64_t count);
+  std::uint64_t rows() const { return row_; }
+  MdfColumn finish();
+
+ private:
+  static constexpr std::size_t kAtOnce = 1024;  // records
+
+  // What a raw value comes to in a column.
+  struct Meant {
+    std::int32_t code = -1;
+    bool hasNumber = false;
+    double number = 0;
+  };
+
+  void setUp(std::uint64_t rows, double* doubles);
+  std::uint64_t indexOf(std::uint64_t element) const { return row_ * plan_.elements + element; }
+  void appendNumbers(const RecordRows& records, std::uint64_t first, std::uint64_t element);
+  NumberType gatherRaw(const RecordRows& records, std::uint64_t first, std::uint64_t element);
+  void lookUp(NumberType type, std::size_t count, std::uint64_t element);
+  const Meant& meantBy(std::uint64_t key, const RawValue& value);
+  Meant meantBy(const RawValue& value);
+  void store(const void* numbers, std::size_t count, std::uint64_t element);
+  void storeMeant(const Meant& meant, std::uint64_t index);
+
+  void appendBytes(const std::uint8_t* record, std::uint64_t element);
+  bool findBytes(const std::uint8_t* record, std::uint64_t element, ByteSpan& bytes);
+  bool addText(ByteSpan bytes);
+  void addBytes(ByteSpan bytes);
+
+  void findInvalid(const RecordRows& records, std::uint64_t element);
+  void markInvalid(std::uint64_t index);
+
+  const ColumnPlan& plan_;
+  const ColumnForm form_;
+  const ValueConversion* conversion_;  // null: none
+  ValueSource* values_;
+  MdfColumn column_;
+  std::size_t width_ = 0;        // of a number or code; 0: bytes
+  std::uint8_t* out_ = nullptr;  // where those go
+  std::uint64_t row_ = 0;
+  std::uint64_t used_ = 0;      // bytes of text or bytes
+  std::uint64_t capacity_ = 0;  // for them
+  std::uint64_t most_;          // that there may be
+  std::array<std::uint64_t, kAtOnce> raw_ = {};
+  std::array<double, kAtOnce> doubles_ = {};
+  std::array<std::uint8_t, kAtOnce> valid_ = {};
+  std::vector<std::uint8_t> value_;
+  std::string text_;
+  std::unordered_map<std::string, std::int32_t> codes_;
+  std::unordered_map<std::uint64_t, Meant> meant_;  // by raw value
+};
+
+}  // namespace tolvex

@@ -1,0 +1,55 @@
+// How a channel's column is made of its group's records.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Mdf4/model/ChannelTree.h"
+#include "Mdf4/model/RawField.h"
+#include "Mdf4/model/ValueConversion.h"
+#include "tolvex/MdfColumnReader.h"
+
+namespace tolvex {
+
+// What a channel's values are before their conversion, where they lie, and what they become.
+struct ColumnPlan {
+  enum class Kind : std::uint8_t {
+    None,      // there are none: `fault` says why
+    Index,     // the record's number: of a virtual channel
+    Constant,  // 0: of a channel without bits
+    Number,    // in the record
+    Bytes,     // in the record
+    Sized,     // likewise, as many as another channel says
+    Value,     // outside of the record, which has the offset
+  };
+  struct InvalidBit {
+    std::uint64_t byte = 0;  // of the record
+    std::uint8_t mask = 0;
+  };
+  // The bits of the channel, or of one that it is a member of: one bit for all of its elements, or
+  // one for each so many.
+  using InvalidBits = std::vector<InvalidBit>;
+
+  Kind kind = Kind::None;
+  std::string fault;
+  std::uint8_t dataType = 0;         // cn_data_type
+  std::uint64_t elements = 1;        // of a record
+  std::vector<RawField> numbers;     // of each element: itself, its length or its offset
+  std::vector<std::uint64_t> bytes;  // of each element: where its bytes begin
+  std::uint64_t size = 0;            // of an element, at most: bytes
+  bool allInvalid = false;
+  std::vector<InvalidBits> invalidBits;
+  MdfColumnType rawType = MdfColumnType::None;
+
+  std::shared_ptr<const ValueConversion> conversion;
+  MdfColumnType type = MdfColumnType::None;
+};
+
+// Plans the column of a channel of the group, whose conversion and type are still missing.
+ColumnPlan planColumn(const ModelGroup& group, const ModelChannel& channel);
+// Adds those.
+void planConversion(ColumnPlan& plan, std::uint64_t conversion, ConversionLoader& conversions);
+
+}  // namespace tolvex

@@ -1,0 +1,192 @@
+// Columns: every channel of a file as the format means it, many records at once.
+//
+//   tolvex::MdfColumnReader reader("drive.mf4");
+//   if (!reader.open()) return;
+//   for (const tolvex::MdfChannelRef& found : reader.find("EngineSpeed")) {
+//     std::vector<tolvex::MdfColumn> columns;
+//     const int master = reader.groups()[found.group].master;
+//     if (!reader.read(found.group, {master, found.channel}, 0, ~0ULL, columns)) continue;
+//     const double* speed = columns[1].as<double>();
+//   }
+//
+// MdfSigReader (tolvex/MdfReaders.h) gives records one by one, with the meaning that its interface
+// describes; this reader gives what the ASAM MDF 4 format means, and opens more: unsorted files,
+// files that their logger did not finalize, recordings that were killed, several files as one.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tolvex/MdfExport.h"
+
+namespace tolvex {
+
+// What the values of a column are. Integers and floats have the narrowest type that holds all
+// values of their channel exactly.
+enum class MdfColumnType : std::uint8_t {
+  None,  // there are no values: MdfColumnChannel::fault says why
+  Int8,
+  Int16,
+  Int32,
+  Int64,
+  UInt8,
+  UInt16,
+  UInt32,
+  UInt64,
+  Float32,
+  Float64,
+  Text,        // UTF-8
+  Bytes,       // as they stand in the file
+  Dictionary,  // texts that recur: an int32 for each value counts them
+};
+
+// A channel, or a member of a structure. Texts are UTF-8, end in a NUL and last until the reader is
+// opened or closed.
+struct MdfColumnChannel {
+  std::string_view name;  // with the names of the structures around it: "CAN_DataFrame.ID"
+  std::string_view unit;  // of the physical values
+  std::string_view comment;
+  std::string_view sourceName;  // who recorded it; of a member, as a rule, that of its structure
+  std::string_view sourcePath;
+  std::string_view conversionName;
+  std::uint8_t conversion = 0;   // cc_type, 0: none; see MdfSigCCInfo
+  std::uint8_t channelType = 0;  // cn_type
+  std::uint8_t syncType = 0;     // cn_sync_type: 1 time, 2 angle, 3 distance, 4 index
+  std::uint8_t dataType = 0;     // cn_data_type
+  std::uint32_t bitCount = 0;    // cn_bit_count
+  std::int32_t parent = -1;      // the channel that it is a member of, before it in the group
+  // Elements of an array, the outermost dimension first; empty: single values. A complex number
+  // counts as one more dimension, of 2: its real and its imaginary part.
+  std::vector<std::uint64_t> shape;
+  MdfColumnType type = MdfColumnType::None;     // of the physical values
+  MdfColumnType rawType = MdfColumnType::None;  // before the conversion
+  std::string fault;                            // why it has no physical values; "" when it has
+};
+
+// A channel group.
+struct MdfColumnGroup {
+  std::string_view name;  // the acquisition name
+  std::string_view comment;
+  std::string_view sourceName;
+  std::string_view sourcePath;
+  std::uint64_t records = 0;  // that are there, whatever the file states
+  std::int32_t master = -1;   // the channel that its records rise by; -1: none
+  std::vector<MdfColumnChannel> channels;
+};
+
+// Values of one channel. Owned; moved, not copied.
+class TOLVEX_EXPORT MdfColumn {
+ public:
+  MdfColumnType type() const { return type_; }
+  std::uint64_t rows() const { return rows_; }
+  std::uint64_t elements() const { return elements_; }  // of a row; more than 1 in arrays
+  std::uint64_t size() const { return rows_ * elements_; }
+
+  // Numbers, or the codes of a dictionary (-1: none), row by row; of Text and Bytes what they are
+  // made of, back to back.
+  const void* data() const { return data_.get(); }
+  template <class Number>
+  const Number* as() const {
+    return reinterpret_cast<const Number*>(data_.get());
+  }
+  // Of Text and Bytes: where in data() each value begins, and behind the last one its end.
+  const std::int64_t* offsets() const { return offsets_.get(); }
+  std::string_view text(std::uint64_t index) const;
+
+  // A bit for each value, the lowest bit of a byte first: 1 where there is a valid value. Null when
+  // there is one everywhere.
+  const std::uint8_t* validity() const { return validity_.get(); }
+  bool isValid(std::uint64_t index) const {
+    return validity_ == nullptr || (validity_[index / 8] >> index % 8 & 1) != 0;
+  }
+
+  // Of a Dictionary: its texts, and for values that are numbers the number (else NaN); empty when
+  // no value is one.
+  const std::vector<std::string>& texts() const { return texts_; }
+  const std::vector<double>& numbers() const { return numbers_; }
+
+ private:
+  friend class ColumnBuilder;
+  struct TOLVEX_EXPORT Free {
+    void operator()(void* memory) const;
+  };
+
+  MdfColumnType type_ = MdfColumnType::None;
+  std::uint64_t rows_ = 0;
+  std::uint64_t elements_ = 1;
+  std::unique_ptr<std::uint8_t[], Free> data_;
+  std::unique_ptr<std::int64_t[], Free> offsets_;
+  std::unique_ptr<std::uint8_t[], Free> validity_;
+  std::vector<std::string> texts_;
+  std::vector<double> numbers_;
+};
+
+// Where a channel is.
+struct MdfChannelRef {
+  std::int32_t group = -1;
+  std::int32_t channel = -1;
+};
+
+struct MdfReadOptions {
+  bool raw = false;  // the values before their conversion
+};
+
+// What a file says of its recording.
+struct MdfRecordingInfo {
+  std::uint16_t version = 0;  // e.g. 410
+  std::string program;        // that wrote the file
+  std::string_view comment;   // of the header block: its text
+  // When the recording started: nanoseconds since 1970-01-01 00:00, in UTC, or in the time of a
+  // place that the file does not tell (startIsLocal).
+  std::int64_t startTimeNs = 0;
+  bool startIsLocal = false;
+  std::int32_t utcOffsetMinutes = 0;  // of the clocks there, summer time included; 0: or not told
+};
+
+// Opens a file and reads columns of it. Errors are told by results, not by exceptions; only making
+// a reader may throw, std::bad_alloc. One thread at a time; any number of readers.
+class TOLVEX_EXPORT MdfColumnReader {
+ public:
+  explicit MdfColumnReader(std::string path);
+  ~MdfColumnReader();
+  MdfColumnReader(MdfColumnReader&&) noexcept;
+  MdfColumnReader& operator=(MdfColumnReader&&) noexcept;
+
+  // False when the file cannot be opened or is no measurement file: error() says why.
+  [[nodiscard]] bool open();
+  void close();
+  // What failed last; "" when nothing did.
+  const std::string& error() const;
+  // What is damaged or was left out so far, and what an unusual file was taken for.
+  std::vector<std::string> problems() const;
+
+  const MdfRecordingInfo& info() const;
+  const std::vector<MdfColumnGroup>& groups() const;
+  // The channels of that name, by group and channel.
+  std::vector<MdfChannelRef> find(std::string_view name) const;
+
+  // Reads records `first` .. `first + count`, as far as they are there, of channels of one group: a
+  // column for each. Values in damaged parts of the file are not valid. False, with `columns`
+  // empty, when there is no such group or channel, no memory, or the file is closed.
+  [[nodiscard]] bool read(std::int32_t group, const std::vector<std::int32_t>& channels,
+                          std::uint64_t first, std::uint64_t count, std::vector<MdfColumn>& columns,
+                          const MdfReadOptions& options = {});
+
+  // The same for one channel, its values as numbers in `doubles`, which has room for `count` of
+  // them (times the elements of an array): rounded to the nearest where they have more than 53
+  // bits, NaN where there is none. Returns how many records were there; -1 on failure, which
+  // channels of texts and bytes are.
+  [[nodiscard]] std::int64_t read(std::int32_t group, std::int32_t channel, std::uint64_t first,
+                                  std::uint64_t count, double* doubles,
+                                  const MdfReadOptions& options = {});
+
+ private:
+  struct State;
+  std::unique_ptr<State> state_;
+};
+
+}  // namespace tolvex
