@@ -4,6 +4,7 @@
 #include <cinttypes>
 #include <deque>
 #include <iterator>
+#include <limits>
 #include <new>
 #include <optional>
 #include <unordered_map>
@@ -99,7 +100,14 @@ void MdfColumnReader::State::describeRecording() {
 }
 
 MdfColumnGroup MdfColumnReader::State::describe(const ModelGroup& group) {
+  const ModelDataGroup& data = tree.dataGroups[static_cast<std::size_t>(group.dataGroup)];
   MdfColumnGroup described;
+  described.dataGroup = group.dataGroup;
+  described.channelGroup = static_cast<std::int32_t>(&group - &tree.groups[data.firstGroup]);
+  described.statedRecords = group.record.cg_cycle_count;
+  described.recordSize = static_cast<std::uint32_t>(
+      std::min<std::uint64_t>(recordSizeOf(group), std::numeric_limits<std::uint32_t>::max()));
+  described.unsorted = data.recordIdSize != 0 || data.groups > 1;
   described.name = viewOf(group.name);
   described.comment = viewOf(group.comment);
   if (group.source != nullptr) {
@@ -132,6 +140,8 @@ MdfColumnChannel MdfColumnReader::State::describe(const ModelGroup& group,
   described.syncType = channel.record.cn_sync_type;
   described.dataType = channel.record.cn_data_type;
   described.bitCount = channel.record.cn_bit_count;
+  described.byteOffset = channel.record.cn_byte_offset;
+  described.bitOffset = channel.record.cn_bit_offset;
   described.parent = channel.parent;
   for (const ArrayDimension& dimension : channel.dimensions) {
     described.shape.push_back(dimension.size);

@@ -58,6 +58,8 @@ struct MdfColumnChannel {
   std::uint8_t syncType = 0;     // cn_sync_type: 1 time, 2 angle, 3 distance, 4 index
   std::uint8_t dataType = 0;     // cn_data_type
   std::uint32_t bitCount = 0;    // cn_bit_count
+  std::uint32_t byteOffset = 0;  // cn_byte_offset
+  std::uint8_t bitOffset = 0;    // cn_bit_offset
   std::int32_t parent = -1;      // the channel that it is a member of, before it in the group
   // Elements of an array, the outermost dimension first; empty: single values. A complex number
   // counts as one more dimension, of 2: its real and its imaginary part.
@@ -69,12 +71,17 @@ struct MdfColumnChannel {
 
 // A channel group.
 struct MdfColumnGroup {
-  std::string_view name;  // the acquisition name
+  std::int32_t dataGroup = 0;     // the data group that it is in, counted from 0
+  std::int32_t channelGroup = 0;  // which one of that data group's it is, likewise
+  std::string_view name;          // the acquisition name
   std::string_view comment;
   std::string_view sourceName;
   std::string_view sourcePath;
-  std::uint64_t records = 0;  // that are there, whatever the file states
-  std::int32_t master = -1;   // the channel that its records rise by; -1: none
+  std::uint64_t records = 0;        // that are there, whatever the file states
+  std::uint64_t statedRecords = 0;  // cg_cycle_count
+  std::uint32_t recordSize = 0;     // bytes, invalidation bytes included
+  bool unsorted = false;            // its records stand among those of others, or have record ids
+  std::int32_t master = -1;         // the channel that its records rise by; -1: none
   std::vector<MdfColumnChannel> channels;
 };
 
