@@ -4,13 +4,18 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/kill/MixedRecording.h"
 #include "tests/support/Diagnostics.h"
+#include "tolvex/Mdf4.h"
+#include "tolvex/MdfColumnReader.h"
+#include "tolvex/MdfEngine.h"
 
 namespace tolvex::test {
 namespace {
@@ -127,6 +132,39 @@ TEST(KilledRecording, BringsBackBlocksThatAreWholeWhateverElseIsLost) {
       const std::vector<TakenBlock> whole = loseSome(file, log, random);
       EXPECT_EQ(check.faults(file.path(), whole, RecoveryCheck::Allowed::DamagedBlocks), "");
     }
+  }
+}
+
+// What the file of a process that was killed states is 0 records; its full blocks are there.
+TEST(KilledRecording, IsReadForWhatIsThereAndSaysSo) {
+  constexpr std::uint64_t kStartUs = 1'700'000'000'000'000;
+  const CapturedDiagnostics diagnostics;
+  const TempDir folder;
+  const std::string path = folder.path("whole.mf4");
+  const std::string killed = folder.path("killed.mf4");
+  void* const recorder = createRecorder(false);
+  startRecord(recorder, path.c_str(), kStartUs);
+  const MdfCanMessage message;
+  for (std::uint64_t i = 0; i < 3000; ++i) {
+    ASSERT_EQ(saveCanMessage(recorder, kStartUs + 1000 * i, &message), 0);
+  }
+  std::filesystem::copy_file(path, killed);
+  stopRecord(recorder, kStartUs + 3'000'000);
+  deleteRecorder(recorder);
+
+  const std::pair<std::string, std::uint64_t> files[] = {{killed, 5 * 512}, {path, 3000}};
+  for (const auto& [name, records] : files) {
+    SCOPED_TRACE(name);
+    MdfColumnReader reader(name);
+    ASSERT_TRUE(reader.open()) << reader.error();
+    std::uint64_t most = 0;
+    for (const MdfColumnGroup& group : reader.groups()) most = std::max(most, group.records);
+    EXPECT_EQ(most, records);
+    EXPECT_EQ(reader.problems(),
+              name == path ? std::vector<std::string>()
+                           : std::vector<std::string>{
+                                 "a recording that was not finished: 1 data group has records and "
+                                 "states 0 of them: taken for what is there"});
   }
 }
 

@@ -7,29 +7,21 @@
 #include <limits>
 #include <new>
 #include <optional>
-#include <unordered_map>
 #include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/model/ChannelTree.h"
-#include "Mdf4/model/MixedRecords.h"
-#include "Mdf4/model/RecordBatches.h"
-#include "Mdf4/model/RecordCursor.h"
+#include "Mdf4/model/RecordingData.h"
 #include "Mdf4/reader/ColumnBuilder.h"
 #include "Mdf4/reader/ColumnPlan.h"
 
 namespace tolvex {
 namespace {
 
-constexpr std::uint64_t kAlwaysRecords = 1 << 20;
 constexpr const char* kOutOfMemory = "out of memory";
 
 std::string_view viewOf(const SharedText& text) {
   return text == nullptr ? std::string_view("") : std::string_view(*text);
-}
-
-std::uint64_t recordSizeOf(const ModelGroup& group) {
-  return std::uint64_t{group.record.cg_data_bytes} + group.record.cg_inval_bytes;
 }
 
 }  // namespace
@@ -45,12 +37,8 @@ struct MdfColumnReader::State {
   MdfColumnGroup describe(const ModelGroup& group);
   MdfColumnChannel describe(const ModelGroup& group, const ModelChannel& channel);
 
-  std::shared_ptr<SegmentTable> table(std::uint64_t dataLink, std::uint64_t expectedSize);
-  std::uint64_t endOfLast(std::uint64_t position) const;
-  std::shared_ptr<MixedRecords> mixed(const ModelGroup& group);
-  std::unique_ptr<RecordBatches> batches(const ModelGroup& group);
   std::unique_ptr<ValueSource> values(const ModelGroup& group, const ModelChannel& channel,
-                                      const ColumnPlan& plan);
+                                      const ColumnPlan& planned);
   ColumnPlan plan(const ModelGroup& group, const ModelChannel& channel);
   const ModelGroup* find(std::int32_t group, const std::vector<std::int32_t>& channels);
   static void fill(RecordBatches* records, std::uint64_t first, std::uint64_t count,
@@ -68,18 +56,15 @@ struct MdfColumnReader::State {
   ChannelTree tree;
   MdfRecordingInfo info;
   std::vector<MdfColumnGroup> groups;
-  std::unordered_map<std::uint64_t, std::shared_ptr<SegmentTable>> tables;      // by data link
-  std::unordered_map<std::size_t, std::shared_ptr<MixedRecords>> mixedRecords;  // by data group
+  RecordingData data{file, tree};
   std::string error;
 };
 
 void MdfColumnReader::State::open() {
   tree = ChannelTree(file, texts);
   describeRecording();
+  data.reportUnfinished();
   for (const ModelGroup& group : tree.groups) groups.push_back(describe(group));
-  if (!file.isUnfinished()) return;
-  file.report(formatText("an unfinalized recording (flags 0x%04X at 60): taken for what is there",
-                         unsigned{file.id().id_unfin_flags}));
 }
 
 void MdfColumnReader::State::describeRecording() {
@@ -114,7 +99,7 @@ MdfColumnGroup MdfColumnReader::State::describe(const ModelGroup& group) {
     described.sourceName = viewOf(group.source->name);
     described.sourcePath = viewOf(group.source->path);
   }
-  if (const auto records = batches(group)) described.records = records->count();
+  if (const auto records = data.batches(group)) described.records = records->count();
   described.master = group.master;
   for (const ModelChannel& channel : group.channels) {
     described.channels.push_back(describe(group, channel));
@@ -154,96 +139,11 @@ MdfColumnChannel MdfColumnReader::State::describe(const ModelGroup& group,
   return described;
 }
 
-// The blocks behind the link. Where they are not what the file states, as in recordings that were
-// killed or are damaged, those that there are.
-std::shared_ptr<SegmentTable> MdfColumnReader::State::table(std::uint64_t dataLink,
-                                                            std::uint64_t expectedSize) {
-  std::shared_ptr<SegmentTable>& known = tables[dataLink];
-  if (known != nullptr) return known;
-  if (!file.isUnfinished()) {
-    known = std::make_shared<SegmentTable>(file, dataLink, expectedSize);
-    if (known->valid() && (expectedSize == 0 || known->totalSize() == expectedSize)) return known;
-  }
-  known = std::make_shared<SegmentTable>(SegmentTable::ofWhatIsThere(file, dataLink));
-  if (file.isUnfinished() && has(file.id().id_unfin_flags, Unfinished::LastDataLength) &&
-      known->count() != 0) {
-    known->extendLast(endOfLast((*known)[known->count() - 1].position));
-  }
-  return known;
-}
-
-// Where a block ends at the latest that begins in front of the position: where another one begins.
-std::uint64_t MdfColumnReader::State::endOfLast(std::uint64_t position) const {
-  std::uint64_t end = file.end();
-  const auto take = [&](std::uint64_t other) {
-    if (other >= position) end = std::min(end, other);
-  };
-  for (const ModelDataGroup& data : tree.dataGroups) take(data.data);
-  for (const ModelGroup& group : tree.groups) {
-    take(group.position);
-    for (const ModelChannel& channel : group.channels) {
-      take(channel.position);
-      if (channel.record.cn_type == channel_type::kVlsd) take(channel.data);
-    }
-  }
-  return end;
-}
-
-// Whether the records of a data group have ids, or those of several groups stand in one sequence.
-std::shared_ptr<MixedRecords> MdfColumnReader::State::mixed(const ModelGroup& group) {
-  const auto index = static_cast<std::size_t>(group.dataGroup);
-  const ModelDataGroup& data = tree.dataGroups[index];
-  const auto [known, isNew] = mixedRecords.try_emplace(index);
-  if (!isNew) return known->second;
-  std::vector<MixedGroup> members;
-  for (std::size_t i = 0; i < data.groups; ++i) {
-    const ModelGroup& member = tree.groups[data.firstGroup + i];
-    members.push_back({member.record.cg_record_id, recordSizeOf(member), member.holdsValues()});
-  }
-  const std::shared_ptr<SegmentTable> segments = table(data.data, 0);
-  if (!segments->valid() || !isRecordIdSize(data.recordIdSize)) return nullptr;
-  return known->second =
-             std::make_shared<MixedRecords>(file, segments, data.recordIdSize, std::move(members));
-}
-
-std::unique_ptr<RecordBatches> MdfColumnReader::State::batches(const ModelGroup& group) {
-  const ModelDataGroup& data = tree.dataGroups[static_cast<std::size_t>(group.dataGroup)];
-  if (group.holdsValues()) return nullptr;
-  if (data.recordIdSize != 0) {
-    const std::shared_ptr<MixedRecords> records = mixed(group);
-    if (records == nullptr) return nullptr;
-    const auto number = static_cast<std::size_t>(&group - &tree.groups[data.firstGroup]);
-    return std::make_unique<MixedBatches>(records, number);
-  }
-  const std::uint64_t size = recordSizeOf(group);
-  if (size == 0) {
-    // A number that nothing in the file stands for.
-    const std::uint64_t most = kAlwaysRecords + 16 * file.end();
-    return std::make_unique<CountedBatches>(std::min(group.record.cg_cycle_count, most));
-  }
-  const std::uint64_t expected = data.groups != 1 ? 0 : group.record.cg_cycle_count * size;
-  const std::shared_ptr<SegmentTable> segments = table(data.data, expected);
-  if (!segments->valid() || size > kLargestRecord || data.groups != 1) return nullptr;
-  return std::make_unique<SortedBatches>(file, segments, group.record.cg_data_bytes,
-                                         group.record.cg_inval_bytes);
-}
-
 // Where the values of a channel are, when its records have their offsets.
 std::unique_ptr<ValueSource> MdfColumnReader::State::values(const ModelGroup& group,
                                                             const ModelChannel& channel,
-                                                            const ColumnPlan& plan) {
-  if (plan.kind != ColumnPlan::Kind::Value) return nullptr;
-  const ModelDataGroup& data = tree.dataGroups[static_cast<std::size_t>(group.dataGroup)];
-  for (std::size_t i = 0; i < data.groups; ++i) {
-    const ModelGroup& holder = tree.groups[data.firstGroup + i];
-    if (holder.position != channel.data || !holder.holdsValues()) continue;
-    const std::shared_ptr<MixedRecords> records = mixed(group);
-    if (records == nullptr) return nullptr;
-    return std::make_unique<MixedValues>(records, i);
-  }
-  const std::shared_ptr<SegmentTable> segments = table(channel.data, 0);
-  if (!segments->valid()) return nullptr;
-  return std::make_unique<SignalValues>(file, segments);
+                                                            const ColumnPlan& planned) {
+  return planned.kind == ColumnPlan::Kind::Value ? data.values(group, channel) : nullptr;
 }
 
 ColumnPlan MdfColumnReader::State::plan(const ModelGroup& group, const ModelChannel& channel) {
@@ -286,7 +186,7 @@ std::vector<MdfColumn> MdfColumnReader::State::read(const ModelGroup& group,
                                                     const std::vector<std::int32_t>& channels,
                                                     std::uint64_t first, std::uint64_t count,
                                                     const MdfReadOptions& options) {
-  const std::unique_ptr<RecordBatches> records = batches(group);
+  const std::unique_ptr<RecordBatches> records = data.batches(group);
   const std::uint64_t there = records == nullptr ? 0 : records->count();
   first = std::min(first, there);
   count = std::min(count, there - first);
@@ -317,7 +217,7 @@ std::int64_t MdfColumnReader::State::read(const ModelGroup& group, const ModelCh
     error = planned.fault.empty() ? "its values are no numbers" : planned.fault;
     return -1;
   }
-  const std::unique_ptr<RecordBatches> records = batches(group);
+  const std::unique_ptr<RecordBatches> records = data.batches(group);
   const std::uint64_t there = records == nullptr ? 0 : records->count();
   first = std::min(first, there);
   count = std::min(count, there - first);
@@ -356,8 +256,7 @@ void MdfColumnReader::close() {
   State& state = *state_;
   state.groups.clear();
   state.tree = {};
-  state.mixedRecords.clear();
-  state.tables.clear();
+  state.data.clear();
   state.conversions.clear();
   state.texts.clear();
   state.error.clear();

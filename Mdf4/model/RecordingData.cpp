@@ -1,0 +1,169 @@
+#include "Mdf4/model/RecordingData.h"
+
+#include <algorithm>
+#include <utility>
+#include <vector>
+
+#include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/model/RecordCursor.h"
+
+namespace tolvex {
+namespace {
+
+constexpr std::uint64_t kAlwaysRecords = 1 << 20;
+
+std::uint64_t recordSizeOf(const ModelGroup& group) {
+  return std::uint64_t{group.record.cg_data_bytes} + group.record.cg_inval_bytes;
+}
+
+// Whether the blocks have the records that their group states, no more and no less.
+bool holdsWhatIsStated(const SegmentTable& table, const ModelGroup& group) {
+  const std::uint64_t size =
+      table.columnStorage() ? group.record.cg_data_bytes : recordSizeOf(group);
+  const std::uint64_t count = group.record.cg_cycle_count;
+  const std::uint64_t bytes = table.totalSize();
+  return size == 0 ? bytes == 0 : bytes % size == 0 && bytes / size == count;
+}
+
+}  // namespace
+
+void RecordingData::reportUnfinished() {
+  if (file_.isUnfinished()) {
+    file_.report(
+        formatText("an unfinalized recording (flags 0x%04X at 60): taken for what is there",
+                   unsigned{file_.id().id_unfin_flags}));
+    return;
+  }
+  const auto groups = std::ranges::count_if(
+      tree_.dataGroups, [&](const ModelDataGroup& data) { return hasUncounted(data); });
+  if (groups == 0) return;
+  file_.report(
+      formatText("a recording that was not finished: %td data group%s records and state%s 0 of "
+                 "them: taken for what is there",
+                 static_cast<std::ptrdiff_t>(groups), groups == 1 ? " has" : "s have",
+                 groups == 1 ? "s" : ""));
+}
+
+// Whether there are data of groups that all state 0 records.
+bool RecordingData::hasUncounted(const ModelDataGroup& data) {
+  if (data.data == 0 || data.groups == 0) return false;
+  for (std::size_t i = 0; i < data.groups; ++i) {
+    const ModelGroup& group = tree_.groups[data.firstGroup + i];
+    if (group.record.cg_cycle_count != 0) return false;
+  }
+  const ModelGroup& first = tree_.groups[data.firstGroup];
+  const std::uint64_t least = data.recordIdSize != 0 ? data.recordIdSize : recordSizeOf(first);
+  return least != 0 && recordTable(first)->totalSize() >= least;
+}
+
+// The blocks of a group's records.
+std::shared_ptr<SegmentTable> RecordingData::recordTable(const ModelGroup& group) {
+  const ModelDataGroup& data = tree_.dataGroups[static_cast<std::size_t>(group.dataGroup)];
+  const bool isAlone = data.recordIdSize == 0 && data.groups == 1;
+  if (!isAlone) return valueTable(data.data);
+  std::shared_ptr<SegmentTable>& known = tables_[data.data];
+  if (known != nullptr) return known;
+  if (!file_.isUnfinished()) {
+    const std::uint64_t expected = group.record.cg_cycle_count * recordSizeOf(group);
+    known = std::make_shared<SegmentTable>(file_, data.data, expected);
+    if (known->valid() && holdsWhatIsStated(*known, group)) return known;
+  }
+  return known = whatIsThere(data.data);
+}
+
+// Blocks whose length nothing else in the file states.
+std::shared_ptr<SegmentTable> RecordingData::valueTable(std::uint64_t dataLink) {
+  std::shared_ptr<SegmentTable>& known = tables_[dataLink];
+  if (known != nullptr) return known;
+  if (!file_.isUnfinished()) {
+    known = std::make_shared<SegmentTable>(file_, dataLink, 0);
+    if (known->valid()) return known;
+  }
+  return known = whatIsThere(dataLink);
+}
+
+std::shared_ptr<SegmentTable> RecordingData::whatIsThere(std::uint64_t dataLink) {
+  auto table = std::make_shared<SegmentTable>(SegmentTable::ofWhatIsThere(file_, dataLink));
+  if (file_.isUnfinished() && has(file_.id().id_unfin_flags, Unfinished::LastDataLength) &&
+      table->count() != 0) {
+    table->extendLast(endOfLast((*table)[table->count() - 1].position));
+  }
+  return table;
+}
+
+// Where a block ends at the latest that begins in front of the position: where another one begins.
+std::uint64_t RecordingData::endOfLast(std::uint64_t position) const {
+  std::uint64_t end = file_.end();
+  const auto take = [&](std::uint64_t other) {
+    if (other >= position) end = std::min(end, other);
+  };
+  for (const ModelDataGroup& data : tree_.dataGroups) take(data.data);
+  for (const ModelGroup& group : tree_.groups) {
+    take(group.position);
+    for (const ModelChannel& channel : group.channels) {
+      take(channel.position);
+      if (channel.record.cn_type == channel_type::kVlsd) take(channel.data);
+    }
+  }
+  return end;
+}
+
+std::shared_ptr<MixedRecords> RecordingData::mixed(const ModelGroup& group) {
+  const auto index = static_cast<std::size_t>(group.dataGroup);
+  const ModelDataGroup& data = tree_.dataGroups[index];
+  const auto [known, isNew] = mixed_.try_emplace(index);
+  if (!isNew) return known->second;
+  std::vector<MixedGroup> members;
+  for (std::size_t i = 0; i < data.groups; ++i) {
+    const ModelGroup& member = tree_.groups[data.firstGroup + i];
+    members.push_back({member.record.cg_record_id, recordSizeOf(member), member.holdsValues()});
+  }
+  const std::shared_ptr<SegmentTable> segments = valueTable(data.data);
+  if (!segments->valid() || !isRecordIdSize(data.recordIdSize)) return nullptr;
+  return known->second =
+             std::make_shared<MixedRecords>(file_, segments, data.recordIdSize, std::move(members));
+}
+
+std::unique_ptr<RecordBatches> RecordingData::batches(const ModelGroup& group) {
+  const ModelDataGroup& data = tree_.dataGroups[static_cast<std::size_t>(group.dataGroup)];
+  if (group.holdsValues()) return nullptr;
+  if (data.recordIdSize != 0) {
+    const std::shared_ptr<MixedRecords> records = mixed(group);
+    if (records == nullptr) return nullptr;
+    const auto number = static_cast<std::size_t>(&group - &tree_.groups[data.firstGroup]);
+    return std::make_unique<MixedBatches>(records, number);
+  }
+  const std::uint64_t size = recordSizeOf(group);
+  if (size == 0) {
+    // A number that nothing in the file stands for.
+    const std::uint64_t most = kAlwaysRecords + 16 * file_.end();
+    return std::make_unique<CountedBatches>(std::min(group.record.cg_cycle_count, most));
+  }
+  if (size > kLargestRecord || data.groups != 1) return nullptr;
+  const std::shared_ptr<SegmentTable> segments = recordTable(group);
+  if (!segments->valid()) return nullptr;
+  return std::make_unique<SortedBatches>(file_, segments, group.record.cg_data_bytes,
+                                         group.record.cg_inval_bytes);
+}
+
+std::unique_ptr<ValueSource> RecordingData::values(const ModelGroup& group,
+                                                   const ModelChannel& channel) {
+  const ModelDataGroup& data = tree_.dataGroups[static_cast<std::size_t>(group.dataGroup)];
+  for (std::size_t i = 0; i < data.groups; ++i) {
+    const ModelGroup& holder = tree_.groups[data.firstGroup + i];
+    if (holder.position != channel.data || !holder.holdsValues()) continue;
+    const std::shared_ptr<MixedRecords> records = mixed(group);
+    if (records == nullptr) return nullptr;
+    return std::make_unique<MixedValues>(records, i);
+  }
+  const std::shared_ptr<SegmentTable> segments = valueTable(channel.data);
+  if (!segments->valid()) return nullptr;
+  return std::make_unique<SignalValues>(file_, segments);
+}
+
+void RecordingData::clear() {
+  mixed_.clear();
+  tables_.clear();
+}
+
+}  // namespace tolvex

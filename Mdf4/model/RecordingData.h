@@ -1,0 +1,47 @@
+// Where the records and values of an open file are, also of one that nobody finished.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <unordered_map>
+
+#include "Mdf4/model/ChannelTree.h"
+#include "Mdf4/model/MixedRecords.h"
+#include "Mdf4/model/RecordBatches.h"
+#include "Mdf4/model/ValueSource.h"
+
+namespace tolvex {
+
+// Data blocks are opened once and shared by whoever reads them. Where they are not what the file
+// states, as in recordings that were killed, never finalized or are damaged, what there is of them
+// counts. Borrows file and tree, which stay where they are. Not synchronised.
+class RecordingData {
+ public:
+  RecordingData(MDF4File& file, const ChannelTree& tree) : file_(file), tree_(tree) {}
+
+  // Reports, in one problem, when the recording was not finished and so is taken for what is there.
+  void reportUnfinished();
+
+  // The records of a group; null when there are none to be told apart.
+  std::unique_ptr<RecordBatches> batches(const ModelGroup& group);
+  // The values of a channel whose records have offsets; null when there are none.
+  std::unique_ptr<ValueSource> values(const ModelGroup& group, const ModelChannel& channel);
+  // The sequence that a group's records are in, with those of others or with ids; null when it
+  // cannot be read.
+  std::shared_ptr<MixedRecords> mixed(const ModelGroup& group);
+  void clear();
+
+ private:
+  std::shared_ptr<SegmentTable> recordTable(const ModelGroup& group);
+  std::shared_ptr<SegmentTable> valueTable(std::uint64_t dataLink);
+  std::shared_ptr<SegmentTable> whatIsThere(std::uint64_t dataLink);
+  std::uint64_t endOfLast(std::uint64_t position) const;
+  bool hasUncounted(const ModelDataGroup& data);
+
+  MDF4File& file_;
+  const ChannelTree& tree_;
+  std::unordered_map<std::uint64_t, std::shared_ptr<SegmentTable>> tables_;  // by data link
+  std::unordered_map<std::size_t, std::shared_ptr<MixedRecords>> mixed_;     // by data group
+};
+
+}  // namespace tolvex
