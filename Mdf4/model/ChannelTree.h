@@ -67,6 +67,10 @@ struct ModelGroup {
   std::int32_t master = ModelChannel::kNone;  // the first one of time, else of anything else
 
   bool holdsValues() const { return (record.cg_flags & kCgFlagVlsd) != 0; }
+  // Bytes of each record behind its id, when these are no values.
+  std::uint64_t recordSize() const {
+    return std::uint64_t{record.cg_data_bytes} + record.cg_inval_bytes;
+  }
 };
 
 struct ModelDataGroup {

@@ -12,14 +12,10 @@ namespace {
 
 constexpr std::uint64_t kAlwaysRecords = 1 << 20;
 
-std::uint64_t recordSizeOf(const ModelGroup& group) {
-  return std::uint64_t{group.record.cg_data_bytes} + group.record.cg_inval_bytes;
-}
-
 // Whether the blocks have the records that their group states, no more and no less.
 bool holdsWhatIsStated(const SegmentTable& table, const ModelGroup& group) {
   const std::uint64_t size =
-      table.columnStorage() ? group.record.cg_data_bytes : recordSizeOf(group);
+      table.columnStorage() ? group.record.cg_data_bytes : group.recordSize();
   const std::uint64_t count = group.record.cg_cycle_count;
   const std::uint64_t bytes = table.totalSize();
   return size == 0 ? bytes == 0 : bytes % size == 0 && bytes / size == count;
@@ -52,7 +48,7 @@ bool RecordingData::hasUncounted(const ModelDataGroup& data) {
     if (group.record.cg_cycle_count != 0) return false;
   }
   const ModelGroup& first = tree_.groups[data.firstGroup];
-  const std::uint64_t least = data.recordIdSize != 0 ? data.recordIdSize : recordSizeOf(first);
+  const std::uint64_t least = data.recordIdSize != 0 ? data.recordIdSize : first.recordSize();
   return least != 0 && recordTable(first)->totalSize() >= least;
 }
 
@@ -64,7 +60,7 @@ std::shared_ptr<SegmentTable> RecordingData::recordTable(const ModelGroup& group
   std::shared_ptr<SegmentTable>& known = tables_[data.data];
   if (known != nullptr) return known;
   if (!file_.isUnfinished()) {
-    const std::uint64_t expected = group.record.cg_cycle_count * recordSizeOf(group);
+    const std::uint64_t expected = group.record.cg_cycle_count * group.recordSize();
     known = std::make_shared<SegmentTable>(file_, data.data, expected);
     if (known->valid() && holdsWhatIsStated(*known, group)) return known;
   }
@@ -116,7 +112,7 @@ std::shared_ptr<MixedRecords> RecordingData::mixed(const ModelGroup& group) {
   std::vector<MixedGroup> members;
   for (std::size_t i = 0; i < data.groups; ++i) {
     const ModelGroup& member = tree_.groups[data.firstGroup + i];
-    members.push_back({member.record.cg_record_id, recordSizeOf(member), member.holdsValues()});
+    members.push_back({member.record.cg_record_id, member.recordSize(), member.holdsValues()});
   }
   const std::shared_ptr<SegmentTable> segments = valueTable(data.data);
   if (!segments->valid() || !isRecordIdSize(data.recordIdSize)) return nullptr;
@@ -133,7 +129,7 @@ std::unique_ptr<RecordBatches> RecordingData::batches(const ModelGroup& group) {
     const auto number = static_cast<std::size_t>(&group - &tree_.groups[data.firstGroup]);
     return std::make_unique<MixedBatches>(records, number);
   }
-  const std::uint64_t size = recordSizeOf(group);
+  const std::uint64_t size = group.recordSize();
   if (size == 0) {
     // A number that nothing in the file stands for.
     const std::uint64_t most = kAlwaysRecords + 16 * file_.end();

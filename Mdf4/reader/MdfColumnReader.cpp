@@ -85,14 +85,14 @@ void MdfColumnReader::State::describeRecording() {
 }
 
 MdfColumnGroup MdfColumnReader::State::describe(const ModelGroup& group) {
-  const ModelDataGroup& data = tree.dataGroups[static_cast<std::size_t>(group.dataGroup)];
+  const ModelDataGroup& holder = tree.dataGroups[static_cast<std::size_t>(group.dataGroup)];
   MdfColumnGroup described;
   described.dataGroup = group.dataGroup;
-  described.channelGroup = static_cast<std::int32_t>(&group - &tree.groups[data.firstGroup]);
+  described.channelGroup = static_cast<std::int32_t>(&group - &tree.groups[holder.firstGroup]);
   described.statedRecords = group.record.cg_cycle_count;
   described.recordSize = static_cast<std::uint32_t>(
-      std::min<std::uint64_t>(recordSizeOf(group), std::numeric_limits<std::uint32_t>::max()));
-  described.unsorted = data.recordIdSize != 0 || data.groups > 1;
+      std::min<std::uint64_t>(group.recordSize(), std::numeric_limits<std::uint32_t>::max()));
+  described.unsorted = holder.recordIdSize != 0 || holder.groups > 1;
   described.name = viewOf(group.name);
   described.comment = viewOf(group.comment);
   if (group.source != nullptr) {
