@@ -7,6 +7,7 @@
 #include <cstring>
 #include <limits>
 #include <type_traits>
+#include <utility>
 
 #include "Mdf4/base/BitField.h"
 
@@ -174,33 +175,53 @@ RawField::RawField(std::uint8_t dataType, std::uint32_t bits, std::uint32_t byte
   }
 }
 
-void toDoubles(NumberType type, const void* numbers, std::size_t count, double* doubles) {
-  const auto convert = [&](auto example) {
-    const auto* const from = static_cast<const decltype(example)*>(numbers);
-    for (std::size_t i = 0; i < count; ++i) doubles[i] = static_cast<double>(from[i]);
-  };
+namespace {
+
+// Calls `visit` with the numbers as what they are.
+template <class Visit>
+void asType(NumberType type, const void* numbers, Visit visit) {
   switch (type) {
     case NumberType::Int8:
-      return convert(std::int8_t{});
+      return visit(static_cast<const std::int8_t*>(numbers));
     case NumberType::Int16:
-      return convert(std::int16_t{});
+      return visit(static_cast<const std::int16_t*>(numbers));
     case NumberType::Int32:
-      return convert(std::int32_t{});
+      return visit(static_cast<const std::int32_t*>(numbers));
     case NumberType::Int64:
-      return convert(std::int64_t{});
+      return visit(static_cast<const std::int64_t*>(numbers));
     case NumberType::UInt8:
-      return convert(std::uint8_t{});
+      return visit(static_cast<const std::uint8_t*>(numbers));
     case NumberType::UInt16:
-      return convert(std::uint16_t{});
+      return visit(static_cast<const std::uint16_t*>(numbers));
     case NumberType::UInt32:
-      return convert(std::uint32_t{});
+      return visit(static_cast<const std::uint32_t*>(numbers));
     case NumberType::UInt64:
-      return convert(std::uint64_t{});
+      return visit(static_cast<const std::uint64_t*>(numbers));
     case NumberType::Float32:
-      return convert(float{});
+      return visit(static_cast<const float*>(numbers));
     case NumberType::Float64:
-      return convert(double{});
+      return visit(static_cast<const double*>(numbers));
   }
+}
+
+}  // namespace
+
+void toDoubles(NumberType type, const void* numbers, std::size_t count, double* doubles) {
+  asType(type, numbers, [&](const auto* from) {
+    for (std::size_t i = 0; i < count; ++i) doubles[i] = static_cast<double>(from[i]);
+  });
+}
+
+void toIntegers(NumberType type, const void* numbers, std::size_t count, std::int64_t* integers,
+                std::int64_t tooLarge) {
+  asType(type, numbers, [&](const auto* from) {
+    if constexpr (std::is_integral_v<std::remove_reference_t<decltype(*from)>>) {
+      for (std::size_t i = 0; i < count; ++i) {
+        integers[i] =
+            std::in_range<std::int64_t>(from[i]) ? static_cast<std::int64_t>(from[i]) : tooLarge;
+      }
+    }
+  });
 }
 
 }  // namespace tolvex

@@ -71,5 +71,8 @@ class RawField {
 
 // Each number as a float64, the nearest one where it has more than 53 bits.
 void toDoubles(NumberType type, const void* numbers, std::size_t count, double* doubles);
+// Each integer as an int64; those that have no place in it become `tooLarge`.
+void toIntegers(NumberType type, const void* numbers, std::size_t count, std::int64_t* integers,
+                std::int64_t tooLarge);
 
 }  // namespace tolvex

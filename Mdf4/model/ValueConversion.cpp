@@ -28,6 +28,12 @@ bool ValueConversion::givesTexts() const {
   return type_ == kN2T || type_ == kR2T || type_ == kT2T || type_ == kBTT;
 }
 
+std::optional<ValueConversion::Line> ValueConversion::line() const {
+  if (type_ == kIdentity) return Line{};
+  if (type_ == kLinear) return Line{values_[0], values_[1]};
+  return std::nullopt;
+}
+
 // Between two keys the straight line, beyond them the value of the last one.
 std::optional<double> ValueConversion::interpolate(double raw) const {
   if (std::isnan(raw)) return std::nullopt;

@@ -40,6 +40,12 @@ class ValueConversion {
   // What the conversion makes of any value, as far as its kind says.
   bool isIdentity() const { return type_ == conversion_type::kIdentity; }
   bool givesTexts() const;
+  // What it does to a number, when that is no more than offset + factor x number.
+  struct Line {
+    double offset = 0;
+    double factor = 1;
+  };
+  std::optional<Line> line() const;
   // For each value its number in the place of it: of a conversion that gives no texts from what are
   // no texts. `valid` then has a 0 for each value that has no meaning, and is left alone else.
   void convert(std::span<double> values, std::span<std::uint8_t> valid) const;
