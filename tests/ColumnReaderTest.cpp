@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -258,6 +259,152 @@ TEST(ColumnReader, TakesApartWhatIsUnsorted) {
   EXPECT_EQ(reader.problems(),
             std::vector<std::string>{"a recording that was not finished: 1 data group has records "
                                      "and states 0 of them: taken for what is there"});
+}
+
+// A recording that started then: of each record its time in ticks, the status and a text of its
+// number, and that number.
+FileBuilder timedFile(std::int64_t startNs, int first, int records, double factor = 1e-9,
+                      const std::string& unit = {}) {
+  FileBuilder builder;
+  builder.setU64(136, static_cast<std::uint64_t>(startNs));
+  Cc status;
+  status.type = 7;
+  status.values = {0, 1};
+  status.refs = {builder.tx("even"), builder.tx("odd")};
+  std::vector<Cn> channels = {field("time", 0, 0, 64), field("status", 0, 8, 8),
+                              field("text", 7, 9, 64), field("number", 2, 17, 16)};
+  channels[0].type = 2;
+  channels[0].sync = 1;
+  if (factor != 1) channels[0].conversion = builder.cc({.type = 1, .values = {0, factor}});
+  if (!unit.empty()) channels[0].unit = builder.tx(unit);
+  channels[1].conversion = builder.cc(status);
+  for (const std::size_t checked : {1U, 3U}) channels[checked].flags = 2;
+  test::Cg group;
+  group.name = "timed";
+  group.records = static_cast<std::uint64_t>(records);
+  group.dataBytes = 19;
+  group.invalBytes = 1;
+  for (const Cn& channel : channels) group.channels.push_back(builder.cn(channel));
+  std::vector<Bytes> rows;
+  for (int i = first; i < first + records; ++i) {
+    rows.push_back(packed(std::uint64_t(i - first), static_cast<std::uint8_t>(i % 3),
+                          std::uint64_t{0}, static_cast<std::int16_t>(-i),
+                          static_cast<std::uint8_t>(i % 7 == 0)));
+    const std::string text = "t" + std::to_string(i);
+    std::copy(text.begin(), text.end(), rows.back().begin() + 9);
+  }
+  builder.dg({.groups = {builder.cg(group)}, .data = builder.dt(test::joined(rows))});
+  return builder;
+}
+
+TEST(ColumnReader, GivesTimesOnTheClock) {
+  constexpr std::int64_t kStart = 1'700'000'000'123'456'789;
+  struct Case {
+    double factor;
+    std::string unit;
+    double seconds;      // of the third record
+    std::int64_t since;  // the start, likewise: ns
+  };
+  for (const Case& one : {Case{1e-9, "s", 2e-9, 2}, Case{1e-6, "", 2e-6, 2000},
+                          Case{1, "ms", 2e-3, 2'000'000}, Case{0.5, "us", 1e-6, 1000},
+                          Case{1.0 / 3, "s", 2.0 / 3, 666'666'667}, Case{1e10, "s", 2e10, 0}}) {
+    const FileBuilder builder = timedFile(kStart, 0, 5, one.factor, one.unit);
+    MdfColumnReader reader(builder.write());
+    ASSERT_TRUE(reader.open()) << reader.error();
+    double seconds[2] = {};
+    EXPECT_EQ(reader.readSeconds(0, 2, 2, seconds), 2);
+    EXPECT_DOUBLE_EQ(seconds[0], one.seconds);
+    std::int64_t ns[3] = {};
+    EXPECT_EQ(reader.readNanoseconds(0, 2, 9, ns), 3);
+    EXPECT_EQ(ns[0], one.since == 0 ? MdfColumnReader::kNoTime : kStart + one.since);
+  }
+  FileBuilder builder;
+  builder.setU64(136, kStart);
+  builder.signalGroup({}, {packed(0.25)});
+  test::Cg group;
+  group.channels = {builder.cn(field("value", 0, 0, 8))};
+  group.dataBytes = 1;
+  group.records = 1;
+  builder.dg({.groups = {builder.cg(group)}, .data = builder.dt({1})});
+  MdfColumnReader reader(builder.write());
+  ASSERT_TRUE(reader.open());
+  std::int64_t ns = 0;
+  EXPECT_EQ(reader.readNanoseconds(0, 0, 1, &ns), 1);
+  EXPECT_EQ(ns, kStart + 250'000'000);
+  EXPECT_EQ(reader.readNanoseconds(1, 0, 1, &ns), -1);
+  EXPECT_EQ(reader.error(), "group 1 has no master of time");
+}
+
+TEST(ColumnReader, FillsTheArraysOfItsCaller) {
+  const FileBuilder builder = timedFile(0, 0, 12);
+  MdfColumnReader reader(builder.write());
+  ASSERT_TRUE(reader.open());
+  std::int16_t numbers[4] = {};
+  double doubles[4] = {};
+  double status[4] = {};
+  std::uint8_t validity[1] = {};
+  EXPECT_EQ(
+      reader.read(0,
+                  {{3, numbers, validity}, {3, doubles, nullptr, true}, {1, status, nullptr, true}},
+                  6, 4),
+      4);
+  EXPECT_EQ(numbers[0], -6);
+  EXPECT_EQ(numbers[3], -9);
+  EXPECT_EQ(validity[0], 0xFD);
+  EXPECT_EQ(doubles[0], -6);
+  EXPECT_TRUE(std::isnan(doubles[1]));
+  EXPECT_TRUE(std::isnan(status[0])) << "a text is no number";
+  EXPECT_EQ(reader.read(0, {{2, doubles, nullptr, true}}, 0, 1), -1);
+  EXPECT_EQ(reader.error(), "channel 2: its values are no numbers");
+  EXPECT_EQ(reader.read(0, {{1, doubles}}, 0, 1), -1);
+}
+
+// Several files give what one file of all of their records gives, and so do several threads.
+TEST(ColumnReader, TakesSeveralFilesForOne) {
+  constexpr std::int64_t kSecond = 1'000'000'000;
+  constexpr int kFirst = 13;
+  constexpr int kSecondPart = 200'000;
+  const FileBuilder a = timedFile(5 * kSecond, 0, kFirst);
+  const FileBuilder b = timedFile(9 * kSecond, kFirst, kSecondPart);
+  const FileBuilder other = timedFile(7 * kSecond, 0, 3, 1e-9, "m");
+  const FileBuilder all = timedFile(5 * kSecond, 0, kFirst + kSecondPart);
+  MdfColumnReader parts({b.write(), other.write(), a.write()});
+  MdfColumnReader whole(all.write());
+  ASSERT_TRUE(parts.open()) << parts.error();
+  ASSERT_TRUE(whole.open()) << whole.error();
+  ASSERT_EQ(parts.groups().size(), 2U) << "another unit makes another group";
+  EXPECT_EQ(parts.groups()[0].records, std::uint64_t{kFirst + kSecondPart});
+  for (const unsigned threads : {1U, 3U}) {
+    for (const std::uint64_t first : {std::uint64_t{0}, std::uint64_t{5}}) {
+      std::vector<MdfColumn> got;
+      std::vector<MdfColumn> want;
+      MdfReadOptions options;
+      options.threads = threads;
+      ASSERT_TRUE(parts.read(0, {1, 2, 3}, first, ~std::uint64_t{0}, got, options));
+      ASSERT_TRUE(whole.read(0, {1, 2, 3}, first, ~std::uint64_t{0}, want));
+      for (std::size_t i = 0; i < want.size(); ++i) {
+        EXPECT_EQ(shown(got[i]), shown(want[i])) << "column " << i + 1 << ", threads " << threads;
+      }
+    }
+  }
+  std::vector<std::int64_t> ns(kFirst + 2);
+  EXPECT_EQ(parts.readNanoseconds(0, 0, ns.size(), ns.data()), kFirst + 2);
+  EXPECT_EQ(ns[kFirst - 1], 5 * kSecond + kFirst - 1);
+  EXPECT_EQ(ns[kFirst + 1], 9 * kSecond + 1);
+  std::vector<MdfColumn> master;
+  ASSERT_TRUE(parts.read(0, {0}, kFirst + 1, 1, master));
+  EXPECT_DOUBLE_EQ(master[0].as<double>()[0], 4.000000001);
+}
+
+TEST(ColumnReader, FindsThePartsOfASplit) {
+  const test::TempDir dir;
+  for (const char* name : {"d.mf4", "d_1.mf4", "d_2.mf4", "d_10.mf4", "d_02.mf4", "d_x.mf4",
+                           "d_3.mf", "e_1.mf4", "d_1_1.mf4"}) {
+    std::ofstream(dir.path(name)).put('x');
+  }
+  EXPECT_EQ(mdfPartsOf(dir.path("d.mf4")),
+            (std::vector<std::string>{dir.path("d.mf4"), dir.path("d_1.mf4"), dir.path("d_2.mf4"),
+                                      dir.path("d_10.mf4")}));
 }
 
 }  // namespace

@@ -13,19 +13,10 @@
 
 #include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/model/Text.h"
+#include "Mdf4/reader/ColumnMemory.h"
 
 namespace tolvex {
 namespace {
-
-// Room for so many items; throws when there is none.
-template <class Pointer>
-void allocate(Pointer& pointer, std::uint64_t count) {
-  using Item = typename Pointer::element_type;
-  if (count > std::numeric_limits<std::ptrdiff_t>::max() / sizeof(Item)) throw std::bad_alloc();
-  void* const memory = std::malloc(std::max<std::size_t>(count * sizeof(Item), 1));
-  if (memory == nullptr) throw std::bad_alloc();
-  pointer.reset(static_cast<Item*>(memory));
-}
 
 NumberType numberType(MdfColumnType type) {
   return static_cast<NumberType>(static_cast<int>(type) - static_cast<int>(MdfColumnType::Int8));
@@ -86,57 +77,61 @@ std::string_view MdfColumn::text(std::uint64_t index) const {
           static_cast<std::size_t>(offsets_[index + 1] - offsets_[index])};
 }
 
+MdfColumnType typeIn(ColumnForm form, const ColumnPlan& plan) {
+  const bool isRaw = form == ColumnForm::Raw || form == ColumnForm::RawDoubles;
+  const MdfColumnType type = isRaw ? plan.rawType : plan.type;
+  const bool isTime = plan.time && isNumber(type);
+  const bool isText = type == MdfColumnType::Text || type == MdfColumnType::Bytes;
+  switch (form) {
+    case ColumnForm::Doubles:
+    case ColumnForm::RawDoubles:
+      return isText || type == MdfColumnType::None ? MdfColumnType::None : MdfColumnType::Float64;
+    case ColumnForm::Seconds:
+      return isTime ? MdfColumnType::Float64 : MdfColumnType::None;
+    case ColumnForm::Nanoseconds:
+      return isTime ? MdfColumnType::Int64 : MdfColumnType::None;
+    default:
+      return type;
+  }
+}
+
+std::size_t widthOf(MdfColumnType type) {
+  if (type == MdfColumnType::Dictionary) return sizeof(std::int32_t);
+  return isNumber(type) ? sizeOf(numberType(type)) : 0;
+}
+
 ColumnBuilder::ColumnBuilder(const ColumnPlan& plan, ColumnForm form, std::uint64_t rows,
-                             ValueSource* values)
+                             ValueSource* values, void* out)
     : plan_(plan),
       form_(form),
-      conversion_(form == ColumnForm::Raw || plan.type == plan.rawType ? nullptr
-                                                                       : plan.conversion.get()),
+      conversion_(form == ColumnForm::Raw || form == ColumnForm::RawDoubles ||
+                          plan.type == plan.rawType
+                      ? nullptr
+                      : plan.conversion.get()),
       values_(values) {
-  setUp(rows, nullptr);
+  column_.type_ = typeIn(form, plan);
+  column_.rows_ = rows;
+  column_.elements_ = plan_.elements;
+  if (column_.type_ != MdfColumnType::None) setUp(rows, out);
 }
 
-ColumnBuilder::ColumnBuilder(const ColumnPlan& plan, std::uint64_t rows, ValueSource* values,
-                             double* doubles)
-    : plan_(plan),
-      form_(ColumnForm::Doubles),
-      conversion_(plan.type == plan.rawType ? nullptr : plan.conversion.get()),
-      values_(values) {
-  setUp(rows, doubles);
-}
-
-void ColumnBuilder::setUp(std::uint64_t rows, double* doubles) {
+void ColumnBuilder::setUp(std::uint64_t rows, void* out) {
   constexpr std::uint64_t kPerRow = 1024;
   constexpr std::uint64_t kAlways = 1 << 20;
   constexpr std::uint64_t kMost = std::uint64_t{1} << 56;
-  // Values may recur, but a small file cannot make a huge column.
-  most_ = kAlways + rows * plan_.elements * kPerRow;
-  if (values_ != nullptr) most_ += 16 * std::min(values_->size(), kMost);
-  column_.type_ = form_ == ColumnForm::Raw ? plan_.rawType : plan_.type;
-  if (form_ == ColumnForm::Doubles && column_.type_ != MdfColumnType::None) {
-    const bool isText =
-        column_.type_ == MdfColumnType::Text || column_.type_ == MdfColumnType::Bytes;
-    column_.type_ = isText ? MdfColumnType::None : MdfColumnType::Float64;
-  }
-  column_.rows_ = rows;
-  column_.elements_ = plan_.elements;
-  if (column_.type_ == MdfColumnType::None) return;
-  if (rows > std::numeric_limits<std::uint64_t>::max() / sizeof(std::uint64_t) / plan_.elements) {
-    throw std::bad_alloc();
-  }
-  if (isNumber(column_.type_)) {
-    width_ = sizeOf(numberType(column_.type_));
-  } else if (column_.type_ == MdfColumnType::Dictionary) {
-    width_ = sizeof(std::int32_t);
-  } else {
+  checkSize(rows, plan_.elements);
+  width_ = widthOf(column_.type_);
+  out_ = static_cast<std::uint8_t*>(out);
+  if (width_ == 0) {
+    // Values may recur, but a small file cannot make a huge column.
+    most_ = kAlways + rows * plan_.elements * kPerRow;
+    if (values_ != nullptr) most_ += 16 * std::min(values_->size(), kMost);
     allocate(column_.offsets_, column_.size() + 1);
     column_.offsets_[0] = 0;
-    return;
+  } else if (out_ == nullptr) {
+    allocate(column_.data_, column_.size() * width_);
+    out_ = column_.data_.get();
   }
-  out_ = reinterpret_cast<std::uint8_t*>(doubles);
-  if (out_ != nullptr) return;
-  allocate(column_.data_, column_.size() * width_);
-  out_ = column_.data_.get();
 }
 
 void ColumnBuilder::append(const RecordRows& records, std::uint64_t first) {
@@ -180,21 +175,19 @@ MdfColumn ColumnBuilder::finish() {
 void ColumnBuilder::appendNumbers(const RecordRows& records, std::uint64_t first,
                                   std::uint64_t element) {
   findInvalid(records, element);
-  const bool isExact = conversion_ == nullptr && form_ != ColumnForm::Doubles;
+  const bool isExact = conversion_ == nullptr && form_ <= ColumnForm::Raw;
   if (isExact && plan_.elements == 1 && plan_.kind == ColumnPlan::Kind::Number) {
     plan_.numbers[0].gather(records, out_ + row_ * width_);
   } else {
     const NumberType type = gatherRaw(records, first, element);
     if (isExact) {
       store(raw_.data(), records.count, element);
+    } else if (form_ == ColumnForm::Nanoseconds) {
+      appendTimes(type, records.count);
     } else if (conversion_ != nullptr && conversion_->givesTexts()) {
       return lookUp(type, records.count, element);
     } else {
-      toDoubles(type, raw_.data(), records.count, doubles_.data());
-      if (conversion_ != nullptr) {
-        conversion_->convert({doubles_.data(), records.count}, {valid_.data(), records.count});
-      }
-      store(doubles_.data(), records.count, element);
+      appendDoubles(type, records.count, element);
     }
   }
   const auto* const valid = valid_.data();
@@ -203,6 +196,31 @@ void ColumnBuilder::appendNumbers(const RecordRows& records, std::uint64_t first
               at, 0, records.count - static_cast<std::size_t>(at - valid)))) != nullptr) {
     markInvalid(indexOf(element) + static_cast<std::uint64_t>(at - valid) * plan_.elements);
     ++at;
+  }
+}
+
+void ColumnBuilder::appendDoubles(NumberType type, std::size_t count, std::uint64_t element) {
+  const bool isInPlace = plan_.elements == 1;
+  double* const doubles = isInPlace ? reinterpret_cast<double*>(out_) + row_ : doubles_.data();
+  toDoubles(type, raw_.data(), count, doubles);
+  if (conversion_ != nullptr) conversion_->convert({doubles, count}, {valid_.data(), count});
+  if (form_ == ColumnForm::Seconds) plan_.time->toSeconds({doubles, count});
+  if (!isInPlace) store(doubles, count, element);
+}
+
+void ColumnBuilder::appendTimes(NumberType type, std::size_t count) {
+  auto* const times = reinterpret_cast<std::int64_t*>(out_) + row_;
+  if (plan_.time->isExact(type)) {
+    plan_.time->ofTicks(type, {raw_.data(), count}, times);
+  } else {
+    toDoubles(type, raw_.data(), count, doubles_.data());
+    if (conversion_ != nullptr) {
+      conversion_->convert({doubles_.data(), count}, {valid_.data(), count});
+    }
+    plan_.time->ofValues({doubles_.data(), count}, times);
+  }
+  for (std::size_t i = 0; i < count; ++i) {
+    if (times[i] == TimeScale::kNone) valid_[i] = 0;
   }
 }
 
@@ -288,7 +306,7 @@ void ColumnBuilder::storeMeant(const Meant& meant, std::uint64_t index) {
       column_.numbers_[index] = meant.number;
     }
   }
-  const bool hasText = meant.code >= 0 && form_ != ColumnForm::Doubles;
+  const bool hasText = meant.code >= 0 && form_ < ColumnForm::Doubles;
   if (!meant.hasNumber && !hasText) markInvalid(index);
 }
 
@@ -356,10 +374,7 @@ void ColumnBuilder::addBytes(ByteSpan bytes) {
   if (bytes.size() > capacity_ - used_) {
     const std::uint64_t wanted =
         std::max<std::uint64_t>({used_ + bytes.size(), 2 * capacity_, 4096});
-    void* const bigger = std::realloc(column_.data_.get(), wanted);
-    if (bigger == nullptr) throw std::bad_alloc();
-    static_cast<void>(column_.data_.release());
-    column_.data_.reset(static_cast<std::uint8_t*>(bigger));
+    resize(column_.data_, wanted);
     capacity_ = wanted;
   }
   if (!bytes.empty()) std::memcpy(column_.data_.get() + used_, bytes.data(), bytes.size());
@@ -382,7 +397,9 @@ void ColumnBuilder::findInvalid(const RecordRows& records, std::uint64_t element
 }
 
 void ColumnBuilder::markInvalid(std::uint64_t index) {
-  if (form_ == ColumnForm::Doubles && out_ != nullptr) {
+  if (form_ == ColumnForm::Nanoseconds) {
+    reinterpret_cast<std::int64_t*>(out_)[index] = TimeScale::kNone;
+  } else if (form_ >= ColumnForm::Doubles) {
     reinterpret_cast<double*>(out_)[index] = std::nan("");
   }
   if (column_.validity_ == nullptr) {
@@ -390,8 +407,7 @@ void ColumnBuilder::markInvalid(std::uint64_t index) {
     allocate(column_.validity_, bytes);
     std::memset(column_.validity_.get(), 0xFF, bytes);
   }
-  std::uint8_t& byte = column_.validity_[index / 8];
-  byte = static_cast<std::uint8_t>(byte & ~(1U << index % 8));
+  clearBit(column_.validity_.get(), index);
 }
 
 }  // namespace tolvex

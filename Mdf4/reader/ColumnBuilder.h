@@ -17,18 +17,26 @@ namespace tolvex {
 // What a column is wanted as.
 enum class ColumnForm : std::uint8_t {
   Physical,
-  Raw,      // without the conversion
-  Doubles,  // each value as a float64, NaN where it is none
+  Raw,          // without the conversion
+  Doubles,      // each value as a float64, NaN where there is none
+  RawDoubles,   // likewise, without the conversion
+  Seconds,      // of a master of time: since the recording's start, as float64
+  Nanoseconds,  // of a master of time: since 1970, as int64, the least one where there is none
 };
+
+// The type of a planned column in that form; None when it has no values in it.
+MdfColumnType typeIn(ColumnForm form, const ColumnPlan& plan);
+// Bytes of one value of the type; 0 where they differ.
+std::size_t widthOf(MdfColumnType type);
 
 // The column of one channel, for a number of records that is known in advance. Borrows the plan and
 // the values. Throws std::bad_alloc, and is then of no use.
 class ColumnBuilder {
  public:
-  // `values` may be null, where there are none.
-  ColumnBuilder(const ColumnPlan& plan, ColumnForm form, std::uint64_t rows, ValueSource* values);
-  // Of doubles: puts them there instead of into memory of the column.
-  ColumnBuilder(const ColumnPlan& plan, std::uint64_t rows, ValueSource* values, double* doubles);
+  // `values` may be null, where there are none. What has the same width for each value goes to
+  // `out`, when that is not null, instead of into memory of the column.
+  ColumnBuilder(const ColumnPlan& plan, ColumnForm form, std::uint64_t rows, ValueSource* values,
+                void* out = nullptr);
 
   // The next records; the first of them is the group's record `first`.
   void append(const RecordRows& records, std::uint64_t first);
@@ -47,11 +55,13 @@ class ColumnBuilder {
     double number = 0;
   };
 
-  void setUp(std::uint64_t rows, double* doubles);
+  void setUp(std::uint64_t rows, void* out);
   std::uint64_t indexOf(std::uint64_t element) const { return row_ * plan_.elements + element; }
   void appendNumbers(const RecordRows& records, std::uint64_t first, std::uint64_t element);
   NumberType gatherRaw(const RecordRows& records, std::uint64_t first, std::uint64_t element);
   void lookUp(NumberType type, std::size_t count, std::uint64_t element);
+  void appendDoubles(NumberType type, std::size_t count, std::uint64_t element);
+  void appendTimes(NumberType type, std::size_t count);
   const Meant& meantBy(std::uint64_t key, const RawValue& value);
   Meant meantBy(const RawValue& value);
   void store(const void* numbers, std::size_t count, std::uint64_t element);

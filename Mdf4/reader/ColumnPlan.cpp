@@ -253,4 +253,11 @@ void planConversion(ColumnPlan& plan, std::uint64_t conversion, ConversionLoader
   }
 }
 
+void planTime(ColumnPlan& plan, const TimeScale::Base& base) {
+  if (plan.conversion == nullptr || plan.elements != 1 || plan.rawType >= MdfColumnType::Text) {
+    return;
+  }
+  plan.time.emplace(base, plan.conversion->line());
+}
+
 }  // namespace tolvex

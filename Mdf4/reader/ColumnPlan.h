@@ -3,11 +3,13 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "Mdf4/model/ChannelTree.h"
 #include "Mdf4/model/RawField.h"
+#include "Mdf4/model/TimeScale.h"
 #include "Mdf4/model/ValueConversion.h"
 #include "tolvex/MdfColumnReader.h"
 
@@ -45,11 +47,14 @@ struct ColumnPlan {
 
   std::shared_ptr<const ValueConversion> conversion;
   MdfColumnType type = MdfColumnType::None;
+  std::optional<TimeScale> time;  // of a master of time
 };
 
 // Plans the column of a channel of the group, whose conversion and type are still missing.
 ColumnPlan planColumn(const ModelGroup& group, const ModelChannel& channel);
 // Adds those.
 void planConversion(ColumnPlan& plan, std::uint64_t conversion, ConversionLoader& conversions);
+// Of a master of time: adds what its values are on the clock.
+void planTime(ColumnPlan& plan, const TimeScale::Base& base);
 
 }  // namespace tolvex

@@ -2,265 +2,178 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <deque>
-#include <iterator>
-#include <limits>
+#include <memory>
 #include <new>
 #include <optional>
 #include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
-#include "Mdf4/model/ChannelTree.h"
-#include "Mdf4/model/RecordingData.h"
-#include "Mdf4/reader/ColumnBuilder.h"
-#include "Mdf4/reader/ColumnPlan.h"
+#include "Mdf4/reader/ColumnFile.h"
+#include "Mdf4/reader/ColumnRead.h"
+#include "Mdf4/reader/RecordingGroups.h"
 
 namespace tolvex {
 namespace {
 
 constexpr const char* kOutOfMemory = "out of memory";
 
-std::string_view viewOf(const SharedText& text) {
-  return text == nullptr ? std::string_view("") : std::string_view(*text);
-}
-
 }  // namespace
 
 struct MdfColumnReader::State {
-  explicit State(std::string filePath) : path(std::move(filePath)) {}
-  State(const State&) = delete;
-  State& operator=(const State&) = delete;
-  ~State() { file.Close(); }
-
-  void open();
-  void describeRecording();
-  MdfColumnGroup describe(const ModelGroup& group);
-  MdfColumnChannel describe(const ModelGroup& group, const ModelChannel& channel);
-
-  std::unique_ptr<ValueSource> values(const ModelGroup& group, const ModelChannel& channel,
-                                      const ColumnPlan& planned);
-  ColumnPlan plan(const ModelGroup& group, const ModelChannel& channel);
-  const ModelGroup* find(std::int32_t group, const std::vector<std::int32_t>& channels);
-  static void fill(RecordBatches* records, std::uint64_t first, std::uint64_t count,
-                   const std::vector<std::unique_ptr<ColumnBuilder>>& builders);
-  std::vector<MdfColumn> read(const ModelGroup& group, const std::vector<std::int32_t>& channels,
+  [[nodiscard]] bool open();
+  const RecordingGroup* find(std::int32_t group, const std::vector<std::int32_t>& channels);
+  std::vector<ColumnPart> parts(const RecordingGroup& group, std::uint64_t first,
+                                std::uint64_t count);
+  std::optional<WantedColumn> wanted(const MdfColumnGroup& group, const MdfColumnTarget& target,
+                                     bool raw);
+  std::vector<MdfColumn> read(const RecordingGroup& group, std::vector<WantedColumn> wanted,
                               std::uint64_t first, std::uint64_t count,
-                              const MdfReadOptions& options);
-  std::int64_t read(const ModelGroup& group, const ModelChannel& channel, std::uint64_t first,
-                    std::uint64_t count, double* doubles, const MdfReadOptions& options);
+                              const MdfReadOptions& options, std::uint64_t& rows);
+  std::int64_t readTimes(std::int32_t group, std::uint64_t first, std::uint64_t count,
+                         ColumnForm form, void* times, const MdfReadOptions& options);
 
-  std::string path;
-  MDF4File file;
-  FileTexts texts{file};
-  ConversionLoader conversions{file, texts};
-  ChannelTree tree;
-  MdfRecordingInfo info;
-  std::vector<MdfColumnGroup> groups;
-  RecordingData data{file, tree};
+  std::vector<std::string> paths;
+  std::vector<std::unique_ptr<ColumnFile>> files;
+  RecordingGroups groups;
   std::string error;
 };
 
-void MdfColumnReader::State::open() {
-  tree = ChannelTree(file, texts);
-  describeRecording();
-  data.reportUnfinished();
-  for (const ModelGroup& group : tree.groups) groups.push_back(describe(group));
-}
-
-void MdfColumnReader::State::describeRecording() {
-  constexpr std::uint8_t kLocalTime = 0x01;
-  constexpr std::uint8_t kOffsetsValid = 0x02;
-  const M4HDBlock& header = *file.header();
-  info = {};
-  info.version = file.version();
-  const IdBlock& id = file.id();
-  info.program.assign(id.id_prog, std::find(std::begin(id.id_prog), std::end(id.id_prog), '\0'));
-  info.program.erase(info.program.find_last_not_of(' ') + 1);
-  info.comment = viewOf(texts.content(header.link(link::hd_md_comment)));
-  info.startTimeNs = static_cast<std::int64_t>(header.hd_start_time_ns);
-  info.startIsLocal = (header.hd_time_flags & kLocalTime) != 0;
-  if ((header.hd_time_flags & kOffsetsValid) != 0) {
-    info.utcOffsetMinutes = header.hd_tz_offset_min + header.hd_dst_offset_min;
+// The files in the order of their start times.
+bool MdfColumnReader::State::open() {
+  for (const std::string& path : paths) {
+    ColumnFile& file = *files.emplace_back(std::make_unique<ColumnFile>(path));
+    if (file.open()) continue;
+    error = paths.size() > 1 ? path + ": " + file.error() : file.error();
+    files.clear();
+    return false;
   }
-}
-
-MdfColumnGroup MdfColumnReader::State::describe(const ModelGroup& group) {
-  const ModelDataGroup& holder = tree.dataGroups[static_cast<std::size_t>(group.dataGroup)];
-  MdfColumnGroup described;
-  described.dataGroup = group.dataGroup;
-  described.channelGroup = static_cast<std::int32_t>(&group - &tree.groups[holder.firstGroup]);
-  described.statedRecords = group.record.cg_cycle_count;
-  described.recordSize = static_cast<std::uint32_t>(
-      std::min<std::uint64_t>(group.recordSize(), std::numeric_limits<std::uint32_t>::max()));
-  described.unsorted = holder.recordIdSize != 0 || holder.groups > 1;
-  described.name = viewOf(group.name);
-  described.comment = viewOf(group.comment);
-  if (group.source != nullptr) {
-    described.sourceName = viewOf(group.source->name);
-    described.sourcePath = viewOf(group.source->path);
-  }
-  if (const auto records = data.batches(group)) described.records = records->count();
-  described.master = group.master;
-  for (const ModelChannel& channel : group.channels) {
-    described.channels.push_back(describe(group, channel));
-  }
-  return described;
-}
-
-MdfColumnChannel MdfColumnReader::State::describe(const ModelGroup& group,
-                                                  const ModelChannel& channel) {
-  MdfColumnChannel described;
-  described.name = viewOf(channel.name);
-  described.unit = viewOf(channel.unit);
-  described.comment = viewOf(channel.comment);
-  if (channel.source != nullptr) {
-    described.sourceName = viewOf(channel.source->name);
-    described.sourcePath = viewOf(channel.source->path);
-  }
-  if (channel.facts != nullptr) {
-    described.conversion = channel.facts->type;
-    described.conversionName = viewOf(channel.facts->name);
-  }
-  described.channelType = channel.record.cn_type;
-  described.syncType = channel.record.cn_sync_type;
-  described.dataType = channel.record.cn_data_type;
-  described.bitCount = channel.record.cn_bit_count;
-  described.byteOffset = channel.record.cn_byte_offset;
-  described.bitOffset = channel.record.cn_bit_offset;
-  described.parent = channel.parent;
-  for (const ArrayDimension& dimension : channel.dimensions) {
-    described.shape.push_back(dimension.size);
-  }
-  const ColumnPlan planned = plan(group, channel);
-  if (planned.elements == 2 * channel.elements()) described.shape.push_back(2);
-  described.type = planned.type;
-  described.rawType = planned.rawType;
-  described.fault = planned.fault;
-  return described;
-}
-
-// Where the values of a channel are, when its records have their offsets.
-std::unique_ptr<ValueSource> MdfColumnReader::State::values(const ModelGroup& group,
-                                                            const ModelChannel& channel,
-                                                            const ColumnPlan& planned) {
-  return planned.kind == ColumnPlan::Kind::Value ? data.values(group, channel) : nullptr;
-}
-
-ColumnPlan MdfColumnReader::State::plan(const ModelGroup& group, const ModelChannel& channel) {
-  ColumnPlan planned = planColumn(group, channel);
-  planConversion(planned, channel.conversion, conversions);
-  return planned;
+  if (files.empty()) error = "there is no file to open";
+  std::ranges::stable_sort(files, {}, [](const auto& file) { return file->info().startTimeNs; });
+  for (const auto& file : files) file->isPartOf(files.front()->info().startTimeNs);
+  groups = RecordingGroups(files);
+  return !files.empty();
 }
 
 // The group, when it has these channels; else null, and the error says what there is not.
-const ModelGroup* MdfColumnReader::State::find(std::int32_t group,
-                                               const std::vector<std::int32_t>& channels) {
-  if (group < 0 || group >= std::ssize(tree.groups)) {
+const RecordingGroup* MdfColumnReader::State::find(std::int32_t group,
+                                                   const std::vector<std::int32_t>& channels) {
+  if (group < 0 || group >= std::ssize(groups.groups)) {
     error = formatText("there is no group %" PRId32, group);
     return nullptr;
   }
-  const ModelGroup& found = tree.groups[static_cast<std::size_t>(group)];
+  const RecordingGroup& found = groups.groups[static_cast<std::size_t>(group)];
+  const auto& described = groups.described[static_cast<std::size_t>(group)];
   for (const std::int32_t channel : channels) {
-    if (channel >= 0 && channel < std::ssize(found.channels)) continue;
+    if (channel >= 0 && channel < std::ssize(described.channels)) continue;
     error = formatText("there is no channel %" PRId32 " in group %" PRId32, channel, group);
     return nullptr;
   }
   return &found;
 }
 
-void MdfColumnReader::State::fill(RecordBatches* records, std::uint64_t first, std::uint64_t count,
-                                  const std::vector<std::unique_ptr<ColumnBuilder>>& builders) {
-  if (count != 0) records->seek(first);
-  for (std::uint64_t done = 0; done < count;) {
-    const RecordBatch batch = records->next(count - done);
-    if (batch.count() == 0) break;
-    for (const auto& builder : builders) {
-      builder->append(batch.rows, first + done);
-      builder->appendLost(batch.lost);
-    }
-    done += batch.count();
+// Where records `first` .. `first + count` are, as far as they are there.
+std::vector<ColumnPart> MdfColumnReader::State::parts(const RecordingGroup& group,
+                                                      std::uint64_t first, std::uint64_t count) {
+  std::vector<ColumnPart> parts;
+  for (const RecordingGroup::Member& member : group.members) {
+    const std::uint64_t skipped = std::min(first, member.records);
+    const std::uint64_t taken = std::min(count, member.records - skipped);
+    first -= skipped;
+    count -= taken;
+    ColumnFile* const file = files[member.file].get();
+    if (taken != 0) parts.push_back({file, &file->tree().groups[member.group], skipped, taken});
   }
+  if (parts.empty()) {
+    const RecordingGroup::Member& member = group.members.front();
+    ColumnFile* const file = files[member.file].get();
+    parts.push_back({file, &file->tree().groups[member.group], 0, 0});
+  }
+  return parts;
 }
 
-std::vector<MdfColumn> MdfColumnReader::State::read(const ModelGroup& group,
-                                                    const std::vector<std::int32_t>& channels,
+std::vector<MdfColumn> MdfColumnReader::State::read(const RecordingGroup& group,
+                                                    std::vector<WantedColumn> wanted,
                                                     std::uint64_t first, std::uint64_t count,
-                                                    const MdfReadOptions& options) {
-  const std::unique_ptr<RecordBatches> records = data.batches(group);
-  const std::uint64_t there = records == nullptr ? 0 : records->count();
-  first = std::min(first, there);
-  count = std::min(count, there - first);
-  std::deque<ColumnPlan> plans;
-  std::vector<std::unique_ptr<ValueSource>> sources;
-  std::vector<std::unique_ptr<ColumnBuilder>> builders;
-  for (const std::int32_t index : channels) {
-    const ModelChannel& channel = group.channels[static_cast<std::size_t>(index)];
-    const ColumnPlan& planned = plans.emplace_back(plan(group, channel));
-    sources.push_back(values(group, channel, planned));
-    builders.push_back(std::make_unique<ColumnBuilder>(
-        planned, options.raw ? ColumnForm::Raw : ColumnForm::Physical, count,
-        sources.back().get()));
+                                                    const MdfReadOptions& options,
+                                                    std::uint64_t& rows) {
+  const std::vector<ColumnPart> there = parts(group, first, count);
+  for (WantedColumn& column : wanted) {
+    const ModelGroup& part = *there.front().group;
+    const m4CNRecord& channel = part.channels[static_cast<std::size_t>(column.channel)].record;
+    const bool isShifted = group.members.size() > 1 && isTimeMaster(channel) && !options.raw;
+    if (isShifted && column.form <= ColumnForm::Doubles) column.form = ColumnForm::Seconds;
   }
-  fill(records.get(), first, count, builders);
-  std::vector<MdfColumn> columns;
-  for (const auto& builder : builders) columns.push_back(builder->finish());
+  std::vector<MdfColumn> columns = readColumns(there, wanted, options.threads);
+  rows = 0;
+  for (const ColumnPart& part : there) rows += part.count;
   return columns;
 }
 
-std::int64_t MdfColumnReader::State::read(const ModelGroup& group, const ModelChannel& channel,
-                                          std::uint64_t first, std::uint64_t count, double* doubles,
-                                          const MdfReadOptions& options) {
-  ColumnPlan planned = plan(group, channel);
-  if (options.raw) planned.type = planned.rawType;
-  if (planned.type == MdfColumnType::None || planned.rawType == MdfColumnType::Bytes ||
-      planned.type == MdfColumnType::Text) {
-    error = planned.fault.empty() ? "its values are no numbers" : planned.fault;
-    return -1;
+std::int64_t MdfColumnReader::State::readTimes(std::int32_t group, std::uint64_t first,
+                                               std::uint64_t count, ColumnForm form, void* times,
+                                               const MdfReadOptions& options) {
+  try {
+    const RecordingGroup* const found = find(group, {});
+    if (found == nullptr) return -1;
+    const std::int32_t master = groups.described[static_cast<std::size_t>(group)].master;
+    std::uint64_t rows = 0;
+    if (master >= 0) {
+      const auto columns = read(*found, {{master, form, {times}}}, first, count, options, rows);
+      if (columns[0].type() != MdfColumnType::None) return static_cast<std::int64_t>(rows);
+    }
+    error = formatText("group %" PRId32 " has no master of time", group);
+  } catch (const std::bad_alloc&) {
+    error = kOutOfMemory;
   }
-  const std::unique_ptr<RecordBatches> records = data.batches(group);
-  const std::uint64_t there = records == nullptr ? 0 : records->count();
-  first = std::min(first, there);
-  count = std::min(count, there - first);
-  const std::unique_ptr<ValueSource> source = values(group, channel, planned);
-  std::vector<std::unique_ptr<ColumnBuilder>> builders;
-  builders.push_back(std::make_unique<ColumnBuilder>(planned, count, source.get(), doubles));
-  fill(records.get(), first, count, builders);
-  return static_cast<std::int64_t>(builders[0]->rows());
+  return -1;
+}
+
+// What is wanted for the target; nothing, and the error says why, when it cannot be read so.
+std::optional<WantedColumn> MdfColumnReader::State::wanted(const MdfColumnGroup& group,
+                                                           const MdfColumnTarget& target,
+                                                           bool raw) {
+  const auto& channel = group.channels[static_cast<std::size_t>(target.channel)];
+  const MdfColumnType type = raw ? channel.rawType : channel.type;
+  const bool isNumber = type != MdfColumnType::None && type < MdfColumnType::Text;
+  if (!isNumber && !(target.doubles && type == MdfColumnType::Dictionary)) {
+    error = formatText("channel %" PRId32 ": ", target.channel) +
+            (channel.fault.empty() ? "its values are no numbers" : channel.fault);
+    return std::nullopt;
+  }
+  const ColumnForm exact = raw ? ColumnForm::Raw : ColumnForm::Physical;
+  const ColumnForm doubles = raw ? ColumnForm::RawDoubles : ColumnForm::Doubles;
+  return WantedColumn{
+      target.channel, target.doubles ? doubles : exact, {target.values, target.validity}};
 }
 
 MdfColumnReader::MdfColumnReader(std::string path)
-    : state_(std::make_unique<State>(std::move(path))) {}
+    : MdfColumnReader(std::vector<std::string>{std::move(path)}) {}
+
+MdfColumnReader::MdfColumnReader(std::vector<std::string> paths)
+    : state_(std::make_unique<State>()) {
+  state_->paths = std::move(paths);
+}
+
 MdfColumnReader::~MdfColumnReader() = default;
 MdfColumnReader::MdfColumnReader(MdfColumnReader&&) noexcept = default;
 MdfColumnReader& MdfColumnReader::operator=(MdfColumnReader&&) noexcept = default;
 
 bool MdfColumnReader::open() {
   close();
-  State& state = *state_;
   try {
-    state.file.acceptUnfinished(true);
-    if (!state.file.Open(state.path, false)) {
-      state.error = state.file.error();
-      return false;
-    }
-    state.open();
-    return true;
+    return state_->open();
   } catch (const std::bad_alloc&) {
     close();
-    state.error = kOutOfMemory;
+    state_->error = kOutOfMemory;
     return false;
   }
 }
 
 void MdfColumnReader::close() {
   State& state = *state_;
-  state.groups.clear();
-  state.tree = {};
-  state.data.clear();
-  state.conversions.clear();
-  state.texts.clear();
+  state.groups = {};
+  state.files.clear();
   state.error.clear();
-  state.file.Close();
 }
 
 const std::string& MdfColumnReader::error() const {
@@ -268,20 +181,27 @@ const std::string& MdfColumnReader::error() const {
 }
 
 std::vector<std::string> MdfColumnReader::problems() const {
-  return state_->file.problems().texts();
+  std::vector<std::string> all;
+  for (const auto& file : state_->files) {
+    for (const std::string& problem : file->problems().texts()) {
+      all.push_back(state_->files.size() > 1 ? file->path() + ": " + problem : problem);
+    }
+  }
+  return all;
 }
 
 const MdfRecordingInfo& MdfColumnReader::info() const {
-  return state_->info;
+  static const MdfRecordingInfo kNone;
+  return state_->files.empty() ? kNone : state_->files.front()->info();
 }
 
 const std::vector<MdfColumnGroup>& MdfColumnReader::groups() const {
-  return state_->groups;
+  return state_->groups.described;
 }
 
 std::vector<MdfChannelRef> MdfColumnReader::find(std::string_view name) const {
   std::vector<MdfChannelRef> found;
-  for (std::int32_t group = 0; const MdfColumnGroup& one : state_->groups) {
+  for (std::int32_t group = 0; const MdfColumnGroup& one : groups()) {
     for (std::int32_t channel = 0; const MdfColumnChannel& other : one.channels) {
       if (other.name == name) found.push_back({group, channel});
       ++channel;
@@ -294,32 +214,58 @@ std::vector<MdfChannelRef> MdfColumnReader::find(std::string_view name) const {
 bool MdfColumnReader::read(std::int32_t group, const std::vector<std::int32_t>& channels,
                            std::uint64_t first, std::uint64_t count,
                            std::vector<MdfColumn>& columns, const MdfReadOptions& options) {
-  State& state = *state_;
   columns.clear();
   try {
-    const ModelGroup* const found = state.find(group, channels);
+    const RecordingGroup* const found = state_->find(group, channels);
     if (found == nullptr) return false;
-    columns = state.read(*found, channels, first, count, options);
+    std::vector<WantedColumn> wanted;
+    for (const std::int32_t channel : channels) {
+      wanted.push_back({channel, options.raw ? ColumnForm::Raw : ColumnForm::Physical});
+    }
+    std::uint64_t rows = 0;
+    columns = state_->read(*found, std::move(wanted), first, count, options, rows);
     return true;
   } catch (const std::bad_alloc&) {
-    state.error = kOutOfMemory;
+    state_->error = kOutOfMemory;
     return false;
   }
 }
 
-std::int64_t MdfColumnReader::read(std::int32_t group, std::int32_t channel, std::uint64_t first,
-                                   std::uint64_t count, double* doubles,
+std::int64_t MdfColumnReader::read(std::int32_t group, const std::vector<MdfColumnTarget>& targets,
+                                   std::uint64_t first, std::uint64_t count,
                                    const MdfReadOptions& options) {
   State& state = *state_;
   try {
-    const ModelGroup* const found = state.find(group, {channel});
+    std::vector<std::int32_t> channels;
+    for (const MdfColumnTarget& target : targets) channels.push_back(target.channel);
+    const RecordingGroup* const found = state.find(group, channels);
     if (found == nullptr) return -1;
-    return state.read(*found, found->channels[static_cast<std::size_t>(channel)], first, count,
-                      doubles, options);
+    std::vector<WantedColumn> wanted;
+    for (const MdfColumnTarget& target : targets) {
+      const auto column =
+          state.wanted(groups()[static_cast<std::size_t>(group)], target, options.raw);
+      if (!column) return -1;
+      wanted.push_back(*column);
+    }
+    std::uint64_t rows = 0;
+    static_cast<void>(state.read(*found, std::move(wanted), first, count, options, rows));
+    return static_cast<std::int64_t>(rows);
   } catch (const std::bad_alloc&) {
     state.error = kOutOfMemory;
     return -1;
   }
+}
+
+std::int64_t MdfColumnReader::readSeconds(std::int32_t group, std::uint64_t first,
+                                          std::uint64_t count, double* seconds,
+                                          const MdfReadOptions& options) {
+  return state_->readTimes(group, first, count, ColumnForm::Seconds, seconds, options);
+}
+
+std::int64_t MdfColumnReader::readNanoseconds(std::int32_t group, std::uint64_t first,
+                                              std::uint64_t count, std::int64_t* nanoseconds,
+                                              const MdfReadOptions& options) {
+  return state_->readTimes(group, first, count, ColumnForm::Nanoseconds, nanoseconds, options);
 }
 
 }  // namespace tolvex

@@ -118,6 +118,7 @@ class TOLVEX_EXPORT MdfColumn {
 
  private:
   friend class ColumnBuilder;
+  friend class ColumnAssembly;
   struct TOLVEX_EXPORT Free {
     void operator()(void* memory) const;
   };
@@ -132,6 +133,10 @@ class TOLVEX_EXPORT MdfColumn {
   std::vector<double> numbers_;
 };
 
+// The files of a recording that was split, given the first one: drive.mf4, drive_1.mf4, ..
+// drive_10.mf4, as far as there are such files beside it, by number.
+TOLVEX_EXPORT std::vector<std::string> mdfPartsOf(const std::string& path);
+
 // Where a channel is.
 struct MdfChannelRef {
   std::int32_t group = -1;
@@ -139,7 +144,21 @@ struct MdfChannelRef {
 };
 
 struct MdfReadOptions {
-  bool raw = false;  // the values before their conversion
+  bool raw = false;      // the values before their conversion
+  unsigned threads = 1;  // that share the work, where there is much of it
+};
+
+// Memory of the caller's for the values of one channel.
+struct MdfColumnTarget {
+  std::int32_t channel = -1;
+  // Room for as many values as are asked for, times the elements of an array: of the channel's
+  // type, its rawType, or doubles.
+  void* values = nullptr;
+  // Room for a bit for each of them, in whole bytes: as MdfColumn::validity. Null: not wanted.
+  std::uint8_t* validity = nullptr;
+  // Each value as a float64, rounded to the nearest where it has more than 53 bits, NaN where there
+  // is none: of texts for values, their numbers.
+  bool doubles = false;
 };
 
 // What a file says of its recording.
@@ -159,6 +178,9 @@ struct MdfRecordingInfo {
 class TOLVEX_EXPORT MdfColumnReader {
  public:
   explicit MdfColumnReader(std::string path);
+  // Several files as one recording, in the order of their start times. Groups of the same name and
+  // layout become one group; times count from the start of the first file.
+  explicit MdfColumnReader(std::vector<std::string> paths);
   ~MdfColumnReader();
   MdfColumnReader(MdfColumnReader&&) noexcept;
   MdfColumnReader& operator=(MdfColumnReader&&) noexcept;
@@ -183,13 +205,24 @@ class TOLVEX_EXPORT MdfColumnReader {
                           std::uint64_t first, std::uint64_t count, std::vector<MdfColumn>& columns,
                           const MdfReadOptions& options = {});
 
-  // The same for one channel, its values as numbers in `doubles`, which has room for `count` of
-  // them (times the elements of an array): rounded to the nearest where they have more than 53
-  // bits, NaN where there is none. Returns how many records were there; -1 on failure, which
-  // channels of texts and bytes are.
-  [[nodiscard]] std::int64_t read(std::int32_t group, std::int32_t channel, std::uint64_t first,
-                                  std::uint64_t count, double* doubles,
+  // The same into memory of the caller's. Returns how many records were there; -1 on failure.
+  // Texts, bytes and, unless as doubles, dictionaries cannot be read so.
+  [[nodiscard]] std::int64_t read(std::int32_t group, const std::vector<MdfColumnTarget>& targets,
+                                  std::uint64_t first, std::uint64_t count,
                                   const MdfReadOptions& options = {});
+
+  // The times of records of a group, as its master has them: seconds since info().startTimeNs, NaN
+  // for a record without one. Returns how many records were there; -1 on failure, which a group
+  // without a master of time is.
+  [[nodiscard]] std::int64_t readSeconds(std::int32_t group, std::uint64_t first,
+                                         std::uint64_t count, double* seconds,
+                                         const MdfReadOptions& options = {});
+  // The same in nanoseconds since 1970-01-01 00:00, exact where the file is; kNoTime for a record
+  // without one.
+  static constexpr std::int64_t kNoTime = INT64_MIN;
+  [[nodiscard]] std::int64_t readNanoseconds(std::int32_t group, std::uint64_t first,
+                                             std::uint64_t count, std::int64_t* nanoseconds,
+                                             const MdfReadOptions& options = {});
 
  private:
   struct State;

@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -23,17 +22,10 @@ Output::Output()
       terminal_(tolvex::isTerminal(kStandardOutput)),
       buffer_(kBufferSize) {}
 
-Output::Opened Output::open(const std::string& path, const std::vector<std::string>& inputs,
-                            bool replace) {
+Output::Opened Output::open(const std::string& path, const std::string& input) {
   name_ = path;
-  if (std::ranges::any_of(inputs, [&](const auto& input) { return isSameFile(path, input); })) {
-    return Opened::IsAnInput;
-  }
-  if (!replace) {
-    if (ResultFile::wouldReplace(path)) {
-      return Opened::Exists;
-    }
-    file_.keepExisting();
+  if (isSameFile(path, input)) {
+    return Opened::IsTheInput;
   }
   if (!file_.open(path)) {
     error_ = file_.error();
