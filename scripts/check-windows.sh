@@ -84,6 +84,7 @@ tolvex record drive.log -o "$name" --force --max-data-length 64
 cmp native.mf4 "$name"
 "$native" recover "$data/unfinalized-00000170.MF4" -o native-recovered.mf4 || [ $? -eq 3 ]
 tolvex recover --verify "$data/unfinalized-00000170.MF4" -o "$deep/$name" || [ $? -eq 3 ]
+refused --force tolvex recover "$data/unfinalized-00000170.MF4" -o "$deep/$name"
 mv "$deep/$name" "$name"
 tolvex doctor "$name"
 "$native" cat native-recovered.mf4 >expected
@@ -123,7 +124,7 @@ until [ -s locked.mf4 ]; do
   sleep 0.1
 done
 refused 'locked by another recorder' tolvex record drive.log -o locked.mf4 --force
-refused 'locked by a recorder' tolvex recover "$data/unfinalized-00000170.MF4" -o locked.mf4
+refused 'locked by a recorder' tolvex recover --force "$data/unfinalized-00000170.MF4" -o locked.mf4
 exec 9>&-
 wait "$recorder"
 [ "$("$native" cat locked.mf4)" = "$(head -n 1 drive.log)" ]

@@ -44,6 +44,23 @@ class ResultFileTest : public testing::Test {
   TempDir dir_;
 };
 
+// Also a file that another process makes while the result grows.
+TEST_F(ResultFileTest, LeavesTheNameToAFileThatIsToKeepIt) {
+  put("old", "old");
+  for (const bool before : {true, false}) {
+    const std::string name = before ? "old" : "new";
+    EXPECT_EQ(ResultFile::wouldReplace(dir_.path(name)), before);
+    ResultFile result;
+    result.keepExisting();
+    ASSERT_EQ(result.open(dir_.path(name)), !before);
+    put(name, "old");
+    EXPECT_FALSE(result.publish());
+    EXPECT_EQ(result.error(), "File exists");
+    EXPECT_EQ(textOf(name), "old");
+  }
+  EXPECT_EQ(names(), (std::set<std::string>{"new", "old", "sub"}));
+}
+
 TEST_F(ResultFileTest, ReplacesWhatItsNameLeadsToOnceItIsPublished) {
   put("old", "old");
   put("sub/far", "old");

@@ -8,7 +8,6 @@
 #include <utility>
 
 #include "Mdf4/base/Paths.h"
-#include "Mdf4/base/System.h"
 
 namespace tolvex {
 namespace {
@@ -44,6 +43,11 @@ bool ResultFile::openDirectly() {
   return error == 0 || fail(error);
 }
 
+bool ResultFile::wouldReplace(const std::string& path) {
+  FileStatus status;
+  return fileStatus(path, status) == 0 && status.kind == FileKind::Regular && behindLinks(path);
+}
+
 bool ResultFile::open(const std::string& path, const std::string& model) {
   path_ = path;
   FileStatus status;
@@ -53,6 +57,7 @@ bool ResultFile::open(const std::string& path, const std::string& model) {
   if (exists && status.kind != FileKind::Regular) return openDirectly();
   const std::optional<std::string> target = behindLinks(path);
   if (!target) return openDirectly();
+  if (exists && taken_ == Taken::Keep) return fail(EEXIST);
   if (!pathOf(*target).has_filename()) return fail(path.empty() ? ENOENT : EISDIR);
   if (isLocked(*target)) return fail(kLocked);
   // A protected file stays, unless the protection comes from an earlier result of the same kind.
@@ -91,7 +96,7 @@ bool ResultFile::publish() {
   if (isLocked(path_)) return fail(kLocked);
   // Before the name is taken, as memory may run out.
   const std::string folder = pathText(folderOf(pathOf(path_)));
-  int error = renameFile(temporary_, path_);
+  int error = renameFile(temporary_, path_, taken_);
   if (error != 0) return fail(error);
   temporary_.clear();
   error = flushFolder(folder);

@@ -3,6 +3,8 @@
 
 #include <string>
 
+#include "Mdf4/base/System.h"
+
 namespace tolvex {
 
 // A result that stands under its name only when it is whole: until then, whatever stood there
@@ -17,6 +19,11 @@ class ResultFile {
   ResultFile(const ResultFile&) = delete;
   ResultFile& operator=(const ResultFile&) = delete;
   ~ResultFile() { discard(); }
+
+  // Whether there is a file that a result of that name would take the place of.
+  static bool wouldReplace(const std::string& path);
+  // Before open: a file that has the name when the result is published, keeps it, and that fails.
+  void keepExisting() { taken_ = Taken::Keep; }
 
   // Once for each object. False when there cannot be such a file, or the name is that of a running
   // recording. The result gets the permissions of the file `model`; without one, those
@@ -44,6 +51,7 @@ class ResultFile {
 
   std::string path_;       // of the result
   std::string temporary_;  // what is to take its place; "" when it is written directly or published
+  Taken taken_ = Taken::Replace;
   int descriptor_ = -1;
   int permissions_ = -1;  // to be given at the end; -1: it has them
   std::string error_;

@@ -96,8 +96,9 @@ enum class FileUse : std::uint8_t {
 // Gives the file its permissions, unless they are -1, and has its bytes on the disk.
 [[nodiscard]] int completeFile(int descriptor, int permissions);
 [[nodiscard]] int closeFile(int descriptor);
-// Takes the name `to` from whatever has it, at once.
-[[nodiscard]] int renameFile(const std::string& from, const std::string& to);
+enum class Taken : std::uint8_t { Replace, Keep };
+// Takes the name `to` from whatever has it, at once; or EEXIST, where that is to keep it.
+[[nodiscard]] int renameFile(const std::string& from, const std::string& to, Taken taken);
 void removeFile(const std::string& path);
 // Makes the folder and those that it lies in, where they are missing.
 [[nodiscard]] int makeFolders(const std::string& path);

@@ -356,7 +356,14 @@ int closeFile(int descriptor) {
   return ::close(descriptor) == 0 ? 0 : errno;
 }
 
-int renameFile(const std::string& from, const std::string& to) {
+int renameFile(const std::string& from, const std::string& to, Taken taken) {
+  if (taken == Taken::Keep) {
+    const char* const name = to.c_str();
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, name, RENAME_NOREPLACE) == 0) return 0;
+    if (errno != EINVAL && errno != ENOSYS) return errno;
+    // Not every kind of file system knows that.
+    if (::access(name, F_OK) == 0) return EEXIST;
+  }
   return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
 }
 

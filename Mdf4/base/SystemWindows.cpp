@@ -374,8 +374,9 @@ int closeFile(int descriptor) {
   return ::_close(descriptor) == 0 ? 0 : errno;
 }
 
-int renameFile(const std::string& from, const std::string& to) {
-  const DWORD flags = MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH;
+int renameFile(const std::string& from, const std::string& to, Taken taken) {
+  const DWORD replace = taken == Taken::Replace ? MOVEFILE_REPLACE_EXISTING : 0;
+  const DWORD flags = replace | MOVEFILE_WRITE_THROUGH;
   return ::MoveFileExW(wide(from).c_str(), wide(to).c_str(), flags) != 0 ? 0 : lastError();
 }
 

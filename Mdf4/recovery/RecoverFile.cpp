@@ -82,6 +82,7 @@ MdfRecoveryReport recover(const std::string& input, const std::string& output,
   std::uint64_t inputBytes = 0;
   if (!in->size(inputBytes)) return failed("its size is unknown");
   ResultFile file;
+  if (options.keepExisting) file.keepExisting();
   if (!file.open(output, input)) return failed(output + ": " + file.error());
   std::unique_ptr<SystemFile> out = systemFileOn(file.descriptor(), error);
   if (out == nullptr) return failed(output + ": " + error);

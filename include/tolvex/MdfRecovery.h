@@ -102,13 +102,15 @@ struct MdfRecoverOptions {
   // Asked before every read and write, on the thread that called; true ends the recovery with the
   // failure "cancelled". May throw as MdfProgress.
   std::function<bool()> cancelled = nullptr;
+  // Fails when there is a file of the output's name, instead of replacing it.
+  bool keepExisting = false;
 };
 
 // Writes everything recoverable from `input` (finished or not, cut or damaged) into `output`, which
-// is replaced if it exists: a finalized, sorted file with one data group for each channel group.
-// The input stays as it is; it cannot be the output. Memory grows with the channels, not with the
-// records. Bytes that the system fails to read are tried again, then counted as lost sector by
-// sector, and listed among the losses.
+// is replaced if it exists, unless it is to be kept: a finalized, sorted file with one data group
+// for each channel group. The input stays as it is; it cannot be the output. Memory grows with the
+// channels, not with the records. Bytes that the system fails to read are tried again, then counted
+// as lost sector by sector, and listed among the losses.
 //
 //   const auto report = tolvex::recoverFile("killed.mf4", "recovered.mf4");
 //   if (!report.failure.empty()) std::fprintf(stderr, "%s\n", report.failure.c_str());

@@ -81,7 +81,7 @@ TEST_F(OutputTest, RecoverKeepsThePermissionsOfItsInput) {
   fs::copy_file(unfinalized_, in);
   for (const mode_t mode : {0600U, 0664U}) {
     ::chmod(in.c_str(), mode);
-    runTolvex("recover " + in + " -o " + out, 0);
+    runTolvex("recover --force " + in + " -o " + out, 0);
     struct stat status = {};
     ::stat(out.c_str(), &status);
     EXPECT_EQ(status.st_mode & 0777U, mode);
@@ -105,11 +105,40 @@ TEST_F(OutputTest, WritesThroughLinksAndIntoWhatIsNoFile) {
   EXPECT_TRUE(fs::is_fifo(pipe));
   put("target", "old");
   fs::create_symlink("target", dir_.path("link"));
-  runTolvex(dg + dir_.path("link"), 0);
+  runTolvex(dg + dir_.path("link --force"), 0);
   EXPECT_TRUE(fs::is_symlink(dir_.path("link")));
   EXPECT_EQ(contentOf(dir_.path("target")), csv);
   runTolvex(dg + dir_.path(""), 1, "Is a directory");
   runTolvex("recover " + raw_ + " -o " + dir_.path(""), 1, "Is a directory");
+}
+
+TEST_F(OutputTest, OverwritesNothingUnlessItIsForced) {
+  const std::string input = groups_.write();
+  const std::string folder = dir_.path("folder");
+  const std::string name = "folder/dg1_cg0_signals.csv";
+  const std::pair<std::string, std::string> cases[] = {
+      {"export " + input + " --dg 0 -o " + dir_.path("out"), "out"},
+      {"export " + input + " -o " + folder, name},
+      {"recover " + raw_ + " -o " + dir_.path("out"), "out"},
+      {"record /dev/null -o " + dir_.path("out"), "out"}};
+  fs::create_directory(folder);
+  for (const auto& [arguments, file] : cases) {
+    put(file, "old");
+    const std::set<std::string> before = names();
+    runTolvex(arguments, 2, dir_.path(file) + ": exists; --force overwrites it");
+    EXPECT_EQ(contentOf(dir_.path(file)), "old");
+    EXPECT_EQ(names(), before);
+    if (arguments.starts_with("record")) continue;
+    runTolvex(arguments + " --force", 0);
+    EXPECT_NE(contentOf(dir_.path(file)), "old");
+    fs::remove_all(folder);
+    fs::create_directory(folder);
+  }
+  for (const std::string& arguments : {"recover " + raw_, std::string("record /dev/null")}) {
+    runTolvex(arguments + " -o -", 2, "standard output");
+  }
+  EXPECT_EQ(runTolvex("export " + input + " --dg 0 -o -", 0).out,
+            runTolvex("export " + input + " --dg 0", 0).out);
 }
 
 // A disk that is full, and a limit that the result exceeds.
@@ -124,10 +153,10 @@ TEST_F(OutputTest, LeavesEverythingAsItWasWhenAResultCannotBeWritten) {
   const struct {
     std::string arguments;
     std::string limit;  // bytes, less than the result has
-  } cases[] = {{"recover " + raw_ + " -o " + dir_.path("out"), "20k"},
+  } cases[] = {{"recover --force " + raw_ + " -o " + dir_.path("out"), "20k"},
                {"recover --verify " + unfinalized_ + " -o " + dir_.path("new"), "1000"},
-               {"export " + input + " --dg 0 -o " + dir_.path("out"), "500"},
-               {"export " + input + " -o " + dir_.path("folder"), "1000"}};
+               {"export --force " + input + " --dg 0 -o " + dir_.path("out"), "500"},
+               {"export --force " + input + " -o " + dir_.path("folder"), "1000"}};
   for (const auto& [arguments, limit] : cases) {
     runTolvex(arguments + " --max-output " + limit, 1, "--max-output");
     EXPECT_EQ(names(), before);
@@ -144,8 +173,8 @@ TEST_F(OutputTest, CountsAllThatACommandWritesAgainstItsLimit) {
   const std::string lines = runTolvex("cat " + raw_, 0).out;
   const std::pair<std::string, std::size_t> results[] = {
       {"export " + input + " --dg 0", csv.size()},
-      {"export " + input + " --dg 0 -o " + dir_.path("out"), csv.size()},
-      {"export " + input + " -o " + dir_.path("folder"), 2 * csv.size()},
+      {"export --force " + input + " --dg 0 -o " + dir_.path("out"), csv.size()},
+      {"export --force " + input + " -o " + dir_.path("folder"), 2 * csv.size()},
       {"cat " + raw_, lines.size()}};
   for (const auto& [arguments, size] : results) {
     const auto limited = [&command = arguments](std::size_t bytes) {
@@ -184,12 +213,12 @@ TEST_F(OutputTest, OfTwoRecoveriesIntoOneFileTheLastWins) {
   const std::string out = dir_.path("out.mf4");
   std::set<std::string> results;
   for (const std::string& input : {raw_, unfinalized_}) {
-    runTolvex("recover " + input + " -o " + out, 0);
+    runTolvex("recover --force " + input + " -o " + out, 0);
     results.insert(runTolvex("cat " + out, 0).out);
   }
   for (int i = 0; i < 10; ++i) {
-    RunningTolvex first({"recover", raw_, "-o", out});
-    RunningTolvex second({"recover", unfinalized_, "-o", out});
+    RunningTolvex first({"recover", raw_, "-o", out, "--force"});
+    RunningTolvex second({"recover", unfinalized_, "-o", out, "--force"});
     EXPECT_EQ(first.wait().exitCode, 0);
     EXPECT_EQ(second.wait().exitCode, 0);
     EXPECT_TRUE(results.contains(runTolvex("cat " + out, 0).out));
@@ -203,8 +232,8 @@ TEST_F(OutputTest, RemovesWhatItBeganWhenASignalEndsIt) {
   const FileBuilder file = bomb(4096);
   const std::string input = file.write();
   const std::vector<std::string> commands[] = {
-      {"recover", input, "-o", dir_.path("out"), "--max-output", "0"},
-      {"export", input, "--dg", "0", "-o", dir_.path("out"), "--max-output", "0"},
+      {"recover", input, "--force", "-o", dir_.path("out"), "--max-output", "0"},
+      {"export", input, "--force", "--dg", "0", "-o", dir_.path("out"), "--max-output", "0"},
       {"export", input, "-o", dir_.path("folder"), "--max-output", "0"}};
   fs::create_directory(dir_.path("folder"));
   put("out", "old");

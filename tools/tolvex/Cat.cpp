@@ -129,7 +129,7 @@ int cat(const CatOptions& options) {
       })) {
     return kFailed;
   }
-  OutputBudget budget = budgetFor(options.maxOutput, options.file);
+  OutputBudget budget = budgetFor(options.maxOutput, {options.file});
   Output out;
   out.limitBy(budget);
   if (groups.empty()) {

@@ -22,10 +22,47 @@ void addMaxOutput(CLI::App& command, std::optional<std::uint64_t>& bytes) {
       ->transform(CLI::AsSizeValue(false).description(""));
 }
 
-OutputBudget budgetFor(std::optional<std::uint64_t> chosen, const std::string& input) {
-  FileStatus status;
-  static_cast<void>(fileStatus(input, status));
-  return {.limit = outputLimit(chosen, status.size)};
+OutputBudget budgetFor(std::optional<std::uint64_t> chosen,
+                       const std::vector<std::string>& inputs) {
+  std::uint64_t size = 0;
+  for (const std::string& input : inputs) {
+    FileStatus status;
+    static_cast<void>(fileStatus(input, status));
+    size += status.size;
+  }
+  return {.limit = outputLimit(chosen, size)};
+}
+
+void addForce(CLI::App& command, bool& force) {
+  command.add_flag("--force", force, "Overwrite files that exist");
+}
+
+bool complainIfStandardOutput(const std::string& path) {
+  if (path == "-") {
+    complain("standard output", "a measurement file is not written front to back; name a file");
+  }
+  return path == "-";
+}
+
+ExitCode openOutput(Output& out, const std::string& path, const std::vector<std::string>& inputs,
+                    bool force) {
+  if (path.empty() || path == "-") {
+    return kDone;
+  }
+  switch (out.open(path, inputs, force)) {
+    case Output::Opened::Yes:
+      return kDone;
+    case Output::Opened::IsAnInput:
+      complain(path, "is the input itself; name another output");
+      return kWrongUse;
+    case Output::Opened::Exists:
+      complain(path, kExists);
+      return kWrongUse;
+    case Output::Opened::Failed:
+      break;
+  }
+  complain(path, out.error());
+  return kFailed;
 }
 
 void complain(std::string_view file, std::string_view what) {

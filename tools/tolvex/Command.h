@@ -6,6 +6,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Output.h"
 #include "PrintableText.h"
@@ -41,8 +42,22 @@ void addRecord(CLI::App& app, Command& chosen);
 // The option --max-output of a command whose results may be far larger than its input.
 void addMaxOutput(CLI::App& command, std::optional<std::uint64_t>& bytes);
 
-// What a command may write that was given `chosen` bytes by that option, or nothing, for `input`.
-OutputBudget budgetFor(std::optional<std::uint64_t> chosen, const std::string& input);
+// What a command may write that was given `chosen` bytes by that option, or nothing, for `inputs`.
+OutputBudget budgetFor(std::optional<std::uint64_t> chosen, const std::vector<std::string>& inputs);
+
+// The option --force of a command that writes files.
+void addForce(CLI::App& command, bool& force);
+
+// The words for a file that is there and may not be overwritten.
+inline constexpr std::string_view kExists = "exists; --force overwrites it";
+
+// Whether the output of a measurement file is given as the standard output, said why it cannot be.
+bool complainIfStandardOutput(const std::string& path);
+
+// Sends what is written to `out` to the file `path`, or leaves it the standard output for "" and
+// "-". kDone, or the exit code, said why.
+ExitCode openOutput(Output& out, const std::string& path, const std::vector<std::string>& inputs,
+                    bool force);
 
 // Writes the line "tolvex: FILE: what", printable, to the standard error.
 void complain(std::string_view file, std::string_view what);

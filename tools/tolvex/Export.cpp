@@ -33,6 +33,7 @@ struct ExportOptions {
   std::vector<std::string> channels;  // all when empty
   CsvOptions csv;
   std::string output;
+  bool force = false;
   std::optional<std::uint64_t> maxOutput;  // bytes
 
   bool wants(const std::string& channel) const {
@@ -139,21 +140,6 @@ ExitCode exportGroup(MdfSigReader& reader, const MdfGroupInfo& group, Columns& c
   return kLost;
 }
 
-// kDone, or the exit code when the file cannot be written, said why.
-ExitCode openOutput(Output& out, const std::string& path, const std::string& input) {
-  switch (out.open(path, input)) {
-    case Output::Opened::Yes:
-      return kDone;
-    case Output::Opened::IsTheInput:
-      complain(path, "is the input itself; name another output");
-      return kWrongUse;
-    case Output::Opened::Failed:
-      break;
-  }
-  complain(path, out.error());
-  return kFailed;
-}
-
 // A group, without its texts: many groups may share one long name.
 struct GroupPlace {
   int dg;
@@ -187,13 +173,12 @@ int exportOne(MdfSigReader& reader, const ExportOptions& options) {
       !channelsExist(reader, {{*options.dg, options.cg}}, options)) {
     return kFailed;
   }
-  OutputBudget budget = budgetFor(options.maxOutput, options.file);
+  OutputBudget budget = budgetFor(options.maxOutput, {options.file});
   Output out;
   out.limitBy(budget);
-  if (!options.output.empty()) {
-    if (const ExitCode code = openOutput(out, options.output, options.file); code != kDone) {
-      return code;
-    }
+  if (const ExitCode code = openOutput(out, options.output, {options.file}, options.force);
+      code != kDone) {
+    return code;
   }
   Columns columns = columnsOf(reader, group, options);
   const ExitCode code = exportGroup(reader, group, columns, out, options);
@@ -238,7 +223,7 @@ int exportAll(MdfSigReader& reader, const ExportOptions& options) {
     return kFailed;
   }
   ExitCode soFar = kDone;
-  OutputBudget budget = budgetFor(options.maxOutput, options.file);
+  OutputBudget budget = budgetFor(options.maxOutput, {options.file});
   std::deque<Output> files;  // get their names together
   for (const GroupPlace& place : groups) {
     MdfGroupInfo group;
@@ -254,7 +239,7 @@ int exportAll(MdfSigReader& reader, const ExportOptions& options) {
     Output& out = files.emplace_back();
     out.limitBy(budget);
     const std::string path = pathText(folder / fileNameOf(group));
-    if (const ExitCode code = openOutput(out, path, options.file); code != kDone) {
+    if (const ExitCode code = openOutput(out, path, {options.file}, options.force); code != kDone) {
       return code;
     }
     if (exportGroup(reader, group, columns, out, options) == kLost) {
@@ -325,6 +310,7 @@ void addExport(CLI::App& app, Command& chosen) {
                    "With --dg, the file to write; by default the standard output. Without --dg, "
                    "the folder that gets a file dgN_cgM_NAME.csv for every group")
       ->type_name("OUT");
+  addForce(*command, options->force);
   addMaxOutput(*command, options->maxOutput);
   command->footer(
       "The first column is the group's time, or the record's number (from 0) in a group without "

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -22,10 +23,17 @@ Output::Output()
       terminal_(tolvex::isTerminal(kStandardOutput)),
       buffer_(kBufferSize) {}
 
-Output::Opened Output::open(const std::string& path, const std::string& input) {
+Output::Opened Output::open(const std::string& path, const std::vector<std::string>& inputs,
+                            bool replace) {
   name_ = path;
-  if (isSameFile(path, input)) {
-    return Opened::IsTheInput;
+  if (std::ranges::any_of(inputs, [&](const auto& input) { return isSameFile(path, input); })) {
+    return Opened::IsAnInput;
+  }
+  if (!replace) {
+    if (ResultFile::wouldReplace(path)) {
+      return Opened::Exists;
+    }
+    file_.keepExisting();
   }
   if (!file_.open(path)) {
     error_ = file_.error();

@@ -25,7 +25,7 @@ struct OutputBudget {
 // and a file gets its name only when it is closed. One thread at a time.
 class Output {
  public:
-  enum class Opened { Yes, IsTheInput, Failed };
+  enum class Opened { Yes, IsAnInput, Exists, Failed };
 
   Output();  // the standard output
   Output(const Output&) = delete;
@@ -33,9 +33,9 @@ class Output {
 
   // Takes what is written from `budget`, which outlives the object. Beyond it, writing fails.
   void limitBy(OutputBudget& budget) { budget_ = &budget; }
-  // Sends what follows to a file that is to replace `path`, unless that is `input` under whatever
-  // name. error() says why it failed.
-  Opened open(const std::string& path, const std::string& input);
+  // Sends what follows to a file that is to have the name `path`, unless that is one of `inputs`
+  // under whatever name, or a file has it and is not to be replaced. error() says why it failed.
+  Opened open(const std::string& path, const std::vector<std::string>& inputs, bool replace);
 
   // Room for `size` characters behind what was written; advance takes the end of what was put
   // there.

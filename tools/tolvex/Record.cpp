@@ -446,6 +446,9 @@ int record(const RecordOptions& options) {
     complain(options.output, "has no extension, before which the numbers of split files go");
     return kWrongUse;
   }
+  if (complainIfStandardOutput(options.output)) {
+    return kWrongUse;
+  }
   LineInput input;
   if (!input.open(options.log)) {
     complain(input.name(), input.error());
@@ -478,7 +481,7 @@ void addRecord(CLI::App& app, Command& chosen) {
   command->add_option("-o,--output", options->output, "The measurement file to write")
       ->type_name("OUT")
       ->required();
-  command->add_flag("--force", options->overwrite, "Overwrite files that exist");
+  addForce(*command, options->overwrite);
   command
       ->add_option("--channel", options->channels,
                    "Record the interface NAME as bus channel N, 0 to 254, which cat prints as "

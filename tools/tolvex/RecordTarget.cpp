@@ -18,7 +18,7 @@ ExitCode allowOverwriting(const std::string& path, const RecordTarget::Rules& ru
     return kWrongUse;
   }
   if (!rules.overwrite) {
-    complain(path, "exists; --force overwrites it");
+    complain(path, kExists);
     return kWrongUse;
   }
   return kDone;

@@ -20,6 +20,7 @@ struct RecoverOptions {
   std::string input;
   std::string output;
   bool verify = false;
+  bool force = false;
   std::optional<std::uint64_t> maxOutput;  // bytes
 };
 
@@ -75,11 +76,19 @@ void describe(const MdfRecoveryReport& report, const std::string& file) {
 }
 
 int recover(const RecoverOptions& options) {
+  if (complainIfStandardOutput(options.output)) {
+    return kWrongUse;
+  }
   if (isSameFile(options.input, options.output)) {
     complain(options.output, "is the input itself; name another output");
     return kWrongUse;
   }
+  if (!options.force && ResultFile::wouldReplace(options.output)) {
+    complain(options.output, kExists);
+    return kWrongUse;
+  }
   MdfRecoverOptions settings;
+  settings.keepExisting = !options.force;
   settings.verify = options.verify;
   settings.maxOutput = options.maxOutput;
   settings.cancelled = [] { return StopSignals::received() != 0; };
@@ -114,6 +123,7 @@ void addRecover(CLI::App& app, Command& chosen) {
       ->type_name("OUT")
       ->required();
   command->add_flag("--verify", options->verify, "Read the result again and compare it");
+  addForce(*command, options->force);
   addMaxOutput(*command, options->maxOutput);
   command->footer(
       "What came back and what was lost is told on the standard error, group by\n"
