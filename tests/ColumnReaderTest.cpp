@@ -194,6 +194,76 @@ TEST(ColumnReader, GivesEachKindOfValue) {
   EXPECT_EQ(reader.error(), "there is no channel 99 in group 0");
 }
 
+// An array of so many elements, `distance` bytes and `bits` invalidation bits apart.
+Link array(FileBuilder& builder, std::vector<std::uint64_t> sizes, std::int32_t distance,
+           std::uint32_t bits = 0, std::uint32_t flags = 0, Link elements = 0) {
+  Bytes data = packed(std::uint8_t{0}, std::uint8_t{0}, static_cast<std::uint16_t>(sizes.size()),
+                      flags, distance, bits);
+  for (const std::uint64_t size : sizes) {
+    const Bytes more = packed(size);
+    data.insert(data.end(), more.begin(), more.end());
+  }
+  return builder.block("CA", {elements}, data);
+}
+
+TEST(ColumnReader, TakesApartStructuresAndArrays) {
+  constexpr std::uint32_t kInverse = 0x40;
+  FileBuilder builder;
+  std::vector<Cn> channels(7, field("", 0, 8, 16));
+  channels[0].name = "rows";
+  channels[0].children = {array(builder, {2, 3}, 2)};
+  channels[0].flags = 2;
+  channels[0].invalBitPos = 2;
+  channels[1].name = "columns";
+  channels[1].children = {array(builder, {2, 3}, 2, 1, kInverse)};
+  channels[1].flags = 2;
+  channels[2].name = "backwards";
+  channels[2].byteOffset = 18;
+  channels[2].children = {array(builder, {6}, -2)};
+  channels[3].name = "pairs";
+  const Link high = builder.cn(field("pairs.high", 0, 9, 8));
+  const Link low = builder.cn(field("low", 0, 8, 8));
+  channels[3].children = {array(builder, {3}, 4, 4, 0, builder.chain({low, high}))};
+  channels[3].bitCount = 32;
+  channels[3].flags = 2;
+  channels[3].invalBitPos = 1;
+  channels[3].dataType = 10;
+  channels[4].name = "outside";
+  channels[4].children = {array(builder, {7}, 2)};
+  channels[5].name = "crowded";
+  channels[5].children = {array(builder, {1 << 20}, 0)};
+  channels[6].name = "complex";
+  channels[6].dataType = 15;
+  channels[6].byteOffset = 0;
+  channels[6].bitCount = 64;
+  channels[6].children = {array(builder, {2}, 8)};
+  test::Cg group;
+  group.records = 2;
+  group.dataBytes = 20;
+  group.invalBytes = 2;
+  builder.signalGroup(
+      channels, group,
+      builder.dt(test::joined(
+          {packed(1.0F, 2.0F, 1, 2, std::uint16_t{5}, std::uint16_t{6}, std::uint16_t{0}),
+           packed(3.0F, 4.0F, 0x10002, 0x30004, 0x50006, std::uint16_t{0x22})})));
+  MdfColumnReader reader(builder.write());
+  ASSERT_TRUE(reader.open()) << reader.error();
+  const auto& described = reader.groups()[0].channels;
+  EXPECT_EQ(described[1].shape, (std::vector<std::uint64_t>{2, 3}));
+  EXPECT_EQ(valuesOf(reader, "rows"), "1 0 2 0 5 6 2 1 4 3 6 5");
+  EXPECT_EQ(valuesOf(reader, "columns"), "1 2 5 0 0 6 2 4 6 - 3 -");
+  EXPECT_EQ(valuesOf(reader, "backwards"), "6 5 0 2 0 1 5 6 3 4 1 2");
+  EXPECT_EQ(valuesOf(reader, "pairs.low"), "1 2 5 - - 6");
+  EXPECT_EQ(valuesOf(reader, "pairs.high"), "0 0 0 - - 0");
+  EXPECT_EQ(described[static_cast<std::size_t>(reader.find("pairs.low")[0].channel)].parent, 4);
+  EXPECT_EQ(valuesOf(reader, "pairs"), "0x01000000 0x02000000 0x05000600 - - 0x06000500");
+  EXPECT_EQ(valuesOf(reader, "outside"),
+            "expected it inside its record of 20 bytes, found 16 bits at byte 20");
+  EXPECT_EQ(valuesOf(reader, "crowded"),
+            "expected its elements inside its record of 20 bytes, found 1048576 of them");
+  EXPECT_EQ(described.back().shape, (std::vector<std::uint64_t>{2, 2}));
+}
+
 // Records of two groups in turns, the texts of one in a group of values, in front of its record or
 // behind it; more of them than the distance between the places that a reader keeps in mind.
 TEST(ColumnReader, TakesApartWhatIsUnsorted) {

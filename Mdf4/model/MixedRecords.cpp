@@ -62,7 +62,8 @@ MixedRecords::Walk::Walk(MixedRecords& records, std::size_t group)
 void MixedRecords::Walk::seekRecord(std::uint64_t number) {
   const std::vector<Mark>& marks = records_.known_[group_].marks;
   if (marks.empty()) return begin({records_.knownUpTo_, 0}, 0);
-  const std::uint64_t mark = std::min<std::uint64_t>(number / kStride, marks.size() - 1);
+  const auto mark =
+      static_cast<std::size_t>(std::min<std::uint64_t>(number / kStride, marks.size() - 1));
   const std::uint64_t first = mark * kStride;
   if (number_ < first || number_ > number) begin(marks[mark], first);
 }
@@ -72,7 +73,7 @@ void MixedRecords::Walk::seekValue(std::uint64_t offset) {
   if (marks.empty()) return begin({records_.knownUpTo_, 0}, 0);
   const auto behind = std::ranges::upper_bound(marks, offset, {}, &Mark::value);
   const auto mark =
-      static_cast<std::uint64_t>(behind - marks.begin()) - (behind == marks.begin() ? 0 : 1);
+      static_cast<std::size_t>(behind - marks.begin()) - (behind == marks.begin() ? 0 : 1);
   if (value_ < marks[mark].value || value_ > offset) begin(marks[mark], mark * kStride);
 }
 
@@ -95,7 +96,7 @@ const std::uint8_t* MixedRecords::Walk::look(std::uint64_t bytes) {
 }
 
 std::optional<ByteSpan> MixedRecords::Walk::next() {
-  const std::uint64_t idSize = records_.idSize_;
+  const std::size_t idSize = records_.idSize_;
   for (;;) {
     const std::uint8_t* bytes = look(idSize);
     std::uint64_t id = 0;
@@ -113,11 +114,11 @@ std::optional<ByteSpan> MixedRecords::Walk::next() {
     if (bytes == nullptr) break;
     if (position_ == records_.knownUpTo_) records_.note(found->second, position_, size);
     position_ += idSize + size;
-    view_ = view_.subspan(idSize + size);
+    view_ = view_.subspan(inMemory(idSize + size));
     if (found->second != group_) continue;
     ++number_;
     if (group.holdsValues) value_ += size;
-    return ByteSpan(bytes + idSize, size);
+    return ByteSpan(bytes + idSize, inMemory(size));
   }
   if (position_ == records_.knownUpTo_) records_.noteEnd(position_);
   return std::nullopt;
@@ -134,7 +135,7 @@ void MixedBatches::seek(std::uint64_t record) {
 
 RecordBatch MixedBatches::next(std::uint64_t most) {
   constexpr std::uint64_t kMostGathered = 64 * 1024;  // bytes
-  const std::uint64_t size = records_->groups()[group_].recordSize;
+  const std::size_t size = inMemory(records_->groups()[group_].recordSize);
   gathered_.clear();
   std::size_t count = 0;
   while (count < most && gathered_.size() < kMostGathered) {

@@ -106,7 +106,7 @@ struct RawField::Loops {
     const auto room = static_cast<std::uint64_t>(rows.end - rows.first);
     if (room < byte + kLoad) return 0;
     if (rows.stride == 0) return rows.count;
-    return std::min<std::size_t>(rows.count, (room - byte - kLoad) / rows.stride + 1);
+    return std::min(rows.count, inMemory((room - byte - kLoad) / rows.stride + 1));
   }
 
   // Any.

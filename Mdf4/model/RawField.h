@@ -32,6 +32,8 @@ struct RecordRows {
   std::size_t count = 0;
   const std::uint8_t* end = nullptr;  // of the bytes that may be looked at
 
+  // Each so many bytes further on.
+  RecordRows shifted(std::ptrdiff_t bytes) const { return {first + bytes, stride, count, end}; }
   // Those behind the first `skipped`.
   RecordRows from(std::size_t skipped) const {
     return {first + skipped * stride, stride, count - skipped, end};
@@ -52,7 +54,7 @@ class RawField {
   bool isInside(std::uint64_t recordSize) const { return place_.isInside(recordSize); }
   // The bits of one record's number.
   std::uint64_t read(const std::uint8_t* record) const {
-    return place_.read({record, place_.byte() + place_.touched()});
+    return place_.read({record, inMemory(place_.byte() + place_.touched())});
   }
   // Puts the number of each record, which holds it, into an array of its type.
   void gather(const RecordRows& rows, void* numbers) const { gather_(*this, rows, numbers); }

@@ -43,14 +43,15 @@ RecordRows SortedBatches::rowsInMemory(std::uint64_t most) {
   constexpr std::uint64_t kMostMerged = 1 << 20;  // bytes
   if (!stream_.merges()) {
     const ByteSpan bytes = stream_.nextAtLeast(recordSize_);
-    return {bytes.data(), recordSize_, std::min(most, bytes.size() / recordSize_),
-            bytes.data() + bytes.size()};
+    return {bytes.data(), inMemory(recordSize_),
+            inMemory(std::min(most, bytes.size() / recordSize_)), bytes.data() + bytes.size()};
   }
   const auto records =
       static_cast<std::uint32_t>(std::clamp<std::uint64_t>(kMostMerged / recordSize_, 1, most));
-  merged_.resize(records * recordSize_);
+  merged_.resize(inMemory(records * recordSize_));
   const std::uint64_t got = stream_.Read(merged_.size(), merged_.data(), records);
-  return {merged_.data(), recordSize_, got / recordSize_, merged_.data() + merged_.size()};
+  return {merged_.data(), inMemory(recordSize_), inMemory(got / recordSize_),
+          merged_.data() + merged_.size()};
 }
 
 // Those of which the damaged block at hand has a part.

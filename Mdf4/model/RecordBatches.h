@@ -65,7 +65,9 @@ class CountedBatches final : public RecordBatches {
 
   std::uint64_t count() override { return count_; }
   void seek(std::uint64_t) override {}
-  RecordBatch next(std::uint64_t most) override { return {{nullptr, 0, most, nullptr}, 0}; }
+  RecordBatch next(std::uint64_t most) override {
+    return {{nullptr, 0, inMemory(most), nullptr}, 0};
+  }
 
  private:
   std::uint64_t count_;

@@ -26,7 +26,7 @@ ColumnAssembly::ColumnAssembly(ColumnForm form, const ColumnPlan& plan, std::uin
     values_ = column_.data_.get();
   }
   validity_ = memory.validity;
-  if (validity_ != nullptr) std::memset(validity_, 0xFF, (rows * plan.elements + 7) / 8);
+  if (validity_ != nullptr) std::memset(validity_, 0xFF, inMemory((rows * plan.elements + 7) / 8));
 }
 
 void* ColumnAssembly::placeOf(std::uint64_t row) const {
@@ -56,7 +56,7 @@ void ColumnAssembly::addValidity(const MdfColumn& part, std::uint64_t start) {
   if (validity_ == nullptr) {
     const std::uint64_t size = planned_ * column_.elements_ / 8 + 1;
     allocate(column_.validity_, size);
-    std::memset(column_.validity_.get(), 0xFF, size);
+    std::memset(column_.validity_.get(), 0xFF, inMemory(size));
     validity_ = column_.validity_.get();
   }
   std::uint64_t done = 0;
@@ -65,7 +65,7 @@ void ColumnAssembly::addValidity(const MdfColumn& part, std::uint64_t start) {
     std::memcpy(validity_ + start / 8, part.validity(), inMemory(done / 8));
   }
   for (; done < part.size(); ++done) {
-    if (!part.isValid(done)) clearBit(validity_, start + done);
+    if (!part.isValid(done)) clearBit(validity_, inMemory(start + done));
   }
 }
 
@@ -105,12 +105,12 @@ void ColumnAssembly::addBytes(MdfColumn& part, std::uint64_t start) {
     allocate(column_.offsets_, planned_ * column_.elements_ + 1);
     column_.offsets_[0] = 0;
   }
-  const std::uint64_t values = part.size();
-  const auto size = static_cast<std::uint64_t>(part.offsets_[values]);
+  const std::size_t values = inMemory(part.size());
+  const auto size = static_cast<std::size_t>(part.offsets_[values]);
   resize(column_.data_, bytes_ + size);
-  if (size != 0) std::memcpy(column_.data_.get() + bytes_, part.data_.get(), inMemory(size));
-  for (std::uint64_t i = 1; i <= values; ++i) {
-    column_.offsets_[start + i] = static_cast<std::int64_t>(bytes_) + part.offsets_[i];
+  if (size != 0) std::memcpy(column_.data_.get() + bytes_, part.data_.get(), size);
+  for (std::size_t i = 1; i <= values; ++i) {
+    column_.offsets_[inMemory(start) + i] = static_cast<std::int64_t>(bytes_) + part.offsets_[i];
   }
   bytes_ += size;
 }

@@ -69,12 +69,12 @@ void MdfColumn::Free::operator()(void* memory) const {
 
 std::string_view MdfColumn::text(std::uint64_t index) const {
   if (type_ == MdfColumnType::Dictionary) {
-    const std::int32_t code = as<std::int32_t>()[index];
+    const std::int32_t code = as<std::int32_t>()[static_cast<std::size_t>(index)];
     return code < 0 ? std::string_view() : texts_[static_cast<std::size_t>(code)];
   }
   if (offsets_ == nullptr) return {};
-  return {as<char>() + offsets_[index],
-          static_cast<std::size_t>(offsets_[index + 1] - offsets_[index])};
+  const auto at = static_cast<std::size_t>(index);
+  return {as<char>() + offsets_[at], static_cast<std::size_t>(offsets_[at + 1] - offsets_[at])};
 }
 
 MdfColumnType typeIn(ColumnForm form, const ColumnPlan& plan) {
@@ -120,6 +120,7 @@ void ColumnBuilder::setUp(std::uint64_t rows, void* out) {
   constexpr std::uint64_t kAlways = 1 << 20;
   constexpr std::uint64_t kMost = std::uint64_t{1} << 56;
   checkSize(rows, plan_.elements);
+  if (plan_.elements != 1 && rows != 0) placeElements();
   width_ = widthOf(column_.type_);
   out_ = static_cast<std::uint8_t*>(out);
   if (width_ == 0) {
@@ -134,17 +135,41 @@ void ColumnBuilder::setUp(std::uint64_t rows, void* out) {
   }
 }
 
+void ColumnBuilder::placeElements() {
+  const auto place = [&](std::size_t dimensions, std::int64_t ArrayDimension::*step,
+                         auto& offsets) {
+    // The last index changes fastest; inner dimensions that do not count repeat what is there.
+    offsets.assign(1, 0);
+    for (std::size_t i = 0; i < plan_.dimensions.size(); ++i) {
+      const ArrayDimension& dimension = plan_.dimensions[i];
+      const std::int64_t distance = i < dimensions ? dimension.*step : 0;
+      const auto outer = std::exchange(offsets, {});
+      offsets.reserve(outer.size() * inMemory(dimension.size));
+      for (const auto offset : outer) {
+        for (std::uint64_t k = 0; k < dimension.size; ++k) {
+          offsets.push_back(
+              static_cast<std::ptrdiff_t>(offset + static_cast<std::int64_t>(k) * distance));
+        }
+      }
+    }
+  };
+  place(plan_.dimensions.size(), &ArrayDimension::byteStep, byteOffsets_);
+  for (const ColumnPlan::InvalidBits& bits : plan_.invalidBits) {
+    place(bits.dimensions, &ArrayDimension::invalidBitStep, bitOffsets_.emplace_back());
+  }
+}
+
 void ColumnBuilder::append(const RecordRows& records, std::uint64_t first) {
   if (column_.type_ == MdfColumnType::None) return appendLost(records.count);
   for (std::size_t done = 0; done < records.count;) {
     RecordRows some = records.from(done);
     some.count = std::min(some.count, kAtOnce);
     if (isNumber(plan_.rawType)) {
-      for (std::uint64_t e = 0; e < plan_.elements; ++e) appendNumbers(some, first + done, e);
+      for (std::size_t e = 0; e < plan_.elements; ++e) appendNumbers(some, first + done, e);
       row_ += some.count;
     } else {
       for (std::size_t i = 0; i < some.count; ++i, ++row_) {
-        for (std::uint64_t e = 0; e < plan_.elements; ++e) {
+        for (std::size_t e = 0; e < plan_.elements; ++e) {
           appendBytes(some.first + i * some.stride, e);
         }
       }
@@ -154,14 +179,14 @@ void ColumnBuilder::append(const RecordRows& records, std::uint64_t first) {
 }
 
 void ColumnBuilder::appendLost(std::uint64_t count) {
-  const std::uint64_t start = indexOf(0);
-  const std::uint64_t end = start + count * plan_.elements;
+  const std::size_t start = indexOf(0);
+  const std::size_t end = start + inMemory(count) * plan_.elements;
   if (width_ != 0) std::memset(out_ + start * width_, 0, (end - start) * width_);
-  for (std::uint64_t i = start; i < end; ++i) {
+  for (std::size_t i = start; i < end; ++i) {
     if (column_.offsets_ != nullptr) column_.offsets_[i + 1] = static_cast<std::int64_t>(used_);
     markInvalid(i);
   }
-  row_ += count;
+  row_ += inMemory(count);
 }
 
 MdfColumn ColumnBuilder::finish() {
@@ -173,11 +198,11 @@ MdfColumn ColumnBuilder::finish() {
 // Numbers
 
 void ColumnBuilder::appendNumbers(const RecordRows& records, std::uint64_t first,
-                                  std::uint64_t element) {
+                                  std::size_t element) {
   findInvalid(records, element);
   const bool isExact = conversion_ == nullptr && form_ <= ColumnForm::Raw;
   if (isExact && plan_.elements == 1 && plan_.kind == ColumnPlan::Kind::Number) {
-    plan_.numbers[0].gather(records, out_ + row_ * width_);
+    plan_.number->gather(records, out_ + row_ * width_);
   } else {
     const NumberType type = gatherRaw(records, first, element);
     if (isExact) {
@@ -194,12 +219,12 @@ void ColumnBuilder::appendNumbers(const RecordRows& records, std::uint64_t first
   const auto* at = valid;
   while ((at = static_cast<const std::uint8_t*>(std::memchr(
               at, 0, records.count - static_cast<std::size_t>(at - valid)))) != nullptr) {
-    markInvalid(indexOf(element) + static_cast<std::uint64_t>(at - valid) * plan_.elements);
+    markInvalid(indexOf(element) + static_cast<std::size_t>(at - valid) * plan_.elements);
     ++at;
   }
 }
 
-void ColumnBuilder::appendDoubles(NumberType type, std::size_t count, std::uint64_t element) {
+void ColumnBuilder::appendDoubles(NumberType type, std::size_t count, std::size_t element) {
   const bool isInPlace = plan_.elements == 1;
   double* const doubles = isInPlace ? reinterpret_cast<double*>(out_) + row_ : doubles_.data();
   toDoubles(type, raw_.data(), count, doubles);
@@ -225,21 +250,22 @@ void ColumnBuilder::appendTimes(NumberType type, std::size_t count) {
 }
 
 NumberType ColumnBuilder::gatherRaw(const RecordRows& records, std::uint64_t first,
-                                    std::uint64_t element) {
+                                    std::size_t element) {
   switch (plan_.kind) {
     case ColumnPlan::Kind::Index:
       for (std::size_t i = 0; i < records.count; ++i) raw_[i] = first + i;
       return NumberType::UInt64;
     case ColumnPlan::Kind::Number:
-      plan_.numbers[element].gather(records, raw_.data());
-      return plan_.numbers[element].type();
+      plan_.number->gather(plan_.elements == 1 ? records : records.shifted(byteOffsets_[element]),
+                           raw_.data());
+      return plan_.number->type();
     default:
       raw_.fill(0);
       return NumberType::UInt8;
   }
 }
 
-void ColumnBuilder::store(const void* numbers, std::size_t count, std::uint64_t element) {
+void ColumnBuilder::store(const void* numbers, std::size_t count, std::size_t element) {
   const auto* from = static_cast<const std::uint8_t*>(numbers);
   std::uint8_t* to = out_ + indexOf(element) * width_;
   const std::size_t step = plan_.elements * width_;
@@ -251,7 +277,7 @@ void ColumnBuilder::store(const void* numbers, std::size_t count, std::uint64_t 
 }
 
 // Texts for numbers, each of which is looked up once.
-void ColumnBuilder::lookUp(NumberType type, std::size_t count, std::uint64_t element) {
+void ColumnBuilder::lookUp(NumberType type, std::size_t count, std::size_t element) {
   toDoubles(type, raw_.data(), count, doubles_.data());
   const bool isFloat = type >= NumberType::Float32;
   const std::size_t width = sizeOf(type);
@@ -269,7 +295,7 @@ void ColumnBuilder::lookUp(NumberType type, std::size_t count, std::uint64_t ele
       const unsigned above = static_cast<unsigned>(8 * (sizeof key - width));
       value.bits = static_cast<std::uint64_t>(static_cast<std::int64_t>(key << above) >> above);
     }
-    const std::uint64_t index = indexOf(element) + i * plan_.elements;
+    const std::size_t index = indexOf(element) + i * plan_.elements;
     storeMeant(valid_[i] != 0 ? meantBy(key, value) : Meant(), index);
   }
 }
@@ -296,13 +322,13 @@ ColumnBuilder::Meant ColumnBuilder::meantBy(const RawValue& value) {
   return meant;
 }
 
-void ColumnBuilder::storeMeant(const Meant& meant, std::uint64_t index) {
+void ColumnBuilder::storeMeant(const Meant& meant, std::size_t index) {
   if (column_.type_ == MdfColumnType::Float64) {
     reinterpret_cast<double*>(out_)[index] = meant.hasNumber ? meant.number : std::nan("");
   } else {
     reinterpret_cast<std::int32_t*>(out_)[index] = meant.code;
     if (meant.hasNumber) {
-      if (column_.numbers_.empty()) column_.numbers_.resize(column_.size(), std::nan(""));
+      if (column_.numbers_.empty()) column_.numbers_.resize(inMemory(column_.size()), std::nan(""));
       column_.numbers_[index] = meant.number;
     }
   }
@@ -313,8 +339,8 @@ void ColumnBuilder::storeMeant(const Meant& meant, std::uint64_t index) {
 // ---------------------------------------------------------------------------------------------
 // Texts and bytes
 
-void ColumnBuilder::appendBytes(const std::uint8_t* record, std::uint64_t element) {
-  const std::uint64_t index = indexOf(element);
+void ColumnBuilder::appendBytes(const std::uint8_t* record, std::size_t element) {
+  const std::size_t index = indexOf(element);
   findInvalid({record, 0, 1, nullptr}, element);
   ByteSpan bytes;
   bool isValid = valid_[0] != 0 && findBytes(record, element, bytes);
@@ -341,9 +367,11 @@ void ColumnBuilder::appendBytes(const std::uint8_t* record, std::uint64_t elemen
   if (!isValid) markInvalid(index);
 }
 
-bool ColumnBuilder::findBytes(const std::uint8_t* record, std::uint64_t element, ByteSpan& bytes) {
+bool ColumnBuilder::findBytes(const std::uint8_t* record, std::size_t element, ByteSpan& bytes) {
   std::uint64_t number = 0;
-  if (plan_.kind != ColumnPlan::Kind::Bytes) number = plan_.numbers[element].read(record);
+  const std::ptrdiff_t offset = byteOffsets_.empty() ? 0 : byteOffsets_[element];
+  if (plan_.kind == ColumnPlan::Kind::Value) number = plan_.number->read(record + offset);
+  if (plan_.kind == ColumnPlan::Kind::Sized) number = plan_.number->read(record);
   if (plan_.kind == ColumnPlan::Kind::Value) {
     if (values_ == nullptr || !values_->read(number, value_) || used_ + value_.size() > most_) {
       return false;
@@ -352,8 +380,8 @@ bool ColumnBuilder::findBytes(const std::uint8_t* record, std::uint64_t element,
     return true;
   }
   if (plan_.kind == ColumnPlan::Kind::Sized && number > plan_.size) return false;
-  const std::uint64_t size = plan_.kind == ColumnPlan::Kind::Sized ? number : plan_.size;
-  bytes = {record + plan_.bytes[element], size};
+  const bool isSized = plan_.kind == ColumnPlan::Kind::Sized;
+  bytes = {record + plan_.byte + offset, isSized ? static_cast<std::size_t>(number) : plan_.size};
   return true;
 }
 
@@ -372,8 +400,7 @@ bool ColumnBuilder::addText(ByteSpan bytes) {
 
 void ColumnBuilder::addBytes(ByteSpan bytes) {
   if (bytes.size() > capacity_ - used_) {
-    const std::uint64_t wanted =
-        std::max<std::uint64_t>({used_ + bytes.size(), 2 * capacity_, 4096});
+    const std::size_t wanted = std::max<std::size_t>({used_ + bytes.size(), 2 * capacity_, 4096});
     resize(column_.data_, wanted);
     capacity_ = wanted;
   }
@@ -385,25 +412,27 @@ void ColumnBuilder::addBytes(ByteSpan bytes) {
 // Validity
 
 // Says for each record in valid_ whether it has a valid value.
-void ColumnBuilder::findInvalid(const RecordRows& records, std::uint64_t element) {
+void ColumnBuilder::findInvalid(const RecordRows& records, std::size_t element) {
   std::fill_n(valid_.begin(), records.count, plan_.allInvalid ? 0 : 1);
-  for (const ColumnPlan::InvalidBits& bits : plan_.invalidBits) {
-    const ColumnPlan::InvalidBit& bit = bits[element * bits.size() / plan_.elements];
-    const std::uint8_t* byte = records.first + bit.byte;
-    for (std::size_t i = 0; i < records.count; ++i, byte += records.stride) {
-      if ((*byte & bit.mask) != 0) valid_[i] = 0;
+  for (std::size_t i = 0; i < plan_.invalidBits.size(); ++i) {
+    const std::int64_t offset = bitOffsets_.empty() ? 0 : bitOffsets_[i][element];
+    const std::uint64_t bit = plan_.invalidBits[i].first + static_cast<std::uint64_t>(offset);
+    const std::uint8_t* byte = records.first + plan_.dataBytes + bit / 8;
+    const auto mask = static_cast<std::uint8_t>(1U << bit % 8);
+    for (std::size_t k = 0; k < records.count; ++k, byte += records.stride) {
+      if ((*byte & mask) != 0) valid_[k] = 0;
     }
   }
 }
 
-void ColumnBuilder::markInvalid(std::uint64_t index) {
+void ColumnBuilder::markInvalid(std::size_t index) {
   if (form_ == ColumnForm::Nanoseconds) {
     reinterpret_cast<std::int64_t*>(out_)[index] = TimeScale::kNone;
   } else if (form_ >= ColumnForm::Doubles) {
     reinterpret_cast<double*>(out_)[index] = std::nan("");
   }
   if (column_.validity_ == nullptr) {
-    const std::uint64_t bytes = column_.size() / 8 + 1;
+    const std::size_t bytes = inMemory(column_.size() / 8 + 1);
     allocate(column_.validity_, bytes);
     std::memset(column_.validity_.get(), 0xFF, bytes);
   }

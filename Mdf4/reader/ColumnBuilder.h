@@ -56,24 +56,25 @@ class ColumnBuilder {
   };
 
   void setUp(std::uint64_t rows, void* out);
-  std::uint64_t indexOf(std::uint64_t element) const { return row_ * plan_.elements + element; }
-  void appendNumbers(const RecordRows& records, std::uint64_t first, std::uint64_t element);
-  NumberType gatherRaw(const RecordRows& records, std::uint64_t first, std::uint64_t element);
-  void lookUp(NumberType type, std::size_t count, std::uint64_t element);
-  void appendDoubles(NumberType type, std::size_t count, std::uint64_t element);
+  void placeElements();
+  std::size_t indexOf(std::size_t element) const { return row_ * plan_.elements + element; }
+  void appendNumbers(const RecordRows& records, std::uint64_t first, std::size_t element);
+  NumberType gatherRaw(const RecordRows& records, std::uint64_t first, std::size_t element);
+  void lookUp(NumberType type, std::size_t count, std::size_t element);
+  void appendDoubles(NumberType type, std::size_t count, std::size_t element);
   void appendTimes(NumberType type, std::size_t count);
   const Meant& meantBy(std::uint64_t key, const RawValue& value);
   Meant meantBy(const RawValue& value);
-  void store(const void* numbers, std::size_t count, std::uint64_t element);
-  void storeMeant(const Meant& meant, std::uint64_t index);
+  void store(const void* numbers, std::size_t count, std::size_t element);
+  void storeMeant(const Meant& meant, std::size_t index);
 
-  void appendBytes(const std::uint8_t* record, std::uint64_t element);
-  bool findBytes(const std::uint8_t* record, std::uint64_t element, ByteSpan& bytes);
+  void appendBytes(const std::uint8_t* record, std::size_t element);
+  bool findBytes(const std::uint8_t* record, std::size_t element, ByteSpan& bytes);
   bool addText(ByteSpan bytes);
   void addBytes(ByteSpan bytes);
 
-  void findInvalid(const RecordRows& records, std::uint64_t element);
-  void markInvalid(std::uint64_t index);
+  void findInvalid(const RecordRows& records, std::size_t element);
+  void markInvalid(std::size_t index);
 
   const ColumnPlan& plan_;
   const ColumnForm form_;
@@ -82,10 +83,13 @@ class ColumnBuilder {
   MdfColumn column_;
   std::size_t width_ = 0;        // of a number or code; 0: bytes
   std::uint8_t* out_ = nullptr;  // where those go
-  std::uint64_t row_ = 0;
-  std::uint64_t used_ = 0;      // bytes of text or bytes
-  std::uint64_t capacity_ = 0;  // for them
-  std::uint64_t most_;          // that there may be
+  std::size_t row_ = 0;
+  std::size_t used_ = 0;      // bytes of text or bytes
+  std::size_t capacity_ = 0;  // for them
+  std::uint64_t most_ = 0;    // that there may be
+  // Of arrays, by element: how far it is behind the first one, and its invalidation bits likewise.
+  std::vector<std::ptrdiff_t> byteOffsets_;
+  std::vector<std::vector<std::int64_t>> bitOffsets_;
   std::array<std::uint64_t, kAtOnce> raw_ = {};
   std::array<double, kAtOnce> doubles_ = {};
   std::array<std::uint8_t, kAtOnce> valid_ = {};

@@ -12,8 +12,8 @@
 namespace tolvex {
 
 // Throws when so many values cannot be counted in bytes.
-inline void checkSize(std::uint64_t rows, std::uint64_t elements) {
-  constexpr std::uint64_t kMost = std::numeric_limits<std::uint64_t>::max() / 16;
+inline void checkSize(std::uint64_t rows, std::size_t elements) {
+  constexpr std::size_t kMost = std::numeric_limits<std::size_t>::max() / 16;
   if (rows > kMost / elements) throw std::bad_alloc();
 }
 
@@ -39,7 +39,7 @@ void resize(Pointer& pointer, std::uint64_t size) {
   pointer.reset(static_cast<std::uint8_t*>(memory));
 }
 
-inline void clearBit(std::uint8_t* bits, std::uint64_t index) {
+inline void clearBit(std::uint8_t* bits, std::size_t index) {
   bits[index / 8] = static_cast<std::uint8_t>(bits[index / 8] & ~(1U << index % 8));
 }
 

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <optional>
+#include <span>
 #include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
@@ -11,31 +11,22 @@
 namespace tolvex {
 namespace {
 
-// Of an array: more of them would need more memory than records that can be made sense of.
-constexpr std::uint64_t kMostElements = std::uint64_t{1} << 24;
-
 // What numbers of the type are in a column.
 MdfColumnType columnType(NumberType type) {
   return static_cast<MdfColumnType>(static_cast<int>(type) + static_cast<int>(MdfColumnType::Int8));
 }
 
-// Calls `isInside` with the place of each element, the last index changing fastest, until it is
-// false for one: that place.
-template <class IsInside>
-std::optional<std::int64_t> firstOutside(const std::vector<ArrayDimension>& dimensions,
-                                         std::int64_t first, std::int64_t ArrayDimension::*step,
-                                         IsInside isInside) {
-  std::vector<std::uint64_t> index(dimensions.size());
-  for (;;) {
-    std::int64_t place = first;
-    for (std::size_t i = 0; i < index.size(); ++i) {
-      place += static_cast<std::int64_t>(index[i]) * (dimensions[i].*step);
-    }
-    if (!isInside(place)) return place;
-    std::size_t last = index.size();
-    while (last > 0 && ++index[last - 1] == dimensions[last - 1].size) index[--last] = 0;
-    if (last == 0) return std::nullopt;
+// Of an array whose first element is at `first`: where the element nearest to the front is, and the
+// one farthest behind.
+std::pair<std::int64_t, std::int64_t> reach(std::span<const ArrayDimension> dimensions,
+                                            std::int64_t first,
+                                            std::int64_t ArrayDimension::*step) {
+  std::pair<std::int64_t, std::int64_t> places = {first, first};
+  for (const ArrayDimension& dimension : dimensions) {
+    const std::int64_t span = static_cast<std::int64_t>(dimension.size - 1) * (dimension.*step);
+    (span < 0 ? places.first : places.second) += span;
   }
+  return places;
 }
 
 class Planner {
@@ -43,15 +34,14 @@ class Planner {
   Planner(const ModelGroup& group, const ModelChannel& channel)
       : group_(group), channel_(channel), record_(channel.record) {
     plan_.dataType = record_.cn_data_type;
-    plan_.elements = channel.elements();
+    plan_.dimensions = channel.dimensions;
+    plan_.dataBytes = group.record.cg_data_bytes;
   }
 
   ColumnPlan plan() {
     plan_.fault = channel_.fault;
-    if (plan_.fault.empty() && plan_.elements > kMostElements) {
-      plan_.fault = formatText("arrays of %" PRIu64 " elements are not supported", plan_.elements);
-    }
     if (plan_.fault.empty()) plan_.fault = planValues();
+    if (plan_.fault.empty()) plan_.fault = countElements();
     if (plan_.fault.empty()) plan_.fault = planValidity();
     if (plan_.fault.empty()) return std::move(plan_);
     ColumnPlan none;
@@ -71,7 +61,7 @@ class Planner {
       case channel_type::kVlsd:
         plan_.kind = ColumnPlan::Kind::Value;
         plan_.rawType = typeOfBytes();
-        return addIntegers(record_);
+        return placeInteger(record_);
       case channel_type::kMaximumLength:
         return planSized();
       case channel_type::kFixedLength:
@@ -89,7 +79,7 @@ class Planner {
     if (type == data_type::kComplex || type == data_type::kComplexBigEndian) return planComplex();
     if (RawField::isNumber(type, bits)) {
       plan_.kind = ColumnPlan::Kind::Number;
-      return addNumbers(type, bits, {0});
+      return placeNumber(type, bits);
     }
     if (bits == 0) {
       plan_.kind = ColumnPlan::Kind::Constant;
@@ -112,37 +102,30 @@ class Planner {
       return formatText("complex numbers of %u bits are not supported", record_.cn_bit_count);
     }
     plan_.kind = ColumnPlan::Kind::Number;
-    plan_.elements *= 2;
-    return addNumbers(type, bits, {0, bits / 8});
+    plan_.dimensions.push_back({2, bits / 8, 0});
+    return placeNumber(type, bits);
   }
 
-  std::string addNumbers(std::uint8_t type, std::uint32_t bits,
-                         const std::vector<std::uint32_t>& parts) {
-    const std::string fault = forEachElement([&](std::uint32_t byteOffset) {
-      for (const std::uint32_t part : parts) {
-        plan_.numbers.emplace_back(type, bits, byteOffset + part, record_.cn_bit_offset);
-        if (!plan_.numbers.back().isInside(group_.record.cg_data_bytes)) return false;
-      }
-      return true;
-    });
-    if (fault.empty()) plan_.rawType = columnType(plan_.numbers.front().type());
-    return fault;
+  std::string placeNumber(std::uint8_t type, std::uint32_t bits) {
+    plan_.number.emplace(type, bits, record_.cn_byte_offset, record_.cn_bit_offset);
+    plan_.rawType = columnType(plan_.number->type());
+    return faultOfPlace((bits + record_.cn_bit_offset + 7) / 8);
   }
 
   // Lengths or offsets, which `channel` has.
-  std::string addIntegers(const m4CNRecord& channel) {
-    if (channel.cn_bit_count == 0 || channel.cn_bit_count > 64) {
-      return formatText("lengths and offsets of %u bits are not supported", channel.cn_bit_count);
+  std::string placeInteger(const m4CNRecord& channel) {
+    const std::uint32_t bits = channel.cn_bit_count;
+    if (bits == 0 || bits > 64) {
+      return formatText("lengths and offsets of %u bits are not supported", bits);
     }
-    const std::uint8_t type = channel.cn_data_type == data_type::kUnsignedBigEndian &&
-                                      channel.cn_type != channel_type::kVlsd
-                                  ? data_type::kUnsignedBigEndian
-                                  : data_type::kUnsigned;
-    return forEachElement([&](std::uint32_t byteOffset) {
-      const std::uint32_t place = &channel == &record_ ? byteOffset : channel.cn_byte_offset;
-      plan_.numbers.emplace_back(type, channel.cn_bit_count, place, channel.cn_bit_offset);
-      return plan_.numbers.back().isInside(group_.record.cg_data_bytes);
-    });
+    const bool isBigEndian = channel.cn_data_type == data_type::kUnsignedBigEndian &&
+                             channel.cn_type != channel_type::kVlsd;
+    plan_.number.emplace(isBigEndian ? data_type::kUnsignedBigEndian : data_type::kUnsigned, bits,
+                         channel.cn_byte_offset, channel.cn_bit_offset);
+    if (&channel == &record_) return faultOfPlace((bits + channel.cn_bit_offset + 7) / 8);
+    if (plan_.number->isInside(plan_.dataBytes)) return {};
+    return formatText("expected its length inside its record of %u bytes, found %u bits at byte %u",
+                      plan_.dataBytes, bits, channel.cn_byte_offset);
   }
 
   MdfColumnType typeOfBytes() const {
@@ -155,12 +138,9 @@ class Planner {
     if (record_.cn_bit_offset != 0) return "bytes that begin inside a byte are not supported";
     plan_.kind = ColumnPlan::Kind::Bytes;
     plan_.rawType = typeOfBytes();
-    plan_.size = std::uint64_t{record_.cn_bit_count} / 8 + (record_.cn_bit_count % 8 != 0 ? 1 : 0);
-    const std::uint64_t inRecord = group_.record.cg_data_bytes;
-    return forEachElement([&](std::uint32_t byteOffset) {
-      plan_.bytes.push_back(byteOffset);
-      return byteOffset <= inRecord && plan_.size <= inRecord - byteOffset;
-    });
+    plan_.size = record_.cn_bit_count / 8 + (record_.cn_bit_count % 8 != 0 ? 1 : 0);
+    plan_.byte = record_.cn_byte_offset;
+    return faultOfPlace(plan_.size);
   }
 
   std::string planSized() {
@@ -170,22 +150,33 @@ class Planner {
                         channel_.data);
     }
     std::string fault = planBytes();
-    if (fault.empty()) fault = addIntegers(length->record);
+    if (fault.empty()) fault = placeInteger(length->record);
     plan_.kind = ColumnPlan::Kind::Sized;
     return fault;
   }
 
-  // Calls `visit` with the byte offset of each element, until one is not inside its record.
-  template <class Visit>
-  std::string forEachElement(Visit visit) const {
-    const auto isInside = [&](std::int64_t place) {
-      return place >= 0 && place <= ~std::uint32_t{0} && visit(static_cast<std::uint32_t>(place));
-    };
-    const auto outside = firstOutside(channel_.dimensions, record_.cn_byte_offset,
-                                      &ArrayDimension::byteStep, isInside);
-    if (!outside) return {};
+  // Whether all elements are inside the record, with so many bytes each.
+  std::string faultOfPlace(std::uint64_t size) const {
+    const auto [first, last] =
+        reach(plan_.dimensions, record_.cn_byte_offset, &ArrayDimension::byteStep);
+    const bool isInside = first >= 0 && size <= plan_.dataBytes &&
+                          last <= std::int64_t{plan_.dataBytes} - static_cast<std::int64_t>(size);
+    if (isInside) return {};
     return formatText("expected it inside its record of %u bytes, found %u bits at byte %" PRId64,
-                      group_.record.cg_data_bytes, record_.cn_bit_count, *outside);
+                      plan_.dataBytes, record_.cn_bit_count, first < 0 ? first : last);
+  }
+
+  // Elements that lie on each other are none: so a column has hardly more bytes than its records.
+  std::string countElements() {
+    std::uint64_t elements = 1;
+    for (const ArrayDimension& dimension : plan_.dimensions) elements *= dimension.size;
+    if (elements > std::max<std::uint64_t>(plan_.dataBytes, 1)) {
+      return formatText("expected its elements inside its record of %u bytes, found %" PRIu64
+                        " of them",
+                        plan_.dataBytes, elements);
+    }
+    plan_.elements = inMemory(elements);
+    return {};
   }
 
   // The bits of the channel, and of those around it.
@@ -204,21 +195,14 @@ class Planner {
   }
 
   std::string addInvalidBits(const ModelChannel& channel) {
-    ColumnPlan::InvalidBits bits;
-    const auto add = [&](std::int64_t bit) {
-      if (bit < 0 || bit / 8 >= group_.record.cg_inval_bytes) return false;
-      const auto position = static_cast<std::uint64_t>(bit);
-      bits.push_back({group_.record.cg_data_bytes + position / 8,
-                      static_cast<std::uint8_t>(1U << position % 8)});
-      return true;
-    };
-    const auto outside = firstOutside(channel.dimensions, channel.record.cn_inval_bit_pos,
-                                      &ArrayDimension::invalidBitStep, add);
-    if (outside) {
+    const std::int64_t bits = std::int64_t{group_.record.cg_inval_bytes} * 8;
+    const auto [first, last] =
+        reach(channel.dimensions, channel.record.cn_inval_bit_pos, &ArrayDimension::invalidBitStep);
+    if (first < 0 || last >= bits) {
       return formatText("expected its invalidation bit inside %u bytes, found bit %" PRId64,
-                        group_.record.cg_inval_bytes, *outside);
+                        group_.record.cg_inval_bytes, first < 0 ? first : last);
     }
-    plan_.invalidBits.push_back(std::move(bits));
+    plan_.invalidBits.push_back({channel.record.cn_inval_bit_pos, channel.dimensions.size()});
     return {};
   }
 

@@ -26,22 +26,22 @@ struct ColumnPlan {
     Sized,     // likewise, as many as another channel says
     Value,     // outside of the record, which has the offset
   };
-  struct InvalidBit {
-    std::uint64_t byte = 0;  // of the record
-    std::uint8_t mask = 0;
+  // The invalidation bits of the channel, or of one that it is a member of.
+  struct InvalidBits {
+    std::uint64_t first = 0;     // of the record's invalidation bytes: that of the first element
+    std::size_t dimensions = 0;  // of the column that count for them, the outer ones
   };
-  // The bits of the channel, or of one that it is a member of: one bit for all of its elements, or
-  // one for each so many.
-  using InvalidBits = std::vector<InvalidBit>;
 
   Kind kind = Kind::None;
   std::string fault;
-  std::uint8_t dataType = 0;         // cn_data_type
-  std::uint64_t elements = 1;        // of a record
-  std::vector<RawField> numbers;     // of each element: itself, its length or its offset
-  std::vector<std::uint64_t> bytes;  // of each element: where its bytes begin
-  std::uint64_t size = 0;            // of an element, at most: bytes
+  std::uint8_t dataType = 0;               // cn_data_type
+  std::size_t elements = 1;                // of a record
+  std::vector<ArrayDimension> dimensions;  // of them: the outermost first; none: one element
+  std::optional<RawField> number;  // of the first element: itself or its offset; the length of all
+  std::uint32_t byte = 0;          // where the bytes of the first element begin
+  std::size_t size = 0;            // of an element, at most: bytes
   bool allInvalid = false;
+  std::uint32_t dataBytes = 0;  // of the record, in front of its invalidation bytes
   std::vector<InvalidBits> invalidBits;
   MdfColumnType rawType = MdfColumnType::None;
 

@@ -108,7 +108,8 @@ class TOLVEX_EXPORT MdfColumn {
   // there is one everywhere.
   const std::uint8_t* validity() const { return validity_.get(); }
   bool isValid(std::uint64_t index) const {
-    return validity_ == nullptr || (validity_[index / 8] >> index % 8 & 1) != 0;
+    return validity_ == nullptr ||
+           (validity_[static_cast<std::size_t>(index / 8)] >> index % 8 & 1) != 0;
   }
 
   // Of a Dictionary: its texts, and for values that are numbers the number (else NaN); empty when
