@@ -137,6 +137,8 @@ TEST(ColumnReader, GivesEachKindOfValue) {
   channels.push_back(field("absent", 0, 21, 8));
   channels.back().flags = 1;
   channels.push_back(field("beyond", 0, 53, 8));
+  channels.push_back(field("scaled", 4, 0, 64));  // no other type than its raw values
+  channels.back().conversion = builder.cc(half);
   channels.push_back(field("index", 0, 0, 0));
   channels.back().type = 6;
   channels.back().conversion = builder.cc(half);
@@ -184,6 +186,8 @@ TEST(ColumnReader, GivesEachKindOfValue) {
   EXPECT_EQ(valuesOf(reader, "absent"), "- - -");
   EXPECT_EQ(valuesOf(reader, "beyond"),
             "expected it inside its record of 53 bytes, found 8 bits at byte 53");
+  EXPECT_EQ(valuesOf(reader, "scaled"), "0.25 0.25 0.25");
+  EXPECT_EQ(valuesOf(reader, "scaled", true), "0.5 0.5 0.5");
   EXPECT_EQ(valuesOf(reader, "index"), "0 0.5 1");
   EXPECT_EQ(valuesOf(reader, "time"), "0.5 0.5 0.5");
 

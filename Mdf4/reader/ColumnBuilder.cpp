@@ -100,15 +100,20 @@ std::size_t widthOf(MdfColumnType type) {
   return isNumber(type) ? sizeOf(numberType(type)) : 0;
 }
 
+namespace {
+
+// Null: the values are taken as they are.
+const ValueConversion* conversionFor(ColumnForm form, const ColumnPlan& plan) {
+  const bool isRaw = form == ColumnForm::Raw || form == ColumnForm::RawDoubles;
+  const ValueConversion* const conversion = plan.conversion.get();
+  return isRaw || conversion == nullptr || conversion->isIdentity() ? nullptr : conversion;
+}
+
+}  // namespace
+
 ColumnBuilder::ColumnBuilder(const ColumnPlan& plan, ColumnForm form, std::uint64_t rows,
                              ValueSource* values, void* out)
-    : plan_(plan),
-      form_(form),
-      conversion_(form == ColumnForm::Raw || form == ColumnForm::RawDoubles ||
-                          plan.type == plan.rawType
-                      ? nullptr
-                      : plan.conversion.get()),
-      values_(values) {
+    : plan_(plan), form_(form), conversion_(conversionFor(form, plan)), values_(values) {
   column_.type_ = typeIn(form, plan);
   column_.rows_ = rows;
   column_.elements_ = plan_.elements;
