@@ -23,21 +23,23 @@ bool holdsWhatIsStated(const SegmentTable& table, const ModelGroup& group) {
 
 }  // namespace
 
-void RecordingData::reportUnfinished() {
+std::string RecordingData::reportUnfinished() {
+  std::string notice;
   if (file_.isUnfinished()) {
-    file_.report(
-        formatText("an unfinalized recording (flags 0x%04X at 60): taken for what is there",
-                   unsigned{file_.id().id_unfin_flags}));
-    return;
+    notice = formatText("an unfinalized recording (flags 0x%04X at 60): taken for what is there",
+                        unsigned{file_.id().id_unfin_flags});
+  } else {
+    const auto groups = std::ranges::count_if(
+        tree_.dataGroups, [&](const ModelDataGroup& data) { return hasUncounted(data); });
+    if (groups == 0) return notice;
+    notice = formatText(
+        "a recording that was not finished: %td data group%s records and state%s 0 of them: taken "
+        "for what is there",
+        static_cast<std::ptrdiff_t>(groups), groups == 1 ? " has" : "s have",
+        groups == 1 ? "s" : "");
   }
-  const auto groups = std::ranges::count_if(
-      tree_.dataGroups, [&](const ModelDataGroup& data) { return hasUncounted(data); });
-  if (groups == 0) return;
-  file_.report(
-      formatText("a recording that was not finished: %td data group%s records and state%s 0 of "
-                 "them: taken for what is there",
-                 static_cast<std::ptrdiff_t>(groups), groups == 1 ? " has" : "s have",
-                 groups == 1 ? "s" : ""));
+  file_.report(notice);
+  return notice;
 }
 
 // Whether there are data of groups that all state 0 records.

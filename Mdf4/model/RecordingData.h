@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <unordered_map>
 
 #include "Mdf4/model/ChannelTree.h"
@@ -20,7 +21,8 @@ class RecordingData {
   RecordingData(MDF4File& file, const ChannelTree& tree) : file_(file), tree_(tree) {}
 
   // Reports, in one problem, when the recording was not finished and so is taken for what is there.
-  void reportUnfinished();
+  // Gives that problem, or "".
+  std::string reportUnfinished();
 
   // The records of a group; null when there are none to be told apart.
   std::unique_ptr<RecordBatches> batches(const ModelGroup& group);

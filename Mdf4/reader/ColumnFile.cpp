@@ -27,7 +27,7 @@ bool ColumnFile::open() {
   tree_ = ChannelTree(file_, texts_);
   describeRecording();
   recordingStartNs_ = info_.startTimeNs;
-  data_.reportUnfinished();
+  notice_ = data_.reportUnfinished();
   return true;
 }
 

@@ -28,6 +28,8 @@ class ColumnFile {
   const std::string& path() const { return path_; }
   // Of a recording that started then; without it, its own start counts.
   void isPartOf(std::int64_t recordingStartNs) { recordingStartNs_ = recordingStartNs; }
+  // What it was taken for, when it is unusual; "" else. Also one of the problems.
+  const std::string& notice() const { return notice_; }
   ProblemLog& problems() { return file_.problems(); }
 
   const MdfRecordingInfo& info() const { return info_; }
@@ -55,6 +57,7 @@ class ColumnFile {
   ChannelTree tree_;
   RecordingData data_{file_, tree_};
   MdfRecordingInfo info_;
+  std::string notice_;
   std::int64_t recordingStartNs_ = 0;
 };
 

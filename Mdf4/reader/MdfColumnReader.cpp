@@ -190,6 +190,16 @@ std::vector<std::string> MdfColumnReader::problems() const {
   return all;
 }
 
+std::vector<std::string> MdfColumnReader::notices() const {
+  std::vector<std::string> all;
+  for (const auto& file : state_->files) {
+    const std::string& notice = file->notice();
+    if (notice.empty()) continue;
+    all.push_back(state_->files.size() > 1 ? file->path() + ": " + notice : notice);
+  }
+  return all;
+}
+
 const MdfRecordingInfo& MdfColumnReader::info() const {
   static const MdfRecordingInfo kNone;
   return state_->files.empty() ? kNone : state_->files.front()->info();

@@ -193,6 +193,8 @@ class TOLVEX_EXPORT MdfColumnReader {
   const std::string& error() const;
   // What is damaged or was left out so far, and what an unusual file was taken for.
   std::vector<std::string> problems() const;
+  // Of them, what unusual files were taken for: nothing is lost by that.
+  std::vector<std::string> notices() const;
 
   const MdfRecordingInfo& info() const;
   const std::vector<MdfColumnGroup>& groups() const;
