@@ -198,6 +198,19 @@ TEST(ColumnReader, GivesEachKindOfValue) {
   EXPECT_EQ(reader.error(), "there is no channel 99 in group 0");
 }
 
+TEST(ColumnReader, GivesNoTimesWhereTheMasterHasNoValues) {
+  FileBuilder builder;
+  builder.signalGroup({}, {packed(0.5), packed(1.5)});
+  builder.setByte(builder.dataPosition(builder.firstOf("CN")) + 8, 24);  // a float of 24 bits
+  MdfColumnReader reader(builder.write());
+  ASSERT_TRUE(reader.open()) << reader.error();
+  double seconds[2];
+  std::int64_t nanoseconds[2];
+  EXPECT_EQ(reader.readSeconds(0, 0, 2, seconds), -1);
+  EXPECT_EQ(reader.error(), "group 0 has no master of time");
+  EXPECT_EQ(reader.readNanoseconds(0, 0, 2, nanoseconds), -1);
+}
+
 // An array of so many elements, `distance` bytes and `bits` invalidation bits apart.
 Link array(FileBuilder& builder, std::vector<std::uint64_t> sizes, std::int32_t distance,
            std::uint32_t bits = 0, std::uint32_t flags = 0, Link elements = 0) {

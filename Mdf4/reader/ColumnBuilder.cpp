@@ -431,7 +431,9 @@ void ColumnBuilder::findInvalid(const RecordRows& records, std::size_t element) 
 }
 
 void ColumnBuilder::markInvalid(std::size_t index) {
-  if (form_ == ColumnForm::Nanoseconds) {
+  if (out_ == nullptr) {
+    // Texts, bytes, or nothing at all: there is no number to take back.
+  } else if (form_ == ColumnForm::Nanoseconds) {
     reinterpret_cast<std::int64_t*>(out_)[index] = TimeScale::kNone;
   } else if (form_ >= ColumnForm::Doubles) {
     reinterpret_cast<double*>(out_)[index] = std::nan("");
