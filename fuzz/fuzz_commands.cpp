@@ -84,10 +84,17 @@ Arguments argumentsFor(ByteSpan input, const std::string& file, const std::strin
       return arguments;
     }
     case 2: {
-      Arguments arguments = {"tolvex", "export", file, "--dg", std::to_string(first & 7)};
-      if ((format & 1) != 0) arguments.push_back("--raw");
-      if ((format & 2) != 0) arguments.insert(arguments.end(), {"--channel", steering.text()});
-      if (second > 0) arguments.insert(arguments.end(), {"--cg", std::to_string(second & 3)});
+      Arguments arguments = {"tolvex", "export", file, "--time",
+                             choose(format / 16, {"relative", "absolute", "iso"})};
+      const auto add = [&](const Arguments& more) {
+        arguments.insert(arguments.end(), more.begin(), more.end());
+      };
+      add((format & 8) != 0 ? Arguments{"--join"} : Arguments{"--dg", std::to_string(first & 7)});
+      if ((format & 1) != 0) add({"--raw"});
+      if ((format & 2) != 0) add({"--channel", steering.text()});
+      if ((format & 4) != 0) add({"--raster", choose(format / 16, {"1e-9", "0.01", "1e9"})});
+      if ((format & 132) == 132) add({"--interpolate"});
+      if ((format & 8) == 0 && second > 0) add({"--cg", std::to_string(second & 3)});
       return arguments;
     }
     case 3:

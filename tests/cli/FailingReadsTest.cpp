@@ -36,10 +36,10 @@ TEST(FailingReadsOfCommands, AreToldWithPositionAndTheSystemsWords) {
       {"40960+4096", "cat " + in, 3, "at 40960 failed: Input/output error"},
       {"40960+4096", "export " + in + " --dg 2", 3, "at 40960 failed: Input/output error"},
       {"40960+4096", "doctor " + in, 1, "40960: reading 4096 bytes failed: Input/output error"},
-      {"40960+4096", "recover " + in + " -o " + out, 3,
+      {"40960+4096", "recover --force " + in + " -o " + out, 3,
        "reading 4096 bytes at 40960 failed: Input/output error"},
-      {"0+1000000", "recover " + in + " -o " + out, 1, "at 64 failed: Input/output error"},
-      {"5-0", "recover " + in + " -o " + out, 0, ""},
+      {"0+1000000", "recover --force " + in + " -o " + out, 1, "at 64 failed: Input/output error"},
+      {"5-0", "recover --force " + in + " -o " + out, 0, ""},
       {"5-1000000", "cat " + in, 3, "failed: Input/output error"},
   };
   for (const auto& [faults, arguments, exitCode, said] : cases) {

@@ -79,13 +79,22 @@ TEST_F(Recover, SaysOfEmptyGroupsOnlyHowManyThereAre) {
 // A file that its logger left open: the readers name the command that reads it.
 TEST_F(Recover, MakesFilesReadableThatTheReadersRefuse) {
   const std::string in = realFile("unfinalized-00000002.MF4");
-  for (const std::string& arguments : {"cat " + in, "info " + in, "export -o none " + in}) {
+  for (const std::string& arguments : {"cat " + in, "info " + in}) {
     const Outcome refused = runTolvex(arguments);
     EXPECT_EQ(refused.exitCode, 1);
     EXPECT_NE(refused.err.find("tolvex recover"), std::string::npos) << refused.err;
   }
   EXPECT_EQ(runTolvex("recover " + in + " -o " + out_).exitCode, 0);
   EXPECT_EQ(runTolvex("cat " + out_).lines().size(), 9600U);
+}
+
+TEST_F(Recover, BringsBackWhatAnExportOfTheFileHas) {
+  const std::string in = realFile("unfinalized-00000002.MF4");
+  runTolvex("recover " + in + " -o " + out_, 0);
+  const std::string channels = " --channel 'CAN_DataFrame.*'";
+  const Outcome direct = runTolvex("export " + in + channels, 0, "an unfinalized recording");
+  EXPECT_EQ(direct.lines().size(), 9601U);
+  EXPECT_TRUE(direct.out == runTolvex("export " + out_ + channels, 0).out);
 }
 
 }  // namespace

@@ -128,12 +128,13 @@ TEST(Terminal, GetsJsonThatStatesTheSameTexts) {
   }
 }
 
-// Files and pipes get what was recorded.
+// Files and pipes get what was recorded, as far as it is text.
 TEST(Terminal, AloneChangesWhatIsExported) {
-  const std::string text = "a\x1B\xC2\x9B\xE2\x80\xAE\xFF";
-  const FileBuilder file = hostileFile(text);
+  const std::string text = "a\x1B\xC2\x9B\xE2\x80\xAE";
+  const FileBuilder file = hostileFile(text + '\xFF');
+  const std::string name = text + '\xFF';
   EXPECT_EQ(runTolvex("export --dg 0 " + file.write()).out,
-            "time,<" + text + "> [" + text + "]\n0.5," + text + "\n");
+            "time,<" + name + "> [" + name + "]\n0.5," + text + "\xEF\xBF\xBD\n");
 }
 
 }  // namespace

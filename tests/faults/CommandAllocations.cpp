@@ -136,8 +136,9 @@ class CommandAllocations : public testing::Test {
 TEST_F(CommandAllocations, CommandsDoTheirWorkOrSayWhatFailed) {
   for (const char* const line :
        {"info @bus", "cat @bus --format csv", "export --dg 0 @signals",
-        "export --dg 0 @signals -o @result", "doctor @signals", "recover @bus -o @result --verify",
-        "record @log -o @result", "record @log -o @result --async"}) {
+        "export --dg 0 @signals -o @result", "export --join --raster 0.5 @signals",
+        "doctor @signals", "recover @bus -o @result --verify", "record @log -o @result",
+        "record @log -o @result --async"}) {
     SCOPED_TRACE(line);
     sweep(commandOf(line));
   }

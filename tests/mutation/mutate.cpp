@@ -3,6 +3,7 @@
 // turn. The name "samples" stands for small files of every kind, "recording" for a recording of
 // more than a mebibyte, the seed 0 for one by the clock. What fails is printed as the FILE@CHANGES
 // that repeats it.
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -26,6 +27,9 @@
 #include "tests/support/SampleFiles.h"
 #include "tolvex/Mdf4.h"
 #include "tolvex/MdfEngine.h"
+#ifdef TOLVEX_TEST_COMMANDS
+#include "tools/tolvex/Program.h"
+#endif
 
 namespace tolvex::test {
 namespace {
@@ -222,6 +226,13 @@ class Trial {
   void runCommands(bool verify, bool comparable) {
     step("info and export", [&] { readSignals(); });
     step("cat", [&] { readFrames(); });
+#ifdef TOLVEX_TEST_COMMANDS
+    step("export", [&] { runCommand({"tolvex", "export", path_, "--join", "-o", "/dev/null"}); });
+    step("export on a raster", [&] {
+      runCommand({"tolvex", "export", path_, "--join", "--raster", "0.01", "--interpolate",
+                  "--max-output", "4M", "-o", "/dev/null"});
+    });
+#endif
     step("doctor", [&] { checkFile(path_, nullptr, sizes_); });
     MdfRecoveryReport report;
     step("recover", [&] { report = recoverFile(path_, recovered_, {verify, nullptr}, sizes_); });
@@ -241,6 +252,15 @@ class Trial {
       failure_ = "what came back is no part of what was recorded";
     }
   }
+
+#ifdef TOLVEX_TEST_COMMANDS
+  static void runCommand(std::vector<std::string> arguments) {
+    std::vector<char*> pointers;
+    for (std::string& argument : arguments) pointers.push_back(argument.data());
+    pointers.push_back(nullptr);
+    runProgram(static_cast<int>(arguments.size()), pointers.data());
+  }
+#endif
 
   void readSignals() {
     MdfSigReader reader(path_);
@@ -327,6 +347,9 @@ unsigned tryAll(const Subject& subject, std::size_t first, std::size_t last) {
     const pid_t process = ::fork();
     if (process == 0) {
       failed = 0;
+      // What commands complain of is no failure.
+      const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+      ::dup2(nowhere, STDERR_FILENO);
       Trial trial(subject, dir, *progress);
       for (std::size_t number = first; number < end; ++number) {
         if (!trial.run(number)) tell(number, trial.failure());

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <tolvex/Mdf4.h>
+#include <tolvex/MdfColumnReader.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -70,6 +71,32 @@ void complain(std::string_view file, std::string_view what) {
   std::fwrite(line.data(), 1, line.size(), stderr);
 }
 
+void addInputs(CLI::App& command, std::vector<std::string>& files, bool& parts) {
+  command
+      .add_option("FILE", files,
+                  "The measurement file; several are read as one recording, in the order of their "
+                  "start times")
+      ->required();
+  command.add_flag("--parts", parts,
+                   "Also the files into which the recording was split: FILE_1, FILE_2, ...");
+}
+
+bool findParts(std::vector<std::string>& files, bool parts) {
+  if (parts && files.size() > 1) {
+    complain("--parts", "finds the other files of one that is named alone");
+    return false;
+  }
+  if (parts) {
+    files = mdfPartsOf(files.front());
+  }
+  return true;
+}
+
+std::string labelOf(const std::vector<std::string>& files) {
+  return files.size() < 2 ? files.front()
+                          : fmt::format("{} and {} more", files.front(), files.size() - 1);
+}
+
 bool openOrComplain(MdfBaseReader& reader, const std::string& file) {
   if (reader.open()) {
     return true;
@@ -93,6 +120,14 @@ ExitCode reportProblems(const MdfBaseReader& reader, const std::string& file, Ex
     complain(file, problem);
   }
   return problems.empty() ? soFar : kLost;
+}
+
+ExitCode reportProblems(const MdfColumnReader& reader, const std::string& file, ExitCode soFar) {
+  const std::vector<std::string> problems = reader.problems();
+  for (const std::string& problem : problems) {
+    complain(file, problem);
+  }
+  return problems.size() <= reader.notices().size() ? soFar : kLost;
 }
 
 ExitCode finish(Output& out, const MdfBaseReader& reader, const std::string& file, ExitCode soFar) {

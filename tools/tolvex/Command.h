@@ -18,6 +18,7 @@ class App;
 namespace tolvex {
 
 class MdfBaseReader;
+class MdfColumnReader;
 struct MdfGroupInfo;
 
 enum ExitCode : int {
@@ -62,6 +63,16 @@ ExitCode openOutput(Output& out, const std::string& path, const std::vector<std:
 // Writes the line "tolvex: FILE: what", printable, to the standard error.
 void complain(std::string_view file, std::string_view what);
 
+// The measurement files of a command that reads several as one recording, and --parts, which has it
+// look for those that follow the first one.
+void addInputs(CLI::App& command, std::vector<std::string>& files, bool& parts);
+
+// Finds the parts, where they are asked for. False, said why, when it is unclear of what.
+bool findParts(std::vector<std::string>& files, bool parts);
+
+// What messages about files read as one are headed with.
+std::string labelOf(const std::vector<std::string>& files);
+
 // Opens the reader's file, or complains and gives false.
 bool openOrComplain(MdfBaseReader& reader, const std::string& file);
 
@@ -70,6 +81,8 @@ bool complainIfUnsorted(const MdfGroupInfo& group, const std::string& file);
 
 // Complains about each damage that the reader met. kLost if there was any, else `soFar`.
 ExitCode reportProblems(const MdfBaseReader& reader, const std::string& file, ExitCode soFar);
+// Likewise; what an unusual file was taken for is said, and no loss.
+ExitCode reportProblems(const MdfColumnReader& reader, const std::string& file, ExitCode soFar);
 
 // The exit code after all results were written: closes `out`, which may fail, then reports the
 // problems. A reader of our pipe that went away is a normal end.

@@ -1,282 +1,84 @@
 // tolvex export: signals as CSV files of physical values.
 
 #include <fmt/format.h>
-#include <tolvex/Mdf4.h>
+#include <tolvex/MdfColumnReader.h>
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <cctype>
-#include <deque>
-#include <filesystem>
-#include <limits>
+#include <cmath>
 #include <memory>
-#include <optional>
-#include <set>
 
 #include "Command.h"
-#include "CsvColumn.h"
-#include "Mdf4/base/Paths.h"
-#include "Mdf4/base/System.h"
-#include "Progress.h"
+#include "Exporter.h"
 #include "StopSignals.h"
 
 namespace tolvex {
 
 namespace {
 
-constexpr std::uint64_t kBlockBytes = 1 << 20;  // read at once
+constexpr double kNsPerSecond = 1e9;
 
-struct ExportOptions {
-  std::string file;
-  std::optional<int> dg;
-  int cg = 0;
-  std::vector<std::string> channels;  // all when empty
-  CsvOptions csv;
-  std::string output;
-  bool force = false;
-  std::optional<std::uint64_t> maxOutput;  // bytes
-
-  bool wants(const std::string& channel) const {
-    return channels.empty() || std::ranges::find(channels, channel) != channels.end();
+// Nothing, or what is wrong with a raster of so many seconds.
+std::string checkRaster(const std::string& text) {
+  double seconds = 0;
+  if (!CLI::detail::lexical_cast(text, seconds) || !(seconds >= 1 / kNsPerSecond) ||
+      !(seconds <= kNsPerSecond)) {
+    return "a raster has 1e-9 to 1e9 seconds: " + text;
   }
-};
-
-// The columns of one group.
-struct Columns {
-  std::optional<CsvColumn> time;  // without it, the record's number comes first
-  std::vector<CsvColumn> values;
-};
-
-Columns columnsOf(MdfSigReader& reader, const MdfGroupInfo& group, const ExportOptions& options) {
-  const int dg = group.dgIndex;
-  const int cg = group.cgIndex;
-  const int count = reader.getCNCount(dg, cg);
-  Columns columns;
-  for (int cn = 0; cn < count; ++cn) {
-    CsvColumn column(reader, dg, cg, cn, options.csv);
-    if (!columns.time && column.isMasterTime()) {
-      columns.time.emplace(reader, dg, cg, cn, CsvOptions{.safe = options.csv.safe});
-    } else if (options.wants(column.name())) {
-      columns.values.push_back(std::move(column));
-    }
-  }
-  return columns;
+  return "";
 }
 
-bool hasWanted(const Columns& columns, const ExportOptions& options) {
-  return !columns.values.empty() || (columns.time && options.wants(columns.time->name()));
-}
-
-void writeHeader(Output& out, const Columns& columns, bool safe) {
-  writeCsvText(out, columns.time ? columns.time->title() : "record", safe);
-  for (const CsvColumn& column : columns.values) {
-    out.write(',');
-    writeCsvText(out, column.title(), safe);
-  }
-  out.write('\n');
-}
-
-void writeRow(Output& out, Columns& columns, std::span<const std::uint8_t> record,
-              std::uint64_t index) {
-  if (columns.time) {
-    columns.time->writeCell(out, record, index);
-  } else {
-    out.write(std::to_string(index));
-  }
-  for (CsvColumn& column : columns.values) {
-    out.write(',');
-    column.writeCell(out, record, index);
-  }
-  out.write('\n');
-}
-
-std::string nameOf(const MdfGroupInfo& group) {
-  return fmt::format("data group {} channel group {}", group.dgIndex, group.cgIndex);
-}
-
-// Writes the group's readable records. Gives their number.
-std::uint64_t writeRecords(MdfSigReader& reader, const MdfGroupInfo& group, Columns& columns,
-                           Output& out) {
-  if (group.recordSize == 0) {
-    return 0;
-  }
-  const std::uint64_t total = std::min<std::uint64_t>(
-      {group.recordCount, reader.getStoredRecordCount(group.dgIndex, group.cgIndex),
-       std::numeric_limits<int>::max()});
-  std::uint64_t step = std::max<std::uint64_t>(1, kBlockBytes / group.recordSize);
-  std::uint64_t done = 0;
-  std::vector<std::uint8_t> block;
-  Progress progress(nameOf(group), group.recordCount);
-  while (done < total && out.good()) {
-    step = std::min(step, total - done);
-    int recordSize = 0;
-    if (!reader.readSignalDataBlock(group.dgIndex, group.cgIndex, static_cast<int>(done),
-                                    static_cast<int>(step), block, recordSize)) {
-      if (step == 1) {
-        break;
-      }
-      step /= 2;  // the data end before the last of them
-      continue;
-    }
-    const auto size = static_cast<std::size_t>(recordSize);
-    for (std::size_t at = 0; at + size <= block.size(); at += size, ++done) {
-      writeRow(out, columns, std::span(block).subspan(at, size), done);
-    }
-    progress.update(done);
-  }
-  return done;
-}
-
-// Writes the group's header and records. kLost, said why, when records are missing.
-ExitCode exportGroup(MdfSigReader& reader, const MdfGroupInfo& group, Columns& columns, Output& out,
-                     const ExportOptions& options) {
-  writeHeader(out, columns, options.csv.safe);
-  const std::uint64_t written = writeRecords(reader, group, columns, out);
-  if (!out.good() || written >= group.recordCount) {
-    return kDone;
-  }
-  complain(options.file, fmt::format("{}: {} of {} records could be read", nameOf(group), written,
-                                     group.recordCount));
-  return kLost;
-}
-
-// A group, without its texts: many groups may share one long name.
-struct GroupPlace {
-  int dg;
-  int cg;
-};
-
-// Complains about the first wanted channel that none of `groups` has.
-bool channelsExist(MdfSigReader& reader, const std::vector<GroupPlace>& groups,
-                   const ExportOptions& options) {
-  std::set<std::string> missing(options.channels.begin(), options.channels.end());
-  for (const GroupPlace& group : groups) {
-    const int count = reader.getCNCount(group.dg, group.cg);
-    for (int cn = 0; cn < count && !missing.empty(); ++cn) {
-      missing.erase(reader.getCNName(group.dg, group.cg, cn));
-    }
-  }
-  if (!missing.empty()) {
-    complain(options.file, fmt::format("no channel \"{}\"", *missing.begin()));
-  }
-  return missing.empty();
-}
-
-int exportOne(MdfSigReader& reader, const ExportOptions& options) {
-  MdfGroupInfo group;
-  if (!reader.getGroupInfo(*options.dg, options.cg, group)) {
-    complain(options.file,
-             fmt::format("no data group {} with a channel group {}", *options.dg, options.cg));
+int exportFiles(const ExportOptions& options) {
+  MdfColumnReader reader(options.files);
+  if (!reader.open()) {
+    complain(labelOf(options.files), reader.error());
     return kFailed;
   }
-  if (complainIfUnsorted(group, options.file) ||
-      !channelsExist(reader, {{*options.dg, options.cg}}, options)) {
-    return kFailed;
-  }
-  OutputBudget budget = budgetFor(options.maxOutput, {options.file});
-  Output out;
-  out.limitBy(budget);
-  if (const ExitCode code = openOutput(out, options.output, {options.file}, options.force);
-      code != kDone) {
-    return code;
-  }
-  Columns columns = columnsOf(reader, group, options);
-  const ExitCode code = exportGroup(reader, group, columns, out, options);
-  return finish(out, reader, options.file, code);
+  return Exporter(reader, options).run();
 }
 
-// "dg0_cg0_Engine_data.csv".
-std::string fileNameOf(const MdfGroupInfo& group) {
-  constexpr std::size_t kMaxLength = 80;
-  std::string name = fmt::format("dg{}_cg{}", group.dgIndex, group.cgIndex);
-  if (!group.name.empty()) {
-    name += '_' + group.name.substr(0, kMaxLength);
-  }
-  const auto isPlain = [](char c) {
-    return (std::isalnum(static_cast<unsigned char>(c)) != 0) || c == '-' || c == '.';
-  };
-  std::ranges::replace_if(
-      name, [&](char c) { return !isPlain(c); }, '_');
-  return name + ".csv";
-}
-
-std::vector<GroupPlace> listGroups(MdfSigReader& reader) {
-  std::vector<GroupPlace> groups;
-  const int dataGroups = reader.getDGCount();
-  for (int dg = 0; dg < dataGroups; ++dg) {
-    MdfGroupInfo group;
-    for (int cg = 0; reader.getGroupInfo(dg, cg, group); ++cg) {
-      groups.push_back({dg, cg});
-    }
-  }
-  return groups;
-}
-
-int exportAll(MdfSigReader& reader, const ExportOptions& options) {
-  const std::vector<GroupPlace> groups = listGroups(reader);
-  if (!channelsExist(reader, groups, options)) {
-    return kFailed;
-  }
-  const std::filesystem::path folder = pathOf(options.output);
-  if (const int error = makeFolders(options.output); error != 0) {
-    complain(options.output, systemErrorText(error));
-    return kFailed;
-  }
-  ExitCode soFar = kDone;
-  OutputBudget budget = budgetFor(options.maxOutput, {options.file});
-  std::deque<Output> files;  // get their names together
-  for (const GroupPlace& place : groups) {
-    MdfGroupInfo group;
-    reader.getGroupInfo(place.dg, place.cg, group);
-    if (complainIfUnsorted(group, options.file)) {
-      soFar = kLost;
-      continue;
-    }
-    Columns columns = columnsOf(reader, group, options);
-    if (!options.channels.empty() && !hasWanted(columns, options)) {
-      continue;
-    }
-    Output& out = files.emplace_back();
-    out.limitBy(budget);
-    const std::string path = pathText(folder / fileNameOf(group));
-    if (const ExitCode code = openOutput(out, path, {options.file}, options.force); code != kDone) {
-      return code;
-    }
-    if (exportGroup(reader, group, columns, out, options) == kLost) {
-      soFar = kLost;
-    }
-    if (!out.complete()) {
-      complain(out.name(), out.error());
-      return kFailed;
-    }
-  }
-  for (Output& out : files) {
-    if (!out.close()) {
-      complain(out.name(), out.error());
-      return kFailed;
-    }
-  }
-  return reportProblems(reader, options.file, soFar);
-}
-
-int exportSignals(const ExportOptions& options) {
-  MdfSigReader reader(options.file);
-  reader.setReadAllGroups(true);
-  if (!openOrComplain(reader, options.file)) {
-    return kFailed;
-  }
-  return options.dg ? exportOne(reader, options) : exportAll(reader, options);
-}
-
-int runExport(const ExportOptions& options) {
-  if (!options.output.empty()) {
-    return runStoppable([&] { return exportSignals(options); });
-  }
-  if (!options.dg) {
-    complain("export", "without --dg, -o must name a folder for the groups' files");
+int runExport(ExportOptions& options) {
+  if (!findParts(options.files, options.parts)) {
     return kWrongUse;
   }
-  return exportSignals(options);
+  return options.toStandardOutput() ? exportFiles(options)
+                                    : runStoppable([&] { return exportFiles(options); });
+}
+
+void addTableOptions(CLI::App& command, const std::shared_ptr<ExportOptions>& options) {
+  command.add_flag(
+      "--join", options->join,
+      "One table of all groups: a row for each time at which one of them has a record");
+  CLI::Option* const raster =
+      command
+          .add_option_function<double>(
+              "--raster",
+              [options](double seconds) {
+                options->table.rasterNs = std::llround(seconds * kNsPerSecond);
+              },
+              "A row every so many seconds, counted from the recording's start, with the values of "
+              "the last record before it")
+          ->type_name("SECONDS")
+          ->check(checkRaster, "");
+  command
+      .add_flag("--interpolate", options->table.interpolate,
+                "With --raster, numbers on the line between the records around the row")
+      ->needs(raster);
+  command
+      .add_option_function<std::string>(
+          "--time",
+          [options](const std::string& form) {
+            options->table.time = form == "absolute" ? TimeForm::Absolute
+                                  : form == "iso"    ? TimeForm::Iso
+                                                     : TimeForm::Relative;
+          },
+          "The time column; relative by default")
+      ->type_name("FORM")
+      ->check(CLI::IsMember({"relative", "absolute", "iso"}));
+  command.add_flag("--raw", options->table.raw,
+                   "Values as recorded, before the conversion to physical ones; the time column "
+                   "stays physical");
+  command.add_flag("--safe-csv", options->table.safe,
+                   "An apostrophe before texts that a spreadsheet would take for formulas");
 }
 
 }  // namespace
@@ -284,7 +86,7 @@ int runExport(const ExportOptions& options) {
 void addExport(CLI::App& app, Command& chosen) {
   const auto options = std::make_shared<ExportOptions>();
   CLI::App* command = app.add_subcommand("export", "Write signals as CSV files");
-  command->add_option("FILE", options->file, "The measurement file")->required();
+  addInputs(*command, options->files, options->parts);
   CLI::Option* dg =
       command
           ->add_option("--dg", options->dg,
@@ -296,35 +98,50 @@ void addExport(CLI::App& app, Command& chosen) {
       ->check(CLI::NonNegativeNumber.description(""))
       ->needs(dg);
   command
-      ->add_option("--channel", options->channels,
-                   "Export the channels of this name only; may be given several times")
+      ->add_option(
+          "--channel", options->channels,
+          "Export the channels of this name only; may be given several times. '*' stands "
+          "for any characters, '?' for one; members are \"pair.lo\", elements \"map[1][2]\"")
       ->type_name("NAME")
       ->allow_extra_args(false);
-  command->add_flag("--raw", options->csv.raw,
-                    "Numbers as recorded, before the conversion to physical values; the time "
-                    "column stays physical");
-  command->add_flag("--safe-csv", options->csv.safe,
-                    "An apostrophe before texts that a spreadsheet would take for formulas");
+  addTableOptions(*command, options);
   command
       ->add_option("-o,--output", options->output,
-                   "With --dg, the file to write; by default the standard output. Without --dg, "
-                   "the folder that gets a file dgN_cgM_NAME.csv for every group")
+                   "With --dg or --join, the file to write; by default, or as -, the standard "
+                   "output. Else the folder that gets a file dgN_cgM_NAME.csv for every group")
       ->type_name("OUT");
   addForce(*command, options->force);
   addMaxOutput(*command, options->maxOutput);
   command->footer(
       "The first column is the group's time, or the record's number (from 0) in a group without "
-      "one; then the channels in the file's order. Columns are headed \"name [unit]\". Numbers "
-      "read back as the same 64-bit floating point number; texts are quoted where they hold a "
-      "comma, a quote or a line end; byte arrays are hexadecimal. A cell is empty where a sample "
-      "is invalid or cannot be converted. Lines end in a line feed. With --safe-csv, texts that "
-      "begin with = + - @, tab or carriage return and are no numbers get an apostrophe in front. "
-      "On a terminal, control characters show as \\n, \\x1B or \\u202E.\n"
+      "one; then the channels in the file's order, members of structures and elements of arrays "
+      "as columns of their own. Columns are headed \"name [unit]\".\n"
+      "\n"
+      "Integers without a conversion have all their digits; other numbers read back as the same "
+      "64-bit floating point number. Texts are quoted where they hold a comma, a quote or a line "
+      "end; bytes are 0x and hexadecimal digits. A cell is empty where there is no valid value. "
+      "Lines end in a line feed. With --safe-csv, texts that begin with = + - @, tab or carriage "
+      "return and are no numbers get an apostrophe in front. On a terminal, control characters "
+      "show as \\n, \\x1B or \\u202E.\n"
+      "\n"
+      "Times:\n"
+      "  relative  seconds since the recording's start\n"
+      "  absolute  seconds since 1970 with nine digits behind the point\n"
+      "  iso       2021-07-26T04:34:14.500000000Z; without the Z when the file has the time of a "
+      "place that it does not tell\n"
+      "\n"
+      "With --join, the records of all groups whose time is the same nanosecond share a row, and "
+      "groups without a record there have empty cells; a name that several channels have gets its "
+      "group in front, as dg2_cg0.speed. With --raster, rows go from the first record to the last, "
+      "and values hold until the next record; cells are empty before a group's first one. Several "
+      "files are read as one recording, in the order of their start times.\n"
       "\n"
       "Examples:\n"
       "  tolvex export drive.mf4 -o drive\n"
       "  tolvex export drive.mf4 --dg 2 --channel Speed --channel Gear -o speed.csv\n"
-      "  tolvex export drive.mf4 --dg 2 --raw | head");
+      "  tolvex export drive.mf4 --dg 2 --raw | head\n"
+      "  tolvex export drive.mf4 --join --raster 0.1 --time iso -o table.csv\n"
+      "  tolvex export drive.mf4 --parts --channel 'CAN_DataFrame.*' -o drive");
   command->callback([options, &chosen] { chosen = [options] { return runExport(*options); }; });
 }
 
