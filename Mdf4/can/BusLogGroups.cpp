@@ -2,11 +2,16 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/format/BlockLoader.h"
+#include "Mdf4/format/FieldRules.h"
 #include "Mdf4/reader/ChannelDescription.h"
 
 namespace tolvex {
@@ -58,6 +63,89 @@ void reportNoConstant(DirectFile& file, const M4CNBlock& channel, std::string_vi
       channel.position(), static_cast<int>(std::min(name.size(), kLongestName)), name.data()));
 }
 
+// A channel that may be a field of a frame.
+struct FieldChannel {
+  std::string_view name;
+  const M4CNBlock* block;
+};
+
+std::vector<CanFieldSlot> layoutOf(DirectFile& file, FileTexts& texts,
+                                   const std::vector<FieldChannel>& fields, int dataGroup,
+                                   bool loggerRules) {
+  std::vector<CanFieldSlot> layout;
+  for (const FieldChannel& channel : fields) {
+    const M4CNBlock* const child = channel.block;
+    const std::optional<CanFieldName> field = classifyFieldName(channel.name, loggerRules);
+    if (!field) continue;
+    if (layout.size() == kMostFields) {
+      file.report(
+          formatText("data group %d: more than %zu fields in a frame", dataGroup, kMostFields));
+      break;
+    }
+    CanFieldSlot slot;
+    slot.kind = field->kind;
+    slot.field = field->field;
+    slot.byteOffset = child->cn_byte_offset;
+    slot.bitOffset = child->cn_bit_offset;
+    slot.bitCount = child->cn_bit_count;
+    slot.cn = child;
+    slot.variableLength = child->cn_type == channel_type::kVlsd;
+    const bool mayBeConstant =
+        slot.field == CanField::BusChannel || (loggerRules && slot.field != CanField::DataBytes);
+    if (slot.bitCount == 0 && mayBeConstant) {
+      slot.constant = constantOf(texts, *child, largestValue(slot.field));
+      if (loggerRules && !slot.constant) {
+        reportNoConstant(file, *child, channel.name);
+        continue;
+      }
+    }
+    slot.bigEndian = loggerRules && (child->cn_data_type == data_type::kUnsignedBigEndian ||
+                                     child->cn_data_type == data_type::kSignedBigEndian);
+    layout.push_back(slot);
+  }
+  return layout;
+}
+
+FrameTime loggerTimeOf(FileTexts& texts, const M4CNBlock& master) {
+  return FrameTime(describeChannel(master, texts.load(master), Tables::With), true);
+}
+
+bool isCanSource(const SignalSource* source) {
+  return source != nullptr && source->type == kSiTypeBus && source->bus == kSiBusCan;
+}
+
+bool isFrameChannel(const ModelGroup& group, const ModelChannel& channel) {
+  if (channel.parent != ModelChannel::kNone || isTimeMaster(channel.record)) return false;
+  return isCanSource(group.source.get()) || isCanSource(channel.source.get()) ||
+         (channel.name != nullptr && isBusLogName(*channel.name, true));
+}
+
+// The frames of the members of one channel, by name.
+FrameSource sourceOf(MDF4File& file, FileTexts& texts, const ModelGroup& group,
+                     const std::vector<const ModelChannel*>& members) {
+  FrameSource source;
+  std::vector<std::unique_ptr<M4CNBlock>> blocks;
+  std::vector<FieldChannel> fields;
+  for (const ModelChannel* const member : members) {
+    const std::optional<CanFieldName> field = classifyFieldName(*member->name, true);
+    if (!field) continue;
+    auto block = loadBlockAs<M4CNBlock>(file, member->position);
+    if (block == nullptr) continue;
+    const bool isOutside = member->record.cn_type == channel_type::kVlsd;
+    if (isOutside && field->field == CanField::DataBytes) source.payloads = member;
+    fields.push_back({*member->name, block.get()});
+    blocks.push_back(std::move(block));
+  }
+  source.layout = layoutOf(file, texts, fields, group.dataGroup, true);
+  for (CanFieldSlot& slot : source.layout) slot.cn = nullptr;  // which the blocks are gone with
+  if (group.master == ModelChannel::kNone) return source;
+  const ModelChannel& master = group.channels[static_cast<std::size_t>(group.master)];
+  if (!isTimeMaster(master.record)) return source;
+  const auto block = loadBlockAs<M4CNBlock>(file, master.position);
+  if (block != nullptr) source.time = loggerTimeOf(texts, *block);
+  return source;
+}
+
 }  // namespace
 
 std::vector<MdfCNInfo> busLogChannels(const ReaderState& state, bool requireFields) {
@@ -72,39 +160,34 @@ std::vector<MdfCNInfo> busLogChannels(const ReaderState& state, bool requireFiel
 }
 
 std::vector<CanFieldSlot> buildCanLayout(ReaderState& state, const MdfCNInfo& channel) {
-  std::vector<CanFieldSlot> layout;
-  for (const TreeChild& entry : *channel.children) {
-    const std::string_view name = nameOf(entry);
-    const M4CNBlock* const child = entry.block.get();
-    const std::optional<CanFieldName> field = classifyFieldName(name, state.loggerRules);
-    if (!field) continue;
-    if (layout.size() == kMostFields) {
-      state.file.report(formatText("data group %d: more than %zu fields in a frame",
-                                   int{channel.dgIndex}, kMostFields));
-      break;
-    }
-    CanFieldSlot slot;
-    slot.kind = field->kind;
-    slot.field = field->field;
-    slot.byteOffset = child->cn_byte_offset;
-    slot.bitOffset = child->cn_bit_offset;
-    slot.bitCount = child->cn_bit_count;
-    slot.cn = child;
-    slot.variableLength = child->cn_type == channel_type::kVlsd;
-    const bool mayBeConstant = slot.field == CanField::BusChannel ||
-                               (state.loggerRules && slot.field != CanField::DataBytes);
-    if (slot.bitCount == 0 && mayBeConstant) {
-      slot.constant = constantOf(state.texts, *child, largestValue(slot.field));
-      if (state.loggerRules && !slot.constant) {
-        reportNoConstant(state.file, *child, name);
-        continue;
-      }
-    }
-    slot.bigEndian = state.loggerRules && (child->cn_data_type == data_type::kUnsignedBigEndian ||
-                                           child->cn_data_type == data_type::kSignedBigEndian);
-    layout.push_back(slot);
+  std::vector<FieldChannel> fields;
+  for (const TreeChild& child : *channel.children) {
+    fields.push_back({nameOf(child), child.block.get()});
   }
-  return layout;
+  return layoutOf(state.file, state.texts, fields, channel.dgIndex, state.loggerRules);
+}
+
+std::vector<FrameSource> frameSources(MDF4File& file, FileTexts& texts, const ModelGroup& group) {
+  std::map<std::int32_t, std::vector<const ModelChannel*>> compositions;
+  for (const ModelChannel& channel : group.channels) {
+    if (channel.parent == ModelChannel::kNone || channel.name == nullptr) continue;
+    compositions[channel.parent].push_back(&channel);
+  }
+  std::vector<FrameSource> sources;
+  for (auto& [parent, members] : compositions) {
+    if (!isFrameChannel(group, group.channels[static_cast<std::size_t>(parent)])) continue;
+    const auto nameOfMember = [](const ModelChannel* member) -> const std::string& {
+      return *member->name;
+    };
+    std::ranges::stable_sort(members, {}, nameOfMember);
+    const auto isSame = [](const ModelChannel* a, const ModelChannel* b) {
+      return *a->name == *b->name;
+    };
+    members.erase(std::unique(members.begin(), members.end(), isSame), members.end());
+    FrameSource source = sourceOf(file, texts, group, members);
+    if (!source.layout.empty()) sources.push_back(std::move(source));
+  }
+  return sources;
 }
 
 FrameTime frameTimeOf(ReaderState& state, const MdfCNInfo& channel) {
@@ -112,7 +195,7 @@ FrameTime frameTimeOf(ReaderState& state, const MdfCNInfo& channel) {
   if (time == nullptr) return {};
   const M4CNBlock& master = *time->block;
   if (state.loggerRules) {
-    return FrameTime(describeChannel(master, state.texts.load(master), Tables::With), true);
+    return loggerTimeOf(state.texts, master);
   }
   ChannelTexts numbers;
   numbers.conversion = state.texts.numbers(master.link(link::cn_cc_conversion));

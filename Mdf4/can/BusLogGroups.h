@@ -5,6 +5,7 @@
 
 #include "Mdf4/can/FrameTime.h"
 #include "Mdf4/model/BusLogLayout.h"
+#include "Mdf4/model/ChannelTree.h"
 #include "Mdf4/reader/ReaderState.h"
 
 namespace tolvex {
@@ -20,6 +21,15 @@ std::vector<CanFieldSlot> buildCanLayout(ReaderState& state, const MdfCNInfo& ch
 
 // The master time of the channel's group.
 FrameTime frameTimeOf(ReaderState& state, const MdfCNInfo& channel);
+
+// Frames that the records of a group hold, under logger rules: the members of one of its channels
+// are their fields.
+struct FrameSource {
+  std::vector<CanFieldSlot> layout;        // without the channels' blocks
+  const ModelChannel* payloads = nullptr;  // the one with payloads outside of the records, or null
+  FrameTime time;
+};
+std::vector<FrameSource> frameSources(MDF4File& file, FileTexts& texts, const ModelGroup& group);
 
 // Records of other sizes give no frames.
 constexpr bool isFrameRecordSize(std::uint32_t bytes) {

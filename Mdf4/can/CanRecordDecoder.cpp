@@ -65,6 +65,14 @@ CanRecordDecoder::CanRecordDecoder(const std::vector<CanFieldSlot>& layout, bool
   } else {
     planMessage(layout);
   }
+  for (const Step& step : steps_) {
+    if (step.field == CanField::DataBytes) {
+      isOutside_ = step.variableLength;
+      payloadOffset_ = step.number;
+    } else if (step.field == CanField::ID) {
+      id_ = step.number;
+    }
+  }
 }
 
 // Files count bus channels from 1, frames from 0.

@@ -3,12 +3,15 @@
 
 #include <array>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "Mdf4/base/BitField.h"
 #include "Mdf4/base/Bytes.h"
+#include "Mdf4/can/FrameEntry.h"
 #include "Mdf4/model/BusLogLayout.h"
 #include "tolvex/Mdf4.h"
+#include "tolvex/MdfFrameReader.h"
 
 namespace tolvex {
 
@@ -47,6 +50,22 @@ class CanRecordDecoder {
     return isError_ ? errorFrame(record, timestampNs, payloads)
                     : messageFrame(record, timestampNs, dataIndex, payloads);
   }
+
+  // Appends the frames of many records to columns, the same frames as decode makes. All records
+  // have `recordSize` bytes. Payloads outside of them come from `payloads`; where that is null, the
+  // entries have them.
+  void append(std::span<const FrameEntry> entries, std::size_t recordSize, PayloadSource* payloads,
+              MdfFrameBatch& out) const;
+  // What frames are chosen by, as the columns have it.
+  std::uint32_t idOf(ByteSpan record) const;
+  std::uint16_t busOf(ByteSpan record) const {
+    // Frames count from 0, files as a rule from 1.
+    return static_cast<std::uint16_t>(busChannel_.read(record) +
+                                      static_cast<std::uint8_t>(busChannelBias_ + 1));
+  }
+  // Whether payloads lie outside the records, and which of the values there a record names.
+  bool hasPayloadsOutside() const { return isOutside_; }
+  std::uint64_t payloadOffset(ByteSpan record) const { return payloadOffset_.read(record); }
 
  private:
   // A number of the record, or a constant; the default reads 0.
@@ -109,6 +128,9 @@ class CanRecordDecoder {
   void decodePayload(ByteSpan record, PayloadSource* payloads, MdfCanMessage& message) const;
   void decodeError(ByteSpan record, PayloadSource* payloads, MdfCanError& error) const;
 
+  class Columns;
+  friend class Columns;
+
   bool isError_ = false;
   bool payloadByDlc_;
   bool loggerRules_;
@@ -117,8 +139,8 @@ class CanRecordDecoder {
 
   bool hasExtended_ = false;  // the extended flag is set or cleared by its own field
 
-  // Messages only.
   Number id_;
+  // Messages only.
   std::uint16_t constantMarks_ = 0;
   std::vector<MarkByte> markBytes_;
 
@@ -127,6 +149,9 @@ class CanRecordDecoder {
   std::uint8_t plainDlc_ = 0;
   std::uint64_t plainSize_ = 0;
   std::uint64_t plainEnd_ = 0;
+
+  bool isOutside_ = false;
+  Number payloadOffset_;
 
   // Messages: what makes up code and payload. Errors: everything but the bus channel.
   std::vector<Step> steps_;

@@ -90,6 +90,23 @@ std::uint64_t FrameTime::nearest(ByteSpan record) const {
                                  : firstBytes(record);
 }
 
+void FrameTime::nearest(const RecordRows& rows, std::size_t count, std::size_t size,
+                        std::int64_t* timesNs) const {
+  const std::uint8_t* record = rows.first;
+  if (!direct_ || size < offset_ || size - offset_ < sizeof(double)) {
+    for (std::size_t i = 0; i < count; ++i, record += rows.stride) {
+      timesNs[i] = static_cast<std::int64_t>(nearest(ByteSpan(record, size)));
+    }
+    return;
+  }
+  for (std::size_t i = 0; i < count; ++i, record += rows.stride) {
+    const double ns = (loadNumber<double>(record + offset_) * factor_ + summand_) * kNsPerSecond;
+    timesNs[i] = std::abs(ns) < kEndOfRange
+                     ? roundToNearest(ns)
+                     : static_cast<std::int64_t>(firstBytes(ByteSpan(record, size)));
+  }
+}
+
 std::optional<std::uint64_t> FrameTime::cutOff(ByteSpan record) const {
   if (const auto ticks = ofTicks(record)) return ticks;
   double ns = 0;

@@ -1,11 +1,13 @@
 // The time of a bus-log record in nanoseconds.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 
 #include "Mdf4/base/BitField.h"
 #include "Mdf4/base/Bytes.h"
+#include "Mdf4/model/RawField.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {
@@ -23,6 +25,9 @@ class FrameTime {
   // Rounded to the nearest nanosecond. A time that cannot be converted is taken from the record's
   // first 8 bytes as they stand, as 0 when it has fewer.
   std::uint64_t nearest(ByteSpan record) const;
+  // The same for many records, the first `count` of the rows, which all have `size` bytes.
+  void nearest(const RecordRows& rows, std::size_t count, std::size_t size,
+               std::int64_t* timesNs) const;
   // Cut toward zero; nothing when the time cannot be converted and the record has fewer than 8
   // bytes.
   std::optional<std::uint64_t> cutOff(ByteSpan record) const;

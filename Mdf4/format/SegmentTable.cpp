@@ -122,6 +122,7 @@ void SegmentTable::extendLast(std::uint64_t end) {
   DataSegment& last = data_[count() - 1];
   if (last.type == block_type::kDZ || last.damaged || end <= last.position + last.length) return;
   const std::uint64_t more = end - last.position - last.length;
+  if (last.length == 0) emptyStarts_.erase(emptyStarts_.end() - 2);  // it is not empty any more
   last.length += more;
   presentSize_ += more;
   totalSize_ += more;

@@ -1,5 +1,7 @@
 #include "Mdf4/model/BusLogLayout.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace tolvex {
@@ -68,6 +70,15 @@ std::optional<CanFieldName> classifyFieldName(std::string_view name, bool logger
   if (!kind || !field) return std::nullopt;
   if (!loggerRules && *field > CanField::TREC) return std::nullopt;
   return CanFieldName{*kind, *field};
+}
+
+bool isBusLogName(std::string_view name, bool loggerRules) {
+  const auto isSame = [name](std::string_view known) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+    return std::ranges::equal(name, known, {}, lower, lower);
+  };
+  return isSame("CAN_DataFrame") || isSame("CAN_ErrorFrame") || isSame("CAN_FdErrorFrame") ||
+         (loggerRules && isSame("CAN_RemoteFrame"));
 }
 
 std::string BusLogLayout::channelName(const BusLogChannel& channel) const {

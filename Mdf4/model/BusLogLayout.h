@@ -90,6 +90,9 @@ struct CanFieldName {
 // the last "." contains the name of the frame kind, the text after it is the field's name.
 std::optional<CanFieldName> classifyFieldName(std::string_view name, bool loggerRules = false);
 
+// Whether a channel of that name is made of the fields of frames; letters count in either case.
+bool isBusLogName(std::string_view name, bool loggerRules);
+
 // One recognised channel of a group, as the file places it in the record. Nothing is checked.
 struct CanFieldSlot {
   CanFrameKind kind = CanFrameKind::Data;

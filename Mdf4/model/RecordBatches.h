@@ -27,6 +27,8 @@ class RecordBatches {
   virtual std::uint64_t count() = 0;
   virtual void seek(std::uint64_t record) = 0;
   virtual RecordBatch next(std::uint64_t most) = 0;
+  // Reading in order fetches up to this many bytes at a time.
+  virtual void limitReadAhead(std::uint64_t /*bytes*/) {}
 
  protected:
   RecordBatches() = default;
@@ -44,6 +46,7 @@ class SortedBatches final : public RecordBatches {
   std::uint64_t count() override { return count_; }
   void seek(std::uint64_t record) override;
   RecordBatch next(std::uint64_t most) override;
+  void limitReadAhead(std::uint64_t bytes) override { stream_.limitReadAhead(bytes); }
 
  private:
   RecordRows rowsInMemory(std::uint64_t most);

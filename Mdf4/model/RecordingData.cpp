@@ -69,7 +69,6 @@ std::shared_ptr<SegmentTable> RecordingData::recordTable(const ModelGroup& group
   return known = whatIsThere(data.data);
 }
 
-// Blocks whose length nothing else in the file states.
 std::shared_ptr<SegmentTable> RecordingData::valueTable(std::uint64_t dataLink) {
   std::shared_ptr<SegmentTable>& known = tables_[dataLink];
   if (known != nullptr) return known;

@@ -31,11 +31,12 @@ class RecordingData {
   // The sequence that a group's records are in, with those of others or with ids; null when it
   // cannot be read.
   std::shared_ptr<MixedRecords> mixed(const ModelGroup& group);
+  // Blocks whose length nothing else in the file states: values, and records of several groups.
+  std::shared_ptr<SegmentTable> valueTable(std::uint64_t dataLink);
   void clear();
 
  private:
   std::shared_ptr<SegmentTable> recordTable(const ModelGroup& group);
-  std::shared_ptr<SegmentTable> valueTable(std::uint64_t dataLink);
   std::shared_ptr<SegmentTable> whatIsThere(std::uint64_t dataLink);
   std::uint64_t endOfLast(std::uint64_t position) const;
   bool hasUncounted(const ModelDataGroup& data);

@@ -10,6 +10,7 @@
 #include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/format/BlockLoader.h"
 #include "Mdf4/format/FieldRules.h"
+#include "Mdf4/model/BusLogLayout.h"
 #include "Mdf4/model/FileTree.h"
 
 namespace tolvex {
@@ -17,20 +18,6 @@ namespace {
 
 // Channels that share a long name would make much of it.
 constexpr std::size_t kLongestTrace = 1 << 20;
-
-// Letters of ASCII count as equal in either case.
-bool equalNames(std::string_view a, std::string_view b) {
-  const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
-  return std::ranges::equal(a, b, {}, lower, lower);
-}
-
-bool isBusLogName(const SharedText& name, bool loggerRules) {
-  if (name == nullptr) return false;
-  for (const char* const known : {"CAN_DataFrame", "CAN_ErrorFrame", "CAN_FdErrorFrame"}) {
-    if (equalNames(name->c_str(), known)) return true;
-  }
-  return loggerRules && equalNames(name->c_str(), "CAN_RemoteFrame");
-}
 
 class TreeWalk {
  public:
@@ -105,8 +92,9 @@ class TreeWalk {
   }
 
   bool isCanChannel(const M4CNBlock& channel) {
-    return isCanSource(channel.link(link::cn_si_source)) ||
-           isBusLogName(texts_.whole(channel.link(link::cn_tx_name)), loggerRules_);
+    if (isCanSource(channel.link(link::cn_si_source))) return true;
+    const SharedText name = texts_.whole(channel.link(link::cn_tx_name));
+    return name != nullptr && isBusLogName(name->c_str(), loggerRules_);
   }
 
   bool isCanSource(std::uint64_t position) {

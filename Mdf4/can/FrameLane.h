@@ -1,0 +1,86 @@
+// Frames of one sequence of records, in order of time.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <span>
+#include <vector>
+
+#include "Mdf4/can/CanRecordDecoder.h"
+#include "Mdf4/can/FrameChoice.h"
+#include "Mdf4/can/FrameEntry.h"
+#include "Mdf4/can/FrameTime.h"
+#include "Mdf4/format/m4DataStream.h"
+
+namespace tolvex {
+
+// What all lanes of a file share.
+struct LaneSettings {
+  std::uint64_t startNs = 0;    // of the recording, to which times are added
+  std::size_t held = 0;         // frames that are kept back, for earlier ones that come late
+  std::uint64_t readAhead = 0;  // bytes
+  std::int32_t dataGroup = 0;   // its index, for messages
+};
+
+// Goes along the records, finds those whose frames are wanted and puts them into order as far as
+// its window allows. Records are decoded when their frames are taken; until then they stay where
+// they were read to, and are copied only when that place is needed for others. Not synchronised.
+class FrameLane {
+ public:
+  virtual ~FrameLane() = default;
+  FrameLane(const FrameLane&) = delete;
+  FrameLane& operator=(const FrameLane&) = delete;
+
+  // Begins with the first frame of `choice`, which outlives that.
+  void begin(const FrameChoice& choice);
+  // The next frames, some of them; none at the end. They last until `take`.
+  std::span<const FrameEntry> ready();
+  void take(std::size_t count);
+  // Decodes entries that are ready.
+  virtual void append(std::span<const FrameEntry> entries, MdfFrameBatch& out) = 0;
+  // The latest of all times: moves away from where the lane is. Nothing when it has no frames.
+  std::int64_t latest();
+
+ protected:
+  FrameLane(DirectFile& file, const LaneSettings& settings) : file_(file), settings_(settings) {}
+
+  // Goes to the first record that may be of that time, or later; `kEnd`: that may be the latest.
+  static constexpr std::int64_t kEnd = std::numeric_limits<std::int64_t>::max();
+  virtual void seek(std::int64_t timeNs) = 0;
+  // Adds entries of some more records to entries_; false at the end, when there may be some, too.
+  virtual bool collect() = 0;
+  virtual std::size_t recordSize(const FrameEntry& entry) const = 0;
+  // After entries moved; `sorted`: not all by the same distance.
+  virtual void moved(std::size_t /*dropped*/, bool /*sorted*/) {}
+  // How many of the first `count` entries may be taken.
+  virtual std::size_t complete(std::size_t count) { return count; }
+
+  bool isAtEnd() const { return atEnd_; }
+  // Copies the records of all entries away from where they were read to.
+  void keepPending();
+  std::int64_t timeOf(const FrameTime& time, ByteSpan record) const {
+    return static_cast<std::int64_t>(settings_.startNs + time.nearest(record));
+  }
+
+  DirectFile& file_;
+  const LaneSettings settings_;
+  const FrameChoice* choice_ = nullptr;
+  std::vector<FrameEntry> entries_;
+
+ private:
+  void refill();
+  void sort(std::size_t ordered);
+  void reportDisorder(const FrameEntry& entry);
+
+  std::size_t next_ = 0;   // of the entries, to be taken
+  std::size_t ready_ = 0;  // those in front of it may be taken
+  bool atEnd_ = false;
+  bool reportedDisorder_ = false;
+  std::int64_t takenNs_ = std::numeric_limits<std::int64_t>::min();  // of the last one taken
+  std::vector<std::uint8_t> kept_;
+  std::vector<std::uint8_t> keptBefore_;
+};
+
+}  // namespace tolvex
