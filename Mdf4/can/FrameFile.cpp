@@ -31,7 +31,7 @@ bool FrameFile::open(const std::string& path) {
   file_.acceptUnfinished(true);
   if (!file_.Open(path, false)) return false;
   tree_ = ChannelTree(file_, texts_);
-  data_.reportUnfinished();
+  notice_ = data_.reportUnfinished();
   std::vector<Found> all;
   std::size_t lanes = 0;
   for (const ModelDataGroup& data : tree_.dataGroups) {

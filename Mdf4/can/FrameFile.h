@@ -29,6 +29,8 @@ class FrameFile {
   [[nodiscard]] bool open(const std::string& path);
   const std::string& error() const { return file_.error(); }
   const std::vector<std::string>& problems() const { return file_.problems().texts(); }
+  // That of the problems which says what an unusual file was taken for; "" for any other file.
+  const std::string& notice() const { return notice_; }
 
   const M4HDBlock& header() const { return *file_.header(); }
   const std::vector<std::unique_ptr<FrameLane>>& lanes() const { return lanes_; }
@@ -51,6 +53,7 @@ class FrameFile {
   FileTexts texts_{file_};
   ChannelTree tree_;
   RecordingData data_{file_, tree_};
+  std::string notice_;
   std::vector<MdfFrameGroup> groups_;
   std::vector<std::unique_ptr<FrameLane>> lanes_;
 };

@@ -44,7 +44,8 @@ struct MdfFrameReader::State {
     bool hasFrames = false;
     bool isBegun = false;
     std::size_t lanesLeft = 0;
-    std::vector<std::string> problems;  // of earlier openings
+    std::vector<std::string> problems;  // of all openings so far
+    std::string notice;
   };
 
   explicit State(std::vector<std::string> filePaths) : paths(std::move(filePaths)) {}
@@ -54,7 +55,11 @@ struct MdfFrameReader::State {
   void describe(Part& part);
   [[nodiscard]] bool openPart(Part& part);
   void closePart(Part& part);
-  void noteProblems(Part& part);
+  static void noteProblems(Part& part);
+  // With several files their paths stand in front.
+  std::string textOf(const Part& part, const std::string& problem) const {
+    return parts.size() == 1 ? problem : part.path + ": " + problem;
+  }
   void select(const MdfFrameFilter& filter);
   void beginDueParts();
   void begin(std::size_t index);
@@ -132,6 +137,7 @@ void MdfFrameReader::State::closePart(Part& part) {
 
 void MdfFrameReader::State::noteProblems(Part& part) {
   if (part.file == nullptr) return;
+  part.notice = part.file->notice();
   for (const std::string& problem : part.file->problems()) {
     if (std::ranges::find(part.problems, problem) == part.problems.end()) {
       part.problems.push_back(problem);
@@ -283,10 +289,17 @@ const std::string& MdfFrameReader::error() const {
 std::vector<std::string> MdfFrameReader::problems() const {
   std::vector<std::string> all;
   for (State::Part& part : state_->parts) {
-    state_->noteProblems(part);
-    for (const std::string& problem : part.problems) {
-      all.push_back(state_->parts.size() == 1 ? problem : part.path + ": " + problem);
-    }
+    State::noteProblems(part);
+    for (const std::string& problem : part.problems) all.push_back(state_->textOf(part, problem));
+  }
+  return all;
+}
+
+std::vector<std::string> MdfFrameReader::notices() const {
+  std::vector<std::string> all;
+  for (State::Part& part : state_->parts) {
+    State::noteProblems(part);
+    if (!part.notice.empty()) all.push_back(state_->textOf(part, part.notice));
   }
   return all;
 }

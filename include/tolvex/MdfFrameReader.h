@@ -182,6 +182,8 @@ class TOLVEX_EXPORT MdfFrameReader {
   // What is damaged or was left out so far, and what an unusual file was taken for. With several
   // files each text begins with the file's path.
   std::vector<std::string> problems() const;
+  // Of them, what unusual files were taken for: nothing is lost by that.
+  std::vector<std::string> notices() const;
 
   // When the recording started, of several files the earliest: nanoseconds since 1970-01-01 00:00,
   // in UTC, or in the time of a place that the file does not tell (startIsLocal).
