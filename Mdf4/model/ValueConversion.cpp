@@ -28,6 +28,14 @@ bool ValueConversion::givesTexts() const {
   return type_ == kN2T || type_ == kR2T || type_ == kT2T || type_ == kBTT;
 }
 
+bool ValueConversion::findNumbers() const {
+  if (type_ == kIdentity) return input_ != Input::Text;
+  if (!givesTexts()) return type_ != kNothing;
+  return type_ != kBTT && std::ranges::any_of(references_, [](const Reference& reference) {
+           return reference.conversion != nullptr && reference.conversion->givesNumbers();
+         });
+}
+
 std::optional<ValueConversion::Line> ValueConversion::line() const {
   if (type_ == kIdentity) return Line{};
   if (type_ == kLinear) return Line{values_[0], values_[1]};
@@ -373,6 +381,7 @@ bool ConversionLoader::fill(ValueConversion& conversion, std::uint64_t position)
   }
   const std::string fault = conversion.prepare();
   if (!fault.empty()) report(position, fault);
+  conversion.givesNumbers_ = conversion.findNumbers();
   return fault.empty();
 }
 

@@ -40,6 +40,8 @@ class ValueConversion {
   // What the conversion makes of any value, as far as its kind says.
   bool isIdentity() const { return type_ == conversion_type::kIdentity; }
   bool givesTexts() const;
+  // Whether it may make numbers of some values: of a table of texts, whether it leads to what does.
+  bool givesNumbers() const { return givesNumbers_; }
   // What it does to a number, when that is no more than offset + factor x number.
   struct Line {
     double offset = 0;
@@ -66,6 +68,7 @@ class ValueConversion {
   // What gives nothing for any value.
   static std::shared_ptr<const ValueConversion> nothing();
   std::string prepare();
+  bool findNumbers() const;
   void sortPairs();
   void findOrder(std::size_t stride);
   void look(const RawValue& value, Meaning& meaning, unsigned& steps) const;
@@ -78,6 +81,7 @@ class ValueConversion {
   std::size_t textOf(std::string_view text) const;
 
   std::uint8_t type_ = conversion_type::kIdentity;
+  bool givesNumbers_ = false;
   Input input_ = Input::Float;
   SharedText name_;
   std::vector<double> values_;

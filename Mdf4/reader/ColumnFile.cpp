@@ -122,6 +122,8 @@ MdfColumnChannel ColumnFile::describe(const ModelGroup& group, const ModelChanne
   if (planned.elements == 2 * channel.elements()) described.shape.push_back(2);
   described.type = planned.type;
   described.rawType = planned.rawType;
+  described.givesNumbers =
+      planned.type == MdfColumnType::Dictionary && planned.conversion->givesNumbers();
   described.fault = planned.fault;
   return described;
 }

@@ -67,6 +67,9 @@ RecordingGroups::RecordingGroups(const std::vector<std::unique_ptr<ColumnFile>>&
         groups[found].members.push_back(member);
         described[found].records += group.records;
         described[found].statedRecords += group.statedRecords;
+        for (std::size_t c = 0; c < group.channels.size(); ++c) {
+          described[found].channels[c].givesNumbers |= group.channels[c].givesNumbers;
+        }
       }
     }
   }

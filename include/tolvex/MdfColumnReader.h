@@ -66,7 +66,8 @@ struct MdfColumnChannel {
   std::vector<std::uint64_t> shape;
   MdfColumnType type = MdfColumnType::None;     // of the physical values
   MdfColumnType rawType = MdfColumnType::None;  // before the conversion
-  std::string fault;                            // why it has no physical values; "" when it has
+  bool givesNumbers = false;  // of a Dictionary: some values may be numbers instead of texts
+  std::string fault;          // why it has no physical values; "" when it has
 };
 
 // A channel group.
