@@ -52,6 +52,7 @@ example list_file "$data/decoded-00000005.mf4" | grep -F 'group 6/0 "CAN2 messag
 example read_signal "$data/decoded-00000005.mf4" Speed | grep -F ' 14.592 m/s'
 example print_frames "$data/raw-00000005.MF4" | grep -F '5477 frames'
 example record_signals by-c.mf4
+example read_columns by-c.mf4 gear | grep -F '0.5 first'
 "$native" export by-c.mf4 --dg 3 | grep -F '1.5,35'
 
 # From pipe to pipe, under a name of many languages.

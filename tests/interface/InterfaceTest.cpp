@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "ColumnCaller.h"
 #include "PlainCaller.h"
 
 namespace {
@@ -127,6 +128,16 @@ TEST(Interface, WhatACProgramRecordsTheReadersRead) {
     }
     EXPECT_EQ(frames.getCanMessage(), nullptr);
   }
+}
+
+TEST(Interface, WhatACProgramRecordsACProgramReadsChecksAndRecovers) {
+  dropDiagnostics();
+  const TemporaryFile file;
+  const TemporaryFile recovered;
+  ASSERT_EQ(recordRamp(file.path().c_str(), kStart, false), 0);
+  EXPECT_EQ(readRamp(file.path().c_str()), 0);
+  EXPECT_EQ(checkRamp(file.path().c_str(), recovered.path().c_str()), 0);
+  EXPECT_EQ(readRamp(recovered.path().c_str()), 0);
 }
 
 TEST(Interface, TheSignalWriterTakesAnyReaderAndReportsToAnyCallback) {

@@ -61,6 +61,13 @@ expect '  Speed [m/s], ' "$work/list"
 expect ' 14.592 m/s' "$work/signal"
 expect ' 0.178 m/s' "$work/signal"
 
+"$work/build/read_columns" "$data/decoded-00000005.mf4" >"$work/columns"
+expect 'group 6 "CAN2 message ID=0x7 from 0x7", 41 rows' "$work/columns"
+expect '  Speed [m/s] ' "$work/columns"
+"$work/build/read_columns" "$data/decoded-00000005.mf4" Speed >"$work/column"
+diff "$work/signal" "$work/column"
+expect ' 14.592 m/s' "$work/column"
+
 libdir=$(dirname "$(find "$work/tolvex" -name tolvex.pc)")
 export PKG_CONFIG_PATH=$libdir
 libdir=$(pkg-config --variable=libdir tolvex)
@@ -120,6 +127,13 @@ refused() {
 "$work/build/record_signals" "$work/by-c.mf4"
 check_recording "$work/by-c.mf4"
 refused "$work/build/record_signals"
+refused "$work/build/read_columns"
+"$work/build/read_columns" "$work/by-c.mf4" gear >"$work/gears"
+same "$work/gears" <<'END'
+0 neutral
+0.5 first
+1 unknown
+END
 "$CC" -std=c11 "${cflags[@]}" "$source/examples/record_signals.c" -o "$work/record_signals" \
   "${package[@]}"
 "$work/record_signals" "$work/by-pkg-config.mf4"
