@@ -4,6 +4,7 @@
 #   bench  the benches
 #   check  clang builds, sanitizers, fuzz targets, clang-format, clang-tidy
 #   package  making Debian packages and trying them
+#   arrow  fetching the engine that scans streams of Arrow arrays
 #   32-bits  compiling for 32 bits
 #   windows  building for Windows with MinGW-w64, and running what was built
 set -euo pipefail
@@ -18,6 +19,7 @@ for group in "$@"; do
     bench) packages+=(libbenchmark-dev libhdf5-dev libsqlite3-dev) ;;
     check) packages+=(clang libclang-rt-dev llvm clang-format clang-tidy) ;;
     package) packages+=(dpkg-dev man-db groff-base bsdextrautils zsh fish) ;;
+    arrow) command -v npm >/dev/null || packages+=(npm) ;;
     32-bits) packages+=(g++-multilib) ;;
     windows)
       packages+=(g++-mingw-w64-x86-64-posix gcc-mingw-w64-x86-64-posix libz-mingw-w64-dev
