@@ -82,6 +82,9 @@ void addRecordingBenches();
 void addAsyncBenches();
 void addPeerBenches();
 void addRecoveryBenches();
+#ifdef TOLVEX_BENCH_PROGRAM
+void addExportBenches();
+#endif
 
 // The part of the asynchronous benches that a process of its own runs.
 bool isPrintingRun(int argc, char** argv);

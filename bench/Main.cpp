@@ -74,6 +74,9 @@ int main(int argc, char** argv) {
   addAsyncBenches();
   addPeerBenches();
   addRecoveryBenches();
+#ifdef TOLVEX_BENCH_PROGRAM
+  addExportBenches();
+#endif
   addMemoryBenches();
   Table table;
   benchmark::RunSpecifiedBenchmarks(&table);

@@ -108,10 +108,14 @@ void Exporter::leaveOutGroupsWithoutTime() {
   });
 }
 
-// Says what does not reach the result.
-void Exporter::lose(const MdfColumnGroup& group, std::string_view what) {
+void Exporter::complainOf(const MdfColumnGroup& group, std::string_view what) const {
   complain(label_, fmt::format("data group {} channel group {}: {}", group.dataGroup,
                                group.channelGroup, what));
+}
+
+// Says what does not reach the result.
+void Exporter::lose(const MdfColumnGroup& group, std::string_view what) {
+  complainOf(group, what);
   code_ = kLost;
 }
 
@@ -123,7 +127,7 @@ void Exporter::complainOfFaults() {
       const auto& channel = group.channels[static_cast<std::size_t>(column.channel)];
       const MdfColumnType type = options_.table.raw ? channel.rawType : channel.type;
       if (column.channel != last && type == MdfColumnType::None) {
-        lose(group, fmt::format("{:.200} has no values: {}", channel.name, channel.fault));
+        complainOf(group, fmt::format("{:.200} has no values: {}", channel.name, channel.fault));
       }
       last = column.channel;
     }

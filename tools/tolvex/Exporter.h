@@ -44,6 +44,7 @@ class Exporter {
   bool needsTime() const;
   void leaveOutGroupsWithoutTime();
   void complainOfFaults();
+  void complainOf(const MdfColumnGroup& group, std::string_view what) const;
   void lose(const MdfColumnGroup& group, std::string_view what);
   int exportOne();
   int exportAll();
