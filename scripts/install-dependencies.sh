@@ -13,7 +13,7 @@ packages=()
 for group in "$@"; do
   case $group in
     build)
-      packages+=(cmake ninja-build g++ pkg-config zlib1g-dev libgtest-dev libcli11-dev
+      packages+=(cmake ninja-build g++ pkg-config zlib1g-dev libdeflate-dev libgtest-dev libcli11-dev
         nlohmann-json3-dev libfmt-dev python3)
       ;;
     bench) packages+=(libbenchmark-dev libhdf5-dev libsqlite3-dev) ;;

@@ -20,6 +20,7 @@ struct InflatedBlock {
 
   ByteBuffer bytes;
   std::uint64_t size = 0;  // bytes inflated: fewer than stated when the stream ends early
+  std::uint64_t rowBytes = 0;  // not 0: they lie column by column, of rows of so many bytes
 };
 
 // Which blocks were inflated, and where their bytes are: with the streams that stand in them, and
@@ -28,11 +29,13 @@ class InflatedBlocks {
  public:
   // The block at `position`, `stated` bytes by what names it: the one that is in memory, or a new
   // one that `inflate(block, again)` fills; null when that says false. `again`: it was inflated
-  // before. In a file of `holdFor` bytes it is held for the values to come; 0: it is not.
+  // before. In a file of `holdFor` bytes it is held for the values to come; 0: it is not. Bytes
+  // that lie column by column are given only when those are wanted.
   template <class Inflate>
   std::shared_ptr<InflatedBlock> fetch(std::uint64_t position, std::uint64_t stated,
-                                       std::uint64_t holdFor, Inflate inflate) {
+                                       std::uint64_t holdFor, bool maybeColumns, Inflate inflate) {
     std::shared_ptr<InflatedBlock> block = find(position, stated);
+    if (block != nullptr && block->rowBytes != 0 && !maybeColumns) block = nullptr;
     const bool again = block == nullptr && inflated_.contains(position);
     if (block == nullptr) {
       block = std::make_shared<InflatedBlock>();

@@ -14,6 +14,8 @@ namespace {
 
 // zlib counts in 32 bits.
 constexpr std::uint64_t kMostAtOnce = std::numeric_limits<uInt>::max();
+// Compressed bytes that are held in memory for the sake of speed.
+constexpr std::uint64_t kMostWhole = std::uint64_t{8} << 20;
 
 }  // namespace
 
@@ -50,15 +52,28 @@ Inflation BlockInflater::inflate(std::uint64_t position, std::uint64_t length,
 
 Inflation BlockInflater::inflateRows(const CompressedData& data, std::uint64_t bytes,
                                      ByteBuffer& rows) {
-  ByteBuffer& target = data.isTransposed() ? columns_ : rows;
-  if (!rows.reserve(bytes) || !target.reserve(bytes)) return {Inflation::NoMemory};
-  const Inflation result = run(data.position, data.record.dz_data_length, bytes,
-                               {target.data(), inMemory(bytes)}, nullptr);
-  if (data.isTransposed() && result.end == Inflation::Whole) {
-    undoTransposition({target.data(), inMemory(result.bytes)}, data.record.dz_zip_parameter,
+  if (!data.isTransposed()) return inflateStored(data, bytes, rows);
+  if (!rows.reserve(bytes)) return {Inflation::NoMemory};
+  const Inflation result = inflateStored(data, bytes, columns_);
+  if (result.end == Inflation::Whole) {
+    undoTransposition({columns_.data(), inMemory(result.bytes)}, data.record.dz_zip_parameter,
                       {rows.data(), inMemory(result.bytes)});
   }
   return result;
+}
+
+Inflation BlockInflater::inflateStored(const CompressedData& data, std::uint64_t bytes,
+                                       ByteBuffer& stored) {
+  if (!stored.reserve(bytes)) return {Inflation::NoMemory};
+  const WritableBytes out = {stored.data(), inMemory(bytes)};
+  const std::uint64_t length = data.record.dz_data_length;
+  if (WholeStream::isThere() && length <= kMostWhole && file_.holds(data.position, length) &&
+      in_.reserve(length) && file_.ReadAt(data.position, length, in_.data())) {
+    if (const auto made = whole_.inflate({in_.data(), inMemory(length)}, out)) {
+      return {Inflation::Whole, *made};
+    }
+  }
+  return run(data.position, length, bytes, out, nullptr);
 }
 
 // What comes out goes into `out`, with `piece` again and again from its start.

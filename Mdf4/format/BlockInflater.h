@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Mdf4/base/ByteBuffer.h"
+#include "Mdf4/base/WholeStream.h"
 #include "Mdf4/format/CompressedData.h"
 #include "Mdf4/format/DirectFile.h"
 
@@ -43,6 +44,9 @@ class BlockInflater {
   // Puts the data of a block that gives at most `bytes` into `rows`, a transposition undone.
   [[nodiscard]] Inflation inflateRows(const CompressedData& data, std::uint64_t bytes,
                                       ByteBuffer& rows);
+  // The same as they are stored: with a transposition, column by column.
+  [[nodiscard]] Inflation inflateStored(const CompressedData& data, std::uint64_t bytes,
+                                        ByteBuffer& stored);
 
   std::uint64_t heldBytes() const { return in_.size() + out_.size() + columns_.size(); }
   void releaseBuffers();
@@ -54,6 +58,7 @@ class BlockInflater {
   DirectFile& file_;
   const std::uint64_t pieceSize_;
   std::unique_ptr<InflateStream> stream_;  // made for the first one
+  WholeStream whole_;
   ByteBuffer in_;
   ByteBuffer out_;
   ByteBuffer columns_;
