@@ -76,6 +76,7 @@ void add(const std::string& name, const std::function<void(benchmark::State&)>& 
 void addFrameBenches();
 void addRecordBenches();
 void addCompressionBenches();
+void addColumnBenches();
 void addOpenBenches();
 void addMemoryBenches();
 void addRecordingBenches();

@@ -137,6 +137,44 @@ const RecordFile& Inputs::signals(std::uint64_t count, std::uint32_t recordSize)
   return entry->second;
 }
 
+// Signals, and the channels that lie in them.
+const RecordFile& Inputs::columns(const std::string& name, std::uint64_t count,
+                                  std::uint32_t recordSize, std::vector<test::Cn> channels) {
+  const auto [entry, isNew] = recordFiles_.try_emplace(fmt::format("{}-{}", name, count));
+  if (isNew) {
+    const Bytes records = signalRecords(count, recordSize);
+    FileBuilder file;
+    for (std::size_t i = 0; i < channels.size(); ++i) {
+      channels[i].name = fmt::format("channel{}", i);
+      channels[i].conversion = file.cc({.type = 1, .values = {offsetOf(i), factorOf(i)}});
+    }
+    const Link data = listed(file, records, kRecordsPerBlock * recordSize);
+    file.signalGroup(channels, {.name = name, .records = count, .dataBytes = recordSize}, data);
+    entry->second = {keep(file, entry->first), folder_.path(entry->first), count, recordSize};
+    writePlain(entry->second.plainPath, records);
+  }
+  return entry->second;
+}
+
+const RecordFile& Inputs::words(std::uint64_t count, int channels) {
+  std::vector<test::Cn> all;
+  for (int i = 0; i < channels; ++i) {
+    all.push_back({.byteOffset = static_cast<std::uint32_t>(8 + 2 * i), .bitCount = 16});
+  }
+  return columns("words", count, 64, all);
+}
+
+const RecordFile& Inputs::packedFields(std::uint64_t count, int channels) {
+  std::vector<test::Cn> all;
+  for (int i = 0; i < channels; ++i) {
+    all.push_back({.dataType = 1,
+                   .byteOffset = static_cast<std::uint32_t>(8 + i * 12 / 8),
+                   .bitOffset = static_cast<std::uint8_t>(i % 2 == 0 ? 4 : 0),
+                   .bitCount = 12});
+  }
+  return columns("packed", count, static_cast<std::uint32_t>(8 + channels * 12 / 8), all);
+}
+
 const CompressedFile& Inputs::compressed(std::uint64_t blocks, std::uint32_t recordSize,
                                          bool transposed) {
   const std::string name = fmt::format("compressed-{}-{}-{}", blocks, recordSize, transposed);
@@ -158,6 +196,9 @@ const CompressedFile& Inputs::compressed(std::uint64_t blocks, std::uint32_t rec
       ends.push_back(file.size());
     }
     result.dataLink = file.dl(links, result.blockBytes);
+    file.signalGroup({{.name = "first", .byteOffset = sizeof(double), .bitCount = 16}},
+                     {.name = "signals", .records = count, .dataBytes = recordSize},
+                     result.dataLink);
     result.path = keep(file, name);
     std::ifstream in(result.path, std::ios::binary);
     for (std::uint64_t i = 0; i < blocks; ++i) {

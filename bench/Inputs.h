@@ -46,12 +46,20 @@ class Inputs {
   const RecordFile& frames(std::uint64_t count);
   // float64 seconds and a walk of 16-bit signals.
   const RecordFile& signals(std::uint64_t count, std::uint32_t recordSize);
+  // float64 seconds and so many uint16 with linear conversions, in records of 64 bytes.
+  const RecordFile& words(std::uint64_t count, int channels);
+  // float64 seconds and so many big-endian fields of 12 bits, packed, with linear conversions.
+  const RecordFile& packedFields(std::uint64_t count, int channels);
+  static double factorOf(std::size_t channel) { return 0.25 + 0.5 * static_cast<double>(channel); }
+  static double offsetOf(std::size_t channel) { return static_cast<double>(channel) - 40; }
   // Records of 23 bytes are CAN frames, others signals; `transposed` ones lie column by column.
   const CompressedFile& compressed(std::uint64_t blocks, std::uint32_t recordSize, bool transposed);
   // Groups of channels without records; each channel has its own name, unit and linear conversion.
   const std::string& channels(std::uint64_t groups, std::uint64_t channelsPerGroup);
 
  private:
+  const RecordFile& columns(const std::string& name, std::uint64_t count, std::uint32_t recordSize,
+                            std::vector<test::Cn> channels);
   std::string keep(const test::FileBuilder& file, const std::string& name);
 
   test::TempDir folder_;

@@ -69,6 +69,7 @@ int main(int argc, char** argv) {
   addFrameBenches();
   addRecordBenches();
   addCompressionBenches();
+  addColumnBenches();
   addOpenBenches();
   addRecordingBenches();
   addAsyncBenches();

@@ -348,6 +348,53 @@ TEST(ColumnReader, TakesApartWhatIsUnsorted) {
                                      "and states 0 of them: taken for what is there"});
 }
 
+// Blocks that are stored column by column, of whole records or not, for records of that size or for
+// another one: their columns are those of the same bytes as they are.
+TEST(ColumnReader, TakesColumnsOutOfTransposedBlocks) {
+  constexpr std::uint32_t kSize = 16;
+  constexpr std::uint64_t kRecords = 9'000;
+  Bytes bytes(kRecords * kSize);
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    bytes[i] = static_cast<std::uint8_t>(i * 2'654'435'761U >> 24);
+  }
+  struct Case {
+    std::size_t block;  // bytes
+    std::uint32_t columns;
+  };
+  std::string want;
+  for (const Case& one : {Case{bytes.size(), 0}, Case{1600 * kSize, kSize}, Case{24'000, kSize},
+                          Case{7777, kSize}, Case{1600 * kSize, 24}}) {
+    FileBuilder builder;
+    std::vector<Link> blocks;
+    for (std::size_t at = 0; at < bytes.size(); at += one.block) {
+      const auto begin = bytes.begin() + static_cast<std::ptrdiff_t>(at);
+      const Bytes part(begin,
+                       begin + static_cast<std::ptrdiff_t>(std::min(one.block, bytes.size() - at)));
+      blocks.push_back(one.columns == 0 ? builder.dt(part)
+                                        : builder.dz(part, "DT", 1, one.columns));
+    }
+    test::Cg group;
+    group.records = kRecords;
+    group.dataBytes = kSize - 1;
+    group.invalBytes = 1;
+    std::vector<Cn> channels = {field("few", 1, 9, 12, 2), field("all", 10, 0, 120)};
+    channels[0].flags = 2;
+    channels[0].invalBitPos = 7;
+    builder.signalGroup(channels, group, builder.dl(blocks));
+    MdfColumnReader reader(builder.write());
+    ASSERT_TRUE(reader.open()) << reader.error();
+    std::vector<MdfColumn> few;
+    std::string got = valuesOf(reader, "few") + valuesOf(reader, "all");
+    for (const std::uint64_t first : {1599U, 1600U, 2999U, 8999U}) {
+      ASSERT_TRUE(reader.read(0, {1}, first, 5, few));
+      got += shown(few[0]);
+    }
+    if (want.empty()) want = got;
+    EXPECT_TRUE(got == want) << "blocks of " << one.block << ", columns of " << one.columns;
+    EXPECT_EQ(reader.problems(), std::vector<std::string>());
+  }
+}
+
 // A recording that started then: of each record its time in ticks, the status and a text of its
 // number, and that number.
 FileBuilder timedFile(std::int64_t startNs, int first, int records, double factor = 1e-9,

@@ -19,7 +19,7 @@ struct InflatedBlock {
   std::uint64_t cost() const { return std::max(bytes.size(), kLeastCost); }
 
   ByteBuffer bytes;
-  std::uint64_t size = 0;  // bytes inflated: fewer than stated when the stream ends early
+  std::uint64_t size = 0;      // bytes inflated: fewer than stated when the stream ends early
   std::uint64_t rowBytes = 0;  // not 0: they lie column by column, of rows of so many bytes
 };
 

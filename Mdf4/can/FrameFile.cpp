@@ -88,7 +88,7 @@ void FrameFile::addSorted(const ModelGroup& group, const std::vector<FrameSource
                           const LaneSettings& settings) {
   const auto size = static_cast<std::size_t>(group.recordSize());
   for (const FrameSource& source : sources) {
-    std::unique_ptr<RecordBatches> records = size == 0 ? nullptr : data_.batches(group);
+    std::shared_ptr<RecordBatches> records = size == 0 ? nullptr : data_.batches(group);
     if (records == nullptr) {
       file_.report(formatText("data group %d: its records of %zu bytes cannot be read",
                               int{settings.dataGroup}, size));

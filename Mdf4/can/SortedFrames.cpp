@@ -11,7 +11,7 @@ constexpr std::size_t kAtOnce = 1024;  // records
 }  // namespace
 
 SortedFrames::SortedFrames(DirectFile& file, const LaneSettings& settings,
-                           const FrameSource& source, std::unique_ptr<RecordBatches> records,
+                           const FrameSource& source, std::shared_ptr<RecordBatches> records,
                            std::size_t recordSize, std::unique_ptr<PayloadSource> payloads)
     : FrameLane(file, settings),
       records_(std::move(records)),

@@ -16,7 +16,7 @@ class SortedFrames final : public FrameLane {
  public:
   // `payloads` may be null, where there are none outside of the records.
   SortedFrames(DirectFile& file, const LaneSettings& settings, const FrameSource& source,
-               std::unique_ptr<RecordBatches> records, std::size_t recordSize,
+               std::shared_ptr<RecordBatches> records, std::size_t recordSize,
                std::unique_ptr<PayloadSource> payloads);
 
   void append(std::span<const FrameEntry> entries, MdfFrameBatch& out) override;
@@ -35,7 +35,7 @@ class SortedFrames final : public FrameLane {
   std::uint64_t firstAt(std::int64_t timeNs);
   void add(std::size_t count);
 
-  std::unique_ptr<RecordBatches> records_;
+  std::shared_ptr<RecordBatches> records_;
   std::unique_ptr<PayloadSource> payloads_;
   CanRecordDecoder decoder_;
   FrameTime time_;

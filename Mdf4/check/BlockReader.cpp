@@ -101,7 +101,7 @@ std::shared_ptr<const InflatedBlock> BlockReader::inflate(const StoredPart& part
   if (!canBeHeld(part)) return nullptr;
   DirectFile& file = walk_.file();
   return file.inflatedBlocks().fetch(
-      part.position, part.length, file.end(), [&](InflatedBlock& block, bool again) {
+      part.position, part.length, file.end(), false, [&](InflatedBlock& block, bool again) {
         const std::uint64_t cost = std::max(part.length, InflatedBlock::kLeastCost);
         if (again ? !file.budget().takeAgain(cost) : !charge(part.length)) return false;
         block.size = part.length;

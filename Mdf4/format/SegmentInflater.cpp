@@ -15,22 +15,23 @@ constexpr std::uint64_t kPiece = 256 * 1024;  // bytes that are read at a time
 
 }  // namespace
 
-bool SegmentInflater::inflate(DataSegment& segment, bool forValues,
+bool SegmentInflater::inflate(DataSegment& segment, bool forValues, bool asStored,
                               std::shared_ptr<InflatedBlock>& block) {
   const std::shared_ptr<InflatedBlock> before = std::move(block);
   block = file_.inflatedBlocks().fetch(
-      segment.position, segment.length, forValues ? file_.end() : 0,
+      segment.position, segment.length, forValues ? file_.end() : 0, asStored,
       [&](InflatedBlock& made, bool again) {
         const std::uint64_t cost = std::max(segment.length, InflatedBlock::kLeastCost);
         if (again && forValues && !file_.budget().takeAgain(cost)) return false;
         if (before.use_count() == 1) made.bytes = std::move(before->bytes);
-        return inflateNew(segment, again, made);
+        return inflateNew(segment, again, asStored, made);
       });
   return block != nullptr;
 }
 
 // A block that cannot be inflated counts as damaged, unless memory or the system's reads failed.
-bool SegmentInflater::inflateNew(DataSegment& segment, bool again, InflatedBlock& out) {
+bool SegmentInflater::inflateNew(DataSegment& segment, bool again, bool asStored,
+                                 InflatedBlock& out) {
   const std::uint64_t block = segment.position - kBlockHeaderSize;
   const std::uint64_t failed = file_.reads().failures();
   const auto report = [&](const std::string& text) {
@@ -54,7 +55,9 @@ bool SegmentInflater::inflateNew(DataSegment& segment, bool again, InflatedBlock
     return false;
   }
   if (!inflater_) inflater_.emplace(file_, kPiece);
-  const Inflation result = inflater_->inflateRows(data, segment.length, out.bytes);
+  const Inflation result = asStored ? inflater_->inflateStored(data, segment.length, out.bytes)
+                                    : inflater_->inflateRows(data, segment.length, out.bytes);
+  out.rowBytes = asStored && data.isTransposed() ? data.record.dz_zip_parameter : 0;
   switch (result.end) {
     case Inflation::Whole:
       break;

@@ -19,7 +19,13 @@ class SegmentInflater {
   // already, or inflated anew, then in the same memory when nobody else uses it. Null when that
   // fails. `forValues`: the file holds them for values to come.
   [[nodiscard]] bool inflate(DataSegment& segment, bool forValues,
-                             std::shared_ptr<InflatedBlock>& block);
+                             std::shared_ptr<InflatedBlock>& block) {
+    return inflate(segment, forValues, false, block);
+  }
+  // The same of records of which few bytes are wanted: what is stored column by column stays so.
+  [[nodiscard]] bool inflateStored(DataSegment& segment, std::shared_ptr<InflatedBlock>& block) {
+    return inflate(segment, false, true, block);
+  }
 
   std::uint64_t heldBytes() const { return inflater_ ? inflater_->heldBytes() : 0; }
   void releaseBuffers() {
@@ -27,7 +33,10 @@ class SegmentInflater {
   }
 
  private:
-  [[nodiscard]] bool inflateNew(DataSegment& segment, bool again, InflatedBlock& out);
+  [[nodiscard]] bool inflate(DataSegment& segment, bool forValues, bool asStored,
+                             std::shared_ptr<InflatedBlock>& block);
+  [[nodiscard]] bool inflateNew(DataSegment& segment, bool again, bool asStored,
+                                InflatedBlock& out);
 
   DirectFile& file_;
   std::optional<BlockInflater> inflater_;  // made for the first one

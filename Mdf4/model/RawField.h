@@ -50,6 +50,9 @@ class RawField {
            std::uint32_t bitOffset);
 
   NumberType type() const { return type_; }
+  // The bytes of a record that it is in: where they begin, and how many.
+  std::uint64_t byte() const { return place_.byte(); }
+  std::uint64_t touched() const { return place_.touched(); }
   // Whether a record of that size holds all of it.
   bool isInside(std::uint64_t recordSize) const { return place_.isInside(recordSize); }
   // The bits of one record's number.

@@ -7,7 +7,8 @@ namespace tolvex {
 
 SortedBatches::SortedBatches(DirectFile& file, std::shared_ptr<SegmentTable> table,
                              std::uint32_t dataBytes, std::uint32_t invalidationBytes)
-    : table_(std::move(table)),
+    : file_(file),
+      table_(std::move(table)),
       stream_(file, table_),
       recordSize_(std::uint64_t{dataBytes} + invalidationBytes),
       storedSize_(recordSize_) {
@@ -27,6 +28,13 @@ RecordBatch SortedBatches::next(std::uint64_t most) {
   RecordBatch batch;
   most = std::min(most, count_ - next_);
   if (most == 0) return batch;
+  if (transposed_) {
+    const ByteSpan bytes = transposed_->next(next_, most);
+    batch.rows = {bytes.data(), inMemory(recordSize_), bytes.size() / inMemory(recordSize_),
+                  bytes.data() + bytes.size()};
+    next_ += batch.rows.count;
+    if (batch.rows.count != 0) return batch;
+  }
   // An empty block ends what the stream gives, but not the records.
   if (stream_.position() != next_ * storedSize_) stream_.Seek(next_ * storedSize_);
   batch.rows = rowsInMemory(most);
@@ -37,6 +45,15 @@ RecordBatch SortedBatches::next(std::uint64_t most) {
   if (batch.rows.count == 0) batch.lost = passLost(most);
   next_ += batch.count();
   return batch;
+}
+
+// To put all bytes of a block into their places is the faster way for more than half of them.
+void SortedBatches::want(const std::vector<RecordBytes>& bytes) {
+  std::uint64_t count = 0;
+  for (const RecordBytes& range : bytes) count += range.count;
+  transposed_.reset();
+  if (recordSize_ == 0 || stream_.merges() || count > recordSize_ / 2) return;
+  transposed_.emplace(file_, table_, recordSize_, bytes);
 }
 
 RecordRows SortedBatches::rowsInMemory(std::uint64_t most) {

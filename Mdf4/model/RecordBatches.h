@@ -3,8 +3,10 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
+#include "Mdf4/format/TransposedRecords.h"
 #include "Mdf4/format/m4DataStream.h"
 #include "Mdf4/model/RawField.h"
 
@@ -29,6 +31,8 @@ class RecordBatches {
   virtual RecordBatch next(std::uint64_t most) = 0;
   // Reading in order fetches up to this many bytes at a time.
   virtual void limitReadAhead(std::uint64_t /*bytes*/) {}
+  // From now on only these bytes of each record are looked at; others may be anything.
+  virtual void want(const std::vector<RecordBytes>& /*bytes*/) {}
 
  protected:
   RecordBatches() = default;
@@ -47,13 +51,16 @@ class SortedBatches final : public RecordBatches {
   void seek(std::uint64_t record) override;
   RecordBatch next(std::uint64_t most) override;
   void limitReadAhead(std::uint64_t bytes) override { stream_.limitReadAhead(bytes); }
+  void want(const std::vector<RecordBytes>& bytes) override;
 
  private:
   RecordRows rowsInMemory(std::uint64_t most);
   std::uint64_t passLost(std::uint64_t most);
 
+  DirectFile& file_;
   std::shared_ptr<SegmentTable> table_;
   m4DataStream stream_;
+  std::optional<TransposedRecords> transposed_;  // when few bytes are wanted
   std::uint64_t recordSize_;
   std::uint64_t storedSize_;  // of it in the data: without what column storage keeps apart
   std::uint64_t count_ = 0;

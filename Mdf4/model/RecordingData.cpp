@@ -121,25 +121,34 @@ std::shared_ptr<MixedRecords> RecordingData::mixed(const ModelGroup& group) {
              std::make_shared<MixedRecords>(file_, segments, data.recordIdSize, std::move(members));
 }
 
-std::unique_ptr<RecordBatches> RecordingData::batches(const ModelGroup& group) {
+std::shared_ptr<RecordBatches> RecordingData::batches(const ModelGroup& group) {
+  if (lastGroup_ != &group || lastBatches_.use_count() != 1) {
+    lastBatches_.reset();
+    lastBatches_ = newBatches(group);
+    lastGroup_ = &group;
+  }
+  return lastBatches_;
+}
+
+std::shared_ptr<RecordBatches> RecordingData::newBatches(const ModelGroup& group) {
   const ModelDataGroup& data = tree_.dataGroups[static_cast<std::size_t>(group.dataGroup)];
   if (group.holdsValues()) return nullptr;
   if (data.recordIdSize != 0) {
     const std::shared_ptr<MixedRecords> records = mixed(group);
     if (records == nullptr) return nullptr;
     const auto number = static_cast<std::size_t>(&group - &tree_.groups[data.firstGroup]);
-    return std::make_unique<MixedBatches>(records, number);
+    return std::make_shared<MixedBatches>(records, number);
   }
   const std::uint64_t size = group.recordSize();
   if (size == 0) {
     // A number that nothing in the file stands for.
     const std::uint64_t most = kAlwaysRecords + 16 * file_.end();
-    return std::make_unique<CountedBatches>(std::min(group.record.cg_cycle_count, most));
+    return std::make_shared<CountedBatches>(std::min(group.record.cg_cycle_count, most));
   }
   if (size > kLargestRecord || data.groups != 1) return nullptr;
   const std::shared_ptr<SegmentTable> segments = recordTable(group);
   if (!segments->valid()) return nullptr;
-  return std::make_unique<SortedBatches>(file_, segments, group.record.cg_data_bytes,
+  return std::make_shared<SortedBatches>(file_, segments, group.record.cg_data_bytes,
                                          group.record.cg_inval_bytes);
 }
 
@@ -160,6 +169,8 @@ std::unique_ptr<ValueSource> RecordingData::values(const ModelGroup& group,
 
 void RecordingData::clear() {
   mixed_.clear();
+  lastGroup_ = nullptr;
+  lastBatches_.reset();
   tables_.clear();
 }
 

@@ -24,8 +24,9 @@ class RecordingData {
   // Gives that problem, or "".
   std::string reportUnfinished();
 
-  // The records of a group; null when there are none to be told apart.
-  std::unique_ptr<RecordBatches> batches(const ModelGroup& group);
+  // The records of a group; null when there are none to be told apart. When nobody has them any
+  // more, those that were asked for last are given again: reading on costs no second inflating.
+  std::shared_ptr<RecordBatches> batches(const ModelGroup& group);
   // The values of a channel whose records have offsets; null when there are none.
   std::unique_ptr<ValueSource> values(const ModelGroup& group, const ModelChannel& channel);
   // The sequence that a group's records are in, with those of others or with ids; null when it
@@ -36,6 +37,7 @@ class RecordingData {
   void clear();
 
  private:
+  std::shared_ptr<RecordBatches> newBatches(const ModelGroup& group);
   std::shared_ptr<SegmentTable> recordTable(const ModelGroup& group);
   std::shared_ptr<SegmentTable> whatIsThere(std::uint64_t dataLink);
   std::uint64_t endOfLast(std::uint64_t position) const;
@@ -45,6 +47,8 @@ class RecordingData {
   const ChannelTree& tree_;
   std::unordered_map<std::uint64_t, std::shared_ptr<SegmentTable>> tables_;  // by data link
   std::unordered_map<std::size_t, std::shared_ptr<MixedRecords>> mixed_;     // by data group
+  const ModelGroup* lastGroup_ = nullptr;
+  std::shared_ptr<RecordBatches> lastBatches_;
 };
 
 }  // namespace tolvex

@@ -218,6 +218,30 @@ ColumnPlan planColumn(const ModelGroup& group, const ModelChannel& channel) {
   return Planner(group, channel).plan();
 }
 
+void addBytes(const ColumnPlan& plan, std::vector<RecordBytes>& ranges) {
+  const auto add = [&](std::size_t dimensions, std::int64_t first, std::int64_t size,
+                       std::int64_t ArrayDimension::*step, std::int64_t perByte) {
+    const auto [low, high] = reach({plan.dimensions.data(), dimensions}, first, step);
+    const auto begin = static_cast<std::size_t>(low / perByte);
+    ranges.push_back({begin, static_cast<std::size_t>((high + size - 1) / perByte + 1) - begin});
+  };
+  using Kind = ColumnPlan::Kind;
+  if (plan.kind == Kind::Number || plan.kind == Kind::Value) {
+    add(plan.dimensions.size(), static_cast<std::int64_t>(plan.number->byte()),
+        static_cast<std::int64_t>(plan.number->touched()), &ArrayDimension::byteStep, 1);
+  } else if (plan.kind == Kind::Bytes || plan.kind == Kind::Sized) {
+    add(plan.dimensions.size(), plan.byte, static_cast<std::int64_t>(plan.size),
+        &ArrayDimension::byteStep, 1);
+  }
+  if (plan.kind == Kind::Sized) {
+    ranges.push_back({inMemory(plan.number->byte()), inMemory(plan.number->touched())});
+  }
+  for (const ColumnPlan::InvalidBits& bits : plan.invalidBits) {
+    add(bits.dimensions, std::int64_t{plan.dataBytes} * 8 + static_cast<std::int64_t>(bits.first),
+        1, &ArrayDimension::invalidBitStep, 8);
+  }
+}
+
 void planConversion(ColumnPlan& plan, std::uint64_t conversion, ConversionLoader& conversions) {
   if (plan.kind == ColumnPlan::Kind::None) return;
   using Input = ValueConversion::Input;

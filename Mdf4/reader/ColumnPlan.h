@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Mdf4/format/TransposedRecords.h"
 #include "Mdf4/model/ChannelTree.h"
 #include "Mdf4/model/RawField.h"
 #include "Mdf4/model/TimeScale.h"
@@ -52,7 +53,9 @@ struct ColumnPlan {
 
 // Plans the column of a channel of the group, whose conversion and type are still missing.
 ColumnPlan planColumn(const ModelGroup& group, const ModelChannel& channel);
-// Adds those.
+// Adds to `ranges` which bytes of a record the column is made of.
+void addBytes(const ColumnPlan& plan, std::vector<RecordBytes>& ranges);
+// Adds conversion and type.
 void planConversion(ColumnPlan& plan, std::uint64_t conversion, ConversionLoader& conversions);
 // Of a master of time: adds what its values are on the clock.
 void planTime(ColumnPlan& plan, const TimeScale::Base& base);

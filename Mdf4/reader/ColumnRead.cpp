@@ -42,6 +42,22 @@ void fill(RecordBatches* records, const Share& share,
   for (const auto& builder : builders) builder->appendLost(share.count - done);
 }
 
+std::vector<RecordBytes> bytesThatMatter(std::span<const ColumnPlan> plans) {
+  std::vector<RecordBytes> ranges;
+  for (const ColumnPlan& plan : plans) addBytes(plan, ranges);
+  std::ranges::sort(ranges, {}, &RecordBytes::first);
+  std::vector<RecordBytes> joined;
+  for (const RecordBytes& range : ranges) {
+    if (joined.empty() || joined.back().first + joined.back().count < range.first) {
+      joined.push_back(range);
+    } else {
+      RecordBytes& last = joined.back();
+      last.count = std::max(last.count, range.first + range.count - last.first);
+    }
+  }
+  return joined;
+}
+
 class ColumnRead {
  public:
   ColumnRead(std::span<const ColumnPart> parts, std::span<const WantedColumn> wanted,
@@ -139,7 +155,8 @@ class ColumnRead {
                                                          sources.back().get(),
                                                          assemblies_[i].placeOf(share.row)));
     }
-    const std::unique_ptr<RecordBatches> records = data.batches(group);
+    const std::shared_ptr<RecordBatches> records = data.batches(group);
+    if (records != nullptr) records->want(bytesThatMatter(plans_[share.part]));
     fill(records.get(), share, builders);
     for (const auto& builder : builders) share.columns.push_back(builder->finish());
   }
