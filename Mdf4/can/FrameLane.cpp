@@ -28,6 +28,22 @@ void FrameLane::take(std::size_t count) {
   takenNs_ = entries_[next_ - 1].timeNs;
 }
 
+void FrameLane::append(std::span<const FrameEntry> entries, MdfFrameBatch& out) {
+  const std::size_t first = out.count;
+  decode(entries, out);
+  if (reportedPayload_) return;
+  const auto begin = out.flags.begin() + static_cast<std::ptrdiff_t>(first);
+  const auto end = out.flags.begin() + static_cast<std::ptrdiff_t>(out.count);
+  const auto missing = std::find_if(
+      begin, end, [](std::uint16_t flags) { return (flags & MdfFrameFlag::kPayloadMissing) != 0; });
+  if (missing == end) return;
+  reportedPayload_ = true;  // once: it is mostly all of them
+  const auto row = static_cast<std::size_t>(missing - out.flags.begin());
+  file_.report(formatText("data group %d: record %" PRIu64
+                          ": its payload is not in the file or cannot be read",
+                          int{settings_.dataGroup}, out.record[row]));
+}
+
 void FrameLane::refill() {
   entries_.erase(entries_.begin(), entries_.begin() + static_cast<std::ptrdiff_t>(next_));
   moved(next_, false);

@@ -39,7 +39,7 @@ class FrameLane {
   std::span<const FrameEntry> ready();
   void take(std::size_t count);
   // Decodes entries that are ready.
-  virtual void append(std::span<const FrameEntry> entries, MdfFrameBatch& out) = 0;
+  void append(std::span<const FrameEntry> entries, MdfFrameBatch& out);
   // The latest of all times: moves away from where the lane is. Nothing when it has no frames.
   std::int64_t latest();
 
@@ -52,6 +52,7 @@ class FrameLane {
   // Adds entries of some more records to entries_; false at the end, when there may be some, too.
   virtual bool collect() = 0;
   virtual std::size_t recordSize(const FrameEntry& entry) const = 0;
+  virtual void decode(std::span<const FrameEntry> entries, MdfFrameBatch& out) = 0;
   // After entries moved; `sorted`: not all by the same distance.
   virtual void moved(std::size_t /*dropped*/, bool /*sorted*/) {}
   // How many of the first `count` entries may be taken.
@@ -78,6 +79,7 @@ class FrameLane {
   std::size_t ready_ = 0;  // those in front of it may be taken
   bool atEnd_ = false;
   bool reportedDisorder_ = false;
+  bool reportedPayload_ = false;                                     // that one is missing
   std::int64_t takenNs_ = std::numeric_limits<std::int64_t>::min();  // of the last one taken
   std::vector<std::uint8_t> kept_;
   std::vector<std::uint8_t> keptBefore_;

@@ -52,7 +52,7 @@ MixedFrames::MixedFrames(DirectFile& file, const LaneSettings& settings,
 }
 
 // Entries of one group after the other, as they follow one another.
-void MixedFrames::append(std::span<const FrameEntry> entries, MdfFrameBatch& out) {
+void MixedFrames::decode(std::span<const FrameEntry> entries, MdfFrameBatch& out) {
   while (!entries.empty()) {
     const std::uint32_t index = entries.front().source;
     const auto end = std::ranges::find_if(

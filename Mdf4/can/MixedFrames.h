@@ -37,8 +37,6 @@ class MixedFrames final : public FrameLane {
   MixedFrames(DirectFile& file, const LaneSettings& settings, std::shared_ptr<SegmentTable> table,
               std::uint8_t recordIdSize, std::vector<Group> groups, bool byOrder);
 
-  void append(std::span<const FrameEntry> entries, MdfFrameBatch& out) override;
-
  private:
   static constexpr std::uint64_t kMostOfValue = kMaxPayload + 1;  // bytes that are looked at
 
@@ -80,6 +78,7 @@ class MixedFrames final : public FrameLane {
 
   void seek(std::int64_t timeNs) override;
   bool collect() override;
+  void decode(std::span<const FrameEntry> entries, MdfFrameBatch& out) override;
   std::size_t recordSize(const FrameEntry& entry) const override {
     return sources_[entry.source].recordSize;
   }

@@ -23,7 +23,7 @@ SortedFrames::SortedFrames(DirectFile& file, const LaneSettings& settings,
   records_->limitReadAhead(settings.readAhead);
 }
 
-void SortedFrames::append(std::span<const FrameEntry> entries, MdfFrameBatch& out) {
+void SortedFrames::decode(std::span<const FrameEntry> entries, MdfFrameBatch& out) {
   decoder_.append(entries, size_, payloads_.get(), out);
 }
 

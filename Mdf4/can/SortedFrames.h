@@ -19,11 +19,10 @@ class SortedFrames final : public FrameLane {
                std::shared_ptr<RecordBatches> records, std::size_t recordSize,
                std::unique_ptr<PayloadSource> payloads);
 
-  void append(std::span<const FrameEntry> entries, MdfFrameBatch& out) override;
-
  private:
   void seek(std::int64_t timeNs) override;
   bool collect() override;
+  void decode(std::span<const FrameEntry> entries, MdfFrameBatch& out) override;
   std::size_t recordSize(const FrameEntry& /*entry*/) const override { return size_; }
 
   // A record that can be read, and its time.

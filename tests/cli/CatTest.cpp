@@ -170,12 +170,69 @@ TEST(Cat, ShowsErrorsByTheirTypeAndNamesWhatItLeavesOut) {
   EXPECT_EQ(csv.at(5), "0,0.000000000,1,error,0,0,0,,,rx,,,,,0,0,,,,4,0,0,0,0,0,0,0");
 }
 
-TEST(Cat, RefusesAnUnsortedGroup) {
-  FileBuilder file;
+// Seconds since the start or since 1970, and dates, on the clock of the file and on others. The
+// file's clocks are two hours ahead of UTC.
+TEST(Cat, TakesTimesInEveryForm) {
+  FileBuilder file(
+      {.startTimeNs = kStartNs, .zoneMinutes = 60, .daylightMinutes = 60, .timeFlags = 2});
   const BusLayout layout = dataFrames();
-  const Link group = file.busLog(layout, {busRecord(layout, 0, {{"ID", 1}})});
-  file.setByte(file.dataPosition(group), 1);  // record ids of one byte
-  EXPECT_EQ(runTolvex("cat " + file.write(), 1, "data group 0 is unsorted").out, "");
+  std::vector<Bytes> records;
+  for (std::uint64_t i = 0; i < 100; ++i) {
+    records.push_back(busRecord(layout, 0.25 * static_cast<double>(i), {{"ID", i}}));
+  }
+  file.busLog(layout, records);
+  const std::string command = "cat " + file.write() + " --format csv";
+  const char* const cases[] = {
+      "--start 2 --end 3",
+      "--start 1627274456 --end 1627274457.000000000",
+      "--start 2021-07-26T04:40:56Z --end 2021-07-26T04:40:57.0Z",
+      "--start '2021-07-26 04:40:56' --end 2021-07-26T06:40:57+02:00",
+      "--time utc --start 2021-07-26T04:40:56 --end 2021-07-26T05:40:57+0100",
+      "--time local --start 2021-07-26T06:40:56 --end 1627281657",
+      "--start 1.750000001 --end 2.750000001",
+  };
+  for (const char* const window : cases) {
+    const Lines lines = runTolvex(command + " " + window, 0).lines();
+    ASSERT_EQ(lines.size(), 5U) << window;
+    const bool isLocal = std::string(window).starts_with("--time local");
+    EXPECT_EQ(lines[1].substr(0, 33),
+              isLocal ? "2000000000,1627281656.000000000,2" : "2000000000,1627274456.000000000,2")
+        << window;
+  }
+}
+
+TEST(Cat, PrintsTheFramesThatAreChosen) {
+  const FileBuilder file = mixedBusLog();
+  const std::string path = file.write();
+  const struct {
+    const char* options;
+    std::size_t frames;
+    const char* said;
+  } cases[] = {
+      {"--id 0x123", 2, ""},
+      {"--id 291,0x7ff --bus 1", 2, ""},
+      {"--bus can1", 1, ""},
+      {"--bus 1 --bus 2 --start 0 --end 2", 2, ""},
+      {"--id 0x124", 0, "no such frames\n"},
+      {"--id 0x123 --start 1 --end 2", 0, "no such frames in that time"},
+      {"--id 0x123 --start 4", 0, "no frames in that time; the recording has them from -0.5"},
+  };
+  for (const auto& [options, frames, said] : cases) {
+    const Outcome outcome = runTolvex("cat " + path + " " + options, 0, said);
+    EXPECT_EQ(outcome.lines().size(), frames) << options;
+    EXPECT_EQ(outcome.err.empty(), frames > 0) << outcome.err;
+  }
+  const TempDir folder;
+  const std::string log = folder.path("frames.log");
+  runTolvex("cat " + path + " -o " + log, 0);
+  runTolvex("cat " + path + " --id 0x7FF -o " + log, 2, "exists; --force overwrites it");
+  EXPECT_EQ(runTolvex("info " + path + " > /dev/null; cat " + log).lines().size(), 5U);
+}
+
+TEST(Cat, PrintsWhatALoggerDidNotFinish) {
+  const Outcome outcome = runTolvex("cat " + realFile("unfinalized-00000002.MF4"), 0,
+                                    "an unfinalized recording (flags 0x0025 at 60): taken for");
+  EXPECT_EQ(outcome.lines().size(), 9600U);
 }
 
 TEST(Cat, SaysHowManyPromisedFramesAreMissing) {

@@ -1,6 +1,7 @@
 // What the commands say of a disk that fails, with the reads of the program's process failing.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 
@@ -24,7 +25,8 @@ TEST(FailingReadsOfCommands, AreToldWithPositionAndTheSystemsWords) {
   const std::string in = dir.path("in.mf4");
   const std::string out = dir.path("out.mf4");
   ASSERT_EQ(runTolvex("record " + log + " -o " + in).exitCode, 0);
-  const std::string whole = runTolvex("cat " + in).out;
+  const Outcome before = runTolvex("cat " + in);
+  const std::vector<std::string> lines = before.lines();  // in order
   const struct {
     const char* faults;
     std::string arguments;
@@ -49,9 +51,10 @@ TEST(FailingReadsOfCommands, AreToldWithPositionAndTheSystemsWords) {
     const Outcome outcome = runTolvex(arguments, exitCode, said);
     ::unsetenv("LD_PRELOAD");
     if (exitCode == 0) {
-      EXPECT_EQ(runTolvex("cat " + out).out, whole);
+      EXPECT_EQ(runTolvex("cat " + out).out, before.out);
     } else if (arguments.starts_with("cat")) {
-      EXPECT_EQ(outcome.out, whole.substr(0, outcome.out.size()));
+      EXPECT_LT(outcome.lines().size(), lines.size());
+      EXPECT_TRUE(std::ranges::includes(lines, outcome.lines()));
     }
   }
 }

@@ -1,6 +1,7 @@
 // tolvex record: logs of can-utils become bus logs that hold the same frames.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
@@ -74,12 +75,17 @@ class Record : public ::testing::Test {
   std::string output_ = dir_.path("drive.mf4");
 };
 
+// Buses get groups of their own, by which frames of equal time are ordered.
 TEST_F(Record, BringsBackTheLoggersFrames) {
+  const auto sorted = [](Lines lines) {
+    std::ranges::sort(lines);
+    return lines;
+  };
   const Outcome frames = runTolvex("cat " + realFile("raw-00000005.MF4"));
   writeText(log_, frames.out);
   for (const char* options : {"", "--async --force"}) {
     EXPECT_EQ(record(options, 0, output_ + ": 5477 frames (0 error frames)").out, "");
-    EXPECT_EQ(runTolvex("cat " + output_).out, frames.out) << options;
+    EXPECT_EQ(sorted(cat()), sorted(frames.lines())) << options;
   }
 }
 

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 #include <tolvex/Mdf4.h>
 #include <tolvex/MdfColumnReader.h>
+#include <tolvex/MdfFrameReader.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -122,7 +123,8 @@ ExitCode reportProblems(const MdfBaseReader& reader, const std::string& file, Ex
   return problems.empty() ? soFar : kLost;
 }
 
-ExitCode reportProblems(const MdfColumnReader& reader, const std::string& file, ExitCode soFar) {
+template <class Reader>
+static ExitCode reportAll(const Reader& reader, const std::string& file, ExitCode soFar) {
   const std::vector<std::string> problems = reader.problems();
   for (const std::string& problem : problems) {
     complain(file, problem);
@@ -130,7 +132,16 @@ ExitCode reportProblems(const MdfColumnReader& reader, const std::string& file, 
   return problems.size() <= reader.notices().size() ? soFar : kLost;
 }
 
-ExitCode finish(Output& out, const MdfBaseReader& reader, const std::string& file, ExitCode soFar) {
+ExitCode reportProblems(const MdfColumnReader& reader, const std::string& file, ExitCode soFar) {
+  return reportAll(reader, file, soFar);
+}
+
+ExitCode reportProblems(const MdfFrameReader& reader, const std::string& file, ExitCode soFar) {
+  return reportAll(reader, file, soFar);
+}
+
+template <class Reader>
+static ExitCode close(Output& out, const Reader& reader, const std::string& file, ExitCode soFar) {
   if (out.close()) {
     return reportProblems(reader, file, soFar);
   }
@@ -139,6 +150,15 @@ ExitCode finish(Output& out, const MdfBaseReader& reader, const std::string& fil
   }
   complain(out.name(), out.error());
   return kFailed;
+}
+
+ExitCode finish(Output& out, const MdfBaseReader& reader, const std::string& file, ExitCode soFar) {
+  return close(out, reader, file, soFar);
+}
+
+ExitCode finish(Output& out, const MdfFrameReader& reader, const std::string& file,
+                ExitCode soFar) {
+  return close(out, reader, file, soFar);
 }
 
 }  // namespace tolvex

@@ -19,6 +19,7 @@ namespace tolvex {
 
 class MdfBaseReader;
 class MdfColumnReader;
+class MdfFrameReader;
 struct MdfGroupInfo;
 
 enum ExitCode : int {
@@ -83,9 +84,11 @@ bool complainIfUnsorted(const MdfGroupInfo& group, const std::string& file);
 ExitCode reportProblems(const MdfBaseReader& reader, const std::string& file, ExitCode soFar);
 // Likewise; what an unusual file was taken for is said, and no loss.
 ExitCode reportProblems(const MdfColumnReader& reader, const std::string& file, ExitCode soFar);
+ExitCode reportProblems(const MdfFrameReader& reader, const std::string& file, ExitCode soFar);
 
 // The exit code after all results were written: closes `out`, which may fail, then reports the
 // problems. A reader of our pipe that went away is a normal end.
 ExitCode finish(Output& out, const MdfBaseReader& reader, const std::string& file, ExitCode soFar);
+ExitCode finish(Output& out, const MdfFrameReader& reader, const std::string& file, ExitCode soFar);
 
 }  // namespace tolvex

@@ -1,6 +1,7 @@
 #include "FrameText.h"
 
 #include <fmt/format.h>
+#include <tolvex/Mdf4.h>
 
 #include <array>
 #include <cstring>
@@ -10,8 +11,6 @@ namespace tolvex {
 
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
-
 // candump's marks: in an identifier "this is an error frame"; in the flags of a CAN FD frame.
 constexpr std::uint32_t kErrorFrameFlag = 0x20000000;
 constexpr std::uint32_t kIdentifierMask = 0x1FFFFFFF;
@@ -20,10 +19,28 @@ constexpr unsigned kFlagBrs = 1;
 constexpr unsigned kFlagEsi = 2;
 constexpr std::size_t kMaxClassicLength = 8;
 
-// More than any line has beside its payload.
+// More than any line has.
 constexpr std::size_t kLineRoom = 2048;
 
 constexpr char kHexDigits[] = "0123456789ABCDEF";
+
+// Two characters for each number: "00" to "99", and "00" to "FF".
+constexpr auto kPairs = [] {
+  std::array<char, 200> pairs{};
+  for (std::size_t i = 0; i < 100; ++i) {
+    pairs[2 * i] = static_cast<char>('0' + i / 10);
+    pairs[2 * i + 1] = static_cast<char>('0' + i % 10);
+  }
+  return pairs;
+}();
+constexpr auto kHexPairs = [] {
+  std::array<char, 512> pairs{};
+  for (std::size_t i = 0; i < 256; ++i) {
+    pairs[2 * i] = kHexDigits[i >> 4];
+    pairs[2 * i + 1] = kHexDigits[i & 0xF];
+  }
+  return pairs;
+}();
 
 char* putText(char* at, std::string_view text) {
   std::memcpy(at, text.data(), text.size());
@@ -36,6 +53,18 @@ char* putNumber(char* at, Integer value) {
   return putText(at, {digits.data(), digits.size()});
 }
 
+// The last so many digits.
+char* putDigits(char* at, std::uint32_t value, int digits) {
+  int i = digits;
+  for (; i > 1; i -= 2, value /= 100) {
+    std::memcpy(at + i - 2, &kPairs[value % 100 * 2], 2);
+  }
+  if (i == 1) {
+    *at = static_cast<char>('0' + value % 10);
+  }
+  return at + digits;
+}
+
 char* putHex(char* at, std::uint32_t value, int digits) {
   for (int i = digits; i-- > 0; value >>= 4) {
     at[i] = kHexDigits[value & 0xF];
@@ -43,74 +72,25 @@ char* putHex(char* at, std::uint32_t value, int digits) {
   return at + digits;
 }
 
-char* putHex(char* at, const Bytes& bytes) {
-  for (const std::uint8_t byte : bytes) {
-    *at++ = kHexDigits[byte >> 4];
-    *at++ = kHexDigits[byte & 0xF];
+char* putData(char* at, const MdfFrameView& frame) {
+  for (std::size_t i = 0; i < frame.length; ++i, at += 2) {
+    std::memcpy(at, &kHexPairs[std::size_t{2} * frame.data[i]], 2);
   }
   return at;
 }
 
-// A point in time since 1970: whole seconds, rounded down, and nanoseconds on top.
-struct Instant {
-  std::int64_t seconds;
-  std::uint32_t nanoseconds;
-};
-
-Instant instantOf(std::uint64_t startTimeNs, std::int64_t frameNs) {
-  constexpr std::int64_t kSecond = 1'000'000'000;
-  std::int64_t seconds = frameNs / kSecond;
-  std::int64_t rest = frameNs % kSecond;
-  if (rest < 0) {
-    rest += kSecond;
-    --seconds;
-  }
-  seconds += static_cast<std::int64_t>(startTimeNs / kSecond);
-  rest += static_cast<std::int64_t>(startTimeNs % kSecond);
-  if (rest >= kSecond) {
-    rest -= kSecond;
-    ++seconds;
-  }
-  return {seconds, static_cast<std::uint32_t>(rest)};
+bool has(const MdfFrameView& frame, std::uint16_t flag) {
+  return (frame.flags & flag) != 0;
 }
 
-// Seconds with `digits` (9 or 6) decimals; the last of 6 is rounded to the nearest.
-char* putSeconds(char* at, Instant time, int digits) {
-  std::uint32_t unit = 1'000'000'000;
-  std::uint32_t fraction = time.nanoseconds;
-  if (digits == 6) {
-    unit = 1'000'000;
-    fraction = (fraction + 500) / 1000;
-    if (fraction == unit) {
-      fraction = 0;
-      ++time.seconds;
-    }
-  }
-  if (time.seconds < 0) {
-    *at++ = '-';
-    time.seconds = -time.seconds;
-    if (fraction > 0) {
-      --time.seconds;
-      fraction = unit - fraction;
-    }
-  }
-  at = putNumber(at, time.seconds);
-  *at = '.';
-  for (int i = digits; i > 0; --i, fraction /= 10) {
-    at[i] = static_cast<char>('0' + fraction % 10);
-  }
-  return at + 1 + digits;
+// Files count from 1.
+std::uint8_t channelOf(const MdfFrameView& frame) {
+  return static_cast<std::uint8_t>(frame.bus - 1);
 }
 
-bool isRemote(const MdfCanMessage& message) {
-  return message.Rtr() && !message.Edl();
-}
-
-// What of a frame's payload is known to be one.
-template <typename Frame>
-const Bytes& payloadOf(const Frame& frame) {
-  static const Bytes kNone;
-  return frame.PayloadMissing() ? kNone : frame.DataBytes();
+// The bytes that a message had on the bus, also when they are lost.
+std::size_t lengthOf(const MdfFrameView& frame) {
+  return frame.isPayloadMissing() ? MdfCanMessage::DlcToLength(frame.dlc) : frame.length;
 }
 
 // The fields of a line in csv and ndjson. A frame has a value, or nothing, for each of them.
@@ -156,26 +136,32 @@ class Row {
     begin();
     at_ = json_ ? putText(at_, value ? "true" : "false") : putText(at_, value ? "1" : "0");
   }
-  void seconds(Instant time) {
+  // Where to put the next value, and behind it.
+  char* place() {
     begin();
-    at_ = putSeconds(at_, time, 9);
+    return at_;
   }
+  void putUpTo(char* end) { at_ = end; }
   void text(std::string_view value) {
     begin();
     quote();
     at_ = putText(at_, value);
     quote();
   }
-  template <typename Frame>
-  void payload(const Frame& frame) {
-    if (frame.PayloadMissing()) {
+  void payload(const MdfFrameView& frame) {
+    if (frame.isPayloadMissing()) {
       nothing(1);
       return;
     }
     begin();
     quote();
-    at_ = putHex(at_, frame.DataBytes());
+    at_ = putData(at_, frame);
     quote();
+  }
+  void zeros(int fields) {
+    for (; fields > 0; --fields) {
+      number(0);
+    }
   }
   void nothing(int fields) {
     for (; fields > 0; --fields) {
@@ -209,75 +195,44 @@ class Row {
   std::size_t field_ = 0;
 };
 
-char* putRow(Row row, const MdfCanMessage& message, std::uint64_t startTimeNs) {
-  const auto timeNs = static_cast<std::int64_t>(message.Timestamp());
-  row.number(timeNs);
-  row.seconds(instantOf(startTimeNs, timeNs));
-  row.number(message.BusChannel());
-  row.text(isRemote(message) ? "remote" : "data");
-  row.number(message.CanId());
-  row.flag(message.ExtendedId());
-  row.flag(message.Edl());
-  row.flag(message.Brs());
-  row.flag(message.Esi());
-  row.text(message.Dir() ? "tx" : "rx");
-  row.flag(message.Srr());
-  row.flag(message.Rtr());
-  row.flag(message.WakeUp());
-  row.flag(message.SingleWire());
-  row.number(message.Dlc());
-  row.number(message.DataBytes().size());
-  row.payload(message);
-  row.number(message.DataIndex());
-  row.number(message.BitPosition());
-  row.number(static_cast<unsigned>(message.ErrorType()));
+void putMessage(Row& row, const MdfFrameView& frame) {
+  row.flag(has(frame, MdfFrameFlag::kBrs));
+  row.flag(has(frame, MdfFrameFlag::kEsi));
+  row.text(frame.isTransmitted() ? "tx" : "rx");
+  row.flag(has(frame, MdfFrameFlag::kSrr));
+  row.flag(has(frame, MdfFrameFlag::kRtr));
+  row.flag(has(frame, MdfFrameFlag::kWakeUp));
+  row.flag(has(frame, MdfFrameFlag::kSingleWire));
+  row.number(frame.dlc);
+  row.number(lengthOf(frame));
+  row.payload(frame);
+  row.number(frame.record);
+  row.zeros(2);    // bit_position, error_type
   row.nothing(3);  // error_flags, tec, rec
-  row.number(message.TimeOffsetBRS());
-  row.number(message.TimeOffsetCRCDel());
-  row.number(message.Crc());
-  row.number(message.BtrExtCfg());
-  return row.end();
+  row.zeros(4);    // time_offset_brs, time_offset_crc_del, crc, btr_ext_cfg
 }
 
-char* putRow(Row row, const MdfCanError& error, std::uint64_t startTimeNs) {
-  const auto timeNs = static_cast<std::int64_t>(error.Timestamp());
-  row.number(timeNs);
-  row.seconds(instantOf(startTimeNs, timeNs));
-  row.number(error.BusChannel());
-  row.text("error");
-  row.number(error.MessageId());
-  row.flag(error.ExtendedId());
-  row.flag(error.IsCanFdError());
+void putError(Row& row, const MdfFrameView& frame) {
+  const MdfFrameError& error = *frame.error;
   row.nothing(2);  // brs, esi
-  row.text(error.Dir() ? "tx" : "rx");
+  row.text(frame.isTransmitted() ? "tx" : "rx");
   row.nothing(4);  // srr, rtr, wake_up, single_wire
-  row.number(error.Dlc());
-  row.number(error.DataLength());
-  row.payload(error);
+  row.number(frame.dlc);
+  row.number(error.dataLength);
+  row.payload(frame);
   row.nothing(2);  // record, bit_position
-  if (error.ErrorType() == CanErrorType::Unknown) {
+  if (static_cast<CanErrorType>(error.errorType) == CanErrorType::Unknown) {
     row.nothing(1);
   } else {
-    row.number(static_cast<unsigned>(error.ErrorType()));
+    row.number(error.errorType);
   }
-  row.number(error.ErrorFlags());
-  row.number(error.Tec());
-  row.number(error.Trec());
-  row.number(error.TimeOffsetBRS());
-  row.number(error.TimeOffsetCRCDel());
-  row.number(error.Crc());
-  row.number(error.BtrExtCfg());
-  return row.end();
-}
-
-// "(SECONDS.MICROSECONDS) canCHANNEL ".
-char* putCandumpStart(char* at, Instant time, std::uint8_t channel) {
-  *at++ = '(';
-  at = putSeconds(at, time, 6);
-  at = putText(at, ") can");
-  at = putNumber(at, channel);
-  *at++ = ' ';
-  return at;
+  row.number(error.errorFlags);
+  row.number(error.tec);
+  row.number(error.rec);
+  row.number(error.timeOffsetBrs);
+  row.number(error.timeOffsetCrcDel);
+  row.number(error.crc);
+  row.number(error.btrExtCfg);
 }
 
 // What follows '#' for a frame without data: its data length code; the codes above 8 stand behind
@@ -289,28 +244,27 @@ char* putLengthCode(char* at, std::uint8_t dlc) {
   return putHex(at, dlc, 1);
 }
 
-char* putCandump(char* at, const MdfCanMessage& message, std::uint64_t startTimeNs) {
-  const auto timeNs = static_cast<std::int64_t>(message.Timestamp());
-  at = putCandumpStart(at, instantOf(startTimeNs, timeNs), message.BusChannel());
-  const bool extended = message.ExtendedId() || message.CanId() > kMaxStandardId;
-  at = putHex(at, message.CanId() & kIdentifierMask, extended ? 8 : 3);
+char* putMessage(char* at, const MdfFrameView& frame) {
+  const bool extended = frame.isExtended() || frame.id > kMaxStandardId;
+  at = putHex(at, frame.id & kIdentifierMask, extended ? 8 : 3);
   *at++ = '#';
-  const Bytes& data = payloadOf(message);
-  if (isRemote(message)) {
+  if (frame.kind == MdfFrameKind::Remote) {
     *at++ = 'R';
-    at = putLengthCode(at, message.Dlc());
-  } else if (message.Edl() || message.DataBytes().size() > kMaxClassicLength) {
-    *at++ = '#';
-    at = putHex(at, (message.Brs() ? kFlagBrs : 0) | (message.Esi() ? kFlagEsi : 0), 1);
-    at = putHex(at, data);
-  } else {
-    at = putHex(at, data);
-    if (data.size() == kMaxClassicLength && message.Dlc() > kMaxClassicLength) {
-      *at++ = '_';
-      at = putHex(at, message.Dlc(), 1);
-    }
+    return putLengthCode(at, frame.dlc);
   }
-  *at++ = '\n';
+  if (frame.isFd() || lengthOf(frame) > kMaxClassicLength) {
+    *at++ = '#';
+    at = putHex(at,
+                (has(frame, MdfFrameFlag::kBrs) ? kFlagBrs : 0) |
+                    (has(frame, MdfFrameFlag::kEsi) ? kFlagEsi : 0),
+                1);
+    return putData(at, frame);
+  }
+  at = putData(at, frame);
+  if (frame.length == kMaxClassicLength && frame.dlc > kMaxClassicLength) {
+    *at++ = '_';
+    at = putHex(at, frame.dlc, 1);
+  }
   return at;
 }
 
@@ -332,30 +286,95 @@ char* putErrorType(char* at, CanErrorType type) {
   }
 }
 
-char* putCandump(char* at, const MdfCanError& error, std::uint64_t startTimeNs) {
-  const auto timeNs = static_cast<std::int64_t>(error.Timestamp());
-  at = putCandumpStart(at, instantOf(startTimeNs, timeNs), error.BusChannel());
-  const Bytes& data = payloadOf(error);
-  if (error.MessageId() == 0 && data.empty()) {
-    at = putErrorType(at, error.ErrorType());
-    *at++ = '\n';
-    return at;
+char* putError(char* at, const MdfFrameView& frame) {
+  if (frame.id == 0 && frame.length == 0) {
+    return putErrorType(at, static_cast<CanErrorType>(frame.error->errorType));
   }
-  at = putHex(at, kErrorFrameFlag | (error.MessageId() & kIdentifierMask), 8);
-  at = putText(at, data.size() > kMaxClassicLength ? "##0" : "#");
-  at = putHex(at, data);
+  at = putHex(at, kErrorFrameFlag | (frame.id & kIdentifierMask), 8);
+  at = putText(at, frame.length > kMaxClassicLength ? "##0" : "#");
+  return putData(at, frame);
+}
+
+}  // namespace
+
+FrameText::Instant FrameText::instantOf(const MdfFrameView& frame) const {
+  constexpr std::int64_t kSecond = 1'000'000'000;
+  std::int64_t seconds = shiftNs_ / kSecond;  // whole ones
+  std::int64_t rest = sinceStart(frame) % kSecond;
+  seconds += sinceStart(frame) / kSecond;
+  if (rest < 0) {
+    rest += kSecond;
+    --seconds;
+  }
+  seconds += static_cast<std::int64_t>(startTimeNs_ / kSecond);
+  rest += static_cast<std::int64_t>(startTimeNs_ % kSecond);
+  if (rest >= kSecond) {
+    rest -= kSecond;
+    ++seconds;
+  }
+  return {seconds, static_cast<std::uint32_t>(rest)};
+}
+
+// Seconds with `digits` (9 or 6) decimals; the last of 6 is rounded to the nearest.
+char* FrameText::putSeconds(char* at, Instant time, int digits) {
+  std::uint32_t unit = 1'000'000'000;
+  std::uint32_t fraction = time.nanoseconds;
+  if (digits == 6) {
+    unit = 1'000'000;
+    fraction = (fraction + 500) / 1000;
+    if (fraction == unit) {
+      fraction = 0;
+      ++time.seconds;
+    }
+  }
+  if (time.seconds < 0) {
+    *at++ = '-';
+    time.seconds = -time.seconds;
+    if (fraction > 0) {
+      --time.seconds;
+      fraction = unit - fraction;
+    }
+  }
+  if (time.seconds != lastSeconds_) {
+    lastSeconds_ = time.seconds;
+    const fmt::format_int text(time.seconds);
+    lastSecondsText_.assign(text.data(), text.size());
+  }
+  at = putText(at, lastSecondsText_);
+  *at++ = '.';
+  return putDigits(at, fraction, digits);
+}
+
+// "(SECONDS.MICROSECONDS) canCHANNEL ", then the frame.
+char* FrameText::putCandump(char* at, const MdfFrameView& frame) {
+  *at++ = '(';
+  at = putSeconds(at, instantOf(frame), 6);
+  at = putText(at, ") can");
+  at = putNumber(at, channelOf(frame));
+  *at++ = ' ';
+  at = frame.error == nullptr ? putMessage(at, frame) : putError(at, frame);
   *at++ = '\n';
   return at;
 }
 
-template <typename Frame>
-void writeFrame(Output& out, FrameFormat format, const Frame& frame, std::uint64_t startTimeNs) {
-  char* at = out.room(kLineRoom + 2 * frame.DataBytes().size());
-  out.advance(format == FrameFormat::Candump ? putCandump(at, frame, startTimeNs)
-                                             : putRow(Row(at, format), frame, startTimeNs));
+char* FrameText::putRow(char* at, const MdfFrameView& frame) {
+  Row row(at, format_);
+  row.number(sinceStart(frame));
+  row.putUpTo(putSeconds(row.place(), instantOf(frame), 9));
+  row.number(channelOf(frame));
+  row.text(frame.error != nullptr               ? "error"
+           : frame.kind == MdfFrameKind::Remote ? "remote"
+                                                : "data");
+  row.number(frame.id);
+  row.flag(frame.isExtended());
+  row.flag(frame.isFd());
+  if (frame.error == nullptr) {
+    putMessage(row, frame);
+  } else {
+    putError(row, frame);
+  }
+  return row.end();
 }
-
-}  // namespace
 
 void FrameText::writeHeader() {
   if (format_ == FrameFormat::Csv) {
@@ -363,12 +382,9 @@ void FrameText::writeHeader() {
   }
 }
 
-void FrameText::write(const MdfCanMessage& message) {
-  writeFrame(out_, format_, message, startTimeNs_);
-}
-
-void FrameText::write(const MdfCanError& error) {
-  writeFrame(out_, format_, error, startTimeNs_);
+void FrameText::write(const MdfFrameView& frame) {
+  char* const at = out_.room(kLineRoom);
+  out_.advance(format_ == FrameFormat::Candump ? putCandump(at, frame) : putRow(at, frame));
 }
 
 }  // namespace tolvex
