@@ -1,11 +1,11 @@
-// Plain functions: columns into the caller's memory, and into memory of their own.
+// Plain functions: columns into the caller's memory, into memory of their own, and as streams.
 #include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <utility>
 #include <vector>
 
-#include "Mdf4/plain/OpenRecording.h"
+#include "Mdf4/plain/ColumnStream.h"
 #include "tolvex/MdfColumns.h"
 
 struct tolvex_column {
@@ -202,4 +202,22 @@ tolvex_status tolvex_column_values(const tolvex_column* column, tolvex_values* v
   described.type = static_cast<std::uint32_t>(held.type());
   described.width = widthOf(held.type());
   return fill(values, described) ? TOLVEX_OK : TOLVEX_ERROR_ARGUMENT;
+}
+
+tolvex_status tolvex_reader_stream(tolvex_reader* reader, int32_t group,
+                                   const tolvex_stream_options* options,
+                                   struct ArrowArrayStream* stream) {
+  if (reader == nullptr) return TOLVEX_ERROR_ARGUMENT;
+  return guarded(reader->error, [&]() -> tolvex_status {
+    if (stream == nullptr) return reader->error.setFixed(TOLVEX_ERROR_ARGUMENT, kNull);
+    tolvex_stream_options given;
+    if (!takeOptions(options, given)) {
+      return reader->error.setFixed(TOLVEX_ERROR_ARGUMENT, kNoSize);
+    }
+    StreamPlan plan;
+    tolvex_status status = TOLVEX_OK;
+    if (!planStream(*reader, group, given, plan, status)) return status;
+    *stream = makeStream(std::make_unique<ColumnStream>(reader->recording, std::move(plan)));
+    return TOLVEX_OK;
+  });
 }

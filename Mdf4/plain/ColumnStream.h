@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "Mdf4/plain/ArrowExport.h"
+#include "Mdf4/plain/ArrowStream.h"
 #include "Mdf4/plain/OpenRecording.h"
 #include "Mdf4/plain/StreamDictionary.h"
 
@@ -47,15 +47,13 @@ struct StreamPlan {
                               const tolvex_stream_options& options, StreamPlan& plan,
                               tolvex_status& status);
 
-// Shares the recording. Both functions throw std::bad_alloc; other failures end in `error`.
-class ColumnStream {
+// Shares the recording.
+class ColumnStream final : public ArrowSource {
  public:
   ColumnStream(std::shared_ptr<OpenRecording> recording, StreamPlan plan);
 
-  ArrowOwner<ArrowSchema> schema() const;
-  // The next record batch, without a release callback when there is none. Not to be called again
-  // once it has failed.
-  tolvex_status next(ArrowOwner<ArrowArray>& batch, LastError& error);
+  ArrowOwner<ArrowSchema> schema() const override;
+  tolvex_status next(ArrowOwner<ArrowArray>& batch, LastError& error) override;
 
  private:
   struct Batch {

@@ -42,11 +42,6 @@ class OpenRecording {
   MdfColumnReader reader_ TOLVEX_GUARDED_BY(mutex_);
 };
 
-// The status for what a reader says that has failed.
-inline tolvex_status failed(LastError& error, const std::string& text, tolvex_status otherwise) {
-  return error.set(text == kOutOfMemory ? tolvex_status{TOLVEX_ERROR_MEMORY} : otherwise, text);
-}
-
 // Columns of channels that there are.
 tolvex_status readColumns(OpenRecording& recording, LastError& error, std::int32_t group,
                           const std::vector<std::int32_t>& channels, std::uint64_t first,
@@ -68,6 +63,6 @@ std::uint32_t widthOf(MdfColumnType type);
 struct tolvex_reader {
   std::shared_ptr<tolvex::plain::OpenRecording> recording;  // null: none is open
   tolvex::plain::LastError error;
-  std::vector<std::string> problems;
-  std::vector<const char*> problemTexts;
+  tolvex::plain::TextList problems;
+  tolvex::plain::TextList notices;
 };

@@ -19,6 +19,7 @@ namespace tolvex::plain {
 inline constexpr const char* kOutOfMemory = "out of memory";
 inline constexpr const char* kNoSize = "the size of a struct is not set";
 inline constexpr const char* kNull = "a pointer is null";
+inline constexpr const char* kNoPath = "there is no path";
 inline constexpr const char* kNotOpen = "no file is open";
 
 // What failed last with a handle.
@@ -40,6 +41,11 @@ class LastError {
   std::string text_;
   const char* fixed_ = nullptr;
 };
+
+// The status for what a reader says that has failed.
+inline tolvex_status failed(LastError& error, const std::string& text, tolvex_status otherwise) {
+  return error.set(text == kOutOfMemory ? tolvex_status{TOLVEX_ERROR_MEMORY} : otherwise, text);
+}
 
 // What `work` returns; an error in its place when it throws.
 template <class Work>
@@ -94,6 +100,38 @@ inline std::vector<const char*> pointersTo(const std::vector<std::string>& texts
   pointers.reserve(texts.size());
   for (const std::string& text : texts) pointers.push_back(text.c_str());
   return pointers;
+}
+
+// Texts that a handle has handed out.
+class TextList {
+ public:
+  TextList() = default;
+  explicit TextList(std::vector<std::string> texts)
+      : texts_(std::move(texts)), pointers_(pointersTo(texts_)) {}
+
+  // Replaces them, unless there is no room for the result.
+  static tolvex_status hand(TextList& held, std::vector<std::string> texts, LastError& error,
+                            const char* const** out, std::size_t* count) {
+    if (out == nullptr || count == nullptr) return error.setFixed(TOLVEX_ERROR_ARGUMENT, kNull);
+    held = TextList(std::move(texts));
+    *out = held.pointers_.data();
+    *count = held.pointers_.size();
+    return TOLVEX_OK;
+  }
+
+ private:
+  std::vector<std::string> texts_;  // moved as a whole, they stay where they are
+  std::vector<const char*> pointers_;
+};
+
+// Files to be opened; false when there are none.
+inline bool takePaths(const char* const* paths, std::size_t count,
+                      std::vector<std::string>& taken) {
+  for (std::size_t i = 0; paths != nullptr && i < count; ++i) {
+    if (paths[i] == nullptr) return false;
+    taken.emplace_back(paths[i]);
+  }
+  return !taken.empty();
 }
 
 }  // namespace tolvex::plain

@@ -24,8 +24,8 @@ const char* textOf(std::string_view text) {
 
 void close(tolvex_reader& reader) {
   reader.recording = nullptr;
-  reader.problemTexts.clear();
-  reader.problems.clear();
+  reader.problems = {};
+  reader.notices = {};
 }
 
 tolvex_status open(tolvex_reader& reader, std::vector<std::string> paths) {
@@ -35,6 +35,13 @@ tolvex_status open(tolvex_reader& reader, std::vector<std::string> paths) {
   if (!recording->open(error)) return failed(reader.error, error, TOLVEX_ERROR_FILE);
   reader.recording = std::move(recording);
   return TOLVEX_OK;
+}
+
+// What the reader says of an open file.
+std::vector<std::string> textsOf(tolvex_reader& reader,
+                                 std::vector<std::string> (MdfColumnReader::*ask)() const) {
+  if (reader.recording == nullptr) return {};
+  return reader.recording->with([&](MdfColumnReader& columns) { return (columns.*ask)(); });
 }
 
 tolvex_status filled(tolvex_reader& reader, bool isFilled) {
@@ -134,11 +141,11 @@ tolvex_status tolvex_reader_open(tolvex_reader* reader, const char* const* paths
   if (reader == nullptr) return TOLVEX_ERROR_ARGUMENT;
   return guarded(reader->error, [&]() -> tolvex_status {
     close(*reader);
-    if (paths == nullptr || count == 0 ||
-        std::find(paths, paths + count, nullptr) != paths + count) {
-      return reader->error.setFixed(TOLVEX_ERROR_ARGUMENT, "there is no path");
+    std::vector<std::string> taken;
+    if (!takePaths(paths, count, taken)) {
+      return reader->error.setFixed(TOLVEX_ERROR_ARGUMENT, kNoPath);
     }
-    return open(*reader, std::vector<std::string>(paths, paths + count));
+    return open(*reader, std::move(taken));
   });
 }
 
@@ -147,7 +154,7 @@ tolvex_status tolvex_reader_open_parts(tolvex_reader* reader, const char* path) 
   return guarded(reader->error, [&]() -> tolvex_status {
     close(*reader);
     if (path == nullptr) {
-      return reader->error.setFixed(TOLVEX_ERROR_ARGUMENT, "there is no path");
+      return reader->error.setFixed(TOLVEX_ERROR_ARGUMENT, kNoPath);
     }
     return open(*reader, tolvex::mdfPartsOf(path));
   });
@@ -164,21 +171,18 @@ const char* tolvex_reader_error(const tolvex_reader* reader) {
 tolvex_status tolvex_reader_problems(tolvex_reader* reader, const char* const** texts,
                                      size_t* count) {
   if (reader == nullptr) return TOLVEX_ERROR_ARGUMENT;
-  return guarded(reader->error, [&]() -> tolvex_status {
-    if (texts == nullptr || count == nullptr) {
-      return reader->error.setFixed(TOLVEX_ERROR_ARGUMENT, kNull);
-    }
-    std::vector<std::string> problems;
-    if (reader->recording != nullptr) {
-      problems = reader->recording->with([](auto& columns) { return columns.problems(); });
-    }
-    std::vector<const char*> pointers = pointersTo(problems);
-    // Moved as a whole, the texts stay where they are.
-    reader->problems = std::move(problems);
-    reader->problemTexts = std::move(pointers);
-    *texts = reader->problemTexts.data();
-    *count = reader->problemTexts.size();
-    return TOLVEX_OK;
+  return guarded(reader->error, [&] {
+    return TextList::hand(reader->problems, textsOf(*reader, &tolvex::MdfColumnReader::problems),
+                          reader->error, texts, count);
+  });
+}
+
+tolvex_status tolvex_reader_notices(tolvex_reader* reader, const char* const** texts,
+                                    size_t* count) {
+  if (reader == nullptr) return TOLVEX_ERROR_ARGUMENT;
+  return guarded(reader->error, [&] {
+    return TextList::hand(reader->notices, textsOf(*reader, &tolvex::MdfColumnReader::notices),
+                          reader->error, texts, count);
   });
 }
 

@@ -1,7 +1,7 @@
-/* Plain functions of tolvex that read, for any language that can call C: columns of signals, the
- * same as streams of Arrow arrays, and the check and the recovery of files. Recording is in
- * tolvex/MdfEngine.h; the C++ classes behind these functions are in tolvex/MdfColumnReader.h and
- * tolvex/MdfRecovery.h.
+/* Plain functions of tolvex that read, for any language that can call C: columns of signals, CAN
+ * frames, both as streams of Arrow arrays too, and the check and the recovery of files. Recording
+ * is in tolvex/MdfEngine.h; the C++ classes behind these functions are in tolvex/MdfColumnReader.h,
+ * tolvex/MdfFrameReader.h and tolvex/MdfRecovery.h.
  *
  *   tolvex_reader* reader = NULL;
  *   const char* path = "drive.mf4";
@@ -90,6 +90,10 @@ TOLVEX_API const char* tolvex_reader_error(const tolvex_reader* reader);
  * or freed. */
 TOLVEX_API tolvex_status tolvex_reader_problems(tolvex_reader* reader, const char* const** texts,
                                                 size_t* count);
+
+/* Of them, what unusual files were taken for: nothing is lost by that. Likewise. */
+TOLVEX_API tolvex_status tolvex_reader_notices(tolvex_reader* reader, const char* const** texts,
+                                               size_t* count);
 
 /* Texts in these structs last until the reader is opened, closed or freed. */
 typedef struct tolvex_recording {
@@ -279,7 +283,7 @@ typedef struct tolvex_stream_options {
   size_t channel_count;
   uint64_t first_row;
   uint64_t row_count;  /* 0: all from the first on */
-  uint64_t batch_rows; /* 0: as many as fill some MiB, at most 65,536 */
+  uint64_t batch_rows; /* 0: as many as take some MiB */
   uint32_t time;       /* TOLVEX_TIME_AS_CHANNEL, ... */
   int32_t raw;         /* as in tolvex_read_options */
   uint32_t threads;    /* likewise */
@@ -307,6 +311,144 @@ typedef struct tolvex_stream_options {
 TOLVEX_API tolvex_status tolvex_reader_stream(tolvex_reader* reader, int32_t group,
                                               const tolvex_stream_options* options,
                                               struct ArrowArrayStream* stream);
+
+/* ---------------------------------------------------------------------------------------------
+ * CAN frames
+ *
+ * Of bus logs, merged by time over all groups of one file or several: see tolvex/MdfFrameReader.h.
+ */
+
+typedef struct tolvex_frames tolvex_frames;
+
+/* As the functions of tolvex_reader that are named alike. After TOLVEX_ERROR_MEMORY the files must
+ * be opened again. */
+TOLVEX_API tolvex_status tolvex_frames_new(tolvex_frames** frames);
+TOLVEX_API void tolvex_frames_free(tolvex_frames* frames);
+TOLVEX_API tolvex_status tolvex_frames_open(tolvex_frames* frames, const char* const* paths,
+                                            size_t count);
+TOLVEX_API tolvex_status tolvex_frames_open_parts(tolvex_frames* frames, const char* path);
+TOLVEX_API void tolvex_frames_close(tolvex_frames* frames);
+TOLVEX_API const char* tolvex_frames_error(const tolvex_frames* frames);
+TOLVEX_API tolvex_status tolvex_frames_problems(tolvex_frames* frames, const char* const** texts,
+                                                size_t* count);
+TOLVEX_API tolvex_status tolvex_frames_notices(tolvex_frames* frames, const char* const** texts,
+                                               size_t* count);
+
+typedef struct tolvex_frame_log {
+  size_t size;
+  int64_t start_time_ns; /* as in tolvex_recording, likewise the next two */
+  int32_t start_is_local;
+  int32_t utc_offset_minutes;
+  uint64_t group_count; /* of bus events, counted from 0 */
+} tolvex_frame_log;
+
+/* A channel group whose records are bus events. */
+typedef struct tolvex_frame_group {
+  size_t size;
+  const char* name;     /* the acquisition name, else the comment; until opened, closed or freed */
+  uint64_t stated_rows; /* by the file */
+  uint64_t file;        /* in which of those opened it is, from 0 */
+  int32_t data_group;
+  int32_t channel_group;
+  uint32_t is_read;  /* 1: they are CAN frames */
+  uint32_t reserved; /* 0 */
+} tolvex_frame_group;
+
+TOLVEX_API tolvex_status tolvex_frames_log(tolvex_frames* frames, tolvex_frame_log* description);
+TOLVEX_API tolvex_status tolvex_frames_group(tolvex_frames* frames, uint64_t index,
+                                             tolvex_frame_group* group);
+/* The times of the first frame and of the last one, as in batches; both TOLVEX_NO_TIME when there
+ * are no frames. Goes along the whole of unsorted data groups; all frames are selected again. */
+TOLVEX_API tolvex_status tolvex_frames_time_range(tolvex_frames* frames, int64_t* first,
+                                                  int64_t* last);
+
+/* Which frames are wanted; all zero: all. */
+typedef struct tolvex_frame_filter {
+  size_t size;
+  const uint32_t* ids; /* standard and extended ones alike; null: all */
+  size_t id_count;
+  const uint16_t* buses; /* as the file numbers them; null: all */
+  size_t bus_count;
+  int64_t start_ns; /* from this time on, if has_start is 1 */
+  int64_t end_ns;   /* up to, but not including it, if has_end is 1 */
+  int32_t has_start;
+  int32_t has_end;
+} tolvex_frame_filter;
+
+/* Values of tolvex_frame_batch.kinds. */
+enum {
+  TOLVEX_FRAME_DATA = 0,
+  TOLVEX_FRAME_REMOTE = 1,
+  TOLVEX_FRAME_ERROR = 2,
+  TOLVEX_FRAME_FD_ERROR = 3
+};
+
+/* Bits of tolvex_frame_batch.flags. */
+enum {
+  TOLVEX_FRAME_TRANSMITTED = 0x001, /* else received */
+  TOLVEX_FRAME_SRR = 0x002,
+  TOLVEX_FRAME_FD = 0x004,  /* a frame of CAN FD */
+  TOLVEX_FRAME_BRS = 0x008, /* bit rate switch */
+  TOLVEX_FRAME_ESI = 0x010, /* error state indicator */
+  TOLVEX_FRAME_WAKE_UP = 0x020,
+  TOLVEX_FRAME_SINGLE_WIRE = 0x040,
+  TOLVEX_FRAME_RTR = 0x080,
+  TOLVEX_FRAME_EXTENDED = 0x100,       /* an identifier of 29 bits */
+  TOLVEX_FRAME_PAYLOAD_MISSING = 0x200 /* the file has lost it; it is empty */
+};
+
+/* What error frames have beside other frames: 0 where their group has no such field. */
+typedef struct tolvex_frame_error {
+  uint64_t time_offset_brs;
+  uint64_t time_offset_crc_del;
+  uint64_t btr_ext_cfg;
+  uint32_t crc;
+  uint32_t error_flags;
+  uint32_t data_length; /* as the record states it */
+  uint8_t error_type;   /* tolvex::CanErrorType */
+  uint8_t tec;          /* transmit error counter */
+  uint8_t rec;          /* receive error counter */
+  uint8_t reserved;     /* 0 */
+} tolvex_frame_error;
+
+/* Frames by column: `count` entries each, in order of time. */
+typedef struct tolvex_frame_batch {
+  size_t size;
+  uint64_t count;
+  const int64_t* times;      /* nanoseconds since 1970-01-01 00:00, as start_time_ns */
+  const uint32_t* ids;       /* without the mark of an extended one */
+  const uint16_t* buses;     /* as the file numbers them, mostly from 1 */
+  const uint16_t* flags;     /* TOLVEX_FRAME_TRANSMITTED, ... */
+  const uint8_t* directions; /* 0 received, 1 transmitted */
+  const uint8_t* kinds;      /* TOLVEX_FRAME_DATA, ... */
+  const uint8_t* dlcs;       /* data length codes */
+  const uint64_t* rows;      /* of its record in its group */
+  const int64_t* offsets;    /* where in `payloads` each begins, and behind the last one its end */
+  const uint8_t* payloads;
+  /* Of the error frames alone: which of the frames they are, ascending, and their fields, which lie
+   * error_size bytes apart. */
+  const size_t* error_frames;
+  const tolvex_frame_error* errors;
+  uint64_t error_count;
+  uint64_t error_size;
+} tolvex_frame_batch;
+
+/* What follows begins with the first of the frames that are wanted; after opening these are all.
+ * Null stands for all. A time range is looked up, not read up to, where records are sorted. */
+TOLVEX_API tolvex_status tolvex_frames_select(tolvex_frames* frames,
+                                              const tolvex_frame_filter* filter);
+/* The next frames, at most `most` of them; count 0 at the end. The memory is the handle's own,
+ * until it is used again. */
+TOLVEX_API tolvex_status tolvex_frames_next(tolvex_frames* frames, size_t most,
+                                            tolvex_frame_batch* batch);
+
+/* The frames that are wanted as a stream of record batches of up to `batch_rows` (0: 65,536)
+ * frames: time (timestamp in nanoseconds, as in tolvex_reader_stream), id (uint32), bus (uint16),
+ * direction, kind, dlc (uint8), flags (uint16), data (large_binary, null where it is lost). Opens
+ * the files anew, so the stream has nothing to do with its handle any more. */
+TOLVEX_API tolvex_status tolvex_frames_stream(tolvex_frames* frames,
+                                              const tolvex_frame_filter* filter,
+                                              uint64_t batch_rows, struct ArrowArrayStream* stream);
 
 /* ---------------------------------------------------------------------------------------------
  * Check and recovery

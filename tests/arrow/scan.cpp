@@ -105,6 +105,15 @@ std::string textOf(double value) {
   return text;
 }
 
+std::string hex(const void* bytes, std::int64_t begin, std::int64_t end) {
+  std::string text;
+  for (std::int64_t i = begin; i < end; ++i) {
+    const std::uint8_t byte = static_cast<const std::uint8_t*>(bytes)[i];
+    for (const int half : {byte >> 4, byte & 15}) text += "0123456789ABCDEF"[half];
+  }
+  return text;
+}
+
 // A value of a column as this program has the engine write it; "-" for none.
 std::string shown(const tolvex_values& values, std::uint64_t i) {
   if (values.validity != nullptr && (values.validity[i / 8] >> i % 8 & 1) == 0) return "-";
@@ -136,14 +145,10 @@ std::string shown(const tolvex_values& values, std::uint64_t i) {
     default:
       break;
   }
-  const std::string bytes(static_cast<const char*>(values.data) + values.offsets[i],
-                          static_cast<const char*>(values.data) + values.offsets[i + 1]);
-  if (values.type == TOLVEX_TEXT) return bytes;
-  std::string hex;
-  for (const char byte : bytes) {
-    for (const int half : {byte >> 4 & 15, byte & 15}) hex += "0123456789ABCDEF"[half];
-  }
-  return hex;
+  if (values.type == TOLVEX_BYTES)
+    return hex(values.data, values.offsets[i], values.offsets[i + 1]);
+  const auto* const text = static_cast<const char*>(values.data);
+  return {text + values.offsets[i], text + values.offsets[i + 1]};
 }
 
 // Compares streams with the columns of the same reader.
@@ -165,6 +170,7 @@ class Comparison {
     for (std::uint32_t group = 0; group < recording.group_count; ++group) {
       for (const std::uint64_t batch : {0U, 7U}) compare(static_cast<std::int32_t>(group), batch);
     }
+    compareFrames();
     std::printf("%s: %" PRIu64 " values of %" PRIu64 " columns are the same\n", path_.c_str(),
                 values_, columns_);
   }
@@ -273,6 +279,41 @@ class Comparison {
           times[row] == TOLVEX_NO_TIME ? "-" : std::to_string(times[row] / 1000);
       require(want == got.at(row), "time: expected " + want + ", found " + got.at(row));
     }
+  }
+
+  // The frames of the file, if it has any.
+  void compareFrames() {
+    const char* const name = path_.c_str();
+    tolvex_frames* frames = nullptr;
+    ArrowArrayStream stream = {};
+    require(tolvex_frames_new(&frames) == TOLVEX_OK &&
+                tolvex_frames_open(frames, &name, 1) == TOLVEX_OK &&
+                tolvex_frames_stream(frames, nullptr, 100, &stream) == TOLVEX_OK,
+            tolvex_frames_error(frames));
+    engine_.load(stream);
+    const std::vector<std::string> got = engine_.run(
+        "SELECT concat_ws(' ', epoch_us(time), id, bus, direction, kind, dlc, flags, "
+        "coalesce(hex(data), '-')) FROM loaded");
+    tolvex_frame_batch batch = {};
+    batch.size = sizeof batch;
+    std::size_t row = 0;
+    while (tolvex_frames_next(frames, 1000, &batch) == TOLVEX_OK && batch.count != 0) {
+      for (std::size_t i = 0; i < batch.count; ++i, ++row, ++values_) {
+        std::string want;
+        for (const std::int64_t number :
+             {batch.times[i] / 1000, std::int64_t{batch.ids[i]}, std::int64_t{batch.buses[i]},
+              std::int64_t{batch.directions[i]}, std::int64_t{batch.kinds[i]},
+              std::int64_t{batch.dlcs[i]}, std::int64_t{batch.flags[i]}}) {
+          want += std::to_string(number) + " ";
+        }
+        const bool isLost = (batch.flags[i] & TOLVEX_FRAME_PAYLOAD_MISSING) != 0;
+        want += isLost ? "-" : hex(batch.payloads, batch.offsets[i], batch.offsets[i + 1]);
+        require(row < got.size() && got[row] == want, "frame " + std::to_string(row) + ": " + want);
+      }
+    }
+    require(row == got.size(), "another number of frames");
+    columns_ += row == 0 ? 0 : 8;
+    tolvex_frames_free(frames);
   }
 
   static bool same(const std::string& a, const std::string& b) {

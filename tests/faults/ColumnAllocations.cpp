@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "tests/faults/FailingMemory.h"
 #include "tests/support/ColumnSample.h"
@@ -99,6 +100,51 @@ class ColumnAllocations : public testing::Test {
   const std::string path_ = file_.write();
   const char* name_ = path_.c_str();
 };
+
+TEST_F(ColumnAllocations, FramesAreReadOrNot) {
+  FileBuilder file;
+  std::vector<Bytes> records;
+  for (unsigned i = 0; i < 6; ++i) {
+    records.push_back(busRecord(dataFrames(), i, {{"ID", i}, {"DataLength", 1}, {"DLC", 1}}, {7}));
+  }
+  file.busLog(dataFrames(), records);
+  const std::string path = file.write();
+  const char* const name = path.c_str();
+  const auto read = [&](std::uint64_t& count) {
+    tolvex_frames* frames = nullptr;
+    ArrowArrayStream stream = {};
+    tolvex_frame_batch batch = {};
+    batch.size = sizeof batch;
+    tolvex_status status = tolvex_frames_new(&frames);
+    if (status == TOLVEX_OK) status = tolvex_frames_open(frames, &name, 1);
+    if (status == TOLVEX_OK) status = tolvex_frames_stream(frames, nullptr, 0, &stream);
+    if (status == TOLVEX_OK) status = tolvex_frames_next(frames, 10, &batch);
+    count = status == TOLVEX_OK ? batch.count : 0;
+    if (frames != nullptr && status != TOLVEX_OK) {
+      EXPECT_STREQ(tolvex_frames_error(frames), "out of memory");
+    }
+    tolvex_frames_free(frames);
+    if (stream.release == nullptr) return status;
+    ArrowArray array = {};
+    const int failed = stream.get_next(&stream, &array);
+    if (status == TOLVEX_OK && failed != 0) status = TOLVEX_ERROR_MEMORY;
+    if (array.release != nullptr) {
+      EXPECT_EQ(array.length, 6);
+      array.release(&array);
+    }
+    stream.release(&stream);
+    return status;
+  };
+  std::uint64_t count = 0;
+  ASSERT_EQ(read(count), TOLVEX_OK);
+  EXPECT_EQ(count, 6U);
+  forEveryAllocation([&](AllocationFault& fault) {
+    tolvex_status status = TOLVEX_OK;
+    fault.strike([&] { status = read(count); });
+    EXPECT_EQ(count, status == TOLVEX_OK ? 6U : count);
+    EXPECT_TRUE(status == TOLVEX_OK || (status == TOLVEX_ERROR_MEMORY && fault.met())) << status;
+  });
+}
 
 TEST_F(ColumnAllocations, AreReadOrNot) {
   Content want;

@@ -90,6 +90,49 @@ static void drain(struct ArrowArrayStream* stream) {
   stream->release(stream);
 }
 
+static void readFrames(const char* path) {
+  tolvex_frames* frames = NULL;
+  tolvex_frame_log log = {.size = sizeof log};
+  tolvex_frame_group group = {.size = sizeof group};
+  tolvex_frame_filter filter = {.size = sizeof filter};
+  tolvex_frame_batch batch = {.size = sizeof batch};
+  struct ArrowArrayStream stream;
+  struct ArrowArray array;
+  const char* const* texts = NULL;
+  const uint32_t ids[] = {7, 1499, 5000};
+  size_t count = 0;
+  int64_t first = 0;
+  int64_t last = 0;
+  EXPECT(tolvex_frames_new(&frames) == TOLVEX_OK);
+  EXPECT(tolvex_frames_open(frames, &path, 1) == TOLVEX_OK);
+  EXPECT(tolvex_frames_log(frames, &log) == TOLVEX_OK && log.group_count >= 1);
+  EXPECT(tolvex_frames_group(frames, 0, &group) == TOLVEX_OK && group.is_read == 1);
+  EXPECT(tolvex_frames_time_range(frames, &first, &last) == TOLVEX_OK);
+  EXPECT(first == log.start_time_ns && last - first == INT64_C(1499000000000));
+  EXPECT(tolvex_frames_next(frames, 5000, &batch) == TOLVEX_OK && batch.count == kRampRecords);
+  EXPECT(batch.ids[12] == 12 && batch.kinds[12] == TOLVEX_FRAME_DATA && batch.error_count == 0);
+  filter.ids = ids;
+  filter.id_count = 3;
+  filter.start_ns = last;
+  filter.has_start = 1;
+  EXPECT(tolvex_frames_select(frames, &filter) == TOLVEX_OK);
+  EXPECT(tolvex_frames_next(frames, 10, &batch) == TOLVEX_OK);
+  EXPECT(batch.count == 1 && batch.ids[0] == 1499 && batch.times[0] == last);
+  EXPECT(tolvex_frames_next(frames, 10, &batch) == TOLVEX_OK && batch.count == 0);
+  filter.has_start = 0;
+  EXPECT(tolvex_frames_stream(frames, &filter, 0, &stream) == TOLVEX_OK);
+  EXPECT(tolvex_frames_problems(frames, &texts, &count) == TOLVEX_OK && count == 0);
+  EXPECT(tolvex_frames_notices(frames, &texts, &count) == TOLVEX_OK && count == 0);
+  EXPECT(tolvex_frames_open_parts(frames, path) == TOLVEX_OK);
+  EXPECT(strcmp(tolvex_frames_error(frames), "") == 0);
+  tolvex_frames_close(frames);
+  tolvex_frames_free(frames);
+  EXPECT(stream.get_next(&stream, &array) == 0 && array.length == 2);
+  EXPECT(((const uint32_t*)array.children[1]->buffers[1])[1] == 1499);
+  stream.release(&stream);
+  array.release(&array);
+}
+
 int readRamp(const char* path) {
   tolvex_reader* reader = NULL;
   struct ArrowArrayStream stream;
@@ -104,6 +147,7 @@ int readRamp(const char* path) {
   EXPECT(tolvex_reader_open(reader, &path, 1) == TOLVEX_OK);
   EXPECT(strcmp(tolvex_reader_error(reader), "") == 0);
   EXPECT(tolvex_reader_problems(reader, &problems, &count) == TOLVEX_OK && count == 0);
+  EXPECT(tolvex_reader_notices(reader, &problems, &count) == TOLVEX_OK && count == 0);
   EXPECT(tolvex_reader_recording(reader, &recording) == TOLVEX_OK);
   EXPECT(recording.version == 410 && recording.group_count == 4);
   EXPECT(tolvex_reader_find(reader, "value", &value, 1, &count) == TOLVEX_OK && count == 1);
@@ -120,6 +164,7 @@ int readRamp(const char* path) {
   EXPECT(tolvex_reader_recording(reader, &recording) == TOLVEX_ERROR_ARGUMENT);
   tolvex_reader_free(reader);
   drain(&stream);
+  readFrames(path);
   return failures;
 }
 

@@ -1,21 +1,15 @@
-// Plain functions: the callbacks of a stream of Arrow arrays.
-#include <cerrno>
-#include <memory>
-#include <utility>
+#include "Mdf4/plain/ArrowStream.h"
 
-#include "Mdf4/plain/ColumnStream.h"
-#include "tolvex/MdfColumns.h"
+#include <cerrno>
+#include <utility>
 
 namespace tolvex::plain {
 namespace {
 
 // What a stream points to.
 struct StreamMemory {
-  StreamMemory(std::shared_ptr<OpenRecording> recording, StreamPlan plan)
-      : stream(std::move(recording), std::move(plan)) {}
-
-  ColumnStream stream;
-  LastError error;
+  std::unique_ptr<ArrowSource> source;
+  LastError error = {};
   bool hasError = false;
   tolvex_status status = TOLVEX_OK;  // of the last batch: a failure ends the stream
 };
@@ -38,7 +32,7 @@ int errorNumber(tolvex_status status) {
 int getSchema(ArrowArrayStream* stream, ArrowSchema* out) {
   StreamMemory& memory = memoryOf(stream);
   const tolvex_status status = guarded(memory.error, [&]() -> tolvex_status {
-    *out = memory.stream.schema().take();
+    *out = memory.source->schema().take();
     return TOLVEX_OK;
   });
   memory.hasError = status != TOLVEX_OK;
@@ -50,7 +44,7 @@ int getNext(ArrowArrayStream* stream, ArrowArray* out) {
   if (memory.status == TOLVEX_OK) {
     memory.status = guarded(memory.error, [&]() -> tolvex_status {
       ArrowOwner<ArrowArray> batch;
-      const tolvex_status status = memory.stream.next(batch, memory.error);
+      const tolvex_status status = memory.source->next(batch, memory.error);
       if (status == TOLVEX_OK) *out = batch.take();
       return status;
     });
@@ -70,25 +64,10 @@ void release(ArrowArrayStream* stream) {
 }
 
 }  // namespace
-}  // namespace tolvex::plain
 
-using namespace tolvex::plain;
-
-tolvex_status tolvex_reader_stream(tolvex_reader* reader, int32_t group,
-                                   const tolvex_stream_options* options,
-                                   struct ArrowArrayStream* stream) {
-  if (reader == nullptr) return TOLVEX_ERROR_ARGUMENT;
-  return guarded(reader->error, [&]() -> tolvex_status {
-    if (stream == nullptr) return reader->error.setFixed(TOLVEX_ERROR_ARGUMENT, kNull);
-    tolvex_stream_options given;
-    if (!takeOptions(options, given)) {
-      return reader->error.setFixed(TOLVEX_ERROR_ARGUMENT, kNoSize);
-    }
-    StreamPlan plan;
-    tolvex_status status = TOLVEX_OK;
-    if (!planStream(*reader, group, given, plan, status)) return status;
-    auto memory = std::make_unique<StreamMemory>(reader->recording, std::move(plan));
-    *stream = {getSchema, getNext, getLastError, release, memory.release()};
-    return TOLVEX_OK;
-  });
+ArrowArrayStream makeStream(std::unique_ptr<ArrowSource> source) {
+  auto memory = std::make_unique<StreamMemory>(StreamMemory{std::move(source)});
+  return {getSchema, getNext, getLastError, release, memory.release()};
 }
+
+}  // namespace tolvex::plain

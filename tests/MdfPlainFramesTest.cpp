@@ -1,0 +1,234 @@
+// The plain functions that read CAN frames give what the class behind them gives.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tests/support/Diagnostics.h"
+#include "tests/support/FileBuilder.h"
+#include "tests/support/SampleFiles.h"
+#include "tolvex/MdfColumns.h"
+#include "tolvex/MdfFrameReader.h"
+
+namespace tolvex {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+template <class... Number>
+std::string numbers(Number... number) {
+  std::string text;
+  ((text += std::to_string(number) + " "), ...);
+  return text;
+}
+
+std::string errorText(const MdfFrameError& error) {
+  return "error " + numbers(error.timeOffsetBrs, error.timeOffsetCrcDel, error.btrExtCfg, error.crc,
+                            error.errorFlags, error.dataLength, error.errorType, error.tec,
+                            error.rec);
+}
+
+std::string errorText(const tolvex_frame_error& error) {
+  return "error " + numbers(error.time_offset_brs, error.time_offset_crc_del, error.btr_ext_cfg,
+                            error.crc, error.error_flags, error.data_length, error.error_type,
+                            error.tec, error.rec);
+}
+
+std::string bytesAt(const std::int64_t* offsets, const void* bytes, std::size_t i) {
+  const auto* const text = static_cast<const char*>(bytes);
+  return {text + offsets[i], text + offsets[i + 1]};
+}
+
+Lines linesOf(MdfFrameReader& reader) {
+  Lines lines;
+  MdfFrameBatch batch;
+  while (reader.next(batch, 1000)) {
+    for (std::size_t i = 0, error = 0; i < batch.count; ++i) {
+      std::string line = numbers(batch.timeNs[i], batch.id[i], batch.bus[i], batch.direction[i],
+                                 batch.kind[i], batch.dlc[i], batch.flags[i]) +
+                         bytesAt(batch.offsets.data(), batch.bytes.data(), i);
+      if (error < batch.errors.size() && batch.errorRows[error] == i) {
+        line += errorText(batch.errors[error++]);
+      }
+      lines.push_back(line + numbers(batch.record[i]));
+    }
+  }
+  return lines;
+}
+
+class MdfPlainFrames : public testing::Test {
+ protected:
+  MdfPlainFrames() { EXPECT_EQ(tolvex_frames_new(&frames_), TOLVEX_OK); }
+  ~MdfPlainFrames() override { tolvex_frames_free(frames_); }
+
+  void open(const std::string& path) {
+    const char* const name = path.c_str();
+    ASSERT_EQ(tolvex_frames_open(frames_, &name, 1), TOLVEX_OK) << tolvex_frames_error(frames_);
+  }
+
+  Lines lines() {
+    Lines lines;
+    tolvex_frame_batch batch = {};
+    batch.size = sizeof batch;
+    while (tolvex_frames_next(frames_, 7, &batch) == TOLVEX_OK && batch.count != 0) {
+      const auto* error = reinterpret_cast<const char*>(batch.errors);
+      std::uint64_t errors = 0;
+      for (std::size_t i = 0; i < batch.count; ++i) {
+        std::string line =
+            numbers(batch.times[i], batch.ids[i], batch.buses[i], batch.directions[i],
+                    batch.kinds[i], batch.dlcs[i], batch.flags[i]) +
+            bytesAt(batch.offsets, batch.payloads, i);
+        if (errors < batch.error_count && batch.error_frames[errors] == i) {
+          line += errorText(*reinterpret_cast<const tolvex_frame_error*>(error));
+          error += batch.error_size;
+          ++errors;
+        }
+        lines.push_back(line + numbers(batch.rows[i]));
+      }
+    }
+    EXPECT_STREQ(tolvex_frames_error(frames_), "");
+    return lines;
+  }
+
+  // Without what is in no column.
+  Lines streamed(const tolvex_frame_filter* filter = nullptr) {
+    Lines lines;
+    ArrowArrayStream stream = {};
+    EXPECT_EQ(tolvex_frames_stream(frames_, filter, 5, &stream), TOLVEX_OK);
+    ArrowSchema schema = {};
+    EXPECT_EQ(stream.get_schema(&stream, &schema), 0);
+    std::string types;
+    for (std::int64_t c = 0; c < schema.n_children; ++c) {
+      types += std::string(schema.children[c]->name) + " " + schema.children[c]->format + ", ";
+    }
+    schema.release(&schema);
+    EXPECT_EQ(types, "time tsn:UTC, id I, bus S, direction C, kind C, dlc C, flags S, data Z, ");
+    for (;;) {
+      ArrowArray batch = {};
+      EXPECT_EQ(stream.get_next(&stream, &batch), 0);
+      if (batch.release == nullptr) break;
+      EXPECT_LE(batch.length, 5);
+      for (std::int64_t i = 0; i < batch.length; ++i) lines.push_back(lineOf(batch, i));
+      batch.release(&batch);
+    }
+    stream.release(&stream);
+    return lines;
+  }
+
+  std::string lineOf(const ArrowArray& batch, std::int64_t i) {
+    const auto column = [&](int c) { return batch.children[c]->buffers[1]; };
+    const auto small = [&](int c) { return static_cast<const std::uint8_t*>(column(c))[i]; };
+    const std::uint16_t flags = static_cast<const std::uint16_t*>(column(6))[i];
+    const ArrowArray& data = *batch.children[7];
+    const auto* const valid = static_cast<const std::uint8_t*>(data.buffers[0]);
+    const bool isMissing = valid != nullptr && (valid[i / 8] >> i % 8 & 1) == 0;
+    lost_ += isMissing ? 1 : 0;
+    EXPECT_EQ(isMissing, (flags & TOLVEX_FRAME_PAYLOAD_MISSING) != 0);
+    EXPECT_EQ(valid != nullptr, data.null_count != 0);
+    return numbers(static_cast<const std::int64_t*>(column(0))[i],
+                   static_cast<const std::uint32_t*>(column(1))[i],
+                   static_cast<const std::uint16_t*>(column(2))[i], small(3), small(4), small(5),
+                   flags) +
+           bytesAt(static_cast<const std::int64_t*>(column(7)), data.buffers[2],
+                   static_cast<std::size_t>(i));
+  }
+
+  test::CapturedDiagnostics diagnostics_;
+  tolvex_frames* frames_ = nullptr;
+  std::size_t lost_ = 0;  // payloads in streams
+};
+
+TEST_F(MdfPlainFrames, AreThoseOfTheReader) {
+  std::size_t frames = 0;
+  std::size_t errors = 0;
+  for (const auto& [name, file] : test::sampleFiles()) {
+    SCOPED_TRACE(name);
+    const std::string path = file.write();
+    MdfFrameReader reader(path);
+    if (!reader.open()) continue;
+    const Lines want = linesOf(reader);
+    open(path);
+    EXPECT_EQ(lines(), want);
+    const Lines plain = streamed();
+    ASSERT_EQ(plain.size(), want.size());
+    for (std::size_t i = 0; i < want.size(); ++i) {
+      EXPECT_TRUE(want[i].starts_with(plain[i])) << want[i] << "\n" << plain[i];
+      errors += want[i].find("error") != std::string::npos ? 1 : 0;
+    }
+    frames += want.size();
+    tolvex_frame_group group = {};
+    group.size = sizeof group;
+    for (std::uint64_t i = 0; i < reader.groups().size(); ++i) {
+      ASSERT_EQ(tolvex_frames_group(frames_, i, &group), TOLVEX_OK);
+      EXPECT_EQ(group.name, reader.groups()[i].name);
+      EXPECT_EQ(group.stated_rows, reader.groups()[i].statedRecords);
+      EXPECT_EQ(group.is_read != 0, reader.groups()[i].isRead);
+    }
+    const char* const* texts = nullptr;
+    std::size_t count = 0;
+    EXPECT_EQ(tolvex_frames_problems(frames_, &texts, &count), TOLVEX_OK);
+    EXPECT_EQ(Lines(texts, texts + count), reader.problems());
+  }
+  EXPECT_GT(frames, 40U);
+  EXPECT_GT(errors, 3U);
+  EXPECT_GT(lost_, 0U);
+}
+
+TEST_F(MdfPlainFrames, AreSelectedByIdBusAndTime) {
+  open(TOLVEX_TEST_DATA "/raw-00000005.MF4");
+  std::int64_t first = 0;
+  std::int64_t last = 0;
+  ASSERT_EQ(tolvex_frames_time_range(frames_, &first, &last), TOLVEX_OK);
+  const Lines all = lines();
+  EXPECT_EQ(all.size(), 5477U);
+  EXPECT_EQ(all.front().substr(0, 20), numbers(first));
+  EXPECT_EQ(all.back().substr(0, 20), numbers(last));
+  const std::uint32_t ids[] = {9};
+  const std::uint16_t buses[] = {2};
+  tolvex_frame_filter filter = {};
+  filter.size = sizeof filter;
+  filter.ids = ids;
+  filter.id_count = 1;
+  filter.start_ns = first + (last - first) / 2;
+  filter.has_start = 1;
+  filter.end_ns = last;
+  filter.has_end = 1;
+  Lines want;
+  for (const std::string& line : all) {
+    const std::int64_t time = std::stoll(line);
+    const bool isIn = time >= filter.start_ns && time < last;
+    if (isIn && line.substr(20, 4) == "9 2 ") want.push_back(line);
+  }
+  EXPECT_GT(want.size(), 10U);
+  filter.buses = buses;
+  filter.bus_count = 1;
+  ASSERT_EQ(tolvex_frames_select(frames_, &filter), TOLVEX_OK);
+  EXPECT_EQ(lines(), want);
+  EXPECT_EQ(streamed(&filter).size(), want.size());
+}
+
+TEST_F(MdfPlainFrames, SayWhatIsWrong) {
+  tolvex_frame_log log = {};
+  EXPECT_EQ(tolvex_frames_log(frames_, &log), TOLVEX_ERROR_ARGUMENT);
+  EXPECT_STREQ(tolvex_frames_error(frames_), "no file is open");
+  const char* const absent = "/nowhere";
+  EXPECT_EQ(tolvex_frames_open(frames_, &absent, 1), TOLVEX_ERROR_FILE);
+  EXPECT_STREQ(tolvex_frames_error(frames_), "No such file or directory");
+  open(TOLVEX_TEST_DATA "/raw-00000005.MF4");
+  EXPECT_EQ(tolvex_frames_log(frames_, &log), TOLVEX_ERROR_ARGUMENT);
+  EXPECT_STREQ(tolvex_frames_error(frames_), "the size of a struct is not set");
+  tolvex_frame_batch batch = {};
+  EXPECT_EQ(tolvex_frames_next(frames_, 1, &batch), TOLVEX_ERROR_ARGUMENT);
+  tolvex_frame_filter filter = {};
+  filter.size = sizeof filter;
+  filter.id_count = 1;
+  EXPECT_EQ(tolvex_frames_select(frames_, &filter), TOLVEX_ERROR_ARGUMENT);
+  tolvex_frame_group group = {};
+  group.size = sizeof group;
+  EXPECT_EQ(tolvex_frames_group(frames_, 99, &group), TOLVEX_ERROR_ARGUMENT);
+  EXPECT_STREQ(tolvex_frames_error(frames_), "there is no group 99");
+}
+
+}  // namespace
+}  // namespace tolvex
