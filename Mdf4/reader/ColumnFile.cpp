@@ -5,6 +5,8 @@
 #include <limits>
 #include <string_view>
 
+#include "Mdf4/reader/RecordingInfo.h"
+
 namespace tolvex {
 namespace {
 
@@ -70,6 +72,7 @@ void ColumnFile::describeRecording() {
   if ((header.hd_time_flags & kOffsetsValid) != 0) {
     info_.utcOffsetMinutes = header.hd_tz_offset_min + header.hd_dst_offset_min;
   }
+  describeSurroundings(file_, texts_, info_);
 }
 
 MdfColumnGroup ColumnFile::describe(const ModelGroup& group) {

@@ -163,6 +163,49 @@ struct MdfColumnTarget {
   bool doubles = false;
 };
 
+// What a file says of the device, the vehicle and the like: e.g. {"Device Information.serial
+// number", "3BA199E2"}, with the names of the trees and lists that it stands in.
+struct MdfProperty {
+  std::string name;
+  std::string value;
+  std::string unit;
+};
+
+// When something was done to a file, and by what. The comment lasts as the texts of a channel.
+struct MdfHistoryEntry {
+  std::int64_t timeNs = 0;  // since 1970-01-01 00:00, as MdfRecordingInfo::startTimeNs
+  bool isLocal = false;
+  std::string_view comment;
+  // At most 256 bytes of each.
+  std::string tool;
+  std::string toolVersion;
+  std::string vendor;
+  std::string user;
+};
+
+// A file that belongs to the recording: within its own file, or beside it.
+struct MdfAttachment {
+  std::string_view name;
+  std::string_view mimeType;
+  std::string_view comment;
+  bool isEmbedded = false;
+  bool isCompressed = false;     // where it is embedded
+  std::uint64_t size = 0;        // bytes, as the file states them
+  std::uint64_t storedSize = 0;  // likewise, of what is embedded
+};
+
+// Something that happened while recording: a trigger, a marker, an interruption.
+struct MdfEvent {
+  std::string_view name;
+  std::string_view comment;
+  std::uint8_t type = 0;       // ev_type: 0 recording, 1 and 2 its interruption or that of the
+                               // acquisition, 3 to 5 triggers (start, stop, other), 6 marker
+  std::uint8_t syncType = 0;   // ev_sync_type: what `position` is measured in, as that of a channel
+  std::uint8_t rangeType = 0;  // ev_range_type: 0 a point, 1 and 2 begin and end of a range
+  std::uint8_t cause = 0;      // ev_cause: 0 other, 1 error, 2 tool, 3 script, 4 user
+  double position = 0;         // of time: seconds since the start of its file
+};
+
 // What a file says of its recording.
 struct MdfRecordingInfo {
   std::uint16_t version = 0;  // e.g. 410
@@ -173,6 +216,10 @@ struct MdfRecordingInfo {
   std::int64_t startTimeNs = 0;
   bool startIsLocal = false;
   std::int32_t utcOffsetMinutes = 0;  // of the clocks there, summer time included; 0: or not told
+  std::vector<MdfProperty> properties;
+  std::vector<MdfHistoryEntry> history;
+  std::vector<MdfAttachment> attachments;
+  std::vector<MdfEvent> events;
 };
 
 // Opens a file and reads columns of it. Errors are told by results, not by exceptions; only making
@@ -197,6 +244,7 @@ class TOLVEX_EXPORT MdfColumnReader {
   // Of them, what unusual files were taken for: nothing is lost by that.
   std::vector<std::string> notices() const;
 
+  // Of several files: that of the first one.
   const MdfRecordingInfo& info() const;
   const std::vector<MdfColumnGroup>& groups() const;
   // The channels of that name, by group and channel.
