@@ -91,6 +91,7 @@ Arguments argumentsFor(ByteSpan input, const std::string& file, const std::strin
       };
       add((format & 8) != 0 ? Arguments{"--join"} : Arguments{"--dg", std::to_string(first & 7)});
       if ((format & 1) != 0) add({"--raw"});
+      if (first > 64) add({"--start=" + std::to_string(second)});
       if ((format & 2) != 0) add({"--channel", steering.text()});
       if ((format & 4) != 0) add({"--raster", choose(format / 16, {"1e-9", "0.01", "1e9"})});
       if ((format & 132) == 132) add({"--interpolate"});

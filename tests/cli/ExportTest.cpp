@@ -194,11 +194,21 @@ TEST(Export, JoinsAndResamplesGroupsByTime) {
       {"--dg 1 --time iso", 0,
        "time,x\n2020-09-13T12:26:41.000000000Z,-1\n,0\n2020-09-13T12:26:43.000000000Z,-4\n"},
       {"--dg 1", 0, "time,x\n1,-1\ninf,0\n3,-4\n"},
+      {"--dg 0 --start 1 --end 2.25 --channel x", 0, "time,x [V]\n1,2\n"},
+      {"--dg 1 --start=-5 --end 2020-09-13T12:26:43.000000001Z", 0, "time,x\n1,-1\n3,-4\n"},
+      {"--join --start 1600000001.1 --channel x", 0,
+       "time [s],dg0_cg0.x [V],dg1_cg0.x\n2.25,7,\n3,,-4\n"},
+      {"--dg 0 --raster 0.5 --start 1.1 --end 2.5 --channel x", 0, "time,x [V]\n1.5,2\n2,2\n"},
   };
   for (const auto& [options, exitCode, want] : cases) {
     EXPECT_EQ(runTolvex(command + options, exitCode, exitCode == 3 ? lost : "").out, want)
         << options;
   }
+  for (const char* options : {"--dg 0", "--dg 0 --raster 0.1", "--join"}) {
+    runTolvex(command + options + " --start 10", 0,
+              "no records in that time; the recording has them from 0.500000 to");
+  }
+  runTolvex(command + "--dg 0 --end never", 2, "neither seconds nor a date");
   runTolvex(command + "--interpolate", 2, "--raster");
   for (const char* raster : {"0", "-1", "nan", "1e-10", "1e10", "x"}) {
     runTolvex(command + "--join --raster=" + raster, 2, "--raster: a raster has");

@@ -262,19 +262,6 @@ int runCat(CatOptions& options) {
   return toStandardOutput ? cat(options) : runStoppable([&] { return cat(options); });
 }
 
-void addTime(CLI::App& command, const char* name, std::optional<TimeArgument>& time,
-             const char* help) {
-  command
-      .add_option_function<std::string>(
-          name, [&time](const std::string& text) { time = TimeArgument::parse(text); }, help)
-      ->type_name("TIME")
-      ->check(
-          [](const std::string& text) {
-            return TimeArgument::parse(text) ? "" : "neither seconds nor a date: " + text;
-          },
-          "");
-}
-
 void addChoice(CLI::App& command, const std::shared_ptr<CatOptions>& options) {
   command
       .add_option("--id", options->ids,
@@ -293,8 +280,8 @@ void addChoice(CLI::App& command, const std::shared_ptr<CatOptions>& options) {
       ->delimiter(',')
       ->allow_extra_args(false)
       ->check([](const std::string& text) { return parseBus(text) ? "" : "no bus: " + text; }, "");
-  addTime(command, "--start", options->start, "The first time to print");
-  addTime(command, "--end", options->end, "The time to print up to but not including");
+  addTimeArgument(command, "--start", options->start, "The first time to print");
+  addTimeArgument(command, "--end", options->end, "The time to print up to but not including");
   command
       .add_option_function<std::string>(
           "--time",

@@ -104,6 +104,8 @@ void addExport(CLI::App& app, Command& chosen) {
           "for any characters, '?' for one; members are \"pair.lo\", elements \"map[1][2]\"")
       ->type_name("NAME")
       ->allow_extra_args(false);
+  addTimeArgument(*command, "--start", options->start, "The time of the first row");
+  addTimeArgument(*command, "--end", options->end, "The time that rows are before");
   addTableOptions(*command, options);
   command
       ->add_option("-o,--output", options->output,
@@ -130,6 +132,11 @@ void addExport(CLI::App& app, Command& chosen) {
       "  absolute  seconds since 1970 with nine digits behind the point\n"
       "  iso       2021-07-26T04:34:14.500000000Z; without the Z when the file has the time of a "
       "place that it does not tell\n"
+      "\n"
+      "--start and --end are seconds, from 100000000 on since 1970, below since the recording's "
+      "start, or dates like 2021-07-26T04:34:14.5Z, with +02:00 instead of the Z, or without "
+      "either "
+      "as the file counts its time.\n"
       "\n"
       "With --join, the records of all groups whose time is the same nanosecond share a row, and "
       "groups without a record there have empty cells; a name that several channels have gets its "

@@ -6,6 +6,7 @@
 #include <cctype>
 #include <deque>
 #include <filesystem>
+#include <limits>
 #include <set>
 #include <string>
 #include <utility>
@@ -38,9 +39,35 @@ std::string fileNameOf(const MdfColumnGroup& group) {
 Exporter::Exporter(MdfColumnReader& reader, const ExportOptions& options)
     : reader_(reader),
       options_(options),
+      table_(options.table),
       label_(labelOf(options.files)),
       selection_(options.channels),
-      budget_(budgetFor(options.maxOutput, options.files)) {}
+      budget_(budgetFor(options.maxOutput, options.files)) {
+  if (options.start) {
+    table_.firstNs = fileTimeOf(*options.start);
+  }
+  if (options.end) {
+    table_.endNs = fileTimeOf(*options.end);
+  }
+}
+
+// The time as the file counts it.
+std::int64_t Exporter::fileTimeOf(const TimeArgument& time) const {
+  constexpr std::int64_t kSecondNs = 1'000'000'000;
+  const MdfRecordingInfo& info = reader_.info();
+  std::int64_t base = 0;
+  if (time.from == TimeArgument::From::Start) {
+    base = info.startTimeNs;
+  } else if (time.from == TimeArgument::From::Utc && info.startIsLocal) {
+    base = -std::int64_t{timeZoneSeconds()} * kSecondNs;
+  }
+  std::int64_t timeNs = 0;
+  if (__builtin_add_overflow(base, time.ns, &timeNs)) {
+    timeNs = base < 0 ? std::numeric_limits<std::int64_t>::min()
+                      : std::numeric_limits<std::int64_t>::max();
+  }
+  return timeNs;
+}
 
 int Exporter::run() {
   if (!choose()) {
@@ -94,7 +121,7 @@ bool Exporter::choose() {
 }
 
 bool Exporter::needsTime() const {
-  return options_.join || options_.table.rasterNs || options_.table.hasWindow();
+  return options_.join || table_.rasterNs || table_.hasWindow();
 }
 
 void Exporter::leaveOutGroupsWithoutTime() {
@@ -125,7 +152,7 @@ void Exporter::complainOfFaults() {
     std::int32_t last = -1;
     for (const TableColumn& column : part.columns) {
       const auto& channel = group.channels[static_cast<std::size_t>(column.channel)];
-      const MdfColumnType type = options_.table.raw ? channel.rawType : channel.type;
+      const MdfColumnType type = table_.raw ? channel.rawType : channel.type;
       if (column.channel != last && type == MdfColumnType::None) {
         complainOf(group, fmt::format("{:.200} has no values: {}", channel.name, channel.fault));
       }
@@ -146,14 +173,14 @@ int Exporter::exportOne() {
     return code;
   }
   if (!parts_.empty()) {
-    const TableResult result = options_.join
-                                   ? writeJoinedTable(reader_, parts_, options_.table, out)
-                                   : writeTable(reader_, parts_.front(), options_.table, out);
+    const TableResult result = options_.join ? writeJoinedTable(reader_, parts_, table_, out)
+                                             : writeTable(reader_, parts_.front(), table_, out);
     if (out.good() && !isWhole(result, parts_)) {
       return kFailed;
     }
   }
   if (out.close()) {
+    complainOfEmptyWindow();
     return reportProblems(reader_, label_, code_);
   }
   if (out.pipeClosed()) {
@@ -184,7 +211,7 @@ int Exporter::exportAll() {
         code != kDone) {
       return code;
     }
-    const TableResult result = writeTable(reader_, part, options_.table, out);
+    const TableResult result = writeTable(reader_, part, table_, out);
     if (out.good() && !isWhole(result, {part})) {
       return kFailed;
     }
@@ -199,7 +226,20 @@ int Exporter::exportAll() {
       return kFailed;
     }
   }
+  complainOfEmptyWindow();
   return reportProblems(reader_, label_, code_);
+}
+
+void Exporter::complainOfEmptyWindow() const {
+  if (!table_.hasWindow() || rows_ != 0 || span_.isEmpty()) {
+    return;
+  }
+  const auto seconds = [&](std::int64_t timeNs) {
+    return 1e-9 * (static_cast<double>(timeNs) - static_cast<double>(reader_.info().startTimeNs));
+  };
+  complain(label_, fmt::format("no records in that time; the recording has them from {:.6f} to "
+                               "{:.6f} s",
+                               seconds(span_.firstNs), seconds(span_.lastNs)));
 }
 
 // Says what the table of these groups lacks. False when it is not all of the table.
@@ -208,7 +248,9 @@ bool Exporter::isWhole(const TableResult& result, const std::vector<TablePart>& 
     complain(label_, result.error);
     return false;
   }
-  if (result.withoutTime != 0) {
+  rows_ += result.rows;
+  span_.add(result.span);
+  if (result.withoutTime != 0 && !table_.hasWindow()) {
     lose(groupOf(parts.front()),
          fmt::format("{} records have no time and no rows", result.withoutTime));
   }

@@ -12,6 +12,7 @@
 #include "Command.h"
 #include "Selection.h"
 #include "Table.h"
+#include "TimeArgument.h"
 
 namespace tolvex {
 
@@ -22,7 +23,9 @@ struct ExportOptions {
   int cg = 0;
   std::vector<std::string> channels;  // names and patterns; all when empty
   bool join = false;
-  TableOptions table;
+  std::optional<TimeArgument> start;
+  std::optional<TimeArgument> end;
+  TableOptions table;  // without the window that these two make
   std::string output;
   bool force = false;
   std::optional<std::uint64_t> maxOutput;  // bytes
@@ -42,21 +45,26 @@ class Exporter {
   const MdfColumnGroup& groupOf(const TablePart& part) const;
   bool choose();
   bool needsTime() const;
+  std::int64_t fileTimeOf(const TimeArgument& time) const;
   void leaveOutGroupsWithoutTime();
   void complainOfFaults();
   void complainOf(const MdfColumnGroup& group, std::string_view what) const;
   void lose(const MdfColumnGroup& group, std::string_view what);
   int exportOne();
   int exportAll();
+  void complainOfEmptyWindow() const;
   bool isWhole(const TableResult& result, const std::vector<TablePart>& parts);
 
   MdfColumnReader& reader_;
   const ExportOptions& options_;
+  TableOptions table_;
   const std::string label_;  // of the files, in messages
   Selection selection_;
   OutputBudget budget_;
   std::vector<TablePart> parts_;
   ExitCode code_ = kDone;
+  std::uint64_t rows_ = 0;
+  TimeSpan span_;
 };
 
 }  // namespace tolvex

@@ -60,43 +60,27 @@ GroupRows::GroupRows(MdfColumnReader& reader, const TablePart& part, const Wante
 }
 
 std::shared_ptr<const RowChunk> GroupRows::next() {
-  if (!error_.empty() || done_ >= records_) {
-    return nullptr;
-  }
-  const auto chunk = std::make_shared<RowChunk>();
-  chunk->first = done_;
-  // Values may be larger than those before them.
-  for (std::uint64_t count = std::min(atOnce_, records_ - done_); !read(*chunk, count);
-       count /= 2) {
-    if (count <= 1) {
-      error_ = reader_.error();
+  while (error_.empty() && done_ < records_) {
+    const auto chunk = std::make_shared<RowChunk>();
+    chunk->first = done_;
+    chunk->count = static_cast<std::size_t>(std::min(atOnce_, records_ - done_));
+    if (!readTimes(*chunk)) {
       return nullptr;
     }
+    const bool wanted = isWanted(*chunk);
+    if (wanted && !readColumns(*chunk)) {
+      return nullptr;
+    }
+    done_ += chunk->count;
+    if (wanted) {
+      return chunk;
+    }
   }
-  if (chunk->count == 0 || !readTimes(*chunk)) {
-    return nullptr;
-  }
-  adapt(*chunk);
-  done_ += chunk->count;
-  return chunk;
-}
-
-bool GroupRows::read(RowChunk& chunk, std::uint64_t count) {
-  chunk.count = static_cast<std::size_t>(count);
-  MdfReadOptions options;
-  options.raw = wanted_.raw;
-  if (channels_.empty()) {
-    return true;
-  }
-  if (!reader_.read(group_, channels_, done_, count, chunk.columns, options)) {
-    return false;
-  }
-  chunk.count = static_cast<std::size_t>(chunk.columns.front().rows());
-  return true;
+  return nullptr;
 }
 
 bool GroupRows::readTimes(RowChunk& chunk) {
-  std::int64_t count = static_cast<std::int64_t>(chunk.count);
+  auto count = static_cast<std::int64_t>(chunk.count);
   if (wanted_.seconds) {
     chunk.seconds.resize(chunk.count);
     count = std::min(count, reader_.readSeconds(group_, done_, chunk.count, chunk.seconds.data()));
@@ -114,9 +98,43 @@ bool GroupRows::readTimes(RowChunk& chunk) {
   return chunk.count != 0;
 }
 
+bool GroupRows::isWanted(const RowChunk& chunk) {
+  if (!wanted_.nanoseconds) {
+    return true;
+  }
+  bool isWanted = !wanted_.hasWindow();
+  for (std::size_t row = 0; row < chunk.count; ++row) {
+    const std::int64_t timeNs = chunk.nanoseconds[row];
+    if (timeNs != MdfColumnReader::kNoTime) {
+      span_.add(timeNs);
+      isWanted = isWanted || (timeNs >= wanted_.firstNs && timeNs < wanted_.endNs);
+    }
+  }
+  return isWanted;
+}
+
+// Fewer records than there are times when their values are larger than those before them.
+bool GroupRows::readColumns(RowChunk& chunk) {
+  MdfReadOptions options;
+  options.raw = wanted_.raw;
+  while (!channels_.empty() &&
+         !reader_.read(group_, channels_, done_, chunk.count, chunk.columns, options)) {
+    if (chunk.count == 1) {
+      error_ = reader_.error();
+      return false;
+    }
+    chunk.count /= 2;
+  }
+  if (!channels_.empty()) {
+    chunk.count = std::min(chunk.count, static_cast<std::size_t>(chunk.columns.front().rows()));
+  }
+  adapt(chunk);
+  return chunk.count != 0;
+}
+
 // Reads as many at once next time as are likely to take the memory that a chunk may have.
 void GroupRows::adapt(const RowChunk& chunk) {
-  if (!hasSizes_) {
+  if (!hasSizes_ || chunk.count == 0) {
     return;
   }
   constexpr std::uint64_t kAtMostTimes = 4;  // as many as before

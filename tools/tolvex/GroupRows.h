@@ -5,11 +5,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <vector>
 
 #include "Output.h"
 #include "Selection.h"
+#include "TimeSpan.h"
 
 namespace tolvex {
 
@@ -29,7 +31,15 @@ class GroupRows {
     bool raw = false;  // values before their conversion
     bool seconds = false;
     bool nanoseconds = false;
+    // Chunks without a record from the first of these times on and before the end may be left out.
+    std::int64_t firstNs = std::numeric_limits<std::int64_t>::min();
+    std::int64_t endNs = std::numeric_limits<std::int64_t>::max();
     std::size_t bytes = std::size_t{1} << 21;  // of a chunk, about
+
+    bool hasWindow() const {
+      return firstNs != std::numeric_limits<std::int64_t>::min() ||
+             endNs != std::numeric_limits<std::int64_t>::max();
+    }
   };
   GroupRows(MdfColumnReader& reader, const TablePart& part, const Wanted& wanted);
 
@@ -37,6 +47,8 @@ class GroupRows {
   std::shared_ptr<const RowChunk> next();
   // Why they could not be read; "" when they could.
   const std::string& error() const { return error_; }
+  std::uint64_t passed() const { return done_; }  // records
+  const TimeSpan& span() const { return span_; }  // of those, when their nanoseconds are wanted
 
   // Writes the values of a row, or as many empty cells, each with a comma in front.
   void writeCells(Output& out, const RowChunk& chunk, std::size_t row, bool safe) const;
@@ -56,8 +68,9 @@ class GroupRows {
     std::uint64_t index(std::size_t row) const { return row * elements + element; }
   };
 
-  bool read(RowChunk& chunk, std::uint64_t count);
   bool readTimes(RowChunk& chunk);
+  bool isWanted(const RowChunk& chunk);
+  bool readColumns(RowChunk& chunk);
   void adapt(const RowChunk& chunk);
 
   MdfColumnReader& reader_;
@@ -69,6 +82,7 @@ class GroupRows {
   std::uint64_t atOnce_ = 1;   // records
   std::uint64_t done_ = 0;     // likewise
   std::uint64_t records_ = 0;  // that there are
+  TimeSpan span_;
   std::string error_;
 };
 

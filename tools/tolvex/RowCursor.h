@@ -29,7 +29,6 @@ class RowCursor {
     ++place_.row;
     skip();
   }
-  std::uint64_t passed() const { return passed_ + place_.row; }
   std::uint64_t withoutTime() const { return withoutTime_; }
 
  private:
@@ -41,7 +40,6 @@ class RowCursor {
     while (place_ &&
            (place_.row == place_.chunk->count || place_.timeNs() == MdfColumnReader::kNoTime)) {
       if (place_.row == place_.chunk->count) {
-        passed_ += place_.chunk->count;
         place_ = {rows_.next(), 0};
       } else {
         ++place_.row;
@@ -52,7 +50,6 @@ class RowCursor {
 
   GroupRows& rows_;
   RowPlace place_;
-  std::uint64_t passed_ = 0;
   std::uint64_t withoutTime_ = 0;
 };
 

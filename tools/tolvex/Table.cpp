@@ -42,11 +42,13 @@ class GroupTable {
         hasTime_(timeChannelOf(group_).has_value()),
         options_(options),
         timeText_(TimeText::of(reader.info(), options.time)),
-        rows_(reader, part,
-              {.raw = options.raw,
-               .seconds = hasTime_ && options.time == TimeForm::Relative,
-               .nanoseconds =
-                   hasTime_ && (options.time != TimeForm::Relative || options.hasWindow())}),
+        rows_(
+            reader, part,
+            {.raw = options.raw,
+             .seconds = hasTime_ && options.time == TimeForm::Relative,
+             .nanoseconds = hasTime_ && (options.time != TimeForm::Relative || options.hasWindow()),
+             .firstNs = options.firstNs,
+             .endNs = options.endNs}),
         out_(out) {}
 
   TableResult write() {
@@ -60,9 +62,10 @@ class GroupTable {
       for (std::size_t row = 0; row < chunk->count; ++row) {
         writeRow(*chunk, row);
       }
-      result.records += chunk->count;
-      progress.update(result.records);
+      progress.update(rows_.passed());
     }
+    result.rows = written_;
+    result.span = rows_.span();
     result.error = rows_.error();
     return result;
   }
@@ -92,6 +95,7 @@ class GroupTable {
     }
     rows_.writeCells(out_, chunk, row, options_.safe);
     out_.write('\n');
+    ++written_;
   }
 
   const MdfColumnGroup& group_;
@@ -99,6 +103,7 @@ class GroupTable {
   const TableOptions& options_;
   const TimeText timeText_;
   GroupRows rows_;
+  std::uint64_t written_ = 0;
   Output& out_;
 };
 

@@ -11,6 +11,7 @@
 
 #include "Output.h"
 #include "Selection.h"
+#include "TimeSpan.h"
 #include "TimeText.h"
 
 namespace tolvex {
@@ -32,8 +33,9 @@ struct TableOptions {
 };
 
 struct TableResult {
-  std::uint64_t records = 0;      // that were read
-  std::uint64_t withoutTime = 0;  // of them: those that a row by time cannot have
+  std::uint64_t rows = 0;         // that were written
+  TimeSpan span;                  // of the records, where rows are chosen by time
+  std::uint64_t withoutTime = 0;  // records that a row by time cannot have
   std::string error;              // why they end; "" when all were read
 };
 

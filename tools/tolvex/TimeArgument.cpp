@@ -1,5 +1,6 @@
 #include "TimeArgument.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -163,6 +164,19 @@ std::optional<TimeArgument> parseDate(const std::string& text) {
 std::optional<TimeArgument> TimeArgument::parse(const std::string& text) {
   const auto number = parseNumber(text);
   return number ? number : parseDate(text);
+}
+
+void addTimeArgument(CLI::App& command, const char* name, std::optional<TimeArgument>& time,
+                     const char* help) {
+  command
+      .add_option_function<std::string>(
+          name, [&time](const std::string& text) { time = TimeArgument::parse(text); }, help)
+      ->type_name("TIME")
+      ->check(
+          [](const std::string& text) {
+            return TimeArgument::parse(text) ? "" : "neither seconds nor a date: " + text;
+          },
+          "");
 }
 
 }  // namespace tolvex

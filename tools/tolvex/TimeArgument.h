@@ -5,6 +5,10 @@
 #include <optional>
 #include <string>
 
+namespace CLI {
+class App;
+}
+
 namespace tolvex {
 
 // A number of seconds: from 10^8 on since 1970, below since the recording's start; or a date as
@@ -21,5 +25,9 @@ struct TimeArgument {
   // Nothing when the text is none.
   static std::optional<TimeArgument> parse(const std::string& text);
 };
+
+// The option `name` of a command; `help` says what it is the time of.
+void addTimeArgument(CLI::App& command, const char* name, std::optional<TimeArgument>& time,
+                     const char* help);
 
 }  // namespace tolvex

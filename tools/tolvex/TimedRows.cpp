@@ -78,11 +78,14 @@ class TimedTable {
   TimedTable(MdfColumnReader& reader, const std::vector<TablePart>& parts,
              const TableOptions& options, Output& out)
       : options_(options), timeText_(TimeText::of(reader.info(), options.time)), out_(out) {
-    const GroupRows::Wanted wanted = {
-        .raw = options.raw,
-        .seconds = !options.rasterNs && options.time == TimeForm::Relative,
-        .nanoseconds = true,
-        .bytes = kAllChunks / std::max<std::size_t>(2, parts.size())};
+    GroupRows::Wanted wanted = {.raw = options.raw,
+                                .seconds = !options.rasterNs && options.time == TimeForm::Relative,
+                                .nanoseconds = true,
+                                .bytes = kAllChunks / std::max<std::size_t>(2, parts.size())};
+    if (!options.rasterNs) {  // whose first row has values from before it
+      wanted.firstNs = options.firstNs;
+      wanted.endNs = options.endNs;
+    }
     std::uint64_t records = 0;
     for (const TablePart& part : parts) {
       groups_.emplace_back(reader, part, wanted);
@@ -98,8 +101,9 @@ class TimedTable {
     } else {
       writeTimes();
     }
+    result.rows = rows_;
     for (const TimedGroup& group : groups_) {
-      result.records += group.next.passed();
+      result.span.add(group.rows.span());
       result.withoutTime += group.next.withoutTime();
       if (result.error.empty()) {
         result.error = group.rows.error();
@@ -125,11 +129,12 @@ class TimedTable {
     return first;
   }
 
-  void showProgress() {
+  void endRow() {
+    out_.write('\n');
     if (++rows_ % 4096 == 0) {
       std::uint64_t done = 0;
       for (const TimedGroup& group : groups_) {
-        done += group.next.passed();
+        done += group.rows.passed();
       }
       progress_->update(done);
     }
@@ -156,9 +161,8 @@ class TimedTable {
         }
       }
       if (isRow) {
-        out_.write('\n');
+        endRow();
       }
-      showProgress();
     }
   }
 
@@ -227,8 +231,7 @@ class TimedTable {
         group.rows.writeCells(out_, *held.chunk, held.row, options_.safe);
       }
     }
-    out_.write('\n');
-    showProgress();
+    endRow();
   }
 
   const TableOptions& options_;
