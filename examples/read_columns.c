@@ -46,23 +46,39 @@ static int printText(const tolvex_values* values, uint64_t row) {
   return 0;
 }
 
-/* The values of a column as numbers, NaN where they are none. */
-static int readNumbers(tolvex_reader* reader, tolvex_place place, const tolvex_values* values,
-                       uint64_t first, double* numbers) {
+/* Rows from `first` on; -1 when something went wrong. */
+static int64_t printRows(tolvex_reader* reader, tolvex_place place, const tolvex_channel* channel,
+                         uint64_t first) {
+  double seconds[kRows];
+  double numbers[kRows];
+  const tolvex_read_options options = {.size = sizeof options, .seconds = seconds};
   const tolvex_target target = {
       .size = sizeof target, .values = numbers, .channel = place.channel, .doubles = 1};
+  tolvex_column* column = NULL;
+  tolvex_values values = {.size = sizeof values};
   uint64_t rows = 0;
-  if (values->type == TOLVEX_TEXT) return 1;
-  return succeeded(reader, tolvex_reader_read(reader, place.group, &target, 1, first, values->rows,
-                                              NULL, &rows));
+  if (!succeeded(reader, tolvex_reader_columns(reader, place.group, &place.channel, 1, first, kRows,
+                                               &options, &column))) {
+    return -1;
+  }
+  int ok = tolvex_column_values(column, &values) == TOLVEX_OK;
+  if (ok && channel->type != TOLVEX_TEXT) { /* texts may stand for numbers too */
+    ok = succeeded(reader,
+                   tolvex_reader_read(reader, place.group, &target, 1, first, kRows, NULL, &rows));
+  }
+  for (uint64_t row = 0; ok && row < values.rows; ++row) {
+    if (values.validity != NULL && (values.validity[row / 8] >> row % 8 & 1) == 0) continue;
+    printf("%.12g ", seconds[row]);
+    if (printText(&values, row) <= 0) printf("%.12g %s\n", numbers[row], channel->unit);
+  }
+  tolvex_column_free(column);
+  return ok ? (int64_t)values.rows : -1;
 }
 
 static int print(tolvex_reader* reader, const char* name) {
   tolvex_place place;
   tolvex_channel channel = {.size = sizeof channel};
   size_t found = 0;
-  double seconds[kRows];
-  double numbers[kRows];
   if (!succeeded(reader, tolvex_reader_find(reader, name, &place, 1, &found))) return 1;
   if (found == 0) {
     fprintf(stderr, "read_columns: no channel %s\n", name);
@@ -75,28 +91,11 @@ static int print(tolvex_reader* reader, const char* name) {
     fprintf(stderr, "read_columns: %s has no single values %s\n", name, channel.fault);
     return 1;
   }
-  for (uint64_t first = 0;; first += kRows) {
-    uint64_t rows = 0;
-    tolvex_column* column = NULL;
-    tolvex_values values = {.size = sizeof values};
-    if (!succeeded(reader,
-                   tolvex_reader_seconds(reader, place.group, first, kRows, seconds, &rows)) ||
-        !succeeded(reader, tolvex_reader_columns(reader, place.group, &place.channel, 1, first,
-                                                 kRows, NULL, &column))) {
-      return 1;
-    }
-    if (tolvex_column_values(column, &values) != TOLVEX_OK ||
-        !readNumbers(reader, place, &values, first, numbers)) {
-      rows = 0;
-    }
-    for (uint64_t row = 0; row < rows; ++row) {
-      if (values.validity != NULL && (values.validity[row / 8] >> row % 8 & 1) == 0) continue;
-      printf("%.12g ", seconds[row]);
-      if (printText(&values, row) <= 0) printf("%.12g %s\n", numbers[row], channel.unit);
-    }
-    tolvex_column_free(column);
-    if (rows < kRows) return 0;
+  int64_t rows = kRows;
+  for (uint64_t first = 0; rows == kRows; first += kRows) {
+    rows = printRows(reader, place, &channel, first);
   }
+  return rows < 0 ? 1 : 0;
 }
 
 int main(int argc, char** argv) {

@@ -1,6 +1,7 @@
 // Columns of whole files, as the format means them.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <fstream>
@@ -451,6 +452,16 @@ TEST(ColumnReader, GivesTimesOnTheClock) {
     std::int64_t ns[3] = {};
     EXPECT_EQ(reader.readNanoseconds(0, 2, 9, ns), 3);
     EXPECT_EQ(ns[0], one.since == 0 ? MdfColumnReader::kNoTime : kStart + one.since);
+    double alongSeconds[3] = {};
+    std::int64_t alongNs[3] = {};
+    MdfReadOptions options;
+    options.seconds = alongSeconds;
+    options.nanoseconds = alongNs;
+    std::vector<MdfColumn> columns;
+    ASSERT_TRUE(reader.read(0, {1}, 2, 9, columns, options));
+    EXPECT_EQ(columns.size(), 1U);
+    EXPECT_EQ(alongSeconds[0], seconds[0]);
+    EXPECT_TRUE(std::equal(ns, ns + 3, alongNs));
   }
   FileBuilder builder;
   builder.setU64(136, kStart);
@@ -467,6 +478,11 @@ TEST(ColumnReader, GivesTimesOnTheClock) {
   EXPECT_EQ(ns, kStart + 250'000'000);
   EXPECT_EQ(reader.readNanoseconds(1, 0, 1, &ns), -1);
   EXPECT_EQ(reader.error(), "group 1 has no master of time");
+  MdfReadOptions options;
+  options.nanoseconds = &ns;
+  std::vector<MdfColumn> columns;
+  EXPECT_FALSE(reader.read(1, {0}, 0, 1, columns, options));
+  EXPECT_EQ(columns.size(), 0U);
 }
 
 TEST(ColumnReader, FillsTheArraysOfItsCaller) {

@@ -101,6 +101,8 @@ bool takeReadOptions(const tolvex_read_options* options, MdfReadOptions& taken) 
   if (!takeOptions(options, given)) return false;
   taken.raw = given.raw != 0;
   taken.threads = std::max(given.threads, 1U);
+  taken.seconds = given.seconds;
+  taken.nanoseconds = given.nanoseconds;
   return true;
 }
 
@@ -110,7 +112,7 @@ tolvex_status readColumns(OpenRecording& recording, LastError& error, std::int32
                           std::vector<MdfColumn>& columns) {
   return recording.with([&](MdfColumnReader& reader) -> tolvex_status {
     if (reader.read(group, channels, first, count, columns, options)) return TOLVEX_OK;
-    return failed(error, reader.error(), TOLVEX_ERROR_OTHER);
+    return failed(error, reader.error(), TOLVEX_ERROR_TYPE);
   });
 }
 

@@ -161,13 +161,11 @@ ArrowOwner<ArrowSchema> ColumnStream::schema() const {
 
 tolvex_status ColumnStream::next(ArrowOwner<ArrowArray>& batch, LastError& error) {
   const std::uint64_t count = std::min(plan_.batchRows, plan_.end - position_);
+  if (count == 0) return TOLVEX_OK;
   Batch read;
-  if (count != 0) {
-    const tolvex_status status = this->read(count, read, error);
-    if (status != TOLVEX_OK) return status;
-  }
-  position_ = read.rows == 0 ? plan_.end : position_ + read.rows;
-  if (read.rows == 0) return TOLVEX_OK;
+  const tolvex_status status = this->read(count, read, error);
+  if (status != TOLVEX_OK) return status;
+  position_ += count;
   ArrowParts parts;
   parts.length = static_cast<std::int64_t>(read.rows);
   parts.buffers = {nullptr};
@@ -177,36 +175,25 @@ tolvex_status ColumnStream::next(ArrowOwner<ArrowArray>& batch, LastError& error
 }
 
 tolvex_status ColumnStream::read(std::uint64_t count, Batch& batch, LastError& error) {
-  batch.rows = count;
+  MdfReadOptions options = plan_.options;
+  const Kind first = plan_.columns.empty() ? Kind::Nulls : plan_.columns.front().kind;
+  if (first == Kind::Seconds) {
+    batch.seconds = room<double>(count);
+    options.seconds = batch.seconds.get();
+  } else if (first == Kind::Nanoseconds) {
+    batch.nanoseconds = room<std::int64_t>(count);
+    options.nanoseconds = batch.nanoseconds.get();
+  }
   std::vector<MdfColumn> columns;
-  tolvex_status status = readColumns(*recording_, error, plan_.group, plan_.channels, position_,
-                                     count, plan_.options, columns);
+  const tolvex_status status = readColumns(*recording_, error, plan_.group, plan_.channels,
+                                           position_, count, options, columns);
   if (status != TOLVEX_OK) return status;
+  batch.rows = count;
   for (MdfColumn& column : columns) {
-    batch.rows = std::min(batch.rows, column.rows());
+    batch.rows = column.rows();
     batch.columns.push_back(std::make_shared<MdfColumn>(std::move(column)));
   }
-  return readTimes(count, batch, error);
-}
-
-tolvex_status ColumnStream::readTimes(std::uint64_t count, Batch& batch, LastError& error) {
-  if (plan_.columns.empty()) return TOLVEX_OK;
-  const Kind kind = plan_.columns.front().kind;
-  if (kind != Kind::Seconds && kind != Kind::Nanoseconds) return TOLVEX_OK;
-  if (kind == Kind::Seconds) {
-    batch.seconds = room<double>(count);
-  } else {
-    batch.nanoseconds = room<std::int64_t>(count);
-  }
-  return recording_->with([&](MdfColumnReader& reader) -> tolvex_status {
-    const std::int64_t rows =
-        kind == Kind::Seconds
-            ? reader.readSeconds(plan_.group, position_, count, batch.seconds.get())
-            : reader.readNanoseconds(plan_.group, position_, count, batch.nanoseconds.get());
-    if (rows < 0) return failed(error, reader.error(), TOLVEX_ERROR_TYPE);
-    batch.rows = std::min(batch.rows, static_cast<std::uint64_t>(rows));
-    return TOLVEX_OK;
-  });
+  return TOLVEX_OK;
 }
 
 ArrowOwner<ArrowArray> ColumnStream::arrayOf(const StreamColumn& column, const Batch& batch) {

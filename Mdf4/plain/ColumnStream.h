@@ -64,7 +64,6 @@ class ColumnStream final : public ArrowSource {
   };
 
   tolvex_status read(std::uint64_t count, Batch& batch, LastError& error);
-  tolvex_status readTimes(std::uint64_t count, Batch& batch, LastError& error);
   ArrowOwner<ArrowArray> arrayOf(const StreamColumn& column, const Batch& batch);
   ArrowOwner<ArrowArray> valuesOf(const StreamColumn& column,
                                   const std::shared_ptr<MdfColumn>& read);

@@ -14,12 +14,8 @@
 namespace tolvex::plain {
 namespace {
 
-// A batch, unless a number of rows is wanted: as much of the file as its largest blocks have twice,
-// since each is inflated again for every batch that has a part of it; fewer rows where their values
-// would take too much.
-constexpr std::uint64_t kRecordBytes = 8 << 20;
-constexpr std::uint64_t kValueBytes = 32 << 20;
-constexpr std::uint64_t kMostRows = 1 << 20;
+constexpr std::uint64_t kMostRows = 1 << 16;    // of a batch, unless more are wanted
+constexpr std::uint64_t kBatchBytes = 8 << 20;  // for its values, likewise
 
 // Gives columns names that no other has.
 class ColumnNames {
@@ -89,9 +85,8 @@ class Planner {
 
   std::uint64_t batchRows() const {
     if (options_.batch_rows != 0) return options_.batch_rows;
-    const std::uint64_t ofFile = kRecordBytes / std::max(group_.recordSize, 1U);
-    const std::uint64_t ofValues = kValueBytes / std::max<std::uint64_t>(bytes_, 1);
-    return std::clamp(std::min(ofFile, ofValues), std::uint64_t{1}, kMostRows);
+    return std::clamp(kBatchBytes / std::max<std::uint64_t>(bytes_, 1), std::uint64_t{1},
+                      kMostRows);
   }
 
  private:

@@ -17,6 +17,10 @@ namespace {
 
 constexpr const char* kOutOfMemory = "out of memory";
 
+std::string noTime(std::int32_t group) {
+  return formatText("group %" PRId32 " has no master of time", group);
+}
+
 }  // namespace
 
 struct MdfColumnReader::State {
@@ -29,6 +33,9 @@ struct MdfColumnReader::State {
   std::vector<MdfColumn> read(const RecordingGroup& group, std::vector<WantedColumn> wanted,
                               std::uint64_t first, std::uint64_t count,
                               const MdfReadOptions& options, std::uint64_t& rows);
+  bool addTimes(std::int32_t group, const MdfReadOptions& options,
+                std::vector<WantedColumn>& wanted);
+  bool takeTimes(std::int32_t group, std::size_t wanted, std::vector<MdfColumn>& columns);
   std::int64_t readTimes(std::int32_t group, std::uint64_t first, std::uint64_t count,
                          ColumnForm form, void* times, const MdfReadOptions& options);
 
@@ -109,6 +116,33 @@ std::vector<MdfColumn> MdfColumnReader::State::read(const RecordingGroup& group,
   return columns;
 }
 
+// Adds the times that are to be read along; false when there are none.
+bool MdfColumnReader::State::addTimes(std::int32_t group, const MdfReadOptions& options,
+                                      std::vector<WantedColumn>& wanted) {
+  if (options.seconds == nullptr && options.nanoseconds == nullptr) return true;
+  const std::int32_t master = groups.described[static_cast<std::size_t>(group)].master;
+  if (master < 0) {
+    error = noTime(group);
+    return false;
+  }
+  if (options.seconds != nullptr) {
+    wanted.push_back({master, ColumnForm::Seconds, {options.seconds}});
+  }
+  if (options.nanoseconds != nullptr) {
+    wanted.push_back({master, ColumnForm::Nanoseconds, {options.nanoseconds}});
+  }
+  return true;
+}
+
+// Takes them away again behind the columns that were wanted; false when there are none.
+bool MdfColumnReader::State::takeTimes(std::int32_t group, std::size_t wanted,
+                                       std::vector<MdfColumn>& columns) {
+  const bool areThere = columns.size() == wanted || columns.back().type() != MdfColumnType::None;
+  if (!areThere) error = noTime(group);
+  columns.resize(areThere ? wanted : 0);
+  return areThere;
+}
+
 std::int64_t MdfColumnReader::State::readTimes(std::int32_t group, std::uint64_t first,
                                                std::uint64_t count, ColumnForm form, void* times,
                                                const MdfReadOptions& options) {
@@ -121,7 +155,7 @@ std::int64_t MdfColumnReader::State::readTimes(std::int32_t group, std::uint64_t
       const auto columns = read(*found, {{master, form, {times}}}, first, count, options, rows);
       if (columns[0].type() != MdfColumnType::None) return static_cast<std::int64_t>(rows);
     }
-    error = formatText("group %" PRId32 " has no master of time", group);
+    error = noTime(group);
   } catch (const std::bad_alloc&) {
     error = kOutOfMemory;
   }
@@ -232,9 +266,10 @@ bool MdfColumnReader::read(std::int32_t group, const std::vector<std::int32_t>& 
     for (const std::int32_t channel : channels) {
       wanted.push_back({channel, options.raw ? ColumnForm::Raw : ColumnForm::Physical});
     }
+    if (!state_->addTimes(group, options, wanted)) return false;
     std::uint64_t rows = 0;
     columns = state_->read(*found, std::move(wanted), first, count, options, rows);
-    return true;
+    return state_->takeTimes(group, channels.size(), columns);
   } catch (const std::bad_alloc&) {
     state_->error = kOutOfMemory;
     return false;
@@ -257,9 +292,10 @@ std::int64_t MdfColumnReader::read(std::int32_t group, const std::vector<MdfColu
       if (!column) return -1;
       wanted.push_back(*column);
     }
+    if (!state.addTimes(group, options, wanted)) return -1;
     std::uint64_t rows = 0;
-    static_cast<void>(state.read(*found, std::move(wanted), first, count, options, rows));
-    return static_cast<std::int64_t>(rows);
+    auto columns = state.read(*found, std::move(wanted), first, count, options, rows);
+    return state.takeTimes(group, targets.size(), columns) ? static_cast<std::int64_t>(rows) : -1;
   } catch (const std::bad_alloc&) {
     state.error = kOutOfMemory;
     return -1;

@@ -193,6 +193,10 @@ TOLVEX_API tolvex_status tolvex_reader_find(tolvex_reader* reader, const char* n
 
 typedef struct tolvex_read_options {
   size_t size;
+  /* Room for the times of the rows, which are read along with their values as by the functions
+   * below: it costs less than reading them apart. Null: not wanted. */
+  double* seconds;
+  int64_t* nanoseconds;
   int32_t raw;      /* 1: the values before their conversion */
   uint32_t threads; /* that share the work, where there is much of it; 0: the caller's alone */
 } tolvex_read_options;
@@ -213,8 +217,9 @@ typedef struct tolvex_target {
 } tolvex_target;
 
 /* Channels of one group into the caller's memory: how many rows in *rows. TOLVEX_ERROR_TYPE for
- * texts, bytes and, unless as doubles, dictionaries, and for channels without values; nothing is
- * read then. After another error the memory may hold anything. */
+ * texts, bytes and, unless as doubles, dictionaries, for channels without values, and for times
+ * that the group does not have; nothing is read then. After another error the memory may hold
+ * anything. */
 TOLVEX_API tolvex_status tolvex_reader_read(tolvex_reader* reader, int32_t group,
                                             const tolvex_target* targets, size_t target_count,
                                             uint64_t first, uint64_t count,
@@ -283,7 +288,7 @@ typedef struct tolvex_stream_options {
   size_t channel_count;
   uint64_t first_row;
   uint64_t row_count;  /* 0: all from the first on */
-  uint64_t batch_rows; /* 0: as many as take some MiB */
+  uint64_t batch_rows; /* 0: as many as take 8 MiB, at most 65,536 */
   uint32_t time;       /* TOLVEX_TIME_AS_CHANNEL, ... */
   int32_t raw;         /* as in tolvex_read_options */
   uint32_t threads;    /* likewise */

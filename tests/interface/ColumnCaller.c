@@ -30,11 +30,13 @@ static void readTargets(tolvex_reader* reader, tolvex_place value) {
        .validity = validity,
        .channel = value.channel,
        .doubles = 1}};
-  const tolvex_read_options options = {.size = sizeof options, .raw = 1, .threads = 2};
+  static double along[kRampRecords];
+  const tolvex_read_options options = {
+      .size = sizeof options, .seconds = along, .raw = 1, .threads = 2};
   uint64_t rows = 0;
   EXPECT(tolvex_reader_read(reader, value.group, targets, 2, 10, UINT64_MAX, &options, &rows) ==
          TOLVEX_OK);
-  EXPECT(rows == kRampRecords - 10);
+  EXPECT(rows == kRampRecords - 10 && along[5] == 15);
   for (uint64_t i = 0; i < rows; ++i) {
     EXPECT(exact[i] == 3 * (i + 10) && doubles[i] == (double)exact[i]);
     EXPECT((validity[i / 8] >> i % 8 & 1) == 1);
