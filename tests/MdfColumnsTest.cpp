@@ -38,7 +38,7 @@ class Reader {
   Reader& operator=(const Reader&) = delete;
   ~Reader() { close(); }
 
-  operator tolvex_reader*() { return reader_; }
+  operator tolvex_reader*() { return reader_; }  // NOLINT(google-explicit-constructor): in calls
   tolvex_status status() const { return status_; }
   std::string error() const { return tolvex_reader_error(reader_); }
   void close() { tolvex_reader_free(std::exchange(reader_, nullptr)); }

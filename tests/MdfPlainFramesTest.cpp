@@ -58,10 +58,11 @@ Lines linesOf(MdfFrameReader& reader) {
 }
 
 class MdfPlainFrames : public testing::Test {
- protected:
+ public:
   MdfPlainFrames() { EXPECT_EQ(tolvex_frames_new(&frames_), TOLVEX_OK); }
   ~MdfPlainFrames() override { tolvex_frames_free(frames_); }
 
+ protected:
   void open(const std::string& path) {
     const char* const name = path.c_str();
     ASSERT_EQ(tolvex_frames_open(frames_, &name, 1), TOLVEX_OK) << tolvex_frames_error(frames_);

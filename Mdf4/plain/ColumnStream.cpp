@@ -67,9 +67,9 @@ ArrowField fieldOf(const StreamColumn& column, bool startIsLocal) {
   }
   // From the innermost dimension outwards.
   ArrowField::Metadata metadata = std::exchange(field.metadata, {});
-  for (auto size = channel.shape.rbegin(); size != channel.shape.rend(); ++size) {
+  for (std::size_t dimension = channel.shape.size(); dimension-- > 0;) {
     ArrowField list;
-    list.format = "+w:" + std::to_string(*size);
+    list.format = "+w:" + std::to_string(channel.shape[dimension]);
     list.name = std::exchange(field.name, "item");
     list.children.push_back(std::move(field));
     field = std::move(list);
@@ -81,9 +81,9 @@ ArrowField fieldOf(const StreamColumn& column, bool startIsLocal) {
 // Lists of elements that stand one behind the other in `array`.
 ArrowOwner<ArrowArray> listed(ArrowOwner<ArrowArray> array,
                               const std::vector<std::uint64_t>& shape) {
-  for (auto size = shape.rbegin(); size != shape.rend(); ++size) {
+  for (std::size_t dimension = shape.size(); dimension-- > 0;) {
     ArrowParts list;
-    list.length = array->length / static_cast<std::int64_t>(*size);
+    list.length = array->length / static_cast<std::int64_t>(shape[dimension]);
     list.buffers = {nullptr};
     list.children.push_back(std::move(array));
     array = makeArray(std::move(list));

@@ -3,6 +3,7 @@
 #include <cinttypes>
 #include <cstdint>
 #include <limits>
+#include <span>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -141,6 +142,7 @@ bool planStream(tolvex_reader& reader, std::int32_t group, const tolvex_stream_o
     reader.error.setFixed(status, kNull);
     return false;
   }
+  const std::span<const std::int32_t> chosen(options.channels, options.channel_count);
   Planner planner(*found, options, plan);
   if (options.time != TOLVEX_TIME_AS_CHANNEL) {
     if (!hasMasterOfTime(*found)) {
@@ -150,10 +152,10 @@ bool planStream(tolvex_reader& reader, std::int32_t group, const tolvex_stream_o
     }
     planner.addTime();
   }
-  if (options.channels == nullptr) planner.addAll();
-  for (std::size_t i = 0; i < options.channel_count; ++i) {
-    if (channelOf(reader, group, options.channels[i]) == nullptr) return false;
-    planner.addChannel(options.channels[i]);
+  if (chosen.data() == nullptr) planner.addAll();
+  for (const std::int32_t channel : chosen) {
+    if (channelOf(reader, group, channel) == nullptr) return false;
+    planner.addChannel(channel);
   }
   plan.group = group;
   plan.first = std::min(options.first_row, found->records);
