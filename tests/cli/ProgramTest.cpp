@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <nlohmann/json.hpp>
 #include <regex>
+#include <set>
 
 #include "tests/cli/Program.h"
 
@@ -11,7 +11,6 @@ namespace tolvex {
 namespace {
 
 using namespace test;
-using Json = nlohmann::ordered_json;
 
 TEST(Program, EndsWithTheCodeAndTheWordsForWhatHappened) {
   const std::string raw = realFile("raw-00000005.MF4");
@@ -42,7 +41,6 @@ TEST(Program, EndsWithTheCodeAndTheWordsForWhatHappened) {
       {"info " + realFile("canmod-gps.dbc"), 1, "expected \"MDF     \", found \"VERSION \""},
       {"cat " + raw + " --end 2021-13-01", 2, "neither seconds nor a date: 2021-13-01"},
       {"cat " + raw + " --id 0x20000000", 2, "no identifier: 0x20000000"},
-      {"info " + realFile("unfinalized-00000170.MF4"), 1, "unfinalized recording"},
       {"info /dev/stdin < /dev/null", 1, "identification"},
       {"info /dev/stdin < " + raw, 0, ""},
       {"--version; } | { '" TOLVEX_PROGRAM "' info /dev/stdin", 1, "/dev/stdin: is a pipe"},
@@ -80,6 +78,31 @@ TEST(Program, HelpsOnEightyColumns) {
   EXPECT_EQ(commands, 7U) << help.out;
 }
 
+// The options of each command, and those that the README has behind its name.
+TEST(Program, HasTheOptionsThatTheReadmeNames) {
+  const auto optionsIn = [](const std::string& text, const std::string& pattern) {
+    std::set<std::string> options;
+    const std::regex option(pattern);
+    for (std::sregex_iterator it(text.begin(), text.end(), option), end; it != end; ++it) {
+      options.insert((*it)[1]);
+    }
+    options.erase("--help");
+    options.erase("--output");  // -o
+    return options;
+  };
+  const std::string readme = contentOf(TOLVEX_TEST_DATA "/../../README.md");
+  const std::regex synopsis("\n    tolvex ([a-z]+)([^\n]*(\n     [^\n]*)*)");
+  std::size_t commands = 0;
+  for (std::sregex_iterator it(readme.begin(), readme.end(), synopsis), end; it != end; ++it) {
+    const std::string command = (*it)[1];
+    const std::string help = runTolvex(command + " --help", 0).out;
+    EXPECT_EQ(optionsIn((*it)[2], "(--[a-z-]+)"), optionsIn(help, "\n  (?:-[a-zA-Z],)?(--[a-z-]+)"))
+        << command;
+    ++commands;
+  }
+  EXPECT_EQ(commands, 6U);
+}
+
 #ifdef TOLVEX_FAILING_MEMORY
 // The first allocations come before main.
 TEST(Program, SaysThatThereIsNoMemory) {
@@ -104,56 +127,6 @@ TEST(Program, TakesAClosedPipeForANormalEnd) {
   EXPECT_EQ(contentOf(code), "0\n");
   EXPECT_EQ(outcome.lines().size(), 1U);
   EXPECT_EQ(outcome.err, "");
-}
-
-TEST(Program, DescribesAFileInJson) {
-  const std::string decoded = realFile("decoded-00000005.mf4");
-  Json file = Json::parse(runTolvex("info " + decoded + " --format json", 0).out);
-  ASSERT_EQ(file["groups"].size(), 9U);
-  Json group = file["groups"][2];
-  file.erase("file");
-  file.erase("groups");
-  EXPECT_EQ(file.dump(), R"({"size":285112,"version":"4.11","program":"amdf700d",)"
-                         R"("start_time_ns":1627274454000000000})");
-  EXPECT_EQ(group["channels"][2].dump(),
-            R"({"cn":2,"name":"Latitude","unit":"deg","comment":"Latitude","channel_type":0,)"
-            R"("sync_type":0,"data_type":4,"byte_offset":9,"bit_offset":0,"bit_count":64,)"
-            R"("conversion_type":0})");
-  group.erase("channels");
-  EXPECT_EQ(group.dump(), R"({"dg":2,"cg":0,"name":"CAN2 message ID=0x3 from 0x3","records":41,)"
-                          R"("record_size":26,"unsorted":false,"duration_s":41.98239999999987})");
-}
-
-TEST(Program, DescribesAFileOnOneScreen) {
-  FileBuilder file({.program = "my\x1b[2J", .startTimeNs = 1'627'274'454'250'000'000});
-  file.signalGroup({{.name = "Geschw\xC3\xB6hnlich",
-                     .dataType = 3,
-                     .byteOffset = 8,
-                     .bitCount = 16,
-                     .conversion = file.cc({.type = 1, .values = {0, 2}}),
-                     .unit = file.tx("km/h")},
-                    {.name = "bad\xFF", .dataType = 6, .byteOffset = 10, .bitCount = 16}},
-                   {packed(0.5, std::uint32_t{0}), packed(2.0, std::uint32_t{0})});
-  const std::string path = file.write();
-  EXPECT_EQ(runTolvex("info " + path, 0).out,
-            path +
-                "\n"
-                "  size     " +
-                std::to_string(file.size()) +
-                " bytes\n"
-                "  version  4.10\n"
-                "  program  my\\x1B[2J\n"
-                "  start    2021-07-26T04:40:54.25Z\n"
-                "  groups   1\n"
-                "\n"
-                "dg 0 cg 0  signals\n"
-                "  2 records of 12 bytes, 1.500 s\n"
-                "  NAME           UNIT  TYPE                   BITS  CONVERSION\n"
-                "  time                 float 64, master time  64\n"
-                "  Geschw\xC3\xB6hnlich  km/h  int 16 BE              16    linear conversion\n"
-                "  bad\\xFF              string                 16\n");
-  const Json json = Json::parse(runTolvex("info " + path + " --format json", 0).out);
-  EXPECT_EQ(json["groups"][0]["duration_s"], 1.5);
 }
 
 }  // namespace

@@ -76,18 +76,6 @@ TEST_F(Recover, SaysOfEmptyGroupsOnlyHowManyThereAre) {
                 in + ": 2 channel groups without records\n");
 }
 
-// A file that its logger left open: the readers name the command that reads it.
-TEST_F(Recover, MakesFilesReadableThatTheReadersRefuse) {
-  const std::string in = realFile("unfinalized-00000002.MF4");
-  for (const std::string& arguments : {"cat " + in, "info " + in}) {
-    const Outcome refused = runTolvex(arguments);
-    EXPECT_EQ(refused.exitCode, 1);
-    EXPECT_NE(refused.err.find("tolvex recover"), std::string::npos) << refused.err;
-  }
-  EXPECT_EQ(runTolvex("recover " + in + " -o " + out_).exitCode, 0);
-  EXPECT_EQ(runTolvex("cat " + out_).lines().size(), 9600U);
-}
-
 TEST_F(Recover, BringsBackWhatAnExportOfTheFileHas) {
   const std::string in = realFile("unfinalized-00000002.MF4");
   runTolvex("recover " + in + " -o " + out_, 0);

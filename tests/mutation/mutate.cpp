@@ -227,6 +227,7 @@ class Trial {
     step("info and export", [&] { readSignals(); });
     step("cat", [&] { readFrames(); });
 #ifdef TOLVEX_TEST_COMMANDS
+    step("info", [&] { runCommand({"tolvex", "info", path_}); });
     step("export", [&] { runCommand({"tolvex", "export", path_, "--join", "-o", "/dev/null"}); });
     step("export on a raster", [&] {
       runCommand({"tolvex", "export", path_, "--join", "--raster", "0.01", "--interpolate",
@@ -335,11 +336,12 @@ unsigned tryAll(const Subject& subject, std::size_t first, std::size_t last) {
   auto* const progress = static_cast<Progress*>(
       ::mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
   unsigned failed = 0;
+  std::FILE* report = stdout;
   const auto tell = [&](std::size_t number, const std::string& what) {
     ++failed;
-    std::printf("%s@%s: %s\n", subject.name.c_str(), subject.mutations[number].text().c_str(),
-                what.c_str());
-    std::fflush(stdout);
+    std::fprintf(report, "%s@%s: %s\n", subject.name.c_str(),
+                 subject.mutations[number].text().c_str(), what.c_str());
+    std::fflush(report);
   };
   while (first < last) {
     const std::size_t end = std::min(first + kBatch, last);
@@ -347,8 +349,10 @@ unsigned tryAll(const Subject& subject, std::size_t first, std::size_t last) {
     const pid_t process = ::fork();
     if (process == 0) {
       failed = 0;
-      // What commands complain of is no failure.
+      // What commands print is not looked at, and what they complain of no failure.
+      report = ::fdopen(::dup(STDOUT_FILENO), "w");
       const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+      ::dup2(nowhere, STDOUT_FILENO);
       ::dup2(nowhere, STDERR_FILENO);
       Trial trial(subject, dir, *progress);
       for (std::size_t number = first; number < end; ++number) {

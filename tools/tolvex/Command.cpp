@@ -1,7 +1,6 @@
 #include "Command.h"
 
 #include <fmt/format.h>
-#include <tolvex/Mdf4.h>
 #include <tolvex/MdfColumnReader.h>
 #include <tolvex/MdfFrameReader.h>
 
@@ -98,31 +97,6 @@ std::string labelOf(const std::vector<std::string>& files) {
                           : fmt::format("{} and {} more", files.front(), files.size() - 1);
 }
 
-bool openOrComplain(MdfBaseReader& reader, const std::string& file) {
-  if (reader.open()) {
-    return true;
-  }
-  complain(file, reader.getLastError());
-  return false;
-}
-
-bool complainIfUnsorted(const MdfGroupInfo& group, const std::string& file) {
-  if (group.unsorted) {
-    complain(file, fmt::format("data group {} is unsorted: records of several channel groups, or "
-                               "with record ids, lie in one sequence; tolvex recover sorts it",
-                               group.dgIndex));
-  }
-  return group.unsorted;
-}
-
-ExitCode reportProblems(const MdfBaseReader& reader, const std::string& file, ExitCode soFar) {
-  const std::vector<std::string> problems = reader.getProblems();
-  for (const std::string& problem : problems) {
-    complain(file, problem);
-  }
-  return problems.empty() ? soFar : kLost;
-}
-
 template <class Reader>
 static ExitCode reportAll(const Reader& reader, const std::string& file, ExitCode soFar) {
   const std::vector<std::string> problems = reader.problems();
@@ -152,7 +126,8 @@ static ExitCode close(Output& out, const Reader& reader, const std::string& file
   return kFailed;
 }
 
-ExitCode finish(Output& out, const MdfBaseReader& reader, const std::string& file, ExitCode soFar) {
+ExitCode finish(Output& out, const MdfColumnReader& reader, const std::string& file,
+                ExitCode soFar) {
   return close(out, reader, file, soFar);
 }
 

@@ -17,10 +17,8 @@ class App;
 
 namespace tolvex {
 
-class MdfBaseReader;
 class MdfColumnReader;
 class MdfFrameReader;
-struct MdfGroupInfo;
 
 enum ExitCode : int {
   kDone = 0,
@@ -74,21 +72,15 @@ bool findParts(std::vector<std::string>& files, bool parts);
 // What messages about files read as one are headed with.
 std::string labelOf(const std::vector<std::string>& files);
 
-// Opens the reader's file, or complains and gives false.
-bool openOrComplain(MdfBaseReader& reader, const std::string& file);
-
-// Whether the group is unsorted, which it then reports: its records cannot be told apart.
-bool complainIfUnsorted(const MdfGroupInfo& group, const std::string& file);
-
-// Complains about each damage that the reader met. kLost if there was any, else `soFar`.
-ExitCode reportProblems(const MdfBaseReader& reader, const std::string& file, ExitCode soFar);
-// Likewise; what an unusual file was taken for is said, and no loss.
+// Complains about each damage that the reader met: kLost if there was any, else `soFar`. What an
+// unusual file was taken for is said, and no loss.
 ExitCode reportProblems(const MdfColumnReader& reader, const std::string& file, ExitCode soFar);
 ExitCode reportProblems(const MdfFrameReader& reader, const std::string& file, ExitCode soFar);
 
 // The exit code after all results were written: closes `out`, which may fail, then reports the
 // problems. A reader of our pipe that went away is a normal end.
-ExitCode finish(Output& out, const MdfBaseReader& reader, const std::string& file, ExitCode soFar);
+ExitCode finish(Output& out, const MdfColumnReader& reader, const std::string& file,
+                ExitCode soFar);
 ExitCode finish(Output& out, const MdfFrameReader& reader, const std::string& file, ExitCode soFar);
 
 }  // namespace tolvex

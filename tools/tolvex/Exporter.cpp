@@ -179,15 +179,10 @@ int Exporter::exportOne() {
       return kFailed;
     }
   }
-  if (out.close()) {
+  if (out.good()) {
     complainOfEmptyWindow();
-    return reportProblems(reader_, label_, code_);
   }
-  if (out.pipeClosed()) {
-    return kDone;
-  }
-  complain(out.name(), out.error());
-  return kFailed;
+  return finish(out, reader_, label_, code_);
 }
 
 int Exporter::exportAll() {
