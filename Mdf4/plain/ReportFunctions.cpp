@@ -48,6 +48,7 @@ struct Ending {
   }
   tolvex_status status(const std::string& failure) const {
     if (failure.empty()) return TOLVEX_OK;
+    if (failure == kOutOfMemory) return TOLVEX_ERROR_MEMORY;
     return isCancelled ? TOLVEX_ERROR_CANCELLED : TOLVEX_ERROR_FILE;
   }
 };
@@ -76,8 +77,9 @@ tolvex_status tolvex_check_file(const char* path, tolvex_progress progress, void
     auto made = std::make_unique<tolvex_check>();
     Ending ending;
     made->report = tolvex::checkFile(path, ending.progress(progress, user));
-    *check = made.release();
-    return ending.status((*check)->report.failure);
+    const tolvex_status status = ending.status(made->report.failure);
+    if (status != TOLVEX_ERROR_MEMORY) *check = made.release();
+    return status;
   });
 }
 
@@ -137,8 +139,9 @@ tolvex_status tolvex_recover_file(const char* input, const char* output,
     for (const tolvex::MdfRecoveredGroup& group : made->report.groups) {
       made->groupTexts.push_back(textsOf(group.losses, group.repairs));
     }
-    *recovery = made.release();
-    return ending.status((*recovery)->report.failure);
+    const tolvex_status status = ending.status(made->report.failure);
+    if (status != TOLVEX_ERROR_MEMORY) *recovery = made.release();
+    return status;
   });
 }
 

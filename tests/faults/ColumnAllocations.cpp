@@ -146,6 +146,28 @@ TEST_F(ColumnAllocations, FramesAreReadOrNot) {
   });
 }
 
+TEST_F(ColumnAllocations, FilesAreCheckedAndRecoveredOrNot) {
+  const TempDir folder;
+  const std::string recovered = folder.path("recovered.mf4");
+  forEveryAllocation([&](AllocationFault& fault) {
+    tolvex_check* check = nullptr;
+    tolvex_recovery* recovery = nullptr;
+    tolvex_status checked = TOLVEX_OK;
+    tolvex_status status = TOLVEX_OK;
+    fault.strike([&] {
+      checked = tolvex_check_file(name_, nullptr, nullptr, &check);
+      status = tolvex_recover_file(name_, recovered.c_str(), nullptr, &recovery);
+    });
+    for (const tolvex_status one : {checked, status}) {
+      EXPECT_TRUE(one == TOLVEX_OK || (one == TOLVEX_ERROR_MEMORY && fault.met())) << one;
+    }
+    EXPECT_EQ(check != nullptr, checked == TOLVEX_OK);
+    EXPECT_EQ(recovery != nullptr, status == TOLVEX_OK);
+    tolvex_check_free(check);
+    tolvex_recovery_free(recovery);
+  });
+}
+
 TEST_F(ColumnAllocations, AreReadOrNot) {
   Content want;
   ASSERT_EQ(read(want), TOLVEX_OK);
