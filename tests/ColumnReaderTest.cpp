@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/FileBuilder.h"
@@ -280,6 +281,74 @@ TEST(ColumnReader, TakesApartStructuresAndArrays) {
   EXPECT_EQ(valuesOf(reader, "crowded"),
             "expected its elements inside its record of 20 bytes, found 1048576 of them");
   EXPECT_EQ(described.back().shape, (std::vector<std::uint64_t>{2, 2}));
+}
+
+// A text of the record may be shorter than its place; in an array of structures each has a length.
+TEST(ColumnReader, TakesTextsAsLongAsTheirChannelOfLengthSays) {
+  FileBuilder builder;
+  Cn text = field("text", 7, 1, 24);
+  text.type = 5;
+  const Link length = builder.cn(field("length", 0, 0, 8));
+  text.data = length;
+  std::vector<Cn> channels = {field("pairs", 10, 0, 32), field("none", 7, 0, 0)};
+  channels[0].children = {array(builder, {3}, 4, 0, 0, builder.chain({length, builder.cn(text)}))};
+  test::Cg group;
+  group.records = 2;
+  group.dataBytes = 12;
+  const std::string records =
+      std::string("\1abc\2def\3ghi") + std::string("\4abc\0def\2gh\xFF", 12);
+  builder.signalGroup(channels, group, builder.dt({records.begin(), records.end()}));
+  MdfColumnReader reader(builder.write());
+  ASSERT_TRUE(reader.open()) << reader.error();
+  EXPECT_EQ(valuesOf(reader, "pairs.text"), "'a' 'de' 'ghi' - '' 'gh'");
+  EXPECT_EQ(valuesOf(reader, "none"), "'' ''");
+}
+
+// One U+FFFD for each character that breaks off, and for each byte that begins none.
+TEST(ColumnReader, ReplacesWhatIsNoUtf8) {
+  const std::pair<std::string, std::string> texts[] = {
+      {"\xE2\x82", "\uFFFD"},
+      {"\xF0\x9F\x9A|\xF0\x9F\x9A\x97", "\uFFFD|\U0001F697"},
+      {"\xC3\xC3\xA4", "\uFFFD\u00E4"},
+      {"\xED\xA0\x80", "\uFFFD\uFFFD\uFFFD"},
+      {"\xC0\x80", "\uFFFD\uFFFD"},
+      {"\xF4\x90\x80\x80", "\uFFFD\uFFFD\uFFFD\uFFFD"},
+      {"\xE0\x80\xAF", "\uFFFD\uFFFD\uFFFD"}};
+  FileBuilder builder;
+  std::vector<Cn> channels;
+  Bytes record;
+  std::string want;
+  for (const auto& [stored, meant] : texts) {
+    channels.push_back(field("t" + std::to_string(channels.size()), 7,
+                             static_cast<std::uint32_t>(record.size()), 80));
+    record.insert(record.end(), stored.begin(), stored.end());
+    record.resize(channels.size() * 10);
+    want += "'" + meant + "'";
+  }
+  Cc table;
+  table.type = 7;
+  table.values = {0};
+  table.refs = {builder.tx("\xB5")};
+  channels.push_back(field("\xE4", 0, 9, 8));
+  channels.back().conversion = builder.cc(table);
+  channels.back().unit = builder.tx("\xB0\x43");
+  builder.setByte(16, 0xFC);  // of the program's name
+  test::Cg group;
+  group.records = 1;
+  group.dataBytes = static_cast<std::uint32_t>(record.size());
+  builder.signalGroup(channels, group, builder.dt(record));
+  MdfColumnReader reader(builder.write());
+  ASSERT_TRUE(reader.open()) << reader.error();
+  std::string got;
+  for (std::size_t i = 0; i < std::size(texts); ++i) {
+    got += valuesOf(reader, "t" + std::to_string(i));
+  }
+  EXPECT_EQ(got, want);
+  EXPECT_EQ(valuesOf(reader, "\uFFFD"), "'\uFFFD'");
+  EXPECT_EQ(reader.groups()[0].channels.back().unit,
+            "\uFFFD"
+            "C");
+  EXPECT_TRUE(reader.info().program.starts_with("\uFFFD"));
 }
 
 // Records of two groups in turns, the texts of one in a group of values, in front of its record or

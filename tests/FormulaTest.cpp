@@ -68,6 +68,7 @@ TEST(Formula, SaysWhatIsNone) {
         {"pow(X)", "expected ',' at character 6, found ')'"},
         {"Y * 2", "expected a number, X, a function or a bracket at character 1, found 'Y'"},
         {"1e999", "expected a number at character 1, found '1'"},
+        {"X\xC2\xB2", "expected an operator or the end at character 2, found byte 0xC2"},
         {std::string(100'000, '('),
          "expected fewer levels of brackets, signs and powers at character 201, found '('"}}) {
     std::string error;

@@ -34,6 +34,8 @@ struct ArrayDimension {
   std::uint64_t size = 0;
   std::int64_t byteStep = 0;
   std::int64_t invalidBitStep = 0;
+
+  bool operator==(const ArrayDimension&) const = default;
 };
 
 // A channel, or a member of a structure or array.

@@ -7,6 +7,7 @@
 
 #include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/format/BlockLoader.h"
+#include "Mdf4/model/Text.h"
 
 namespace tolvex {
 namespace {
@@ -48,9 +49,15 @@ const FileTexts::Text& FileTexts::entry(std::uint64_t position) {
     entry.isXml = block->typeCode() == block_type::kMD;
     std::string_view text = static_cast<const M4TXBlock&>(*block).text();
     if (entry.isXml) text = textOfXml(text);
-    if (!text.empty()) entry.text = std::make_shared<const std::string>(text);
+    if (!text.empty()) entry.text = shared(text);
   }
   return texts_.emplace(position, std::move(entry)).first->second;
+}
+
+SharedText FileTexts::shared(std::string_view text) const {
+  auto copy = std::make_shared<std::string>(text);
+  if (form_ == TextForm::Checked) makeUtf8(*copy);
+  return copy;
 }
 
 SharedText FileTexts::plain(std::uint64_t position) {
@@ -63,8 +70,7 @@ SharedText FileTexts::whole(std::uint64_t position) {
   if (!text.isXml) return text.text;
   const auto found = xml_.find(position);
   if (found != xml_.end()) return found->second;
-  auto xml = std::make_shared<const std::string>(loadText(file_, position));
-  return xml_.emplace(position, std::move(xml)).first->second;
+  return xml_.emplace(position, shared(loadText(file_, position))).first->second;
 }
 
 std::shared_ptr<const Conversion> FileTexts::numbers(std::uint64_t position) {

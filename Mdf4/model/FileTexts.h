@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -32,11 +33,15 @@ struct ChannelTexts {
   std::shared_ptr<const Conversion> conversion;  // null: none
 };
 
+// Of texts that should be UTF-8: as they stand in the file, or with U+FFFD for what is none.
+enum class TextForm { Stored, Checked };
+
 // The texts and conversions of one file, each loaded once: what channels share in the file they
 // share in memory. Borrows the file.
 class FileTexts {
  public:
-  explicit FileTexts(DirectFile& file) : file_(file) {}
+  explicit FileTexts(DirectFile& file, TextForm form = TextForm::Stored)
+      : file_(file), form_(form) {}
   void clear();
 
   // The text of the TX block at the position; null for any other.
@@ -56,9 +61,11 @@ class FileTexts {
   };
 
   const Text& entry(std::uint64_t position);
+  SharedText shared(std::string_view text) const;
   std::shared_ptr<const Conversion> conversion(std::uint64_t position);
 
   DirectFile& file_;
+  TextForm form_;
   std::unordered_map<std::uint64_t, Text> texts_;
   std::unordered_map<std::uint64_t, SharedText> xml_;
   std::unordered_map<std::uint64_t, std::shared_ptr<const Conversion>> conversions_;

@@ -54,9 +54,11 @@ class FormulaParser {
   bool fail(const char* expected) {
     if (at_ >= text_.size()) {
       error_ = formatText("expected %s at character %zu, found the end", expected, at_ + 1);
+    } else if (const char found = text_[at_]; found >= ' ' && found <= '~') {
+      error_ = formatText("expected %s at character %zu, found '%c'", expected, at_ + 1, found);
     } else {
-      error_ =
-          formatText("expected %s at character %zu, found '%c'", expected, at_ + 1, text_[at_]);
+      error_ = formatText("expected %s at character %zu, found byte 0x%02X", expected, at_ + 1,
+                          static_cast<unsigned>(static_cast<unsigned char>(found)));
     }
     return false;
   }

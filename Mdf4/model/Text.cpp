@@ -1,6 +1,7 @@
 #include "Mdf4/model/Text.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace tolvex {
 namespace {
@@ -55,31 +56,39 @@ ByteSpan upToNul(ByteSpan bytes) {
       static_cast<std::size_t>(std::find(bytes.begin(), bytes.end(), 0) - bytes.begin()));
 }
 
-// Bytes of the UTF-8 sequence at the start, 1 to 4; 0 when they are none.
-std::size_t sequenceLength(ByteSpan bytes) {
-  const std::uint32_t first = bytes[0];
-  if (first < 0x80) return 1;
+// What a text in UTF-8 starts with.
+struct Sequence {
+  std::size_t length;  // in bytes: of a character, or of what one U+FFFD stands for
+  bool isCharacter;
+};
+
+// A character that breaks off is one wrong sequence; each byte that can begin none is one too.
+Sequence nextSequence(ByteSpan bytes) {
+  const std::uint8_t first = bytes[0];
+  if (first < 0x80) return {1, true};
+  if (first < 0xC2 || first > 0xF4) return {1, false};
   const std::size_t length = first >= 0xF0 ? 4 : first >= 0xE0 ? 3 : 2;
-  if (first < 0xC2 || first > 0xF4 || bytes.size() < length) return 0;
-  std::uint32_t code = first & (0x7FU >> length);
+  // The second byte's range keeps out longer forms than necessary, surrogates, and codes that are
+  // too large.
+  std::uint8_t low = first == 0xE0 ? 0xA0 : first == 0xF0 ? 0x90 : 0x80;
+  std::uint8_t high = first == 0xED ? 0x9F : first == 0xF4 ? 0x8F : 0xBF;
   for (std::size_t i = 1; i < length; ++i) {
-    if ((bytes[i] & 0xC0) != 0x80) return 0;
-    code = code << 6 | (bytes[i] & 0x3FU);
+    if (i >= bytes.size() || bytes[i] < low || bytes[i] > high) return {i, false};
+    low = 0x80;
+    high = 0xBF;
   }
-  const bool isSurrogate = code >= 0xD800 && code <= 0xDFFF;
-  const bool isShortest = length == 2 || code >= (length == 3 ? 0x800U : 0x10000U);
-  return isShortest && !isSurrogate && code <= 0x10FFFF ? length : 0;
+  return {length, true};
 }
 
 void appendChecked(ByteSpan bytes, std::string& text) {
   while (!bytes.empty()) {
-    const std::size_t length = sequenceLength(bytes);
-    if (length == 0) {
-      appendUtf8(kReplacement, text);
+    const Sequence next = nextSequence(bytes);
+    if (next.isCharacter) {
+      text.append(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(next.length));
     } else {
-      text.append(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(length));
+      appendUtf8(kReplacement, text);
     }
-    bytes = bytes.subspan(std::max<std::size_t>(length, 1));
+    bytes = bytes.subspan(next.length);
   }
 }
 
@@ -100,6 +109,11 @@ void appendText(std::uint8_t dataType, ByteSpan bytes, std::string& text) {
     default:
       break;
   }
+}
+
+void makeUtf8(std::string& text) {
+  const std::string stored = std::exchange(text, {});
+  appendChecked({reinterpret_cast<const std::uint8_t*>(stored.data()), stored.size()}, text);
 }
 
 bool decodeText(std::uint8_t dataType, ByteSpan bytes, std::string& text) {

@@ -22,4 +22,7 @@ void appendText(std::uint8_t dataType, ByteSpan bytes, std::string& text);
 // string channel.
 bool decodeText(std::uint8_t dataType, ByteSpan bytes, std::string& text);
 
+// Replaces what is no sequence of UTF-8 by U+FFFD.
+void makeUtf8(std::string& text);
+
 }  // namespace tolvex

@@ -159,6 +159,9 @@ void ColumnBuilder::placeElements() {
     }
   };
   place(plan_.dimensions.size(), &ArrayDimension::byteStep, byteOffsets_);
+  if (plan_.kind == ColumnPlan::Kind::Sized) {
+    place(plan_.lengthDimensions, &ArrayDimension::byteStep, lengthOffsets_);
+  }
   for (const ColumnPlan::InvalidBits& bits : plan_.invalidBits) {
     place(bits.dimensions, &ArrayDimension::invalidBitStep, bitOffsets_.emplace_back());
   }
@@ -376,7 +379,9 @@ bool ColumnBuilder::findBytes(const std::uint8_t* record, std::size_t element, B
   std::uint64_t number = 0;
   const std::ptrdiff_t offset = byteOffsets_.empty() ? 0 : byteOffsets_[element];
   if (plan_.kind == ColumnPlan::Kind::Value) number = plan_.number->read(record + offset);
-  if (plan_.kind == ColumnPlan::Kind::Sized) number = plan_.number->read(record);
+  if (plan_.kind == ColumnPlan::Kind::Sized) {
+    number = plan_.number->read(record + (lengthOffsets_.empty() ? 0 : lengthOffsets_[element]));
+  }
   if (plan_.kind == ColumnPlan::Kind::Value) {
     if (values_ == nullptr || !values_->read(number, value_) || used_ + value_.size() > most_) {
       return false;

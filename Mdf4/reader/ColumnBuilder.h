@@ -89,6 +89,7 @@ class ColumnBuilder {
   std::uint64_t most_ = 0;    // that there may be
   // Of arrays, by element: how far it is behind the first one, and its invalidation bits likewise.
   std::vector<std::ptrdiff_t> byteOffsets_;
+  std::vector<std::ptrdiff_t> lengthOffsets_;
   std::vector<std::vector<std::int64_t>> bitOffsets_;
   std::array<std::uint64_t, kAtOnce> raw_ = {};
   std::array<double, kAtOnce> doubles_ = {};

@@ -5,6 +5,7 @@
 #include <limits>
 #include <string_view>
 
+#include "Mdf4/model/Text.h"
 #include "Mdf4/reader/RecordingInfo.h"
 
 namespace tolvex {
@@ -66,6 +67,7 @@ void ColumnFile::describeRecording() {
   const IdBlock& id = file_.id();
   info_.program.assign(id.id_prog, std::find(std::begin(id.id_prog), std::end(id.id_prog), '\0'));
   info_.program.erase(info_.program.find_last_not_of(' ') + 1);
+  makeUtf8(info_.program);
   info_.comment = viewOf(texts_.content(header.link(link::hd_md_comment)));
   info_.startTimeNs = static_cast<std::int64_t>(header.hd_start_time_ns);
   info_.startIsLocal = (header.hd_time_flags & kLocalTime) != 0;

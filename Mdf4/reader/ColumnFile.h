@@ -52,7 +52,7 @@ class ColumnFile {
 
   const std::string path_;
   MDF4File file_;
-  FileTexts texts_{file_};
+  FileTexts texts_{file_, TextForm::Checked};
   ConversionLoader conversions_{file_, texts_};
   ChannelTree tree_;
   RecordingData data_{file_, tree_};

@@ -61,7 +61,7 @@ class Planner {
       case channel_type::kVlsd:
         plan_.kind = ColumnPlan::Kind::Value;
         plan_.rawType = typeOfBytes();
-        return placeInteger(record_);
+        return planOutside();
       case channel_type::kMaximumLength:
         return planSized();
       case channel_type::kFixedLength:
@@ -81,7 +81,7 @@ class Planner {
       plan_.kind = ColumnPlan::Kind::Number;
       return placeNumber(type, bits);
     }
-    if (bits == 0) {
+    if (bits == 0 && type <= data_type::kFloatBigEndian) {
       plan_.kind = ColumnPlan::Kind::Constant;
       plan_.rawType = MdfColumnType::UInt8;
       return {};
@@ -122,10 +122,13 @@ class Planner {
                              channel.cn_type != channel_type::kVlsd;
     plan_.number.emplace(isBigEndian ? data_type::kUnsignedBigEndian : data_type::kUnsigned, bits,
                          channel.cn_byte_offset, channel.cn_bit_offset);
-    if (&channel == &record_) return faultOfPlace((bits + channel.cn_bit_offset + 7) / 8);
-    if (plan_.number->isInside(plan_.dataBytes)) return {};
-    return formatText("expected its length inside its record of %u bytes, found %u bits at byte %u",
-                      plan_.dataBytes, bits, channel.cn_byte_offset);
+    return {};
+  }
+
+  std::string planOutside() {
+    std::string fault = placeInteger(record_);
+    if (!fault.empty()) return fault;
+    return faultOfPlace((record_.cn_bit_count + record_.cn_bit_offset + 7) / 8);
   }
 
   MdfColumnType typeOfBytes() const {
@@ -151,19 +154,36 @@ class Planner {
     }
     std::string fault = planBytes();
     if (fault.empty()) fault = placeInteger(length->record);
+    if (fault.empty()) fault = planLengths(*length);
     plan_.kind = ColumnPlan::Kind::Sized;
     return fault;
   }
 
+  // One length for each element, or for those of its inner dimensions together.
+  std::string planLengths(const ModelChannel& length) {
+    const std::vector<ArrayDimension>& outer = length.dimensions;
+    if (outer.size() > plan_.dimensions.size() ||
+        !std::equal(outer.begin(), outer.end(), plan_.dimensions.begin())) {
+      return "lengths in an array of another shape are not supported";
+    }
+    plan_.lengthDimensions = outer.size();
+    const m4CNRecord& place = length.record;
+    return faultOfPlace(place, (place.cn_bit_count + place.cn_bit_offset + 7) / 8, outer);
+  }
+
   // Whether all elements are inside the record, with so many bytes each.
   std::string faultOfPlace(std::uint64_t size) const {
-    const auto [first, last] =
-        reach(plan_.dimensions, record_.cn_byte_offset, &ArrayDimension::byteStep);
+    return faultOfPlace(record_, size, plan_.dimensions);
+  }
+  std::string faultOfPlace(const m4CNRecord& place, std::uint64_t size,
+                           std::span<const ArrayDimension> dimensions) const {
+    const auto [first, last] = reach(dimensions, place.cn_byte_offset, &ArrayDimension::byteStep);
     const bool isInside = first >= 0 && size <= plan_.dataBytes &&
                           last <= std::int64_t{plan_.dataBytes} - static_cast<std::int64_t>(size);
     if (isInside) return {};
-    return formatText("expected it inside its record of %u bytes, found %u bits at byte %" PRId64,
-                      plan_.dataBytes, record_.cn_bit_count, first < 0 ? first : last);
+    return formatText("expected %s inside its record of %u bytes, found %u bits at byte %" PRId64,
+                      &place == &record_ ? "it" : "its length", plan_.dataBytes, place.cn_bit_count,
+                      first < 0 ? first : last);
   }
 
   // Elements that lie on each other are none: so a column has hardly more bytes than its records.
@@ -234,7 +254,8 @@ void addBytes(const ColumnPlan& plan, std::vector<RecordBytes>& ranges) {
         &ArrayDimension::byteStep, 1);
   }
   if (plan.kind == Kind::Sized) {
-    ranges.push_back({inMemory(plan.number->byte()), inMemory(plan.number->touched())});
+    add(plan.lengthDimensions, static_cast<std::int64_t>(plan.number->byte()),
+        static_cast<std::int64_t>(plan.number->touched()), &ArrayDimension::byteStep, 1);
   }
   for (const ColumnPlan::InvalidBits& bits : plan.invalidBits) {
     add(bits.dimensions, std::int64_t{plan.dataBytes} * 8 + static_cast<std::int64_t>(bits.first),

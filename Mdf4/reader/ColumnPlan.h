@@ -38,9 +38,10 @@ struct ColumnPlan {
   std::uint8_t dataType = 0;               // cn_data_type
   std::size_t elements = 1;                // of a record
   std::vector<ArrayDimension> dimensions;  // of them: the outermost first; none: one element
-  std::optional<RawField> number;  // of the first element: itself or its offset; the length of all
-  std::uint32_t byte = 0;          // where the bytes of the first element begin
-  std::size_t size = 0;            // of an element, at most: bytes
+  std::optional<RawField> number;          // of the first element: itself, its offset or its length
+  std::size_t lengthDimensions = 0;        // for which lengths are on their own, the outer ones
+  std::uint32_t byte = 0;                  // where the bytes of the first element begin
+  std::size_t size = 0;                    // of an element, at most: bytes
   bool allInvalid = false;
   std::uint32_t dataBytes = 0;  // of the record, in front of its invalidation bytes
   std::vector<InvalidBits> invalidBits;

@@ -70,7 +70,7 @@ TEST(Info, DescribesAFileOnOneScreen) {
                 "  NAME           UNIT  TYPE                   BITS  CONVERSION\n"
                 "  time                 float 64, master time  64\n"
                 "  Geschw\xC3\xB6hnlich  km/h  int 16 BE              16    linear conversion\n"
-                "  bad\\xFF              string                 16\n");
+                "  bad\xEF\xBF\xBD                 string                 16\n");
   const Json json = Json::parse(runTolvex("info " + path + " --format json", 0).out);
   EXPECT_EQ(json["groups"][0]["duration_s"], 1.5);
 }

@@ -132,9 +132,9 @@ TEST(Terminal, GetsJsonThatStatesTheSameTexts) {
 TEST(Terminal, AloneChangesWhatIsExported) {
   const std::string text = "a\x1B\xC2\x9B\xE2\x80\xAE";
   const FileBuilder file = hostileFile(text + '\xFF');
-  const std::string name = text + '\xFF';
+  const std::string shown = text + "\xEF\xBF\xBD";
   EXPECT_EQ(runTolvex("export --dg 0 " + file.write()).out,
-            "time,<" + name + "> [" + name + "]\n0.5," + text + "\xEF\xBF\xBD\n");
+            "time,<" + shown + "> [" + shown + "]\n0.5," + shown + "\n");
 }
 
 }  // namespace
