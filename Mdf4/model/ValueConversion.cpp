@@ -156,13 +156,8 @@ Meaning ValueConversion::meaningOf(const RawValue& value) const {
 
 // The entry of a text; behind the last one when there is none.
 std::size_t ValueConversion::textOf(std::string_view text) const {
-  const std::size_t stride = type_ == kT2T ? 2 : 1;
-  const std::size_t entries = references_.size() / stride;
-  for (std::size_t i = 0; i < entries; ++i) {
-    const SharedText& key = references_[i * stride].text;
-    if (text == (key == nullptr ? std::string_view() : std::string_view(*key))) return i;
-  }
-  return entries;
+  const auto found = byText_.find(text);
+  return found != byText_.end() ? found->second : references_.size() / (type_ == kT2T ? 2 : 1);
 }
 
 void ValueConversion::refer(std::size_t index, const RawValue& value, Meaning& meaning,
@@ -305,14 +300,23 @@ std::string ValueConversion::prepare() {
       findOrder(2);
       return need(count % 2 == 0, "two values for each range");
     case kT2N:
+      indexTexts(1);
       return need(count >= references_.size(), "a value for each text");
     case kT2T:
+      indexTexts(2);
       if (references_.size() % 2 == 0) references_.emplace_back();
       return {};
     case kBTT:
       return need(references_.size() >= count, "a reference for each mask");
     default:
       return formatText("unknown type %u", unsigned{type_});
+  }
+}
+
+void ValueConversion::indexTexts(std::size_t stride) {
+  for (std::size_t i = 0; i + stride <= references_.size(); i += stride) {
+    const SharedText& text = references_[i].text;
+    byText_.try_emplace(text == nullptr ? std::string_view() : *text, i / stride);
   }
 }
 

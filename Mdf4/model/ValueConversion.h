@@ -69,6 +69,7 @@ class ValueConversion {
   static std::shared_ptr<const ValueConversion> nothing();
   std::string prepare();
   bool findNumbers() const;
+  void indexTexts(std::size_t stride);
   void sortPairs();
   void findOrder(std::size_t stride);
   void look(const RawValue& value, Meaning& meaning, unsigned& steps) const;
@@ -88,6 +89,8 @@ class ValueConversion {
   std::vector<Reference> references_;
   std::optional<Formula> formula_;
   std::unordered_map<double, std::size_t> byValue_;  // of a table of single values: its entries
+  // Of a table of texts likewise; the texts are those of references_.
+  std::unordered_map<std::string_view, std::size_t> byText_;
   bool ascending_ = false;  // ranges: none begins before the one in front of it ends
 };
 
