@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstdint>
 #include <fstream>
@@ -114,6 +115,9 @@ TEST(ColumnReader, GivesEachKindOfValue) {
   words.type = 9;
   words.refs = {builder.tx("one"), builder.tx("two")};
   words.values = {1, 2, -1};
+  Cc letters;
+  letters.type = 10;
+  letters.refs = {builder.tx("abc"), builder.tx("letters"), 0};
 
   std::vector<Cn> channels;
   channels.push_back(field("motorola", 1, 8, 12, 2));
@@ -129,6 +133,11 @@ TEST(ColumnReader, GivesEachKindOfValue) {
   channels.push_back(field("outside", 7, 28, 32));
   channels.back().type = 1;
   channels.back().data = builder.sd(packed(std::uint32_t{3}, 'a', 'b', 'c', std::uint32_t{0}));
+  for (const Link table : {builder.cc(letters), builder.cc(words)}) {
+    channels.push_back(channels.back());
+    channels.back().name += '>';
+    channels.back().conversion = table;
+  }
   channels.push_back(field("blob", 10, 22, 24));
   channels.push_back(field("day", 13, 32, 56));
   channels.push_back(field("moment", 14, 39, 48));
@@ -178,6 +187,8 @@ TEST(ColumnReader, GivesEachKindOfValue) {
   EXPECT_EQ(valuesOf(reader, "word"), "'one' 'two' 'xxx'");
   EXPECT_EQ(valuesOf(reader, "number"), "1 2 -1");
   EXPECT_EQ(valuesOf(reader, "outside"), "'abc' '' -");
+  EXPECT_EQ(valuesOf(reader, "outside>"), "'letters' '' -");
+  EXPECT_EQ(valuesOf(reader, "outside>>"), "-1 -1 -");
   EXPECT_EQ(valuesOf(reader, "blob"), "0xe46200 0xe46200 0xe46200");
   EXPECT_EQ(valuesOf(reader, "day"),
             "'2024-04-05T06:07:08.123' '2024-04-05T06:07:08.123' '2024-04-05T06:07:08.123'");
@@ -349,6 +360,40 @@ TEST(ColumnReader, ReplacesWhatIsNoUtf8) {
             "\uFFFD"
             "C");
   EXPECT_TRUE(reader.info().program.starts_with("\uFFFD"));
+}
+
+// Each value has a text of its own, made of one long text: there are not more than a small file may
+// ask for.
+TEST(ColumnReader, BoundsTheTextsOfDictionaries) {
+  FileBuilder builder;
+  Cc part;
+  part.type = 7;
+  part.refs = {builder.tx(std::string(15'000, 'x'))};
+  Cc number;
+  number.type = 1;
+  number.values = {0, 1};
+  Cc bits;
+  bits.type = 11;
+  bits.values = {0, std::bit_cast<double>(std::uint64_t{0xFFFF})};
+  bits.refs = {builder.cc(part), builder.cc(number)};
+  std::vector<Cn> channels = {field("bits", 0, 0, 16)};
+  channels[0].conversion = builder.cc(bits);
+  test::Cg group;
+  group.dataBytes = 2;
+  Bytes records;
+  for (; group.records < 2'000; ++group.records) {
+    const Bytes record = packed(static_cast<std::uint16_t>(group.records));
+    records.insert(records.end(), record.begin(), record.end());
+  }
+  builder.signalGroup(channels, group, builder.dt(records));
+  MdfColumnReader reader(builder.write());
+  ASSERT_TRUE(reader.open()) << reader.error();
+  std::vector<MdfColumn> columns;
+  ASSERT_TRUE(reader.read(0, {1}, 0, 2'000, columns));
+  EXPECT_TRUE(columns[0].isValid(1'000));
+  EXPECT_FALSE(columns[0].isValid(1'999));
+  ASSERT_TRUE(reader.read(0, {1}, 1'999, 1, columns));
+  EXPECT_TRUE(columns[0].text(0).ends_with("x|1999"));
 }
 
 // Records of two groups in turns, the texts of one in a group of values, in front of its record or

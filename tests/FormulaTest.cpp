@@ -75,6 +75,11 @@ TEST(Formula, SaysWhatIsNone) {
     EXPECT_FALSE(Formula::compile(each.text, error).has_value());
     EXPECT_EQ(error, each.error);
   }
+  std::string sum = "X";
+  for (int i = 0; i < 500; ++i) sum += "+X";
+  std::string error;
+  EXPECT_FALSE(Formula::compile(sum, error).has_value());
+  EXPECT_EQ(error, "expected at most 1000 numbers, X and operations, found 1001");
 }
 
 }  // namespace

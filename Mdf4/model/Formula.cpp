@@ -17,7 +17,8 @@ class FormulaParser {
   FormulaParser(std::string_view text, Formula& formula) : text_(text), formula_(formula) {}
 
   bool parse(std::string& error) {
-    const bool right = sum() && (skipBlanks() == '\0' || fail("an operator or the end"));
+    const bool right =
+        sum() && (skipBlanks() == '\0' || fail("an operator or the end")) && isShort();
     if (!right) error = error_;
     return right;
   }
@@ -38,6 +39,7 @@ class FormulaParser {
       {"pow", Operation::Power},   {"x", Operation::Variable},
   }};
   static constexpr int kDeepest = 200;  // brackets, signs and powers in each other
+  static constexpr std::size_t kMostSteps = 1000;
 
   // What must be undone at the end of a level.
   class Level {
@@ -60,6 +62,15 @@ class FormulaParser {
       error_ = formatText("expected %s at character %zu, found byte 0x%02X", expected, at_ + 1,
                           static_cast<unsigned>(static_cast<unsigned char>(found)));
     }
+    return false;
+  }
+
+  // Every step is done for every value.
+  bool isShort() {
+    const std::size_t steps = formula_.steps_.size();
+    if (steps <= kMostSteps) return true;
+    error_ =
+        formatText("expected at most %zu numbers, X and operations, found %zu", kMostSteps, steps);
     return false;
   }
 

@@ -7,6 +7,9 @@
 #include <cinttypes>
 #include <cmath>
 #include <cstddef>
+#include <functional>
+#include <iterator>
+#include <queue>
 #include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
@@ -18,8 +21,8 @@ namespace {
 using namespace conversion_type;
 
 // Conversions that one value may go through, and bytes of text that it may come to.
-constexpr unsigned kMostSteps = 4096;
-constexpr std::size_t kLongestText = 1 << 20;
+constexpr unsigned kMostSteps = 512;
+constexpr std::size_t kLongestText = 1 << 14;
 constexpr std::uint8_t kNothing = 0xFF;  // no cc_type: gives nothing for any value
 
 }  // namespace
@@ -74,33 +77,10 @@ std::optional<double> ValueConversion::nearest(double raw) const {
   return values_[2 * (low + (isAbove ? 1 : 0)) + 1];
 }
 
-// The first range that holds the value: integers from both ends on, others up to the upper end.
-// Behind the last range when none does.
+// The first range that holds the value; behind the last one when none does.
 std::size_t ValueConversion::rangeOf(double raw, std::size_t stride) const {
-  const std::size_t ranges = values_.size() / stride;
-  const auto holds = [&](std::size_t i) {
-    const double least = values_[i * stride];
-    const double most = values_[i * stride + 1];
-    return least <= raw && (input_ == Input::Integer ? raw <= most : raw < most);
-  };
-  if (!ascending_) {
-    for (std::size_t i = 0; i < ranges; ++i) {
-      if (holds(i)) return i;
-    }
-    return ranges;
-  }
-  std::size_t low = 0;  // the first range that does not end in front of the value
-  for (std::size_t count = ranges; count > 0;) {
-    const std::size_t half = count / 2;
-    const double most = values_[(low + half) * stride + 1];
-    if (input_ == Input::Integer ? most < raw : most <= raw) {
-      low += half + 1;
-      count -= half + 1;
-    } else {
-      count = half;
-    }
-  }
-  return low < ranges && holds(low) ? low : ranges;
+  const auto behind = std::ranges::upper_bound(pieces_, raw, {}, &Piece::begin);
+  return behind == pieces_.begin() ? values_.size() / stride : std::prev(behind)->range;
 }
 
 std::optional<double> ValueConversion::numberOf(double raw) const {
@@ -151,7 +131,7 @@ Meaning ValueConversion::meaningOf(const RawValue& value) const {
   Meaning meaning;
   unsigned steps = kMostSteps;
   look(value, meaning, steps);
-  return meaning;
+  return steps == 0 ? Meaning() : meaning;  // a part of it would be wrong
 }
 
 // The entry of a text; behind the last one when there is none.
@@ -244,7 +224,8 @@ void ValueConversion::lookUpBits(const RawValue& value, Meaning& meaning, unsign
       const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), found.number);
       all.append(digits.data(), end.ptr);
     }
-    if (all.size() > kLongestText) return;
+    if (all.size() > kLongestText) steps = 0;
+    if (steps == 0) return;
   }
   meaning.hasText = any;
   meaning.text = std::move(all);
@@ -291,13 +272,13 @@ std::string ValueConversion::prepare() {
       sortPairs();
       return need(values_.size() >= 2 && count % 2 == 0, "pairs of values");
     case kR2N:
-      findOrder(3);
+      indexRanges(3);
       return need(count != 0 && count % 3 != 2, "three values for each range, and a default");
     case kN2T:
       for (std::size_t i = 0; i < count; ++i) byValue_.try_emplace(values_[i], i);
       return {};
     case kR2T:
-      findOrder(2);
+      indexRanges(2);
       return need(count % 2 == 0, "two values for each range");
     case kT2N:
       indexTexts(1);
@@ -334,11 +315,36 @@ void ValueConversion::sortPairs() {
   for (const Pair& pair : pairs) values_.insert(values_.end(), {pair.key, pair.value});
 }
 
-void ValueConversion::findOrder(std::size_t stride) {
-  ascending_ = true;
-  for (std::size_t i = 0; i + 1 < values_.size(); i += stride) {
-    ascending_ = ascending_ && values_[i] <= values_[i + 1] &&
-                 (i < stride || values_[i + 1 - stride] <= values_[i]);
+// Ranges hold integers from both ends on, others up to the upper end. Where they overlap the first
+// one counts.
+void ValueConversion::indexRanges(std::size_t stride) {
+  struct Border {
+    double at;
+    std::size_t range;
+    bool begins;
+  };
+  const std::size_t ranges = values_.size() / stride;
+  std::vector<Border> borders;
+  for (std::size_t i = 0; i < ranges; ++i) {
+    const double most = values_[i * stride + 1];
+    const double begin = values_[i * stride];
+    const double end = input_ == Input::Integer ? std::nextafter(most, HUGE_VAL) : most;
+    if (begin < end) borders.insert(borders.end(), {{begin, i, true}, {end, i, false}});
+  }
+  std::ranges::sort(borders, {}, &Border::at);
+  std::priority_queue<std::size_t, std::vector<std::size_t>, std::greater<>> open;
+  std::vector<bool> ended(ranges);
+  for (std::size_t i = 0; i < borders.size();) {
+    const double at = borders[i].at;
+    for (; i < borders.size() && borders[i].at == at; ++i) {
+      if (borders[i].begins) {
+        open.push(borders[i].range);
+      } else {
+        ended[borders[i].range] = true;
+      }
+    }
+    while (!open.empty() && ended[open.top()]) open.pop();
+    pieces_.push_back({at, open.empty() ? ranges : open.top()});
   }
 }
 

@@ -65,13 +65,19 @@ class ValueConversion {
     std::shared_ptr<const ValueConversion> conversion;
   };
 
+  // Numbers that the same range holds.
+  struct Piece {
+    double begin;
+    std::size_t range;
+  };
+
   // What gives nothing for any value.
   static std::shared_ptr<const ValueConversion> nothing();
   std::string prepare();
   bool findNumbers() const;
   void indexTexts(std::size_t stride);
   void sortPairs();
-  void findOrder(std::size_t stride);
+  void indexRanges(std::size_t stride);
   void look(const RawValue& value, Meaning& meaning, unsigned& steps) const;
   void refer(std::size_t index, const RawValue& value, Meaning& meaning, unsigned& steps) const;
   void lookUpBits(const RawValue& value, Meaning& meaning, unsigned& steps) const;
@@ -91,7 +97,7 @@ class ValueConversion {
   std::unordered_map<double, std::size_t> byValue_;  // of a table of single values: its entries
   // Of a table of texts likewise; the texts are those of references_.
   std::unordered_map<std::string_view, std::size_t> byText_;
-  bool ascending_ = false;  // ranges: none begins before the one in front of it ends
+  std::vector<Piece> pieces_;  // of ranges, ascending: each goes on to where the next one begins
 };
 
 // Loads the conversions of one file, each once. Borrows the file and its texts.

@@ -122,16 +122,16 @@ ColumnBuilder::ColumnBuilder(const ColumnPlan& plan, ColumnForm form, std::uint6
 
 void ColumnBuilder::setUp(std::uint64_t rows, void* out) {
   constexpr std::uint64_t kPerRow = 1024;
-  constexpr std::uint64_t kAlways = 1 << 20;
+  constexpr std::uint64_t kAlways = 1 << 24;
   constexpr std::uint64_t kMost = std::uint64_t{1} << 56;
   checkSize(rows, plan_.elements);
   if (plan_.elements != 1 && rows != 0) placeElements();
   width_ = widthOf(column_.type_);
   out_ = static_cast<std::uint8_t*>(out);
+  // Values may recur, and texts be made of others, but a small file cannot make a huge column.
+  most_ = kAlways + rows * plan_.elements * kPerRow;
+  if (values_ != nullptr) most_ += 16 * std::min(values_->size(), kMost);
   if (width_ == 0) {
-    // Values may recur, but a small file cannot make a huge column.
-    most_ = kAlways + rows * plan_.elements * kPerRow;
-    if (values_ != nullptr) most_ += 16 * std::min(values_->size(), kMost);
     allocate(column_.offsets_, column_.size() + 1);
     column_.offsets_[0] = 0;
   } else if (out_ == nullptr) {
@@ -322,10 +322,15 @@ ColumnBuilder::Meant ColumnBuilder::meantBy(const RawValue& value) {
   meant.hasNumber = meaning.hasNumber;
   meant.number = meaning.number;
   if (meaning.hasText) {
-    const auto code = static_cast<std::int32_t>(column_.texts_.size());
-    const auto [entry, isNew] = codes_.try_emplace(std::move(meaning.text), code);
-    if (isNew) column_.texts_.push_back(entry->first);
-    meant.code = entry->second;
+    const auto known = codes_.find(meaning.text);
+    if (known != codes_.end()) {
+      meant.code = known->second;
+    } else if (meaning.text.size() <= most_ - used_) {
+      used_ += meaning.text.size();
+      meant.code = static_cast<std::int32_t>(column_.texts_.size());
+      column_.texts_.push_back(meaning.text);
+      codes_.emplace(std::move(meaning.text), meant.code);
+    }
   }
   return meant;
 }

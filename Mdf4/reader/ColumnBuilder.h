@@ -84,7 +84,7 @@ class ColumnBuilder {
   std::size_t width_ = 0;        // of a number or code; 0: bytes
   std::uint8_t* out_ = nullptr;  // where those go
   std::size_t row_ = 0;
-  std::size_t used_ = 0;      // bytes of text or bytes
+  std::size_t used_ = 0;      // bytes of texts or bytes
   std::size_t capacity_ = 0;  // for them
   std::uint64_t most_ = 0;    // that there may be
   // Of arrays, by element: how far it is behind the first one, and its invalidation bits likewise.

@@ -100,9 +100,13 @@ TEST(Terminal, GetsNoControlCharactersOfAFile) {
     const Outcome outcome = runOnTerminal(arguments);
     const std::string terminal = withoutProgress(outcome.out);
     EXPECT_EQ(outcome.exitCode, exitCode);
-    for (const auto& [bytes, shown] : kControls) {
+    for (std::size_t i = 0; i < std::size(kControls); ++i) {
+      const auto& [bytes, shown] = kControls[i];
       EXPECT_FALSE(holds(terminal, kMark + bytes)) << terminal;
-      EXPECT_TRUE(holds(terminal, kMark + shown) || arguments.starts_with("doctor")) << terminal;
+      // The readers of columns replace what is no UTF-8.
+      const bool isReplaced = i < kFirstText && holds(terminal, kMark + "\xEF\xBF\xBD");
+      EXPECT_TRUE(holds(terminal, kMark + shown) || isReplaced || arguments.starts_with("doctor"))
+          << terminal;
     }
     EXPECT_TRUE(holds(terminal, kHarmless) || arguments.starts_with("doctor")) << terminal;
   }
