@@ -390,7 +390,7 @@ TEST(ColumnReader, BoundsTheTextsOfDictionaries) {
   ASSERT_TRUE(reader.open()) << reader.error();
   std::vector<MdfColumn> columns;
   ASSERT_TRUE(reader.read(0, {1}, 0, 2'000, columns));
-  EXPECT_TRUE(columns[0].isValid(1'000));
+  EXPECT_TRUE(columns[0].isValid(100));
   EXPECT_FALSE(columns[0].isValid(1'999));
   ASSERT_TRUE(reader.read(0, {1}, 1'999, 1, columns));
   EXPECT_TRUE(columns[0].text(0).ends_with("x|1999"));
@@ -461,6 +461,45 @@ TEST(ColumnReader, TakesApartWhatIsUnsorted) {
   EXPECT_EQ(reader.problems(),
             std::vector<std::string>{"a recording that was not finished: 1 data group has records "
                                      "and states 0 of them: taken for what is there"});
+}
+
+// What a logger leaves that never finalized its file: a length of the last block that was never
+// written, or is too short, with other blocks behind it; and offsets of values that are all 0.
+TEST(ColumnReader, TakesApartWhatWasNeverFinalized) {
+  struct Case {
+    std::uint16_t flags;
+    std::uint64_t length;  // that the last block states
+  };
+  const Bytes records =
+      packed(std::uint8_t{1}, std::uint64_t{0}, std::uint8_t{2}, std::uint32_t{2}, 'a', 'b',
+             std::uint8_t{2}, std::uint32_t{1}, 'c', std::uint8_t{1}, std::uint64_t{0});
+  for (const Case& one : {Case{0x45, 0}, Case{0x45, 24}, Case{0x45, 31},
+                          Case{0x45, 24 + records.size()}, Case{0x41, 24 + records.size()}}) {
+    SCOPED_TRACE(testing::Message() << "flags " << one.flags << ", length " << one.length);
+    FileBuilder builder;
+    const std::string_view id = "UnFinMF ";
+    for (std::size_t i = 0; i < id.size(); ++i)
+      builder.setByte(i, static_cast<std::uint8_t>(id[i]));
+    builder.setByte(60, static_cast<std::uint8_t>(one.flags));
+    const Link values = builder.cg({.flags = 1, .recordId = 2});
+    Cn text = field("text", 7, 0, 64);
+    text.type = 1;
+    text.data = values;
+    test::Cg holder;
+    holder.recordId = 1;
+    holder.dataBytes = 8;
+    holder.channels = {builder.cn(text)};
+    const Link first = builder.dt({records.begin(), records.begin() + 9});
+    const Link last = builder.dt({records.begin() + 9, records.end()});
+    builder.setU64(last + 8, one.length == 24 + records.size() ? one.length - 9 : one.length);
+    builder.dg({.groups = {builder.cg(holder), values},
+                .data = builder.dl({first, last}),
+                .recordIdSize = 1});
+    MdfColumnReader reader(builder.write());
+    ASSERT_TRUE(reader.open()) << reader.error();
+    EXPECT_EQ(reader.groups()[0].records, 2U);
+    EXPECT_EQ(valuesOf(reader, "text"), "'ab' 'c'");
+  }
 }
 
 // Blocks that are stored column by column, of whole records or not, for records of that size or for

@@ -63,6 +63,14 @@ bool namesABlock(DirectFile& file, const ListWalk& walk) {
   return false;
 }
 
+// The type of a data block whose writer did not come to state a length.
+std::optional<std::uint16_t> openBlockAt(DirectFile& file, std::uint64_t position) {
+  const BlockScan scan = scanBlock(file, position);
+  const bool isOpen = scan.isBlock() && isPlainData(scan.header.type) &&
+                      scan.header.linkCount == 0 && scan.header.length < kBlockHeaderSize;
+  return isOpen ? std::optional(scan.header.type) : std::nullopt;
+}
+
 bool isOneOf(const DataSegment& segment, std::initializer_list<std::uint16_t> types,
              const char* refusal) {
   if (std::ranges::find(types, segment.type) != types.end()) return true;
@@ -87,7 +95,8 @@ SegmentTable::SegmentTable(DirectFile& file, std::uint64_t dataLink, std::uint64
   finish(file);
 }
 
-SegmentTable SegmentTable::ofWhatIsThere(DirectFile& file, std::uint64_t dataLink) {
+SegmentTable SegmentTable::ofWhatIsThere(DirectFile& file, std::uint64_t dataLink,
+                                         bool lastIsOpen) {
   SegmentTable table;
   VisitedBlocks visited(file);
   ListedBlocks blocks(file, dataLink);
@@ -96,7 +105,10 @@ SegmentTable SegmentTable::ofWhatIsThere(DirectFile& file, std::uint64_t dataLin
     const bool isThere = block.kind != ListedBlock::Missing;
     if (isThere && !visited.enter(block.position)) break;
     if (block.kind == ListedBlock::List) continue;
-    if (!isThere && block.bytes == 0) {
+    const std::optional<std::uint16_t> open =
+        lastIsOpen && !isThere ? openBlockAt(file, block.position) : std::nullopt;
+    if (open) block.type = *open;
+    if (!isThere && !open && block.bytes == 0) {
       file.report(formatText("data at %" PRIu64 ": no data block is at %" PRIu64
                              "; those behind it are not read",
                              dataLink, block.position));
@@ -108,8 +120,9 @@ SegmentTable SegmentTable::ofWhatIsThere(DirectFile& file, std::uint64_t dataLin
     segment.length = block.bytes;
     segment.type = block.type;
     segment.checked = true;
-    segment.damaged = !isThere;
-    if (!table.append(file, segment, 0)) break;
+    segment.damaged = !isThere && !open;
+    if (open) segment.length = 0;
+    if (!table.append(file, segment, 0) || open) break;
     if (block.columns) table.addInvalidation(file, block.invalidation, visited);
   }
   table.valid_ = true;

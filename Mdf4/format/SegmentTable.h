@@ -32,8 +32,10 @@ class SegmentTable {
   SegmentTable(DirectFile& file, std::uint64_t dataLink, std::uint64_t expectedSize);
   // What there is of the data blocks where lists and blocks may be damaged, or were never finished:
   // each contributes the bytes that it has, and a missing one is a damaged segment. Ends where it
-  // cannot be told how much is missing. Looks at each block.
-  static SegmentTable ofWhatIsThere(DirectFile& file, std::uint64_t dataLink);
+  // cannot be told how much is missing, and with `lastIsOpen` behind a block that states no length.
+  // Looks at each block.
+  static SegmentTable ofWhatIsThere(DirectFile& file, std::uint64_t dataLink,
+                                    bool lastIsOpen = false);
   // Of a recording that was not finished: the last block, unless it is compressed, goes on to
   // `end`.
   void extendLast(std::uint64_t end);

@@ -30,11 +30,11 @@ class Walk {
     for (std::uint64_t at = file_.header()->link(link::hd_dg_first); at != 0;) {
       const auto block = load<M4DGBlock>(at);
       if (block == nullptr) return;
-      at = block->link(link::dg_dg_next);
+      const std::uint64_t position = std::exchange(at, block->link(link::dg_dg_next));
       const std::size_t first = tree_.groups.size();
       groups(block->link(link::dg_cg_first));
-      tree_.dataGroups.push_back(
-          {block->link(link::dg_data), block->dg_rec_id_size, first, tree_.groups.size() - first});
+      tree_.dataGroups.push_back({position, block->link(link::dg_data), block->dg_rec_id_size,
+                                  first, tree_.groups.size() - first});
     }
   }
 

@@ -76,7 +76,8 @@ struct ModelGroup {
 };
 
 struct ModelDataGroup {
-  std::uint64_t data = 0;  // where dg_data leads
+  std::uint64_t position = 0;  // of the DG block
+  std::uint64_t data = 0;      // where dg_data leads
   std::uint8_t recordIdSize = 0;
   std::size_t firstGroup = 0;  // of the tree's groups
   std::size_t groups = 0;

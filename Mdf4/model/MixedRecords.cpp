@@ -147,13 +147,14 @@ RecordBatch MixedBatches::next(std::uint64_t most) {
   return {{gathered_.data(), size, count, gathered_.data() + gathered_.size()}, 0};
 }
 
-MixedValues::MixedValues(std::shared_ptr<MixedRecords> records, std::size_t group)
-    : records_(std::move(records)), walk_(*records_, group) {}
+MixedValues::MixedValues(std::shared_ptr<MixedRecords> records, std::size_t group, bool byOrder)
+    : records_(std::move(records)), walk_(*records_, group), byOrder_(byOrder) {}
 
 bool MixedValues::read(std::uint64_t offset, std::vector<std::uint8_t>& out) {
-  walk_.seekValue(offset);
-  while (walk_.valueOffset() <= offset) {
-    const bool isWanted = walk_.valueOffset() == offset;
+  const auto place = [&] { return byOrder_ ? walk_.number() : walk_.valueOffset(); };
+  byOrder_ ? walk_.seekRecord(offset) : walk_.seekValue(offset);
+  while (place() <= offset) {
+    const bool isWanted = place() == offset;
     const std::optional<ByteSpan> value = walk_.next();
     if (!value) return false;
     if (!isWanted) continue;

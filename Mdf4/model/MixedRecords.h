@@ -105,17 +105,20 @@ class MixedBatches final : public RecordBatches {
   std::vector<std::uint8_t> gathered_;
 };
 
-// The values of one of its groups, by their offsets.
+// The values of one of its groups, by their offsets, or by their numbers when no logger came to
+// write these.
 class MixedValues final : public ValueSource {
  public:
-  MixedValues(std::shared_ptr<MixedRecords> records, std::size_t group);
+  MixedValues(std::shared_ptr<MixedRecords> records, std::size_t group, bool byOrder);
 
   [[nodiscard]] bool read(std::uint64_t offset, std::vector<std::uint8_t>& out) override;
   std::uint64_t size() const override { return records_->size(); }
+  bool isByOrder() const override { return byOrder_; }
 
  private:
   std::shared_ptr<MixedRecords> records_;
   MixedRecords::Walk walk_;
+  const bool byOrder_;
 };
 
 }  // namespace tolvex

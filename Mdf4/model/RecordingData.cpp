@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/format/BlockScan.h"
 #include "Mdf4/model/RecordCursor.h"
 
 namespace tolvex {
@@ -80,10 +81,15 @@ std::shared_ptr<SegmentTable> RecordingData::valueTable(std::uint64_t dataLink) 
 }
 
 std::shared_ptr<SegmentTable> RecordingData::whatIsThere(std::uint64_t dataLink) {
-  auto table = std::make_shared<SegmentTable>(SegmentTable::ofWhatIsThere(file_, dataLink));
-  if (file_.isUnfinished() && has(file_.id().id_unfin_flags, Unfinished::LastDataLength) &&
-      table->count() != 0) {
-    table->extendLast(endOfLast((*table)[table->count() - 1].position));
+  const bool isLastOpen =
+      file_.isUnfinished() && has(file_.id().id_unfin_flags, Unfinished::LastDataLength);
+  auto table =
+      std::make_shared<SegmentTable>(SegmentTable::ofWhatIsThere(file_, dataLink, isLastOpen));
+  if (isLastOpen && table->count() != 0) {
+    const DataSegment& last = (*table)[table->count() - 1];
+    // The logger may have come to write the length.
+    const bool isFollowed = scanBlock(file_, alignUp(last.position + last.length)).isBlock();
+    if (!isFollowed) table->extendLast(endOfLast(last.position));
   }
   return table;
 }
@@ -94,7 +100,10 @@ std::uint64_t RecordingData::endOfLast(std::uint64_t position) const {
   const auto take = [&](std::uint64_t other) {
     if (other >= position) end = std::min(end, other);
   };
-  for (const ModelDataGroup& data : tree_.dataGroups) take(data.data);
+  for (const ModelDataGroup& data : tree_.dataGroups) {
+    take(data.position);
+    take(data.data);
+  }
   for (const ModelGroup& group : tree_.groups) {
     take(group.position);
     for (const ModelChannel& channel : group.channels) {
@@ -160,7 +169,9 @@ std::unique_ptr<ValueSource> RecordingData::values(const ModelGroup& group,
     if (holder.position != channel.data || !holder.holdsValues()) continue;
     const std::shared_ptr<MixedRecords> records = mixed(group);
     if (records == nullptr) return nullptr;
-    return std::make_unique<MixedValues>(records, i);
+    const bool byOrder =
+        file_.isUnfinished() && has(file_.id().id_unfin_flags, Unfinished::ValueOffsets);
+    return std::make_unique<MixedValues>(records, i, byOrder);
   }
   const std::shared_ptr<SegmentTable> segments = valueTable(channel.data);
   if (!segments->valid()) return nullptr;

@@ -17,6 +17,8 @@ class ValueSource {
   // Replaces `out` by the value that a record's offset leads to; false when there is none.
   [[nodiscard]] virtual bool read(std::uint64_t offset, std::vector<std::uint8_t>& out) = 0;
   virtual std::uint64_t size() const = 0;  // bytes of all of them
+  // Whether offsets are not to be used: they count values, as records are counted.
+  virtual bool isByOrder() const { return false; }
 
  protected:
   ValueSource() = default;

@@ -122,14 +122,15 @@ ColumnBuilder::ColumnBuilder(const ColumnPlan& plan, ColumnForm form, std::uint6
 
 void ColumnBuilder::setUp(std::uint64_t rows, void* out) {
   constexpr std::uint64_t kPerRow = 1024;
-  constexpr std::uint64_t kAlways = 1 << 24;
+  constexpr std::uint64_t kAlways = 1 << 20;
+  constexpr std::uint64_t kAlwaysOfTables = 1 << 22;
   constexpr std::uint64_t kMost = std::uint64_t{1} << 56;
   checkSize(rows, plan_.elements);
   if (plan_.elements != 1 && rows != 0) placeElements();
   width_ = widthOf(column_.type_);
   out_ = static_cast<std::uint8_t*>(out);
   // Values may recur, and texts be made of others, but a small file cannot make a huge column.
-  most_ = kAlways + rows * plan_.elements * kPerRow;
+  most_ = (width_ == 0 ? kAlways : kAlwaysOfTables) + rows * plan_.elements * kPerRow;
   if (values_ != nullptr) most_ += 16 * std::min(values_->size(), kMost);
   if (width_ == 0) {
     allocate(column_.offsets_, column_.size() + 1);
@@ -178,7 +179,7 @@ void ColumnBuilder::append(const RecordRows& records, std::uint64_t first) {
     } else {
       for (std::size_t i = 0; i < some.count; ++i, ++row_) {
         for (std::size_t e = 0; e < plan_.elements; ++e) {
-          appendBytes(some.first + i * some.stride, e);
+          appendBytes(some.first + i * some.stride, first + done + i, e);
         }
       }
     }
@@ -352,11 +353,12 @@ void ColumnBuilder::storeMeant(const Meant& meant, std::size_t index) {
 // ---------------------------------------------------------------------------------------------
 // Texts and bytes
 
-void ColumnBuilder::appendBytes(const std::uint8_t* record, std::size_t element) {
+void ColumnBuilder::appendBytes(const std::uint8_t* record, std::uint64_t number,
+                                std::size_t element) {
   const std::size_t index = indexOf(element);
   findInvalid({record, 0, 1, nullptr}, element);
   ByteSpan bytes;
-  bool isValid = valid_[0] != 0 && findBytes(record, element, bytes);
+  bool isValid = valid_[0] != 0 && findBytes(record, number, element, bytes);
   if (width_ != 0) {
     text_.clear();
     Meant meant;
@@ -380,23 +382,25 @@ void ColumnBuilder::appendBytes(const std::uint8_t* record, std::size_t element)
   if (!isValid) markInvalid(index);
 }
 
-bool ColumnBuilder::findBytes(const std::uint8_t* record, std::size_t element, ByteSpan& bytes) {
-  std::uint64_t number = 0;
+// `number` is the record's.
+bool ColumnBuilder::findBytes(const std::uint8_t* record, std::uint64_t number, std::size_t element,
+                              ByteSpan& bytes) {
   const std::ptrdiff_t offset = byteOffsets_.empty() ? 0 : byteOffsets_[element];
-  if (plan_.kind == ColumnPlan::Kind::Value) number = plan_.number->read(record + offset);
-  if (plan_.kind == ColumnPlan::Kind::Sized) {
-    number = plan_.number->read(record + (lengthOffsets_.empty() ? 0 : lengthOffsets_[element]));
-  }
   if (plan_.kind == ColumnPlan::Kind::Value) {
-    if (values_ == nullptr || !values_->read(number, value_) || used_ + value_.size() > most_) {
-      return false;
-    }
+    if (values_ == nullptr || (values_->isByOrder() && plan_.elements != 1)) return false;
+    if (!values_->isByOrder()) number = plan_.number->read(record + offset);
+    if (!values_->read(number, value_) || used_ + value_.size() > most_) return false;
     bytes = value_;
     return true;
   }
-  if (plan_.kind == ColumnPlan::Kind::Sized && number > plan_.size) return false;
-  const bool isSized = plan_.kind == ColumnPlan::Kind::Sized;
-  bytes = {record + plan_.byte + offset, isSized ? static_cast<std::size_t>(number) : plan_.size};
+  std::size_t size = plan_.size;
+  if (plan_.kind == ColumnPlan::Kind::Sized) {
+    const std::uint64_t length =
+        plan_.number->read(record + (lengthOffsets_.empty() ? 0 : lengthOffsets_[element]));
+    if (length > size) return false;
+    size = static_cast<std::size_t>(length);
+  }
+  bytes = {record + plan_.byte + offset, size};
   return true;
 }
 

@@ -68,8 +68,9 @@ class ColumnBuilder {
   void store(const void* numbers, std::size_t count, std::size_t element);
   void storeMeant(const Meant& meant, std::size_t index);
 
-  void appendBytes(const std::uint8_t* record, std::size_t element);
-  bool findBytes(const std::uint8_t* record, std::size_t element, ByteSpan& bytes);
+  void appendBytes(const std::uint8_t* record, std::uint64_t number, std::size_t element);
+  bool findBytes(const std::uint8_t* record, std::uint64_t number, std::size_t element,
+                 ByteSpan& bytes);
   bool addText(ByteSpan bytes);
   void addBytes(ByteSpan bytes);
 
