@@ -64,15 +64,17 @@ std::shared_ptr<const RowChunk> GroupRows::next() {
     const auto chunk = std::make_shared<RowChunk>();
     chunk->first = done_;
     chunk->count = static_cast<std::size_t>(std::min(atOnce_, records_ - done_));
-    if (!readTimes(*chunk)) {
+    // Of those that may not be wanted, the times tell.
+    if (wanted_.hasWindow() && !readTimes(*chunk)) {
       return nullptr;
     }
-    const bool wanted = isWanted(*chunk);
-    if (wanted && !readColumns(*chunk)) {
+    const bool isWanted = !wanted_.hasWindow() || holdsWanted(*chunk);
+    if (isWanted && !readColumns(*chunk)) {
       return nullptr;
     }
+    addToSpan(*chunk);
     done_ += chunk->count;
-    if (wanted) {
+    if (isWanted) {
       return chunk;
     }
   }
@@ -80,16 +82,9 @@ std::shared_ptr<const RowChunk> GroupRows::next() {
 }
 
 bool GroupRows::readTimes(RowChunk& chunk) {
-  auto count = static_cast<std::int64_t>(chunk.count);
-  if (wanted_.seconds) {
-    chunk.seconds.resize(chunk.count);
-    count = std::min(count, reader_.readSeconds(group_, done_, chunk.count, chunk.seconds.data()));
-  }
-  if (wanted_.nanoseconds) {
-    chunk.nanoseconds.resize(chunk.count);
-    count = std::min(count,
-                     reader_.readNanoseconds(group_, done_, chunk.count, chunk.nanoseconds.data()));
-  }
+  chunk.nanoseconds.resize(chunk.count);
+  const std::int64_t count =
+      reader_.readNanoseconds(group_, done_, chunk.count, chunk.nanoseconds.data());
   if (count < 0) {
     error_ = reader_.error();
     return false;
@@ -98,27 +93,35 @@ bool GroupRows::readTimes(RowChunk& chunk) {
   return chunk.count != 0;
 }
 
-bool GroupRows::isWanted(const RowChunk& chunk) {
-  if (!wanted_.nanoseconds) {
-    return true;
-  }
-  bool isWanted = !wanted_.hasWindow();
-  for (std::size_t row = 0; row < chunk.count; ++row) {
-    const std::int64_t timeNs = chunk.nanoseconds[row];
-    if (timeNs != MdfColumnReader::kNoTime) {
-      span_.add(timeNs);
-      isWanted = isWanted || (timeNs >= wanted_.firstNs && timeNs < wanted_.endNs);
-    }
-  }
-  return isWanted;
+bool GroupRows::holdsWanted(const RowChunk& chunk) const {
+  const auto end = chunk.nanoseconds.begin() + static_cast<std::ptrdiff_t>(chunk.count);
+  return std::any_of(chunk.nanoseconds.begin(), end, [&](std::int64_t timeNs) {
+    return timeNs != MdfColumnReader::kNoTime && timeNs >= wanted_.firstNs &&
+           timeNs < wanted_.endNs;
+  });
 }
 
-// Fewer records than there are times when their values are larger than those before them.
+void GroupRows::addToSpan(const RowChunk& chunk) {
+  for (std::size_t row = 0; wanted_.nanoseconds && row < chunk.count; ++row) {
+    if (chunk.nanoseconds[row] != MdfColumnReader::kNoTime) {
+      span_.add(chunk.nanoseconds[row]);
+    }
+  }
+}
+
+// Fewer records than were asked for when their values are larger than those before them.
 bool GroupRows::readColumns(RowChunk& chunk) {
   MdfReadOptions options;
   options.raw = wanted_.raw;
-  while (!channels_.empty() &&
-         !reader_.read(group_, channels_, done_, chunk.count, chunk.columns, options)) {
+  if (wanted_.seconds) {
+    chunk.seconds.resize(chunk.count);
+    options.seconds = chunk.seconds.data();
+  }
+  if (wanted_.nanoseconds) {
+    chunk.nanoseconds.resize(chunk.count);
+    options.nanoseconds = chunk.nanoseconds.data();
+  }
+  while (!reader_.read(group_, channels_, done_, chunk.count, chunk.columns, options)) {
     if (chunk.count == 1) {
       error_ = reader_.error();
       return false;

@@ -69,7 +69,8 @@ class GroupRows {
   };
 
   bool readTimes(RowChunk& chunk);
-  bool isWanted(const RowChunk& chunk);
+  bool holdsWanted(const RowChunk& chunk) const;
+  void addToSpan(const RowChunk& chunk);
   bool readColumns(RowChunk& chunk);
   void adapt(const RowChunk& chunk);
 
