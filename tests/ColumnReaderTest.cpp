@@ -502,6 +502,41 @@ TEST(ColumnReader, TakesApartWhatWasNeverFinalized) {
   }
 }
 
+// Values in a group of their own, that records name in any order.
+TEST(ColumnReader, FindsValuesInAnyOrder) {
+  constexpr int kValues = 9'001;
+  FileBuilder builder;
+  const Link values = builder.cg({.flags = 1, .recordId = 2});
+  Cn text = field("text", 7, 0, 64);
+  text.type = 1;
+  text.data = values;
+  test::Cg holder;
+  holder.recordId = 1;
+  holder.dataBytes = 8;
+  holder.channels = {builder.cn(text)};
+  Bytes data;
+  const auto add = [&](const Bytes& bytes) { data.insert(data.end(), bytes.begin(), bytes.end()); };
+  std::vector<std::uint64_t> offsets;
+  std::uint64_t offset = 0;
+  for (int i = 0; i < kValues; ++i) {
+    const std::string word = std::to_string(i);
+    add(packed(std::uint8_t{2}, static_cast<std::uint32_t>(word.size())));
+    add({word.begin(), word.end()});
+    offsets.push_back(offset);
+    offset += 4 + word.size();
+  }
+  std::string want;
+  for (int i = 0, value = kValues - 1; i < kValues; ++i, value = (value + 3'571) % kValues) {
+    const bool isWrong = i % 1'000 == 999;
+    add(packed(std::uint8_t{1}, offsets[static_cast<std::size_t>(value)] + (isWrong ? 1 : 0)));
+    want += (i == 0 ? "" : " ") + (isWrong ? "-" : "'" + std::to_string(value) + "'");
+  }
+  builder.dg({.groups = {builder.cg(holder), values}, .data = builder.dt(data), .recordIdSize = 1});
+  MdfColumnReader reader(builder.write());
+  ASSERT_TRUE(reader.open()) << reader.error();
+  EXPECT_TRUE(valuesOf(reader, "text") == want);
+}
+
 // Blocks that are stored column by column, of whole records or not, for records of that size or for
 // another one: their columns are those of the same bytes as they are.
 TEST(ColumnReader, TakesColumnsOutOfTransposedBlocks) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
@@ -69,12 +70,35 @@ void MixedRecords::Walk::seekRecord(std::uint64_t number) {
 }
 
 void MixedRecords::Walk::seekValue(std::uint64_t offset) {
-  const std::vector<Mark>& marks = records_.known_[group_].marks;
+  Known& known = records_.known_[group_];
+  const std::vector<Mark>& marks = known.marks;
   if (marks.empty()) return begin({records_.knownUpTo_, 0}, 0);
   const auto behind = std::ranges::upper_bound(marks, offset, {}, &Mark::value);
   const auto mark =
       static_cast<std::size_t>(behind - marks.begin()) - (behind == marks.begin() ? 0 : 1);
-  if (value_ < marks[mark].value || value_ > offset) begin(marks[mark], mark * kStride);
+  const bool isBackwards = value_ > offset;
+  if (value_ < marks[mark].value || isBackwards) begin(marks[mark], mark * kStride);
+  // Whoever goes back will do it again.
+  const auto found = known.fine.find(mark);
+  if (found == known.fine.end() && !isBackwards) return;
+  const std::vector<Mark>& fine = found != known.fine.end() ? found->second : makeFine(mark);
+  const auto last = std::ranges::upper_bound(fine, offset, {}, &Mark::value);
+  if (last == fine.begin() || std::prev(last)->value <= value_) return;
+  begin(*std::prev(last),
+        mark * kStride + static_cast<std::size_t>(last - fine.begin() - 1) * kFineStride);
+}
+
+const std::vector<MixedRecords::Mark>& MixedRecords::Walk::makeFine(std::size_t mark) const {
+  Known& known = records_.known_[group_];
+  std::vector<Mark> fine;
+  Walk walk(records_, group_);
+  walk.begin(known.marks[mark], mark * kStride);
+  for (std::uint64_t i = 0; i < kStride; ++i) {
+    if (i % kFineStride == 0) fine.push_back({walk.position_, walk.value_});
+    if (!walk.next()) break;
+  }
+  if (known.fine.size() >= kMostFine) known.fine.clear();
+  return known.fine[mark] = std::move(fine);
 }
 
 void MixedRecords::Walk::begin(const Mark& mark, std::uint64_t number) {

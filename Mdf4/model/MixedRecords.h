@@ -51,6 +51,7 @@ class MixedRecords {
 
    private:
     void begin(const Mark& mark, std::uint64_t number);
+    const std::vector<Mark>& makeFine(std::size_t mark) const;
     const std::uint8_t* look(std::uint64_t bytes);
 
     MixedRecords& records_;
@@ -69,9 +70,13 @@ class MixedRecords {
 
  private:
   static constexpr std::uint64_t kStride = 4096;  // records
+  static constexpr std::uint64_t kFineStride = 64;
+  static constexpr std::size_t kMostFine = 256;  // strides of a group: 256 KiB
 
   struct Known {
     std::vector<Mark> marks;  // of every record whose number is a multiple of kStride
+    // From some of those marks on: of every record whose number is a multiple of kFineStride.
+    std::unordered_map<std::size_t, std::vector<Mark>> fine;
     std::uint64_t records = 0;
     std::uint64_t valueBytes = 0;
   };

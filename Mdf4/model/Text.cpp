@@ -81,15 +81,17 @@ Sequence nextSequence(ByteSpan bytes) {
 }
 
 void appendChecked(ByteSpan bytes, std::string& text) {
-  while (!bytes.empty()) {
-    const Sequence next = nextSequence(bytes);
-    if (next.isCharacter) {
-      text.append(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(next.length));
-    } else {
-      appendUtf8(kReplacement, text);
-    }
-    bytes = bytes.subspan(next.length);
+  const auto add = [&](ByteSpan sound) { text.append(sound.begin(), sound.end()); };
+  for (std::size_t at = 0; at < bytes.size();) {
+    const Sequence next = nextSequence(bytes.subspan(at));
+    at += next.length;
+    if (next.isCharacter) continue;
+    add(bytes.first(at - next.length));
+    appendUtf8(kReplacement, text);
+    bytes = bytes.subspan(at);
+    at = 0;
   }
+  add(bytes);
 }
 
 }  // namespace

@@ -112,8 +112,14 @@ const ValueConversion* conversionFor(ColumnForm form, const ColumnPlan& plan) {
 }  // namespace
 
 ColumnBuilder::ColumnBuilder(const ColumnPlan& plan, ColumnForm form, std::uint64_t rows,
-                             ValueSource* values, void* out)
-    : plan_(plan), form_(form), conversion_(conversionFor(form, plan)), values_(values) {
+                             ValueSource* values, ColumnWorkspace& workspace, void* out)
+    : plan_(plan),
+      form_(form),
+      conversion_(conversionFor(form, plan)),
+      values_(values),
+      raw_(workspace.raw),
+      doubles_(workspace.doubles),
+      valid_(workspace.valid) {
   column_.type_ = typeIn(form, plan);
   column_.rows_ = rows;
   column_.elements_ = plan_.elements;

@@ -29,14 +29,23 @@ MdfColumnType typeIn(ColumnForm form, const ColumnPlan& plan);
 // Bytes of one value of the type; 0 where they differ.
 std::size_t widthOf(MdfColumnType type);
 
-// The column of one channel, for a number of records that is known in advance. Borrows the plan and
-// the values. Throws std::bad_alloc, and is then of no use.
+// What builders work with in turns: it would be most of their size.
+struct ColumnWorkspace {
+  static constexpr std::size_t kRecords = 1024;
+
+  std::array<std::uint64_t, kRecords> raw = {};
+  std::array<double, kRecords> doubles = {};
+  std::array<std::uint8_t, kRecords> valid = {};
+};
+
+// The column of one channel, for a number of records that is known in advance. Borrows the plan,
+// the values and the workspace. Throws std::bad_alloc, and is then of no use.
 class ColumnBuilder {
  public:
   // `values` may be null, where there are none. What has the same width for each value goes to
   // `out`, when that is not null, instead of into memory of the column.
   ColumnBuilder(const ColumnPlan& plan, ColumnForm form, std::uint64_t rows, ValueSource* values,
-                void* out = nullptr);
+                ColumnWorkspace& workspace, void* out);
 
   // The next records; the first of them is the group's record `first`.
   void append(const RecordRows& records, std::uint64_t first);
@@ -46,7 +55,7 @@ class ColumnBuilder {
   MdfColumn finish();
 
  private:
-  static constexpr std::size_t kAtOnce = 1024;  // records
+  static constexpr std::size_t kAtOnce = ColumnWorkspace::kRecords;
 
   // What a raw value comes to in a column.
   struct Meant {
@@ -92,9 +101,9 @@ class ColumnBuilder {
   std::vector<std::ptrdiff_t> byteOffsets_;
   std::vector<std::ptrdiff_t> lengthOffsets_;
   std::vector<std::vector<std::int64_t>> bitOffsets_;
-  std::array<std::uint64_t, kAtOnce> raw_ = {};
-  std::array<double, kAtOnce> doubles_ = {};
-  std::array<std::uint8_t, kAtOnce> valid_ = {};
+  std::array<std::uint64_t, kAtOnce>& raw_;
+  std::array<double, kAtOnce>& doubles_;
+  std::array<std::uint8_t, kAtOnce>& valid_;
   std::vector<std::uint8_t> value_;
   std::string text_;
   std::unordered_map<std::string, std::int32_t> codes_;

@@ -145,6 +145,7 @@ class ColumnRead {
   void read(Share& share, RecordingData& data) {
     const ModelGroup& group = *parts_[share.part].group;
     std::vector<std::unique_ptr<ValueSource>> sources;
+    const auto workspace = std::make_unique<ColumnWorkspace>();
     std::vector<std::unique_ptr<ColumnBuilder>> builders;
     for (std::size_t i = 0; i < wanted_.size(); ++i) {
       const ColumnPlan& plan = plans_[share.part][i];
@@ -152,7 +153,7 @@ class ColumnRead {
       const auto& channel = group.channels[static_cast<std::size_t>(wanted_[i].channel)];
       sources.push_back(isOutside ? data.values(group, channel) : nullptr);
       builders.push_back(std::make_unique<ColumnBuilder>(plan, wanted_[i].form, share.count,
-                                                         sources.back().get(),
+                                                         sources.back().get(), *workspace,
                                                          assemblies_[i].placeOf(share.row)));
     }
     const std::shared_ptr<RecordBatches> records = data.batches(group);
