@@ -74,6 +74,7 @@ void add(const std::string& name, const std::function<void(benchmark::State&)>& 
 
 // One per subject.
 void addFrameBenches();
+void addFrameBatchBenches();
 void addRecordBenches();
 void addCompressionBenches();
 void addColumnBenches();
@@ -85,6 +86,7 @@ void addPeerBenches();
 void addRecoveryBenches();
 #ifdef TOLVEX_BENCH_PROGRAM
 void addExportBenches();
+void addCatBenches();
 #endif
 
 // The part of the asynchronous benches that a process of its own runs.

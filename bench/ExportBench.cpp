@@ -1,7 +1,5 @@
 // The program's tables, against the same text written by hand.
 #include <fmt/format.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <charconv>
 #include <cstdio>
@@ -11,8 +9,8 @@
 
 #include "bench/Bench.h"
 #include "bench/Inputs.h"
+#include "bench/ProgramRuns.h"
 #include "tests/support/FileBuilder.h"
-#include "tools/tolvex/Program.h"
 
 namespace tolvex::bench {
 namespace {
@@ -64,37 +62,6 @@ const Signals& signals(std::uint64_t count) {
   return result;
 }
 
-// A file in memory that is written again and again.
-class MemoryFile {
- public:
-  MemoryFile() : descriptor_(::memfd_create("table", MFD_CLOEXEC)) {}
-  MemoryFile(const MemoryFile&) = delete;
-  MemoryFile& operator=(const MemoryFile&) = delete;
-  ~MemoryFile() { ::close(descriptor_); }
-
-  std::string path() const { return fmt::format("/proc/self/fd/{}", descriptor_); }
-  std::uint64_t contentSum() const {
-    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(::lseek(descriptor_, 0, SEEK_END)));
-    return ::pread(descriptor_, bytes.data(), bytes.size(), 0) < 0
-               ? 0
-               : checksum(bytes.data(), bytes.size());
-  }
-
- private:
-  int descriptor_;
-};
-
-Outcome runProgramOn(const Signals& input, const MemoryFile& out) {
-  std::vector<std::string> words = {"tolvex", "export", input.path, "--dg", "0", "-o", out.path()};
-  std::vector<char*> arguments;
-  for (std::string& word : words) arguments.push_back(word.data());
-  arguments.push_back(nullptr);
-  const Outcome outcome = timed([&] {
-    return static_cast<std::uint64_t>(runProgram(static_cast<int>(words.size()), arguments.data()));
-  });
-  return {outcome.seconds, outcome.result == 0 ? out.contentSum() : 1};
-}
-
 Outcome writeByHand(const Signals& input, const MemoryFile& out) {
   constexpr std::size_t kBuffer = 64 * 1024;
   constexpr std::size_t kMostPerRow = (kColumns + 1) * 32;
@@ -134,7 +101,10 @@ void addExportBenches() {
     const Workload workload = {static_cast<double>(count), static_cast<double>(count * kRecordSize),
                                kGoal};
     compare(
-        state, workload, [&] { return runProgramOn(input, out); },
+        state, workload,
+        [&] {
+          return runProgramInto(out, {"export", input.path, "--dg", "0"});
+        },
         [&] { return writeByHand(input, out); });
   });
 }

@@ -122,6 +122,43 @@ const RecordFile& Inputs::frames(std::uint64_t count) {
   return entry->second;
 }
 
+const RecordFile& Inputs::unsortedFrames(std::uint64_t count) {
+  constexpr std::uint32_t kPair = 1 + 22 + 1 + 4 + 8;  // a frame and its value, with their ids
+  constexpr std::uint64_t kBlockBytes = 1 << 20;
+  const std::string name = fmt::format("unsorted-{}", count);
+  const auto [entry, isNew] = recordFiles_.try_emplace(name);
+  if (isNew) {
+    const Bytes records = frameRecords(count);
+    Bytes sequence(count * kPair);
+    for (std::uint64_t i = 0; i < count; ++i) {
+      const std::uint8_t* const from = records.data() + i * kFrameBytes;
+      std::uint8_t* const to = sequence.data() + i * kPair;
+      to[0] = kFrameRecordId;
+      store(to + 1, static_cast<double>(i) * 1e5);  // nanoseconds
+      std::uint32_t id = 0;
+      std::memcpy(&id, from + 11, sizeof id);
+      store(to + 9, id << 3 | 1U << 1);       // bus channel 1
+      to[13] = from[10];                      // direction
+      to[14] = 8 << 4;                        // code
+      store(to + 15, std::uint64_t{12} * i);  // where the payload is among the values
+      to[23] = kValueRecordId;
+      store(to + 24, std::uint32_t{8});
+      std::memcpy(to + 28, from + 15, 8);
+    }
+    FileBuilder file;
+    const Link values = file.cg({.records = count, .flags = 1, .recordId = kValueRecordId});
+    const Link group =
+        file.busLog(test::loggerFrames(), count, listed(file, sequence, kBlockBytes), values);
+    const Link frames = file.link(group, 1);
+    file.setByte(file.dataPosition(group), 1);  // dg_rec_id_size
+    file.setU64(file.dataPosition(frames), kFrameRecordId);
+    file.chain({frames, values});
+    entry->second = {keep(file, name), folder_.path(name), count, kPair};
+    writePlain(entry->second.plainPath, sequence);
+  }
+  return entry->second;
+}
+
 const RecordFile& Inputs::signals(std::uint64_t count, std::uint32_t recordSize) {
   const std::string name = fmt::format("signals-{}-{}", count, recordSize);
   const auto [entry, isNew] = recordFiles_.try_emplace(name);

@@ -15,6 +15,10 @@ namespace tolvex::bench {
 inline constexpr std::uint64_t kRecordsPerBlock = 512;
 inline constexpr std::uint64_t kBlocksPerList = 5;
 
+// The ids of unsorted records.
+inline constexpr std::uint8_t kFrameRecordId = 1;
+inline constexpr std::uint8_t kValueRecordId = 2;
+
 // One group, and the same records back to back in a file without any structure.
 struct RecordFile {
   std::string path;
@@ -44,6 +48,9 @@ class Inputs {
  public:
   // A bus log of CAN data frames, 8 bytes of payload each.
   const RecordFile& frames(std::uint64_t count);
+  // The same frames as a hardware logger packs them: records with ids, each in front of its
+  // payload, which is a value of another group. The size of a record is that of both.
+  const RecordFile& unsortedFrames(std::uint64_t count);
   // float64 seconds and a walk of 16-bit signals.
   const RecordFile& signals(std::uint64_t count, std::uint32_t recordSize);
   // float64 seconds and so many uint16 with linear conversions, in records of 64 bytes.

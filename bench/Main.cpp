@@ -67,6 +67,7 @@ int main(int argc, char** argv) {
 
   setDiagnosticHandler(nullptr, nullptr);
   addFrameBenches();
+  addFrameBatchBenches();
   addRecordBenches();
   addCompressionBenches();
   addColumnBenches();
@@ -77,6 +78,7 @@ int main(int argc, char** argv) {
   addRecoveryBenches();
 #ifdef TOLVEX_BENCH_PROGRAM
   addExportBenches();
+  addCatBenches();
 #endif
   addMemoryBenches();
   Table table;

@@ -47,6 +47,11 @@ class BitField {
   unsigned touched() const { return touched_; }
   unsigned shift() const { return shift_; }
   std::uint64_t mask() const { return mask_; }
+  // Whether a load of eight bytes at byte(), where a record has as many, shifted and masked, gives
+  // the number.
+  bool isInOneLoad() const {
+    return order_ == ByteOrder::Little && touched_ <= sizeof(std::uint64_t);
+  }
 
   // Whether a record of that size holds the whole field.
   bool isInside(std::uint64_t size) const { return byte_ <= size && touched_ <= size - byte_; }

@@ -13,6 +13,7 @@ namespace {
 constexpr std::uint32_t kNoLimit = ~std::uint32_t{0};  // bytes
 constexpr std::uint32_t kMaxStandardId = 0x7FF;
 constexpr std::uint32_t kIdentifierMask = 0x1FFFFFFF;
+constexpr std::uint32_t kExtendedBit = 0x80000000;
 
 bool isRemoteField(CanField field) {
   switch (field) {
@@ -175,6 +176,12 @@ void CanRecordDecoder::planError(const std::vector<CanFieldSlot>& layout) {
       hasExtended_ = hasExtended_ || slot.field == CanField::IDE;
     }
   }
+}
+
+std::uint32_t CanRecordDecoder::idOf(ByteSpan record) const {
+  const auto id = static_cast<std::uint32_t>(id_.read(record));
+  if (!isError_) return id & ~kExtendedBit;
+  return loggerRules_ ? id & kIdentifierMask : id;
 }
 
 // ---------------------------------------------------------------------------------------------

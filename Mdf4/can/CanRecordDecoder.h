@@ -3,15 +3,12 @@
 
 #include <array>
 #include <cstdint>
-#include <span>
 #include <vector>
 
 #include "Mdf4/base/BitField.h"
 #include "Mdf4/base/Bytes.h"
-#include "Mdf4/can/FrameEntry.h"
 #include "Mdf4/model/BusLogLayout.h"
 #include "tolvex/Mdf4.h"
-#include "tolvex/MdfFrameReader.h"
 
 namespace tolvex {
 
@@ -51,11 +48,6 @@ class CanRecordDecoder {
                     : messageFrame(record, timestampNs, dataIndex, payloads);
   }
 
-  // Appends the frames of many records to columns, the same frames as decode makes. All records
-  // have `recordSize` bytes. Payloads outside of them come from `payloads`; where that is null, the
-  // entries have them.
-  void append(std::span<const FrameEntry> entries, std::size_t recordSize, PayloadSource* payloads,
-              MdfFrameBatch& out) const;
   // What frames are chosen by, as the columns have it.
   std::uint32_t idOf(ByteSpan record) const;
   std::uint16_t busOf(ByteSpan record) const {
@@ -79,6 +71,8 @@ class CanRecordDecoder {
     }
 
    private:
+    friend class CanRecordColumns;
+
     BitField bits_;
     std::uint64_t constant_ = 0;  // where there are no bits
   };
@@ -128,8 +122,7 @@ class CanRecordDecoder {
   void decodePayload(ByteSpan record, PayloadSource* payloads, MdfCanMessage& message) const;
   void decodeError(ByteSpan record, PayloadSource* payloads, MdfCanError& error) const;
 
-  class Columns;
-  friend class Columns;
+  friend class CanRecordColumns;
 
   bool isError_ = false;
   bool payloadByDlc_;

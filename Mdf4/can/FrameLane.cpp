@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <numeric>
+#include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
 
@@ -9,7 +11,8 @@ namespace tolvex {
 
 void FrameLane::begin(const FrameChoice& choice) {
   choice_ = &choice;
-  entries_.clear();
+  drop(times_.size());
+  times_.clear();
   next_ = 0;
   ready_ = 0;
   atEnd_ = false;
@@ -17,27 +20,28 @@ void FrameLane::begin(const FrameChoice& choice) {
   seek(choice.startNs());
 }
 
-std::span<const FrameEntry> FrameLane::ready() {
-  while (next_ == ready_ && !(atEnd_ && next_ == entries_.size())) refill();
-  return std::span(entries_).subspan(next_, ready_ - next_);
+std::span<const std::int64_t> FrameLane::ready() {
+  while (next_ == ready_ && !(atEnd_ && next_ == times_.size())) refill();
+  return std::span(times_).subspan(next_, ready_ - next_);
 }
 
-void FrameLane::take(std::size_t count) {
-  if (count == 0) return;
-  next_ += count;
-  takenNs_ = entries_[next_ - 1].timeNs;
-}
-
-void FrameLane::append(std::span<const FrameEntry> entries, MdfFrameBatch& out) {
+void FrameLane::append(std::size_t count, MdfFrameBatch& out) {
   const std::size_t first = out.count;
-  decode(entries, out);
+  decode(next_, count, out);
+  reportMissingPayload(out, first);
+  next_ += count;
+  takenNs_ = times_[next_ - 1];
+}
+
+// Once: it is mostly all of them.
+void FrameLane::reportMissingPayload(const MdfFrameBatch& out, std::size_t first) {
   if (reportedPayload_) return;
   const auto begin = out.flags.begin() + static_cast<std::ptrdiff_t>(first);
   const auto end = out.flags.begin() + static_cast<std::ptrdiff_t>(out.count);
   const auto missing = std::find_if(
       begin, end, [](std::uint16_t flags) { return (flags & MdfFrameFlag::kPayloadMissing) != 0; });
   if (missing == end) return;
-  reportedPayload_ = true;  // once: it is mostly all of them
+  reportedPayload_ = true;
   const auto row = static_cast<std::size_t>(missing - out.flags.begin());
   file_.report(formatText("data group %d: record %" PRIu64
                           ": its payload is not in the file or cannot be read",
@@ -45,53 +49,38 @@ void FrameLane::append(std::span<const FrameEntry> entries, MdfFrameBatch& out) 
 }
 
 void FrameLane::refill() {
-  entries_.erase(entries_.begin(), entries_.begin() + static_cast<std::ptrdiff_t>(next_));
-  moved(next_, false);
+  drop(next_);
+  times_.erase(times_.begin(), times_.begin() + static_cast<std::ptrdiff_t>(next_));
   next_ = 0;
-  const std::size_t ordered = entries_.size();
+  const std::size_t ordered = times_.size();
   if (!atEnd_) atEnd_ = !collect();
   sort(ordered);
   const std::size_t held = atEnd_ ? 0 : settings_.held;
-  ready_ = complete(entries_.size() - std::min(entries_.size(), held));
+  ready_ = complete(times_.size() - std::min(times_.size(), held));
 }
 
-// The first `ordered` entries are.
+// The first `ordered` times are.
 void FrameLane::sort(std::size_t ordered) {
-  const auto begin = entries_.begin() + static_cast<std::ptrdiff_t>(ordered == 0 ? 0 : ordered - 1);
-  if (!std::is_sorted(begin, entries_.end(), [](const FrameEntry& a, const FrameEntry& b) {
-        return a.timeNs < b.timeNs;
-      })) {
-    std::ranges::stable_sort(entries_, {}, &FrameEntry::timeNs);
-    moved(0, true);
+  const auto from = static_cast<std::ptrdiff_t>(ordered == 0 ? 0 : ordered - 1);
+  if (!std::is_sorted(times_.begin() + from, times_.end())) {
+    std::vector<std::size_t> order(times_.size());
+    std::iota(order.begin(), order.end(), std::size_t{0});
+    std::ranges::stable_sort(order, {}, [this](std::size_t index) { return times_[index]; });
+    reorder(order);
+    std::ranges::sort(times_);
   }
-  if (!entries_.empty() && entries_.front().timeNs < takenNs_) reportDisorder(entries_.front());
+  if (!times_.empty() && times_.front() < takenNs_) reportDisorder();
 }
 
-void FrameLane::reportDisorder(const FrameEntry& entry) {
+void FrameLane::reportDisorder() {
   if (std::exchange(reportedDisorder_, true)) return;
-  file_.report(formatText(
-      "data group %d: record %" PRIu64 " is %" PRId64
-      " ns earlier than records more than %zu in front of it: such frames are not in order",
-      int{settings_.dataGroup}, entry.number, takenNs_ - entry.timeNs, settings_.held));
-}
-
-void FrameLane::keepPending() {
-  std::size_t size = 0;
-  for (const FrameEntry& entry : entries_) {
-    size += recordSize(entry);
-    if (entry.payload != nullptr) size += entry.payloadLength;
-  }
-  keptBefore_.resize(size);
-  std::uint8_t* to = keptBefore_.data();
-  const auto keep = [&to](const std::uint8_t*& bytes, std::size_t count) {
-    bytes = std::copy_n(bytes, count, to) - count;
-    to += count;
-  };
-  for (FrameEntry& entry : entries_) {
-    keep(entry.record, recordSize(entry));
-    if (entry.payload != nullptr) keep(entry.payload, entry.payloadLength);
-  }
-  kept_.swap(keptBefore_);
+  file_.report(
+      formatText("data group %d: record %" PRIu64 " is %" PRIu64
+                 " ns earlier than one that is more than %zu records in front of it: such "
+                 "frames are not in order",
+                 int{settings_.dataGroup}, numberOf(0),
+                 static_cast<std::uint64_t>(takenNs_) - static_cast<std::uint64_t>(times_.front()),
+                 settings_.held));
 }
 
 std::int64_t FrameLane::latest() {
@@ -100,10 +89,11 @@ std::int64_t FrameLane::latest() {
   begin(all);
   seek(kEnd);
   for (;;) {
-    const std::span<const FrameEntry> entries = ready();
-    if (entries.empty()) break;
-    latest = std::max(latest, entries.back().timeNs);
-    take(entries.size());
+    const std::span<const std::int64_t> times = ready();
+    if (times.empty()) break;
+    latest = std::max(latest, times.back());
+    next_ += times.size();
+    takenNs_ = times.back();
   }
   choice_ = nullptr;
   return latest;

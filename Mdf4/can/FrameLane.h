@@ -4,15 +4,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
-#include <memory>
 #include <span>
 #include <vector>
 
-#include "Mdf4/can/CanRecordDecoder.h"
+#include "Mdf4/can/CanRecordColumns.h"
 #include "Mdf4/can/FrameChoice.h"
-#include "Mdf4/can/FrameEntry.h"
 #include "Mdf4/can/FrameTime.h"
-#include "Mdf4/format/m4DataStream.h"
+#include "Mdf4/format/DirectFile.h"
 
 namespace tolvex {
 
@@ -35,12 +33,11 @@ class FrameLane {
 
   // Begins with the first frame of `choice`, which outlives that.
   void begin(const FrameChoice& choice);
-  // The next frames, some of them; none at the end. They last until `take`.
-  std::span<const FrameEntry> ready();
-  void take(std::size_t count);
-  // Decodes entries that are ready.
-  void append(std::span<const FrameEntry> entries, MdfFrameBatch& out);
-  // The latest of all times: moves away from where the lane is. Nothing when it has no frames.
+  // The times of the next frames, some of them; none at the end.
+  std::span<const std::int64_t> ready();
+  // Decodes the next frames, as many of those that are ready.
+  void append(std::size_t count, MdfFrameBatch& out);
+  // The latest of all times: moves away from where the lane is.
   std::int64_t latest();
 
  protected:
@@ -49,18 +46,20 @@ class FrameLane {
   // Goes to the first record that may be of that time, or later; `kEnd`: that may be the latest.
   static constexpr std::int64_t kEnd = std::numeric_limits<std::int64_t>::max();
   virtual void seek(std::int64_t timeNs) = 0;
-  // Adds entries of some more records to entries_; false at the end, when there may be some, too.
+  // Adds some more records, and their times to times_; false at the end, when there may be some,
+  // too.
   virtual bool collect() = 0;
-  virtual std::size_t recordSize(const FrameEntry& entry) const = 0;
-  virtual void decode(std::span<const FrameEntry> entries, MdfFrameBatch& out) = 0;
-  // After entries moved; `sorted`: not all by the same distance.
-  virtual void moved(std::size_t /*dropped*/, bool /*sorted*/) {}
-  // How many of the first `count` entries may be taken.
+  // Records stand in the order of times_. The first ones of them were taken; they are to stand in
+  // the order that `order` names; `count` are to be decoded.
+  virtual void drop(std::size_t count) = 0;
+  virtual void reorder(std::span<const std::size_t> order) = 0;
+  virtual void decode(std::size_t first, std::size_t count, MdfFrameBatch& out) = 0;
+  // The number of a record in its group.
+  virtual std::uint64_t numberOf(std::size_t index) const = 0;
+  // How many of the first `count` may be taken.
   virtual std::size_t complete(std::size_t count) { return count; }
 
   bool isAtEnd() const { return atEnd_; }
-  // Copies the records of all entries away from where they were read to.
-  void keepPending();
   std::int64_t timeOf(const FrameTime& time, ByteSpan record) const {
     return static_cast<std::int64_t>(settings_.startNs + time.nearest(record));
   }
@@ -68,21 +67,20 @@ class FrameLane {
   DirectFile& file_;
   const LaneSettings settings_;
   const FrameChoice* choice_ = nullptr;
-  std::vector<FrameEntry> entries_;
+  std::vector<std::int64_t> times_;
 
  private:
   void refill();
   void sort(std::size_t ordered);
-  void reportDisorder(const FrameEntry& entry);
+  void reportDisorder();
+  void reportMissingPayload(const MdfFrameBatch& out, std::size_t first);
 
-  std::size_t next_ = 0;   // of the entries, to be taken
+  std::size_t next_ = 0;   // of the frames, to be taken
   std::size_t ready_ = 0;  // those in front of it may be taken
   bool atEnd_ = false;
   bool reportedDisorder_ = false;
   bool reportedPayload_ = false;                                     // that one is missing
   std::int64_t takenNs_ = std::numeric_limits<std::int64_t>::min();  // of the last one taken
-  std::vector<std::uint8_t> kept_;
-  std::vector<std::uint8_t> keptBefore_;
 };
 
 }  // namespace tolvex

@@ -11,9 +11,6 @@
 namespace tolvex {
 namespace {
 
-constexpr double kNsPerSecond = 1e9;
-// Doubles below this convert to a signed 64-bit integer.
-constexpr double kEndOfRange = 0x1p63;
 constexpr std::uint32_t kFloatLittleEndian = 4;
 constexpr std::uint32_t kInvalidBitFlag = 0x02;
 constexpr std::uint32_t kSignedKind = 1;  // 0 is unsigned, from 2 on there are no integers
@@ -33,13 +30,6 @@ std::uint64_t firstBytes(ByteSpan record) {
   return record.size() < sizeof(std::uint64_t) ? 0 : loadNumber<std::uint64_t>(record.data());
 }
 
-// Halves away from zero. Without branches: which way a time rounds cannot be predicted.
-std::int64_t roundToNearest(double value) {
-  const auto whole = static_cast<std::int64_t>(value);
-  const double rest = value - static_cast<double>(whole);
-  return whole + std::int64_t{rest >= 0.5} - std::int64_t{rest <= -0.5};
-}
-
 }  // namespace
 
 FrameTime::FrameTime(MdfSigCCInfo channel, bool loggerRules) : channel_(std::move(channel)) {
@@ -52,6 +42,7 @@ FrameTime::FrameTime(MdfSigCCInfo channel, bool loggerRules) : channel_(std::mov
     }
   }
   offset_ = channel_->byteOffset;
+  directEnd_ = offset_ + sizeof(double);
   const bool plain = channel_->dataType == kFloatLittleEndian && channel_->bitCount == 64 &&
                      channel_->bitOffset == 0 && (channel_->flags & kInvalidBitFlag) == 0;
   if (channel_->conversionType == conversion_type::kIdentity) {
@@ -81,30 +72,13 @@ void FrameTime::planTicks() {
   }
 }
 
-std::uint64_t FrameTime::nearest(ByteSpan record) const {
+std::uint64_t FrameTime::nearestOfAny(ByteSpan record) const {
   if (nsPerTick_ != 0) {
     if (const auto ticks = ofTicks(record)) return *ticks;
   }
   double ns = 0;
   return nanoseconds(record, ns) ? static_cast<std::uint64_t>(roundToNearest(ns))
                                  : firstBytes(record);
-}
-
-void FrameTime::nearest(const RecordRows& rows, std::size_t count, std::size_t size,
-                        std::int64_t* timesNs) const {
-  const std::uint8_t* record = rows.first;
-  if (!direct_ || size < offset_ || size - offset_ < sizeof(double)) {
-    for (std::size_t i = 0; i < count; ++i, record += rows.stride) {
-      timesNs[i] = static_cast<std::int64_t>(nearest(ByteSpan(record, size)));
-    }
-    return;
-  }
-  for (std::size_t i = 0; i < count; ++i, record += rows.stride) {
-    const double ns = (loadNumber<double>(record + offset_) * factor_ + summand_) * kNsPerSecond;
-    timesNs[i] = std::abs(ns) < kEndOfRange
-                     ? roundToNearest(ns)
-                     : static_cast<std::int64_t>(firstBytes(ByteSpan(record, size)));
-  }
 }
 
 std::optional<std::uint64_t> FrameTime::cutOff(ByteSpan record) const {
@@ -117,8 +91,8 @@ std::optional<std::uint64_t> FrameTime::cutOff(ByteSpan record) const {
 
 bool FrameTime::nanoseconds(ByteSpan record, double& ns) const {
   if (direct_) {
-    if (record.size() < offset_ || record.size() - offset_ < sizeof(double)) return false;
-    ns = (loadNumber<double>(record.data() + offset_) * factor_ + summand_) * kNsPerSecond;
+    if (record.size() < directEnd_) return false;
+    ns = directNs(record.data());
   } else if (!convert(record, ns)) {
     return false;
   }

@@ -1,13 +1,12 @@
 // The time of a bus-log record in nanoseconds.
 #pragma once
 
-#include <cstddef>
+#include <cmath>
 #include <cstdint>
 #include <optional>
 
 #include "Mdf4/base/BitField.h"
 #include "Mdf4/base/Bytes.h"
-#include "Mdf4/model/RawField.h"
 #include "tolvex/Mdf4.h"
 
 namespace tolvex {
@@ -24,15 +23,32 @@ class FrameTime {
 
   // Rounded to the nearest nanosecond. A time that cannot be converted is taken from the record's
   // first 8 bytes as they stand, as 0 when it has fewer.
-  std::uint64_t nearest(ByteSpan record) const;
-  // The same for many records, the first `count` of the rows, which all have `size` bytes.
-  void nearest(const RecordRows& rows, std::size_t count, std::size_t size,
-               std::int64_t* timesNs) const;
+  std::uint64_t nearest(ByteSpan record) const {
+    if (direct_ && record.size() >= directEnd_) {
+      const double ns = directNs(record.data());
+      if (std::abs(ns) < kEndOfRange) return static_cast<std::uint64_t>(roundToNearest(ns));
+    }
+    return nearestOfAny(record);
+  }
   // Cut toward zero; nothing when the time cannot be converted and the record has fewer than 8
   // bytes.
   std::optional<std::uint64_t> cutOff(ByteSpan record) const;
 
  private:
+  static constexpr double kNsPerSecond = 1e9;
+  // Doubles below this convert to a signed 64-bit integer.
+  static constexpr double kEndOfRange = 0x1p63;
+
+  // Halves away from zero. Without branches: which way a time rounds cannot be predicted.
+  static std::int64_t roundToNearest(double value) {
+    const auto whole = static_cast<std::int64_t>(value);
+    const double rest = value - static_cast<double>(whole);
+    return whole + std::int64_t{rest >= 0.5} - std::int64_t{rest <= -0.5};
+  }
+  double directNs(const std::uint8_t* record) const {
+    return (loadNumber<double>(record + offset_) * factor_ + summand_) * kNsPerSecond;
+  }
+  std::uint64_t nearestOfAny(ByteSpan record) const;
   void planTicks();
   [[nodiscard]] bool nanoseconds(ByteSpan record, double& ns) const;
   [[nodiscard]] bool convert(ByteSpan record, double& ns) const;
@@ -42,6 +58,7 @@ class FrameTime {
   // A float64 on whole bytes whose conversion is linear needs no more than this.
   bool direct_ = false;
   std::uint64_t offset_ = 0;
+  std::uint64_t directEnd_ = 0;  // in the record
   double factor_ = 1;
   double summand_ = 0;
   // An integer time is ticks_ x nsPerTick_ + firstTickNs_; 0: it is not taken so.

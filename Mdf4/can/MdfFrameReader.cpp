@@ -22,7 +22,7 @@ struct Head {
   std::int64_t timeNs;
   std::size_t file;
   std::size_t lane;
-  std::span<const FrameEntry> ready;
+  std::span<const std::int64_t> ready;  // times
 
   bool isBefore(const Head& other) const {
     return std::tie(timeNs, file, lane) < std::tie(other.timeNs, other.file, other.lane);
@@ -97,7 +97,7 @@ bool MdfFrameReader::State::open() {
       lane->begin(all);
       const auto ready = lane->ready();
       if (ready.empty()) continue;
-      part.firstNs = std::min(part.firstNs, ready.front().timeNs);
+      part.firstNs = std::min(part.firstNs, ready.front());
       part.hasFrames = true;
     }
     closePart(part);
@@ -190,7 +190,7 @@ void MdfFrameReader::State::refill(Head head) {
   Part& part = parts[head.file];
   head.ready = part.file->lanes()[head.lane]->ready();
   if (!head.ready.empty()) {
-    head.timeNs = head.ready.front().timeNs;
+    head.timeNs = head.ready.front();
     heads.push_back(head);
     std::push_heap(heads.begin(), heads.end());
   } else if (--part.lanesLeft == 0 && parts.size() > 1) {
@@ -200,13 +200,13 @@ void MdfFrameReader::State::refill(Head head) {
 
 // How many of the lane's frames come before any other's.
 std::size_t MdfFrameReader::State::runOf(const Head& head) const {
-  const std::span<const FrameEntry> ready =
+  const std::span<const std::int64_t> ready =
       head.ready.first(std::min(head.ready.size(), kLongestRun));
-  const auto isBefore = [&](const FrameEntry& entry) {
-    if (!heads.empty() && !Head{entry.timeNs, head.file, head.lane, {}}.isBefore(heads.front())) {
+  const auto isBefore = [&](std::int64_t timeNs) {
+    if (!heads.empty() && !Head{timeNs, head.file, head.lane, {}}.isBefore(heads.front())) {
       return false;
     }
-    return begun == parts.size() || entry.timeNs < parts[begun].firstNs;
+    return begun == parts.size() || timeNs < parts[begun].firstNs;
   };
   if (isBefore(ready.back())) return ready.size();
   // Mostly there are only a few.
@@ -226,8 +226,7 @@ void MdfFrameReader::State::next(MdfFrameBatch& batch, std::size_t most) {
     heads.pop_back();
     FrameLane& lane = *parts[head.file].file->lanes()[head.lane];
     const std::size_t count = std::clamp<std::size_t>(runOf(head), 1, most - batch.count);
-    lane.append(head.ready.first(count), batch);
-    lane.take(count);
+    lane.append(count, batch);
     refill(head);
   }
 }
@@ -244,7 +243,7 @@ bool MdfFrameReader::State::timeRange(std::int64_t& firstNs, std::int64_t& lastN
       const auto ready = lane->ready();
       if (ready.empty()) continue;
       hasFrames = true;
-      firstNs = std::min(firstNs, ready.front().timeNs);
+      firstNs = std::min(firstNs, ready.front());
       lastNs = std::max(lastNs, lane->latest());
     }
     if (parts.size() > 1) closePart(part);

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstring>
-#include <map>
 #include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
@@ -38,28 +37,30 @@ MixedFrames::MixedFrames(DirectFile& file, const LaneSettings& settings,
     kind.sources = static_cast<std::uint32_t>(group.frames.size());
     for (Frames& frames : group.frames) {
       if (frames.values != kNone) values_[frames.values].areWanted = true;
-      sources_.push_back({CanRecordDecoder(frames.source.layout, true, true), frames.source.time,
-                          static_cast<std::size_t>(group.recordSize), frames.values,
-                          std::move(frames.late)});
+      sources_.push_back(std::make_unique<Source>(frames.source,
+                                                  static_cast<std::size_t>(group.recordSize),
+                                                  frames.values, std::move(frames.late)));
     }
     if (idSize_ != 1) {
       kindsByWideId_.try_emplace(group.recordId, kind);
     } else if (group.recordId < kinds_.size() && !kinds_[inMemory(group.recordId)].isKnown) {
       kinds_[inMemory(group.recordId)] = kind;
+      values_[i].id = static_cast<int>(group.recordId);
     }
   }
   stream_.limitReadAhead(settings.readAhead);
 }
 
 // Entries of one group after the other, as they follow one another.
-void MixedFrames::decode(std::span<const FrameEntry> entries, MdfFrameBatch& out) {
-  while (!entries.empty()) {
-    const std::uint32_t index = entries.front().source;
-    const auto end = std::ranges::find_if(
-        entries, [index](const FrameEntry& entry) { return entry.source != index; });
-    const auto count = static_cast<std::size_t>(end - entries.begin());
-    sources_[index].decoder.append(entries.first(count), sources_[index].recordSize, nullptr, out);
-    entries = entries.subspan(count);
+void MixedFrames::decode(std::size_t first, std::size_t count, MdfFrameBatch& out) {
+  const std::size_t end = first + count;
+  while (first < end) {
+    const std::uint32_t index = entries_[first].source;
+    std::size_t next = first + 1;
+    while (next < end && entries_[next].source == index) ++next;
+    sources_[index]->columns.append(std::span(entries_).subspan(first, next - first),
+                                    std::span(times_).subspan(first, next - first), out);
+    first = next;
   }
 }
 
@@ -69,7 +70,7 @@ void MixedFrames::seek(std::int64_t /*timeNs*/) {
   position_ = 0;
   needed_ = idSize_;
   behind_ = 0;
-  for (Source& source : sources_) source.records = 0;
+  for (const auto& source : sources_) source->records = 0;
   for (Values& values : values_) {
     values.next = 0;
     values.unnamed.clear();
@@ -79,19 +80,83 @@ void MixedFrames::seek(std::int64_t /*timeNs*/) {
 
 bool MixedFrames::collect() {
   if (view_.size() < needed_ && !readOn()) return false;
-  const std::size_t before = entries_.size();
-  while (entries_.size() - before < kAtOnce && view_.size() >= needed_) {
+  const std::size_t most = entries_.size() + kAtOnce;
+  while (entries_.size() < most && view_.size() >= needed_) {
+    if (idSize_ == 1 && choice_->anyTime() && choice_->anyField()) passUsual(most);
     needed_ = idSize_;
     if (view_.size() < needed_) break;
     const Kind* const kind = kindOf(view_.data());
     const Passed passed = kind == nullptr ? Passed::IsCutOff : pass(*kind);
     if (passed == Passed::IsCutOff) {
       reportEnd();
+      fillTimes();
       return false;
     }
     if (passed == Passed::NeedsMore) break;
   }
+  fillTimes();
   return behind_ <= settings_.held;
+}
+
+// What pass does with most records when all frames are wanted: frames and their payloads.
+void MixedFrames::passUsual(std::size_t most) {
+  const std::uint8_t* at = view_.data();
+  const std::uint8_t* const end = at + view_.size();
+  while (entries_.size() < most && at != end) {
+    const Kind& kind = kinds_[*at];
+    const auto left = static_cast<std::uint64_t>(end - at) - 1;
+    if (kind.sources == 1) {
+      if (left < kind.recordSize) break;
+      Source& source = *sources_[kind.firstSource];
+      const std::uint8_t* const record = at + 1;
+      entries_.push_back(FrameEntry{source.records, record, nullptr, 0, kind.firstSource});
+      at = record + kind.recordSize;
+      if (source.values != kNone) at = passPayload(source, at, end);
+      ++source.records;
+    } else if (kind.holdsValues && left >= kValuePrefix) {
+      const auto length = loadNumber<std::uint32_t>(at + 1);
+      if (length > kMostOfValue || left - kValuePrefix < length) break;
+      const std::uint8_t* const value = at + 1 + kValuePrefix;
+      if (values_[kind.values].areWanted) addValue(values_[kind.values], value, length);
+      at = value + length;
+    } else {
+      break;
+    }
+  }
+  position_ += static_cast<std::uint64_t>(at - view_.data());
+  view_ = {at, end};
+}
+
+// Finds the payload of the frame that came last, whose record ends there. Where it follows at once,
+// as it mostly does, gives its end.
+const std::uint8_t* MixedFrames::passPayload(Source& source, const std::uint8_t* at,
+                                             const std::uint8_t* end) {
+  constexpr std::size_t kBefore = 1 + kValuePrefix;
+  FrameEntry& entry = entries_.back();
+  Values& values = values_[source.values];
+  const std::uint64_t key = keyOf(source, entry.record);
+  const auto left = static_cast<std::size_t>(end - at);
+  if (key == values.next && left >= kBefore && *at == values.id && values.wanted.empty()) {
+    const auto length = loadNumber<std::uint32_t>(at + 1);
+    if (length <= kMostOfValue && length <= left - kBefore) {
+      entry.payload = at + kBefore;
+      entry.payloadLength = length;
+      values.next += byOrder_ ? 1 : kValuePrefix + length;
+      return entry.payload + length;
+    }
+  }
+  findPayload(source, entry.record, &entry);
+  return at;
+}
+
+// Of the frames that passUsual came to.
+void MixedFrames::fillTimes() {
+  std::size_t i = times_.size();
+  times_.resize(entries_.size());
+  for (; i < entries_.size(); ++i) {
+    const Source& source = *sources_[entries_[i].source];
+    times_[i] = timeOf(source.time, {entries_[i].record, source.recordSize});
+  }
 }
 
 // The next piece of the sequence, with the whole next record; false when there is none.
@@ -162,9 +227,10 @@ MixedFrames::Passed MixedFrames::pass(const Kind& kind) {
 }
 
 void MixedFrames::addFrames(const Kind& kind, const std::uint8_t* record) {
+  fillTimes();
   const ByteSpan bytes(record, inMemory(kind.recordSize));
   for (std::uint32_t i = kind.firstSource; i < kind.firstSource + kind.sources; ++i) {
-    Source& source = sources_[i];
+    Source& source = *sources_[i];
     const std::int64_t timeNs = timeOf(source.time, bytes);
     behind_ = choice_->isBehind(timeNs) ? behind_ + 1 : 0;
     const bool isWanted = choice_->hasTime(timeNs) &&
@@ -172,32 +238,25 @@ void MixedFrames::addFrames(const Kind& kind, const std::uint8_t* record) {
                                                    choice_->hasBus(source.decoder.busOf(bytes))));
     FrameEntry* entry = nullptr;
     if (isWanted) {
-      entry = &entries_.emplace_back();
-      entry->timeNs = timeNs;
-      entry->number = source.records;
-      entry->record = record;
-      entry->source = i;
+      times_.push_back(timeNs);
+      entries_.push_back(FrameEntry{source.records, record, nullptr, 0, i});
+      entry = &entries_.back();
     }
-    if (source.values != kNone) findPayload(source, i, record, entry);
+    if (source.values != kNone) findPayload(source, record, entry);
     ++source.records;
   }
 }
 
 // The payload of the frame that came last; `entry` is null when nobody wants that.
-void MixedFrames::findPayload(Source& source, std::uint32_t index, const std::uint8_t* record,
-                              FrameEntry* entry) {
+void MixedFrames::findPayload(Source& source, const std::uint8_t* record, FrameEntry* entry) {
   Values& values = values_[source.values];
-  const std::uint64_t key =
-      byOrder_ ? source.records : source.decoder.payloadOffset({record, source.recordSize});
+  const std::uint64_t key = keyOf(source, record);
   if (key >= values.next) {
-    const auto place = std::ranges::upper_bound(values.wanted, key, {}, &Wanted::key);
-    values.wanted.insert(
-        place, {key, source.records, entry == nullptr ? kNone : entries_.size() - 1, index});
+    values.wanted.add({key, entry == nullptr ? kNone : entries_.size() - 1});
     if (entry != nullptr) entry->payloadLength = FrameEntry::kNotYet;
     return;
   }
-  const auto found = std::ranges::lower_bound(values.unnamed, key, {}, &Value::key);
-  if (found != values.unnamed.end() && found->key == key) {
+  if (Value* const found = values.unnamed.find(key)) {
     if (entry != nullptr) {
       entry->payload = found->bytes;
       entry->payloadLength = found->length;
@@ -212,7 +271,7 @@ void MixedFrames::findPayload(Source& source, std::uint32_t index, const std::ui
 void MixedFrames::fetchLate(FrameEntry& entry, std::uint64_t key) {
   entry.payload = nullptr;
   entry.payloadLength = 0;
-  ValueSource* const late = sources_[entry.source].late.get();
+  ValueSource* const late = sources_[entry.source]->late.get();
   if (late == nullptr || !late->read(key, scratch_)) return;
   const std::size_t length = std::min<std::size_t>(scratch_.size(), kMostOfValue);
   const auto& kept = fetched_.emplace_back(scratch_.data(), scratch_.data() + length);
@@ -234,23 +293,23 @@ void MixedFrames::addValue(Values& values, const std::uint8_t* value, std::uint3
       entry.payloadLength = isThis ? kept : 0;
     }
     isNamed = isNamed || wanted.key == key;
-    values.wanted.pop_front();
+    values.wanted.popFront();
   }
   if (isNamed) return;
-  values.unnamed.push_back({key, value, kept});
-  if (values.unnamed.size() > kMostUnnamed) values.unnamed.pop_front();
+  values.unnamed.add({key, value, kept});
+  if (values.unnamed.size() > kMostUnnamed) values.unnamed.popFront();
 }
 
 // Copies values that frames may yet name away from where they were read to.
 void MixedFrames::keepValues() {
   std::size_t size = 0;
-  for (const Values& values : values_) {
-    for (const Value& value : values.unnamed) size += value.length;
+  for (Values& values : values_) {
+    for (const Value& value : values.unnamed.all()) size += value.length;
   }
   keptValuesBefore_.resize(size);
   std::uint8_t* to = keptValuesBefore_.data();
   for (Values& values : values_) {
-    for (Value& value : values.unnamed) {
+    for (Value& value : values.unnamed.all()) {
       value.bytes = std::copy_n(value.bytes, value.length, to) - value.length;
       to += value.length;
     }
@@ -258,19 +317,46 @@ void MixedFrames::keepValues() {
   keptValues_.swap(keptValuesBefore_);
 }
 
-// Those that wait for their payloads have other places now.
-void MixedFrames::moved(std::size_t dropped, bool sorted) {
-  std::map<std::pair<std::uint32_t, std::uint64_t>, std::size_t> places;
-  if (sorted) {
-    for (std::size_t i = 0; i < entries_.size(); ++i) {
-      if (entries_[i].payloadLength != FrameEntry::kNotYet) continue;
-      places[{entries_[i].source, entries_[i].number}] = i;
+// Likewise the records of frames, and their payloads.
+void MixedFrames::keepPending() {
+  std::size_t size = 0;
+  for (const FrameEntry& entry : entries_) {
+    size += sources_[entry.source]->recordSize;
+    if (entry.payload != nullptr) size += entry.payloadLength;
+  }
+  keptBefore_.resize(size);
+  std::uint8_t* to = keptBefore_.data();
+  const auto keep = [&to](const std::uint8_t*& bytes, std::size_t count) {
+    bytes = std::copy_n(bytes, count, to) - count;
+    to += count;
+  };
+  for (FrameEntry& entry : entries_) {
+    keep(entry.record, sources_[entry.source]->recordSize);
+    if (entry.payload != nullptr) keep(entry.payload, entry.payloadLength);
+  }
+  kept_.swap(keptBefore_);
+}
+
+void MixedFrames::drop(std::size_t count) {
+  entries_.erase(entries_.begin(), entries_.begin() + static_cast<std::ptrdiff_t>(count));
+  for (Values& values : values_) {
+    for (Wanted& wanted : values.wanted.all()) {
+      if (wanted.entry != kNone) wanted.entry -= count;
     }
   }
+}
+
+void MixedFrames::reorder(std::span<const std::size_t> order) {
+  std::vector<FrameEntry> entries;
+  std::vector<std::size_t> places(order.size());
+  for (const std::size_t index : order) {
+    places[index] = entries.size();
+    entries.push_back(entries_[index]);
+  }
+  entries_ = std::move(entries);
   for (Values& values : values_) {
-    for (Wanted& wanted : values.wanted) {
-      if (wanted.entry == kNone) continue;
-      wanted.entry = sorted ? places.at({wanted.source, wanted.number}) : wanted.entry - dropped;
+    for (Wanted& wanted : values.wanted.all()) {
+      if (wanted.entry != kNone) wanted.entry = places[wanted.entry];
     }
   }
 }
@@ -285,13 +371,12 @@ std::size_t MixedFrames::complete(std::size_t count) {
   auto first = std::find_if(begin, begin + static_cast<std::ptrdiff_t>(count), isWaiting);
   if (entries_.size() < kMostWaiting && !isAtEnd()) return static_cast<std::size_t>(first - begin);
   for (Values& values : values_) {
-    for (const Wanted& wanted : values.wanted) {
+    for (const Wanted& wanted : values.wanted.all()) {
       if (wanted.entry == kNone || wanted.entry >= count) continue;
       fetchLate(entries_[wanted.entry], wanted.key);
     }
-    std::erase_if(values.wanted, [count](const Wanted& wanted) {
-      return wanted.entry != kNone && wanted.entry < count;
-    });
+    values.wanted.eraseIf(
+        [count](const Wanted& wanted) { return wanted.entry != kNone && wanted.entry < count; });
   }
   return count;
 }

@@ -32,17 +32,19 @@ constexpr std::uint32_t dlcToLength(std::uint8_t dlc) {
   return dlc <= kMaxDlc ? kDlcLengths[dlc] : 0;
 }
 
+// The smallest code of each length.
+inline constexpr auto kLengthDlcs = [] {
+  std::array<std::uint8_t, kMaxPayload + 1> dlcs{};
+  for (std::uint32_t bytes = 1; bytes <= kMaxPayload; ++bytes) {
+    dlcs[bytes] = dlcs[bytes - 1];
+    if (kDlcLengths[dlcs[bytes]] < bytes) ++dlcs[bytes];
+  }
+  return dlcs;
+}();
+
 // The smallest code that holds `length` bytes; above 64 the code of 8 bytes.
 constexpr std::uint8_t lengthToDlc(std::uint64_t length) {
-  constexpr auto kDlcs = [] {
-    std::array<std::uint8_t, kMaxPayload + 1> dlcs{};
-    for (std::uint32_t bytes = 1; bytes <= kMaxPayload; ++bytes) {
-      dlcs[bytes] = dlcs[bytes - 1];
-      if (kDlcLengths[dlcs[bytes]] < bytes) ++dlcs[bytes];
-    }
-    return dlcs;
-  }();
-  return length <= kMaxPayload ? kDlcs[inMemory(length)] : 8;
+  return length <= kMaxPayload ? kLengthDlcs[inMemory(length)] : 8;
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -168,6 +168,7 @@ class TOLVEX_EXPORT MdfCanMessage {
   void Reset();
 
  private:
+  friend class CanRecordColumns;
   friend class CanRecordDecoder;
   friend class DataFramePacking;
 
