@@ -78,7 +78,7 @@ void addInputs(CLI::App& command, std::vector<std::string>& files, bool& parts) 
                   "start times")
       ->required();
   command.add_flag("--parts", parts,
-                   "Also the files into which the recording was split: FILE_1, FILE_2, ...");
+                   "Also the files into which the recording was split: FILE_1, FILE_2 and so on");
 }
 
 bool findParts(std::vector<std::string>& files, bool parts) {

@@ -34,7 +34,7 @@ class GroupRows {
     // Chunks without a record from the first of these times on and before the end may be left out.
     std::int64_t firstNs = std::numeric_limits<std::int64_t>::min();
     std::int64_t endNs = std::numeric_limits<std::int64_t>::max();
-    std::size_t bytes = std::size_t{1} << 21;  // of a chunk, about
+    std::size_t bytes = std::size_t{1} << 20;  // of a chunk, about
 
     bool hasWindow() const {
       return firstNs != std::numeric_limits<std::int64_t>::min() ||

@@ -16,7 +16,7 @@ namespace tolvex {
 namespace {
 
 constexpr std::uint64_t kMostRasterRows = 1'000'000'000;
-constexpr std::size_t kAllChunks = std::size_t{1} << 22;  // bytes of all groups' chunks, about
+constexpr std::size_t kAllChunks = std::size_t{1} << 21;  // bytes of all groups' chunks, about
 
 // From the earlier time to the later one.
 std::uint64_t distance(std::int64_t fromNs, std::int64_t toNs) {

@@ -183,9 +183,10 @@ std::string zshCompletion(const CommandText& program) {
     branches +=
         "        " + command.name + ")\n          _arguments" + zshOptions(command, "            ");
     for (const OptionText& argument : command.arguments) {
-      branches += " \\\n            " + quoted(takesCommand(command)
-                                                   ? "1:command:(" + commandNames(program) + ')'
-                                                   : '1' + zshValue(argument));
+      branches +=
+          " \\\n            " + quoted(takesCommand(command)
+                                           ? "1:command:(" + commandNames(program) + ')'
+                                           : (argument.repeated ? '*' : '1') + zshValue(argument));
     }
     branches += " ;;\n";
   }

@@ -243,6 +243,7 @@ std::string commandPage(const CommandText& program, const CommandText& command) 
   }
   for (const OptionText& argument : command.arguments) {
     page += argument.required ? ' ' + italic(argument.value) : " [" + italic(argument.value) + ']';
+    page += argument.repeated ? "..." : "";
   }
   page += '\n';
   addDescription(page, command, footer);
