@@ -213,7 +213,7 @@ ByteSpan m4DataStream::nextAtLeast(std::uint64_t least) {
   if (!isInWindow) return bytes;
   const std::uint64_t more = windowEnd_ - at_;
   at_ = windowEnd_;
-  return {bytes.data(), least + more};
+  return {bytes.data(), inMemory(least + more)};
 }
 
 // Reads ahead from at_: more each time that the reading goes on where the last piece ended.
