@@ -168,5 +168,41 @@ TEST(KilledRecording, IsReadForWhatIsThereAndSaysSo) {
   }
 }
 
+// In a burst the lists are written behind the blocks. Readers find what a recovery finds.
+TEST(KilledRecording, IsReadWithTheBlocksThatNoListNames) {
+  constexpr std::uint64_t kStartUs = 1'700'000'000'000'000;
+  const CapturedDiagnostics diagnostics;
+  const TempDir folder;
+  const std::string path = folder.path("whole.mf4");
+  const std::string killed = folder.path("killed.mf4");
+  void* const recorder = createRecorder(false);
+  startRecord(recorder, path.c_str(), kStartUs);
+  for (std::uint64_t i = 1; i <= 40'000; ++i) {
+    MdfCanMessage message;
+    message.BusChannel(static_cast<std::uint8_t>(1 + i % 3));
+    message.Dir(i % 5 == 0);
+    message.MessageId(static_cast<std::uint32_t>(i));
+    ASSERT_EQ(saveCanMessage(recorder, kStartUs + 10 * i, &message), 0);
+    if (i % 7'777 != 0) continue;
+    std::filesystem::copy_file(path, killed, std::filesystem::copy_options::overwrite_existing);
+    const MdfRecoveryReport report = recoverFile(killed, folder.path("recovered.mf4"));
+    MdfColumnReader reader(killed);
+    MdfColumnReader recovered(folder.path("recovered.mf4"));
+    ASSERT_TRUE(reader.open() && recovered.open());
+    ASSERT_EQ(reader.groups().size(), recovered.groups().size());
+    for (std::size_t g = 0; g < reader.groups().size(); ++g) {
+      const auto group = static_cast<std::int32_t>(g);
+      std::vector<std::int64_t> got(reader.groups()[g].records);
+      std::vector<std::int64_t> want(recovered.groups()[g].records);
+      EXPECT_EQ(reader.readNanoseconds(group, 0, got.size(), got.data()), std::ssize(got));
+      EXPECT_EQ(recovered.readNanoseconds(group, 0, want.size(), want.data()), std::ssize(want));
+      EXPECT_TRUE(got == want) << "after " << i << " frames, group " << g << ": " << got.size()
+                               << " instead of " << want.size();
+    }
+  }
+  stopRecord(recorder, kStartUs + 3'000'000);
+  deleteRecorder(recorder);
+}
+
 }  // namespace
 }  // namespace tolvex::test

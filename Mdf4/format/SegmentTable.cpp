@@ -143,6 +143,22 @@ void SegmentTable::extendLast(std::uint64_t end) {
   emptyStarts_.back() = totalSize_;
 }
 
+void SegmentTable::append(DirectFile& file, std::uint64_t position, std::uint64_t length) {
+  data_.pop_back();
+  emptyStarts_.pop_back();
+  DataSegment segment;
+  segment.position = position;
+  segment.length = length;
+  segment.type = block_type::kDT;
+  segment.checked = true;
+  if (!byPosition_.empty()) byPosition_.push_back(data_.size());
+  static_cast<void>(append(file, segment, 0));
+  DataSegment terminator;
+  terminator.start = totalSize_;
+  data_.push_back(terminator);
+  emptyStarts_.push_back(totalSize_);
+}
+
 // The invalidation block beside the last segment, as far as it is sound.
 void SegmentTable::addInvalidation(DirectFile& file, std::uint64_t position,
                                    VisitedBlocks& visited) {

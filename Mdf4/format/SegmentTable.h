@@ -39,6 +39,8 @@ class SegmentTable {
   // Of a recording that was not finished: the last block, unless it is compressed, goes on to
   // `end`.
   void extendLast(std::uint64_t end);
+  // Adds a data block, with its bytes at the position, behind the others.
+  void append(DirectFile& file, std::uint64_t position, std::uint64_t length);
 
   // False when a list or a listed block is not what it must be; the table is then empty.
   bool valid() const { return valid_; }

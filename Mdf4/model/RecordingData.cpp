@@ -7,6 +7,7 @@
 #include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/format/BlockScan.h"
 #include "Mdf4/model/RecordCursor.h"
+#include "Mdf4/model/UnlistedBlocks.h"
 
 namespace tolvex {
 namespace {
@@ -55,11 +56,31 @@ bool RecordingData::hasUncounted(const ModelDataGroup& data) {
   return least != 0 && recordTable(first)->totalSize() >= least;
 }
 
+bool RecordingData::isAlone(const ModelDataGroup& data) {
+  return data.recordIdSize == 0 && data.groups == 1;
+}
+
+// Of a recording that was killed: the blocks that its lists came not to name.
+void RecordingData::findUnlisted() {
+  if (std::exchange(unlistedAreFound_, true) || file_.isUnfinished()) return;
+  const auto isUncounted = [&](const ModelDataGroup& data) {
+    return isAlone(data) && hasUncounted(data);
+  };
+  if (std::ranges::none_of(tree_.dataGroups, isUncounted)) return;
+  UnlistedBlocks blocks(file_);
+  for (const ModelDataGroup& data : tree_.dataGroups) {
+    if (!isAlone(data)) continue;
+    const ModelGroup& group = tree_.groups[data.firstGroup];
+    blocks.add(group, *recordTable(group));
+  }
+  blocks.assign();
+}
+
 // The blocks of a group's records.
 std::shared_ptr<SegmentTable> RecordingData::recordTable(const ModelGroup& group) {
+  findUnlisted();
   const ModelDataGroup& data = tree_.dataGroups[static_cast<std::size_t>(group.dataGroup)];
-  const bool isAlone = data.recordIdSize == 0 && data.groups == 1;
-  if (!isAlone) return valueTable(data.data);
+  if (!isAlone(data)) return valueTable(data.data);
   std::shared_ptr<SegmentTable>& known = tables_[data.data];
   if (known != nullptr) return known;
   if (!file_.isUnfinished()) {
@@ -183,6 +204,7 @@ void RecordingData::clear() {
   lastGroup_ = nullptr;
   lastBatches_.reset();
   tables_.clear();
+  unlistedAreFound_ = false;
 }
 
 }  // namespace tolvex

@@ -41,12 +41,15 @@ class RecordingData {
   std::shared_ptr<SegmentTable> recordTable(const ModelGroup& group);
   std::shared_ptr<SegmentTable> whatIsThere(std::uint64_t dataLink);
   std::uint64_t endOfLast(std::uint64_t position) const;
+  static bool isAlone(const ModelDataGroup& data);
   bool hasUncounted(const ModelDataGroup& data);
+  void findUnlisted();
 
   MDF4File& file_;
   const ChannelTree& tree_;
   std::unordered_map<std::uint64_t, std::shared_ptr<SegmentTable>> tables_;  // by data link
   std::unordered_map<std::size_t, std::shared_ptr<MixedRecords>> mixed_;     // by data group
+  bool unlistedAreFound_ = false;
   const ModelGroup* lastGroup_ = nullptr;
   std::shared_ptr<RecordBatches> lastBatches_;
 };
