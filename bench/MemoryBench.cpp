@@ -78,6 +78,41 @@ Peak readCompressed(std::uint64_t length) {
   return {count.peak(), input.blocks.size(), bytes == input.bytes()};
 }
 
+// One channel of 64-byte records in compressed blocks, in pieces. The array is the caller's.
+template <bool transposed>
+Peak readColumn(std::uint64_t length) {
+  const CompressedFile& input = inputs().compressed(6 * length, 64, transposed);
+  std::vector<double> values(64 * 1024);
+  const MemoryCount count;
+  MdfColumnReader reader(input.path);
+  std::uint64_t rows = 0;
+  if (reader.open()) {
+    const std::vector<MdfColumnTarget> wanted = {{1, values.data(), nullptr, true}};
+    while (true) {
+      const std::int64_t got = reader.read(0, wanted, rows, values.size());
+      if (got <= 0) break;
+      rows += static_cast<std::uint64_t>(got);
+    }
+  }
+  return {count.peak(), input.blocks.size(), rows * 64 == input.bytes()};
+}
+
+// All channels of plain records.
+Peak readColumns(std::uint64_t length) {
+  constexpr int kChannels = 15;
+  const RecordFile& input = inputs().words(scaled(500'000) * length, kChannels);
+  std::vector<std::vector<double>> values(kChannels, std::vector<double>(input.records));
+  std::vector<MdfColumnTarget> wanted;
+  for (std::int32_t i = 0; i < kChannels; ++i) {
+    wanted.push_back({i + 1, values[static_cast<std::size_t>(i)].data(), nullptr, true});
+  }
+  const MemoryCount count;
+  MdfColumnReader reader(input.path);
+  const bool complete =
+      reader.open() && reader.read(0, wanted, 0, input.records) == std::int64_t(input.records);
+  return {count.peak(), input.blocks(), complete};
+}
+
 // The peak of a recording of so many frames.
 Peak record(std::uint64_t frames) {
   const test::TempDir folder;
@@ -123,6 +158,20 @@ void measure(benchmark::State& state, Peak (*read)(std::uint64_t length)) {
                           verdict(perBlock, kGoalPerBlock)));
 }
 
+// Beside the arrays of the caller.
+void measureColumns(benchmark::State& state, Peak (*read)(std::uint64_t length)) {
+  constexpr std::uint64_t kTimes = 4;
+  constexpr double kGoal = 8;  // MiB
+  const Peak once = read(1);
+  const Peak longer = read(kTimes);
+  for (auto _ : state) state.SetIterationTime(0);
+  if (!once.complete || !longer.complete) return fail(state, "not all was read");
+  const double most = static_cast<double>(longer.bytes) / (1 << 20);
+  state.counters["MiB"] = most;
+  show(state, fmt::format("{} KiB; {} times the length {} KiB (goal {} MiB){}", once.bytes / 1024,
+                          kTimes, longer.bytes / 1024, kGoal, verdict(most, kGoal)));
+}
+
 void measureRecording(benchmark::State& state, Peak (*record)(std::uint64_t frames), double goal) {
   const std::uint64_t few = scaled(1'000'000);
   const std::uint64_t many = scaled(50'000'000);
@@ -145,6 +194,12 @@ void addMemoryBenches() {
   add("peak memory: records", [](benchmark::State& state) { measure(state, readRecords); });
   add("peak memory: transposed records",
       [](benchmark::State& state) { measure(state, readCompressed); });
+  add("peak memory: 15 channels",
+      [](benchmark::State& state) { measureColumns(state, readColumns); });
+  add("peak memory: a column of transposed blocks",
+      [](benchmark::State& state) { measureColumns(state, readColumn<true>); });
+  add("peak memory: a column of deflated blocks",
+      [](benchmark::State& state) { measureColumns(state, readColumn<false>); });
   // The allocator may give a few bytes more than it is asked for, and how full the queue gets at
   // most is not the same every time.
   add("peak memory: recording frames",

@@ -43,6 +43,9 @@ class Corpus {
       addFile("signals", name, file,
               packed(std::uint8_t{1}, std::uint8_t{2}, std::int32_t{2}, std::int32_t{5}, 1.25,
                      std::uint8_t{1}));
+      addFile("columns", name, file, packed(std::uint8_t{0}, std::uint16_t{1}, std::uint16_t{3}));
+      addFile("columns", name + "-twice", file,
+              packed(std::uint8_t{1}, std::uint16_t{0}, std::uint16_t{9}));
       addFile("frames", name, file, packed(std::uint8_t{0}));
       addFile("frames", name + "-switched", file,
               packed(std::uint8_t{3}, std::uint8_t{1}, std::uint8_t{1}, std::uint8_t{2}));
@@ -268,10 +271,10 @@ class Corpus {
   // A recording of a logger, which claims to be finished even where it is not.
   void addRecording(const fs::path& path) {
     for (const std::string target :
-         {"open", "signals", "frames", "doctor", "recover", "commands", "copy"}) {
+         {"open", "signals", "columns", "frames", "doctor", "recover", "commands", "copy"}) {
       const fs::path copy = folder(target) / path.filename();
       fs::copy_file(path, copy, fs::copy_options::overwrite_existing);
-      if (target == "doctor" || target == "recover") continue;
+      if (target == "doctor" || target == "recover" || target == "columns") continue;
       std::fstream file(copy, std::ios::binary | std::ios::in | std::ios::out);
       if (!file.write("MDF     ", 8).flush())
         throw std::runtime_error("cannot write " + copy.string());

@@ -68,6 +68,8 @@ TEST_F(RealFiles, FramesHoldTheSignalsOfTheDecodedFile) {
   MdfSigReader decoded(data("decoded-00000005.mf4"));
   ASSERT_TRUE(decoded.open());
   ASSERT_EQ(decoded.getDGCount(), 9);
+  MdfColumnReader columns(data("decoded-00000005.mf4"));
+  ASSERT_TRUE(columns.open());
   int values = 0;
   for (int dg = 0; dg < 9; ++dg) {
     unsigned id = 0;
@@ -89,15 +91,28 @@ TEST_F(RealFiles, FramesHoldTheSignalsOfTheDecodedFile) {
       ASSERT_NE(found, dbc.end());
       signals.push_back(*found);
     }
-    for (const auto& frame : ofMessage) {
+    std::vector<std::int64_t> times(ofMessage.size());
+    EXPECT_EQ(columns.readNanoseconds(dg, 0, ~std::uint64_t{0}, times.data()),
+              std::ssize(ofMessage));
+    std::vector<std::vector<double>> physical(signals.size(), std::vector<double>(times.size()));
+    for (std::size_t i = 0; i < signals.size(); ++i) {
+      const auto channel = static_cast<std::int32_t>(i + 1);
+      EXPECT_EQ(columns.read(dg, {{channel, physical[i].data(), nullptr, true}}, 0, times.size()),
+                std::ssize(times));
+    }
+    for (std::size_t row = 0; row < ofMessage.size(); ++row) {
+      const auto& frame = ofMessage[row];
       const auto record = decoded.readSignalData(dg);
       ASSERT_NE(record, nullptr);
       double value = 0;
       ASSERT_TRUE(time.convertToPhysical(record->data, value));
       EXPECT_EQ(static_cast<std::uint64_t>(std::llround(value * 1e9)), frame->Timestamp());
+      EXPECT_EQ(static_cast<std::uint64_t>(times[row] - columns.info().startTimeNs),
+                frame->Timestamp());
       for (std::size_t i = 0; i < signals.size(); ++i, ++values) {
         ASSERT_TRUE(infos[i].convertToPhysical(record->data, value));
         EXPECT_EQ(value, signals[i].decode(frame->DataBytes())) << signals[i].name;
+        EXPECT_EQ(physical[i][row], value) << signals[i].name;
       }
     }
   }

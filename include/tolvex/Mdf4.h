@@ -1,6 +1,7 @@
-// Reads measurement files in the ASAM MDF 4 format (block tree, signals as physical values, and the
-// CAN frames of bus logs in time order), records signals into new ones, checks files and recovers
-// damaged ones. Includes every class of the library; the headers below may be included one by one.
+// Reads measurement files in the ASAM MDF 4 format (block tree, signals as physical values, columns
+// of any channel, and the CAN frames of bus logs in time order), records signals into new ones,
+// checks files and recovers damaged ones. Includes every class of the library; the headers below
+// may be included one by one.
 //
 // Recording CAN frames, and recording from C: tolvex/MdfEngine.h.
 //
@@ -10,7 +11,9 @@
 // exceptions.
 #pragma once
 
+#include "tolvex/MdfColumnReader.h"
 #include "tolvex/MdfExport.h"
+#include "tolvex/MdfFrameReader.h"
 #include "tolvex/MdfFrames.h"
 #include "tolvex/MdfReaders.h"
 #include "tolvex/MdfRecovery.h"
