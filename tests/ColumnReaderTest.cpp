@@ -512,6 +512,7 @@ TEST(ColumnReader, FindsValuesInAnyOrder) {
   text.data = values;
   test::Cg holder;
   holder.recordId = 1;
+  holder.records = kValues;
   holder.dataBytes = 8;
   holder.channels = {builder.cn(text)};
   Bytes data;
@@ -535,6 +536,9 @@ TEST(ColumnReader, FindsValuesInAnyOrder) {
   MdfColumnReader reader(builder.write());
   ASSERT_TRUE(reader.open()) << reader.error();
   EXPECT_TRUE(valuesOf(reader, "text") == want);
+  ASSERT_EQ(reader.problems().size(), 9U);
+  EXPECT_TRUE(reader.problems()[0].ends_with("expected one at offset 23147, found none"))
+      << reader.problems()[0];
 }
 
 // Blocks that are stored column by column, of whole records or not, for records of that size or for

@@ -39,6 +39,12 @@ std::uint64_t MixedRecords::size() const {
   return table_->totalSize();
 }
 
+void MixedRecords::reportMissing(std::uint64_t value, bool isNumber) {
+  file_.report(formatText("values among the records in data of %" PRIu64
+                          " bytes: expected one %s %" PRIu64 ", found none",
+                          size(), isNumber ? "with the number" : "at offset", value));
+}
+
 // A record that nobody came to before.
 void MixedRecords::note(std::size_t group, std::uint64_t position, std::uint64_t size) {
   Known& known = known_[group];
@@ -180,11 +186,12 @@ bool MixedValues::read(std::uint64_t offset, std::vector<std::uint8_t>& out) {
   while (place() <= offset) {
     const bool isWanted = place() == offset;
     const std::optional<ByteSpan> value = walk_.next();
-    if (!value) return false;
+    if (!value) break;
     if (!isWanted) continue;
     out.assign(value->begin() + kLengthBytes, value->end());
     return true;
   }
+  records_->reportMissing(offset, byOrder_);
   return false;
 }
 

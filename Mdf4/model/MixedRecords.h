@@ -67,6 +67,8 @@ class MixedRecords {
   // The records of a group: goes along the whole sequence the first time.
   std::uint64_t count(std::size_t group);
   std::uint64_t size() const;  // bytes of the whole sequence
+  // Reports that a record names a value, by its offset or number, that is not there.
+  void reportMissing(std::uint64_t value, bool isNumber);
 
  private:
   static constexpr std::uint64_t kStride = 4096;  // records
