@@ -151,7 +151,7 @@ void writeCsvCell(Output& out, const MdfColumn& column, std::uint64_t index, boo
       if (column.as<std::int32_t>()[index] >= 0) {
         writeCsvText(out, column.text(index), safe);
       } else if (!column.numbers().empty()) {
-        writeCsvNumber(out, column.numbers()[index]);
+        writeCsvNumber(out, column.numbers()[static_cast<std::size_t>(index)]);
       }
       return;
     default:

@@ -98,7 +98,7 @@ std::optional<TablePart> Selection::of(const MdfColumnReader& reader, std::int32
       continue;
     }
     const std::uint64_t elements = elementsOf(channel);
-    if (elements > kMostColumns - std::min(kMostColumns, part.columns.size())) {
+    if (elements > kMostColumns - std::min<std::uint64_t>(kMostColumns, part.columns.size())) {
       if (all) {
         part.tooLarge.push_back(number);
       }
