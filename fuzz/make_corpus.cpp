@@ -46,6 +46,7 @@ class Corpus {
       addFile("columns", name, file, packed(std::uint8_t{0}, std::uint16_t{1}, std::uint16_t{3}));
       addFile("columns", name + "-twice", file,
               packed(std::uint8_t{1}, std::uint16_t{0}, std::uint16_t{9}));
+      addFile("batches", name, file, packed(std::uint8_t{6}, std::uint8_t{3}, std::uint8_t{1}));
       addFile("frames", name, file, packed(std::uint8_t{0}));
       addFile("frames", name + "-switched", file,
               packed(std::uint8_t{3}, std::uint8_t{1}, std::uint8_t{1}, std::uint8_t{2}));
@@ -270,11 +271,12 @@ class Corpus {
 
   // A recording of a logger, which claims to be finished even where it is not.
   void addRecording(const fs::path& path) {
-    for (const std::string target :
-         {"open", "signals", "columns", "frames", "doctor", "recover", "commands", "copy"}) {
+    for (const std::string target : {"open", "signals", "columns", "frames", "batches", "doctor",
+                                     "recover", "commands", "copy"}) {
       const fs::path copy = folder(target) / path.filename();
       fs::copy_file(path, copy, fs::copy_options::overwrite_existing);
-      if (target == "doctor" || target == "recover" || target == "columns") continue;
+      const bool isJudged = target == "doctor" || target == "recover";
+      if (isJudged || target == "columns" || target == "batches") continue;
       std::fstream file(copy, std::ios::binary | std::ios::in | std::ios::out);
       if (!file.write("MDF     ", 8).flush())
         throw std::runtime_error("cannot write " + copy.string());

@@ -211,6 +211,25 @@ TEST_F(FrameReader, TellsWhatIsTooFarOutOfOrder) {
   EXPECT_EQ(reader.problems()[0].find("data group 0: record 5000 is "), 0U);
 }
 
+// However much else is wrong.
+TEST_F(FrameReader, TellsOfDisorderBehindAHundredProblems) {
+  std::vector<Bytes> records;
+  for (std::uint64_t i = 0; i < 3000; ++i) {
+    const double time = i == 2999 ? 0 : 1e6 * static_cast<double>(i);
+    records.push_back(busRecord(loggerFrames(), time, {{"DLC", 1}, {"DataBytes", 100 * i}}));
+  }
+  FileBuilder file;
+  file.busLog(loggerFrames(), records, file.sd({1}));
+  MdfFrameReader reader(file.write());
+  ASSERT_TRUE(reader.open());
+  linesOf(reader);
+  const std::vector<std::string> problems = reader.problems();
+  EXPECT_GE(problems.size(), 100U);
+  EXPECT_TRUE(std::ranges::any_of(problems, [](const std::string& problem) {
+    return problem.ends_with("such frames are not in order");
+  }));
+}
+
 // The same frames sorted and unsorted, in blocks of all kinds; a range of them is what a reading of
 // all and a choice by hand gives.
 TEST_F(FrameReader, ChoosesBeforeItCopies) {

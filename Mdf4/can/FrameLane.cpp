@@ -33,7 +33,7 @@ void FrameLane::append(std::size_t count, MdfFrameBatch& out) {
   takenNs_ = times_[next_ - 1];
 }
 
-// Once: it is mostly all of them.
+// Once, as it is mostly all of them, however many problems there are already.
 void FrameLane::reportMissingPayload(const MdfFrameBatch& out, std::size_t first) {
   if (reportedPayload_) return;
   const auto begin = out.flags.begin() + static_cast<std::ptrdiff_t>(first);
@@ -43,9 +43,9 @@ void FrameLane::reportMissingPayload(const MdfFrameBatch& out, std::size_t first
   if (missing == end) return;
   reportedPayload_ = true;
   const auto row = static_cast<std::size_t>(missing - out.flags.begin());
-  file_.report(formatText("data group %d: record %" PRIu64
-                          ": its payload is not in the file or cannot be read",
-                          int{settings_.dataGroup}, out.record[row]));
+  file_.problems().keep(formatText("data group %d: record %" PRIu64
+                                   ": its payload is not in the file or cannot be read",
+                                   int{settings_.dataGroup}, out.record[row]));
 }
 
 void FrameLane::refill() {
@@ -74,7 +74,7 @@ void FrameLane::sort(std::size_t ordered) {
 
 void FrameLane::reportDisorder() {
   if (std::exchange(reportedDisorder_, true)) return;
-  file_.report(
+  file_.problems().keep(
       formatText("data group %d: record %" PRIu64 " is %" PRIu64
                  " ns earlier than one that is more than %zu records in front of it: such "
                  "frames are not in order",

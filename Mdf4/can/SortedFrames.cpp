@@ -28,7 +28,7 @@ SortedFrames::SortedFrames(DirectFile& file, const LaneSettings& settings,
 void SortedFrames::seek(std::int64_t timeNs) {
   const std::uint64_t count = records_->count();
   const std::uint64_t found = timeNs == kEnd ? count : firstAt(timeNs);
-  number_ = found - std::min<std::uint64_t>(found, settings_.held);
+  number_ = found - std::min<std::uint64_t>(found, 2 * settings_.held);
   records_->seek(number_);
   rows_ = {};
   behind_ = 0;
