@@ -72,6 +72,10 @@ constexpr bool isMaster(const m4CNRecord& channel) {
 constexpr std::uint32_t masterBit(const m4CNRecord& channel) {
   return isMaster(channel) ? std::uint32_t{1} << (channel.cn_sync_type & 31U) : 0;
 }
+// Of time, in the records or counted with them.
+constexpr bool givesTime(const m4CNRecord& channel) {
+  return isMaster(channel) && channel.cn_sync_type == kSyncTime;
+}
 // The time in the records.
 constexpr bool isTimeMaster(const m4CNRecord& channel) {
   return channel.cn_type == channel_type::kMaster && channel.cn_sync_type == kSyncTime;

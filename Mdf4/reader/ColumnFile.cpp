@@ -5,24 +5,18 @@
 #include <limits>
 #include <string_view>
 
+#include "Mdf4/format/FieldRules.h"
 #include "Mdf4/model/Text.h"
 #include "Mdf4/reader/RecordingInfo.h"
 
 namespace tolvex {
 namespace {
 
-constexpr std::uint8_t kTime = 1;  // cn_sync_type
-
 std::string_view viewOf(const SharedText& text) {
   return text == nullptr ? std::string_view("") : std::string_view(*text);
 }
 
 }  // namespace
-
-bool isTimeMaster(const m4CNRecord& channel) {
-  return channel.cn_sync_type == kTime && (channel.cn_type == channel_type::kMaster ||
-                                           channel.cn_type == channel_type::kVirtualMaster);
-}
 
 bool ColumnFile::open() {
   file_.acceptUnfinished(true);
@@ -51,7 +45,7 @@ std::vector<MdfColumnGroup> ColumnFile::describe() {
 ColumnPlan ColumnFile::plan(const ModelGroup& group, const ModelChannel& channel) {
   ColumnPlan planned = planColumn(group, channel);
   planConversion(planned, channel.conversion, conversions_);
-  if (isTimeMaster(channel.record)) {
+  if (givesTime(channel.record)) {
     const std::int64_t later = info_.startTimeNs - recordingStartNs_;
     planTime(planned, {viewOf(channel.unit), info_.startTimeNs, later});
   }

@@ -71,7 +71,4 @@ struct ColumnFile::Again {
   RecordingData data;
 };
 
-// Whether the channel is one of time by which the records of its group rise.
-bool isTimeMaster(const m4CNRecord& channel);
-
 }  // namespace tolvex

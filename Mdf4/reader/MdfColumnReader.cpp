@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/format/FieldRules.h"
 #include "Mdf4/reader/ColumnFile.h"
 #include "Mdf4/reader/ColumnRead.h"
 #include "Mdf4/reader/RecordingGroups.h"
@@ -107,7 +108,7 @@ std::vector<MdfColumn> MdfColumnReader::State::read(const RecordingGroup& group,
   for (WantedColumn& column : wanted) {
     const ModelGroup& part = *there.front().group;
     const m4CNRecord& channel = part.channels[static_cast<std::size_t>(column.channel)].record;
-    const bool isShifted = group.members.size() > 1 && isTimeMaster(channel) && !options.raw;
+    const bool isShifted = group.members.size() > 1 && givesTime(channel) && !options.raw;
     if (isShifted && column.form <= ColumnForm::Doubles) column.form = ColumnForm::Seconds;
   }
   std::vector<MdfColumn> columns = readColumns(there, wanted, options.threads);
