@@ -16,6 +16,7 @@
 #include "bench/Recordings.h"
 #include "tolvex/Mdf4.h"
 #include "tolvex/MdfEngine.h"
+#include "tolvex/MdfFrameReader.h"
 
 namespace tolvex::bench {
 namespace {
@@ -45,6 +46,26 @@ Peak readFrames(std::uint64_t length) {
     while (reader.getCanMessage() != nullptr) ++frames;
   }
   return {count.peak(), input.blocks(), frames == input.records};
+}
+
+// In batches of 1024 frames, whose columns are the caller's.
+Peak readFrameBatches(const RecordFile& input, std::uint64_t blocks) {
+  MdfFrameBatch batch;
+  const MemoryCount count;
+  MdfFrameReader reader(input.path);
+  std::uint64_t frames = 0;
+  if (reader.open()) {
+    while (reader.next(batch, 1024)) frames += batch.count;
+  }
+  return {count.peak(), blocks, frames == input.records};
+}
+Peak readSortedBatches(std::uint64_t length) {
+  const RecordFile& input = inputs().frames(scaled(1'250'000) * length);
+  return readFrameBatches(input, input.blocks());
+}
+Peak readUnsortedBatches(std::uint64_t length) {
+  const RecordFile& input = inputs().unsortedFrames(scaled(750'000) * length);
+  return readFrameBatches(input, input.bytes() >> 20);  // of 1 MiB
 }
 
 Peak readRecords(std::uint64_t length) {
@@ -191,6 +212,10 @@ void measureRecording(benchmark::State& state, Peak (*record)(std::uint64_t fram
 
 void addMemoryBenches() {
   add("peak memory: frames", [](benchmark::State& state) { measure(state, readFrames); });
+  add("peak memory: frames in batches",
+      [](benchmark::State& state) { measureColumns(state, readSortedBatches); });
+  add("peak memory: unsorted frames in batches",
+      [](benchmark::State& state) { measureColumns(state, readUnsortedBatches); });
   add("peak memory: records", [](benchmark::State& state) { measure(state, readRecords); });
   add("peak memory: transposed records",
       [](benchmark::State& state) { measure(state, readCompressed); });
