@@ -138,8 +138,7 @@ class Reading {
             "seconds and nanoseconds are there for the same records");
     for (std::int64_t i = 0; i < rows; ++i) {
       const auto at = static_cast<std::size_t>(i);
-      require(!std::isnan(seconds[at]) || ns[at] == MdfColumnReader::kNoTime,
-              "a time is none in both forms");
+      require(!std::isnan(seconds[at]) || ns[at] == kMdfNoTime, "a time is none in both forms");
     }
   }
 

@@ -643,7 +643,7 @@ TEST(ColumnReader, GivesTimesOnTheClock) {
     EXPECT_DOUBLE_EQ(seconds[0], one.seconds);
     std::int64_t ns[3] = {};
     EXPECT_EQ(reader.readNanoseconds(0, 2, 9, ns), 3);
-    EXPECT_EQ(ns[0], one.since == 0 ? MdfColumnReader::kNoTime : kStart + one.since);
+    EXPECT_EQ(ns[0], one.since == 0 ? kMdfNoTime : kStart + one.since);
     double alongSeconds[3] = {};
     std::int64_t alongNs[3] = {};
     MdfReadOptions options;

@@ -201,9 +201,8 @@ ArrowOwner<ArrowArray> ColumnStream::arrayOf(const StreamColumn& column, const B
     case Kind::Seconds:
       return numbersOf<double>(batch.seconds, batch.rows, isNan);
     case Kind::Nanoseconds:
-      return numbersOf<std::int64_t>(batch.nanoseconds, batch.rows, [](std::int64_t time) {
-        return time == MdfColumnReader::kNoTime;
-      });
+      return numbersOf<std::int64_t>(batch.nanoseconds, batch.rows,
+                                     [](std::int64_t time) { return time == kMdfNoTime; });
     case Kind::Values:
       return listed(valuesOf(column, batch.columns[column.source]), column.channel->shape);
     case Kind::Numbers:

@@ -226,6 +226,9 @@ struct MdfRecordingInfo {
   std::vector<MdfEvent> events;
 };
 
+// The time of a record that has none, in nanoseconds.
+inline constexpr std::int64_t kMdfNoTime = INT64_MIN;
+
 // Opens a file and reads columns of it. Errors are told by results, not by exceptions; only making
 // a reader may throw, std::bad_alloc. One thread at a time; any number of readers.
 class TOLVEX_EXPORT MdfColumnReader {
@@ -273,9 +276,8 @@ class TOLVEX_EXPORT MdfColumnReader {
   [[nodiscard]] std::int64_t readSeconds(std::int32_t group, std::uint64_t first,
                                          std::uint64_t count, double* seconds,
                                          const MdfReadOptions& options = {});
-  // The same in nanoseconds since 1970-01-01 00:00, exact where the file is; kNoTime for a record
-  // without one.
-  static constexpr std::int64_t kNoTime = INT64_MIN;
+  // The same in nanoseconds since 1970-01-01 00:00, exact where the file is; kMdfNoTime for a
+  // record without one.
   [[nodiscard]] std::int64_t readNanoseconds(std::int32_t group, std::uint64_t first,
                                              std::uint64_t count, std::int64_t* nanoseconds,
                                              const MdfReadOptions& options = {});

@@ -5,14 +5,14 @@ set -euo pipefail
 library=$1
 headers=$2
 
-classes=$(sed -nE 's/^(class|struct) TOLVEX_EXPORT ([A-Za-z0-9_]+).*/\2/p' "$headers"/*.h | paste -sd '|')
+classes=$(sed -nE 's/^ *(class|struct) TOLVEX_EXPORT ([A-Za-z0-9_]+).*/\2/p' "$headers"/*.h | paste -sd '|')
 functions=$(grep -hv '^#' "$headers"/*.h | tr '\n' ' ' |
   grep -oE 'TOLVEX_API [^(;]*\(' | sed -E 's/.*[ *]([A-Za-z0-9_]+)\($/\1/')
 
 exported=$(nm -DC --defined-only "$library" |
   sed -E 's/^[0-9a-f]* +[A-Za-z] //; s/\[abi:cxx11\]//' | sort -u)
-free=$(sed -nE 's/^(\[\[nodiscard\]\] )?TOLVEX_EXPORT [A-Za-z]+ ([a-z][A-Za-z]+)\(.*/\2/p' "$headers"/*.h | paste -sd '|')
-interface="tolvex::($free)\(.*|(typeinfo|typeinfo name|vtable) for tolvex::($classes)|tolvex::($classes)::[^:(]+(\(.*)?"
+free=$(sed -nE 's/^(\[\[nodiscard\]\] )?TOLVEX_EXPORT [A-Za-z:<>]+ ([a-z][A-Za-z]+)\(.*/\2/p' "$headers"/*.h | paste -sd '|')
+interface="tolvex::($free)\(.*|(typeinfo|typeinfo name|vtable) for tolvex::($classes)|tolvex::(($classes)::)+[^:(]+(\(.*)?"
 foreign=$(grep -vxE "$interface" <<<"$exported" | grep -vxFf <(echo "$functions") || true)
 absent=$(grep -vxFf <(echo "$exported") <<<"$functions" || true)
 

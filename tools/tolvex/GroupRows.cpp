@@ -96,14 +96,13 @@ bool GroupRows::readTimes(RowChunk& chunk) {
 bool GroupRows::holdsWanted(const RowChunk& chunk) const {
   const auto end = chunk.nanoseconds.begin() + static_cast<std::ptrdiff_t>(chunk.count);
   return std::any_of(chunk.nanoseconds.begin(), end, [&](std::int64_t timeNs) {
-    return timeNs != MdfColumnReader::kNoTime && timeNs >= wanted_.firstNs &&
-           timeNs < wanted_.endNs;
+    return timeNs != kMdfNoTime && timeNs >= wanted_.firstNs && timeNs < wanted_.endNs;
   });
 }
 
 void GroupRows::addToSpan(const RowChunk& chunk) {
   for (std::size_t row = 0; wanted_.nanoseconds && row < chunk.count; ++row) {
-    if (chunk.nanoseconds[row] != MdfColumnReader::kNoTime) {
+    if (chunk.nanoseconds[row] != kMdfNoTime) {
       span_.add(chunk.nanoseconds[row]);
     }
   }

@@ -21,7 +21,7 @@ struct RowChunk {
   std::size_t count = 0;    // of records
   std::vector<MdfColumn> columns;
   std::vector<double> seconds;            // since the recording's start; NaN: none
-  std::vector<std::int64_t> nanoseconds;  // since 1970; kNoTime: none
+  std::vector<std::int64_t> nanoseconds;  // since 1970; kMdfNoTime: none
 };
 
 // Goes along the records of a group. Borrows the reader. Not synchronised.

@@ -46,7 +46,7 @@ std::optional<GroupTimes> InfoSubject::readTimes(std::size_t group) {
     problems_.push_back(reader_.error());
     return std::nullopt;
   }
-  if (std::ranges::count(ns, MdfColumnReader::kNoTime) != 0 || !(times.duration() >= 0) ||
+  if (std::ranges::count(ns, kMdfNoTime) != 0 || !(times.duration() >= 0) ||
       !std::isfinite(times.duration())) {
     return std::nullopt;
   }

@@ -37,8 +37,7 @@ class RowCursor {
     skip();
   }
   void skip() {
-    while (place_ &&
-           (place_.row == place_.chunk->count || place_.timeNs() == MdfColumnReader::kNoTime)) {
+    while (place_ && (place_.row == place_.chunk->count || place_.timeNs() == kMdfNoTime)) {
       if (place_.row == place_.chunk->count) {
         place_ = {rows_.next(), 0};
       } else {

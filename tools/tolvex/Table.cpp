@@ -75,9 +75,8 @@ class GroupTable {
     if (!options_.hasWindow()) {
       return true;
     }
-    const std::int64_t timeNs = hasTime_ ? chunk.nanoseconds[row] : MdfColumnReader::kNoTime;
-    return timeNs != MdfColumnReader::kNoTime && timeNs >= options_.firstNs &&
-           timeNs < options_.endNs;
+    const std::int64_t timeNs = hasTime_ ? chunk.nanoseconds[row] : kMdfNoTime;
+    return timeNs != kMdfNoTime && timeNs >= options_.firstNs && timeNs < options_.endNs;
   }
 
   void writeRow(const RowChunk& chunk, std::size_t row) {
@@ -87,7 +86,7 @@ class GroupTable {
     if (!hasTime_) {
       out_.write(fmt::format_int(chunk.first + row).c_str());
     } else if (options_.time != TimeForm::Relative) {
-      if (chunk.nanoseconds[row] != MdfColumnReader::kNoTime) {
+      if (chunk.nanoseconds[row] != kMdfNoTime) {
         timeText_.write(out_, chunk.nanoseconds[row]);
       }
     } else if (!std::isnan(chunk.seconds[row])) {
