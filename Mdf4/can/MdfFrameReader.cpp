@@ -33,7 +33,7 @@ struct Head {
 
 }  // namespace
 
-struct MdfFrameReader::State {
+struct MdfFrameReaderState {
   // One of the files, open while its frames are read. With several files none is opened before the
   // merge comes to its first frame.
   struct Part {
@@ -48,7 +48,7 @@ struct MdfFrameReader::State {
     std::string notice;
   };
 
-  explicit State(std::vector<std::string> filePaths) : paths(std::move(filePaths)) {}
+  explicit MdfFrameReaderState(std::vector<std::string> filePaths) : paths(std::move(filePaths)) {}
 
   [[nodiscard]] bool open();
   void close();
@@ -81,7 +81,7 @@ struct MdfFrameReader::State {
   std::string error;
 };
 
-bool MdfFrameReader::State::open() {
+bool MdfFrameReaderState::open() {
   for (std::size_t i = 0; i < paths.size(); ++i) {
     Part& part = parts.emplace_back();
     part.path = paths[i];
@@ -110,7 +110,7 @@ bool MdfFrameReader::State::open() {
 }
 
 // What the header of the first part tells.
-void MdfFrameReader::State::describe(Part& part) {
+void MdfFrameReaderState::describe(Part& part) {
   constexpr std::uint8_t kLocalTime = 0x01;
   constexpr std::uint8_t kOffsetsValid = 0x02;
   const M4HDBlock& header = part.file->header();
@@ -119,7 +119,7 @@ void MdfFrameReader::State::describe(Part& part) {
   utcOffsetMinutes = hasOffsets ? header.hd_tz_offset_min + header.hd_dst_offset_min : 0;
 }
 
-bool MdfFrameReader::State::openPart(Part& part) {
+bool MdfFrameReaderState::openPart(Part& part) {
   if (part.file != nullptr) return true;
   auto file = std::make_unique<FrameFile>();
   if (!file->open(part.path)) {
@@ -130,12 +130,12 @@ bool MdfFrameReader::State::openPart(Part& part) {
   return true;
 }
 
-void MdfFrameReader::State::closePart(Part& part) {
+void MdfFrameReaderState::closePart(Part& part) {
   noteProblems(part);
   part.file.reset();
 }
 
-void MdfFrameReader::State::noteProblems(Part& part) {
+void MdfFrameReaderState::noteProblems(Part& part) {
   if (part.file == nullptr) return;
   part.notice = part.file->notice();
   for (const std::string& problem : part.file->problems()) {
@@ -145,7 +145,7 @@ void MdfFrameReader::State::noteProblems(Part& part) {
   }
 }
 
-void MdfFrameReader::State::close() {
+void MdfFrameReaderState::close() {
   heads.clear();
   parts.clear();
   groups.clear();
@@ -153,7 +153,7 @@ void MdfFrameReader::State::close() {
   isOpen = false;
 }
 
-void MdfFrameReader::State::select(const MdfFrameFilter& filter) {
+void MdfFrameReaderState::select(const MdfFrameFilter& filter) {
   heads.clear();
   error.clear();
   if (parts.size() > 1) {
@@ -164,7 +164,7 @@ void MdfFrameReader::State::select(const MdfFrameFilter& filter) {
 }
 
 // Opens the parts whose frames may be the next ones.
-void MdfFrameReader::State::beginDueParts() {
+void MdfFrameReaderState::beginDueParts() {
   while (begun < parts.size()) {
     const bool isDue =
         heads.empty() || parts.size() == 1 || heads.front().timeNs >= parts[begun].firstNs;
@@ -173,7 +173,7 @@ void MdfFrameReader::State::beginDueParts() {
   }
 }
 
-void MdfFrameReader::State::begin(std::size_t index) {
+void MdfFrameReaderState::begin(std::size_t index) {
   Part& part = parts[index];
   const bool isOutside = choice.isBehind(part.firstNs) || (parts.size() > 1 && !part.hasFrames);
   if ((parts.size() > 1 && isOutside) || !openPart(part)) return;
@@ -186,7 +186,7 @@ void MdfFrameReader::State::begin(std::size_t index) {
 }
 
 // Puts the lane with its next frames into the heap, if it has some.
-void MdfFrameReader::State::refill(Head head) {
+void MdfFrameReaderState::refill(Head head) {
   Part& part = parts[head.file];
   head.ready = part.file->lanes()[head.lane]->ready();
   if (!head.ready.empty()) {
@@ -199,7 +199,7 @@ void MdfFrameReader::State::refill(Head head) {
 }
 
 // How many of the lane's frames come before any other's.
-std::size_t MdfFrameReader::State::runOf(const Head& head) const {
+std::size_t MdfFrameReaderState::runOf(const Head& head) const {
   const std::span<const std::int64_t> ready =
       head.ready.first(std::min(head.ready.size(), kLongestRun));
   const auto isBefore = [&](std::int64_t timeNs) {
@@ -217,7 +217,7 @@ std::size_t MdfFrameReader::State::runOf(const Head& head) const {
   return static_cast<std::size_t>(std::partition_point(begin, end, isBefore) - ready.begin());
 }
 
-void MdfFrameReader::State::next(MdfFrameBatch& batch, std::size_t most) {
+void MdfFrameReaderState::next(MdfFrameBatch& batch, std::size_t most) {
   while (batch.count < most) {
     beginDueParts();
     if (heads.empty()) return;
@@ -231,7 +231,7 @@ void MdfFrameReader::State::next(MdfFrameBatch& batch, std::size_t most) {
   }
 }
 
-bool MdfFrameReader::State::timeRange(std::int64_t& firstNs, std::int64_t& lastNs) {
+bool MdfFrameReaderState::timeRange(std::int64_t& firstNs, std::int64_t& lastNs) {
   bool hasFrames = false;
   firstNs = kLast;
   lastNs = std::numeric_limits<std::int64_t>::min();
@@ -252,16 +252,16 @@ bool MdfFrameReader::State::timeRange(std::int64_t& firstNs, std::int64_t& lastN
 }
 
 MdfFrameReader::MdfFrameReader(std::string path)
-    : state_(std::make_unique<State>(std::vector<std::string>{std::move(path)})) {}
+    : state_(std::make_unique<MdfFrameReaderState>(std::vector<std::string>{std::move(path)})) {}
 MdfFrameReader::MdfFrameReader(std::vector<std::string> paths)
-    : state_(std::make_unique<State>(std::move(paths))) {}
+    : state_(std::make_unique<MdfFrameReaderState>(std::move(paths))) {}
 MdfFrameReader::~MdfFrameReader() = default;
 MdfFrameReader::MdfFrameReader(MdfFrameReader&&) noexcept = default;
 MdfFrameReader& MdfFrameReader::operator=(MdfFrameReader&&) noexcept = default;
 
 bool MdfFrameReader::open() {
   close();
-  State& state = *state_;
+  MdfFrameReaderState& state = *state_;
   try {
     if (state.open()) {
       state.select({});
@@ -287,8 +287,8 @@ const std::string& MdfFrameReader::error() const {
 
 std::vector<std::string> MdfFrameReader::problems() const {
   std::vector<std::string> all;
-  for (State::Part& part : state_->parts) {
-    State::noteProblems(part);
+  for (MdfFrameReaderState::Part& part : state_->parts) {
+    MdfFrameReaderState::noteProblems(part);
     for (const std::string& problem : part.problems) all.push_back(state_->textOf(part, problem));
   }
   return all;
@@ -296,8 +296,8 @@ std::vector<std::string> MdfFrameReader::problems() const {
 
 std::vector<std::string> MdfFrameReader::notices() const {
   std::vector<std::string> all;
-  for (State::Part& part : state_->parts) {
-    State::noteProblems(part);
+  for (MdfFrameReaderState::Part& part : state_->parts) {
+    MdfFrameReaderState::noteProblems(part);
     if (!part.notice.empty()) all.push_back(state_->textOf(part, part.notice));
   }
   return all;
@@ -320,7 +320,7 @@ const std::vector<MdfFrameGroup>& MdfFrameReader::groups() const {
 }
 
 bool MdfFrameReader::timeRange(std::int64_t& firstNs, std::int64_t& lastNs) {
-  State& state = *state_;
+  MdfFrameReaderState& state = *state_;
   try {
     state.heads.clear();
     state.begun = state.parts.size();
@@ -344,7 +344,7 @@ bool MdfFrameReader::next(MdfFrameBatch& batch, std::size_t most) {
   batch.count = 0;
   batch.errorRows.clear();
   batch.errors.clear();
-  State& state = *state_;
+  MdfFrameReaderState& state = *state_;
   if (!state.isOpen) return false;
   try {
     if (batch.offsets.empty()) batch.offsets.resize(1);

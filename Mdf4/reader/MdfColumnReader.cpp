@@ -24,7 +24,7 @@ std::string noTime(std::int32_t group) {
 
 }  // namespace
 
-struct MdfColumnReader::State {
+struct MdfColumnReaderState {
   [[nodiscard]] bool open();
   const RecordingGroup* find(std::int32_t group, const std::vector<std::int32_t>& channels);
   std::vector<ColumnPart> parts(const RecordingGroup& group, std::uint64_t first,
@@ -47,7 +47,7 @@ struct MdfColumnReader::State {
 };
 
 // The files in the order of their start times.
-bool MdfColumnReader::State::open() {
+bool MdfColumnReaderState::open() {
   for (const std::string& path : paths) {
     ColumnFile& file = *files.emplace_back(std::make_unique<ColumnFile>(path));
     if (file.open()) continue;
@@ -63,8 +63,8 @@ bool MdfColumnReader::State::open() {
 }
 
 // The group, when it has these channels; else null, and the error says what there is not.
-const RecordingGroup* MdfColumnReader::State::find(std::int32_t group,
-                                                   const std::vector<std::int32_t>& channels) {
+const RecordingGroup* MdfColumnReaderState::find(std::int32_t group,
+                                                 const std::vector<std::int32_t>& channels) {
   if (group < 0 || group >= std::ssize(groups.groups)) {
     error = formatText("there is no group %" PRId32, group);
     return nullptr;
@@ -80,8 +80,8 @@ const RecordingGroup* MdfColumnReader::State::find(std::int32_t group,
 }
 
 // Where records `first` .. `first + count` are, as far as they are there.
-std::vector<ColumnPart> MdfColumnReader::State::parts(const RecordingGroup& group,
-                                                      std::uint64_t first, std::uint64_t count) {
+std::vector<ColumnPart> MdfColumnReaderState::parts(const RecordingGroup& group,
+                                                    std::uint64_t first, std::uint64_t count) {
   std::vector<ColumnPart> parts;
   for (const RecordingGroup::Member& member : group.members) {
     const std::uint64_t skipped = std::min(first, member.records);
@@ -99,11 +99,11 @@ std::vector<ColumnPart> MdfColumnReader::State::parts(const RecordingGroup& grou
   return parts;
 }
 
-std::vector<MdfColumn> MdfColumnReader::State::read(const RecordingGroup& group,
-                                                    std::vector<WantedColumn> wanted,
-                                                    std::uint64_t first, std::uint64_t count,
-                                                    const MdfReadOptions& options,
-                                                    std::uint64_t& rows) {
+std::vector<MdfColumn> MdfColumnReaderState::read(const RecordingGroup& group,
+                                                  std::vector<WantedColumn> wanted,
+                                                  std::uint64_t first, std::uint64_t count,
+                                                  const MdfReadOptions& options,
+                                                  std::uint64_t& rows) {
   const std::vector<ColumnPart> there = parts(group, first, count);
   for (WantedColumn& column : wanted) {
     const ModelGroup& part = *there.front().group;
@@ -118,8 +118,8 @@ std::vector<MdfColumn> MdfColumnReader::State::read(const RecordingGroup& group,
 }
 
 // Adds the times that are to be read along; false when there are none.
-bool MdfColumnReader::State::addTimes(std::int32_t group, const MdfReadOptions& options,
-                                      std::vector<WantedColumn>& wanted) {
+bool MdfColumnReaderState::addTimes(std::int32_t group, const MdfReadOptions& options,
+                                    std::vector<WantedColumn>& wanted) {
   if (options.seconds == nullptr && options.nanoseconds == nullptr) return true;
   const std::int32_t master = groups.described[static_cast<std::size_t>(group)].master;
   if (master < 0) {
@@ -136,17 +136,17 @@ bool MdfColumnReader::State::addTimes(std::int32_t group, const MdfReadOptions& 
 }
 
 // Takes them away again behind the columns that were wanted; false when there are none.
-bool MdfColumnReader::State::takeTimes(std::int32_t group, std::size_t wanted,
-                                       std::vector<MdfColumn>& columns) {
+bool MdfColumnReaderState::takeTimes(std::int32_t group, std::size_t wanted,
+                                     std::vector<MdfColumn>& columns) {
   const bool areThere = columns.size() == wanted || columns.back().type() != MdfColumnType::None;
   if (!areThere) error = noTime(group);
   columns.resize(areThere ? wanted : 0);
   return areThere;
 }
 
-std::int64_t MdfColumnReader::State::readTimes(std::int32_t group, std::uint64_t first,
-                                               std::uint64_t count, ColumnForm form, void* times,
-                                               const MdfReadOptions& options) {
+std::int64_t MdfColumnReaderState::readTimes(std::int32_t group, std::uint64_t first,
+                                             std::uint64_t count, ColumnForm form, void* times,
+                                             const MdfReadOptions& options) {
   try {
     const RecordingGroup* const found = find(group, {});
     if (found == nullptr) return -1;
@@ -164,9 +164,8 @@ std::int64_t MdfColumnReader::State::readTimes(std::int32_t group, std::uint64_t
 }
 
 // What is wanted for the target; nothing, and the error says why, when it cannot be read so.
-std::optional<WantedColumn> MdfColumnReader::State::wanted(const MdfColumnGroup& group,
-                                                           const MdfColumnTarget& target,
-                                                           bool raw) {
+std::optional<WantedColumn> MdfColumnReaderState::wanted(const MdfColumnGroup& group,
+                                                         const MdfColumnTarget& target, bool raw) {
   const auto& channel = group.channels[static_cast<std::size_t>(target.channel)];
   const MdfColumnType type = raw ? channel.rawType : channel.type;
   const bool isNumber = type != MdfColumnType::None && type < MdfColumnType::Text;
@@ -185,7 +184,7 @@ MdfColumnReader::MdfColumnReader(std::string path)
     : MdfColumnReader(std::vector<std::string>{std::move(path)}) {}
 
 MdfColumnReader::MdfColumnReader(std::vector<std::string> paths)
-    : state_(std::make_unique<State>()) {
+    : state_(std::make_unique<MdfColumnReaderState>()) {
   state_->paths = std::move(paths);
 }
 
@@ -205,7 +204,7 @@ bool MdfColumnReader::open() {
 }
 
 void MdfColumnReader::close() {
-  State& state = *state_;
+  MdfColumnReaderState& state = *state_;
   state.groups = {};
   state.files.clear();
   state.error.clear();
@@ -280,7 +279,7 @@ bool MdfColumnReader::read(std::int32_t group, const std::vector<std::int32_t>& 
 std::int64_t MdfColumnReader::read(std::int32_t group, const std::vector<MdfColumnTarget>& targets,
                                    std::uint64_t first, std::uint64_t count,
                                    const MdfReadOptions& options) {
-  State& state = *state_;
+  MdfColumnReaderState& state = *state_;
   try {
     std::vector<std::int32_t> channels;
     for (const MdfColumnTarget& target : targets) channels.push_back(target.channel);

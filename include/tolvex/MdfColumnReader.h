@@ -25,6 +25,8 @@
 
 namespace tolvex {
 
+struct MdfColumnReaderState;
+
 // What the values of a column are. Integers and floats have the narrowest type that holds all
 // values of their channel exactly.
 enum class MdfColumnType : std::uint8_t {
@@ -283,8 +285,7 @@ class TOLVEX_EXPORT MdfColumnReader {
                                              const MdfReadOptions& options = {});
 
  private:
-  struct State;
-  std::unique_ptr<State> state_;
+  std::unique_ptr<MdfColumnReaderState> state_;
 };
 
 }  // namespace tolvex

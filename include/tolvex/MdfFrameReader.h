@@ -26,6 +26,8 @@
 
 namespace tolvex {
 
+struct MdfFrameReaderState;
+
 enum class MdfFrameKind : std::uint8_t {
   Data = 0,
   Remote = 1,
@@ -208,8 +210,7 @@ class TOLVEX_EXPORT MdfFrameReader {
 
  private:
   friend class MdfFrames;
-  struct State;
-  std::unique_ptr<State> state_;
+  std::unique_ptr<MdfFrameReaderState> state_;
 };
 
 }  // namespace tolvex
