@@ -74,7 +74,8 @@ std::string shown(const MdfColumn& column, std::uint64_t i) {
 
 std::string shown(const MdfColumn& column) {
   std::string text;
-  for (std::uint64_t i = 0; i < column.size(); ++i) text += (i == 0 ? "" : " ") + shown(column, i);
+  for (std::uint64_t i = 0; i < column.size(); ++i)
+    text.append(i == 0 ? "" : " ").append(shown(column, i));
   return text;
 }
 
@@ -352,7 +353,7 @@ TEST(ColumnReader, ReplacesWhatIsNoUtf8) {
   ASSERT_TRUE(reader.open()) << reader.error();
   std::string got;
   for (std::size_t i = 0; i < std::size(texts); ++i) {
-    got += valuesOf(reader, "t" + std::to_string(i));
+    got += valuesOf(reader, std::string("t").append(std::to_string(i)));
   }
   EXPECT_EQ(got, want);
   EXPECT_EQ(valuesOf(reader, "\uFFFD"), "'\uFFFD'");
@@ -423,14 +424,14 @@ TEST(ColumnReader, TakesApartWhatIsUnsorted) {
   std::string want;
   std::string wantOther;
   for (int i = 0; i < kRecords; ++i) {
-    const std::string word = "w" + std::to_string(i);
+    const std::string word = std::string("w").append(std::to_string(i));
     const Bytes record = packed(std::uint16_t{1}, i, offset);
     Bytes value = packed(std::uint16_t{3}, static_cast<std::uint32_t>(word.size()));
-    value.insert(value.end(), word.begin(), word.end());
+    for (const char letter : word) value.push_back(static_cast<std::uint8_t>(letter));
     add(i % 2 == 0 ? record : value);
     if (i % 3 == 0) {
       add(packed(std::uint16_t{2}, static_cast<std::int16_t>(-i)));
-      wantOther += (i == 0 ? "" : " ") + std::to_string(-i);
+      wantOther.append(i == 0 ? "" : " ").append(std::to_string(-i));
     }
     add(i % 2 == 0 ? value : record);
     offset += 4 + word.size();
@@ -530,7 +531,8 @@ TEST(ColumnReader, FindsValuesInAnyOrder) {
   for (int i = 0, value = kValues - 1; i < kValues; ++i, value = (value + 3'571) % kValues) {
     const bool isWrong = i % 1'000 == 999;
     add(packed(std::uint8_t{1}, offsets[static_cast<std::size_t>(value)] + (isWrong ? 1 : 0)));
-    want += (i == 0 ? "" : " ") + (isWrong ? "-" : "'" + std::to_string(value) + "'");
+    want.append(i == 0 ? "" : " ").append(isWrong ? "-" : "'");
+    if (!isWrong) want.append(std::to_string(value)).append("'");
   }
   builder.dg({.groups = {builder.cg(holder), values}, .data = builder.dt(data), .recordIdSize = 1});
   MdfColumnReader reader(builder.write());
@@ -617,7 +619,7 @@ FileBuilder timedFile(std::int64_t startNs, int first, int records, double facto
     rows.push_back(packed(std::uint64_t(i - first), static_cast<std::uint8_t>(i % 3),
                           std::uint64_t{0}, static_cast<std::int16_t>(-i),
                           static_cast<std::uint8_t>(i % 7 == 0)));
-    const std::string text = "t" + std::to_string(i);
+    const std::string text = std::string("t").append(std::to_string(i));
     std::copy(text.begin(), text.end(), rows.back().begin() + 9);
   }
   builder.dg({.groups = {builder.cg(group)}, .data = builder.dt(test::joined(rows))});

@@ -138,8 +138,8 @@ std::string metadataOf(const ArrowSchema& schema) {
 
 std::string typeOf(const ArrowSchema& schema) {
   std::string type = schema.format;
-  if (schema.dictionary != nullptr) type += "(" + typeOf(*schema.dictionary) + ")";
-  if (schema.n_children == 1) type += "(" + typeOf(*schema.children[0]) + ")";
+  if (schema.dictionary != nullptr) type.append("(").append(typeOf(*schema.dictionary)).append(")");
+  if (schema.n_children == 1) type.append("(").append(typeOf(*schema.children[0])).append(")");
   return type;
 }
 
@@ -180,7 +180,8 @@ Content contentOf(ArrowArrayStream& stream) {
       EXPECT_EQ(batch.children[c]->null_count, nullsOf(*batch.children[c]));
       std::string& values = content.values[schema.children[c]->name];
       for (std::int64_t i = 0; i < batch.length; ++i) {
-        values += (values.empty() ? "" : " ") + shown(*schema.children[c], *batch.children[c], i);
+        values.append(values.empty() ? "" : " ");
+        values.append(shown(*schema.children[c], *batch.children[c], i));
       }
     }
     batch.release(&batch);

@@ -89,7 +89,8 @@ void require(bool isSo, const std::string& what) {
 std::string elementOf(const std::string& name, const tolvex_channel& channel, std::uint64_t index) {
   std::string indices;
   for (std::uint64_t d = channel.dimensions; d-- > 0; index /= channel.shape[d]) {
-    indices = "[" + std::to_string(index % channel.shape[d] + 1) + "]" + indices;
+    std::string outer = "[";
+    indices = outer.append(std::to_string(index % channel.shape[d] + 1)).append("]") + indices;
   }
   return "\"" + name + "\"" + indices;
 }
