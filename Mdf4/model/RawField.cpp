@@ -158,7 +158,7 @@ RawField::RawField(std::uint8_t dataType, std::uint32_t bits, std::uint32_t byte
     return;
   }
   const bool isSigned = kind == Kind::Signed;
-  if (isSigned) sign_ = std::uint64_t{1} << (bits - 1);
+  if (isSigned && bits != 0) sign_ = std::uint64_t{1} << (bits - 1);
   const auto take = [&](auto ofSigned, NumberType signedType, auto ofOther, NumberType type) {
     type_ = isSigned ? signedType : type;
     gather_ = isSigned ? choose<decltype(ofSigned)>(place_, order)

@@ -233,7 +233,7 @@ void ValueConversion::lookUpBits(const RawValue& value, Meaning& meaning, unsign
 
 std::shared_ptr<const ValueConversion> ValueConversion::nothing() {
   static const std::shared_ptr<const ValueConversion> kConversion = [] {
-    const auto conversion = std::make_shared<ValueConversion>();
+    auto conversion = std::make_shared<ValueConversion>();
     conversion->type_ = kNothing;
     return conversion;
   }();

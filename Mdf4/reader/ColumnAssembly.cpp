@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 #include <utility>
@@ -107,7 +106,7 @@ void ColumnAssembly::addBytes(MdfColumn& part, std::uint64_t start) {
   }
   const std::size_t values = inMemory(part.size());
   const auto size = static_cast<std::size_t>(part.offsets_[values]);
-  resize(column_.data_, bytes_ + size);
+  enlarge(column_.data_, inMemory(bytes_), inMemory(bytes_ + size));
   if (size != 0) std::memcpy(column_.data_.get() + bytes_, part.data_.get(), size);
   for (std::size_t i = 1; i <= values; ++i) {
     column_.offsets_[inMemory(start) + i] = static_cast<std::int64_t>(bytes_) + part.offsets_[i];

@@ -4,7 +4,6 @@
 #include <bit>
 #include <chrono>
 #include <cmath>
-#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -62,10 +61,6 @@ std::string timeText(ByteSpan bytes) {
 }
 
 }  // namespace
-
-void MdfColumn::Free::operator()(void* memory) const {
-  std::free(memory);
-}
 
 std::string_view MdfColumn::text(std::uint64_t index) const {
   if (type_ == MdfColumnType::Dictionary) {
@@ -426,7 +421,7 @@ bool ColumnBuilder::addText(ByteSpan bytes) {
 void ColumnBuilder::addBytes(ByteSpan bytes) {
   if (bytes.size() > capacity_ - used_) {
     const std::size_t wanted = std::max<std::size_t>({used_ + bytes.size(), 2 * capacity_, 4096});
-    resize(column_.data_, wanted);
+    enlarge(column_.data_, used_, wanted);
     capacity_ = wanted;
   }
   if (!bytes.empty()) std::memcpy(column_.data_.get() + used_, bytes.data(), bytes.size());

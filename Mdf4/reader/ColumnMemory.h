@@ -1,13 +1,15 @@
-// The memory of columns: what malloc gives, so that a large array is not cleared before it is
-// filled.
+// The memory of columns: not cleared, since all of it is filled.
 #pragma once
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
+#include <cstring>
 #include <limits>
+#include <memory>
 #include <new>
+#include <utility>
+
+#include "Mdf4/base/Bytes.h"
 
 namespace tolvex {
 
@@ -18,25 +20,16 @@ inline void checkSize(std::uint64_t rows, std::size_t elements) {
 }
 
 // Room for so many items; throws when there is none.
-template <class Pointer>
-void allocate(Pointer& pointer, std::uint64_t count) {
-  using Item = typename Pointer::element_type;
-  if (count > std::numeric_limits<std::ptrdiff_t>::max() / sizeof(Item)) throw std::bad_alloc();
-  void* const memory =
-      std::malloc(std::max<std::size_t>(static_cast<std::size_t>(count) * sizeof(Item), 1));
-  if (memory == nullptr) throw std::bad_alloc();
-  pointer.reset(static_cast<Item*>(memory));
+template <class Item>
+void allocate(std::unique_ptr<Item[]>& items, std::uint64_t count) {
+  items = std::make_unique_for_overwrite<Item[]>(inMemory(count));
 }
 
-// The same for bytes, which stay.
-template <class Pointer>
-void resize(Pointer& pointer, std::uint64_t size) {
-  if (size > std::numeric_limits<std::ptrdiff_t>::max()) throw std::bad_alloc();
-  void* const memory =
-      std::realloc(pointer.get(), std::max<std::size_t>(static_cast<std::size_t>(size), 1));
-  if (memory == nullptr) throw std::bad_alloc();
-  static_cast<void>(pointer.release());
-  pointer.reset(static_cast<std::uint8_t*>(memory));
+// Room for so many bytes, of which those that are used stay.
+inline void enlarge(std::unique_ptr<std::uint8_t[]>& bytes, std::size_t used, std::size_t size) {
+  auto larger = std::make_unique_for_overwrite<std::uint8_t[]>(size);
+  if (used != 0) std::memcpy(larger.get(), bytes.get(), used);
+  bytes = std::move(larger);
 }
 
 inline void clearBit(std::uint8_t* bits, std::size_t index) {

@@ -48,7 +48,7 @@ class Surroundings {
           formatText("block at %" PRIu64 ": a link of another kind leads to it", position));
       return std::nullopt;
     }
-    return visited_.enter(position) ? std::move(scan) : std::nullopt;
+    return visited_.enter(position) ? scan : std::nullopt;
   }
 
   // Each adds what the block at the position says, and returns the link to the next one.

@@ -123,16 +123,12 @@ class TOLVEX_EXPORT MdfColumn {
  private:
   friend class ColumnBuilder;
   friend class ColumnAssembly;
-  struct TOLVEX_EXPORT Free {
-    void operator()(void* memory) const;
-  };
-
   MdfColumnType type_ = MdfColumnType::None;
   std::uint64_t rows_ = 0;
   std::uint64_t elements_ = 1;
-  std::unique_ptr<std::uint8_t[], Free> data_;
-  std::unique_ptr<std::int64_t[], Free> offsets_;
-  std::unique_ptr<std::uint8_t[], Free> validity_;
+  std::unique_ptr<std::uint8_t[]> data_;
+  std::unique_ptr<std::int64_t[]> offsets_;
+  std::unique_ptr<std::uint8_t[]> validity_;
   std::vector<std::string> texts_;
   std::vector<double> numbers_;
 };
