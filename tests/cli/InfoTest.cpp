@@ -181,7 +181,7 @@ TEST(Info, ReadsSeveralFilesAsOne) {
   const TempDir dir;
   const std::string first = dir.path("a.mf4");
   const std::string second = dir.path("a_1.mf4");
-  for (const std::uint64_t start : {1, 0}) {
+  for (const std::uint64_t start : {std::uint64_t{1}, std::uint64_t{0}}) {
     FileBuilder file({.startTimeNs = start * 1'000'000'000});
     file.signalGroup({{.name = "x", .byteOffset = 8}}, {packed(0.25, std::uint8_t{7})});
     std::filesystem::copy_file(file.write(), start == 0 ? first : second);
