@@ -464,6 +464,29 @@ TEST(ColumnReader, TakesApartWhatIsUnsorted) {
                                      "and states 0 of them: taken for what is there"});
 }
 
+TEST(ColumnReader, SaysWhichRecordsItCannotTellApart) {
+  FileBuilder builder;
+  const auto group = [&builder](std::uint32_t bytes) {
+    return builder.cg(
+        {.channels = {builder.cn(field("x", 0, 0, 32))}, .records = 2, .dataBytes = bytes});
+  };
+  const Link data = builder.dt(packed(1, 2));
+  builder.dg({.groups = {group(4)}, .data = data, .recordIdSize = 3});
+  builder.dg({.groups = {group(4), group(4)}, .data = data});
+  builder.dg({.groups = {group(1 << 21)}, .data = data});
+
+  MdfColumnReader reader(builder.write());
+  ASSERT_TRUE(reader.open()) << reader.error();
+  EXPECT_EQ(reader.problems(),
+            (std::vector<std::string>{
+                "data group 0: its records cannot be read: their ids have 3 bytes; expected 1, 2, "
+                "4 or 8",
+                "data group 1: its records cannot be read: 2 channel groups share them without "
+                "record ids, so nothing tells whose they are",
+                "data group 2: its records cannot be read: each has 2097152 bytes; expected at "
+                "most 1048576"}));
+}
+
 // What a logger leaves that never finalized its file: a length of the last block that was never
 // written, or is too short, with other blocks behind it; and offsets of values that are all 0.
 TEST(ColumnReader, TakesApartWhatWasNeverFinalized) {

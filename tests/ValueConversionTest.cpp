@@ -57,7 +57,9 @@ class ValueConversionTest : public testing::Test {
     if (conversion == nullptr) return "cannot be applied";
     RawValue value;
     value.number = number;
-    value.bits = static_cast<std::uint64_t>(static_cast<std::int64_t>(number));
+    if (std::abs(number) < 0x1p63) {
+      value.bits = static_cast<std::uint64_t>(static_cast<std::int64_t>(number));
+    }
     const Meaning one = conversion->meaningOf(value);
     if (!conversion->givesTexts()) {
       std::vector<double> many(300, number);

@@ -74,13 +74,8 @@ void FrameFile::addLanes(const Found& found, LaneSettings settings) {
   settings.dataGroup = static_cast<std::int32_t>(found.data - tree_.dataGroups.data());
   if (found.data->recordIdSize != 0) {
     addMixed(found, settings);
-  } else if (found.data->groups == 1) {
-    addSorted(tree_.groups[found.data->firstGroup], found.sources.front(), settings);
   } else {
-    file_.report(
-        formatText("data group %d: %zu channel groups and no record ids: their records "
-                   "cannot be told apart",
-                   int{settings.dataGroup}, found.data->groups));
+    addSorted(tree_.groups[found.data->firstGroup], found.sources.front(), settings);
   }
 }
 
@@ -88,12 +83,8 @@ void FrameFile::addSorted(const ModelGroup& group, const std::vector<FrameSource
                           const LaneSettings& settings) {
   const auto size = static_cast<std::size_t>(group.recordSize());
   for (const FrameSource& source : sources) {
-    std::shared_ptr<RecordBatches> records = size == 0 ? nullptr : data_.batches(group);
-    if (records == nullptr) {
-      file_.report(formatText("data group %d: its records of %zu bytes cannot be read",
-                              int{settings.dataGroup}, size));
-      return;
-    }
+    std::shared_ptr<RecordBatches> records = data_.batches(group);
+    if (records == nullptr) return;
     std::unique_ptr<PayloadSource> payloads;
     if (source.payloads != nullptr) {
       payloads = std::make_unique<SignalData>(

@@ -3,10 +3,10 @@
 #include <cmath>
 #include <limits>
 #include <string>
-#include <string_view>
 #include <utility>
 
 #include "Mdf4/format/BlockRecords.h"
+#include "Mdf4/model/TimeScale.h"
 
 namespace tolvex {
 namespace {
@@ -17,14 +17,6 @@ constexpr std::uint32_t kSignedKind = 1;  // 0 is unsigned, from 2 on there are 
 constexpr std::uint32_t kBigEndian = 2;   // of MdfSigCCInfo
 // Ticks and the time of the first one stay in range together.
 constexpr std::int64_t kMostTicksNs = std::numeric_limits<std::int64_t>::max() / 2;
-
-// Of a time without a conversion. Anything else counts as seconds.
-double secondsPer(std::string_view unit) {
-  if (unit == "ms") return 1e-3;
-  if (unit == "us" || unit == "\u00B5s" || unit == "\u03BCs") return 1e-6;
-  if (unit == "ns") return 1e-9;
-  return 1;
-}
 
 std::uint64_t firstBytes(ByteSpan record) {
   return record.size() < sizeof(std::uint64_t) ? 0 : loadNumber<std::uint64_t>(record.data());

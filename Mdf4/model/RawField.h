@@ -60,7 +60,9 @@ class RawField {
     return place_.read({record, inMemory(place_.byte() + place_.touched())});
   }
   // Puts the number of each record, which holds it, into an array of its type.
-  void gather(const RecordRows& rows, void* numbers) const { gather_(*this, rows, numbers); }
+  void gather(const RecordRows& rows, void* numbers) const {
+    if (rows.count != 0) gather_(*this, rows, numbers);
+  }
 
  private:
   using Gather = void (*)(const RawField&, const RecordRows&, void*);

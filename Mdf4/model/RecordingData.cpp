@@ -1,6 +1,7 @@
 #include "Mdf4/model/RecordingData.h"
 
 #include <algorithm>
+#include <cinttypes>
 #include <utility>
 #include <vector>
 
@@ -146,9 +147,20 @@ std::shared_ptr<MixedRecords> RecordingData::mixed(const ModelGroup& group) {
     members.push_back({member.record.cg_record_id, member.recordSize(), member.holdsValues()});
   }
   const std::shared_ptr<SegmentTable> segments = valueTable(data.data);
-  if (!segments->valid() || !isRecordIdSize(data.recordIdSize)) return nullptr;
+  if (!isRecordIdSize(data.recordIdSize)) {
+    reportUnreadable(data, formatText("their ids have %u bytes; expected 1, 2, 4 or 8",
+                                      unsigned{data.recordIdSize}));
+    return nullptr;
+  }
+  if (!segments->valid()) return nullptr;
   return known->second =
              std::make_shared<MixedRecords>(file_, segments, data.recordIdSize, std::move(members));
+}
+
+void RecordingData::reportUnreadable(const ModelDataGroup& data, const std::string& why) {
+  if (data.data == 0) return;
+  file_.report(formatText("data group %d: its records cannot be read: %s",
+                          static_cast<int>(&data - tree_.dataGroups.data()), why.c_str()));
 }
 
 std::shared_ptr<RecordBatches> RecordingData::batches(const ModelGroup& group) {
@@ -175,7 +187,17 @@ std::shared_ptr<RecordBatches> RecordingData::newBatches(const ModelGroup& group
     const std::uint64_t most = kAlwaysRecords + 16 * file_.end();
     return std::make_shared<CountedBatches>(std::min(group.record.cg_cycle_count, most));
   }
-  if (size > kLargestRecord || data.groups != 1) return nullptr;
+  if (data.groups != 1) {
+    reportUnreadable(data, formatText("%zu channel groups share them without record ids, so nothing "
+                                      "tells whose they are",
+                                      data.groups));
+    return nullptr;
+  }
+  if (size > kLargestRecord) {
+    reportUnreadable(data, formatText("each has %" PRIu64 " bytes; expected at most %u", size,
+                                      unsigned{kLargestRecord}));
+    return nullptr;
+  }
   const std::shared_ptr<SegmentTable> segments = recordTable(group);
   if (!segments->valid()) return nullptr;
   return std::make_shared<SortedBatches>(file_, segments, group.record.cg_data_bytes,

@@ -24,8 +24,9 @@ class RecordingData {
   // Gives that problem, or "".
   std::string reportUnfinished();
 
-  // The records of a group; null when there are none to be told apart. When nobody has them any
-  // more, those that were asked for last are given again: reading on costs no second inflating.
+  // The records of a group; null, and reported, when they cannot be told apart. When nobody has
+  // them any more, those that were asked for last are given again: reading on costs no second
+  // inflating.
   std::shared_ptr<RecordBatches> batches(const ModelGroup& group);
   // The values of a channel whose records have offsets; null when there are none.
   std::unique_ptr<ValueSource> values(const ModelGroup& group, const ModelChannel& channel);
@@ -38,6 +39,7 @@ class RecordingData {
 
  private:
   std::shared_ptr<RecordBatches> newBatches(const ModelGroup& group);
+  void reportUnreadable(const ModelDataGroup& data, const std::string& why);
   std::shared_ptr<SegmentTable> recordTable(const ModelGroup& group);
   std::shared_ptr<SegmentTable> whatIsThere(std::uint64_t dataLink);
   std::uint64_t endOfLast(std::uint64_t position) const;

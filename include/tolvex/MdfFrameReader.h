@@ -191,8 +191,8 @@ class TOLVEX_EXPORT MdfFrameReader {
   // in UTC, or in the time of a place that the file does not tell (startIsLocal).
   std::int64_t startTimeNs() const;
   bool startIsLocal() const;
-  std::int32_t utcOffsetMinutes()
-      const;  // of the clocks there, summer time included; 0: or not told
+  // Of the clocks there, summer time included; 0: or not told.
+  std::int32_t utcOffsetMinutes() const;
   // Of all files.
   const std::vector<MdfFrameGroup>& groups() const;
   // The times of the first frame and of the last one. Goes along the whole of unsorted data groups.

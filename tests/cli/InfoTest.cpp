@@ -177,6 +177,14 @@ TEST(Info, TellsWhereAFileIsFromAndWhatItIsTakenFor) {
   EXPECT_EQ(described["notices"], json["notices"]);
 }
 
+// The first time that there is does not begin a second.
+TEST(Info, TellsAnyStartTime) {
+  FileBuilder file({.startTimeNs = std::uint64_t{1} << 63});
+  file.signalGroup({{.name = "x", .byteOffset = 8}}, {packed(0.25, std::uint8_t{7})});
+  const std::string text = runTolvex("info " + file.write(), 0).out;
+  EXPECT_TRUE(holds(text, "1677-09-21T00:12:43.145224192Z")) << text;
+}
+
 TEST(Info, ReadsSeveralFilesAsOne) {
   const TempDir dir;
   const std::string first = dir.path("a.mf4");

@@ -159,6 +159,7 @@ Bytes recording() {
 struct Progress {
   std::size_t mutation;
   const char* step;
+  bool isDone;
 };
 
 // One after the other, mutations of a file in memory.
@@ -345,7 +346,7 @@ unsigned tryAll(const Subject& subject, std::size_t first, std::size_t last) {
   };
   while (first < last) {
     const std::size_t end = std::min(first + kBatch, last);
-    *progress = {first, "start"};
+    *progress = {first, "start", false};
     const pid_t process = ::fork();
     if (process == 0) {
       failed = 0;
@@ -358,17 +359,18 @@ unsigned tryAll(const Subject& subject, std::size_t first, std::size_t last) {
       for (std::size_t number = first; number < end; ++number) {
         if (!trial.run(number)) tell(number, trial.failure());
       }
+      progress->isDone = true;
       ::_exit(static_cast<int>(std::min(failed, 90U)));
     }
     int status = 0;
     ::waitpid(process, &status, 0);
     first = end;
-    if (WIFEXITED(status)) {
+    if (progress->isDone) {
       failed += static_cast<unsigned>(WEXITSTATUS(status));
       continue;
     }
     first = progress->mutation + 1;
-    const bool late = WTERMSIG(status) == SIGPROF;
+    const bool late = WIFSIGNALED(status) && WTERMSIG(status) == SIGPROF;
     tell(progress->mutation,
          std::string(progress->step) + (late ? ": more than 5 seconds" : ": died"));
   }

@@ -11,7 +11,10 @@ namespace tolvex {
 namespace {
 
 constexpr std::uint64_t kMostAtOnce = std::uint64_t{1} << 16;  // records
-constexpr std::uint64_t kFewAtOnce = 64;                       // of values of any size
+// Of values with sizes of their own: one to see how large they are, and never so many that larger
+// ones behind them take all of the memory.
+constexpr std::uint64_t kFirstWithSizes = 1;
+constexpr std::uint64_t kMostWithSizes = 2048;
 
 MdfColumnType typeOf(const MdfColumnChannel& channel, bool raw) {
   return raw ? channel.rawType : channel.type;
@@ -56,7 +59,7 @@ GroupRows::GroupRows(MdfColumnReader& reader, const TablePart& part, const Wante
     cells_.push_back({channels_.size() - 1, elementsOf(channel), column.element});
   }
   atOnce_ =
-      std::clamp<std::uint64_t>(wanted.bytes / bytes, 1, hasSizes_ ? kFewAtOnce : kMostAtOnce);
+      std::clamp<std::uint64_t>(wanted.bytes / bytes, 1, hasSizes_ ? kFirstWithSizes : kMostAtOnce);
 }
 
 std::shared_ptr<const RowChunk> GroupRows::next() {
@@ -146,7 +149,7 @@ void GroupRows::adapt(const RowChunk& chunk) {
   }
   const std::uint64_t perRecord = bytes / chunk.count + 16;
   atOnce_ = std::clamp<std::uint64_t>(wanted_.bytes / perRecord, 1,
-                                      std::min(kMostAtOnce, kAtMostTimes * atOnce_));
+                                      std::min(kMostWithSizes, kAtMostTimes * atOnce_));
 }
 
 void GroupRows::writeCells(Output& out, const RowChunk& chunk, std::size_t row, bool safe) const {

@@ -3,11 +3,11 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 
 #include "Mdf4/base/System.h"
 #include "Selection.h"
+#include "TimeText.h"
 
 namespace tolvex {
 
@@ -115,17 +115,13 @@ std::string_view titleOf(const MdfColumnGroup& group) {
 }
 
 std::string isoText(std::int64_t timeNs, bool isLocal) {
-  using namespace std::chrono;
-  const nanoseconds time(timeNs);
-  const days day = floor<days>(time);
-  const year_month_day date{sys_days(day)};
-  const hh_mm_ss clock{time - day};
-  std::string text =
-      fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}", static_cast<int>(date.year()),
-                  static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
-                  clock.hours().count(), clock.minutes().count(), clock.seconds().count());
-  if (clock.subseconds().count() != 0) {
-    text += fmt::format(".{:09}", clock.subseconds().count());
+  const CalendarTime time(timeNs);
+  std::string text = fmt::format(
+      "{:04}-{:02}-{:02}T{:02}:{:02}:{:02}", static_cast<int>(time.date.year()),
+      static_cast<unsigned>(time.date.month()), static_cast<unsigned>(time.date.day()),
+      time.clock.hours().count(), time.clock.minutes().count(), time.clock.seconds().count());
+  if (time.nanoseconds != 0) {
+    text += fmt::format(".{:09}", time.nanoseconds);
     text.erase(text.find_last_not_of('0') + 1);
   }
   return isLocal ? text : text + 'Z';

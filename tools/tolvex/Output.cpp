@@ -45,6 +45,9 @@ Output::Opened Output::open(const std::string& path, const std::vector<std::stri
 }
 
 void Output::write(std::string_view text) {
+  if (text.empty()) {
+    return;
+  }
   char* at = room(text.size());
   std::memcpy(at, text.data(), text.size());
   used_ += text.size();

@@ -3,18 +3,17 @@
 #include <fmt/compile.h>
 #include <fmt/format.h>
 
-#include <chrono>
-
 #include "CsvCell.h"
 
 namespace tolvex {
 
 namespace {
 
+constexpr std::int64_t kSecondNs = 1'000'000'000;
 constexpr std::size_t kRoom = 64;  // more characters than any time has
 
 void writeAbsolute(Output& out, std::int64_t timeNs) {
-  constexpr std::uint64_t kSecond = 1'000'000'000;
+  constexpr auto kSecond = std::uint64_t{kSecondNs};
   const auto bits = static_cast<std::uint64_t>(timeNs);
   const std::uint64_t size = timeNs < 0 ? ~bits + 1 : bits;
   if (timeNs < 0) {
@@ -25,19 +24,30 @@ void writeAbsolute(Output& out, std::int64_t timeNs) {
 }
 
 void writeIso(Output& out, std::int64_t timeNs, bool isLocal) {
-  using namespace std::chrono;
-  const nanoseconds time(timeNs);
-  const days day = floor<days>(time);
-  const year_month_day date{sys_days(day)};
-  const hh_mm_ss clock{time - day};
+  const CalendarTime time(timeNs);
   out.advance(fmt::format_to(
       out.room(kRoom), FMT_COMPILE("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:09}{}"),
-      static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
-      static_cast<unsigned>(date.day()), clock.hours().count(), clock.minutes().count(),
-      clock.seconds().count(), clock.subseconds().count(), isLocal ? "" : "Z"));
+      static_cast<int>(time.date.year()), static_cast<unsigned>(time.date.month()),
+      static_cast<unsigned>(time.date.day()), time.clock.hours().count(),
+      time.clock.minutes().count(), time.clock.seconds().count(), time.nanoseconds,
+      isLocal ? "" : "Z"));
+}
+
+// Rounded down. Whole seconds of the first times of all have no place in 64 bits of nanoseconds.
+std::chrono::seconds secondOf(std::int64_t timeNs) {
+  return std::chrono::floor<std::chrono::seconds>(std::chrono::nanoseconds(timeNs));
+}
+
+std::chrono::days dayOf(std::int64_t timeNs) {
+  return std::chrono::floor<std::chrono::days>(secondOf(timeNs));
 }
 
 }  // namespace
+
+CalendarTime::CalendarTime(std::int64_t timeNs)
+    : date(std::chrono::sys_days(dayOf(timeNs))),
+      clock(secondOf(timeNs) - dayOf(timeNs)),
+      nanoseconds((timeNs % kSecondNs + kSecondNs) % kSecondNs) {}
 
 void TimeText::write(Output& out, std::int64_t timeNs) const {
   switch (form) {

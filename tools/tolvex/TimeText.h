@@ -3,11 +3,22 @@
 
 #include <tolvex/MdfColumnReader.h>
 
+#include <chrono>
 #include <cstdint>
 
 #include "Output.h"
 
 namespace tolvex {
+
+// A time as calendar and clock tell it.
+struct CalendarTime {
+  // `timeNs`: since 1970-01-01 00:00.
+  explicit CalendarTime(std::int64_t timeNs);
+
+  std::chrono::year_month_day date;
+  std::chrono::hh_mm_ss<std::chrono::seconds> clock;
+  std::int64_t nanoseconds;  // behind the second
+};
 
 enum class TimeForm {
   Relative,  // seconds since the recording's start, the shortest number that reads back the same
