@@ -39,12 +39,24 @@ Number loadNumber(const std::uint8_t* bytes) {
 inline void copyRecord(std::uint8_t* to, const std::uint8_t* from, std::size_t size) {
   constexpr std::size_t kStep = 16;
   constexpr std::size_t kLongest = 8 * kStep;
-  if (size < kStep || size > kLongest) {
+  constexpr std::size_t kHalf = kStep / 2;
+  constexpr std::size_t kQuarter = kStep / 4;
+  if (size > kLongest) {
     std::memcpy(to, from, size);
-    return;
+  } else if (size >= kStep) {
+    for (std::size_t at = 0; at + kStep < size; at += kStep) std::memcpy(to + at, from + at, kStep);
+    std::memcpy(to + size - kStep, from + size - kStep, kStep);  // overlaps the step before
+  } else if (size >= kHalf) {
+    std::memcpy(to, from, kHalf);
+    std::memcpy(to + size - kHalf, from + size - kHalf, kHalf);
+  } else if (size >= kQuarter) {
+    std::memcpy(to, from, kQuarter);
+    std::memcpy(to + size - kQuarter, from + size - kQuarter, kQuarter);
+  } else if (size != 0) {
+    to[0] = from[0];
+    to[size / 2] = from[size / 2];
+    to[size - 1] = from[size - 1];
   }
-  for (std::size_t at = 0; at + kStep < size; at += kStep) std::memcpy(to + at, from + at, kStep);
-  std::memcpy(to + size - kStep, from + size - kStep, kStep);  // overlaps the step before
 }
 
 inline bool areZeros(ByteSpan bytes) {

@@ -8,8 +8,6 @@ namespace {
 
 constexpr std::uint32_t kIdMask = 0x7FFFFFFF;  // without the mark of an extended identifier
 constexpr std::uint32_t kMaxStandardId = 0x7FF;
-constexpr std::uint16_t kNoMarks[256] = {};
-constexpr std::size_t kStretch = 128;  // frames
 
 bool isRemote(unsigned flags) {
   return (flags & (MdfFrameFlag::kRtr | MdfFrameFlag::kFd)) == MdfFrameFlag::kRtr;
@@ -36,25 +34,6 @@ void makeRoom(MdfFrameBatch& batch, std::size_t more) {
   grow(batch.bytes, used + (more + 1) * kMaxPayload);
 }
 
-// Copies as std::memcpy does; quicker for the few bytes that a payload has.
-inline void copyFew(std::uint8_t* to, const std::uint8_t* from, std::size_t count) {
-  constexpr std::size_t kWord = sizeof(std::uint64_t);
-  constexpr std::size_t kHalf = kWord / 2;
-  if (count >= kWord) {
-    for (std::size_t at = 0; at + kWord < count; at += kWord) {
-      std::memcpy(to + at, from + at, kWord);
-    }
-    std::memcpy(to + count - kWord, from + count - kWord, kWord);  // overlaps the step before
-  } else if (count >= kHalf) {
-    std::memcpy(to, from, kHalf);
-    std::memcpy(to + count - kHalf, from + count - kHalf, kHalf);
-  } else if (count != 0) {
-    to[0] = from[0];
-    to[count / 2] = from[count / 2];
-    to[count - 1] = from[count - 1];
-  }
-}
-
 // A payload that was found already, as the decoder asks for it.
 class FoundPayload final : public PayloadSource {
  public:
@@ -73,7 +52,7 @@ class FoundPayload final : public PayloadSource {
 
 // The records of a sorted group, and those of an unsorted one.
 struct RowRecords {
-  const FrameRows& rows;
+  FrameRows rows;
   PayloadSource* payloads;
   const CanRecordDecoder& decoder;
   std::size_t size;
@@ -161,65 +140,7 @@ class CanRecordColumns::Writer {
 };
 
 CanRecordColumns::CanRecordColumns(const CanRecordDecoder& decoder, std::size_t recordSize)
-    : decoder_(decoder), recordSize_(recordSize) {
-  isUsual_ = planUsual();
-}
-
-bool CanRecordColumns::planLoad(const CanRecordDecoder::Number& number, Load& load) const {
-  const BitField& bits = number.bits_;
-  load = {bits.byte(), bits.shift(), bits.mask(), number.constant_};
-  if (bits.touched() == 0) load.byte = 0;  // of no bits
-  return bits.isInOneLoad() && recordSize_ >= sizeof(std::uint64_t) &&
-         load.byte <= recordSize_ - sizeof(std::uint64_t);
-}
-
-bool CanRecordColumns::planUsual() {
-  const std::vector<CanRecordDecoder::Step>& steps = decoder_.steps_;
-  const bool hasUsualSteps = !decoder_.isError_ && decoder_.payloadByDlc_ && steps.size() == 2 &&
-                             steps[0].field == CanField::DLC &&
-                             steps[1].field == CanField::DataBytes &&
-                             steps[0].kind == CanFrameKind::Data;
-  if (!hasUsualSteps || decoder_.markBytes_.size() > marks_.size()) return false;
-  if (!planLoad(decoder_.id_, id_) || !planLoad(decoder_.busChannel_, bus_) ||
-      !planLoad(steps[0].number, code_)) {
-    return false;
-  }
-  marks_.fill(kNoMarks);
-  hasManyMarks_ = decoder_.markBytes_.size() > 2;
-  for (std::size_t i = 0; i < decoder_.markBytes_.size(); ++i) {
-    const CanRecordDecoder::MarkByte& source = decoder_.markBytes_[i];
-    if (source.byte >= recordSize_) continue;
-    markBytes_[i] = source.byte;
-    marks_[i] = source.marks.data();
-  }
-  planCodes(steps[1]);
-  return true;
-}
-
-void CanRecordColumns::planCodes(const CanRecordDecoder::Step& payload) {
-  const std::uint64_t room = recordSize_ - std::min<std::uint64_t>(recordSize_, payload.offset);
-  payloadOffset_ = payload.offset;
-  holdsClassic_ = room >= kMaxClassicPayload && payload.size >= kMaxClassicPayload;
-  for (std::uint8_t code = 0; code <= kMaxDlc; ++code) {
-    const std::uint64_t limit = kDlcLengths[code];
-    const std::uint64_t count = std::min<std::uint64_t>(limit, payload.size);
-    const bool isThere = limit == 0 || (count != 0 && count <= room);
-    codes_[code] = coded(code, isThere ? inMemory(count) : 0, isThere);
-  }
-}
-
-// A payload of so many bytes in a frame of that code.
-CanRecordColumns::CodedPayload CanRecordColumns::coded(std::uint8_t code, std::size_t count,
-                                                       bool isThere) {
-  CodedPayload payload;
-  payload.isThere = isThere;
-  payload.count = static_cast<std::uint8_t>(count);
-  payload.fdDlc = kLengthDlcs[count];
-  payload.length = kDlcLengths[payload.fdDlc];
-  const bool keepsCode = code > kMaxClassicPayload && payload.length == kMaxClassicPayload;
-  payload.dlc = keepsCode ? code : payload.fdDlc;
-  return payload;
-}
+    : decoder_(decoder), recordSize_(recordSize), plan_(decoder, recordSize) {}
 
 void CanRecordColumns::append(const FrameRows& rows, PayloadSource* payloads,
                               MdfFrameBatch& out) const {
@@ -237,7 +158,7 @@ void CanRecordColumns::appendAll(const Records& records, std::size_t count,
                                  MdfFrameBatch& out) const {
   makeRoom(out, count);
   for (std::size_t i = 0; i < count;) {
-    if (isUsual_)
+    if (plan_.isUsual)
       i += appendUsual(records, i, std::min(count - i, kStretch), out);
     else
       appendAny(records, i++, out);
@@ -281,26 +202,23 @@ void CanRecordColumns::appendAny(const Records& records, std::size_t i, MdfFrame
 // A stretch of records, field by field: what is read of them and what is written stays in the
 // nearest cache. Gives how many: fewer in front of a record that states no code, but at least one.
 template <class Records>
-std::size_t CanRecordColumns::appendUsual(const Records& records, std::size_t first,
-                                          std::size_t count, MdfFrameBatch& out) const {
-  std::array<const std::uint8_t*, kStretch> record;
-  std::array<std::uint8_t, kStretch> codes;
-  std::uint8_t largest = 0;
-  for (std::size_t i = 0; i < count; ++i) record[i] = records.record(first + i);
-  const Load code = code_;
-  for (std::size_t i = 0; i < count; ++i) {
-    codes[i] = static_cast<std::uint8_t>(code(record[i]));
-    largest = std::max(largest, codes[i]);
+std::size_t CanRecordColumns::appendUsual(Records records, std::size_t first, std::size_t count,
+                                          MdfFrameBatch& out) const {
+  std::array<StretchOfWords, CanRecordPlan::kMostWords> words;
+  for (std::size_t k = 0; k < plan_.words; ++k) {
+    const std::uint64_t byte = plan_.wordBytes[k];
+    for (std::size_t i = 0; i < count; ++i) {
+      words[k][i] = loadNumber<std::uint64_t>(records.record(first + i) + byte);
+    }
   }
-  if (largest > kMaxDlc) {
-    count = static_cast<std::size_t>(
-        std::ranges::find_if(codes, [](std::uint8_t stated) { return stated > kMaxDlc; }) -
-        codes.begin());
-    if (count == 0) {
+  std::uint8_t codes[kStretch];
+  if (std::size_t known = takeCodes(std::span(words[plan_.code.word]).first(count), codes);
+      known < count) {
+    if (known == 0) {
       appendAny(records, first, out);
       return 1;
     }
-    largest = kMaxDlc;
+    count = known;
   }
 
   std::int64_t* const times = out.timeNs.data() + out.count;
@@ -309,79 +227,118 @@ std::size_t CanRecordColumns::appendUsual(const Records& records, std::size_t fi
   for (std::size_t i = 0; i < count; ++i) numbers[i] = records.number(first + i);
 
   std::uint16_t* const buses = out.bus.data() + out.count;
-  const Load bus = bus_;
+  const CanRecordPlan::Part bus = plan_.bus;
   const auto bias = static_cast<std::uint8_t>(decoder_.busChannelBias_ + 1);
   for (std::size_t i = 0; i < count; ++i) {
-    buses[i] = static_cast<std::uint16_t>(bus(record[i]) + bias);
+    buses[i] = static_cast<std::uint16_t>(bus.of(words[bus.word][i]) + bias);
   }
+  const bool hasRemote = takeIdsAndFlags(words, count, out);
+  std::uint8_t* const dlcs = out.dlc.data() + out.count;
+  std::memcpy(dlcs, codes, count);
+  takePayloads(records, first, {codes, count}, hasRemote, out);
+  out.count += count;
+  return count;
+}
 
-  std::uint32_t* const ids = out.id.data() + out.count;
-  const Load id = id_;
-  for (std::size_t i = 0; i < count; ++i) ids[i] = static_cast<std::uint32_t>(id(record[i]));
-
-  std::uint16_t* const flags = out.flags.data() + out.count;
-  const auto marks = marks_;
-  const auto markBytes = markBytes_;
-  const std::uint16_t constantMarks = decoder_.constantMarks_;
+// The codes of the first records that state one. Gives how many these are.
+std::size_t CanRecordColumns::takeCodes(std::span<const std::uint64_t> words,
+                                        std::uint8_t* codes) const {
+  const CanRecordPlan::Part code = plan_.code;
+  std::uint8_t largest = 0;
+  const std::size_t count = words.size();
   for (std::size_t i = 0; i < count; ++i) {
-    flags[i] = static_cast<std::uint16_t>(constantMarks | marks[0][record[i][markBytes[0]]] |
-                                          marks[1][record[i][markBytes[1]]]);
+    codes[i] = static_cast<std::uint8_t>(code.of(words[i]));
+    largest = std::max(largest, codes[i]);
   }
-  if (hasManyMarks_) {
+  if (largest <= kMaxDlc) return count;
+  return static_cast<std::size_t>(
+      std::find_if(codes, codes + count, [](std::uint8_t stated) { return stated > kMaxDlc; }) -
+      codes);
+}
+
+// Identifiers, flags and what the flags tell. Gives whether there are remote frames.
+bool CanRecordColumns::takeIdsAndFlags(std::span<const StretchOfWords> words, std::size_t count,
+                                       MdfFrameBatch& out) const {
+  std::uint32_t* const ids = out.id.data() + out.count;
+  CanRecordPlan::Part id = plan_.id;
+  if (decoder_.hasExtended_) {
+    id.mask &= kIdMask;
+    id.constant &= kIdMask;
+  }
+  for (std::size_t i = 0; i < count; ++i) {
+    ids[i] = static_cast<std::uint32_t>(id.of(words[id.word][i]));
+  }
+  std::uint16_t* const flags = out.flags.data() + out.count;
+  std::fill_n(flags, count, decoder_.constantMarks_);
+  for (std::size_t k = 0; k < plan_.flagShifts; ++k) {
+    const CanRecordPlan::FlagBits bits = plan_.flagBits[k];
     for (std::size_t i = 0; i < count; ++i) {
-      flags[i] = static_cast<std::uint16_t>(flags[i] | marks[2][record[i][markBytes[2]]] |
-                                            marks[3][record[i][markBytes[3]]]);
+      flags[i] |= static_cast<std::uint16_t>(bits.of(words[bits.word][i]));
+    }
+  }
+  for (std::size_t k = 0; k < plan_.markBytes; ++k) {
+    const CanRecordPlan::Marks marks = plan_.marks[k];
+    for (std::size_t i = 0; i < count; ++i) {
+      flags[i] |= marks.ofByte[marks.part.of(words[marks.part.word][i])];
     }
   }
   if (!decoder_.hasExtended_) {
     for (std::size_t i = 0; i < count; ++i) {
       if (ids[i] > kMaxStandardId) flags[i] |= MdfFrameFlag::kExtended;
+      ids[i] &= kIdMask;
     }
   }
   std::uint16_t anyFlag = 0;
-  for (std::size_t i = 0; i < count; ++i) {
-    ids[i] &= kIdMask;
-    anyFlag |= flags[i];
-  }
   std::uint8_t* const directions = out.direction.data() + out.count;
   for (std::size_t i = 0; i < count; ++i) {
+    anyFlag |= flags[i];
     directions[i] = static_cast<std::uint8_t>(flags[i] & MdfFrameFlag::kTransmitted);
   }
+  const bool hasRemote = (anyFlag & MdfFrameFlag::kRtr) != 0;
   std::uint8_t* const kinds = out.kind.data() + out.count;
   static_assert(static_cast<int>(MdfFrameKind::Remote) == 1);
-  for (std::size_t i = 0; i < count; ++i) kinds[i] = isRemote(flags[i]) ? 1 : 0;
+  std::fill_n(kinds, count, std::uint8_t{0});
+  for (std::size_t i = 0; hasRemote && i < count; ++i) kinds[i] = isRemote(flags[i]) ? 1 : 0;
+  return hasRemote;
+}
 
+// The payloads, by the codes that the records state.
+template <class Records>
+void CanRecordColumns::takePayloads(Records records, std::size_t first, ByteSpan codes,
+                                    bool hasRemote, MdfFrameBatch& out) const {
+  std::uint16_t* const flags = out.flags.data() + out.count;
   std::uint8_t* const dlcs = out.dlc.data() + out.count;
-  std::memcpy(dlcs, codes.data(), count);
   std::int64_t* const ends = out.offsets.data() + out.count + 1;
   std::uint8_t* const bytes = out.bytes.data();
   auto end = static_cast<std::uint64_t>(ends[-1]);
-  const bool hasRemote = (anyFlag & MdfFrameFlag::kRtr) != 0;
-  if (!decoder_.isOutside_ && holdsClassic_ && largest <= kMaxClassicPayload && !hasRemote) {
-    for (std::size_t i = 0; i < count; ++i) {
-      std::memcpy(bytes + end, record[i] + payloadOffset_, kMaxClassicPayload);
+  const bool isClassic = std::ranges::max(codes) <= kMaxClassicPayload;
+  if (!decoder_.isOutside_ && plan_.holdsClassic && isClassic && !hasRemote) {
+    const std::uint64_t offset = plan_.payloadOffset;
+    for (std::size_t i = 0; i < codes.size(); ++i) {
+      std::memcpy(bytes + end, records.record(first + i) + offset, kMaxClassicPayload);
       end += codes[i];
       ends[i] = static_cast<std::int64_t>(end);
     }
   } else if (decoder_.isOutside_ && !hasRemote) {
-    for (std::size_t i = 0; i < count; ++i) {
+    for (std::size_t i = 0; i < codes.size(); ++i) {
       const ByteSpan value = records.payload(first + i);
-      if (value.size() == codes[i] && codes[i] == kMaxClassicPayload) {
+      if (value.size() == kMaxClassicPayload && codes[i] == kMaxClassicPayload) {
         std::memcpy(bytes + end, value.data(), kMaxClassicPayload);
         end += kMaxClassicPayload;
+      } else if (value.size() == codes[i] && codes[i] < kMaxClassicPayload) {
+        copyRecord(bytes + end, value.data(), codes[i]);
+        end += codes[i];
       } else {
         end += putPayload(value, flags[i], dlcs[i], bytes + end);
       }
       ends[i] = static_cast<std::int64_t>(end);
     }
   } else {
-    for (std::size_t i = 0; i < count; ++i) {
+    for (std::size_t i = 0; i < codes.size(); ++i) {
       end += appendPayload(records, first + i, flags[i], dlcs[i], bytes + end);
       ends[i] = static_cast<std::int64_t>(end);
     }
   }
-  out.count += count;
-  return count;
 }
 
 // Any payload of a usual record, which states `dlc`. Gives its length.
@@ -391,8 +348,8 @@ std::size_t CanRecordColumns::appendPayload(const Records& records, std::size_t 
                                             std::uint8_t* to) const {
   if (isRemote(flags)) return 0;
   if (decoder_.isOutside_) return putPayload(records.payload(i), flags, dlc, to);
-  const CodedPayload& payload = codes_[dlc];
-  copyFew(to, records.record(i) + payloadOffset_, payload.count);
+  const CodedPayload& payload = plan_.codes[dlc];
+  copyRecord(to, records.record(i) + plan_.payloadOffset, payload.count);
   return finishPayload(payload, flags, dlc, to);
 }
 
@@ -400,8 +357,9 @@ std::size_t CanRecordColumns::appendPayload(const Records& records, std::size_t 
 std::size_t CanRecordColumns::putPayload(ByteSpan value, std::uint16_t& flags, std::uint8_t& dlc,
                                          std::uint8_t* to) {
   const std::size_t size = std::min<std::size_t>(value.size(), kDlcLengths[dlc]);
-  copyFew(to, value.data(), size);
-  return finishPayload(coded(dlc, size, value.data() != nullptr || dlc == 0), flags, dlc, to);
+  copyRecord(to, value.data(), size);
+  return finishPayload(CanRecordPlan::coded(dlc, size, value.data() != nullptr || dlc == 0), flags,
+                       dlc, to);
 }
 
 // Its bytes are in place.

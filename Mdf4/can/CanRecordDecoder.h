@@ -29,6 +29,23 @@ struct PayloadSource {
 // once.
 class CanRecordDecoder {
  public:
+  // A number of the record, or a constant; the default reads 0.
+  class Number {
+   public:
+    Number() = default;
+    explicit Number(const CanFieldSlot& slot);
+
+    [[nodiscard]] std::uint64_t read(ByteSpan record) const {
+      return bits_.read(record) | constant_;
+    }
+
+   private:
+    friend class CanRecordPlan;
+
+    BitField bits_;
+    std::uint64_t constant_ = 0;  // where there are no bits
+  };
+
   // `layout` is in order of application. With payloadByDlc a payload is cut to the length that the
   // record's data length code stands for, as far as it was applied before the payload; a
   // remote frame keeps the code and has no payload, a classic frame of 8 bytes keeps a code
@@ -58,25 +75,9 @@ class CanRecordDecoder {
   // Whether payloads lie outside the records, and which of the values there a record names.
   bool hasPayloadsOutside() const { return isOutside_; }
   std::uint64_t payloadOffset(ByteSpan record) const { return payloadOffset_.read(record); }
+  const Number& payloadOffset() const { return payloadOffset_; }
 
  private:
-  // A number of the record, or a constant; the default reads 0.
-  class Number {
-   public:
-    Number() = default;
-    explicit Number(const CanFieldSlot& slot);
-
-    [[nodiscard]] std::uint64_t read(ByteSpan record) const {
-      return bits_.read(record) | constant_;
-    }
-
-   private:
-    friend class CanRecordColumns;
-
-    BitField bits_;
-    std::uint64_t constant_ = 0;  // where there are no bits
-  };
-
   // A byte of the record that answers yes-or-no fields: for each of its values the marks that it
   // sets. A mark is a bit of the message's flags byte, or kExtendedMark.
   struct MarkByte {
@@ -123,6 +124,7 @@ class CanRecordDecoder {
   void decodeError(ByteSpan record, PayloadSource* payloads, MdfCanError& error) const;
 
   friend class CanRecordColumns;
+  friend class CanRecordPlan;
 
   bool isError_ = false;
   bool payloadByDlc_;

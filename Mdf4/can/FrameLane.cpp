@@ -8,6 +8,16 @@
 #include "Mdf4/base/Diagnostics.h"
 
 namespace tolvex {
+namespace {
+
+// As std::is_sorted, which stops at the first descent: mostly there is none.
+bool ascend(std::span<const std::int64_t> times) {
+  unsigned descents = 0;
+  for (std::size_t i = 1; i < times.size(); ++i) descents |= unsigned{times[i] < times[i - 1]};
+  return descents == 0;
+}
+
+}  // namespace
 
 void FrameLane::begin(const FrameChoice& choice) {
   choice_ = &choice;
@@ -36,13 +46,13 @@ void FrameLane::append(std::size_t count, MdfFrameBatch& out) {
 // Once, as it is mostly all of them, however many problems there are already.
 void FrameLane::reportMissingPayload(const MdfFrameBatch& out, std::size_t first) {
   if (reportedPayload_) return;
-  const auto begin = out.flags.begin() + static_cast<std::ptrdiff_t>(first);
-  const auto end = out.flags.begin() + static_cast<std::ptrdiff_t>(out.count);
-  const auto missing = std::find_if(
-      begin, end, [](std::uint16_t flags) { return (flags & MdfFrameFlag::kPayloadMissing) != 0; });
-  if (missing == end) return;
+  const std::uint16_t* const flags = out.flags.data();
+  std::uint16_t any = 0;
+  for (std::size_t row = first; row < out.count; ++row) any |= flags[row];
+  if ((any & MdfFrameFlag::kPayloadMissing) == 0) return;
   reportedPayload_ = true;
-  const auto row = static_cast<std::size_t>(missing - out.flags.begin());
+  std::size_t row = first;
+  while ((flags[row] & MdfFrameFlag::kPayloadMissing) == 0) ++row;
   file_.problems().keep(formatText("data group %d: record %" PRIu64
                                    ": its payload is not in the file or cannot be read",
                                    int{settings_.dataGroup}, out.record[row]));
@@ -61,8 +71,8 @@ void FrameLane::refill() {
 
 // The first `ordered` times are.
 void FrameLane::sort(std::size_t ordered) {
-  const auto from = static_cast<std::ptrdiff_t>(ordered == 0 ? 0 : ordered - 1);
-  if (!std::is_sorted(times_.begin() + from, times_.end())) {
+  const std::size_t from = ordered == 0 ? 0 : ordered - 1;
+  if (!ascend(std::span(times_).subspan(from))) {
     std::vector<std::size_t> order(times_.size());
     std::iota(order.begin(), order.end(), std::size_t{0});
     std::ranges::stable_sort(order, {}, [this](std::size_t index) { return times_[index]; });

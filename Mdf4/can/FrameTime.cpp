@@ -33,8 +33,8 @@ FrameTime::FrameTime(MdfSigCCInfo channel, bool loggerRules) : channel_(std::mov
       channel_->values = {0, secondsPer(channel_->unit)};
     }
   }
-  offset_ = channel_->byteOffset;
-  directEnd_ = offset_ + sizeof(double);
+  line_.offset = channel_->byteOffset;
+  directEnd_ = line_.offset + sizeof(double);
   const bool plain = channel_->dataType == kFloatLittleEndian && channel_->bitCount == 64 &&
                      channel_->bitOffset == 0 && (channel_->flags & kInvalidBitFlag) == 0;
   if (channel_->conversionType == conversion_type::kIdentity) {
@@ -42,20 +42,20 @@ FrameTime::FrameTime(MdfSigCCInfo channel, bool loggerRules) : channel_(std::mov
   } else if (channel_->conversionType == conversion_type::kLinear && channel_->valueCount >= 2 &&
              channel_->values.size() >= 2) {
     direct_ = plain;
-    summand_ = channel_->values[0];
-    factor_ = channel_->values[1];
+    line_.summand = channel_->values[0];
+    line_.factor = channel_->values[1];
     if (loggerRules && channel_->valueKind <= kSignedKind) planTicks();
   }
 }
 
 void FrameTime::planTicks() {
   if (channel_->bitCount == 0 || channel_->bitCount > BitField::kMostBits) return;
-  const double perTick = std::round(factor_ * kNsPerSecond);
-  const double first = std::round(summand_ * kNsPerSecond);
+  const double perTick = std::round(line_.factor * kNsPerSecond);
+  const double first = std::round(line_.summand * kNsPerSecond);
   const auto isWhole = [](double seconds, double ns) {
     return std::abs(seconds * kNsPerSecond - ns) <= std::abs(ns) * 1e-12;
   };
-  if (isWhole(factor_, perTick) && isWhole(summand_, first) && perTick >= 1 &&
+  if (isWhole(line_.factor, perTick) && isWhole(line_.summand, first) && perTick >= 1 &&
       perTick < kEndOfRange && std::abs(first) < kEndOfRange / 2) {
     ticks_ = BitField(channel_->byteOffset, channel_->bitOffset, channel_->bitCount,
                       channel_->byteOrder == kBigEndian ? ByteOrder::Big : ByteOrder::Little);
@@ -84,7 +84,7 @@ std::optional<std::uint64_t> FrameTime::cutOff(ByteSpan record) const {
 bool FrameTime::nanoseconds(ByteSpan record, double& ns) const {
   if (direct_) {
     if (record.size() < directEnd_) return false;
-    ns = directNs(record.data());
+    ns = line_.ns(record.data());
   } else if (!convert(record, ns)) {
     return false;
   }

@@ -55,11 +55,10 @@ MixedFrames::MixedFrames(DirectFile& file, const LaneSettings& settings,
 void MixedFrames::decode(std::size_t first, std::size_t count, MdfFrameBatch& out) {
   const std::size_t end = first + count;
   while (first < end) {
-    const std::uint32_t index = entries_[first].source;
-    std::size_t next = first + 1;
-    while (next < end && entries_[next].source == index) ++next;
-    sources_[index]->columns.append(std::span(entries_).subspan(first, next - first),
-                                    std::span(times_).subspan(first, next - first), out);
+    const std::size_t next = sameSource(first, end);
+    const Source& source = *sources_[entries_[first].source];
+    source.columns.append(std::span(entries_).subspan(first, next - first),
+                          std::span(times_).subspan(first, next - first), out);
     first = next;
   }
 }
@@ -107,12 +106,15 @@ void MixedFrames::passUsual(std::size_t most) {
     const auto left = static_cast<std::uint64_t>(end - at) - 1;
     if (kind.sources == 1) {
       if (left < kind.recordSize) break;
+      const std::uint8_t* const before = at;
+      at = passPairs(kind, at, end, most);
+      if (at != before) continue;
       Source& source = *sources_[kind.firstSource];
       const std::uint8_t* const record = at + 1;
       entries_.push_back(FrameEntry{source.records, record, nullptr, 0, kind.firstSource});
-      at = record + kind.recordSize;
-      if (source.values != kNone) at = passPayload(source, at, end);
+      if (source.values != kNone) findPayload(source, record, &entries_.back());
       ++source.records;
+      at = record + kind.recordSize;
     } else if (kind.holdsValues && left >= kValuePrefix) {
       const auto length = loadNumber<std::uint32_t>(at + 1);
       if (length > kMostOfValue || left - kValuePrefix < length) break;
@@ -127,36 +129,67 @@ void MixedFrames::passUsual(std::size_t most) {
   view_ = {at, end};
 }
 
-// Finds the payload of the frame that came last, whose record ends there. Where it follows at once,
-// as it mostly does, gives its end.
-const std::uint8_t* MixedFrames::passPayload(Source& source, const std::uint8_t* at,
-                                             const std::uint8_t* end) {
-  constexpr std::size_t kBefore = 1 + kValuePrefix;
-  FrameEntry& entry = entries_.back();
+// Goes over frames of one group that each stand in front of their payload, as they mostly do. Gives
+// where the next record begins.
+const std::uint8_t* MixedFrames::passPairs(const Kind& kind, const std::uint8_t* at,
+                                           const std::uint8_t* end, std::size_t most) {
+  constexpr std::size_t kBefore = 1 + kValuePrefix;  // the bytes of the payload
+  Source& source = *sources_[kind.firstSource];
+  if (byOrder_ || source.values == kNone || !values_[source.values].wanted.empty()) return at;
+  fillTimes();
   Values& values = values_[source.values];
-  const std::uint64_t key = keyOf(source, entry.record);
-  const auto left = static_cast<std::size_t>(end - at);
-  if (key == values.next && left >= kBefore && *at == values.id && values.wanted.empty()) {
-    const auto length = loadNumber<std::uint32_t>(at + 1);
-    if (length <= kMostOfValue && length <= left - kBefore) {
-      entry.payload = at + kBefore;
-      entry.payloadLength = length;
-      values.next += byOrder_ ? 1 : kValuePrefix + length;
-      return entry.payload + length;
-    }
+  const std::size_t size = source.recordSize;
+  const std::size_t least = 1 + size + kBefore;
+  const CanRecordDecoder::Number offset = source.decoder.payloadOffset();
+  const int frameId = *at;
+  const int valueId = values.id;
+  const std::uint32_t index = kind.firstSource;
+  std::uint64_t number = source.records;
+  std::uint64_t next = values.next;
+  for (std::size_t left = most - entries_.size(); left != 0; --left) {
+    const auto room = static_cast<std::size_t>(end - at);
+    if (room < least || *at != frameId || at[1 + size] != valueId) break;
+    const std::uint8_t* const record = at + 1;
+    const auto length = loadNumber<std::uint32_t>(record + size + 1);
+    if (offset.read({record, size}) != next || length > std::min(kMostOfValue, room - least)) break;
+    entries_.push_back(FrameEntry{number++, record, at + least, length, index});
+    next += kValuePrefix + length;
+    at += least + length;
   }
-  findPayload(source, entry.record, &entry);
+  source.records = number;
+  values.next = next;
+  fillTimes(entries_.size());
   return at;
 }
 
 // Of the frames that passUsual came to.
 void MixedFrames::fillTimes() {
-  std::size_t i = times_.size();
-  times_.resize(entries_.size());
-  for (; i < entries_.size(); ++i) {
-    const Source& source = *sources_[entries_[i].source];
-    times_[i] = timeOf(source.time, {entries_[i].record, source.recordSize});
+  while (times_.size() < entries_.size()) fillTimes(sameSource(times_.size(), entries_.size()));
+}
+
+// Those of one group, up to `end`.
+void MixedFrames::fillTimes(std::size_t end) {
+  const std::size_t first = times_.size();
+  if (first == end) return;
+  times_.resize(end);
+  const Source& source = *sources_[entries_[first].source];
+  const FrameEntry* const entries = entries_.data() + first;
+  source.time.nearest(
+      end - first, [entries](std::size_t i) { return entries[i].record; }, source.recordSize,
+      settings_.startNs, times_.data() + first);
+}
+
+// Where the entries of one group end that follow one another, at the latest at `end`.
+std::size_t MixedFrames::sameSource(std::size_t first, std::size_t end) const {
+  const std::uint32_t source = entries_[first].source;
+  const auto differs = [&](std::size_t index) { return entries_[index].source ^ source; };
+  for (; first + 4 <= end; first += 4) {  // mostly all of them
+    const std::uint32_t any =
+        differs(first) | differs(first + 1) | differs(first + 2) | differs(first + 3);
+    if (any != 0) break;
   }
+  while (first < end && entries_[first].source == source) ++first;
+  return first;
 }
 
 // The next piece of the sequence, with the whole next record; false when there is none.
@@ -253,7 +286,6 @@ void MixedFrames::findPayload(Source& source, const std::uint8_t* record, FrameE
   const std::uint64_t key = keyOf(source, record);
   if (key >= values.next) {
     values.wanted.add({key, entry == nullptr ? kNone : entries_.size() - 1});
-    if (entry != nullptr) entry->payloadLength = FrameEntry::kNotYet;
     return;
   }
   if (Value* const found = values.unnamed.find(key)) {
@@ -310,7 +342,8 @@ void MixedFrames::keepValues() {
   std::uint8_t* to = keptValuesBefore_.data();
   for (Values& values : values_) {
     for (Value& value : values.unnamed.all()) {
-      value.bytes = std::copy_n(value.bytes, value.length, to) - value.length;
+      copyRecord(to, value.bytes, value.length);
+      value.bytes = to;
       to += value.length;
     }
   }
@@ -327,7 +360,8 @@ void MixedFrames::keepPending() {
   keptBefore_.resize(size);
   std::uint8_t* to = keptBefore_.data();
   const auto keep = [&to](const std::uint8_t*& bytes, std::size_t count) {
-    bytes = std::copy_n(bytes, count, to) - count;
+    copyRecord(to, bytes, count);
+    bytes = to;
     to += count;
   };
   for (FrameEntry& entry : entries_) {
@@ -364,12 +398,13 @@ void MixedFrames::reorder(std::span<const std::size_t> order) {
 // Up to the first one whose payload is still to come. Where that keeps too many waiting, it is
 // fetched.
 std::size_t MixedFrames::complete(std::size_t count) {
-  const auto isWaiting = [](const FrameEntry& entry) {
-    return entry.payloadLength == FrameEntry::kNotYet;
-  };
-  const auto begin = entries_.begin();
-  auto first = std::find_if(begin, begin + static_cast<std::ptrdiff_t>(count), isWaiting);
-  if (entries_.size() < kMostWaiting && !isAtEnd()) return static_cast<std::size_t>(first - begin);
+  std::size_t first = count;
+  for (Values& values : values_) {
+    for (const Wanted& wanted : values.wanted.all()) {
+      if (wanted.entry != kNone) first = std::min(first, wanted.entry);
+    }
+  }
+  if (first == count || (entries_.size() < kMostWaiting && !isAtEnd())) return first;
   for (Values& values : values_) {
     for (const Wanted& wanted : values.wanted.all()) {
       if (wanted.entry == kNone || wanted.entry >= count) continue;

@@ -157,11 +157,14 @@ class MixedFrames final : public FrameLane {
   enum class Passed : std::uint8_t { Yes, NeedsMore, IsCutOff };
   Passed pass(const Kind& kind);
   void passUsual(std::size_t most);
-  const std::uint8_t* passPayload(Source& source, const std::uint8_t* at, const std::uint8_t* end);
+  const std::uint8_t* passPairs(const Kind& kind, const std::uint8_t* at, const std::uint8_t* end,
+                                std::size_t most);
+  std::size_t sameSource(std::size_t first, std::size_t end) const;
   std::uint64_t keyOf(const Source& source, const std::uint8_t* record) const {
     return byOrder_ ? source.records : source.decoder.payloadOffset({record, source.recordSize});
   }
   void fillTimes();
+  void fillTimes(std::size_t end);
   void addFrames(const Kind& kind, const std::uint8_t* record);
   void addValue(Values& values, const std::uint8_t* value, std::uint32_t length);
   void findPayload(Source& source, const std::uint8_t* record, FrameEntry* entry);

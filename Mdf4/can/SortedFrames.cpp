@@ -7,7 +7,7 @@
 namespace tolvex {
 namespace {
 
-constexpr std::size_t kAtOnce = 1024;  // records
+constexpr std::size_t kAtOnce = 4096;  // records
 
 }  // namespace
 
@@ -87,11 +87,10 @@ bool SortedFrames::collect() {
 void SortedFrames::addAll(std::size_t count) {
   const std::size_t before = times_.size();
   times_.resize(before + count);
-  std::int64_t* const times = times_.data() + before;
-  const std::uint8_t* record = rows_.first;
-  for (std::size_t i = 0; i < count; ++i, record += rows_.stride) {
-    times[i] = timeOf(time_, {record, size_});
-  }
+  const RecordRows rows = rows_;
+  time_.nearest(
+      count, [rows](std::size_t i) { return rows.first + i * rows.stride; }, size_,
+      settings_.startNs, times_.data() + before);
   addRun({rows_.first, rows_.stride, count, number_, before});
 }
 
