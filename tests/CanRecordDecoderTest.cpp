@@ -7,6 +7,7 @@
 #include <random>
 #include <string>
 
+#include "Mdf4/can/CanRecordColumns.h"
 #include "Mdf4/can/CanRecordDecoder.h"
 
 namespace tolvex {
@@ -223,6 +224,87 @@ TEST(CanRecordDecoder, AppliesAnyLayoutSlotBySlot) {
     EXPECT_EQ(decode(layout, payloadByDlc, record, payloads),
               model(layout, payloadByDlc, record, payloads))
         << "round " << round;
+  }
+}
+
+// A row of the columns as the decoder's object tells it.
+struct Row {
+  std::uint32_t id = 0;
+  unsigned bus = 0, flags = 0, dlc = 0;
+  Bytes payload;
+
+  bool operator==(const Row&) const = default;
+};
+
+void PrintTo(const Row& row, std::ostream* out) {
+  *out << row.id << ' ' << row.bus << ' ' << row.flags << ' ' << row.dlc << ' '
+       << testing::PrintToString(row.payload);
+}
+
+Row rowOf(const CanRecordDecoder& decoder, const Bytes& record, PayloadSource* payloads) {
+  const MdfFrame frame = decoder.decode(record, 0, 0, payloads);
+  const MdfCanMessage& m = *std::get<0>(frame);
+  Row row{m.CanId(), decoder.busOf(record), 0, m.Dlc(), {}};
+  const bool flags[] = {m.Dir(),    m.Srr(),        m.Edl(), m.Brs(),        m.Esi(),
+                        m.WakeUp(), m.SingleWire(), m.Rtr(), m.ExtendedId(), m.PayloadMissing()};
+  for (std::size_t i = 0; i < std::size(flags); ++i) row.flags |= flags[i] ? 1U << i : 0;
+  if (!m.PayloadMissing()) row.payload = m.DataBytes();
+  return row;
+}
+
+Row rowOf(const MdfFrameBatch& batch, std::size_t row) {
+  const MdfFrameView view = batch.at(row);
+  const bool isRemote =
+      (view.flags & (MdfFrameFlag::kRtr | MdfFrameFlag::kFd)) == MdfFrameFlag::kRtr;
+  EXPECT_EQ(view.kind, isRemote ? MdfFrameKind::Remote : MdfFrameKind::Data);
+  return {view.id, view.bus, view.flags, view.dlc, {view.data, view.data + view.length}};
+}
+
+// Data frames, packed in any way: what is quick for many records at once is right for each.
+TEST(CanRecordColumns, HoldsWhatTheDecoderMakesOfEachRecord) {
+  constexpr std::size_t kRecords = 300;
+  const unsigned seed = std::random_device{}();
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  std::mt19937 random(seed);
+  const auto below = [&random](std::uint32_t end) {
+    return static_cast<std::uint32_t>(random() % end);
+  };
+  const std::uint32_t widths[] = {0, 1, 1, 1, 1, 2, 8, 29, 32};
+  StoredPayloads stored;
+  for (int round = 0; round < 1000 && !testing::Test::HasFailure(); ++round) {
+    const std::uint32_t size = 8 + below(below(2) == 0 ? 16 : 70);
+    const auto slot = [&](CanField field, std::uint32_t bits) {
+      CanFieldSlot made{.kind = kData, .field = field, .byteOffset = below(size)};
+      made.bitOffset = static_cast<std::uint8_t>(below(8));
+      made.bitCount = bits;
+      return made;
+    };
+    Layout layout = {slot(CanField::DLC, below(8) == 0 ? 8 : 4)};
+    layout.push_back(slot(CanField::DataBytes, 64 * (1 + below(2) * 7)));
+    layout.back().variableLength = below(2) == 0;
+    for (const CanField field :
+         {CanField::BusChannel, CanField::ID, CanField::IDE, CanField::Dir, CanField::SRR,
+          CanField::EDL, CanField::BRS, CanField::ESI, CanField::RTR, CanField::WakeUp}) {
+      if (below(3) != 0) layout.push_back(slot(field, widths[below(std::size(widths))]));
+    }
+    const bool hasRemote = below(2) == 0;
+    if (!hasRemote) std::erase_if(layout, [](auto& it) { return it.field == CanField::RTR; });
+    Bytes records(kRecords * size);
+    for (auto& byte : records) byte = static_cast<std::uint8_t>(below(below(4) == 0 ? 256 : 16));
+
+    const CanRecordDecoder decoder(layout, true, true);
+    const std::vector<std::int64_t> times(kRecords, 5);
+    MdfFrameBatch batch;
+    batch.offsets = {0};
+    CanRecordColumns(decoder, size).append({records.data(), size, 7, times}, &stored, batch);
+    ASSERT_EQ(batch.count, kRecords);
+    for (std::size_t i = 0; i < kRecords && !testing::Test::HasFailure(); ++i) {
+      const auto begin = records.begin() + static_cast<std::ptrdiff_t>(i * size);
+      const Bytes record(begin, begin + static_cast<std::ptrdiff_t>(size));
+      EXPECT_EQ(rowOf(batch, i), rowOf(decoder, record, &stored)) << "round " << round;
+      EXPECT_EQ(batch.record[i], 7 + i);
+      EXPECT_EQ(batch.timeNs[i], 5);
+    }
   }
 }
 
