@@ -12,6 +12,7 @@ namespace tolvex {
 namespace {
 
 constexpr std::uint64_t kLengthBytes = sizeof(std::uint32_t);
+constexpr std::uint64_t kLongToPass = 4096;  // bytes of a record that nobody wants: not read
 
 }  // namespace
 
@@ -29,7 +30,7 @@ std::uint64_t MixedRecords::count(std::size_t group) {
   if (!complete_) {
     Walk walk(*this, group);
     walk.seekRecord(~std::uint64_t{0});
-    while (walk.next()) {
+    while (walk.next(false)) {
     }
   }
   return known_[group].records;
@@ -82,11 +83,14 @@ void MixedRecords::Walk::seekValue(std::uint64_t offset) {
   const auto behind = std::ranges::upper_bound(marks, offset, {}, &Mark::value);
   const auto mark =
       static_cast<std::size_t>(behind - marks.begin()) - (behind == marks.begin() ? 0 : 1);
-  const bool isBackwards = value_ > offset;
-  if (value_ < marks[mark].value || isBackwards) begin(marks[mark], mark * kStride);
-  // Whoever goes back will do it again.
+  // Whoever goes back will do it again, and where a second one begins there will be a third.
+  bool isOften = value_ > offset;
+  if (std::exchange(isNew_, false) || value_ < marks[mark].value || isOften) {
+    begin(marks[mark], mark * kStride);
+    isOften = std::exchange(known.begunAt, mark) == mark || isOften;
+  }
   const auto found = known.fine.find(mark);
-  if (found == known.fine.end() && !isBackwards) return;
+  if (found == known.fine.end() && !isOften) return;
   const std::vector<Mark>& fine = found != known.fine.end() ? found->second : makeFine(mark);
   const auto last = std::ranges::upper_bound(fine, offset, {}, &Mark::value);
   if (last == fine.begin() || std::prev(last)->value <= value_) return;
@@ -101,7 +105,7 @@ const std::vector<MixedRecords::Mark>& MixedRecords::Walk::makeFine(std::size_t 
   walk.begin(known.marks[mark], mark * kStride);
   for (std::uint64_t i = 0; i < kStride; ++i) {
     if (i % kFineStride == 0) fine.push_back({walk.position_, walk.value_});
-    if (!walk.next()) break;
+    if (!walk.next(false)) break;
   }
   if (known.fine.size() >= kMostFine) known.fine.clear();
   return known.fine[mark] = std::move(fine);
@@ -125,7 +129,7 @@ const std::uint8_t* MixedRecords::Walk::look(std::uint64_t bytes) {
   return view_.data();
 }
 
-std::optional<ByteSpan> MixedRecords::Walk::next() {
+std::optional<ByteSpan> MixedRecords::Walk::next(bool isWanted) {
   const std::size_t idSize = records_.idSize_;
   for (;;) {
     const std::uint8_t* bytes = look(idSize);
@@ -140,15 +144,20 @@ std::optional<ByteSpan> MixedRecords::Walk::next() {
       if (bytes == nullptr) break;
       size = kLengthBytes + loadNumber<std::uint32_t>(bytes + idSize);
     }
-    bytes = look(idSize + size);
+    const std::uint64_t whole = idSize + size;
+    if (whole > stream_.size() - position_) break;
+    const bool isGiven = isWanted && found->second == group_;
+    const bool isPassed = !isGiven && whole > kLongToPass && whole <= stream_.presentSize() &&
+                          position_ <= stream_.presentSize() - whole;
+    if (!isPassed) bytes = look(whole);
     if (bytes == nullptr) break;
     if (position_ == records_.knownUpTo_) records_.note(found->second, position_, size);
-    position_ += idSize + size;
-    view_ = view_.subspan(inMemory(idSize + size));
+    position_ += whole;
+    view_ = view_.subspan(inMemory(std::min<std::uint64_t>(whole, view_.size())));
     if (found->second != group_) continue;
     ++number_;
     if (group.holdsValues) value_ += size;
-    return ByteSpan(bytes + idSize, inMemory(size));
+    return isGiven ? ByteSpan(bytes + idSize, inMemory(size)) : ByteSpan();
   }
   if (position_ == records_.knownUpTo_) records_.noteEnd(position_);
   return std::nullopt;
@@ -159,7 +168,7 @@ MixedBatches::MixedBatches(std::shared_ptr<MixedRecords> records, std::size_t gr
 
 void MixedBatches::seek(std::uint64_t record) {
   walk_.seekRecord(record);
-  while (walk_.number() < record && walk_.next()) {
+  while (walk_.number() < record && walk_.next(false)) {
   }
 }
 
@@ -185,7 +194,7 @@ bool MixedValues::read(std::uint64_t offset, std::vector<std::uint8_t>& out) {
   byOrder_ ? walk_.seekRecord(offset) : walk_.seekValue(offset);
   while (place() <= offset) {
     const bool isWanted = place() == offset;
-    const std::optional<ByteSpan> value = walk_.next();
+    const std::optional<ByteSpan> value = walk_.next(isWanted);
     if (!value) break;
     if (!isWanted) continue;
     out.assign(value->begin() + kLengthBytes, value->end());

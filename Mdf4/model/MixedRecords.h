@@ -42,9 +42,10 @@ class MixedRecords {
     // Some way towards the record, or the value with that offset, and not behind it.
     void seekRecord(std::uint64_t number);
     void seekValue(std::uint64_t offset);
-    // The next record without its id, of a value with its length; nothing at the end, where it
-    // cannot be read, and where no record begins. It lasts until the next call.
-    std::optional<ByteSpan> next();
+    // The next record without its id, of a value with its length, or no bytes of it when it is not
+    // wanted; nothing at the end, where it cannot be read, and where no record begins. It lasts
+    // until the next call.
+    std::optional<ByteSpan> next(bool isWanted = true);
     // Of the record that comes next.
     std::uint64_t number() const { return number_; }
     std::uint64_t valueOffset() const { return value_; }
@@ -61,6 +62,7 @@ class MixedRecords {
     std::uint64_t position_ = 0;  // of the next record
     std::uint64_t number_ = 0;
     std::uint64_t value_ = 0;
+    bool isNew_ = true;  // it has not looked for a value yet
   };
 
   const std::vector<MixedGroup>& groups() const { return groups_; }
@@ -79,6 +81,7 @@ class MixedRecords {
     std::vector<Mark> marks;  // of every record whose number is a multiple of kStride
     // From some of those marks on: of every record whose number is a multiple of kFineStride.
     std::unordered_map<std::size_t, std::vector<Mark>> fine;
+    std::size_t begunAt = ~std::size_t{0};  // the mark where somebody began last, to find a value
     std::uint64_t records = 0;
     std::uint64_t valueBytes = 0;
   };
