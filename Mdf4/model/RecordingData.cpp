@@ -188,9 +188,10 @@ std::shared_ptr<RecordBatches> RecordingData::newBatches(const ModelGroup& group
     return std::make_shared<CountedBatches>(std::min(group.record.cg_cycle_count, most));
   }
   if (data.groups != 1) {
-    reportUnreadable(data, formatText("%zu channel groups share them without record ids, so nothing "
-                                      "tells whose they are",
-                                      data.groups));
+    reportUnreadable(data,
+                     formatText("%zu channel groups share them without record ids, so nothing "
+                                "tells whose they are",
+                                data.groups));
     return nullptr;
   }
   if (size > kLargestRecord) {

@@ -25,12 +25,12 @@ void writeAbsolute(Output& out, std::int64_t timeNs) {
 
 void writeIso(Output& out, std::int64_t timeNs, bool isLocal) {
   const CalendarTime time(timeNs);
-  out.advance(fmt::format_to(
-      out.room(kRoom), FMT_COMPILE("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:09}{}"),
-      static_cast<int>(time.date.year()), static_cast<unsigned>(time.date.month()),
-      static_cast<unsigned>(time.date.day()), time.clock.hours().count(),
-      time.clock.minutes().count(), time.clock.seconds().count(), time.nanoseconds,
-      isLocal ? "" : "Z"));
+  out.advance(
+      fmt::format_to(out.room(kRoom), FMT_COMPILE("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:09}{}"),
+                     static_cast<int>(time.date.year()), static_cast<unsigned>(time.date.month()),
+                     static_cast<unsigned>(time.date.day()), time.clock.hours().count(),
+                     time.clock.minutes().count(), time.clock.seconds().count(), time.nanoseconds,
+                     isLocal ? "" : "Z"));
 }
 
 // Rounded down. Whole seconds of the first times of all have no place in 64 bits of nanoseconds.
