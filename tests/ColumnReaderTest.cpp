@@ -5,6 +5,7 @@
 #include <bit>
 #include <cmath>
 #include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <string>
 #include <utility>
@@ -761,6 +762,45 @@ TEST(ColumnReader, TakesSeveralFilesForOne) {
   std::vector<MdfColumn> master;
   ASSERT_TRUE(parts.read(0, {0}, kFirst + 1, 1, master));
   EXPECT_DOUBLE_EQ(master[0].as<double>()[0], 4.000000001);
+}
+
+// More files than a process may have open.
+TEST(ColumnReader, KeepsFewOfManyFilesOpen) {
+  constexpr int kFiles = 100;
+  constexpr int kLong = 7;  // has more records than the others
+  constexpr int kLongRecords = 30'000;
+  const auto openFiles = [] {
+    std::error_code none;  // where the system does not tell: none
+    const std::filesystem::directory_iterator all("/proc/self/fd", none);
+    return std::distance(begin(all), end(all));
+  };
+  const test::TempDir dir;
+  std::vector<std::string> paths;
+  for (int i = 0; i < kFiles; ++i) {
+    paths.push_back(dir.path(std::to_string(i).append(".mf4")));
+    const FileBuilder file =
+        timedFile(i * std::int64_t{1'000'000'000}, i, i == kLong ? kLongRecords : 1);
+    std::filesystem::copy_file(file.write(), paths.back());
+  }
+  const auto before = openFiles();
+  MdfColumnReader reader(paths);
+  ASSERT_TRUE(reader.open()) << reader.error();
+  EXPECT_EQ(openFiles(), before);
+  MdfReadOptions options;
+  options.threads = 3;
+  std::vector<MdfColumn> columns;
+  ASSERT_TRUE(reader.read(0, {3}, 0, ~std::uint64_t{0}, columns, options));
+  EXPECT_EQ(openFiles(), before);
+  EXPECT_EQ(columns[0].rows(), std::uint64_t{kFiles - 1 + kLongRecords});
+  EXPECT_TRUE(shown(columns[0]).ends_with(" -97 - -99"));
+  EXPECT_EQ(reader.problems(), std::vector<std::string>());
+
+  std::filesystem::copy_file(timedFile(0, 0, 2).write(), paths[kLong],
+                             std::filesystem::copy_options::overwrite_existing);
+  ASSERT_TRUE(reader.read(0, {3}, kLong, 1, columns));
+  ASSERT_EQ(reader.problems().size(), 1U);
+  EXPECT_TRUE(reader.problems()[0].ends_with("it has changed since it was opened"))
+      << reader.problems()[0];
 }
 
 TEST(ColumnReader, FindsThePartsOfASplit) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <span>
@@ -19,6 +20,9 @@ enum class OpenMode : std::uint8_t {
   Create,  // a new or emptied file for reading and writing, "wb"
   Fill,    // as Create, but a file that exists must be empty
 };
+
+// Beside the numbers of errno: a file is not what it was when it was opened first.
+inline constexpr int kFileHasChanged = std::numeric_limits<int>::max();
 
 // How far a read got. Fewer bytes than asked for with an error of 0: the file ends there.
 struct ReadResult {

@@ -246,6 +246,7 @@ unsigned processGeneration() {
 }
 
 std::string systemErrorText(int error) {
+  if (error == kFileHasChanged) return "it has changed since it was opened";
   return std::generic_category().message(error);
 }
 

@@ -259,6 +259,7 @@ unsigned processGeneration() {
 }
 
 std::string systemErrorText(int error) {
+  if (error == kFileHasChanged) return "it has changed since it was opened";
   if (error == ECANCELED) return "Operation canceled";
   if (error >= 0) return std::generic_category().message(error);
   const auto number = static_cast<DWORD>(-error);

@@ -22,6 +22,7 @@ DirectFile::~DirectFile() {
 bool DirectFile::Close() {
   reads_.close();
   const std::unique_ptr<SystemFile> file = std::move(file_);
+  resting_ = nullptr;
   inflated_.clear();
   position_ = kNoPosition;
   end_ = 0;
@@ -33,9 +34,20 @@ bool DirectFile::Close() {
 bool DirectFile::open(const std::string& path, OpenMode mode) {
   Close();
   openError_.clear();
-  std::unique_ptr<SystemFile> file = openSystemFile(path, mode, openError_);
+  std::unique_ptr<SystemFile> file;
+  RestingFile* resting = nullptr;
+  if (mode == OpenMode::Read) {
+    auto opened = RestingFile::open(path, openError_);
+    resting = opened.get();
+    file = std::move(opened);
+  } else {
+    file = openSystemFile(path, mode, openError_);
+  }
   if (file == nullptr) return false;
-  if (attach(std::move(file))) return true;
+  if (attach(std::move(file))) {
+    resting_ = resting;
+    return true;
+  }
   openError_ = "its size is unknown";
   return false;
 }

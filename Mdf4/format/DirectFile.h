@@ -14,6 +14,7 @@
 #include "Mdf4/base/InflatedBlocks.h"
 #include "Mdf4/base/LoadBudget.h"
 #include "Mdf4/base/ProblemLog.h"
+#include "Mdf4/base/RestingFile.h"
 #include "Mdf4/base/System.h"
 
 namespace tolvex {
@@ -37,6 +38,11 @@ class DirectFile {
   // Closes what is open, then takes over `file`; its end becomes the end of the allocated area.
   [[nodiscard]] bool attach(std::unique_ptr<SystemFile> file);
   bool isOpen() const { return file_ != nullptr; }
+  // Gives its place among the open files back until it is read next, of a file that was opened to be
+  // read. It must not change meanwhile.
+  void rest() {
+    if (resting_ != nullptr) resting_->rest();
+  }
   const std::string& openError() const { return openError_; }
 
   // Reads exactly `length` bytes. A short read prints "DirectFile::ReadAt failed" and fails.
@@ -90,6 +96,7 @@ class DirectFile {
 
  private:
   std::unique_ptr<SystemFile> file_;
+  RestingFile* resting_ = nullptr;  // the same, when it may rest
   std::uint64_t position_ = kNoPosition;
   std::uint64_t end_ = 0;
   std::string openError_;

@@ -222,12 +222,4 @@ std::unique_ptr<ValueSource> RecordingData::values(const ModelGroup& group,
   return std::make_unique<SignalValues>(file_, segments);
 }
 
-void RecordingData::clear() {
-  mixed_.clear();
-  lastGroup_ = nullptr;
-  lastBatches_.reset();
-  tables_.clear();
-  unlistedAreFound_ = false;
-}
-
 }  // namespace tolvex

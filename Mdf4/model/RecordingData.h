@@ -35,7 +35,8 @@ class RecordingData {
   std::shared_ptr<MixedRecords> mixed(const ModelGroup& group);
   // Blocks whose length nothing else in the file states: values, and records of several groups.
   std::shared_ptr<SegmentTable> valueTable(std::uint64_t dataLink);
-  void clear();
+  // Nothing is read for a while.
+  void rest() { file_.rest(); }
 
  private:
   std::shared_ptr<RecordBatches> newBatches(const ModelGroup& group);

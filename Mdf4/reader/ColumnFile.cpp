@@ -25,6 +25,7 @@ bool ColumnFile::open() {
   describeRecording();
   recordingStartNs_ = info_.startTimeNs;
   notice_ = data_.reportUnfinished();
+  if (isOneOfMany_) file_.rest();
   return true;
 }
 
@@ -33,12 +34,14 @@ std::unique_ptr<ColumnFile::Again> ColumnFile::again() const {
   other->file.acceptUnfinished(true);
   const bool isSame = other->file.Open(path_, false) && other->file.end() == file_.end() &&
                       other->file.header()->hd_start_time_ns == file_.header()->hd_start_time_ns;
+  if (isOneOfMany_) other->file.rest();
   return isSame ? std::move(other) : nullptr;
 }
 
 std::vector<MdfColumnGroup> ColumnFile::describe() {
   std::vector<MdfColumnGroup> groups;
   for (const ModelGroup& group : tree_.groups) groups.push_back(describe(group));
+  if (isOneOfMany_) file_.rest();
   return groups;
 }
 

@@ -17,7 +17,9 @@ namespace tolvex {
 // Opens a file, however unfinished, and describes what there is to read. Not synchronised.
 class ColumnFile {
  public:
-  explicit ColumnFile(std::string path) : path_(std::move(path)) {}
+  // One of many is closed whenever nothing is read of it.
+  explicit ColumnFile(std::string path, bool isOneOfMany = false)
+      : path_(std::move(path)), isOneOfMany_(isOneOfMany) {}
   ColumnFile(const ColumnFile&) = delete;
   ColumnFile& operator=(const ColumnFile&) = delete;
   ~ColumnFile() { file_.Close(); }
@@ -40,6 +42,7 @@ class ColumnFile {
   ColumnPlan plan(const ModelGroup& group, const ModelChannel& channel);
 
   RecordingData& data() { return data_; }
+  bool isOneOfMany() const { return isOneOfMany_; }
   // The file once more, for another thread: what reads there shares nothing with this. Null when
   // it is no longer the same file.
   struct Again;
@@ -51,6 +54,7 @@ class ColumnFile {
   MdfColumnChannel describe(const ModelGroup& group, const ModelChannel& channel);
 
   const std::string path_;
+  const bool isOneOfMany_;
   MDF4File file_;
   FileTexts texts_{file_, TextForm::Checked};
   ConversionLoader conversions_{file_, texts_};

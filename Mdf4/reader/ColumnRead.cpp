@@ -116,6 +116,7 @@ class ColumnRead {
       plans.push_back(part.file->plan(
           *part.group, part.group->channels[static_cast<std::size_t>(column.channel)]));
     }
+    if (part.file->isOneOfMany()) part.file->data().rest();
     // A sequence of records of several groups is gone through in one piece.
     const auto dataGroup = static_cast<std::size_t>(part.group->dataGroup);
     const bool isSorted = part.file->tree().dataGroups[dataGroup].recordIdSize == 0;
@@ -160,6 +161,7 @@ class ColumnRead {
     if (records != nullptr) records->want(bytesThatMatter(plans_[share.part]));
     fill(records.get(), share, builders);
     for (const auto& builder : builders) share.columns.push_back(builder->finish());
+    if (parts_[share.part].file->isOneOfMany()) data.rest();
   }
 
   void tellProblems(const Helper& helper) {

@@ -17,6 +17,7 @@ namespace tolvex {
 namespace {
 
 constexpr const char* kOutOfMemory = "out of memory";
+constexpr std::size_t kMostOpen = 64;  // files that stay open
 
 std::string noTime(std::int32_t group) {
   return formatText("group %" PRId32 " has no master of time", group);
@@ -48,8 +49,9 @@ struct MdfColumnReaderState {
 
 // The files in the order of their start times.
 bool MdfColumnReaderState::open() {
+  const bool areMany = paths.size() > kMostOpen;
   for (const std::string& path : paths) {
-    ColumnFile& file = *files.emplace_back(std::make_unique<ColumnFile>(path));
+    ColumnFile& file = *files.emplace_back(std::make_unique<ColumnFile>(path, areMany));
     if (file.open()) continue;
     error = paths.size() > 1 ? path + ": " + file.error() : file.error();
     files.clear();
