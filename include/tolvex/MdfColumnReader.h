@@ -233,7 +233,8 @@ class TOLVEX_EXPORT MdfColumnReader {
  public:
   explicit MdfColumnReader(std::string path);
   // Several files as one recording, in the order of their start times. Groups of the same name and
-  // layout become one group; times count from the start of the first file.
+  // layout become one group; times count from the start of the first file. Of more than 64 files
+  // none stays open, and none may change until the reader is closed.
   explicit MdfColumnReader(std::vector<std::string> paths);
   ~MdfColumnReader();
   MdfColumnReader(MdfColumnReader&&) noexcept;

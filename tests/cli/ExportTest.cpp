@@ -216,6 +216,22 @@ TEST(Export, JoinsAndResamplesGroupsByTime) {
 }
 
 // A time far behind all others, as damaged files have it.
+// One record comes late.
+TEST(Export, GoesToARangeOfTimes) {
+  constexpr int kLate = 20'300;
+  std::vector<Bytes> records;
+  for (int i = 0; i < 50'000; ++i) {
+    records.push_back(packed(i == kLate ? 19.9995 : i / 1000.0, std::uint8_t(i % 100)));
+  }
+  FileBuilder file;
+  file.signalGroup({{.name = "x", .byteOffset = 8}}, records);
+  const std::string path = file.write();
+  EXPECT_EQ(runTolvex("export " + path + " --start 19.999 --end 20.001", 0).out,
+            "time,x\n19.999,99\n20,0\n19.9995,0\n");
+  const std::string told = runTolvex("export " + path + " --start 60", 0).err;
+  EXPECT_NE(told.find("from 0.000000 to 49.999000 s"), std::string::npos) << told;
+}
+
 TEST(Export, RefusesARasterOfBillionsOfRows) {
   FileBuilder file;
   file.signalGroup({}, {packed(0.0), packed(1e9)});
