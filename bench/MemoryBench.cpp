@@ -13,6 +13,7 @@
 #include "bench/Bench.h"
 #include "bench/CountedMemory.h"
 #include "bench/Inputs.h"
+#include "bench/ProgramRuns.h"
 #include "bench/Recordings.h"
 #include "tolvex/Mdf4.h"
 #include "tolvex/MdfEngine.h"
@@ -134,6 +135,23 @@ Peak readColumns(std::uint64_t length) {
   return {count.peak(), input.blocks(), complete};
 }
 
+// By the program: all columns of plain records as CSV, and frames as text.
+Peak exportTable(std::uint64_t length) {
+  const RecordFile& input = inputs().words(scaled(100'000) * length, 15);
+  const MemoryFile out;
+  const MemoryCount count;
+  const bool complete = runProgramOn(out, {"export", input.path, "--dg", "0"}) == 0;
+  return {count.peak(), input.blocks(), complete};
+}
+
+Peak printFrames(std::uint64_t length) {
+  const RecordFile& input = inputs().frames(scaled(1'250'000) * length);
+  const MemoryFile out;
+  const MemoryCount count;
+  const bool complete = runProgramOn(out, {"cat", input.path}) == 0;
+  return {count.peak(), input.blocks(), complete};
+}
+
 // The peak of a recording of so many frames.
 Peak record(std::uint64_t frames) {
   const test::TempDir folder;
@@ -225,6 +243,8 @@ void addMemoryBenches() {
       [](benchmark::State& state) { measureColumns(state, readColumn<true>); });
   add("peak memory: a column of deflated blocks",
       [](benchmark::State& state) { measureColumns(state, readColumn<false>); });
+  add("peak memory: export", [](benchmark::State& state) { measureColumns(state, exportTable); });
+  add("peak memory: cat", [](benchmark::State& state) { measureColumns(state, printFrames); });
   // The allocator may give a few bytes more than it is asked for, and how full the queue gets at
   // most is not the same every time.
   add("peak memory: recording frames",

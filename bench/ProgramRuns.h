@@ -35,16 +35,20 @@ class MemoryFile {
   int descriptor_;
 };
 
-// Runs a command whose result goes into the file. Gives a sum over that; 1 when it fails.
-inline Outcome runProgramInto(const MemoryFile& out, std::vector<std::string> words) {
+// Runs a command whose result goes into the file. Gives its exit code.
+inline int runProgramOn(const MemoryFile& out, std::vector<std::string> words) {
   words.insert(words.begin(), "tolvex");
   words.insert(words.end(), {"-o", out.path()});
   std::vector<char*> arguments;
   for (std::string& word : words) arguments.push_back(word.data());
   arguments.push_back(nullptr);
-  const Outcome outcome = timed([&] {
-    return static_cast<std::uint64_t>(runProgram(static_cast<int>(words.size()), arguments.data()));
-  });
+  return runProgram(static_cast<int>(words.size()), arguments.data());
+}
+
+// Likewise; gives a sum over what is in the file then, 1 when the command fails.
+inline Outcome runProgramInto(const MemoryFile& out, const std::vector<std::string>& words) {
+  const Outcome outcome =
+      timed([&] { return static_cast<std::uint64_t>(runProgramOn(out, words)); });
   return {outcome.seconds, outcome.result == 0 ? out.contentSum() : 1};
 }
 
