@@ -151,7 +151,9 @@ const std::uint8_t* MixedFrames::passPairs(const Kind& kind, const std::uint8_t*
     if (room < least || *at != frameId || at[1 + size] != valueId) break;
     const std::uint8_t* const record = at + 1;
     const auto length = loadNumber<std::uint32_t>(record + size + 1);
-    if (offset.read({record, size}) != next || length > std::min(kMostOfValue, room - least)) break;
+    if (offset.read({record, size}) != next ||
+        length > std::min<std::uint64_t>(kMostOfValue, room - least))
+      break;
     entries_.push_back(FrameEntry{number++, record, at + least, length, index});
     next += kValuePrefix + length;
     at += least + length;
