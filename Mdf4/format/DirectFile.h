@@ -38,8 +38,8 @@ class DirectFile {
   // Closes what is open, then takes over `file`; its end becomes the end of the allocated area.
   [[nodiscard]] bool attach(std::unique_ptr<SystemFile> file);
   bool isOpen() const { return file_ != nullptr; }
-  // Gives its place among the open files back until it is read next, of a file that was opened to be
-  // read. It must not change meanwhile.
+  // Gives its place among the open files back until it is read next, of a file that was opened to
+  // be read. It must not change meanwhile.
   void rest() {
     if (resting_ != nullptr) resting_->rest();
   }
