@@ -783,8 +783,13 @@ TEST(ColumnReader, KeepsFewOfManyFilesOpen) {
     std::filesystem::copy_file(file.write(), paths.back());
   }
   const auto before = openFiles();
+  const std::filesystem::path folder = std::filesystem::current_path();
+  std::filesystem::current_path(std::filesystem::path(paths[0]).parent_path());
+  paths[0] = "0.mf4";
   MdfColumnReader reader(paths);
-  ASSERT_TRUE(reader.open()) << reader.error();
+  const bool isOpen = reader.open();
+  std::filesystem::current_path(folder);
+  ASSERT_TRUE(isOpen) << reader.error();
   EXPECT_EQ(openFiles(), before);
   MdfReadOptions options;
   options.threads = 3;

@@ -1,13 +1,20 @@
 #include "Mdf4/base/RestingFile.h"
 
 #include <cerrno>
+#include <filesystem>
+#include <system_error>
+
+#include "Mdf4/base/Paths.h"
 
 namespace tolvex {
 
 std::unique_ptr<RestingFile> RestingFile::open(const std::string& path, std::string& error) {
   std::unique_ptr<SystemFile> file = openSystemFile(path, OpenMode::Read, error);
   if (file == nullptr) return nullptr;
-  auto resting = std::unique_ptr<RestingFile>(new RestingFile(path, std::move(file)));
+  std::error_code none;  // then the name is as it was
+  const std::filesystem::path whole = std::filesystem::absolute(pathOf(path), none);
+  auto resting =
+      std::unique_ptr<RestingFile>(new RestingFile(none ? path : pathText(whole), std::move(file)));
   static_cast<void>(fileStatus(path, resting->status_));  // without it, it looks changed later
   return resting;
 }
