@@ -764,6 +764,29 @@ TEST(ColumnReader, TakesSeveralFilesForOne) {
   EXPECT_DOUBLE_EQ(master[0].as<double>()[0], 4.000000001);
 }
 
+// Within a record: an empty block has no part in it, and of a damaged one only its own is lost.
+TEST(ColumnReader, ReadsOnBehindBlocksThatHaveNothing) {
+  for (const bool isDamaged : {false, true}) {
+    FileBuilder builder;
+    const Link group =
+        builder.cg({.channels = {builder.cn(field("x", 0, 0, 32))}, .records = 6, .dataBytes = 4});
+    const Bytes data = packed(1, 2, 3, 4, 5, 6);
+    std::vector<Link> blocks = {builder.dt({data.begin(), data.begin() + 9}),
+                                builder.dz(isDamaged ? Bytes{data[9]} : Bytes{}),
+                                builder.dt({data.begin() + (isDamaged ? 10 : 9), data.end()})};
+    if (isDamaged) {
+      builder.setByte(builder.dataPosition(blocks[1]) + 24, 0xFF);  // of the stream
+    } else {
+      blocks[1] = builder.dt({});
+    }
+    builder.dg({.groups = {group}, .data = builder.dl(blocks)});
+    MdfColumnReader reader(builder.write());
+    ASSERT_TRUE(reader.open()) << reader.error();
+    EXPECT_EQ(valuesOf(reader, "x"), isDamaged ? "1 2 - 4 5 6" : "1 2 3 4 5 6");
+    EXPECT_EQ(reader.problems().size(), isDamaged ? 1U : 0U);
+  }
+}
+
 // More files than a process may have open.
 TEST(ColumnReader, KeepsFewOfManyFilesOpen) {
   constexpr int kFiles = 100;

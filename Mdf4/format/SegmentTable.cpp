@@ -80,7 +80,9 @@ bool isOneOf(const DataSegment& segment, std::initializer_list<std::uint16_t> ty
 
 }  // namespace
 
-SegmentTable::SegmentTable(DirectFile& file, std::uint64_t dataLink, std::uint64_t expectedSize) {
+SegmentTable::SegmentTable(DirectFile& file, std::uint64_t dataLink, std::uint64_t expectedSize,
+                           Empty empty)
+    : empty_(empty) {
   valid_ = readLists(file, dataLink, expectedSize);
   if (!valid_) {
     if (file.isOpen()) {
@@ -97,7 +99,7 @@ SegmentTable::SegmentTable(DirectFile& file, std::uint64_t dataLink, std::uint64
 
 SegmentTable SegmentTable::ofWhatIsThere(DirectFile& file, std::uint64_t dataLink,
                                          bool lastIsOpen) {
-  SegmentTable table;
+  SegmentTable table(Empty::IsPassed);
   VisitedBlocks visited(file);
   ListedBlocks blocks(file, dataLink);
   ListedBlock block;
@@ -135,7 +137,6 @@ void SegmentTable::extendLast(std::uint64_t end) {
   DataSegment& last = data_[count() - 1];
   if (last.type == block_type::kDZ || last.damaged || end <= last.position + last.length) return;
   const std::uint64_t more = end - last.position - last.length;
-  if (last.length == 0) emptyStarts_.erase(emptyStarts_.end() - 2);  // it is not empty any more
   last.length += more;
   presentSize_ += more;
   totalSize_ += more;
@@ -298,7 +299,7 @@ void SegmentTable::finish(DirectFile& file) {
   DataSegment terminator;
   terminator.start = totalSize_;
   for (const DataSegment& segment : data_) {
-    if (segment.length == 0) emptyStarts_.push_back(segment.start);
+    if (segment.length == 0 && empty_ == Empty::EndsReading) emptyStarts_.push_back(segment.start);
   }
   if (!emptyStarts_.empty() && emptyStarts_.front() != totalSize_) {
     file.report(formatText("data of %" PRIu64

@@ -27,17 +27,21 @@ struct DataSegment {
 // per block. What a list does not say of a block is read when a stream reaches the block.
 class SegmentTable {
  public:
+  // What an empty block among others does.
+  enum class Empty : std::uint8_t { EndsReading, IsPassed };
+
   // Reads the lists at `dataLink` (0: nothing). `expectedSize`, or 0, only sizes the tables in
   // advance.
-  SegmentTable(DirectFile& file, std::uint64_t dataLink, std::uint64_t expectedSize);
+  SegmentTable(DirectFile& file, std::uint64_t dataLink, std::uint64_t expectedSize,
+               Empty empty = Empty::EndsReading);
   // What there is of the data blocks where lists and blocks may be damaged, or were never finished:
   // each contributes the bytes that it has, and a missing one is a damaged segment. Ends where it
   // cannot be told how much is missing, and with `lastIsOpen` behind a block that states no length.
-  // Looks at each block.
+  // Looks at each block. Empty ones are passed.
   static SegmentTable ofWhatIsThere(DirectFile& file, std::uint64_t dataLink,
                                     bool lastIsOpen = false);
-  // Of a recording that was not finished: the last block, unless it is compressed, goes on to
-  // `end`.
+  // Both where empty blocks are passed. Of a recording that was not finished: the last block,
+  // unless it is compressed, goes on to `end`.
   void extendLast(std::uint64_t end);
   // Adds a data block, with its bytes at the position, behind the others.
   void append(DirectFile& file, std::uint64_t position, std::uint64_t length);
@@ -67,7 +71,7 @@ class SegmentTable {
   [[nodiscard]] bool settle(DirectFile& file, std::size_t index, const BlockHeader& header);
 
  private:
-  SegmentTable() = default;
+  explicit SegmentTable(Empty empty) : empty_(empty) {}
 
   // What became of an entry of a list. Absent: so is the rest of the data.
   enum class Entry : std::uint8_t { Listed, Absent, Wrong };
@@ -90,7 +94,8 @@ class SegmentTable {
 
   std::vector<DataSegment> data_;
   std::vector<DataSegment> invalidation_;
-  std::vector<std::uint64_t> emptyStarts_;  // of the empty segments, ascending
+  Empty empty_;
+  std::vector<std::uint64_t> emptyStarts_;  // of the empty segments that end reading, ascending
   std::vector<std::size_t> byPosition_;  // the segments, only when they do not ascend in the file
   std::uint64_t totalSize_ = 0;
   std::uint64_t presentSize_ = 0;

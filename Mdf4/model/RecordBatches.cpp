@@ -35,7 +35,6 @@ RecordBatch SortedBatches::next(std::uint64_t most) {
     next_ += batch.rows.count;
     if (batch.rows.count != 0) return batch;
   }
-  // An empty block ends what the stream gives, but not the records.
   if (stream_.position() != next_ * storedSize_) stream_.Seek(next_ * storedSize_);
   batch.rows = rowsInMemory(most);
   if (batch.rows.count == 0) {
@@ -71,11 +70,14 @@ RecordRows SortedBatches::rowsInMemory(std::uint64_t most) {
           merged_.data() + merged_.size()};
 }
 
-// Those of which the damaged block at hand has a part.
+// Those of which the damaged block at hand has a part; of one that cannot be read now, likewise.
 std::uint64_t SortedBatches::passLost(std::uint64_t most) {
   const std::uint64_t start = next_ * storedSize_;
-  std::size_t segment = table_->find(start);
-  if (!(*table_)[segment].damaged) segment = table_->find(start + storedSize_ - 1);
+  const std::size_t first = table_->find(start);
+  const std::size_t last = table_->find(start + storedSize_ - 1);
+  std::size_t segment = first;
+  while (segment < last && !(*table_)[segment].damaged) ++segment;
+  if (!(*table_)[segment].damaged) segment = first;
   const std::uint64_t end = (*table_)[segment].start + (*table_)[segment].length;
   return std::clamp<std::uint64_t>((end - start + storedSize_ - 1) / storedSize_, 1, most);
 }

@@ -86,7 +86,8 @@ std::shared_ptr<SegmentTable> RecordingData::recordTable(const ModelGroup& group
   if (known != nullptr) return known;
   if (!file_.isUnfinished()) {
     const std::uint64_t expected = group.record.cg_cycle_count * group.recordSize();
-    known = std::make_shared<SegmentTable>(file_, data.data, expected);
+    known =
+        std::make_shared<SegmentTable>(file_, data.data, expected, SegmentTable::Empty::IsPassed);
     if (known->valid() && holdsWhatIsStated(*known, group)) return known;
   }
   return known = whatIsThere(data.data);
@@ -96,7 +97,7 @@ std::shared_ptr<SegmentTable> RecordingData::valueTable(std::uint64_t dataLink) 
   std::shared_ptr<SegmentTable>& known = tables_[dataLink];
   if (known != nullptr) return known;
   if (!file_.isUnfinished()) {
-    known = std::make_shared<SegmentTable>(file_, dataLink, 0);
+    known = std::make_shared<SegmentTable>(file_, dataLink, 0, SegmentTable::Empty::IsPassed);
     if (known->valid()) return known;
   }
   return known = whatIsThere(dataLink);
