@@ -787,6 +787,27 @@ TEST(ColumnReader, ReadsOnBehindBlocksThatHaveNothing) {
   }
 }
 
+// Whether a value is valid is not known where its invalidation bytes are missing.
+TEST(ColumnReader, GivesNoValuesWithoutTheirInvalidation) {
+  FileBuilder builder;
+  Cn channel = field("x", 0, 0, 16);
+  channel.flags = 2;
+  const Link group = builder.cg(
+      {.channels = {builder.cn(channel)}, .records = 8, .dataBytes = 2, .invalBytes = 1});
+  const Link first =
+      builder.dv(packed(std::uint16_t{1}, std::uint16_t{2}, std::uint16_t{3}, std::uint16_t{4}));
+  const Link second =
+      builder.dv(packed(std::uint16_t{5}, std::uint16_t{6}, std::uint16_t{7}, std::uint16_t{8}));
+  const Link data = builder.ld({first, second}, {builder.di({0, 1}), builder.di({0, 0, 1, 0})});
+  builder.dg({.groups = {group}, .data = data});
+  MdfColumnReader reader(builder.write());
+  ASSERT_TRUE(reader.open()) << reader.error();
+  EXPECT_EQ(valuesOf(reader, "x"), "1 - - - 5 6 - 8");
+  std::vector<MdfColumn> part;
+  ASSERT_TRUE(reader.read(0, {0}, 1, 4, part));
+  EXPECT_EQ(shown(part[0]), "- - - 5");
+}
+
 // More files than a process may have open.
 TEST(ColumnReader, KeepsFewOfManyFilesOpen) {
   constexpr int kFiles = 100;

@@ -62,11 +62,25 @@ RecordRows SortedBatches::rowsInMemory(std::uint64_t most) {
     return {bytes.data(), inMemory(recordSize_),
             inMemory(std::min(most, bytes.size() / recordSize_)), bytes.data() + bytes.size()};
   }
-  const auto records =
-      static_cast<std::uint32_t>(std::clamp<std::uint64_t>(kMostMerged / recordSize_, 1, most));
+  // Of one block, and those whose bytes of invalidation are there, too: all that is read at once is
+  // there, or nothing of it.
+  const std::uint64_t start = next_ * storedSize_;
+  const std::size_t index = table_->find(start);
+  const DataSegment& segment = (*table_)[index];
+  const DataSegment& beside = table_->invalidation(index);
+  std::uint64_t here =
+      std::max<std::uint64_t>((segment.start + segment.length - start) / storedSize_, 1);
+  if (beside.position != 0) {
+    const std::uint64_t before = (start - segment.start) / storedSize_;
+    const std::uint64_t stated = beside.length / (recordSize_ - storedSize_);
+    here = std::min(here, stated - std::min(stated, before));
+    if (here == 0) return {};
+  }
+  const auto records = static_cast<std::uint32_t>(
+      std::min({std::max<std::uint64_t>(kMostMerged / recordSize_, 1), here, most}));
   merged_.resize(inMemory(records * recordSize_));
-  const std::uint64_t got = stream_.Read(merged_.size(), merged_.data(), records);
-  return {merged_.data(), inMemory(recordSize_), inMemory(got / recordSize_),
+  const bool isWhole = stream_.Read(merged_.size(), merged_.data(), records) == merged_.size();
+  return {merged_.data(), inMemory(recordSize_), isWhole ? records : 0,
           merged_.data() + merged_.size()};
 }
 
