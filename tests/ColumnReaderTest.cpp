@@ -808,6 +808,25 @@ TEST(ColumnReader, GivesNoValuesWithoutTheirInvalidation) {
   EXPECT_EQ(shown(part[0]), "- - - 5");
 }
 
+// Nothing can shift it to the start of the first file.
+TEST(ColumnReader, GivesAMasterThatIsNoNumberAsItIsDescribed) {
+  for (const std::uint8_t dataType : {std::uint8_t{7}, std::uint8_t{132}}) {
+    FileBuilder builder;
+    Cn master = field("time", dataType, 0, 16);
+    master.type = 2;
+    master.sync = 1;
+    const Link group = builder.cg({.channels = {builder.cn(master)}, .records = 1, .dataBytes = 2});
+    builder.dg({.groups = {group}, .data = builder.dt({'a', 'b'})});
+    const std::string path = builder.write();
+    MdfColumnReader reader({path, path});
+    ASSERT_TRUE(reader.open()) << reader.error();
+    std::vector<MdfColumn> columns;
+    ASSERT_TRUE(reader.read(0, {0}, 0, 2, columns));
+    EXPECT_EQ(columns[0].type(), reader.groups()[0].channels[0].type);
+    EXPECT_EQ(columns[0].type(), dataType == 7 ? MdfColumnType::Text : MdfColumnType::Bytes);
+  }
+}
+
 // More files than a process may have open.
 TEST(ColumnReader, KeepsFewOfManyFilesOpen) {
   constexpr int kFiles = 100;

@@ -108,9 +108,7 @@ std::vector<MdfColumn> MdfColumnReaderState::read(const RecordingGroup& group,
                                                   std::uint64_t& rows) {
   const std::vector<ColumnPart> there = parts(group, first, count);
   for (WantedColumn& column : wanted) {
-    const ModelGroup& part = *there.front().group;
-    const m4CNRecord& channel = part.channels[static_cast<std::size_t>(column.channel)].record;
-    const bool isShifted = group.members.size() > 1 && givesTime(channel) && !options.raw;
+    const bool isShifted = column.channel == group.inSeconds && !options.raw;
     if (isShifted && column.form <= ColumnForm::Doubles) column.form = ColumnForm::Seconds;
   }
   std::vector<MdfColumn> columns = readColumns(there, wanted, options.threads);

@@ -30,14 +30,16 @@ std::size_t keyOf(const MdfColumnGroup& group) {
   return key;
 }
 
-// Over several files a master of time is in seconds since the start of the first one.
-void countInSeconds(MdfColumnGroup& group) {
-  if (group.master < 0) return;
+// Over several files a master of time is in seconds since the start of the first one. Gives that
+// channel; -1: there is none.
+std::int32_t countInSeconds(MdfColumnGroup& group) {
+  if (group.master < 0) return -1;
   MdfColumnChannel& master = group.channels[static_cast<std::size_t>(group.master)];
   const bool isNumber = master.type != MdfColumnType::None && master.type < MdfColumnType::Text;
-  if (master.syncType != 1 || !isNumber || !master.shape.empty()) return;
+  if (master.syncType != 1 || !isNumber || !master.shape.empty()) return -1;
   master.type = MdfColumnType::Float64;
   master.unit = "s";
+  return group.master;
 }
 
 }  // namespace
@@ -61,7 +63,7 @@ RecordingGroups::RecordingGroups(const std::vector<std::unique_ptr<ColumnFile>>&
       const RecordingGroup::Member member{file, i, group.records};
       if (found == groups.size()) {
         known.emplace(key, found);
-        groups.push_back({{member}});
+        groups.push_back({{member}, -1});
         described.push_back(std::move(group));
       } else {
         groups[found].members.push_back(member);
@@ -74,7 +76,7 @@ RecordingGroups::RecordingGroups(const std::vector<std::unique_ptr<ColumnFile>>&
     }
   }
   for (std::size_t i = 0; i < groups.size(); ++i) {
-    if (groups[i].members.size() > 1) countInSeconds(described[i]);
+    if (groups[i].members.size() > 1) groups[i].inSeconds = countInSeconds(described[i]);
   }
 }
 
