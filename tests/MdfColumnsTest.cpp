@@ -75,7 +75,7 @@ std::string bytesAt(const ArrowArray& array, std::int64_t i) {
   return {bytes + offsets[i], bytes + offsets[i + 1]};
 }
 
-// A value as the specification of the interface reads it; "-" for nulls.
+// A value as consumers of the Arrow C data interface read it; "-" for nulls.
 std::string shown(const ArrowSchema& schema, const ArrowArray& array, std::int64_t i) {
   const std::string format = schema.format;
   if (!isValid(array, i)) return "-";
