@@ -29,7 +29,7 @@ class CanRecordPlan {
     Part part;
     const std::uint16_t* ofByte = nullptr;
   };
-  // Bits of a word that are flags, as far from their places there.
+  // Flags that are bits of a word, each as far from its place among the flags.
   struct FlagBits {
     std::size_t word = 0;
     unsigned right = 0;  // by so much the word is shifted, and then

@@ -40,8 +40,8 @@ class SegmentTable {
   // Looks at each block. Empty ones are passed.
   static SegmentTable ofWhatIsThere(DirectFile& file, std::uint64_t dataLink,
                                     bool lastIsOpen = false);
-  // Both where empty blocks are passed. Of a recording that was not finished: the last block,
-  // unless it is compressed, goes on to `end`.
+  // Of a recording that was not finished: the last block, unless it is compressed, goes on to
+  // `end`. This and append are for tables that pass empty blocks.
   void extendLast(std::uint64_t end);
   // Adds a data block, with its bytes at the position, behind the others.
   void append(DirectFile& file, std::uint64_t position, std::uint64_t length);
