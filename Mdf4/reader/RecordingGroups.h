@@ -18,8 +18,8 @@ struct RecordingGroup {
     std::uint64_t records = 0;
   };
   std::vector<Member> members;  // at least one
-  std::int32_t inSeconds =
-      -1;  // the channel that counts from the start of the first file; -1: none
+  // The channel that counts from the start of the first file; -1: none.
+  std::int32_t inSeconds = -1;
 };
 
 // Those of all files, which are in order. Groups of the same name and layout continue each other:

@@ -15,7 +15,6 @@ constexpr std::uint64_t kMostAtOnce = std::uint64_t{1} << 16;  // records
 // ones behind them take all of the memory.
 constexpr std::uint64_t kFirstWithSizes = 1;
 constexpr std::uint64_t kMostWithSizes = 2048;
-constexpr std::uint64_t kMostLate = 1024;  // records behind such of later times
 
 MdfColumnType typeOf(const MdfColumnChannel& channel, bool raw) {
   return raw ? channel.rawType : channel.type;
@@ -61,59 +60,13 @@ GroupRows::GroupRows(MdfColumnReader& reader, const TablePart& part, const Wante
   }
   atOnce_ =
       std::clamp<std::uint64_t>(wanted.bytes / bytes, 1, hasSizes_ ? kFirstWithSizes : kMostAtOnce);
-  end_ = records_;
-  if (wanted_.hasWindow() && records_ != 0) {
-    goToWindow();
-  }
-}
-
-// Times ascend, but for a few that come late. Where some are missing, nothing is left out.
-void GroupRows::goToWindow() {
-  const std::optional<std::int64_t> first = timeOf(0);
-  const std::optional<std::int64_t> last = timeOf(records_ - 1);
-  if (!first || !last) {
-    return;
-  }
-  span_.add(*first);
-  span_.add(*last);
-  const std::optional<std::uint64_t> begin = firstFrom(wanted_.firstNs);
-  const std::optional<std::uint64_t> end = firstFrom(wanted_.endNs);
-  if (begin && end) {
-    done_ = *begin - std::min(*begin, kMostLate);
-    end_ = std::max(done_, *end + std::min(records_ - *end, kMostLate));
-  }
-}
-
-// The number of the first record from that time on; nothing when a time in between is missing.
-std::optional<std::uint64_t> GroupRows::firstFrom(std::int64_t timeNs) {
-  std::uint64_t low = 0;
-  std::uint64_t high = records_;
-  while (low < high) {
-    const std::uint64_t middle = low + (high - low) / 2;
-    const std::optional<std::int64_t> found = timeOf(middle);
-    if (!found) {
-      return std::nullopt;
-    }
-    if (*found < timeNs) {
-      low = middle + 1;
-    } else {
-      high = middle;
-    }
-  }
-  return low;
-}
-
-std::optional<std::int64_t> GroupRows::timeOf(std::uint64_t record) {
-  std::int64_t timeNs = kMdfNoTime;
-  const bool isRead = reader_.readNanoseconds(group_, record, 1, &timeNs) == 1;
-  return isRead && timeNs != kMdfNoTime ? std::optional(timeNs) : std::nullopt;
 }
 
 std::shared_ptr<const RowChunk> GroupRows::next() {
-  while (error_.empty() && done_ < end_) {
+  while (error_.empty() && done_ < records_) {
     const auto chunk = std::make_shared<RowChunk>();
     chunk->first = done_;
-    chunk->count = static_cast<std::size_t>(std::min(atOnce_, end_ - done_));
+    chunk->count = static_cast<std::size_t>(std::min(atOnce_, records_ - done_));
     // Of those that may not be wanted, the times tell.
     if (wanted_.hasWindow() && !readTimes(*chunk)) {
       return nullptr;

@@ -7,7 +7,6 @@
 #include <cstdint>
 #include <limits>
 #include <memory>
-#include <optional>
 #include <vector>
 
 #include "Output.h"
@@ -32,7 +31,7 @@ class GroupRows {
     bool raw = false;  // values before their conversion
     bool seconds = false;
     bool nanoseconds = false;
-    // Records from the first of these times on and before the end; others may be left out.
+    // Chunks without a record from the first of these times on and before the end may be left out.
     std::int64_t firstNs = std::numeric_limits<std::int64_t>::min();
     std::int64_t endNs = std::numeric_limits<std::int64_t>::max();
     std::size_t bytes = std::size_t{1} << 20;  // of a chunk, about
@@ -69,9 +68,6 @@ class GroupRows {
     std::uint64_t index(std::size_t row) const { return row * elements + element; }
   };
 
-  void goToWindow();
-  std::optional<std::uint64_t> firstFrom(std::int64_t timeNs);
-  std::optional<std::int64_t> timeOf(std::uint64_t record);
   bool readTimes(RowChunk& chunk);
   bool holdsWanted(const RowChunk& chunk) const;
   void addToSpan(const RowChunk& chunk);
@@ -87,7 +83,6 @@ class GroupRows {
   std::uint64_t atOnce_ = 1;   // records
   std::uint64_t done_ = 0;     // likewise
   std::uint64_t records_ = 0;  // that there are
-  std::uint64_t end_ = 0;      // behind the last one that may be wanted
   TimeSpan span_;
   std::string error_;
 };
