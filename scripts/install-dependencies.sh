@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # install-dependencies.sh GROUP...: installs the Debian packages that are missing for
-#   build  configuring, building and testing with GCC
+#   build  configuring, building and testing with GCC; what the tests of the Python package use
 #   bench  the benches
-#   check  clang builds, sanitizers, fuzz targets, clang-format, clang-tidy
+#   check  clang builds, sanitizers, fuzz targets, clang-format, clang-tidy, mypy, black
 #   package  making Debian packages and trying them
 #   arrow  fetching the engine that scans streams of Arrow arrays
 #   32-bits  compiling for 32 bits
@@ -14,10 +14,12 @@ for group in "$@"; do
   case $group in
     build)
       packages+=(cmake ninja-build g++ pkg-config zlib1g-dev libdeflate-dev libgtest-dev libcli11-dev
-        nlohmann-json3-dev libfmt-dev python3)
+        nlohmann-json3-dev libfmt-dev python3
+        python3-can python3-dask python3-distributed python3-matplotlib python3-numpy python3-pandas
+        python3-pip python3-pytest python3-tqdm python3-venv python3-xarray)
       ;;
     bench) packages+=(libbenchmark-dev libhdf5-dev libsqlite3-dev) ;;
-    check) packages+=(clang libclang-rt-dev llvm clang-format clang-tidy) ;;
+    check) packages+=(clang libclang-rt-dev llvm clang-format clang-tidy mypy black) ;;
     package) packages+=(dpkg-dev man-db groff-base bsdextrautils zsh fish) ;;
     arrow) command -v npm >/dev/null || packages+=(npm) ;;
     32-bits) packages+=(g++-multilib) ;;
