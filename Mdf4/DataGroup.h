@@ -1,7 +1,9 @@
 // A data group of a file under construction: its blocks, its record layout and its records.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -62,6 +64,18 @@ class DataGroup {
   void insertInPlace() {
     stream_->appendInPlace(recordSize_);
     ++recordCount_;
+  }
+  // Appends those of the `count` records at `data`, from the first on, that need no write: how
+  // many.
+  std::uint64_t insertInPlace(std::uint32_t size, const std::uint8_t* data, std::uint64_t count) {
+    if (stream_ == nullptr || size != recordSize_) return 0;
+    const std::uint64_t taken = std::min(count, stream_->roomInPlace() / size);
+    const std::uint64_t bytes = taken * size;
+    if (taken == 0) return 0;
+    std::memcpy(stream_->placeFor(bytes), data, inMemory(bytes));
+    stream_->appendInPlace(bytes);
+    recordCount_ += taken;
+    return taken;
   }
   // Writes what is left of the records, their number and the data group. False, with a message when
   // it is the data group, when something could not be written.

@@ -41,12 +41,47 @@ Result refusal() {
 
 }  // namespace
 
-std::uint8_t* MdfTasks::push(int groupIndex, std::uint32_t size) {
-  const MdfTask task = {groupIndex, size};
-  const std::size_t at = bytes_.size();
-  bytes_.resize(at + sizeof task + size);
-  std::memcpy(bytes_.data() + at, &task, sizeof task);
-  return bytes_.data() + at + sizeof task;
+void MdfTasks::clear() {
+  std::erase_if(pieces_, [](const Piece& piece) { return piece.capacity != kPieceBytes; });
+  if (pieces_.size() > kMostKept) pieces_.resize(kMostKept);
+  for (Piece& piece : pieces_) piece.size = 0;
+  used_ = 0;
+}
+
+std::uint8_t* MdfTasks::push(const MdfTask& task) {
+  std::uint8_t* const place = placeFor(inMemory(sizeof task + task.bytes()));
+  std::memcpy(place, &task, sizeof task);
+  return place + sizeof task;
+}
+
+std::uint8_t* MdfTasks::placeFor(std::size_t size) {
+  if (used_ == 0 || pieces_[used_ - 1].capacity - pieces_[used_ - 1].size < size) {
+    if (used_ == pieces_.size()) pieces_.emplace_back();
+    Piece& next = pieces_[used_];
+    const std::size_t capacity = std::max(size, kPieceBytes);
+    if (next.capacity < capacity) {
+      next = {};
+      next.bytes.reset(new std::uint8_t[capacity]);
+      next.capacity = capacity;
+    }
+    ++used_;
+  }
+  Piece& piece = pieces_[used_ - 1];
+  piece.size += size;
+  return piece.bytes.get() + (piece.size - size);
+}
+
+bool MdfTasks::Cursor::next() {
+  if (piece_ < tasks_.used_ && at_ == tasks_.pieces_[piece_].size) {
+    ++piece_;
+    at_ = 0;
+  }
+  if (piece_ == tasks_.used_) return false;
+  const std::uint8_t* const place = tasks_.pieces_[piece_].bytes.get() + at_;
+  std::memcpy(&task_, place, sizeof task_);
+  records_ = place + sizeof task_;
+  at_ += inMemory(sizeof task_ + task_.bytes());
+  return true;
 }
 
 MdfAsyncRecorder::MdfAsyncRecorder(FileOpener open) : MdfRecorder(std::move(open)) {}
@@ -230,20 +265,49 @@ bool MdfAsyncRecorder::insertData(std::uint32_t groupIndex, std::uint32_t size,
 bool MdfAsyncRecorder::insertRecord(const RecordData& record, int groupIndex) {
   if (isParents()) return false;
   MutexLock lock(mutex_);
-  if (!queueing_.accepting || groupIndex < 0 ||
-      static_cast<std::size_t>(groupIndex) >= queueing_.groupCount) {
-    return refuse();
-  }
+  if (!accepts(groupIndex)) return refuse();
   if (const std::uint64_t waiting = pending(); isFull(waiting)) {
     lock.unlock();
     return discard("insertRecord", waiting);
   }
-  std::uint8_t* const place = push(groupIndex, record.size());
+  std::uint8_t* const place = push({groupIndex, record.size(), 1});
   if (place == nullptr) return false;
   std::memcpy(place, record.data(), record.size());
   const Counted task = count(timestampOf(record, queueing_.startTime));
   lock.unlock();
   announce(task, insertedRecords);
+  return true;
+}
+
+bool MdfAsyncRecorder::insertRecords(std::uint32_t groupIndex, std::uint64_t count,
+                                     std::uint32_t size, const std::uint8_t* data,
+                                     std::uint64_t& taken) {
+  constexpr std::uint32_t kMostBytes = 64 * 1024;  // of a task, unless a record has more
+  if (isParents() || size == 0) return false;
+  const std::uint64_t most = std::clamp(kMostBytes / size, 1U, DataGroup::kRecordsPerBlock);
+  do {
+    const std::uint64_t rest = count - taken;
+    const auto records = static_cast<std::uint32_t>(std::min(rest, most));
+    MutexLock lock(mutex_);
+    if (!accepts(groupIndex)) return refuse(rest) || taken != 0;
+    if (records == 0) break;
+    if (const std::uint64_t waiting = pending(); isFull(waiting)) {
+      lock.unlock();
+      discard("insertRecords", waiting);
+      break;
+    }
+    const MdfTask task = {static_cast<std::int32_t>(groupIndex), size, records};
+    std::uint8_t* const place = push(task);
+    if (place == nullptr) {
+      queueing_.refused += rest - records;  // the others are counted
+      break;
+    }
+    std::memcpy(place, data + taken * size, tolvex::inMemory(task.bytes()));
+    taken += records;
+    const Counted counted = this->count(0);
+    lock.unlock();
+    announce(counted, insertedRecords, static_cast<int>(records));
+  } while (taken < count);
   return true;
 }
 
@@ -262,7 +326,7 @@ bool MdfAsyncRecorder::saveCanMessage(std::uint64_t timestamp, const MdfCanMessa
     lock.unlock();
     return discard("saveCanMessage", waiting);
   }
-  std::uint8_t* const record = push(queueing_.busGroup, queueing_.busRecordSize);
+  std::uint8_t* const record = push({queueing_.busGroup, queueing_.busRecordSize, 1});
   if (record == nullptr) return false;
   DataFramePacking::pack(record, secondsSince(queueing_.startTime, timestamp), message,
                          queueing_.maxPayload);
@@ -273,22 +337,22 @@ bool MdfAsyncRecorder::saveCanMessage(std::uint64_t timestamp, const MdfCanMessa
 }
 
 // What comes after a split that failed is lost.
-bool MdfAsyncRecorder::refuse() {
-  if (queueing_.ended) ++queueing_.refused;
+bool MdfAsyncRecorder::refuse(std::uint64_t records) {
+  if (queueing_.ended) queueing_.refused += records;
   return false;
 }
 
-// A task at the end of the queue. Returns where its record belongs, or null when
-// there is no memory for it and it is lost.
-std::uint8_t* MdfAsyncRecorder::push(int groupIndex, std::uint32_t size) {
-  const auto index = static_cast<std::size_t>(groupIndex);
+// Puts the task at the end of the queue. Returns where its records belong, or null when there is no
+// memory for them and they are lost.
+std::uint8_t* MdfAsyncRecorder::push(const MdfTask& task) {
+  const auto index = static_cast<std::size_t>(task.groupIndex);
   try {
     if (index >= queueing_.hasRecords.size()) queueing_.hasRecords.resize(index + 1);
-    std::uint8_t* const place = queued_.push(groupIndex, size);
+    std::uint8_t* const place = queued_.push(task);
     queueing_.hasRecords[index] = true;
     return place;
   } catch (const std::bad_alloc&) {
-    ++queueing_.refused;
+    queueing_.refused += task.count;
     queueing_.outOfMemory = true;
     return nullptr;
   }
@@ -313,9 +377,9 @@ MdfAsyncRecorder::Counted MdfAsyncRecorder::count(std::uint64_t timestamp) {
   return WorkerThread::count();
 }
 
-void MdfAsyncRecorder::announce(const Counted& task, std::atomic<int>& counter) {
+void MdfAsyncRecorder::announce(const Counted& task, std::atomic<int>& counter, int records) {
   WorkerThread::announce(task);
-  const int count = counter.fetch_add(1, std::memory_order_relaxed) + 1;
+  const int count = counter.fetch_add(records, std::memory_order_relaxed) + records;
   printDiagnostic("[info] count: %d, residue: %lld\n", count, static_cast<long long>(task.pending));
 }
 
@@ -330,38 +394,43 @@ void MdfAsyncRecorder::doWork() {
                   static_cast<int>(written), static_cast<long long>(pending()));
 }
 
-// Returns the number of tasks that had a group.
+// Returns the number of records that had a group.
 std::uint64_t MdfAsyncRecorder::writeAll(const MdfTasks& batch) {
-  constexpr std::uint64_t kTasksPerLock = 64;  // between them, others get at the file
+  constexpr std::uint64_t kRecordsPerLock = 64;  // or a task; between them, others get at the file
   std::uint64_t written = 0;
-  std::uint64_t sinceLock = 0;
+  std::uint64_t tasks = 0;  // since the lock was taken, likewise the records
+  std::uint64_t records = 0;
   MutexLock lock(fileMutex_);
-  for (MdfTasks::Cursor task(batch); task.next();) {
-    written += write(task.groupIndex(), task.record()) ? 1 : 0;
-    if (++sinceLock < kTasksPerLock) continue;
-    done(std::exchange(sinceLock, 0));
+  for (MdfTasks::Cursor at(batch); at.next();) {
+    written += write(at.task(), at.records()) ? at.task().count : 0;
+    ++tasks;
+    records += at.task().count;
+    if (records < kRecordsPerLock) continue;
+    done(std::exchange(tasks, 0));
+    records = 0;
     lock.unlock();
     lock.lock();
   }
-  done(sinceLock);
+  done(tasks);
   return written;
 }
 
 // False when the task has no group.
-bool MdfAsyncRecorder::write(int groupIndex, ByteSpan record) {
-  DataGroup* const target = group(groupIndex);
-  if (target == nullptr) {
-    countLost();
-    return false;
-  }
-  if (record.size() != target->recordSize()) {
-    countLost();  // of another group, or made before the group had all its channels
-  } else {
+bool MdfAsyncRecorder::write(const MdfTask& task, const std::uint8_t* records) {
+  const std::uint32_t size = task.recordSize;
+  std::uint64_t rest = task.count;
+  DataGroup* target = group(task.groupIndex);
+  const bool known = target != nullptr;
+  while (rest != 0 && target != nullptr && size == target->recordSize()) {
     // The group counts what it loses.
-    static_cast<void>(target->insert(static_cast<std::uint32_t>(record.size()), record.data()));
+    const std::uint64_t run = std::max(insertRun(*target, rest, size, records), std::uint64_t{1});
+    rest -= run;
+    records += run * size;
+    if (!stopping()) split();
+    target = group(task.groupIndex);
   }
-  if (!stopping()) split();
-  return true;
+  countLost(rest);  // of another group, made before the group had all its channels, or without one
+  return known;
 }
 
 // Starts the next file when it is time.

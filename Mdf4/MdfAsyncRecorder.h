@@ -14,47 +14,58 @@
 
 namespace tolvex {
 
-// A record on its way to its group.
+// Records on their way to their group.
 struct MdfTask {
   std::int32_t groupIndex;
-  std::uint32_t size;  // of the record that follows, bytes
+  std::uint32_t recordSize;  // bytes
+  std::uint32_t count;       // of the records that follow
+
+  std::uint64_t bytes() const { return std::uint64_t{recordSize} * count; }
 };
 
-// Tasks, each with its record, back to back.
+// Tasks in order, each with its records behind it, in pieces of memory that are used again.
 class MdfTasks {
  public:
-  bool empty() const { return bytes_.empty(); }
-  void clear() { bytes_.clear(); }
-  // A task at the end. Returns where its record of `size` bytes belongs, until the next push.
-  [[nodiscard]] std::uint8_t* push(int groupIndex, std::uint32_t size);
+  bool empty() const { return used_ == 0; }
+  void clear();
+  // Puts it at the end. Returns where its records belong.
+  [[nodiscard]] std::uint8_t* push(const MdfTask& task);
 
-  // Goes along the tasks, in order: until next() is false, the current one and its record.
+  // Goes along the tasks: until next() is false, the current one and its records.
   class Cursor {
    public:
-    explicit Cursor(const MdfTasks& tasks) : rest_(tasks.bytes_) {}
-    [[nodiscard]] bool next() {
-      if (rest_.empty()) return false;
-      std::memcpy(&task_, rest_.data(), sizeof task_);
-      record_ = rest_.subspan(sizeof task_, task_.size);
-      rest_ = rest_.subspan(sizeof task_ + task_.size);
-      return true;
-    }
-    int groupIndex() const { return task_.groupIndex; }
-    ByteSpan record() const { return record_; }
+    explicit Cursor(const MdfTasks& tasks) : tasks_(tasks) {}
+    [[nodiscard]] bool next();
+    const MdfTask& task() const { return task_; }
+    const std::uint8_t* records() const { return records_; }
 
    private:
-    ByteSpan rest_;
+    const MdfTasks& tasks_;
+    std::size_t piece_ = 0;
+    std::size_t at_ = 0;  // in the piece
     MdfTask task_ = {};
-    ByteSpan record_;
+    const std::uint8_t* records_ = nullptr;
   };
 
  private:
-  std::vector<std::uint8_t> bytes_;
+  struct Piece {
+    std::unique_ptr<std::uint8_t[]> bytes;
+    std::size_t size = 0;
+    std::size_t capacity = 0;
+  };
+  static constexpr std::size_t kPieceBytes = 256 * 1024;  // a task that is larger has one alone
+  static constexpr std::size_t kMostKept = 16;            // pieces
+
+  std::uint8_t* placeFor(std::size_t size);
+
+  std::vector<Piece> pieces_;
+  std::size_t used_ = 0;  // of the pieces
 };
 
 // Copies records and frames into a queue, from which a thread of its own writes them in the order
-// in which they came. While maxPendingTasks are queued, new ones are discarded with a message. All
-// data frames go into one group.
+// in which they came. While maxPendingTasks are queued, new ones are discarded with a message;
+// records that come many at a time are one task for up to 512 of them and 64 KiB. All data frames
+// go into one group.
 //
 // Any number of threads may insert records and save frames, while others define groups, save errors
 // (which are written at once) or ask for counts; one thread at a time starts, stops and destroys.
@@ -82,6 +93,10 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
   int setDataGroupComment(int groupIndex, const std::string& comment) override;
   int setAcquisitionName(int groupIndex, const std::string& name) override;
   bool insertData(std::uint32_t groupIndex, std::uint32_t size, const std::uint8_t* data) override;
+  // Queues them. Whether the group has records of that size shows when they are written.
+  [[nodiscard]] bool insertRecords(std::uint32_t groupIndex, std::uint64_t count,
+                                   std::uint32_t size, const std::uint8_t* data,
+                                   std::uint64_t& taken) override;
   [[nodiscard]] std::unique_ptr<RecordData> createRecordData(int groupIndex) override;
   int setParameter(int paramId, int dataSize, const void* data) override;
   void setMaxCanDataLength(int bytes) override;
@@ -116,14 +131,19 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
   std::uint64_t latestTime() override TOLVEX_REQUIRES(fileMutex_);
   void doWork() override;
   std::uint64_t writeAll(const MdfTasks& batch) TOLVEX_EXCLUDES(fileMutex_);
-  bool write(int groupIndex, ByteSpan record) TOLVEX_REQUIRES(fileMutex_);
+  bool write(const MdfTask& task, const std::uint8_t* records) TOLVEX_REQUIRES(fileMutex_);
   void split() TOLVEX_REQUIRES(fileMutex_);
   void publish() TOLVEX_REQUIRES(fileMutex_);
-  bool refuse() TOLVEX_REQUIRES(mutex_);
-  [[nodiscard]] std::uint8_t* push(int groupIndex, std::uint32_t size) TOLVEX_REQUIRES(mutex_);
+  bool accepts(std::int64_t groupIndex) const TOLVEX_REQUIRES(mutex_) {
+    return queueing_.accepting && groupIndex >= 0 &&
+           static_cast<std::uint64_t>(groupIndex) < queueing_.groupCount;
+  }
+  bool refuse(std::uint64_t records = 1) TOLVEX_REQUIRES(mutex_);
+  [[nodiscard]] std::uint8_t* push(const MdfTask& task) TOLVEX_REQUIRES(mutex_);
   [[nodiscard]] bool prepareBusLog() TOLVEX_EXCLUDES(fileMutex_);
   [[nodiscard]] Counted count(std::uint64_t timestamp) TOLVEX_REQUIRES(mutex_);
-  void announce(const Counted& task, std::atomic<int>& counter) TOLVEX_EXCLUDES(mutex_);
+  void announce(const Counted& task, std::atomic<int>& counter, int records = 1)
+      TOLVEX_EXCLUDES(mutex_);
 
   // Guards the recorder that this one derives from: groups and file. Taken before mutex_, never
   // inside it, and never by a caller who only queues.

@@ -310,6 +310,18 @@ int insertDataToDG(void* recorder, unsigned dgIndex, int size, const void* data)
   });
 }
 
+int64_t insertRecordsToDG(void* recorder, unsigned dgIndex, uint64_t count, int size,
+                          const void* data) {
+  if (recorder == nullptr || size <= 0 || (data == nullptr && count != 0)) return kFailure;
+  if (count > static_cast<std::uint64_t>(INT64_MAX / size)) return kFailure;
+  std::uint64_t taken = 0;
+  const bool possible = guarded(false, [&] {
+    return recorderOf(recorder)->insertRecords(dgIndex, count, static_cast<std::uint32_t>(size),
+                                               static_cast<const std::uint8_t*>(data), taken);
+  });
+  return possible || taken != 0 ? static_cast<std::int64_t>(taken) : kFailure;
+}
+
 void freeRecord(void* record) {
   delete static_cast<RecordData*>(record);
 }

@@ -352,11 +352,11 @@ std::uint64_t MdfRecorder::oddTimestamp(double offset, std::uint64_t startTime) 
   return startTime > before ? startTime - before : 0;
 }
 
-// The group, or null: then a record is lost, if it is a failed split that took the group away.
-DataGroup* MdfRecorder::groupForRecord(std::int64_t index) {
+// The group, or null: then records are lost, if it is a failed split that took the group away.
+DataGroup* MdfRecorder::groupForRecord(std::int64_t index, std::uint64_t records) {
   DataGroup* const target = group(index);
   const bool known = index >= 0 && static_cast<std::uint64_t>(index) < groupCount();
-  if (target == nullptr && (known || brokenOff_)) countLost();
+  if (target == nullptr && (known || brokenOff_)) countLost(records);
   return target;
 }
 
@@ -374,6 +374,24 @@ bool MdfRecorder::insertData(std::uint32_t groupIndex, std::uint32_t size,
   DataGroup* const target = groupForRecord(groupIndex);
   if (target == nullptr || !target->insert(size, data)) return false;
   checkSplit();
+  return true;
+}
+
+bool MdfRecorder::insertRecords(std::uint32_t groupIndex, std::uint64_t count, std::uint32_t size,
+                                const std::uint8_t* data, std::uint64_t& taken) {
+  DataGroup* target = groupForRecord(groupIndex, count);
+  if (target == nullptr || size == 0 || size != target->recordSize()) return false;
+  while (taken < count && target != nullptr) {
+    const std::uint64_t rest = count - taken;
+    const std::uint64_t run = insertRun(*target, rest, size, data + taken * size);
+    if (run == 0) {
+      countLost(rest - 1);  // the group has counted the first one
+      break;
+    }
+    taken += run;
+    checkSplit();
+    target = groupForRecord(groupIndex, count - taken);
+  }
   return true;
 }
 

@@ -70,6 +70,12 @@ class MdfRecorder {
 
   // A record's bytes as they stand, past any queue.
   virtual bool insertData(std::uint32_t groupIndex, std::uint32_t size, const std::uint8_t* data);
+  // `count` records of `size` bytes, back to back at `data`; in `taken`, also when it throws, how
+  // many of them, from the first on, were recorded. What a failed write kept out is lost. False
+  // when none can be: there is no such group, or its records have another size.
+  [[nodiscard]] virtual bool insertRecords(std::uint32_t groupIndex, std::uint64_t count,
+                                           std::uint32_t size, const std::uint8_t* data,
+                                           std::uint64_t& taken);
   // A zeroed record with the channels that the group has now; null for an index without a group.
   [[nodiscard]] virtual std::unique_ptr<RecordData> createRecordData(int groupIndex);
   // Ids 0 program identifier, 1 and 2 texts, 3 version, 4 split size. 0 or -1.
@@ -104,8 +110,14 @@ class MdfRecorder {
   virtual std::uint64_t latestTime() { return lastTimestamp_; }
   // Starts the next file when the current one has outgrown the split size.
   void checkSplit() {
-    const std::uint64_t limit = recorderSettings.splitSize.load(std::memory_order_relaxed);
-    if (limit != 0 && file_ != nullptr && file_->end() > limit && !splitRefused_) splitFile();
+    if (splitIsDue()) splitFile();
+  }
+  // Appends the first of the records, and those behind it after which checkSplit would do nothing.
+  // Returns how many; 0 when the group has lost the first one.
+  [[nodiscard]] std::uint64_t insertRun(DataGroup& target, std::uint64_t count, std::uint32_t size,
+                                        const std::uint8_t* data) const {
+    const std::uint64_t run = splitIsDue() ? 0 : target.insertInPlace(size, data, count);
+    return run != 0 ? run : target.insert(size, data) ? 1 : 0;
   }
 
   // For a child process: gives up groups and file as they are, in whatever state the threads of the
@@ -131,7 +143,7 @@ class MdfRecorder {
     return startTime + static_cast<std::uint64_t>(static_cast<std::int64_t>(offset));
   }
   // A record that a failed write, or the want of a file, kept from its group.
-  void countLost() { ++lostRecords_; }
+  void countLost(std::uint64_t records = 1) { lostRecords_ += records; }
 
  private:
   // The group and record template of one kind of frame on one bus channel in one direction.
@@ -181,7 +193,11 @@ class MdfRecorder {
   void noteError(Describe describe) noexcept {
     noteFirst(firstError_, std::move(describe));
   }
-  DataGroup* groupForRecord(std::int64_t index);
+  bool splitIsDue() const {
+    const std::uint64_t limit = recorderSettings.splitSize.load(std::memory_order_relaxed);
+    return limit != 0 && file_ != nullptr && file_->end() > limit && !splitRefused_;
+  }
+  DataGroup* groupForRecord(std::int64_t index, std::uint64_t records = 1);
 
   const FileOpener open_;
   std::uint64_t startTime_ = 0;

@@ -93,10 +93,12 @@ double valueOf(std::uint64_t record, std::size_t field) {
 // A recording of one group with one record to fill, under way as long as it lives.
 class SignalRecording {
  public:
-  explicit SignalRecording(const std::string& path) : recorder_(createRecorder(false)) {
+  explicit SignalRecording(const std::string& path, std::size_t channels = kFields,
+                           bool async = false)
+      : recorder_(createRecorder(async)) {
     startRecord(recorder_, path.c_str(), kStartTimeUs);
     group_ = addDataGroup(recorder_, "signals");
-    for (const char* const name : kNames) addChannel(name);
+    for (std::size_t i = 0; i < channels; ++i) addChannel(kNames[i]);
     record_ = allocRecord(recorder_, group_);
   }
   SignalRecording(const SignalRecording&) = delete;
@@ -111,6 +113,13 @@ class SignalRecording {
     return fillRecordData(record_, kNames[field], sizeof value, &value) == 0;
   }
   bool insert() { return insertRecordToDG(recorder_, group_, record_) == 0; }
+  bool insertRow(int size, const void* row) {
+    return insertDataToDG(recorder_, static_cast<unsigned>(group_), size, row) == 0;
+  }
+  std::uint64_t insertRows(std::uint64_t count, int size, const void* rows) {
+    return static_cast<std::uint64_t>(
+        insertRecordsToDG(recorder_, static_cast<unsigned>(group_), count, size, rows));
+  }
   // Past the plain functions; leaves the record as it is.
   bool insertWithClass() {
     return static_cast<MdfRecorder*>(recorder_)->insertRecord(
@@ -220,6 +229,31 @@ void measureInsert(benchmark::State& state, Record record,
       [&] { return byHand(folder.path("plain"), count); });
 }
 
+// Rows of 5 channels: a call for each, or one for all.
+Outcome insertRows(const std::string& path, std::uint64_t count, bool atOnce, bool async) {
+  constexpr std::size_t kChannels = 5;
+  constexpr int kRowBytes = kChannels * sizeof(double);
+  const std::vector<double> rows(count * kChannels, 0.5);
+  removeFile(path);
+  return timed([&] {
+    std::uint64_t taken = 0;
+    SignalRecording recording(path, kChannels, async);
+    if (atOnce) return recording.insertRows(count, kRowBytes, rows.data());
+    while (taken < count && recording.insertRow(kRowBytes, &rows[taken * kChannels])) ++taken;
+    return taken;
+  });
+}
+
+void measureRows(benchmark::State& state, bool async) {
+  const test::TempDir folder;
+  const std::uint64_t count = scaled(1'000'000);
+  const auto items = static_cast<double>(count);
+  const std::string path = folder.path("rows.mf4");
+  compare(
+      state, {items, items * 40, 1.2}, [&] { return insertRows(path, count, true, async); },
+      [&] { return insertRows(path, count, false, false); });
+}
+
 // What filling adds to inserting.
 void measureFill(benchmark::State& state, const std::array<std::size_t, kFields>& fields) {
   const test::TempDir folder;
@@ -260,6 +294,10 @@ void addRecordingBenches() {
   add("insertRecordToDG, 64 bytes / by hand, with headers", [=](benchmark::State& state) {
     measureInsert(state, insert, insertByHand<kBlockHeaderBytes>);
   });
+  add("insertRecordsToDG, 40 bytes / insertDataToDG",
+      [](benchmark::State& state) { measureRows(state, false); });
+  add("insertRecordsToDG, 40 bytes, asynchronous / insertDataToDG",
+      [](benchmark::State& state) { measureRows(state, true); });
   add("fillRecordData by name, in the channels' order", [](benchmark::State& state) {
     measureFill(state, {0, 1, 2, 3, 4, 5, 6, 7});
   });

@@ -187,12 +187,31 @@ class Recording {
     const int group = someGroup();
     const ByteSpan bytes = input_.take(input_.next<std::uint8_t>());
     if (group < 0 || bytes.empty()) return;
+    if (input_.flag()) return insertMany(group, bytes);
     if (!recorder_.insertData(static_cast<std::uint32_t>(group),
                               static_cast<std::uint32_t>(bytes.size()), bytes.data())) {
       return;
     }
     Bytes& direct = accepted_.groups[group].direct;
     direct.insert(direct.end(), bytes.begin(), bytes.end());
+  }
+
+  // The record over and over. Of another size than the group's, it would be lost.
+  void insertMany(int group, ByteSpan record) {
+    const std::unique_ptr<RecordData> model = recorder_.createRecordData(group);
+    const std::uint64_t count = input_.next<std::uint16_t>() % 2000;
+    if (model->size() != record.size()) return;
+    Bytes records;
+    for (std::uint64_t i = 0; i < count; ++i) {
+      records.insert(records.end(), record.begin(), record.end());
+    }
+    std::uint64_t taken = 0;
+    require(recorder_.insertRecords(static_cast<std::uint32_t>(group), count, model->size(),
+                                    records.data(), taken),
+            "a group takes its records");
+    Bytes& queued = accepted_.groups[group].queued;
+    queued.insert(queued.end(), records.begin(),
+                  records.begin() + static_cast<std::ptrdiff_t>(taken * record.size()));
   }
 
   MdfCanMessage someMessage() {

@@ -108,6 +108,12 @@ class MdfAsyncRecorderTest : public testing::Test {
     std::memcpy(group.record->data(), &sample, sizeof sample);
     return recorder.insertRecord(*group.record, group.index);
   }
+  static bool insertSamples(MdfAsyncRecorder& recorder, int group, std::uint64_t count) {
+    const Bytes samples(count * sizeof(Sample));
+    std::uint64_t taken = 0;
+    return recorder.insertRecords(static_cast<std::uint32_t>(group), count, sizeof(Sample),
+                                  samples.data(), taken);
+  }
   // The numbers below `count`, all of which must be accepted.
   static void insertAll(MdfAsyncRecorder& recorder, const Group& group, std::uint32_t count) {
     for (std::uint32_t number = 0; number < count; ++number) {
@@ -296,6 +302,43 @@ TEST_F(MdfAsyncRecorderTest, DiscardsWhatComesWhenTheQueueIsFull) {
   EXPECT_EQ(read(filesOf(path_), kKinds[kFrames])[1], below(1));
 }
 
+TEST_F(MdfAsyncRecorderTest, ManyRecordsAtOnceAreTasksOfABlockEach) {
+  recorderSettings.maxPendingTasks = 6;
+  FailingDisk disk;
+  Door door(disk);
+  MdfAsyncRecorder recorder(disk.opener());
+  const Group group = start(recorder, path_);
+  std::vector<Sample> samples;
+  for (const std::uint32_t number : below(3000)) samples.push_back({0, 0, number});
+  const auto insertFrom = [&](std::uint64_t first, std::uint32_t size = sizeof(Sample)) {
+    std::uint64_t taken = 0;
+    EXPECT_TRUE(recorder.insertRecords(static_cast<std::uint32_t>(group.index), 3000 - first, size,
+                                       reinterpret_cast<const std::uint8_t*>(&samples[first]),
+                                       taken));
+    return taken;
+  };
+  {
+    const auto closed = door.close();
+    EXPECT_TRUE(insert(recorder, group, 0));
+    EXPECT_EQ(insertFrom(2900), 100U);
+    EXPECT_TRUE(insert(recorder, group, 1));
+    EXPECT_EQ(insertFrom(0), 3 * 512U);
+    EXPECT_EQ(recorder.pendingTasks(), 6U);
+    EXPECT_EQ(linesWith("insertRecords discarded: pending tasks 6 >= max 6").size(), 1U);
+    EXPECT_EQ(insertFrom(0), 0U);
+  }
+  waitForWorker(recorder);
+  EXPECT_EQ(insertFrom(1536), 3000U - 1536);
+  EXPECT_EQ(insertFrom(2000, sizeof(Sample) / 2), 1000U) << "found when they are written";
+  recorder.stopRecord(0);
+  EXPECT_EQ(recorder.lostRecords(), 1000U);
+  Numbers expected = {0};
+  for (std::uint32_t number = 2900; number < 3000; ++number) expected.push_back(number);
+  expected.push_back(1);
+  for (const std::uint32_t number : below(3000)) expected.push_back(number);
+  EXPECT_EQ(numbersIn(path_), expected);
+}
+
 TEST_F(MdfAsyncRecorderTest, RefusesSilentlyWhatNoRecordingCanTake) {
   MdfAsyncRecorder recorder;
   const Group group = start(recorder, path_);
@@ -304,6 +347,7 @@ TEST_F(MdfAsyncRecorderTest, RefusesSilentlyWhatNoRecordingCanTake) {
     EXPECT_FALSE(insert(idle, group, 0));
     EXPECT_FALSE(saveMessage(idle, 0));
     EXPECT_FALSE(saveError(idle, 0, 1));
+    EXPECT_FALSE(insertSamples(idle, 0, 2));
     EXPECT_EQ(diagnostics_.text(), lines);
     EXPECT_EQ(idle.pendingTasks(), 0U);
   };
@@ -312,6 +356,7 @@ TEST_F(MdfAsyncRecorderTest, RefusesSilentlyWhatNoRecordingCanTake) {
   neverStarted.stopRecord(0);
   for (const int index : {-1, group.index + 1}) {
     EXPECT_FALSE(recorder.insertRecord(*group.record, index));
+    EXPECT_FALSE(insertSamples(recorder, index, 2));
   }
   recorder.stopRecord(0);
   expectRefused(recorder);
@@ -391,7 +436,8 @@ TEST_F(MdfAsyncRecorderTest, EndsWhenTheNextFileCannotBeCreated) {
   waitForWorker(recorder);
   const Numbers kept = read({RecordedFile(path_)}, kKinds[kRecords])[0];
   EXPECT_EQ(kept, below(static_cast<std::uint32_t>(kept.size())));
-  EXPECT_EQ(kept.size() + recorder.lostRecords(), accepted + 2);  // with the two that were refused
+  EXPECT_FALSE(insertSamples(recorder, 0, 3));
+  EXPECT_EQ(kept.size() + recorder.lostRecords(), accepted + 5);  // with the five that were refused
   EXPECT_TRUE(recorder.firstError().starts_with(next + ": ")) << recorder.firstError();
   EXPECT_EQ(linesWith("[fatal]").size(), 2U);  // of the split and of addDataGroup
   EXPECT_EQ(linesWith("splitFile failed!, path: " + next).size(), 1U);

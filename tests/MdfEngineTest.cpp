@@ -80,6 +80,11 @@ TEST_F(MdfEngineTest, NullAndOtherWrongArgumentsAreRefused) {
                 insertRecordToDG(r, 0, null), insertData(null, record), insertData(r, null),
                 insertDataToDG(null, 0, 1, bytes), insertDataToDG(r, 0, -1, bytes),
                 insertDataToDG(r, 0, 1, null), insertDataToDG(r, 1, 1, bytes));
+  for (void* const wrong : {null, r}) {  // a group without channels has no size that is right
+    EXPECT_EQ(insertRecordsToDG(wrong, 0, 1, 8, bytes), -1);
+  }
+  EXPECT_EQ(insertRecordsToDG(r, 0, 1, 0, bytes), -1);
+  EXPECT_EQ(insertRecordsToDG(r, 0, 1, 1, null), -1);
   expectRefused("formulas", setChannelParameter(null, 0, 1, bytes), setChannelFormula(null, f),
                 setFormulaParam(null, 8, bytes), setFormulaParam(f, -8, bytes),
                 setFormulaParam(f, 8, null), addFormulaParamN2N(null, 1, 2),

@@ -17,6 +17,7 @@
 
 #include "Mdf4/MdfRecorder.h"
 #include "tests/support/Diagnostics.h"
+#include "tests/support/FailingFile.h"
 #include "tests/support/RecordedFile.h"
 #include "tolvex/Mdf4.h"
 
@@ -387,6 +388,71 @@ TEST_F(MdfRecorderTest, SplitsAFileThatIsLargerThanAllowed) {
   const RecordedFile next(path("log_1.mf4"));
   EXPECT_EQ(next.groups.at(kFirst).description(), whole.description());
   EXPECT_TRUE(next.groups.at(kFirst).lists.empty());
+}
+
+// With a split after every record, and with ones inside of what is handed over at once.
+TEST_F(MdfRecorderTest, ManyRecordsAtOnceMakeTheFilesThatSingleOnesMake) {
+  constexpr std::uint64_t kCounts[] = {1, 3, 0, 508, 511, 512, 513, 2100};
+  constexpr std::uint32_t kSize = 2 * sizeof(double);
+  std::vector<double> values(2 * 2100);
+  std::ranges::generate(values, [next = 0.0]() mutable { return ++next; });
+  const auto* const data = reinterpret_cast<const std::uint8_t*>(values.data());
+  const auto record = [&](const std::string& name, bool atOnce) {
+    EXPECT_EQ(recorder_.startRecord(path(name + ".mf4"), kStart), 0);
+    const int other = addSignals();
+    const auto group = static_cast<std::uint32_t>(addSignals());
+    for (const std::uint64_t count : kCounts) {
+      EXPECT_TRUE(insert(other, 1, 2));  // what a file that is split ends with
+      std::uint64_t taken = 0;
+      if (atOnce) {
+        EXPECT_TRUE(recorder_.insertRecords(group, count, kSize, data, taken));
+      }
+      while (!atOnce && taken < count) {
+        EXPECT_TRUE(recorder_.insertData(group, kSize, data + taken++ * kSize));
+      }
+      EXPECT_EQ(taken, count);
+    }
+    recorder_.stopRecord(kStart + kSecond);
+  };
+  for (const std::uint64_t splitSize : {0U, 1U, 20'000U, 60'000U}) {
+    SCOPED_TRACE(splitSize);
+    recorderSettings.splitSize = splitSize;
+    record("single", false);
+    record("many", true);
+    std::size_t files = 0;
+    for (std::string part; std::filesystem::exists(path("single" + part + ".mf4"));
+         part = "_" + std::to_string(++files)) {
+      EXPECT_EQ(fileBytes(path("many" + part + ".mf4")), fileBytes(path("single" + part + ".mf4")))
+          << part;
+    }
+    EXPECT_EQ(files > 2, splitSize != 0);
+    EXPECT_FALSE(std::filesystem::exists(path("many_" + std::to_string(files) + ".mf4")));
+  }
+}
+
+TEST_F(MdfRecorderTest, ManyRecordsAtOnceEndWithTheOneThatCannotBeWritten) {
+  const Bytes data(5000 * 8, 7);
+  FailingDisk disk;
+  MdfRecorder recorder(disk.opener());
+  ASSERT_EQ(recorder.startRecord(path(), kStart), 0);
+  ASSERT_EQ(recorder.addDataGroup(""), 0);
+  ASSERT_EQ(recorder.addChannel(0, float64Channel("value")), 0);
+  std::uint64_t taken = 0;
+  for (const std::uint32_t size : {0U, 4U, 16U}) {
+    EXPECT_FALSE(recorder.insertRecords(0, 1, size, data.data(), taken));
+  }
+  EXPECT_FALSE(recorder.insertRecords(1, 1, 8, data.data(), taken));
+  disk.fillAfter(10'000);
+  EXPECT_TRUE(recorder.insertRecords(0, 5000, 8, data.data(), taken));
+  EXPECT_GE(taken, 1023U);
+  EXPECT_LT(taken, 5000U);
+  EXPECT_EQ(recorder.lostRecords(), 5000 - taken);
+  disk.recover();
+  std::uint64_t more = 0;
+  EXPECT_TRUE(recorder.insertRecords(0, 5000, 8, data.data(), more));
+  EXPECT_EQ(more, 5000U);
+  recorder.stopRecord(kStart);
+  EXPECT_EQ(RecordedFile(path()).groups.at(kFirst).records().size(), taken + more);
 }
 
 TEST_F(MdfRecorderTest, NumbersTheFilesOfASplitInFrontOfTheLastDot) {

@@ -109,6 +109,10 @@ class m4DataStream {
     return filling_ != nullptr && length < filling_->room() ? filling_->end() : nullptr;
   }
   void appendInPlace(std::uint64_t length) { filling_->appendInPlace(length); }
+  // The most bytes for which placeFor has a place.
+  std::uint64_t roomInPlace() const {
+    return filling_ != nullptr && filling_->room() != 0 ? filling_->room() - 1 : 0;
+  }
   // Appends zeros.
   [[nodiscard]] virtual bool skip(std::uint64_t length);
   // Names the open data blocks, writes them, counts them and writes the pending links, in this

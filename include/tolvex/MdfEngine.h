@@ -134,10 +134,12 @@ TOLVEX_API void stopRecord(void* recorder, uint64_t stopTime);
  * has keep their size, and saveCanMessage refuses frames for them until that size is set again. */
 TOLVEX_API int createBusLogConfiguration(void* recorder, int busType, int maxDataLength);
 
-/* Records and frames that an asynchronous recorder has accepted and not yet written; 0 for any
- * other. May be called by any thread. */
+/* Records and frames that an asynchronous recorder has accepted and not yet written; of records
+ * that came many at a time, the tasks (insertRecordsToDG). 0 for any other. May be called by any
+ * thread. */
 TOLVEX_API uint64_t getPendingTaskCount(void* recorder);
-/* How many may be pending: with that many, an asynchronous recorder discards new ones. */
+/* How many may be pending, as getPendingTaskCount counts: with that many, an asynchronous recorder
+ * discards new ones. */
 TOLVEX_API uint32_t getMaxPendingTasks(void* recorder);
 /* Records and frames of the current recording, or the last one after its end, that could not be
  * written, including those that had been accepted. What stopRecord could not write counts when it
@@ -198,6 +200,14 @@ TOLVEX_API int insertData(void* recorder, void* record);
 /* Records the `size` bytes of a whole record directly, past the queue of an asynchronous recorder.
  * -1 for another size than the group's records have. */
 TOLVEX_API int insertDataToDG(void* recorder, unsigned dgIndex, int size, const void* data);
+/* Records many records, each of `size` bytes, back to back at `data`, as insertDataToDG does with
+ * one; an asynchronous recorder queues copies of them, as insertRecordToDG does, in tasks of up to
+ * 512 records and 64 KiB. Returns how many were taken, from the first on: fewer when the queue is
+ * full, when a write fails, which loses those that were not taken, and when the system refuses a
+ * split. -1 when none can be: without a recording, for a group that does not exist, and for another
+ * size than its records have, which an asynchronous recorder finds later, and counts as lost. */
+TOLVEX_API int64_t insertRecordsToDG(void* recorder, unsigned dgIndex, uint64_t count, int size,
+                                     const void* data);
 /* Frees a record of allocRecord. */
 TOLVEX_API void freeRecord(void* record);
 
