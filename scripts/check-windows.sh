@@ -35,6 +35,13 @@ cmake -G Ninja -S examples -B "$work/examples" -DCMAKE_BUILD_TYPE=Debug \
 cmake --build "$work/examples"
 cp "$work"/examples/*.exe "$prefix/bin"
 
+# The library of the wheel needs none beside it.
+TOLVEX_BUILD_DIR=$PWD/build/mingw-check scripts/build-wheel.sh windows "$work"
+python3 -m zipfile -e "$work"/tolvex-*-py3-none-win_amd64.whl "$work/wheel"
+packed=$work/wheel/tolvex
+x86_64-w64-mingw32-gcc-posix -std=c11 -Iinclude examples/read_columns.c "$packed/libtolvex.dll" \
+  -o "$packed/read_columns.exe"
+
 data=$PWD/tests/data
 tolvex() { wine "$prefix/bin/tolvex.exe" "$@"; }
 example() { wine "$prefix/bin/$1.exe" "${@:2}" | tr -d '\r'; }
@@ -53,6 +60,7 @@ example read_signal "$data/decoded-00000005.mf4" Speed | grep -F ' 14.592 m/s'
 example print_frames "$data/raw-00000005.MF4" | grep -F '5477 frames'
 example record_signals by-c.mf4
 example read_columns by-c.mf4 gear | grep -F '0.5 first'
+wine "$packed/read_columns.exe" by-c.mf4 gear | tr -d '\r' | grep -F '0.5 first'
 "$native" export by-c.mf4 --dg 3 | grep -F '1.5,35'
 
 # From pipe to pipe, under a name of many languages.
