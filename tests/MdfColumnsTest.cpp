@@ -460,6 +460,29 @@ TEST(MdfColumns, SaysWhatIsWrong) {
   tolvex_check_free(check);
 }
 
+TEST(MdfColumns, ChannelsAreChosenByPatterns) {
+  FileBuilder file;
+  for (int group = 0; group < 2; ++group) {
+    std::vector<test::Link> channels;
+    for (const char* const name : {"speed.front", "Speed.rear"}) {
+      channels.push_back(file.cn({.name = name}));
+    }
+    file.dg({.groups = {file.cg({.channels = channels, .dataBytes = 1})}});
+  }
+  Reader reader(file);
+  tolvex_place places[3] = {{7, 7}, {7, 7}, {7, 7}};
+  std::size_t found = 0;
+  EXPECT_EQ(tolvex_reader_match(reader, "s*.[!x]*", 0, places, 3, &found), TOLVEX_OK);
+  EXPECT_EQ(found, 2U);
+  EXPECT_EQ(places[1].group * 10 + places[1].channel, 10);
+  EXPECT_EQ(tolvex_reader_match(reader, "s*.[!x]*", 1, places, 2, &found), TOLVEX_OK);
+  EXPECT_EQ(found, 4U);
+  EXPECT_EQ(places[1].group * 10 + places[1].channel, 1);
+  EXPECT_EQ(places[2].group, 7);
+  EXPECT_EQ(tolvex_reader_match(reader, nullptr, 0, places, 2, &found), TOLVEX_ERROR_ARGUMENT);
+  EXPECT_EQ(reader.error(), "a pointer is null");
+}
+
 // Programs that were built with an earlier header, or with a later one.
 TEST(MdfColumns, StructsMayHaveMoreOrFewerMembersThanTheLibrary) {
   Reader reader(columnSample(6));

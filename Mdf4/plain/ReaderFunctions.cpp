@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/base/NamePattern.h"
 #include "Mdf4/plain/OpenRecording.h"
 #include "tolvex/MdfColumns.h"
 
@@ -97,6 +98,34 @@ tolvex_channel describe(const MdfColumnChannel& channel) {
   described.data_type = channel.dataType;
   described.gives_numbers = channel.givesNumbers ? 1 : 0;
   return described;
+}
+
+// The channels of the names that are wanted, as tolvex_reader_find gives them. `makeChoice` makes
+// of `name` what tells whether a channel's name is one.
+template <class MakeChoice>
+tolvex_status placesOf(tolvex_reader* reader, const char* name, tolvex_place* places, size_t room,
+                       size_t* found, MakeChoice makeChoice) {
+  if (reader == nullptr) return TOLVEX_ERROR_ARGUMENT;
+  if (name == nullptr || found == nullptr || (places == nullptr && room != 0)) {
+    return reader->error.setFixed(TOLVEX_ERROR_ARGUMENT, kNull);
+  }
+  if (reader->recording == nullptr) {
+    return reader->error.setFixed(TOLVEX_ERROR_ARGUMENT, kNotOpen);
+  }
+  return guarded(reader->error, [&]() -> tolvex_status {
+    const auto isWanted = makeChoice();
+    *found = 0;
+    for (std::int32_t group = -1; const MdfColumnGroup& one : reader->recording->groups()) {
+      ++group;
+      for (std::int32_t channel = -1; const MdfColumnChannel& other : one.channels) {
+        ++channel;
+        if (!isWanted(other.name)) continue;
+        if (*found < room) places[*found] = {group, channel};
+        ++*found;
+      }
+    }
+    return TOLVEX_OK;
+  });
 }
 
 }  // namespace
@@ -215,19 +244,17 @@ tolvex_status tolvex_reader_channel(tolvex_reader* reader, int32_t group, int32_
 
 tolvex_status tolvex_reader_find(tolvex_reader* reader, const char* name, tolvex_place* places,
                                  size_t room, size_t* found) {
-  if (reader == nullptr) return TOLVEX_ERROR_ARGUMENT;
-  return guarded(reader->error, [&]() -> tolvex_status {
-    if (name == nullptr || found == nullptr || (places == nullptr && room != 0)) {
-      return reader->error.setFixed(TOLVEX_ERROR_ARGUMENT, kNull);
-    }
-    if (reader->recording == nullptr) {
-      return reader->error.setFixed(TOLVEX_ERROR_ARGUMENT, kNotOpen);
-    }
-    const auto all = reader->recording->with([&](auto& columns) { return columns.find(name); });
-    for (std::size_t i = 0; i < std::min(room, all.size()); ++i) {
-      places[i] = {all[i].group, all[i].channel};
-    }
-    *found = all.size();
-    return TOLVEX_OK;
+  return placesOf(reader, name, places, room, found, [&] {
+    return [wanted = std::string_view(name)](auto other) { return other == wanted; };
+  });
+}
+
+tolvex_status tolvex_reader_match(tolvex_reader* reader, const char* pattern, int32_t ignore_case,
+                                  tolvex_place* places, size_t room, size_t* found) {
+  return placesOf(reader, pattern, places, room, found, [&] {
+    const tolvex::PatternRules rules = {.sets = true, .ignoreCase = ignore_case != 0};
+    return [wanted = tolvex::NamePattern(pattern, rules)](std::string_view name) {
+      return wanted.matches(name);
+    };
   });
 }

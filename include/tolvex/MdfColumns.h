@@ -183,6 +183,12 @@ typedef struct tolvex_place {
  * as far as there is room for them, in `places`. */
 TOLVEX_API tolvex_status tolvex_reader_find(tolvex_reader* reader, const char* name,
                                             tolvex_place* places, size_t room, size_t* found);
+/* Likewise the channels whose name fits a pattern: '*' stands for any characters, '?' for one,
+ * "[a-z]" for one of a set, "[!a-z]" for any other; "[*]" is a '*'. `ignore_case` 1: the letters A
+ * to Z are those in lower case, too. */
+TOLVEX_API tolvex_status tolvex_reader_match(tolvex_reader* reader, const char* pattern,
+                                             int32_t ignore_case, tolvex_place* places, size_t room,
+                                             size_t* found);
 
 /* ---------------------------------------------------------------------------------------------
  * Reading columns

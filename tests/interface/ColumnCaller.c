@@ -153,6 +153,7 @@ int readRamp(const char* path) {
   EXPECT(tolvex_reader_recording(reader, &recording) == TOLVEX_OK);
   EXPECT(recording.version == 410 && recording.group_count == 4);
   EXPECT(tolvex_reader_find(reader, "value", &value, 1, &count) == TOLVEX_OK && count == 1);
+  EXPECT(tolvex_reader_match(reader, "V?l*", 1, &value, 1, &count) == TOLVEX_OK && count == 1);
   EXPECT(tolvex_reader_group(reader, value.group, &group) == TOLVEX_OK);
   EXPECT(group.rows == kRampRecords && group.master == 0 && group.channel_count == 2);
   EXPECT(tolvex_reader_channel(reader, value.group, value.channel, &channel) == TOLVEX_OK);

@@ -12,28 +12,6 @@ constexpr std::uint64_t kMostColumns = 65'536;  // of a table
 
 }  // namespace
 
-bool matches(std::string_view pattern, std::string_view name) {
-  std::size_t at = 0;
-  std::size_t star = std::string_view::npos;  // the last one, which stands for name[from, at)
-  std::size_t from = 0;
-  std::size_t next = 0;  // of the pattern
-  while (at < name.size()) {
-    if (next < pattern.size() && pattern[next] == '*') {
-      star = next++;
-      from = at;
-    } else if (next < pattern.size() && (pattern[next] == '?' || pattern[next] == name[at])) {
-      ++next;
-      ++at;
-    } else if (star != std::string_view::npos) {
-      next = star + 1;
-      at = ++from;
-    } else {
-      return false;
-    }
-  }
-  return pattern.find_first_not_of('*', next) == std::string_view::npos;
-}
-
 std::uint64_t elementsOf(const MdfColumnChannel& channel) {
   std::uint64_t elements = 1;
   for (const std::uint64_t size : channel.shape) {
@@ -68,13 +46,13 @@ std::optional<std::int32_t> timeChannelOf(const MdfColumnGroup& group) {
 }
 
 Selection::Selection(const std::vector<std::string>& patterns)
-    : patterns_(patterns), unused_(patterns.begin(), patterns.end()) {}
+    : patterns_(patterns.begin(), patterns.end()), unused_(patterns.begin(), patterns.end()) {}
 
 bool Selection::wants(std::string_view name) {
   bool isWanted = false;
-  for (const std::string& pattern : patterns_) {
-    if (matches(pattern, name)) {
-      unused_.erase(pattern);
+  for (const NamePattern& pattern : patterns_) {
+    if (pattern.matches(name)) {
+      unused_.erase(pattern.text());
       isWanted = true;
     }
   }

@@ -10,10 +10,9 @@
 #include <string_view>
 #include <vector>
 
-namespace tolvex {
+#include "Mdf4/base/NamePattern.h"
 
-// Whether the pattern is the name; in it '*' stands for any characters and '?' for one byte.
-bool matches(std::string_view pattern, std::string_view name);
+namespace tolvex {
 
 // A column: a channel, or an element of one that is an array.
 struct TableColumn {
@@ -51,7 +50,7 @@ class Selection {
  private:
   bool wants(std::string_view name);
 
-  std::vector<std::string> patterns_;
+  std::vector<NamePattern> patterns_;
   std::set<std::string> unused_;
 };
 
