@@ -1,14 +1,18 @@
 // Frames in batches of columns, against loops by hand over the same bytes into the same columns.
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 #include <vector>
 
 #include "Mdf4/base/Bytes.h"
 #include "bench/Bench.h"
 #include "bench/Inputs.h"
+#include "tolvex/MdfColumns.h"
 #include "tolvex/MdfFrameReader.h"
 
 namespace tolvex::bench {
@@ -48,8 +52,8 @@ void makeRoom(MdfFrameBatch& batch) {
   batch.bytes.resize(kBatch * 64);
 }
 
-// Opening included.
-Outcome readBatches(const std::string& path) {
+// Opening included; `atOnce` frames to a batch, which has room for kBatch.
+Outcome readBatches(const std::string& path, std::size_t atOnce = kBatch) {
   MdfFrameBatch batch;
   makeRoom(batch);
   std::uint64_t sum = 0;
@@ -58,7 +62,7 @@ Outcome readBatches(const std::string& path) {
   const Outcome opened = timed([&] { return std::uint64_t{reader.open()}; });
   seconds += opened.seconds;
   for (bool more = opened.result != 0; more;) {
-    const Outcome read = timed([&] { return std::uint64_t{reader.next(batch, kBatch)}; });
+    const Outcome read = timed([&] { return std::uint64_t{reader.next(batch, atOnce)}; });
     seconds += read.seconds;
     more = read.result != 0;
     if (more) sum = sum * 7 + sumOf(batch);
@@ -183,12 +187,90 @@ void measure(benchmark::State& state, const RecordFile& input) {
       [&] { return readByHand(input.plainPath, Parser()); });
 }
 
+// ---------------------------------------------------------------------------------------------
+// Into arrays that are new, as those of a caller who keeps all frames.
+
+// Memory of the system's, in whole pages; larger ones if it likes, when `huge`.
+template <class Value>
+class Array {
+ public:
+  Array(std::size_t count, bool huge) : bytes_(count * sizeof(Value)) {
+    void* const place =
+        mmap(nullptr, bytes_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (place == MAP_FAILED) throw std::bad_alloc();
+    if (huge) madvise(place, bytes_, MADV_HUGEPAGE);
+    values_ = static_cast<Value*>(place);
+  }
+  ~Array() { munmap(values_, bytes_); }
+  Array(const Array&) = delete;
+  Array& operator=(const Array&) = delete;
+
+  operator Value*() const { return values_; }  // NOLINT(google-explicit-constructor): in calls
+
+ private:
+  std::size_t bytes_;
+  Value* values_;
+};
+
+Outcome readArrays(const std::string& path, std::size_t count, bool huge) {
+  const Array<std::int64_t> times(count, huge);
+  const Array<std::uint32_t> ids(count, huge);
+  const Array<std::uint16_t> buses(count, huge);
+  const Array<std::uint16_t> flags(count, huge);
+  const Array<std::uint8_t> dlcs(count, huge);
+  const Array<std::uint8_t> kinds(count, huge);
+  const Array<std::uint64_t> rows(count, huge);
+  const Array<std::int64_t> offsets(count + 1, huge);
+  const Array<std::uint8_t> payloads(count * 8, huge);
+  const tolvex_frame_arrays arrays = {sizeof arrays, count, times, ids,     buses,    flags,
+                                      dlcs,          kinds, rows,  offsets, payloads, count * 8};
+  tolvex_frames* frames = nullptr;
+  tolvex_frames_new(&frames);
+  std::uint64_t read = 0;
+  const char* const name = path.c_str();
+  const Outcome outcome = timed([&] {
+    tolvex_frames_open(frames, &name, 1);
+    tolvex_frames_read(frames, &arrays, &read);
+    return read;
+  });
+  tolvex_frames_free(frames);
+  MdfFrameBatch batch;
+  batch.count = static_cast<std::size_t>(read);
+  batch.timeNs.assign(times + 0, times + read);
+  batch.id.assign(ids + 0, ids + read);
+  batch.bus.assign(buses + 0, buses + read);
+  batch.flags.assign(flags + 0, flags + read);
+  batch.direction.resize(batch.count);
+  for (std::size_t i = 0; i < batch.count; ++i) {
+    batch.direction[i] = static_cast<std::uint8_t>(batch.flags[i] & MdfFrameFlag::kTransmitted);
+  }
+  batch.kind.assign(kinds + 0, kinds + read);
+  batch.dlc.assign(dlcs + 0, dlcs + read);
+  batch.record.assign(rows + 0, rows + read);
+  batch.offsets.assign(offsets + 0, offsets + read + 1);
+  batch.bytes.assign(payloads + 0, payloads + batch.offsets.back());
+  return {outcome.seconds, sumOf(batch)};
+}
+
+void measureArrays(benchmark::State& state, bool huge) {
+  const RecordFile& input = inputs().frames(scaled(5'000'000));
+  const Workload workload = {static_cast<double>(input.records), static_cast<double>(input.bytes()),
+                             1.1};
+  compare(
+      state, workload, [&] { return readArrays(input.path, input.records, huge); },
+      [&] { return readBatches(input.path, input.records); });
+}
+
 }  // namespace
 
 void addFrameBatchBenches() {
   add("frames of 23 bytes to columns / loop by hand", [](benchmark::State& state) {
     measure<PlainParser>(state, inputs().frames(scaled(5'000'000)));
   });
+  add("frames of 23 bytes to new arrays / to a batch of all",
+      [](benchmark::State& state) { measureArrays(state, false); });
+  add("frames of 23 bytes to new arrays, huge pages / to a batch of all",
+      [](benchmark::State& state) { measureArrays(state, true); });
   add("unsorted frames to columns / loop by hand", [](benchmark::State& state) {
     measure<LoggerParser>(state, inputs().unsortedFrames(scaled(3'000'000)));
   });

@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/Diagnostics.h"
@@ -72,24 +74,72 @@ class MdfPlainFrames : public testing::Test {
     Lines lines;
     tolvex_frame_batch batch = {};
     batch.size = sizeof batch;
-    while (tolvex_frames_next(frames_, 7, &batch) == TOLVEX_OK && batch.count != 0) {
-      const auto* error = reinterpret_cast<const char*>(batch.errors);
-      std::uint64_t errors = 0;
-      for (std::size_t i = 0; i < batch.count; ++i) {
-        std::string line =
-            numbers(batch.times[i], batch.ids[i], batch.buses[i], batch.directions[i],
-                    batch.kinds[i], batch.dlcs[i], batch.flags[i]) +
-            bytesAt(batch.offsets, batch.payloads, i);
-        if (errors < batch.error_count && batch.error_frames[errors] == i) {
-          line += errorText(*reinterpret_cast<const tolvex_frame_error*>(error));
-          error += batch.error_size;
-          ++errors;
-        }
-        lines.push_back(line + numbers(batch.rows[i]));
-      }
-    }
-    EXPECT_STREQ(tolvex_frames_error(frames_), "");
+    tolvex_status status = TOLVEX_OK;
+    do {
+      status = tolvex_frames_next(frames_, 7, &batch);
+      EXPECT_EQ(status, TOLVEX_OK) << tolvex_frames_error(frames_);
+      for (std::string& line : linesIn(batch)) lines.push_back(std::move(line));
+    } while (status == TOLVEX_OK && batch.count != 0);
     return lines;
+  }
+
+  static Lines linesIn(const tolvex_frame_batch& batch) {
+    Lines lines;
+    const auto* error = reinterpret_cast<const char*>(batch.errors);
+    std::uint64_t errors = 0;
+    for (std::size_t i = 0; i < batch.count; ++i) {
+      std::string line = numbers(batch.times[i], batch.ids[i], batch.buses[i], batch.directions[i],
+                                 batch.kinds[i], batch.dlcs[i], batch.flags[i]) +
+                         bytesAt(batch.offsets, batch.payloads, i);
+      if (errors < batch.error_count && batch.error_frames[errors] == i) {
+        line += errorText(*reinterpret_cast<const tolvex_frame_error*>(error));
+        error += batch.error_size;
+        ++errors;
+      }
+      lines.push_back(line + numbers(batch.rows[i]));
+    }
+    return lines;
+  }
+
+  // The same by both functions in turns, with room for some frames, or for some bytes, which may be
+  // too few for the next frame. Begin and end of each: arrays have nothing of errors.
+  using Pieces = std::vector<std::pair<std::string, std::string>>;
+  Pieces linesInPieces(std::minstd_rand& random) {
+    Pieces pieces;
+    std::vector<std::int64_t> times(9);
+    std::vector<std::uint32_t> ids(9);
+    std::vector<std::uint16_t> buses(9);
+    std::vector<std::uint16_t> flags(9);
+    std::vector<std::uint8_t> dlcs(9);
+    std::vector<std::uint8_t> kinds(9);
+    std::vector<std::uint64_t> rows(9);
+    std::vector<std::int64_t> offsets(10);
+    std::vector<std::uint8_t> payloads(9 * 64);
+    for (;;) {
+      std::uint64_t read = 0;
+      tolvex_frame_arrays arrays = {sizeof arrays,  1 + random() % 9, times.data(),
+                                    ids.data(),     buses.data(),     flags.data(),
+                                    dlcs.data(),    kinds.data(),     rows.data(),
+                                    offsets.data(), payloads.data(),  random() % 90};
+      const tolvex_status status = tolvex_frames_read(frames_, &arrays, &read);
+      if (status != TOLVEX_OK) {
+        EXPECT_EQ(status, TOLVEX_ERROR_ARGUMENT);
+        EXPECT_STREQ(tolvex_frames_error(frames_), "there is no room for a payload");
+        EXPECT_LT(arrays.payload_room, 64U);
+        continue;
+      }
+      for (std::size_t i = 0; i < read; ++i) {
+        pieces.emplace_back(numbers(times[i], ids[i], buses[i], flags[i] & TOLVEX_FRAME_TRANSMITTED,
+                                    kinds[i], dlcs[i], flags[i]) +
+                                bytesAt(offsets.data(), payloads.data(), i),
+                            numbers(rows[i]));
+      }
+      tolvex_frame_batch batch = {};
+      batch.size = sizeof batch;
+      EXPECT_EQ(tolvex_frames_next(frames_, 1 + random() % 3, &batch), TOLVEX_OK);
+      for (const std::string& line : linesIn(batch)) pieces.emplace_back(line, "");
+      if (read == 0) return pieces;
+    }
   }
 
   // Without what is in no column.
@@ -143,6 +193,9 @@ class MdfPlainFrames : public testing::Test {
 TEST_F(MdfPlainFrames, AreThoseOfTheReader) {
   std::size_t frames = 0;
   std::size_t errors = 0;
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE(seed);
+  std::minstd_rand random(seed);
   for (const auto& [name, file] : test::sampleFiles()) {
     SCOPED_TRACE(name);
     const std::string path = file.write();
@@ -151,6 +204,12 @@ TEST_F(MdfPlainFrames, AreThoseOfTheReader) {
     const Lines want = linesOf(reader);
     open(path);
     EXPECT_EQ(lines(), want);
+    ASSERT_EQ(tolvex_frames_select(frames_, nullptr), TOLVEX_OK);
+    const Pieces pieces = linesInPieces(random);
+    ASSERT_EQ(pieces.size(), want.size());
+    for (std::size_t i = 0; i < want.size(); ++i) {
+      EXPECT_TRUE(want[i].starts_with(pieces[i].first) && want[i].ends_with(pieces[i].second)) << i;
+    }
     const Lines plain = streamed();
     ASSERT_EQ(plain.size(), want.size());
     for (std::size_t i = 0; i < want.size(); ++i) {
@@ -221,6 +280,15 @@ TEST_F(MdfPlainFrames, SayWhatIsWrong) {
   EXPECT_STREQ(tolvex_frames_error(frames_), "the size of a struct is not set");
   tolvex_frame_batch batch = {};
   EXPECT_EQ(tolvex_frames_next(frames_, 1, &batch), TOLVEX_ERROR_ARGUMENT);
+  tolvex_frame_arrays arrays = {};
+  std::uint64_t read = 7;
+  EXPECT_EQ(tolvex_frames_read(frames_, &arrays, &read), TOLVEX_ERROR_ARGUMENT);
+  arrays.size = sizeof arrays;
+  EXPECT_EQ(tolvex_frames_read(frames_, &arrays, nullptr), TOLVEX_ERROR_ARGUMENT);
+  std::int64_t offset = 0;
+  arrays.offsets = &offset;
+  EXPECT_EQ(tolvex_frames_read(frames_, &arrays, &read), TOLVEX_ERROR_ARGUMENT);
+  EXPECT_EQ(read, 7U);
   tolvex_frame_filter filter = {};
   filter.size = sizeof filter;
   filter.id_count = 1;

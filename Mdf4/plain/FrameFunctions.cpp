@@ -17,6 +17,7 @@ struct tolvex_frames {
   std::vector<std::string> paths;
   std::unique_ptr<tolvex::MdfFrameReader> reader;  // null: no file is open
   tolvex::MdfFrameBatch batch;
+  std::size_t taken = 0;  // of the batch's frames, by the caller
   tolvex::plain::LastError error;
   tolvex::plain::TextList problems;
   tolvex::plain::TextList notices;
@@ -32,7 +33,13 @@ static_assert(TOLVEX_FRAME_FD_ERROR == static_cast<int>(MdfFrameKind::FdError));
 static_assert(TOLVEX_FRAME_PAYLOAD_MISSING == MdfFrameFlag::kPayloadMissing);
 static_assert(TOLVEX_FRAME_TRANSMITTED == MdfFrameFlag::kTransmitted);
 
+void forgetBatch(tolvex_frames& frames) {
+  frames.batch.count = 0;
+  frames.taken = 0;
+}
+
 void close(tolvex_frames& frames) {
+  forgetBatch(frames);
   frames.reader = nullptr;
   frames.paths.clear();
   frames.problems = {};
@@ -86,9 +93,47 @@ tolvex_status takeFilter(tolvex_frames& frames, const tolvex_frame_filter* filte
   return TOLVEX_OK;
 }
 
-tolvex_frame_batch describe(const MdfFrameBatch& batch) {
+// Takes the next frames, at most `most`, into the batch, unless it has frames that were not taken.
+// False when there are none, or none could be read.
+bool fetch(tolvex_frames& frames, MdfFrameReader& reader, std::size_t most) {
+  if (frames.taken < frames.batch.count) return true;
+  frames.taken = 0;
+  return reader.next(frames.batch, most);
+}
+
+// Makes the first frame that was not taken the first one of the batch.
+void dropTaken(tolvex_frames& frames) {
+  MdfFrameBatch& batch = frames.batch;
+  const std::size_t taken = std::exchange(frames.taken, 0);
+  if (taken == 0) return;
+  const auto moveUp = [&](auto& column, std::size_t count) {
+    const auto first = column.begin() + static_cast<std::ptrdiff_t>(taken);
+    std::copy_n(first, count, column.begin());
+  };
+  batch.count -= taken;
+  moveUp(batch.timeNs, batch.count);
+  moveUp(batch.id, batch.count);
+  moveUp(batch.bus, batch.count);
+  moveUp(batch.flags, batch.count);
+  moveUp(batch.direction, batch.count);
+  moveUp(batch.kind, batch.count);
+  moveUp(batch.dlc, batch.count);
+  moveUp(batch.record, batch.count);
+  moveUp(batch.offsets, batch.count + 1);
+  const std::int64_t start = batch.offsets[0];
+  for (std::size_t i = 0; i <= batch.count; ++i) batch.offsets[i] -= start;
+  std::copy_n(batch.bytes.begin() + start, batch.offsets[batch.count], batch.bytes.begin());
+  const auto errors = std::ranges::lower_bound(batch.errorRows, taken);
+  const auto gone = errors - batch.errorRows.begin();
+  batch.errorRows.erase(batch.errorRows.begin(), errors);
+  batch.errors.erase(batch.errors.begin(), batch.errors.begin() + gone);
+  for (std::size_t& row : batch.errorRows) row -= taken;
+}
+
+// The first frames of the batch.
+tolvex_frame_batch describe(const MdfFrameBatch& batch, std::size_t count) {
   tolvex_frame_batch described = {};
-  described.count = batch.count;
+  described.count = count;
   described.times = batch.timeNs.data();
   described.ids = batch.id.data();
   described.buses = batch.bus.data();
@@ -101,10 +146,64 @@ tolvex_frame_batch describe(const MdfFrameBatch& batch) {
   described.payloads = batch.bytes.data();
   described.error_frames = batch.errorRows.data();
   described.errors = reinterpret_cast<const tolvex_frame_error*>(batch.errors.data());
-  described.error_count = batch.errors.size();
+  const auto behind = std::ranges::lower_bound(batch.errorRows, count);
+  described.error_count = static_cast<std::uint64_t>(behind - batch.errorRows.begin());
   described.error_size = sizeof(MdfFrameError);
   return described;
 }
+
+// Copies frames behind one another into the caller's columns.
+class ArrayCopy {
+ public:
+  explicit ArrayCopy(const tolvex_frame_arrays& to) : to_(to) {
+    if (to_.offsets != nullptr) to_.offsets[0] = 0;
+  }
+
+  std::uint64_t count() const { return count_; }
+  // Those of the batch from `first` on, as far as there is room. Returns how many.
+  std::size_t append(const MdfFrameBatch& from, std::size_t first) {
+    const std::uint64_t most = std::min<std::uint64_t>(from.count - first, to_.room - count_);
+    const auto count =
+        static_cast<std::size_t>(to_.offsets == nullptr ? most : copyPayloads(from, first, most));
+    put(to_.times, from.timeNs, first, count);
+    put(to_.ids, from.id, first, count);
+    put(to_.buses, from.bus, first, count);
+    put(to_.flags, from.flags, first, count);
+    put(to_.dlcs, from.dlc, first, count);
+    put(to_.kinds, from.kind, first, count);
+    put(to_.rows, from.record, first, count);
+    count_ += count;
+    return count;
+  }
+
+ private:
+  template <class Value>
+  void put(Value* to, const std::vector<Value>& from, std::size_t first, std::size_t count) const {
+    if (to != nullptr) std::copy_n(from.data() + first, count, to + count_);
+  }
+
+  // Payloads and their offsets, of at most `most` frames. Returns of how many there is room for.
+  std::uint64_t copyPayloads(const MdfFrameBatch& from, std::size_t first, std::uint64_t most) {
+    const std::int64_t* const offsets = from.offsets.data() + first;
+    const std::uint64_t room = to_.payload_room - payloadBytes_;
+    const std::int64_t start = offsets[0];
+    const auto fits = [&](std::int64_t end) {
+      return static_cast<std::uint64_t>(end - start) <= room;
+    };
+    const std::int64_t* const behind = std::partition_point(offsets + 1, offsets + 1 + most, fits);
+    const std::size_t count = static_cast<std::size_t>(behind - (offsets + 1));
+    std::copy_n(from.bytes.data() + start, offsets[count] - start, to_.payloads + payloadBytes_);
+    std::int64_t* const ends = to_.offsets + count_ + 1;
+    const std::int64_t shift = static_cast<std::int64_t>(payloadBytes_) - start;
+    for (std::size_t i = 0; i < count; ++i) ends[i] = offsets[i + 1] + shift;
+    payloadBytes_ += static_cast<std::uint64_t>(offsets[count] - start);
+    return count;
+  }
+
+  const tolvex_frame_arrays to_;
+  std::uint64_t count_ = 0;
+  std::uint64_t payloadBytes_ = 0;
+};
 
 }  // namespace
 }  // namespace tolvex::plain
@@ -200,6 +299,7 @@ tolvex_status tolvex_frames_time_range(tolvex_frames* frames, int64_t* first, in
     std::int64_t from = 0;
     std::int64_t to = 0;
     const bool hasFrames = reader.timeRange(from, to);
+    forgetBatch(*frames);
     reader.select({});
     const tolvex_status status = statusOf(*frames, reader);
     if (status != TOLVEX_OK) return status;
@@ -214,6 +314,7 @@ tolvex_status tolvex_frames_select(tolvex_frames* frames, const tolvex_frame_fil
     tolvex::MdfFrameFilter wanted;
     const tolvex_status status = takeFilter(*frames, filter, wanted);
     if (status != TOLVEX_OK) return status;
+    forgetBatch(*frames);
     reader.select(wanted);
     return statusOf(*frames, reader);
   });
@@ -223,11 +324,42 @@ tolvex_status tolvex_frames_next(tolvex_frames* frames, size_t most, tolvex_fram
   return withReader(frames, [&](tolvex::MdfFrameReader& reader) -> tolvex_status {
     tolvex_frame_batch sized;
     if (!take(batch, sized)) return frames->error.setFixed(TOLVEX_ERROR_ARGUMENT, kNoSize);
-    if (!reader.next(frames->batch, most)) {
+    if (!fetch(*frames, reader, most)) {
       const tolvex_status status = statusOf(*frames, reader);
       if (status != TOLVEX_OK) return status;
     }
-    return filled(*frames, fill(batch, describe(frames->batch)));
+    dropTaken(*frames);
+    frames->taken = std::min(most, frames->batch.count);
+    return filled(*frames, fill(batch, describe(frames->batch, frames->taken)));
+  });
+}
+
+tolvex_status tolvex_frames_read(tolvex_frames* frames, const tolvex_frame_arrays* arrays,
+                                 uint64_t* read) {
+  return withReader(frames, [&](tolvex::MdfFrameReader& reader) -> tolvex_status {
+    constexpr std::uint64_t kAtOnce = 4096;  // frames that stay in a cache until they are copied
+    tolvex_frame_arrays to;
+    if (!take(arrays, to)) return frames->error.setFixed(TOLVEX_ERROR_ARGUMENT, kNoSize);
+    if (read == nullptr || (to.offsets == nullptr) != (to.payloads == nullptr)) {
+      return frames->error.setFixed(TOLVEX_ERROR_ARGUMENT, kNull);
+    }
+    ArrayCopy copy(to);
+    while (copy.count() < to.room) {
+      const std::uint64_t most = std::min(to.room - copy.count(), kAtOnce);
+      if (!fetch(*frames, reader, static_cast<std::size_t>(most))) break;
+      const std::size_t taken = copy.append(frames->batch, frames->taken);
+      frames->taken += taken;
+      if (frames->taken < frames->batch.count) break;
+    }
+    if (copy.count() == 0 && to.room != 0) {
+      const tolvex_status status = statusOf(*frames, reader);
+      if (status != TOLVEX_OK) return status;
+      if (frames->taken < frames->batch.count) {
+        return frames->error.setFixed(TOLVEX_ERROR_ARGUMENT, "there is no room for a payload");
+      }
+    }
+    *read = copy.count();
+    return TOLVEX_OK;
   });
 }
 

@@ -453,6 +453,30 @@ TOLVEX_API tolvex_status tolvex_frames_select(tolvex_frames* frames,
 TOLVEX_API tolvex_status tolvex_frames_next(tolvex_frames* frames, size_t most,
                                             tolvex_frame_batch* batch);
 
+/* Memory of the caller's for frames by column: room for `room` of them each; null: not wanted. The
+ * members are those of tolvex_frame_batch. */
+typedef struct tolvex_frame_arrays {
+  size_t size;
+  uint64_t room;
+  int64_t* times;
+  uint32_t* ids;
+  uint16_t* buses;
+  uint16_t* flags;
+  uint8_t* dlcs;
+  uint8_t* kinds;
+  uint64_t* rows;
+  int64_t* offsets;      /* room for one more; both this and the next one, or neither */
+  uint8_t* payloads;     /* back to back, the first at offset 0 */
+  uint64_t payload_room; /* bytes */
+} tolvex_frame_arrays;
+
+/* The next frames into the caller's memory: how many in *read, as many as there is room for. Those
+ * that follow, in this function or in tolvex_frames_next, begin with the first for which there was
+ * none. 0 at the end. TOLVEX_ERROR_ARGUMENT when there is not even room for the payload of one
+ * frame: 64 bytes are enough. */
+TOLVEX_API tolvex_status tolvex_frames_read(tolvex_frames* frames,
+                                            const tolvex_frame_arrays* arrays, uint64_t* read);
+
 /* The frames that are wanted as a stream of record batches of up to `batch_rows` (0: 65,536)
  * frames: time (timestamp in nanoseconds, as in tolvex_reader_stream), id (uint32), bus (uint16),
  * direction, kind, dlc (uint8), flags (uint16), data (large_binary, null where it is lost). Opens

@@ -98,6 +98,16 @@ static void readFrames(const char* path) {
   tolvex_frame_group group = {.size = sizeof group};
   tolvex_frame_filter filter = {.size = sizeof filter};
   tolvex_frame_batch batch = {.size = sizeof batch};
+  int64_t times[1] = {0};
+  int64_t offsets[2] = {7, 7};
+  uint8_t payloads[64];
+  uint64_t read = 0;
+  const tolvex_frame_arrays arrays = {.size = sizeof arrays,
+                                      .room = 1,
+                                      .times = times,
+                                      .offsets = offsets,
+                                      .payloads = payloads,
+                                      .payload_room = sizeof payloads};
   struct ArrowArrayStream stream;
   struct ArrowArray array;
   const char* const* texts = NULL;
@@ -122,6 +132,10 @@ static void readFrames(const char* path) {
   EXPECT(batch.count == 1 && batch.ids[0] == 1499 && batch.times[0] == last);
   EXPECT(tolvex_frames_next(frames, 10, &batch) == TOLVEX_OK && batch.count == 0);
   filter.has_start = 0;
+  EXPECT(tolvex_frames_select(frames, &filter) == TOLVEX_OK);
+  EXPECT(tolvex_frames_read(frames, &arrays, &read) == TOLVEX_OK && read == 1);
+  EXPECT(tolvex_frames_read(frames, &arrays, &read) == TOLVEX_OK && read == 1);
+  EXPECT(times[0] == last && offsets[0] == 0 && offsets[1] == 0);
   EXPECT(tolvex_frames_stream(frames, &filter, 0, &stream) == TOLVEX_OK);
   EXPECT(tolvex_frames_problems(frames, &texts, &count) == TOLVEX_OK && count == 0);
   EXPECT(tolvex_frames_notices(frames, &texts, &count) == TOLVEX_OK && count == 0);
