@@ -3,11 +3,17 @@
 #include <malloc.h>
 
 #include <memory>
+#include <string>
+#include <vector>
 
+#include "Mdf4/MdfRecorder.h"
 #include "bench/Bench.h"
 #include "bench/CountedMemory.h"
 #include "bench/Inputs.h"
+#include "bench/Recordings.h"
 #include "tolvex/Mdf4.h"
+#include "tolvex/MdfColumnReader.h"
+#include "tolvex/MdfColumns.h"
 
 namespace tolvex::bench {
 namespace {
@@ -54,9 +60,72 @@ void measure(benchmark::State& state, std::uint64_t groups) {
                           kGoalBytes, verdict(bytes, kGoalBytes)));
 }
 
+// ---------------------------------------------------------------------------------------------
+// Many small recordings
+
+// A group of 50 channels with 100 records, or frames on two buses, in turns.
+void recordOne(const std::string& path, bool isBusLog) {
+  constexpr int kChannels = 50;
+  MdfRecorder recorder;
+  if (recorder.startRecord(path, kStartTimeUs) != 0) return;
+  if (isBusLog) {
+    const Traffic traffic(2);
+    for (std::uint64_t i = 0; i < 1000; ++i) {
+      static_cast<void>(recorder.saveCanMessage(Traffic::timeUs(i), traffic.message(i)));
+    }
+  } else {
+    const int group = recorder.addDataGroup("signals");
+    static_cast<void>(recorder.addChannel(group, timeChannel()));
+    for (int i = 1; i < kChannels; ++i) {
+      ChannelInfo channel = float64Channel(fmt::format("Engine.Signal{:02}", i).c_str());
+      channel.unit = "km/h";
+      channel.comment = "a signal";
+      static_cast<void>(recorder.addChannel(group, channel));
+    }
+    std::vector<double> records(100 * kChannels);
+    std::uint64_t taken = 0;
+    static_cast<void>(
+        recorder.insertRecords(static_cast<std::uint32_t>(group), 100, kChannels * sizeof(double),
+                               reinterpret_cast<const std::uint8_t*>(records.data()), taken));
+  }
+  recorder.stopRecord(kStartTimeUs);
+}
+
+void measureSummaries(benchmark::State& state) {
+  const test::TempDir folder;
+  std::vector<std::string> paths;
+  for (std::uint64_t i = 0; i < scaled(1000); ++i) {
+    paths.push_back(folder.path(fmt::format("{}.mf4", i)));
+    recordOne(paths.back(), i % 2 == 0);
+  }
+  const auto summarize = [&] {
+    std::uint64_t channels = 0;
+    for (const std::string& path : paths) {
+      tolvex_summary summary = {};
+      summary.size = sizeof summary;
+      tolvex_summarize_file(path.c_str(), &summary, nullptr, 0);
+      channels += summary.channel_count;
+    }
+    return channels;
+  };
+  const auto open = [&] {
+    std::uint64_t channels = 0;
+    for (const std::string& path : paths) {
+      MdfColumnReader reader(path);
+      if (!reader.open()) continue;
+      for (const MdfColumnGroup& group : reader.groups()) channels += group.channels.size();
+    }
+    return channels;
+  };
+  compare(
+      state, {static_cast<double>(paths.size()), 0, 1}, [&] { return timed(summarize); },
+      [&] { return timed(open); });
+}
+
 }  // namespace
 
 void addOpenBenches() {
+  add("summary of a small recording / opening it for columns", measureSummaries);
   for (const std::uint64_t groups : {10U, 100U, 1000U}) {
     if (groups > scaled(10'000)) continue;
     add(fmt::format("open {} groups of {} channels", groups, kChannelsPerGroup),

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "Mdf4/can/FileSummary.h"
 #include "fuzz/FuzzInput.h"
 #include "tolvex/MdfColumnReader.h"
 
@@ -160,7 +161,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const MemoryFile file(input);
   MdfColumnReader reader(twice ? std::vector<std::string>{file.path(), file.path()}
                                : std::vector<std::string>{file.path()});
-  if (reader.open()) Reading(reader, steering).readAll();
+  FileSummary summary;
+  std::string error;
+  const bool isSummarized = summarizeFile(file.path(), summary, error);
+  const bool isOpen = reader.open();
+  require(isOpen == isSummarized && isOpen == error.empty(), "what opens has a summary");
+  require(summary.frames <= summary.records, "frames are records");
+  if (isOpen) Reading(reader, steering).readAll();
   reader.close();
   require(reader.groups().empty(), "a closed reader has no groups");
   return 0;

@@ -167,6 +167,14 @@ std::vector<CanFieldSlot> buildCanLayout(ReaderState& state, const MdfCNInfo& ch
   return layoutOf(state.file, state.texts, fields, channel.dgIndex, state.loggerRules);
 }
 
+bool holdsFrames(const ModelGroup& group) {
+  return std::ranges::any_of(group.channels, [&](const ModelChannel& member) {
+    return member.parent != ModelChannel::kNone && member.name != nullptr &&
+           classifyFieldName(*member.name, true).has_value() &&
+           isFrameChannel(group, group.channels[static_cast<std::size_t>(member.parent)]);
+  });
+}
+
 std::vector<FrameSource> frameSources(MDF4File& file, FileTexts& texts, const ModelGroup& group) {
   std::map<std::int32_t, std::vector<const ModelChannel*>> compositions;
   for (const ModelChannel& channel : group.channels) {

@@ -29,6 +29,8 @@ struct FrameSource {
   const ModelChannel* payloads = nullptr;  // the one with payloads outside of the records, or null
   FrameTime time;
 };
+// Whether there are some, without looking into the fields' channels.
+bool holdsFrames(const ModelGroup& group);
 std::vector<FrameSource> frameSources(MDF4File& file, FileTexts& texts, const ModelGroup& group);
 
 // Records of other sizes give no frames.

@@ -23,8 +23,8 @@ constexpr std::uint64_t kMostElements = std::uint64_t{1} << 32;
 
 class Walk {
  public:
-  Walk(MDF4File& file, FileTexts& texts, ChannelTree& tree)
-      : file_(file), texts_(texts), tree_(tree), visited_(file) {}
+  Walk(MDF4File& file, FileTexts& texts, ChannelTree& tree, TreeDetail detail)
+      : file_(file), texts_(texts), tree_(tree), all_(detail == TreeDetail::All), visited_(file) {}
 
   void dataGroups() {
     for (std::uint64_t at = file_.header()->link(link::hd_dg_first); at != 0;) {
@@ -48,8 +48,10 @@ class Walk {
       at = block->link(link::cg_cg_next);
       group.record = *block;
       group.dataGroup = static_cast<std::int32_t>(tree_.dataGroups.size());
-      group.name = texts_.plain(block->link(link::cg_tx_acq_name));
-      group.comment = texts_.content(block->link(link::cg_md_comment));
+      if (all_) {
+        group.name = texts_.plain(block->link(link::cg_tx_acq_name));
+        group.comment = texts_.content(block->link(link::cg_md_comment));
+      }
       group.source = source(block->link(link::cg_si_acq_source));
       channels(group.channels, block->link(link::cg_cn_first), ModelChannel::kNone, 0);
       group.master = masterOf(group.channels);
@@ -57,12 +59,16 @@ class Walk {
     }
   }
 
+  static bool isMaster(const m4CNRecord& channel) {
+    return channel.cn_type == channel_type::kMaster ||
+           channel.cn_type == channel_type::kVirtualMaster;
+  }
+
   static std::int32_t masterOf(const std::vector<ModelChannel>& channels) {
     std::int32_t master = ModelChannel::kNone;
     for (std::int32_t i = 0; i < std::ssize(channels); ++i) {
       const m4CNRecord& record = channels[static_cast<std::size_t>(i)].record;
-      if (record.cn_type != channel_type::kMaster && record.cn_type != channel_type::kVirtualMaster)
-        continue;
+      if (!isMaster(record)) continue;
       if (record.cn_sync_type == kSyncTime) return i;
       if (master == ModelChannel::kNone) master = i;
     }
@@ -82,17 +88,24 @@ class Walk {
       channel.parent = parent;
       channel.conversion = block->link(link::cn_cc_conversion);
       channel.data = block->link(link::cn_data);
-      channel.facts = facts(channel.conversion);
-      channel.name = texts_.content(block->link(link::cn_tx_name));
-      channel.unit = texts_.content(block->link(link::cn_md_unit));
-      if (channel.unit == nullptr && channel.facts != nullptr) channel.unit = channel.facts->unit;
-      channel.comment = texts_.content(block->link(link::cn_md_comment));
-      channel.source = source(block->link(link::cn_si_source));
+      const std::uint64_t inner = block->link(link::cn_composition);
+      if (all_ || isMaster(channel.record)) describeValues(channel, *block);
+      if (all_ || inner != 0 || parent != ModelChannel::kNone) {
+        channel.name = texts_.content(block->link(link::cn_tx_name));
+        channel.source = source(block->link(link::cn_si_source));
+      }
+      if (all_) channel.comment = texts_.content(block->link(link::cn_md_comment));
       if (parent != ModelChannel::kNone) inherit(channel, all[static_cast<std::size_t>(parent)]);
       const auto index = static_cast<std::int32_t>(all.size());
       all.push_back(std::move(channel));
-      composition(all, block->link(link::cn_composition), index, depth + 1);
+      composition(all, inner, index, depth + 1);
     }
+  }
+
+  void describeValues(ModelChannel& channel, const M4CNBlock& block) {
+    channel.facts = facts(channel.conversion);
+    channel.unit = texts_.content(block.link(link::cn_md_unit));
+    if (channel.unit == nullptr && channel.facts != nullptr) channel.unit = channel.facts->unit;
   }
 
   // What a member has of what it is a member of.
@@ -204,6 +217,7 @@ class Walk {
   MDF4File& file_;
   FileTexts& texts_;
   ChannelTree& tree_;
+  const bool all_;
   VisitedBlocks visited_;
   std::unordered_map<std::uint64_t, std::shared_ptr<const SignalSource>> sources_;
   std::unordered_map<std::uint64_t, std::shared_ptr<const ConversionFacts>> facts_;
@@ -217,8 +231,8 @@ std::uint64_t ModelChannel::elements() const {
   return count;
 }
 
-ChannelTree::ChannelTree(MDF4File& file, FileTexts& texts) {
-  Walk(file, texts, *this).dataGroups();
+ChannelTree::ChannelTree(MDF4File& file, FileTexts& texts, TreeDetail detail) {
+  Walk(file, texts, *this, detail).dataGroups();
 }
 
 }  // namespace tolvex

@@ -83,11 +83,15 @@ struct ModelDataGroup {
   std::size_t groups = 0;
 };
 
+// Of channels: everything, or only what tells time and bus logs; names, units, comments, sources
+// and conversions are null where they do not.
+enum class TreeDetail : std::uint8_t { All, Groups };
+
 // All groups of a file, by data group. A chain ends at a block that is damaged, of another kind or
 // visited before; the file's problems say so.
 struct ChannelTree {
   ChannelTree() = default;
-  ChannelTree(MDF4File& file, FileTexts& texts);
+  ChannelTree(MDF4File& file, FileTexts& texts, TreeDetail detail = TreeDetail::All);
 
   std::vector<ModelDataGroup> dataGroups;
   std::vector<ModelGroup> groups;

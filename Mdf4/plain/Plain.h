@@ -42,6 +42,22 @@ class LastError {
   const char* fixed_ = nullptr;
 };
 
+// Where a function without a handle puts what failed.
+class ErrorText {
+ public:
+  ErrorText(char* text, std::size_t size) : text_(text), size_(text != nullptr ? size : 0) {
+    if (size_ != 0) *text_ = '\0';
+  }
+
+  // Gives the status that `work` returns with the error that it is handed.
+  template <class Work>
+  tolvex_status of(Work work) const noexcept;
+
+ private:
+  char* const text_;
+  const std::size_t size_;
+};
+
 // The status for what a reader says that has failed.
 inline tolvex_status failed(LastError& error, const std::string& text, tolvex_status otherwise) {
   return error.set(text == kOutOfMemory ? tolvex_status{TOLVEX_ERROR_MEMORY} : otherwise, text);
@@ -61,6 +77,17 @@ tolvex_status guarded(LastError& error, Work work) noexcept {
   } catch (...) {
     return error.setFixed(TOLVEX_ERROR_MEMORY, kOutOfMemory);
   }
+}
+
+template <class Work>
+tolvex_status ErrorText::of(Work work) const noexcept {
+  LastError error;
+  const tolvex_status status = guarded(error, [&] { return work(error); });
+  if (status == TOLVEX_OK || size_ == 0) return status;
+  const std::size_t length = std::min(std::strlen(error.text()), size_ - 1);
+  std::memcpy(text_, error.text(), length);
+  text_[length] = '\0';
+  return status;
 }
 
 // New members of a struct must not come to lie in what an older program takes for padding.

@@ -18,11 +18,11 @@ std::string_view viewOf(const SharedText& text) {
 
 }  // namespace
 
-bool ColumnFile::open() {
+bool ColumnFile::open(Extent extent) {
   file_.acceptUnfinished(true);
   if (!file_.Open(path_, false)) return false;
-  tree_ = ChannelTree(file_, texts_);
-  describeRecording();
+  tree_ = ChannelTree(file_, texts_, extent == Extent::All ? TreeDetail::All : TreeDetail::Groups);
+  describeRecording(extent);
   recordingStartNs_ = info_.startTimeNs;
   notice_ = data_.reportUnfinished();
   if (isOneOfMany_) file_.rest();
@@ -55,7 +55,7 @@ ColumnPlan ColumnFile::plan(const ModelGroup& group, const ModelChannel& channel
   return planned;
 }
 
-void ColumnFile::describeRecording() {
+void ColumnFile::describeRecording(Extent extent) {
   constexpr std::uint8_t kLocalTime = 0x01;
   constexpr std::uint8_t kOffsetsValid = 0x02;
   const M4HDBlock& header = *file_.header();
@@ -65,13 +65,14 @@ void ColumnFile::describeRecording() {
   info_.program.assign(id.id_prog, std::find(std::begin(id.id_prog), std::end(id.id_prog), '\0'));
   info_.program.erase(info_.program.find_last_not_of(' ') + 1);
   makeUtf8(info_.program);
-  info_.comment = viewOf(texts_.content(header.link(link::hd_md_comment)));
+  if (extent == Extent::All)
+    info_.comment = viewOf(texts_.content(header.link(link::hd_md_comment)));
   info_.startTimeNs = static_cast<std::int64_t>(header.hd_start_time_ns);
   info_.startIsLocal = (header.hd_time_flags & kLocalTime) != 0;
   if ((header.hd_time_flags & kOffsetsValid) != 0) {
     info_.utcOffsetMinutes = header.hd_tz_offset_min + header.hd_dst_offset_min;
   }
-  describeSurroundings(file_, texts_, info_);
+  if (extent == Extent::All) describeSurroundings(file_, texts_, info_);
 }
 
 MdfColumnGroup ColumnFile::describe(const ModelGroup& group) {

@@ -24,8 +24,10 @@ class ColumnFile {
   ColumnFile& operator=(const ColumnFile&) = delete;
   ~ColumnFile() { file_.Close(); }
 
+  // What is read when a file is opened: all that describes it, or what its groups need alone.
+  enum class Extent : std::uint8_t { All, Groups };
   // False when it cannot be opened: error() says why. Throws std::bad_alloc.
-  [[nodiscard]] bool open();
+  [[nodiscard]] bool open(Extent extent = Extent::All);
   const std::string& error() const { return file_.error(); }
   const std::string& path() const { return path_; }
   // Of a recording that started then; without it, its own start counts.
@@ -33,6 +35,11 @@ class ColumnFile {
   // What it was taken for, when it is unusual; "" else. Also one of the problems.
   const std::string& notice() const { return notice_; }
   ProblemLog& problems() { return file_.problems(); }
+  std::uint64_t size() const { return file_.end(); }  // bytes
+  // Whether groups may state how many records they have.
+  bool hasCounts() const {
+    return !file_.isUnfinished() || !has(file_.id().id_unfin_flags, Unfinished::CycleCounts);
+  }
 
   const MdfRecordingInfo& info() const { return info_; }
   const ChannelTree& tree() const { return tree_; }
@@ -49,7 +56,7 @@ class ColumnFile {
   std::unique_ptr<Again> again() const;
 
  private:
-  void describeRecording();
+  void describeRecording(Extent extent);
   MdfColumnGroup describe(const ModelGroup& group);
   MdfColumnChannel describe(const ModelGroup& group, const ModelChannel& channel);
 

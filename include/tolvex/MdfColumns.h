@@ -486,6 +486,37 @@ TOLVEX_API tolvex_status tolvex_frames_stream(tolvex_frames* frames,
                                               uint64_t batch_rows, struct ArrowArrayStream* stream);
 
 /* ---------------------------------------------------------------------------------------------
+ * Summary of a file */
+
+typedef struct tolvex_summary {
+  size_t size;
+  uint64_t bytes;        /* of the file */
+  int64_t start_time_ns; /* as in tolvex_recording, likewise start_is_local and the offset */
+  /* Of the earliest record and of the latest one, as the first and last records of groups tell that
+   * have their data group for themselves. TOLVEX_NO_TIME: there are none, or it is unknown. */
+  int64_t first_time_ns;
+  int64_t last_time_ns;
+  /* As the file states them. Of a recording that was not finished, those of such groups that are
+   * there; others count as far as the file states them. */
+  uint64_t records;
+  uint64_t frames;        /* of them: CAN frames */
+  uint64_t problem_count; /* what is damaged; not to be finished is no damage */
+  uint32_t version;
+  uint32_t group_count;
+  uint32_t channel_count;
+  int32_t start_is_local;
+  int32_t utc_offset_minutes;
+  uint32_t is_finalized; /* 1; or 0: left by its logger before it was finished */
+  char program[16];      /* that wrote the file, NUL-terminated */
+} tolvex_summary;
+
+/* What a file holds, from its headers: for tables of many files, by any number of threads. Reads
+ * the lists of data blocks, but no data except those records. `error` may be null; why a file
+ * cannot be opened is put there, at most `error_size` bytes with the NUL, else "". */
+TOLVEX_API tolvex_status tolvex_summarize_file(const char* path, tolvex_summary* summary,
+                                               char* error, size_t error_size);
+
+/* ---------------------------------------------------------------------------------------------
  * Check and recovery
  *
  * As tolvex::checkFile and tolvex::recoverFile, which say more. Positions and sizes are bytes. */

@@ -197,6 +197,8 @@ static int32_t askedNow(void* user) {
 }
 
 int checkRamp(const char* path, const char* recovered) {
+  char error[100] = "x";
+  tolvex_summary file = {.size = sizeof file};
   tolvex_check* check = NULL;
   tolvex_check_summary found = {.size = sizeof found};
   tolvex_recovery* recovery = NULL;
@@ -206,6 +208,8 @@ int checkRamp(const char* path, const char* recovered) {
   tolvex_recover_options options = {.size = sizeof options, .user = &calls, .verify = 1};
   uint64_t rows = 0;
   failures = 0;
+  EXPECT(tolvex_summarize_file(path, &file, error, sizeof error) == TOLVEX_OK);
+  EXPECT(file.frames == kRampRecords && file.records == 2 * kRampRecords + 2 && error[0] == 0);
   EXPECT(tolvex_check_file(path, NULL, NULL, &check) == TOLVEX_OK);
   EXPECT(tolvex_check_get_summary(check, &found) == TOLVEX_OK);
   EXPECT(strcmp(found.failure, "") == 0 && found.errors == 0 && found.finding_count == 0);
