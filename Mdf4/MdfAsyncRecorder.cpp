@@ -8,6 +8,7 @@
 
 #include "Mdf4/base/Diagnostics.h"
 #include "Mdf4/can/DataFramePacking.h"
+#include "Mdf4/can/FramesToSave.h"
 #include "Mdf4/model/BusLogLayout.h"
 #include "tolvex/Mdf4.h"
 
@@ -27,6 +28,12 @@ bool discard(const char* operation, std::uint64_t pending) {
                   __FILE__, __LINE__, operation, static_cast<long long>(pending),
                   recorderSettings.maxPendingTasks.load());
   return false;
+}
+
+// Of how many records of that size a task may be.
+std::uint32_t mostOfATask(std::uint32_t size) {
+  constexpr std::uint32_t kMostBytes = 64 * 1024;  // unless a single one has more
+  return std::clamp(kMostBytes / size, 1U, DataGroup::kRecordsPerBlock);
 }
 
 // What a call gives in a child process.
@@ -282,9 +289,8 @@ bool MdfAsyncRecorder::insertRecord(const RecordData& record, int groupIndex) {
 bool MdfAsyncRecorder::insertRecords(std::uint32_t groupIndex, std::uint64_t count,
                                      std::uint32_t size, const std::uint8_t* data,
                                      std::uint64_t& taken) {
-  constexpr std::uint32_t kMostBytes = 64 * 1024;  // of a task, unless a record has more
   if (isParents() || size == 0) return false;
-  const std::uint64_t most = std::clamp(kMostBytes / size, 1U, DataGroup::kRecordsPerBlock);
+  const std::uint64_t most = mostOfATask(size);
   do {
     const std::uint64_t rest = count - taken;
     const auto records = static_cast<std::uint32_t>(std::min(rest, most));
@@ -334,6 +340,99 @@ bool MdfAsyncRecorder::saveCanMessage(std::uint64_t timestamp, const MdfCanMessa
   lock.unlock();
   announce(task, savedMessages);
   return true;
+}
+
+void MdfAsyncRecorder::saveFrames(const FramesToSave& frames, SavedFrames& saved) {
+  if (isParents()) {
+    saved.failure = "the recording belongs to the parent process";
+    return;
+  }
+  MutexLock lock(mutex_);
+  if (!queueing_.accepting) {
+    refuse(frames.count());
+    saved.failure = SavedFrames::kNotRecording;
+    return;
+  }
+  const FramesToSave::Limits limits = {queueing_.startTime, queueing_.maxPayload};
+  lock.unlock();
+  saved.refusal = frames.fault(limits);
+  if (!saved.refusal.empty()) return;
+  const auto isData = [&](std::size_t i) { return i < frames.count() && !frames.isError(i); };
+  bool isDone = true;
+  while (isDone && saved.count < frames.count()) {
+    const auto first = static_cast<std::size_t>(saved.count);
+    if (!isData(first)) {
+      isDone = saveErrorOf(frames, saved);
+      continue;
+    }
+    const std::uint32_t most = mostOfATask(kCanDataFrames.recordSize(limits.maxPayload));
+    std::size_t count = 1;
+    while (count < most && isData(first + count)) ++count;
+    isDone = queueFrames(frames, count, saved);
+  }
+}
+
+// The next frames as one task. False when they are not accepted.
+bool MdfAsyncRecorder::queueFrames(const FramesToSave& frames, std::size_t count,
+                                   SavedFrames& saved) {
+  const auto first = static_cast<std::size_t>(saved.count);
+  const std::uint64_t rest = frames.count() - first;
+  const auto fail = [&](const char* why) {
+    saved.failure = why;
+    return false;
+  };
+  MutexLock lock(mutex_);
+  if (queueing_.accepting && queueing_.busGroup < 0) {
+    lock.unlock();
+    const bool isPrepared = prepareBusLog();
+    lock.lock();
+    if (!isPrepared) {
+      queueing_.refused += rest - 1;  // one is counted
+      return fail("the group of the frames could not be made");
+    }
+  }
+  if (!queueing_.accepting || queueing_.busGroup < 0) {
+    refuse(rest);
+    return fail(SavedFrames::kNotRecording);
+  }
+  const std::uint32_t size = queueing_.busRecordSize;
+  if (size != kCanDataFrames.recordSize(queueing_.maxPayload))
+    return fail(SavedFrames::kOtherPayload);
+  if (const std::uint64_t waiting = pending(); isFull(waiting)) {
+    lock.unlock();
+    discard("saveFrames", waiting);
+    return fail("the queue is full");
+  }
+  std::uint8_t* record = push({queueing_.busGroup, size, static_cast<std::uint32_t>(count)});
+  if (record == nullptr) {
+    queueing_.refused += rest - count;  // the others are counted
+    return fail("no memory for the queue");
+  }
+  std::uint64_t latest = 0;
+  for (std::size_t i = first; i < first + count; ++i, record += size) {
+    frames.pack(record, frames.secondsSince(queueing_.startTime, i), i, queueing_.maxPayload);
+    latest = std::max(latest, frames.timestampUs(i));
+  }
+  saved.count += count;
+  const Counted counted = this->count(latest);
+  lock.unlock();
+  announce(counted, savedMessages, static_cast<int>(count));
+  return true;
+}
+
+// The next frame, which is an error, past the queue.
+bool MdfAsyncRecorder::saveErrorOf(const FramesToSave& frames, SavedFrames& saved) {
+  return onFile([&] {
+    fileMutex_.assumeHeld();
+    if (!appendError(frames, static_cast<std::size_t>(saved.count))) {
+      if (isRecording()) countLost(frames.count() - saved.count - 1);
+      saved.failure = MdfRecorder::firstError();
+      return false;
+    }
+    ++saved.count;
+    checkSplit();
+    return true;
+  });
 }
 
 // What comes after a split that failed is lost.

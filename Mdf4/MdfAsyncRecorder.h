@@ -64,8 +64,8 @@ class MdfTasks {
 
 // Copies records and frames into a queue, from which a thread of its own writes them in the order
 // in which they came. While maxPendingTasks are queued, new ones are discarded with a message;
-// records that come many at a time are one task for up to 512 of them and 64 KiB. All data frames
-// go into one group.
+// records and data frames that come many at a time are one task for up to 512 of them and 64 KiB.
+// All data frames go into one group.
 //
 // Any number of threads may insert records and save frames, while others define groups, save errors
 // (which are written at once) or ask for counts; one thread at a time starts, stops and destroys.
@@ -86,6 +86,7 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
   // True when the record is queued. False, silently, outside a recording and for a bad index.
   bool insertRecord(const RecordData& record, int groupIndex) override;
   bool saveCanMessage(std::uint64_t timestamp, const MdfCanMessage& message) override;
+  void saveFrames(const FramesToSave& frames, SavedFrames& saved) override;
   bool saveCanError(std::uint64_t timestamp, const MdfCanError& error) override;
   bool saveCanError(std::uint64_t timestamp, const MdfCanMessage& message) override;
   [[nodiscard]] int addDataGroup(const std::string& name) override;
@@ -141,6 +142,9 @@ class MdfAsyncRecorder final : public MdfRecorder, private WorkerThread<MdfTasks
   bool refuse(std::uint64_t records = 1) TOLVEX_REQUIRES(mutex_);
   [[nodiscard]] std::uint8_t* push(const MdfTask& task) TOLVEX_REQUIRES(mutex_);
   [[nodiscard]] bool prepareBusLog() TOLVEX_EXCLUDES(fileMutex_);
+  bool queueFrames(const FramesToSave& frames, std::size_t count, SavedFrames& saved)
+      TOLVEX_EXCLUDES(mutex_);
+  bool saveErrorOf(const FramesToSave& frames, SavedFrames& saved) TOLVEX_EXCLUDES(fileMutex_);
   [[nodiscard]] Counted count(std::uint64_t timestamp) TOLVEX_REQUIRES(mutex_);
   void announce(const Counted& task, std::atomic<int>& counter, int records = 1)
       TOLVEX_EXCLUDES(mutex_);

@@ -20,6 +20,7 @@
 
 namespace tolvex {
 
+class FramesToSave;
 class MdfCanMessage;
 class MdfCanError;
 
@@ -30,6 +31,17 @@ struct RecorderSettings {
   std::atomic<std::uint32_t> maxPendingTasks = 10000;  // of an asynchronous recorder
 };
 extern RecorderSettings recorderSettings;
+
+// What became of frames that came many at a time.
+struct SavedFrames {
+  static constexpr const char* kNotRecording = "nothing is being recorded";
+  static constexpr const char* kOtherPayload =
+      "the group of the frames was made for another payload size";
+
+  std::uint64_t count = 0;  // so many, from the first on, were accepted
+  std::string refusal;      // why none was, where no recorder could
+  std::string failure;      // why the others were not
+};
 
 // Records into one file at a time. Groups belong to the open file: they are added after startRecord
 // and gone after stopRecord. Only stopRecord completes a file; the destructor just closes it.
@@ -59,6 +71,9 @@ class MdfRecorder {
   virtual bool insertRecord(const RecordData& record, int groupIndex);
   // Into the group of the frame's bus channel and direction, which is made when it is first needed.
   virtual bool saveCanMessage(std::uint64_t timestamp, const MdfCanMessage& message);
+  // As far as it goes, each into its group as by the function before and the next one; `saved` says
+  // how far, also when it throws. What a failed write kept out is lost.
+  virtual void saveFrames(const FramesToSave& frames, SavedFrames& saved);
   virtual bool saveCanError(std::uint64_t timestamp, const MdfCanError& error);
   virtual bool saveCanError(std::uint64_t timestamp, const MdfCanMessage& message);
   // The index of the new group, or -1. The name becomes the group's comment.
@@ -119,6 +134,9 @@ class MdfRecorder {
     const std::uint64_t run = splitIsDue() ? 0 : target.insertInPlace(size, data, count);
     return run != 0 ? run : target.insert(size, data) ? 1 : 0;
   }
+
+  // Into the group of its kind, without a split. False when it could not be written.
+  [[nodiscard]] bool appendError(const FramesToSave& frames, std::size_t index);
 
   // For a child process: gives up groups and file as they are, in whatever state the threads of the
   // parent left them.
@@ -187,6 +205,11 @@ class MdfRecorder {
   void addBusLog(BusLogKind kind, std::size_t key, std::unique_ptr<BusLog>& entry);
   [[nodiscard]] [[gnu::noinline]] bool saveFirstOrLastOfBlock(std::uint64_t timestamp,
                                                               const MdfCanMessage& message);
+  template <class Pack>
+  [[nodiscard]] bool appendFrame(BusLog* log, std::uint64_t timestamp, Pack pack);
+  [[nodiscard]] std::size_t appendRun(const FramesToSave& frames, std::size_t first);
+  [[nodiscard]] bool appendData(const FramesToSave& frames, std::size_t index);
+  [[nodiscard]] bool takesData(const FramesToSave& frames, std::size_t index) const;
   template <class Pack>
   [[nodiscard]] bool saveFrame(BusLog* log, std::uint64_t timestamp, Pack pack);
   template <class Describe>

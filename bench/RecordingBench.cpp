@@ -1,6 +1,7 @@
 // Recording on the caller's thread, against packing the same records and writing their blocks.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 #include <memory>
 #include <string>
@@ -11,6 +12,7 @@
 #include "bench/Bench.h"
 #include "bench/Recordings.h"
 #include "tests/support/FileBuilder.h"
+#include "tolvex/MdfColumns.h"
 #include "tolvex/MdfEngine.h"
 
 namespace tolvex::bench {
@@ -43,6 +45,57 @@ Outcome saveWithClass(const std::string& path, const Traffic& traffic, std::uint
     recorder->stopRecord(Traffic::timeUs(count));
     return saved;
   });
+}
+
+// By column, as a reader gives them.
+Outcome saveColumns(const std::string& path, const Traffic& traffic, std::uint64_t count) {
+  constexpr std::size_t kAtOnce = 64 * 1024;
+  std::vector<std::int64_t> times(kAtOnce);
+  std::vector<std::uint32_t> ids(kAtOnce);
+  std::vector<std::uint16_t> buses(kAtOnce);
+  const std::vector<std::uint16_t> flags(kAtOnce);
+  const std::vector<std::uint8_t> dlcs(kAtOnce, 8);
+  std::vector<std::int64_t> offsets(kAtOnce + 1);
+  std::vector<std::uint8_t> payloads(8 * kAtOnce);
+  for (std::size_t i = 0; i < kAtOnce; ++i) {
+    const PlainFrame& frame = traffic.frame(i);
+    ids[i] = frame.id;
+    buses[i] = frame.busChannel;
+    offsets[i + 1] = static_cast<std::int64_t>(8 * (i + 1));
+    std::copy(frame.payload.begin(), frame.payload.end(), &payloads[8 * i]);
+  }
+  tolvex_frame_batch batch = {};
+  batch.size = sizeof batch;
+  batch.times = times.data();
+  batch.ids = ids.data();
+  batch.buses = buses.data();
+  batch.flags = flags.data();
+  batch.dlcs = dlcs.data();
+  batch.offsets = offsets.data();
+  batch.payloads = payloads.data();
+  removeFile(path);
+  Outcome all;
+  void* const recorder = createRecorder(false);
+  startRecord(recorder, path.c_str(), kStartTimeUs);
+  while (all.result < count) {
+    batch.count = std::min<std::uint64_t>(kAtOnce, count - all.result);
+    for (std::size_t i = 0; i < batch.count; ++i) {
+      times[i] = static_cast<std::int64_t>(Traffic::timeUs(all.result + i) * 1000);
+    }
+    std::uint64_t saved = 0;
+    all.seconds += timed([&] {
+                     return std::uint64_t{
+                         tolvex_save_frames(recorder, &batch, &saved, nullptr, 0) == TOLVEX_OK};
+                   }).seconds;
+    if (saved != batch.count) break;
+    all.result += saved;
+  }
+  all.seconds += timed([&] {
+                   stopRecord(recorder, Traffic::timeUs(count));
+                   return std::uint64_t{0};
+                 }).seconds;
+  deleteRecorder(recorder);
+  return all;
 }
 
 // A block for each bus.
@@ -281,6 +334,7 @@ void addRecordingBenches() {
   };
   addFrames("saveCanMessage, plain function / by hand", saveWithFunctions, 1);
   addFrames("saveCanMessage, class / by hand", saveWithClass, 1);
+  addFrames("tolvex_save_frames / by hand", saveColumns, 1);
   addFrames("saveCanMessage, class, 4 buses / by hand", saveWithClass, kMaxBuses);
 
   const auto insert = [](SignalRecording& to, std::uint64_t) { return to.insert(); };

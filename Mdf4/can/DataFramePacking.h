@@ -23,12 +23,30 @@ class DataFramePacking {
     packPayload(record, message, payloadSize);
   }
 
+  // What stands in front of the payload, as it stands there.
+  struct Fields {
+    std::uint32_t id;
+    std::uint8_t busChannel;
+    std::uint8_t dlc;
+    std::uint8_t flags;
+  };
+  // The same of a frame that is no object.
+  static void pack(std::uint8_t* record, double seconds, const Fields& fields, ByteSpan payload,
+                   std::size_t payloadSize) {
+    std::memcpy(record, &seconds, sizeof seconds);
+    packHeader(record, fields);
+    storePayload(record + kHeaderOnlySize, payloadSize, payload, 0);
+  }
+
   static void packHeader(std::uint8_t* record, const MdfCanMessage& message) {
+    packHeader(record, {message.messageId_, message.busChannel_, message.dlc_, message.flags_});
+  }
+  static void packHeader(std::uint8_t* record, const Fields& fields) {
     constexpr const BusLogLayout& layout = kCanDataFrames;
-    storeField<layout.place("BusChannel")>(record, message.busChannel_);
-    storeField<layout.place("DLC")>(record, message.dlc_);
-    storeField<layout.place("Flags")>(record, message.flags_);
-    storeField<layout.place("ID")>(record, message.messageId_);
+    storeField<layout.place("BusChannel")>(record, fields.busChannel);
+    storeField<layout.place("DLC")>(record, fields.dlc);
+    storeField<layout.place("Flags")>(record, fields.flags);
+    storeField<layout.place("ID")>(record, fields.id);
   }
 
   static void packPayload(std::uint8_t* record, const MdfCanMessage& message,

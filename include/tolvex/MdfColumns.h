@@ -486,6 +486,34 @@ TOLVEX_API tolvex_status tolvex_frames_stream(tolvex_frames* frames,
                                               uint64_t batch_rows, struct ArrowArrayStream* stream);
 
 /* ---------------------------------------------------------------------------------------------
+ * Recording CAN frames
+ *
+ * By column, into a recorder of createRecorder (tolvex/MdfEngine.h), as saveCanMessage and
+ * saveCanError do one by one; a batch that was read may be handed over as it is. */
+
+/* Records frames, in their order: how many were accepted, from the first on, in *saved. TOLVEX_OK:
+ * all; TOLVEX_ERROR_OTHER: fewer, since the queue is full or a write failed, which loses the
+ * others; TOLVEX_ERROR_ARGUMENT: none, since one of them cannot be recorded as it is. `error` may
+ * be null; the reason is put there, at most `error_size` bytes with the NUL, else "".
+ *
+ * Null may be: `buses` (all 1), `directions` (of the flags), `kinds` (data, or remote where the
+ * flags say so), `dlcs` (the smallest codes), `flags` (CAN FD above 8 bytes of payload, extended
+ * above 0x7FF), `rows`, and without an error_count the fields of errors; error frames that have
+ * none get zeros. Times are recorded as precisely as seconds since the start can be in a float64:
+ * they read back as the same nanoseconds within 26 days. A payload that is shorter than its code
+ * says is followed by zeros; an error frame's type, and of CAN FD its direction, are in no record.
+ *
+ * Refused are: payloads that are missing, longer than their code says, or than the recorder is
+ * configured for (createBusLogConfiguration; 64 bytes of CAN FD errors, 8 of others); remote frames
+ * with a payload; times before the start; buses above 255; identifiers above 29 bits, of errors of
+ * CAN FD above 24; fields of errors that are wider than in the record.
+ *
+ * An asynchronous recorder queues data and remote frames, in tasks of up to 512 that follow one
+ * another, and writes error frames at once. */
+TOLVEX_API tolvex_status tolvex_save_frames(void* recorder, const tolvex_frame_batch* frames,
+                                            uint64_t* saved, char* error, size_t error_size);
+
+/* ---------------------------------------------------------------------------------------------
  * Summary of a file */
 
 typedef struct tolvex_summary {

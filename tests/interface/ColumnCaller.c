@@ -122,6 +122,7 @@ static void readFrames(const char* path) {
   EXPECT(tolvex_frames_time_range(frames, &first, &last) == TOLVEX_OK);
   EXPECT(first == log.start_time_ns && last - first == INT64_C(1499000000000));
   EXPECT(tolvex_frames_next(frames, 5000, &batch) == TOLVEX_OK && batch.count == kRampRecords);
+  EXPECT(tolvex_save_frames(NULL, &batch, &read, NULL, 0) == TOLVEX_ERROR_ARGUMENT);
   EXPECT(batch.ids[12] == 12 && batch.kinds[12] == TOLVEX_FRAME_DATA && batch.error_count == 0);
   filter.ids = ids;
   filter.id_count = 3;
