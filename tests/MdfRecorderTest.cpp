@@ -424,7 +424,7 @@ TEST_F(MdfRecorderTest, ManyRecordsAtOnceMakeTheFilesThatSingleOnesMake) {
     record("many", true);
     std::size_t files = 0;
     for (std::string part; std::filesystem::exists(path("single" + part + ".mf4"));
-         part = "_" + std::to_string(++files)) {
+         part = std::string("_").append(std::to_string(++files))) {
       EXPECT_EQ(fileBytes(path("many" + part + ".mf4")), fileBytes(path("single" + part + ".mf4")))
           << part;
     }
