@@ -250,6 +250,7 @@ TEST_F(SavedFramesTest, WhatNoRecordHoldsIsRefusedWhole) {
       {[](Columns& c) { c.times[2] = TOLVEX_NO_TIME; }, "frame 2: its time, "},
       {[](Columns& c) { c.offsets[2] = 7; }, "frame 1: expected a payload of 0 to 64 bytes"},
       {[](Columns& c) { c.offsets[3] = 200; }, "frame 2: expected a payload of 0 to 64 bytes"},
+      {[](Columns& c) { c.offsets[1] = INT64_MIN; }, "frame 0: expected a payload of 0 to 64 byt"},
       {[](Columns& c) { c.offsets[0] = -1; }, "payload offsets begin below 0"},
       {[](Columns& c) { c.ids[1] = 0x20000000; }, "frame 1: expected an identifier of 29 bits"},
       {[](Columns& c) { c.buses[1] = 256; }, "frame 1: expected a bus below 256, found 256"},
@@ -297,6 +298,9 @@ TEST_F(SavedFramesTest, WhatNoRecordHoldsIsRefusedWhole) {
     EXPECT_EQ(save(*recorder, batch, saved, error), TOLVEX_ERROR_ARGUMENT);
     batch = frames.batch();
     batch.payloads = nullptr;
+    EXPECT_EQ(save(*recorder, batch, saved, error), TOLVEX_ERROR_ARGUMENT);
+    batch = frames.batch();
+    ASSERT_EQ(recorder->startRecord(path_, ~std::uint64_t{0} / 1000), 0);
     EXPECT_EQ(save(*recorder, batch, saved, error), TOLVEX_ERROR_ARGUMENT);
     batch.size = 0;
     EXPECT_EQ(save(*recorder, batch, saved, error), TOLVEX_ERROR_ARGUMENT);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstring>
+#include <limits>
 
 #include "Mdf4/Record.h"
 #include "Mdf4/base/Diagnostics.h"
@@ -16,11 +17,13 @@ constexpr std::uint32_t kFdErrorExtended = 0x1000000;
 constexpr std::uint32_t kMaxCrc = 0x1FFFFF;
 constexpr std::uint64_t kMaxTimeOffset = 0xFFFFFFFF;
 constexpr unsigned kAllFlags = 0x3FF;
+constexpr std::uint64_t kMaxStartTimeUs = std::numeric_limits<std::int64_t>::max() / 1000;
 
 }  // namespace
 
 std::string FramesToSave::fault(const Limits& limits) const {
   if (count() == 0) return "";
+  if (limits.startTimeUs > kMaxStartTimeUs) return "the recording starts beyond all nanoseconds";
   std::string fault = faultOfColumns();
   for (std::size_t i = 0; fault.empty() && i < count(); ++i) {
     if (isUsual(i, limits)) continue;
@@ -34,7 +37,8 @@ std::string FramesToSave::fault(const Limits& limits) const {
 bool FramesToSave::isUsual(std::size_t i, const Limits& limits) const {
   constexpr unsigned kOthers =
       kAllFlags & ~unsigned{TOLVEX_FRAME_RTR} & ~unsigned{TOLVEX_FRAME_PAYLOAD_MISSING};
-  const auto length = static_cast<std::uint64_t>(batch_.offsets[i + 1] - batch_.offsets[i]);
+  const std::uint64_t length = static_cast<std::uint64_t>(batch_.offsets[i + 1]) -
+                               static_cast<std::uint64_t>(batch_.offsets[i]);
   if (length > limits.maxPayload || batch_.payloads == nullptr) return false;
   const std::uint8_t dlc = dlcOf(i);
   const std::uint32_t stated = kDlcLengths[std::min(dlc, kMaxDlc)];
@@ -72,12 +76,11 @@ std::string FramesToSave::faultOf(std::size_t i, const Limits& limits) const {
     return formatText("its time, %" PRId64 ", is before the start of the recording, %" PRId64,
                       batch_.times[i], startNs);
   }
-  const std::int64_t length = batch_.offsets[i + 1] - batch_.offsets[i];
-  if (batch_.offsets[i + 1] < batch_.offsets[i] || length > std::int64_t{kMaxPayload}) {
+  if (batch_.offsets[i + 1] < batch_.offsets[i] || lengthOf(i) > kMaxPayload) {
     return formatText("expected a payload of 0 to 64 bytes, found offsets %" PRId64 " and %" PRId64,
                       batch_.offsets[i], batch_.offsets[i + 1]);
   }
-  if (length != 0 && batch_.payloads == nullptr) return "the payloads are null";
+  if (lengthOf(i) != 0 && batch_.payloads == nullptr) return "the payloads are null";
   if (batch_.ids[i] > kMaxId) {
     return formatText("expected an identifier of 29 bits, found 0x%" PRIX32, batch_.ids[i]);
   }

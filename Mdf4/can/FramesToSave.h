@@ -74,6 +74,7 @@ class FramesToSave {
     return static_cast<std::size_t>(batch_.offsets[i + 1] - batch_.offsets[i]);
   }
   ByteSpan payloadOf(std::size_t i) const {
+    if (batch_.payloads == nullptr) return {};
     return {batch_.payloads + batch_.offsets[i], lengthOf(i)};
   }
   std::uint8_t dlcOf(std::size_t i) const {

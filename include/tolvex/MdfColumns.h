@@ -1,7 +1,7 @@
 /* Plain functions of tolvex that read, for any language that can call C: columns of signals, CAN
- * frames, both as streams of Arrow arrays too, and the check and the recovery of files. Recording
- * is in tolvex/MdfEngine.h; the C++ classes behind these functions are in tolvex/MdfColumnReader.h,
- * tolvex/MdfFrameReader.h and tolvex/MdfRecovery.h.
+ * frames, both as streams of Arrow arrays too, the summary, the check and the recovery of files.
+ * Recording is in tolvex/MdfEngine.h, but for CAN frames by column; the C++ classes behind these
+ * functions are in tolvex/MdfColumnReader.h, tolvex/MdfFrameReader.h and tolvex/MdfRecovery.h.
  *
  *   tolvex_reader* reader = NULL;
  *   const char* path = "drive.mf4";
