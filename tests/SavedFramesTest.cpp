@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -351,6 +352,57 @@ TEST_F(SavedFramesTest, TellHowManyWereAccepted) {
   queue.stopRecord(kStart);
   EXPECT_EQ(queue.lostRecords(), 0U);
   EXPECT_EQ(read(path_).times.size(), 1 + saved);
+}
+
+// What is accepted is changed in nothing but what the function says.
+TEST_F(SavedFramesTest, WhatIsAcceptedReadsBack) {
+  const unsigned seed = std::random_device()();
+  SCOPED_TRACE(seed);
+  std::minstd_rand random(seed);
+  const auto pick = [&](std::initializer_list<unsigned> some) {
+    return *(some.begin() + random() % some.size());
+  };
+  int accepted = 0;
+  for (int round = 0; round < 1500; ++round) {
+    Columns frame;
+    const unsigned flags = random() % 4 == 0 ? static_cast<unsigned>(random() % 0x401)
+                                             : pick({0, 1, 4, 0x100, 0x80, 0x105});
+    frame.add(round, pick({0, 0x7FF, 0x800, 0xFFFFFF, 0x1000123, 0x1FFFFFFF, 0x20000000}), flags,
+              pick({0, 0, 1, 2, 3, 4}), pick({0, 3, 8, 9, 12, 15, 16}),
+              pick({0, 0, 3, 8, 9, 12, 64, 65}), pick({0, 1, 255, 256}));
+    frame.directions[0] = random() % 2;
+    const int payload = static_cast<int>(pick({8, 12, 64}));
+    MdfRecorder recorder;
+    recorder.setMaxCanDataLength(payload);
+    ASSERT_EQ(recorder.startRecord(path_, kStart), 0);
+    std::uint64_t saved = 0;
+    std::string error;
+    const tolvex_status status = save(recorder, frame.batch(), saved, error);
+    recorder.stopRecord(kStart);
+    if (status != TOLVEX_OK) continue;
+    ++accepted;
+    const Columns found = read(path_);
+    ASSERT_EQ(found.times.size(), 1U);
+    const bool isError = frame.kinds[0] >= TOLVEX_FRAME_ERROR;
+    SCOPED_TRACE(round);
+    EXPECT_EQ(found.ids, frame.ids);
+    EXPECT_EQ(found.buses, frame.buses);
+    if (frame.kinds[0] != TOLVEX_FRAME_FD_ERROR) {
+      EXPECT_EQ(found.directions, frame.directions);
+    }
+    EXPECT_EQ(found.dlcs, frame.dlcs);
+    EXPECT_EQ(found.times, frame.times);
+    if (!isError) {
+      const bool isRemote = frame.kinds[0] == TOLVEX_FRAME_REMOTE;
+      const unsigned rtr = isRemote ? unsigned{TOLVEX_FRAME_RTR} : 0U;
+      EXPECT_EQ(found.flags[0] & ~1U, (flags & ~1U) | rtr);
+    }
+    Bytes padded = frame.payloads;
+    padded.resize(std::max(padded.size(), found.payloads.size()));
+    EXPECT_EQ(found.payloads, padded);
+    if (HasFailure()) return;
+  }
+  EXPECT_GT(accepted, 100);
 }
 
 // In the middle of a block, and after every frame.

@@ -19,6 +19,12 @@ constexpr std::uint64_t kMaxTimeOffset = 0xFFFFFFFF;
 constexpr unsigned kAllFlags = 0x3FF;
 constexpr std::uint64_t kMaxStartTimeUs = std::numeric_limits<std::int64_t>::max() / 1000;
 
+// Whether a payload as long as its code says has no room. In records of 8 bytes a classic frame may
+// have any code.
+bool isCodeTooLong(bool isFd, std::uint32_t stated, const FramesToSave::Limits& limits) {
+  return stated > limits.maxPayload && (isFd || limits.maxPayload > kMaxClassicPayload);
+}
+
 }  // namespace
 
 std::string FramesToSave::fault(const Limits& limits) const {
@@ -46,7 +52,7 @@ bool FramesToSave::isUsual(std::size_t i, const Limits& limits) const {
   const bool isFd = (flags & TOLVEX_FRAME_FD) != 0;
   return batch_.times[i] >= static_cast<std::int64_t>(limits.startTimeUs * kNsPerUs) &&
          batch_.ids[i] <= kMaxId && (batch_.buses == nullptr || batch_.buses[i] <= 0xFF) &&
-         dlc <= kMaxDlc && length <= stated && (!isFd || stated <= limits.maxPayload) &&
+         dlc <= kMaxDlc && length <= stated && !isCodeTooLong(isFd, stated, limits) &&
          kindOf(i) == TOLVEX_FRAME_DATA && (flags & ~kOthers) == 0;
 }
 
@@ -106,9 +112,10 @@ std::string FramesToSave::faultOfData(std::size_t i, const Limits& limits) const
     if (isFd) return "a remote frame cannot be one of CAN FD";
     return length == 0 ? "" : formatText("a remote frame has a payload of %zu bytes", length);
   }
-  if (length > limits.maxPayload || (isFd && stated > limits.maxPayload)) {
+  const bool isTooLong = isCodeTooLong(isFd, stated, limits);
+  if (length > limits.maxPayload || isTooLong) {
     return formatText("its payload has %zu bytes, the recorder is configured for %u at most",
-                      std::max<std::size_t>(length, isFd ? stated : 0),
+                      std::max<std::size_t>(length, isTooLong ? stated : 0),
                       unsigned{limits.maxPayload});
   }
   if (length <= stated) return "";
