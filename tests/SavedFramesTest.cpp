@@ -109,9 +109,9 @@ void expectSame(const Columns& found, const Columns& want) {
   EXPECT_EQ(found.offsets, want.offsets);
   EXPECT_EQ(found.payloads, want.payloads);
   ASSERT_EQ(found.errorFrames, want.errorFrames);
-  EXPECT_EQ(std::memcmp(found.errors.data(), want.errors.data(),
-                        want.errors.size() * sizeof(tolvex_frame_error)),
-            0);
+  for (std::size_t i = 0; i < want.errors.size(); ++i) {
+    EXPECT_EQ(std::memcmp(&found.errors[i], &want.errors[i], sizeof(tolvex_frame_error)), 0) << i;
+  }
 }
 
 class SavedFramesTest : public testing::Test {
