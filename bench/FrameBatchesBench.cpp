@@ -222,8 +222,9 @@ Outcome readArrays(const std::string& path, std::size_t count, bool huge) {
   const Array<std::uint64_t> rows(count, huge);
   const Array<std::int64_t> offsets(count + 1, huge);
   const Array<std::uint8_t> payloads(count * 8, huge);
-  const tolvex_frame_arrays arrays = {sizeof arrays, count, times, ids,     buses,    flags,
-                                      dlcs,          kinds, rows,  offsets, payloads, count * 8};
+  const tolvex_frame_arrays arrays = {sizeof arrays, count,    times,     ids,  buses,
+                                      flags,         dlcs,     kinds,     rows, offsets,
+                                      nullptr,       payloads, count * 8, 0,    0};
   tolvex_frames* frames = nullptr;
   tolvex_frames_new(&frames);
   std::uint64_t read = 0;

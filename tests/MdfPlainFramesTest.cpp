@@ -117,10 +117,10 @@ class MdfPlainFrames : public testing::Test {
     std::vector<std::uint8_t> payloads(9 * 64);
     for (;;) {
       std::uint64_t read = 0;
-      tolvex_frame_arrays arrays = {sizeof arrays,  1 + random() % 9, times.data(),
-                                    ids.data(),     buses.data(),     flags.data(),
-                                    dlcs.data(),    kinds.data(),     rows.data(),
-                                    offsets.data(), payloads.data(),  random() % 90};
+      tolvex_frame_arrays arrays = {
+          sizeof arrays, 1 + random() % 9, times.data(),  ids.data(),  buses.data(),
+          flags.data(),  dlcs.data(),      kinds.data(),  rows.data(), offsets.data(),
+          nullptr,       payloads.data(),  random() % 90, 0,           0};
       const tolvex_status status = tolvex_frames_read(frames_, &arrays, &read);
       if (status != TOLVEX_OK) {
         EXPECT_EQ(status, TOLVEX_ERROR_ARGUMENT);
@@ -266,6 +266,44 @@ TEST_F(MdfPlainFrames, AreSelectedByIdBusAndTime) {
   ASSERT_EQ(tolvex_frames_select(frames_, &filter), TOLVEX_OK);
   EXPECT_EQ(lines(), want);
   EXPECT_EQ(streamed(&filter).size(), want.size());
+}
+
+// More of them than fit in its two batches, which leaves some for the next call.
+TEST_F(MdfPlainFrames, AreTheSameWhenAThreadCopiesThem) {
+  const std::vector<const char*> files(40, TOLVEX_TEST_DATA "/raw-00000005.MF4");
+  constexpr std::uint64_t kRoom = 150'000;
+  const auto copied = [&](std::uint32_t threads) {
+    EXPECT_EQ(tolvex_frames_open(frames_, files.data(), files.size()), TOLVEX_OK);
+    std::vector<std::int64_t> times(kRoom);
+    std::vector<std::int64_t> offsets(kRoom + 1);
+    std::vector<std::uint8_t> lengths(kRoom);
+    std::vector<std::uint8_t> payloads(1'000'001);
+    tolvex_frame_arrays arrays = {};
+    arrays.size = sizeof arrays;
+    arrays.room = kRoom;
+    arrays.times = times.data();
+    arrays.offsets = offsets.data();
+    arrays.lengths = lengths.data();
+    arrays.payloads = payloads.data();
+    arrays.payload_room = payloads.size();
+    arrays.threads = threads;
+    std::vector<std::int64_t> numbers;
+    std::vector<std::uint8_t> bytes;
+    for (std::uint64_t read = 1; read != 0;) {
+      EXPECT_EQ(tolvex_frames_read(frames_, &arrays, &read), TOLVEX_OK);
+      const auto count = static_cast<std::ptrdiff_t>(read);
+      numbers.insert(numbers.end(), times.begin(), times.begin() + count);
+      numbers.insert(numbers.end(), offsets.begin(), offsets.begin() + count + 1);
+      for (std::size_t i = 0; i < read; ++i) {
+        EXPECT_EQ(lengths[i], offsets[i + 1] - offsets[i]);
+      }
+      bytes.insert(bytes.end(), payloads.begin(), payloads.begin() + offsets[read]);
+    }
+    return std::pair(numbers, bytes);
+  };
+  const auto alone = copied(0);
+  EXPECT_GT(alone.first.size(), 400'000U);
+  EXPECT_TRUE(copied(2) == alone);
 }
 
 TEST_F(MdfPlainFrames, SayWhatIsWrong) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Mdf4/base/Diagnostics.h"
+#include "Mdf4/plain/FrameArrays.h"
 #include "Mdf4/plain/FrameStream.h"
 #include "tolvex/MdfColumnReader.h"
 #include "tolvex/MdfColumns.h"
@@ -27,6 +28,7 @@ namespace tolvex::plain {
 namespace {
 
 static_assert(sizeof(tolvex_frame_error) == sizeof(MdfFrameError));
+static_assert(kIsDense<MdfFrameError>);
 static_assert(offsetof(tolvex_frame_error, data_length) == offsetof(MdfFrameError, dataLength));
 static_assert(offsetof(tolvex_frame_error, rec) == offsetof(MdfFrameError, rec));
 static_assert(TOLVEX_FRAME_FD_ERROR == static_cast<int>(MdfFrameKind::FdError));
@@ -151,59 +153,6 @@ tolvex_frame_batch describe(const MdfFrameBatch& batch, std::size_t count) {
   described.error_size = sizeof(MdfFrameError);
   return described;
 }
-
-// Copies frames behind one another into the caller's columns.
-class ArrayCopy {
- public:
-  explicit ArrayCopy(const tolvex_frame_arrays& to) : to_(to) {
-    if (to_.offsets != nullptr) to_.offsets[0] = 0;
-  }
-
-  std::uint64_t count() const { return count_; }
-  // Those of the batch from `first` on, as far as there is room. Returns how many.
-  std::size_t append(const MdfFrameBatch& from, std::size_t first) {
-    const std::uint64_t most = std::min<std::uint64_t>(from.count - first, to_.room - count_);
-    const auto count =
-        static_cast<std::size_t>(to_.offsets == nullptr ? most : copyPayloads(from, first, most));
-    put(to_.times, from.timeNs, first, count);
-    put(to_.ids, from.id, first, count);
-    put(to_.buses, from.bus, first, count);
-    put(to_.flags, from.flags, first, count);
-    put(to_.dlcs, from.dlc, first, count);
-    put(to_.kinds, from.kind, first, count);
-    put(to_.rows, from.record, first, count);
-    count_ += count;
-    return count;
-  }
-
- private:
-  template <class Value>
-  void put(Value* to, const std::vector<Value>& from, std::size_t first, std::size_t count) const {
-    if (to != nullptr) std::copy_n(from.data() + first, count, to + count_);
-  }
-
-  // Payloads and their offsets, of at most `most` frames. Returns of how many there is room for.
-  std::uint64_t copyPayloads(const MdfFrameBatch& from, std::size_t first, std::uint64_t most) {
-    const std::int64_t* const offsets = from.offsets.data() + first;
-    const std::uint64_t room = to_.payload_room - payloadBytes_;
-    const std::int64_t start = offsets[0];
-    const auto fits = [&](std::int64_t end) {
-      return static_cast<std::uint64_t>(end - start) <= room;
-    };
-    const std::int64_t* const behind = std::partition_point(offsets + 1, offsets + 1 + most, fits);
-    const std::size_t count = static_cast<std::size_t>(behind - (offsets + 1));
-    std::copy_n(from.bytes.data() + start, offsets[count] - start, to_.payloads + payloadBytes_);
-    std::int64_t* const ends = to_.offsets + count_ + 1;
-    const std::int64_t shift = static_cast<std::int64_t>(payloadBytes_) - start;
-    for (std::size_t i = 0; i < count; ++i) ends[i] = offsets[i + 1] + shift;
-    payloadBytes_ += static_cast<std::uint64_t>(offsets[count] - start);
-    return count;
-  }
-
-  const tolvex_frame_arrays to_;
-  std::uint64_t count_ = 0;
-  std::uint64_t payloadBytes_ = 0;
-};
 
 }  // namespace
 }  // namespace tolvex::plain
@@ -337,19 +286,28 @@ tolvex_status tolvex_frames_next(tolvex_frames* frames, size_t most, tolvex_fram
 tolvex_status tolvex_frames_read(tolvex_frames* frames, const tolvex_frame_arrays* arrays,
                                  uint64_t* read) {
   return withReader(frames, [&](tolvex::MdfFrameReader& reader) -> tolvex_status {
-    constexpr std::uint64_t kAtOnce = 4096;  // frames that stay in a cache until they are copied
+    // Frames that stay in a cache until they are copied; for a thread that copies them, some more.
+    constexpr std::uint64_t kAtOnce = 4096;
+    constexpr std::uint64_t kAtOnceByThread = 8192;
     tolvex_frame_arrays to;
     if (!take(arrays, to)) return frames->error.setFixed(TOLVEX_ERROR_ARGUMENT, kNoSize);
-    if (read == nullptr || (to.offsets == nullptr) != (to.payloads == nullptr)) {
+    const bool tellsPlaces = to.offsets != nullptr || to.lengths != nullptr;
+    if (read == nullptr || tellsPlaces != (to.payloads != nullptr)) {
       return frames->error.setFixed(TOLVEX_ERROR_ARGUMENT, kNull);
     }
-    ArrayCopy copy(to);
+    const bool withThread = to.threads > 1 && to.room > 16 * kAtOnceByThread;
+    FrameArrays copy(to, withThread);
     while (copy.count() < to.room) {
-      const std::uint64_t most = std::min(to.room - copy.count(), kAtOnce);
+      const std::uint64_t most =
+          std::min(to.room - copy.count(), withThread ? kAtOnceByThread : kAtOnce);
       if (!fetch(*frames, reader, static_cast<std::size_t>(most))) break;
+      const std::size_t left = frames->batch.count - frames->taken;
       const std::size_t taken = copy.append(frames->batch, frames->taken);
-      frames->taken += taken;
-      if (frames->taken < frames->batch.count) break;
+      if (taken < left) {
+        frames->taken += taken;
+        break;
+      }
+      forgetBatch(*frames);
     }
     if (copy.count() == 0 && to.room != 0) {
       const tolvex_status status = statusOf(*frames, reader);

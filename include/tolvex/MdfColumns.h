@@ -465,9 +465,12 @@ typedef struct tolvex_frame_arrays {
   uint8_t* dlcs;
   uint8_t* kinds;
   uint64_t* rows;
-  int64_t* offsets;      /* room for one more; both this and the next one, or neither */
-  uint8_t* payloads;     /* back to back, the first at offset 0 */
+  int64_t* offsets;      /* room for one more */
+  uint8_t* lengths;      /* bytes of each payload */
+  uint8_t* payloads;     /* back to back, the first at offset 0; null exactly if the former are */
   uint64_t payload_room; /* bytes */
+  uint32_t threads;      /* above 1: another one copies what this one has decoded */
+  uint32_t reserved;     /* 0 */
 } tolvex_frame_arrays;
 
 /* The next frames into the caller's memory: how many in *read, as many as there is room for. Those

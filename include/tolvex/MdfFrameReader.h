@@ -60,6 +60,7 @@ struct MdfFrameError {
   std::uint8_t errorType = 0;    // CanErrorType
   std::uint8_t tec = 0;          // transmit error counter
   std::uint8_t rec = 0;          // receive error counter
+  std::uint8_t reserved = 0;     // so that every byte is set
 };
 
 // A frame. `data` and `error` last until the next step of the loop, or until the batch changes.
