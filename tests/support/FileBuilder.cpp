@@ -4,6 +4,9 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
@@ -24,6 +27,17 @@ Bytes terminated(const std::string& text) {
   Bytes bytes(text.begin(), text.end());
   bytes.push_back(0);
   return bytes;
+}
+
+// Tests of other readers take the files of these tests as well: where TOLVEX_KEEP_FILES names a
+// folder, each gets a copy there.
+void keep(const std::string& path) {
+  constexpr std::uintmax_t kLargest = std::uintmax_t{1} << 20;
+  static std::atomic<unsigned> count = 0;
+  const char* const folder = std::getenv("TOLVEX_KEEP_FILES");
+  if (folder == nullptr || std::filesystem::file_size(path) > kLargest) return;
+  const std::string name = std::to_string(count++) + ".mf4";
+  std::filesystem::copy_file(path, std::filesystem::path(folder) / name);
 }
 
 // Rows of `columns` bytes stored column by column; bytes of an incomplete last row stay.
@@ -321,6 +335,7 @@ std::string FileBuilder::write(std::uint64_t size) const {
   out.write(reinterpret_cast<const char*>(bytes_.data()),
             static_cast<std::streamsize>(std::min<std::uint64_t>(size, bytes_.size())));
   if (!out.flush()) throw std::runtime_error("cannot write " + path);
+  keep(path);
   return path;
 }
 
