@@ -28,7 +28,12 @@ dir=$(mktemp -d)
 trap 'rm -rf "$log" "$dir"' EXIT
 raw=$PWD/tests/data/raw-00000005.MF4
 unfinished=$PWD/tests/data/unfinalized-00000002.MF4
+decoded=$PWD/tests/data/decoded-00000005.mf4
+picture=$PWD/build/demo.png
+export PYTHONPATH=$PWD/python TOLVEX_LIBRARY=$PWD/build/release/lib/libtolvex.so
+export PYTHONDONTWRITEBYTECODE=1 MPLBACKEND=Agg
 cd "$dir"
+cp "$decoded" signals.mf4
 cp "$raw" logger.mf4
 cp "$unfinished" unfinished.mf4
 
@@ -48,3 +53,12 @@ show "What is in it comes back" \
 show "A file that lost a part in its middle: what is left comes back, and what is lost is told" \
   'dd if=/dev/zero of=drive.mf4 bs=4096 seek=20 count=2 conv=notrunc status=none;
 tolvex doctor drive.mf4; tolvex recover drive.mf4 -o whole.mf4 2>&1 | grep lost' || true
+show "Signals in Python: a look at one, and a picture of three" '/usr/bin/python3 -c "
+import tolvex, matplotlib.pyplot as plt
+m = tolvex.open(\"signals.mf4\")
+print(m[\"AccelerationX\"])
+figure, axes = plt.subplots(3, 1, sharex=True, figsize=(9, 6), layout=\"constrained\")
+for ax, name in zip(axes, (\"Speed\", \"Altitude\", \"AccelerationX\")):
+    m[name].plot(ax=ax)
+figure.savefig(\"demo.png\")
+"' && mv demo.png "$picture" && echo "The picture: $picture"
