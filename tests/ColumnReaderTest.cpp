@@ -787,6 +787,36 @@ TEST(ColumnReader, ReadsOnBehindBlocksThatHaveNothing) {
   }
 }
 
+// Also where a whole stretch that is read at once has none of its texts.
+TEST(ColumnReader, HasNoTextsInDamagedBlocks) {
+  constexpr std::size_t kPerBlock = 30'000;
+  FileBuilder builder;
+  Cn channel = field("x", 0, 0, 8);
+  channel.conversion =
+      builder.cc({.type = 7, .values = {0, 1}, .refs = {builder.tx("off"), builder.tx("on"), 0}});
+  std::vector<Link> blocks;
+  for (int i = 0; i < 10; ++i) blocks.push_back(builder.dt(Bytes(kPerBlock, i % 2 == 0 ? 1 : 0)));
+  for (std::size_t i = 2; i < 9; ++i) builder.setByte(blocks[i] + 2, 'X');
+  const Link group =
+      builder.cg({.channels = {builder.cn(channel)}, .records = 10 * kPerBlock, .dataBytes = 1});
+  builder.dg({.groups = {group}, .data = builder.dl(blocks)});
+  MdfColumnReader reader(builder.write());
+  ASSERT_TRUE(reader.open()) << reader.error();
+  for (const unsigned threads : {1U, 4U}) {
+    std::vector<MdfColumn> columns;
+    ASSERT_TRUE(reader.read(0, {0}, 0, 10 * kPerBlock, columns, {.threads = threads}));
+    const std::int32_t* const codes = columns[0].as<std::int32_t>();
+    for (std::size_t i = 0; i < 10 * kPerBlock; i += 999) {
+      const std::size_t block = i / kPerBlock;
+      const bool isLost = block >= 2 && block < 9;
+      ASSERT_EQ(columns[0].isValid(i), !isLost) << i;
+      const std::string text =
+          codes[i] < 0 ? "-" : columns[0].texts()[static_cast<std::size_t>(codes[i])];
+      ASSERT_EQ(text, isLost ? "-" : block % 2 == 0 ? "on" : "off") << i;
+    }
+  }
+}
+
 // Whether a value is valid is not known where its invalidation bytes are missing.
 TEST(ColumnReader, GivesNoValuesWithoutTheirInvalidation) {
   FileBuilder builder;

@@ -452,6 +452,8 @@ void ColumnBuilder::markInvalid(std::size_t index) {
     reinterpret_cast<std::int64_t*>(out_)[index] = TimeScale::kNone;
   } else if (form_ >= ColumnForm::Doubles) {
     reinterpret_cast<double*>(out_)[index] = std::nan("");
+  } else if (column_.type_ == MdfColumnType::Dictionary) {
+    reinterpret_cast<std::int32_t*>(out_)[index] = -1;
   }
   if (column_.validity_ == nullptr) {
     const std::size_t bytes = inMemory(column_.size() / 8 + 1);
