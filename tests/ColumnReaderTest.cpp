@@ -796,7 +796,7 @@ TEST(ColumnReader, HasNoTextsInDamagedBlocks) {
       builder.cc({.type = 7, .values = {0, 1}, .refs = {builder.tx("off"), builder.tx("on"), 0}});
   std::vector<Link> blocks;
   for (int i = 0; i < 10; ++i) blocks.push_back(builder.dt(Bytes(kPerBlock, i % 2 == 0 ? 1 : 0)));
-  for (std::size_t i = 2; i < 9; ++i) builder.setByte(blocks[i] + 2, 'X');
+  for (std::size_t i = 2; i < 9; ++i) builder.setByte(blocks[i], 'X');
   const Link group =
       builder.cg({.channels = {builder.cn(channel)}, .records = 10 * kPerBlock, .dataBytes = 1});
   builder.dg({.groups = {group}, .data = builder.dl(blocks)});

@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "Mdf4/Record.h"
+#include "Mdf4/base/Bytes.h"
 #include "Mdf4/base/Diagnostics.h"
 
 namespace tolvex {
@@ -156,7 +157,7 @@ tolvex_frame_error FramesToSave::errorOf(std::size_t i) const {
     const auto index = static_cast<std::uint64_t>(found - batch_.error_frames);
     const auto* const bytes = reinterpret_cast<const std::uint8_t*>(batch_.errors);
     std::memcpy(&error, bytes + index * batch_.error_size,
-                std::min<std::uint64_t>(batch_.error_size, sizeof error));
+                inMemory(std::min<std::uint64_t>(batch_.error_size, sizeof error)));
   }
   return error;
 }

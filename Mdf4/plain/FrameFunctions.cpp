@@ -124,7 +124,7 @@ void dropTaken(tolvex_frames& frames) {
   moveUp(batch.offsets, batch.count + 1);
   const std::int64_t start = batch.offsets[0];
   for (std::size_t i = 0; i <= batch.count; ++i) batch.offsets[i] -= start;
-  std::copy_n(batch.bytes.begin() + start, batch.offsets[batch.count], batch.bytes.begin());
+  std::copy_n(batch.bytes.data() + start, batch.offsets[batch.count], batch.bytes.data());
   const auto errors = std::ranges::lower_bound(batch.errorRows, taken);
   const auto gone = errors - batch.errorRows.begin();
   batch.errorRows.erase(batch.errorRows.begin(), errors);
