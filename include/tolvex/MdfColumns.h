@@ -323,6 +323,15 @@ TOLVEX_API tolvex_status tolvex_reader_stream(tolvex_reader* reader, int32_t gro
                                               const tolvex_stream_options* options,
                                               struct ArrowArrayStream* stream);
 
+/* For Python, where a stream is handed on in a PyCapsule "arrow_array_stream": memory for it,
+ * without a stream yet, null without memory; `pointer_of` is PyCapsule_GetPointer. And the
+ * destructor of that capsule, which releases the stream unless somebody took it, and frees its
+ * memory: a function of Python's own cannot do that while an exception is on its way, or after the
+ * interpreter's end. */
+TOLVEX_API struct ArrowArrayStream* tolvex_capsule_stream(void* (*pointer_of)(void* capsule,
+                                                                              const char* name));
+TOLVEX_API void tolvex_capsule_free(void* capsule);
+
 /* ---------------------------------------------------------------------------------------------
  * CAN frames
  *

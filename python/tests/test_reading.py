@@ -9,6 +9,8 @@ import os
 import pickle
 import random
 import struct
+import subprocess
+import sys
 import threading
 import warnings
 from pathlib import Path
@@ -411,3 +413,156 @@ def test_problems_are_warned_of_once(tmp_path: Path) -> None:
             m.frames()
             m.groups[0].table()
         assert count and len({str(w.message) for w in told}) == len(told)
+
+
+def test_parts_and_resampled_signals_stay_what_they_are(sample: Path) -> None:
+    m = tolvex.open(sample)
+    r = m["small"].resample(0.1)
+    assert r[1.0:2.0].values.tolist() == [-4, -4, -4, -5, -5, -6, -6, -6, -7, -7]
+    assert r[1.0:2.0][1.5:].values.tolist() == r.values[15:20].tolist() and r.at(1.05) == -4
+    part = m["small"][10.0:11.0]
+    for wrong in (lambda: r.raw, lambda: m.table([part]), lambda: m.groups[0].stream([r])):
+        with pytest.raises(tolvex.MdfError):
+            wrong()
+    assert part.to_pandas().tolist() == [-40, -41, -42, -43]
+    assert m["small"].time is not None and list(m.table(["small", "small"])) == ["time", "small"]
+    s = m["small"]
+    assert s.time is s.time  # is kept
+    other = Builder()
+    for name in "ab":
+        other.group(name, [TIME, Cn(name, 0, 8, 8)], [struct.pack("<dB", 0, 1)])
+    m = tolvex.open(other.write(sample.parent / "ab.mf4"))
+    with pytest.raises(tolvex.MdfValueError, match="another group"):
+        m.groups["a"].stream([m["b"]])
+
+
+def test_dates_of_all_ages_and_zones(sample: Path) -> None:
+    m = tolvex.open(sample)
+    s, zone = m["small"], datetime.timezone(datetime.timedelta(hours=-5))
+    for late in ("9999-12-31", np.datetime64("9999-01-01"), datetime.datetime.max, 10**400):
+        assert len(s[:late]) == 100 and len(s[late:]) == 0 and s.at(late) == -99
+        assert m.table("small", end=late).rows == 100 and len(m.frames(end=late)) == 0
+    assert s.at(datetime.datetime.max.replace(tzinfo=zone)) == -99
+    for early in ("1000", datetime.date(1, 1, 1), -(10**400)):
+        assert len(s[:early]) == 0 and len(s[early:]) == 100 and s.at(early) is None
+    for same in ("2023-11-14T22:13:30Z", "2023-11-14T22:13:30+00:00", "2023-11-14T17:13:30-0500"):
+        assert len(s[same:]) == 60
+    for wrong in ("", "now", "NaT", "today", "2023-13-01", np.datetime64("NaT"), float("nan")):
+        with pytest.raises(tolvex.MdfValueError):
+            s.at(wrong)
+    with pytest.raises(tolvex.MdfError):
+        s.at(pytest.importorskip("pandas").NaT)
+
+
+def test_statuses_of_arrays_with_numbers_and_far_times(tmp_path: Path) -> None:
+    file = Builder()
+    levels = file.texts({0: "off"}, file.linear(0, 2))
+    rows = [struct.pack("<d2B", t, i % 2, i) for i, t in enumerate((-9e9, 0, 7e9))]
+    file.group("a", [TIME, Cn("a", 0, 8, 8, conversion=levels, array=(2,))], rows)
+    file.group(
+        "b", [TIME, Cn("b", 0, 8, 8)], [struct.pack("<dB", *row) for row in ((-9e9, 0), (7e9, 100))]
+    )
+    m = tolvex.open(file.write(tmp_path / "far.mf4"))
+    assert m["b"].at(0.0, True) == pytest.approx(56.25)
+    t = m.table(["a", "b"])
+    assert t["a"].tolist() == [["off", "off"], [2.0, 2.0], ["off", 4.0]]
+    assert m["a"].at(0) == [2.0, 2.0]
+
+
+def test_parts_of_a_table_say_when_times_go_back(tmp_path: Path) -> None:
+    file = Builder()
+    times = [0, 1, 2, 3, 1.5, 4, 5, 6, 2.5, 7]
+    file.group(
+        "a", [TIME, Cn("a", 0, 8, 8)], [struct.pack("<dB", t, i) for i, t in enumerate(times)]
+    )
+    file.group("b", [TIME, Cn("b", 0, 8, 8)], [struct.pack("<dB", i / 2, i) for i in range(16)])
+    m = tolvex.open(file.write(tmp_path / "back.mf4"))
+    with pytest.warns(tolvex.MdfWarning, match="times go back"):
+        parts = list(m.iter_tables(["a", "b"], rows=2))
+    found = [row for row in rows_of(parts, ["time", "a"]) if row[1] is not None]
+    assert sorted(found) == sorted(zip(times, range(10)))
+    with pytest.warns(tolvex.MdfWarning, match="times go back"):
+        raster = rows_of(list(m.iter_tables(["a"], rows=2, raster=1.0)), ["time", "a"])
+    assert [row[0] for row in raster] == list(range(8)) and raster[7] == (7, 9)
+
+
+def test_files_that_were_replaced_and_folders_that_were_left(
+    tmp_path: Path, monkeypatch: Any
+) -> None:
+    def made(value: int) -> None:
+        file = Builder()
+        record = struct.pack("<dB", 0, value)
+        file.group("g", [TIME, Cn("x", 0, 8, 8)], [record])
+        file.write(tmp_path / "new.mf4")
+        os.replace(tmp_path / "new.mf4", tmp_path / "x.mf4")
+
+    made(1)
+    monkeypatch.chdir(tmp_path)
+    m = tolvex.open("x.mf4")
+    monkeypatch.chdir("/")
+    assert len(m.frames()) == 0 and pickle.loads(pickle.dumps(m))["x"].values.tolist() == [1]
+    made(2)
+    assert m["x"].values.tolist() == [1]
+    with pytest.raises(tolvex.MdfFileError, match="replaced"):
+        m.frames()
+
+
+AT_THE_END = """
+import sys, threading, tolvex
+m = tolvex.open(sys.argv[1])
+group = m.groups[-1]
+
+def failing():
+    [group.__arrow_c_stream__(), 1 / 0]
+
+for _ in range(3):
+    try:
+        failing()
+    except ZeroDivisionError:
+        pass
+sys.kept = [group.__arrow_c_stream__()]
+sys.kept.append(sys.kept)
+if hasattr(__import__("os"), "fork"):
+    import os
+    stop = threading.Event()
+    def work():
+        while not stop.is_set():
+            m.groups[-1].signals[0].values
+    threads = [threading.Thread(target=work, daemon=True) for _ in range(4)]
+    [thread.start() for thread in threads]
+    for _ in range(5):
+        child = os.fork()
+        if child == 0:
+            os._exit(0 if len(tolvex.open(sys.argv[1]).groups[-1].signals[0].values) and
+                     len(m.groups[-1].signals[0].values) else 1)
+        assert os.waitpid(child, 0)[1] == 0
+print("done")
+"""
+
+
+def test_interpreters_end_in_peace() -> None:
+    """With threads that read, children, and streams that nobody took."""
+    command = [sys.executable, "-c", AT_THE_END, str(DECODED)]
+    for _ in range(3):
+        run = subprocess.run(command, capture_output=True, text=True, timeout=300)
+        assert (run.returncode, run.stdout, run.stderr) == (0, "done\n", "")
+
+
+def test_a_handler_of_warnings_may_use_the_measurement(monkeypatch: Any) -> None:
+    import tolvex._reader
+
+    monkeypatch.setattr(tolvex._reader, "usual_threads", lambda: 1)
+    seen = []
+
+    def show(*_: Any, **__: Any) -> None:
+        seen.extend(repr(m) for m in opened)
+
+    opened: List[Any] = []
+    monkeypatch.setattr(warnings, "showwarning", show)
+    with warnings.catch_warnings():
+        warnings.simplefilter("always")
+        warnings.showwarning = show
+        opened.append(tolvex.open(DATA / "unfinalized-00000170.MF4"))
+        opened[0].problems, opened[0].groups[0].signals
+        opened[0]._hear(["once more"], 1)
+    assert seen

@@ -68,7 +68,7 @@ class Column:
         valid[rows] = True if self.valid is None else self.valid[source]
         numbers = None
         if self.numbers is not None:
-            numbers = np.full(count, np.nan)
+            numbers = np.full(values.shape, np.nan)
             numbers[rows] = self.numbers[source]
         return Column(values, None if valid.all() else valid, self.categories, numbers)
 
@@ -129,7 +129,7 @@ def concatenated(columns: Sequence[Column]) -> Column:
     if any(column.numbers is not None for column in columns):
         numbers = np.concatenate(
             [
-                np.full(len(column), np.nan) if column.numbers is None else column.numbers
+                np.full(column.values.shape, np.nan) if column.numbers is None else column.numbers
                 for column in columns
             ]
         )

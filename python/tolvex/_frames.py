@@ -268,16 +268,15 @@ class FrameSource:
             raise MdfTypeError("a stream of no identifiers or buses has no frames")
         return _arrow.Streamed(self._begin)
 
-    def _begin(self) -> c.ArrowStream:
-        stream = c.ArrowStream()
+    def _begin(self, stream: Any) -> None:
         handle = self._open()
-        handle.check(lib.tolvex_frames_stream(handle.value, byref(self._filter), 0, byref(stream)))
-        return stream
+        handle.check(lib.tolvex_frames_stream(handle.value, byref(self._filter), 0, stream))
 
     def _open(self) -> _OpenFrames:
         pool = self.measurement._pool
         if pool.closed:
             raise MdfValueError("the measurement is closed")
+        pool.check_files()
         return _OpenFrames(pool.paths, pool.parts)
 
     def _estimate(self, handle: _OpenFrames) -> int:
@@ -307,7 +306,7 @@ class FrameSource:
             try:
                 columns = {name: np.empty(room, dtype) for name, dtype in _DTYPES.items()}
                 data = np.empty(max(_MOST_PAYLOAD, int(room * width) + 1), np.uint8)
-            except MemoryError as error:
+            except (MemoryError, ValueError) as error:
                 raise MdfMemoryError(f"no memory for {room} frames: {error}") from error
             arrays = c.FrameArrays(
                 room=room,
@@ -318,7 +317,7 @@ class FrameSource:
             )
             count = c_uint64()
             handle.check(lib.tolvex_frames_read(handle.value, byref(arrays), byref(count)))
-            self.measurement._hear(handle, stacklevel=6)
+            self.measurement._hear(self.measurement._heard(handle), stacklevel=6)
             found = count.value
             if found == 0:
                 return

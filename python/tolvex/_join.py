@@ -110,6 +110,8 @@ class _Part:
         self.raw = raw
         self.done = 0
         self.without_time = 0
+        self.given_ns = -_times.LIMIT  # tables have what is before it
+        self.goes_back = False
         self.ns = np.empty(0, np.int64)
         self.seconds = np.empty(0, np.float64)
         self.columns: Dict[str, Column] = {}
@@ -126,8 +128,14 @@ class _Part:
         rows = Rows(self.group, self.done, min(count, self.group.rows - self.done))
         self.done += rows.count
         ns, order = _times.sorted_times(rows.ns)
-        self.without_time += rows.count - len(order)
+        self.without_time += rows.count - len(ns)
         seconds = rows.seconds[order]
+        if len(ns) and ns[0] < self.given_ns:
+            self.goes_back = True
+            if self.held is not None:  # of a raster, whose times are later
+                later = int(np.searchsorted(ns, self.held_ns, side="left"))
+                ns, seconds = ns[later:], seconds[later:]
+                order = np.arange(rows.count)[order][later:]
         columns = {
             name: column.take(order) for name, column in _read(rows, self.signals, self.raw).items()
         }
@@ -205,6 +213,8 @@ class _Joined:
                     yield table
             if horizon is None or horizon >= self.end:
                 break
+            for part in self.parts:
+                part.given_ns = horizon
         self._warn()
 
     def _until(self, horizon: Optional[int]) -> Iterator[Table]:
@@ -296,6 +306,9 @@ class _Joined:
 
     def _warn(self) -> None:
         for part in self.parts:
+            if part.goes_back:
+                text = f"{part.group.label}: times go back, so parts of the table overlap"
+                warnings.warn(text, MdfWarning, stacklevel=4)
             if part.without_time:
                 text = f"{part.group.label}: {part.without_time} records without a time left out"
                 warnings.warn(text, MdfWarning, stacklevel=4)

@@ -431,6 +431,8 @@ _OTHERS: Dict[str, Tuple[Any, ...]] = {
     "tolvex_reader_free": (None, c_void_p),
     "tolvex_reader_error": (c_char_p, c_void_p),
     "tolvex_column_free": (None, c_void_p),
+    "tolvex_capsule_stream": (POINTER(ArrowStream), c_void_p),
+    "tolvex_capsule_free": (None, c_void_p),
     "tolvex_frames_free": (None, c_void_p),
     "tolvex_frames_error": (c_char_p, c_void_p),
     "tolvex_check_free": (None, c_void_p),
@@ -510,10 +512,13 @@ def text(value: Any) -> str:
 def path_bytes(path: PathLike) -> bytes:
     """A path as the library takes it: UTF-8 on Windows, else the system's own bytes."""
     name = os.fspath(path)
-    if sys.platform == "win32":
-        encoded = name if isinstance(name, bytes) else name.encode("utf-8", "surrogatepass")
-    else:
-        encoded = os.fsencode(name)
+    try:
+        if sys.platform == "win32":
+            encoded = name if isinstance(name, bytes) else name.encode("utf-8", "surrogatepass")
+        else:
+            encoded = os.fsencode(name)
+    except UnicodeEncodeError as error:
+        raise MdfValueError(f"{name!r} cannot be a path: {error}") from error
     if b"\0" in encoded:
         raise MdfValueError(f"a path cannot have a NUL: {name!r}")
     return encoded

@@ -20,6 +20,7 @@ from ._rows import Rows
 from ._signal import Signal
 from ._table import Choice, Table
 
+_NAMES_KEPT = 1000  # that were asked for
 _WARNED = 5  # problems of a file that are warnings of their own
 
 
@@ -51,8 +52,11 @@ class Measurement:
         #: As they were given.
         self.paths: Tuple[str, ...] = tuple(os.fsdecode(path) for path in named)
         self._parts = parts
-        self._pool = ReaderPool([c.path_bytes(path) for path in named], parts)
-        self._lock = threading.Lock()
+        # The working directory may be another one when more readers are needed.
+        self._pool = ReaderPool([os.path.abspath(c.path_bytes(path)) for path in named], parts)
+        self._lock = threading.RLock()
+        self._found: Dict[str, Dict[int, List[int]]] = {}  # channels by group of names asked for
+        self._group_names: Optional[Dict[str, List[int]]] = None
         self._told: Dict[str, bool] = {}  # problems, and whether they are mere notices
         self._known: Dict[int, weakref.ref[Group]] = {}
         with self._pool.reader() as reader:
@@ -69,7 +73,7 @@ class Measurement:
             #: Of the clocks there, in minutes; 0 also where it is not told.
             self.utc_offset = int(info.utc_offset_minutes)
             self._group_count = int(info.group_count)
-            self._hear(reader, stacklevel=4)
+        self._hear(self._heard(reader), stacklevel=4)
 
     # Opening and closing ------------------------------------------------------------------
 
@@ -88,7 +92,7 @@ class Measurement:
         self.close()
 
     def __reduce__(self) -> Any:
-        return _opened, (self.paths, self._parts)
+        return _opened, (tuple(os.fsdecode(path) for path in self._pool.paths), self._parts)
 
     # What is damaged ----------------------------------------------------------------------
 
@@ -104,17 +108,21 @@ class Measurement:
         with self._lock:
             return [text for text, isnotice in self._told.items() if isnotice]
 
-    def _hear(self, reader: Any, stacklevel: int) -> None:
-        """Warns of what a reader has found."""
+    def _heard(self, reader: Any) -> List[str]:
+        """What a reader has found that nobody was told of yet."""
         found = reader.problems()
         if len(found) == reader.told:
-            return
+            return []
         reader.told = len(found)
         notices = set(reader.notices())
         with self._lock:
-            before = len(self._told)
             new = [text for text in dict.fromkeys(found) if text not in self._told]
             self._told.update((text, text in notices) for text in new)
+        return new
+
+    def _hear(self, new: List[str], stacklevel: int) -> None:
+        """Warns of it; a handler of warnings may use the measurement."""
+        before = len(self._told) - len(new)
         for text in new[: max(0, _WARNED - before)]:
             warnings.warn(f"{self.label}: {text}", MdfWarning, stacklevel)
         if before <= _WARNED < before + len(new):
@@ -162,7 +170,7 @@ class Measurement:
         )
 
     def __contains__(self, name: object) -> bool:
-        return isinstance(name, str) and bool(self._places(name))
+        return isinstance(name, str) and "\0" not in name and bool(self._places(name))
 
     def __getitem__(self, key: Union[str, Tuple[str, Any]]) -> Signal:
         """The signal of that name; `m[name, group]` where several groups have one.
@@ -171,10 +179,13 @@ class Measurement:
         several groups, or of any other channels, the error lists them.
         """
         if isinstance(key, tuple):
+            if len(key) != 2:
+                raise MdfTypeError(f"a channel is a name, or a name and a group, not {key!r}")
             name, group = key
             of_group: Group = self.groups[group]
             return of_group[name]
-        found = self._places(key)
+        places = self._places(key)
+        found = [(group, channel) for group, channels in places.items() for channel in channels]
         if len(found) == 1:
             return Signal(self._group(found[0][0]), found[0][1])
         if not found:
@@ -192,9 +203,31 @@ class Measurement:
         groups = {group: self._group(group) for group, _ in places}
         return [Signal(groups[group], channel) for group, channel in places]
 
-    def _places(self, name: str) -> List[Tuple[int, int]]:
-        with self._pool.reader() as reader:
-            return reader.places(lib.tolvex_reader_find, _utf8(name))
+    def _places(self, name: str) -> Dict[int, List[int]]:
+        """The channels of that name by group."""
+        with self._lock:
+            known = self._found.get(name)
+        if known is None:
+            with self._pool.reader() as reader:
+                places = reader.places(lib.tolvex_reader_find, _utf8(name))
+            known = {}
+            for group, channel in places:
+                known.setdefault(group, []).append(channel)
+            with self._lock:
+                if len(self._found) >= _NAMES_KEPT:
+                    self._found.clear()
+                self._found[name] = known
+        return known
+
+    def _groups_named(self, name: str) -> List[int]:
+        with self._lock:
+            if self._group_names is None:
+                self._group_names = {}
+                with self._pool.reader() as reader:
+                    for index in range(self._group_count):
+                        own = _name_of(reader.group(index))
+                        self._group_names.setdefault(own, []).append(index)
+            return self._group_names.get(name, [])
 
     def _alike(self, name: str) -> str:
         """Names that may be meant."""
@@ -308,19 +341,21 @@ class Measurement:
         try:
             with self._pool.reader() as reader:
                 found = reader.read(group, channels, first, count, **options)
-                self._hear(reader, stacklevel=5)
-                return found
+                heard = self._heard(reader)
         except MemoryError as error:
             raise _no_memory(count, error) from error
+        self._hear(heard, stacklevel=5)
+        return found
 
     def _times(self, group: int, first: int, count: int, exact: bool) -> Array:
         try:
             with self._pool.reader() as reader:
-                found = reader.times(group, first, count, exact)
-                self._hear(reader, stacklevel=5)
-                return found
+                times = reader.times(group, first, count, exact)
+                heard = self._heard(reader)
         except MemoryError as error:
             raise _no_memory(count, error) from error
+        self._hear(heard, stacklevel=5)
+        return times
 
     # Showing itself -----------------------------------------------------------------------
 
@@ -348,11 +383,11 @@ class Groups(Sequence["Group"]):
         if isinstance(key, slice):
             return [measurement._group(i) for i in range(*key.indices(len(self)))]
         if isinstance(key, str):
-            named = [group for group in self if group.name == key]
+            named = measurement._groups_named(key)
             if len(named) == 1:
-                return named[0]
+                return measurement._group(named[0])
             count = "no group is" if not named else f"{len(named)} groups are"
-            places = ", ".join(str(group.index) for group in named[:10])
+            places = ", ".join(map(str, named[:10]))
             raise MdfNameError(f"{count} called {key!r}" + (f": {places}" if places else ""))
         index = key + len(self) if key < 0 else key
         if not 0 <= index < len(self):  # ends loops, too
@@ -381,7 +416,7 @@ class Group:
             info = reader.group(index)
             self.comment = c.text(info.comment)
             #: The acquisition name, else the first line of the comment, else "".
-            self.name = c.text(info.name) or self.comment.strip().partition("\n")[0]
+            self.name = _name_of(info)
             self.source_name = c.text(info.source_name)
             self.source_path = c.text(info.source_path)
             #: Records that are there, whatever the file states.
@@ -420,13 +455,15 @@ class Group:
 
     @property
     def signals(self) -> List[Signal]:
-        """The channels that have values, but for the master and for structures with members."""
+        """The channels that have values, but for structures with members and the time."""
         channels = self.channels
         structures = {signal._parent for signal in channels}
         return [
             signal
             for signal in channels
-            if signal.has_values and not signal.is_master and signal.index not in structures
+            if signal.has_values
+            and not (signal.is_master and self.has_time)
+            and signal.index not in structures
         ]
 
     @property
@@ -448,17 +485,19 @@ class Group:
         return self.rows
 
     def __contains__(self, name: object) -> bool:
-        return isinstance(name, str) and bool(self._named(name))
+        return isinstance(name, str) and "\0" not in name and bool(self._named(name))
 
     def __getitem__(self, name: str) -> Signal:
         found = self._named(name)
         if not found:
             raise MdfNameError(f"{self.label} has no channel {name!r}")
-        return Signal(self, found[0])
+        if len(found) > 1:
+            which = ", ".join(map(str, found[:10]))
+            raise MdfNameError(f"{len(found)} channels are called {name!r}: `channels` {which}")
+        return self._channel(found[0])
 
     def _named(self, name: str) -> List[int]:
-        places = self.measurement._places(name)
-        return [channel for group, channel in places if group == self.index]
+        return self.measurement._places(name).get(self.index, [])
 
     def table(self, channels: Choice = None, **options: Any) -> Table:
         """Its signals, or those of these names, as Measurement.table gives them."""
@@ -489,8 +528,16 @@ class Group:
 
         `time` is "datetime" (timestamps in nanoseconds) or "seconds".
         """
-        numbers = None if channels is None else [s.index for s in self._chosen(channels)]
-        return _arrow.Streamed(lambda: _arrow.group_stream(self, numbers, time, raw, batch_rows))
+        signals = [] if channels is None else self._chosen(channels)
+        for signal in signals:
+            if signal.group.index != self.index:
+                raise MdfValueError(f"{signal.name} is a channel of another group")
+        if not 0 <= batch_rows < 2**63:
+            raise MdfValueError(f"batch_rows: expected at least 0, found {batch_rows}")
+        numbers = None if channels is None else [signal.index for signal in signals]
+        return _arrow.Streamed(
+            lambda stream: _arrow.group_stream(self, numbers, time, raw, batch_rows, stream)
+        )
 
     def __arrow_c_stream__(self, requested_schema: Any = None) -> Any:
         return self.stream().__arrow_c_stream__(requested_schema)
@@ -503,6 +550,10 @@ class Group:
 
     def _repr_html_(self) -> str:
         return _show.group_html(self)
+
+
+def _name_of(info: c.GroupInfo) -> str:
+    return c.text(info.name) or c.text(info.comment).strip().partition("\n")[0]
 
 
 def _opened(paths: Tuple[str, ...], parts: bool) -> Measurement:

@@ -23,7 +23,11 @@ def plot(signal: Signal, ax: Any, time: str, style: Dict[str, Any]) -> Any:
         raise MdfTypeError(f"{signal.name} cannot be drawn: its values are no single numbers")
     if ax is None:
         ax = _optional.need("matplotlib.pyplot").subplots(layout="constrained")[1]
-    times = signal.datetime if time == "datetime" else signal.time
+    if signal.group.has_time:
+        times = signal.datetime if time == "datetime" else signal.time
+        label = "time" if time == "datetime" else "time [s]"
+    else:
+        times, label = np.arange(len(signal)), "row"
     column = signal.column
     if column.categories is not None:
         codes = column.values.astype(np.float64)
@@ -36,7 +40,7 @@ def plot(signal: Signal, ax: Any, time: str, style: Dict[str, Any]) -> Any:
         values = column.filled().astype(np.float64)
         times, values = _thinned(times, values)
         ax.plot(times, values, **{"label": signal.name, **style})
-    ax.set_xlabel("time" if time == "datetime" else "time [s]")
+    ax.set_xlabel(label)
     ax.set_ylabel(f"{signal.name} [{signal.unit}]" if signal.unit else signal.name)
     return ax
 

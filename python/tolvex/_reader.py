@@ -17,6 +17,17 @@ from ._errors import MdfFileError, MdfMemoryError, MdfValueError
 
 lib = c.lib
 
+_pools: weakref.WeakSet[ReaderPool] = weakref.WeakSet()
+
+
+def _after_fork() -> None:
+    for pool in list(_pools):
+        pool.after_fork()
+
+
+if hasattr(os, "register_at_fork"):
+    os.register_at_fork(after_in_child=_after_fork)
+
 
 def usual_threads() -> int:
     """How many threads share the work of one call."""
@@ -32,6 +43,7 @@ class Handle:
             raise MdfMemoryError("out of memory")
         self.value = handle
         self._finalizer = weakref.finalize(self, free, handle)
+        self._finalizer.atexit = False  # threads may be inside of it then
 
     def close(self) -> None:
         self._finalizer()
@@ -230,10 +242,37 @@ class ReaderPool:
         self._idle: List[Reader] = []
         self._used = 0
         self._closed = False
-        self._idle.append(self._open())
+        self._files = self._identities()
+        self._idle.append(Reader(self.paths, self.parts))
+        _pools.add(self)
 
     def _open(self) -> Reader:
+        self.check_files()
         return Reader(self.paths, self.parts)
+
+    def _identities(self) -> List[Optional[Tuple[int, int]]]:
+        found: List[Optional[Tuple[int, int]]] = []
+        for path in self.paths:
+            try:
+                status = os.stat(path)
+                found.append((status.st_dev, status.st_ino))
+            except OSError:
+                found.append(None)
+        return found
+
+    def check_files(self) -> None:
+        """An error where a path is no longer the file that it was."""
+        for path, then, now in zip(self.paths, self._files, self._identities()):
+            if now is not None and then != now:
+                raise MdfFileError(
+                    f"{os.fsdecode(path)}: the file was replaced after it was opened"
+                )
+
+    def after_fork(self) -> None:
+        """In a child process: the readers stay the parent's, whose threads may be using them."""
+        self._changed = threading.Condition()
+        self._idle = []
+        self._used = 0
 
     @contextmanager
     def reader(self) -> Iterator[Reader]:

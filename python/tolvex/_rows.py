@@ -9,6 +9,7 @@ import numpy as np
 from . import _times
 from ._column import Array, Column
 from ._errors import MdfTypeError
+from ._library import NO_TIME
 
 if TYPE_CHECKING:
     from ._measurement import Group
@@ -29,6 +30,7 @@ class Rows:
         chosen: Optional[Array] = None,
         seconds: Optional[Array] = None,
         ns: Optional[Array] = None,
+        made: bool = False,
     ) -> None:
         self.group = group
         self.first = first
@@ -36,6 +38,8 @@ class Rows:
         self.chosen = chosen
         self._seconds = seconds
         self._ns = ns
+        self._made = made  # no rows of the file
+        self._sorted: Optional[Tuple[Array, Any]] = None
 
     def __len__(self) -> int:
         return self.count if self.chosen is None else len(self.chosen)
@@ -54,6 +58,13 @@ class Rows:
             self._ns = self._read(True)
         return self._ns
 
+    @property
+    def sorted(self) -> Tuple[Array, Any]:
+        """The times in order, in nanoseconds, and which rows they are of."""
+        if self._sorted is None:
+            self._sorted = _times.sorted_times(self.ns)
+        return self._sorted
+
     def _read(self, exact: bool) -> Array:
         if not self.group.has_time:
             raise MdfTypeError(f"{self.group.label} has no channel of time")
@@ -62,6 +73,10 @@ class Rows:
 
     def columns(self, channels: Sequence[Any], raw: bool) -> List[Column]:
         """The columns of signals of the group."""
+        if self._made:
+            raise MdfTypeError(
+                "resampled signals have no values beside those that they were made of"
+            )
         found, _ = self.group.measurement._read(
             self.group.index, channels, self.first, self.count, raw=raw
         )
@@ -76,26 +91,29 @@ class Rows:
             len(numbers) == 0 or numbers[-1] - numbers[0] + 1 == len(numbers)
         ):
             begin = int(numbers[0]) if len(numbers) else 0
-            return Rows(self.group, self.first + begin, len(numbers), None, seconds, ns)
+            return Rows(self.group, self.first + begin, len(numbers), None, seconds, ns, self._made)
         chosen = numbers if self.chosen is None else self.chosen[numbers]
-        return Rows(self.group, self.first, self.count, chosen, seconds, ns)
+        return Rows(self.group, self.first, self.count, chosen, seconds, ns, self._made)
 
     def between(self, start: Any, end: Any) -> Rows:
         """Those from `start` on and before `end`; None is no limit."""
-        if start is None and end is None:
-            return self
+        return self.picked(self.inside(start, end))
+
+    def inside(self, start: Any, end: Any) -> Array:
+        """Which rows are from `start` on and before `end`."""
         inside = np.ones(len(self), bool)
         for limit, isfrom in ((start, True), (end, False)):
             if limit is None:
                 continue
             times, at = self.compared(limit)
             inside &= (times >= at) if isfrom else (times < at)
-        return self.picked(inside)
+            if times.dtype == np.int64:
+                inside &= times != NO_TIME
+        return inside
 
     def compared(self, time: Any) -> Tuple[Array, Any]:
         """The times of the rows, and `time` as one of them."""
         if _times.is_date(time):
             measurement = self.group.measurement
             return self.ns, _times.date_ns(time, measurement.start_is_local)
-        _times.to_ns(time, 0, False)  # is it a number?
-        return self.seconds, float(time)
+        return self.seconds, _times.to_seconds(time)

@@ -63,7 +63,8 @@ def _numbers(column: Column) -> Array:
         return np.where(column.values < 0, np.nan, column.values).astype(np.float64)
     if column.values.dtype == object:
         return np.empty(0)
-    found = column.filled().astype(np.float64)
+    with np.errstate(all="ignore"):  # signalling NaN
+        found = column.filled().astype(np.float64)
     found[~np.isfinite(found)] = np.nan
     return found
 
@@ -232,6 +233,8 @@ def groups_text(measurement: Measurement) -> str:
 
 
 def group_text(group: Group) -> str:
+    if group.measurement.closed:
+        return f"{cut(group.label, 60)}: closed"
     lines = [
         f"{cut(group.label, 60)}: group {group.index} of {cut(group.measurement.label, 60)}, "
         f"{counted(group.rows, 'row')}, {counted(group._channel_count, 'channel')}"
@@ -253,13 +256,15 @@ def table_rows(table: Table) -> Tuple[List[str], List[List[str]]]:
     """Titles, and the first and last rows."""
     names = list(table)
     rows = list(range(min(table.rows, 5))) + list(range(max(5, table.rows - 3), table.rows))
-    cells = []
-    for row in rows:
-        line = []
-        for name in names:
-            value = table[name][row]
-            line.append("-" if value is None or value is np.ma.masked else _value(value))
-        cells.append(line)
+    columns = []
+    for name in names:
+        if name == table.time_name:
+            columns.append([_value(value) for value in table.time[rows]])
+            continue
+        found = table.columns[name].take(rows).masked()
+        values = found if found.ndim > 1 else found.tolist()
+        columns.append(["-" if value is None else _value(value) for value in values])
+    cells = [list(line) for line in zip(*columns)]
     if table.rows > len(rows):
         cells.insert(5, ["…"] * len(names))
     return [cut(name, 32) for name in names], cells
@@ -327,6 +332,8 @@ def _drawn(signal: Signal) -> str:
 
 
 def group_html(group: Group) -> str:
+    if group.measurement.closed:
+        return f"<b>{escape(group_text(group))}</b>"
     rows = []
     for signal in _first(group, _ROWS):
         drawn = _drawn(signal) if _isdrawn(signal) else ""

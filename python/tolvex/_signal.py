@@ -45,6 +45,7 @@ class Signal:
         #: Which channel of its group it is, from 0.
         self.index = index
         self._rows = rows
+        self._kept: Optional[Rows] = None
         #: Whether it is what the rows of its group rise by.
         self.is_master: bool = index == group._master
         self._column: Optional[Column] = None
@@ -69,6 +70,7 @@ class Signal:
         self._raw_type = int(info.raw_type)
         self._conversion = int(info.conversion)
         self._parent = int(info.parent)
+        self._gives_numbers = bool(info.gives_numbers)
 
     # What it is ---------------------------------------------------------------------------
 
@@ -106,7 +108,9 @@ class Signal:
 
     @property
     def rows(self) -> Rows:
-        return self.group._rows if self._rows is None else self._rows
+        if self._kept is None:  # so that its times are kept
+            self._kept = self.group._rows if self._rows is None else self._rows
+        return self._kept
 
     # Its values ---------------------------------------------------------------------------
 
@@ -198,7 +202,12 @@ class Signal:
                 "a signal takes times: s[10.0:20.0]; s.at(10.0) is its value then, "
                 "s.values[10] that of a row"
             )
-        part = Signal(self.group, self.index, self.rows.between(times.start, times.stop))
+        if times.start is None and times.stop is None:
+            return self
+        inside = self.rows.inside(times.start, times.stop)
+        part = Signal(self.group, self.index, self.rows.picked(inside))
+        if self._column is not None:
+            part._column = self._column.take(inside)
         return part
 
     def at(self, time: _times.Time, interpolate: bool = False) -> Any:
@@ -207,31 +216,32 @@ class Signal:
         With `interpolate`, numbers are on the line to the next value. Not valid ones are None.
         """
         ns = _times.to_ns(time, self.measurement.start_ns, self.measurement.start_is_local)
-        found: Array = self._sampled(np.array([ns], np.int64), interpolate).masked()
+        own, order = self.rows.sorted
+        before = int(np.searchsorted(own, ns, side="right")) - 1
+        pair = np.arange(max(before, 0), min(before + 2, len(own)))
+        rows = pair if isinstance(order, slice) else order[pair]
+        column = self.column.take(rows)
+        found: Array = sampled(column, own[pair], np.array([ns], np.int64), interpolate).masked()
         return found.tolist()[0]
 
     def resample(self, step: float, interpolate: bool = False) -> Signal:
         """The values at each multiple of `step` seconds since the start, from first to last row.
 
         Each is the last value before or then, or, with `interpolate`, numbers are on the line to
-        the next one.
+        the next one if that is valid. The result has no `raw` values.
         """
         start, size = self.measurement.start_ns, _times.step_ns(step)
-        ns = _times.sorted_times(self.time_ns)[0]
+        ns, order = self.rows.sorted
         steps: Array = np.empty(0, np.int64)
         if len(ns):
             first, last = int(ns[0]), int(ns[-1])
             ends = _times.steps_between(start, size, first, last + 1, _times.MOST_ROWS)
             steps = np.arange(*ends, dtype=np.int64)
         times = start + steps * size
-        rows = Rows(self.group, 0, len(times), None, steps * size / 1e9, times)
+        rows = Rows(self.group, 0, len(times), None, steps * size / 1e9, times, made=True)
         part = Signal(self.group, self.index, rows)
-        part._column = self._sampled(times, interpolate)
+        part._column = sampled(self.column.take(order), ns, times, interpolate)
         return part
-
-    def _sampled(self, ns: Array, interpolate: bool) -> Column:
-        own, order = _times.sorted_times(self.time_ns)
-        return sampled(self.column.take(order), own, ns, interpolate)
 
     # To others ----------------------------------------------------------------------------
 
@@ -242,8 +252,10 @@ class Signal:
 
         if self.shape:
             raise MdfTypeError(f"{self.name} has arrays in each row: table([...]).to_pandas()")
-        index = pandas_index(self.rows, self.measurement, time)
-        return pandas.Series(pandas_values(self.column, missing), index=index, name=self.name)
+        rows = self.rows if self.group.has_time else None
+        index = pandas_index(rows, self.measurement, time, "time", len(self))
+        values = pandas_values(self.column, missing, self._gives_numbers)
+        return pandas.Series(values, index=index, name=self.name)
 
     def plot(self, ax: Any = None, time: str = "seconds", **style: Any) -> Any:
         """Draws it with matplotlib, into `ax` or a new figure. Returns the axes.
@@ -268,12 +280,15 @@ def sampled(column: Column, own: Array, ns: Array, interpolate: bool) -> Column:
     there = np.flatnonzero(held >= 0)
     result = column.place(len(ns), there, held[there])
     isnumber = column.categories is None and column.values.dtype.kind in "iuf"
-    if not interpolate or not isnumber or len(own) == 0:
+    if not interpolate or not isnumber:
+        return result
+    if len(own) == 0:
+        result.values = result.values.astype(np.float64)
         return result
     before: Array = np.maximum(held, 0)
     after: Array = np.minimum(held + 1, len(own) - 1)
-    span = (own[after] - own[before]).astype(np.float64)
-    way = np.divide(ns - own[before], span, out=np.zeros(len(ns)), where=span > 0)
+    span = _distance(own[before], own[after])
+    way = np.divide(_distance(own[before], ns), span, out=np.zeros(len(ns)), where=span > 0)
     values: Array = column.values.astype(np.float64)
     shape = (len(ns),) + (1,) * (values.ndim - 1)
     between = (held >= 0) & (after > before) & (way > 0)
@@ -281,6 +296,12 @@ def sampled(column: Column, own: Array, ns: Array, interpolate: bool) -> Column:
     if column.valid is not None:
         usable = usable & column.valid[before] & column.valid[after]
     way = way.reshape(shape)
-    line = values[before] * (1.0 - way) + values[after] * way
+    with np.errstate(all="ignore"):  # infinite values
+        line = values[before] * (1.0 - way) + values[after] * way
     result.values = np.where(usable, line, result.values.astype(np.float64))
     return result
+
+
+def _distance(begin: Array, end: Array) -> Array:
+    """From the earlier times to the later ones, which may be further apart than int64 holds."""
+    return (end.view(np.uint64) - begin.view(np.uint64)).astype(np.float64)

@@ -90,15 +90,15 @@ class Table(Mapping[str, Array]):
         zone where the recording's start is local), "timedelta" since the start, or "none".
         `missing`: where values are not valid, "nan" (integers become float64 for it), or
         "nullable" (pandas' Int64, Float32, boolean and so on, of the same width, with NA).
-        Texts that recur become categoricals. Of arrays each element is a column: `map[1][2]`.
+        Texts that recur become categoricals. Numbers share memory with the table. Of arrays each element is a column: `map[1][2]`.
         """
         pandas = _optional.need("pandas")
-        if missing not in ("nan", "nullable"):
-            raise MdfValueError(f"missing: expected 'nan' or 'nullable', found {missing!r}")
         index = pandas_index(self._rows, self._measurement, time, self.time_name, self.rows)
-        data = {
-            name: pandas_values(column, missing) for name, column in elements(self.columns).items()
-        }
+        data: Dict[str, Any] = {}
+        for name, column in self.columns.items():
+            mixed = name in self.signals and self.signals[name]._gives_numbers
+            for key, one in elements({name: column}).items():
+                data[distinct(key, data)] = pandas_values(one, missing, mixed)
         return pandas.DataFrame(data, index=index, copy=False)
 
     def to_arrow(self, time: str = "seconds") -> Any:
@@ -177,14 +177,17 @@ def chosen(measurement: Measurement, channels: Choice, group: Optional[Group] = 
     if channels is None:
         return list(measurement.signals)
     if isinstance(channels, (str, tuple, Signal)):
-        return _signals(measurement, channels, group)  # type: ignore[arg-type]
-    return [signal for one in channels for signal in _signals(measurement, one, group)]
+        channels = [channels]  # type: ignore[list-item]
+    found = [signal for one in channels for signal in _signals(measurement, one, group)]
+    return list({(signal.group.index, signal.index): signal for signal in found}.values())
 
 
 def _signals(measurement: Measurement, one: _One, group: Optional[Group]) -> List[Signal]:
     if isinstance(one, Signal):
         if one.measurement is not measurement:
             raise MdfValueError(f"{one.name} is a signal of another measurement")
+        if one._rows is not None:
+            raise MdfValueError(f"{one.name} is a part of a signal: give the table start and end")
         return [one]
     if not isinstance(one, str):
         return [measurement[one]]
@@ -256,10 +259,12 @@ def pandas_index(
     return pandas.DatetimeIndex(rows.ns.view("datetime64[ns]"), tz=zone, name=name)
 
 
-def pandas_values(column: Column, missing: str) -> Any:
-    """A column as pandas takes it."""
+def pandas_values(column: Column, missing: str, mixed: bool = False) -> Any:
+    """A column as pandas takes it; `mixed` are numbers among texts, though there may be none."""
     pandas = _optional.need("pandas")
-    if column.categories is not None and column.numbers is None:
+    if missing not in ("nan", "nullable"):
+        raise MdfValueError(f"missing: expected 'nan' or 'nullable', found {missing!r}")
+    if column.categories is not None and column.numbers is None and not mixed:
         codes = column.values if column.valid is None else np.where(column.valid, column.values, -1)
         return pandas.Categorical.from_codes(codes, _unique(column.categories))
     values = column.plain()

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import datetime
 import math
+import re
 from typing import Any, Tuple, Union
 
 import numpy as np
@@ -34,32 +35,62 @@ def is_date(time: Time) -> bool:
 def date_ns(date: Time, local: bool) -> int:
     """Nanoseconds since 1970 of a date, which is one of UTC unless it has a zone.
 
-    In a recording whose start is `local` it is one of that place, and cannot have a zone.
+    In a recording whose start is `local` it is one of that place, and cannot have a zone. Dates
+    that 64 bits do not hold are the ends of what they hold.
     """
     if isinstance(date, str):
-        date = parsed(date)
+        return _clamped(_text_ns(date, local))
     if isinstance(date, np.datetime64):
-        return int(date.astype("datetime64[ns]").astype(np.int64))
+        return _clamped(_datetime64_ns(date))
+    if date != date:  # pandas.NaT
+        raise MdfValueError("a time cannot be missing (NaT)")
     extra = int(getattr(date, "nanosecond", 0))  # of pandas
     if hasattr(date, "to_pydatetime"):
         date = date.to_pydatetime(warn=False)
     if not isinstance(date, datetime.datetime):
         date = datetime.datetime(date.year, date.month, date.day)
-    if date.tzinfo is not None:
+    offset = date.utcoffset()
+    if offset is not None and local:
+        raise _zoned(date)
+    since = date.replace(tzinfo=None) - EPOCH - (offset or datetime.timedelta(0))
+    microseconds: int = since // datetime.timedelta(microseconds=1)
+    return _clamped(microseconds * 1000 + extra)
+
+
+def _clamped(ns: int) -> int:
+    return max(-LIMIT, min(LIMIT, ns))
+
+
+def _zoned(date: Any) -> MdfValueError:
+    return MdfValueError(f"the recording does not tell its time zone, but {date} has one")
+
+
+def _datetime64_ns(date: Any) -> int:
+    if np.isnat(date):
+        raise MdfValueError("a time cannot be missing (NaT)")
+    seconds = date.astype("datetime64[s]")
+    rest = (date - seconds).astype("timedelta64[ns]")  # below a second
+    return int(seconds.astype(np.int64)) * 1_000_000_000 + int(rest.astype(np.int64))
+
+
+_ZONE = re.compile(r"(?:[Zz]|([+-])(\d\d):?(\d\d))$")
+
+
+def _text_ns(text: str, local: bool) -> int:
+    """Of an ISO 8601 text."""
+    base, offset = text.strip(), 0
+    zone = _ZONE.search(base) if len(base) > 10 else None
+    if zone is not None:
         if local:
-            raise MdfValueError(f"the recording does not tell its time zone, but {date} has one")
-        date = date.astimezone(datetime.timezone.utc).replace(tzinfo=None)
-    microseconds: int = (date - EPOCH) // datetime.timedelta(microseconds=1)
-    return microseconds * 1000 + extra
-
-
-def parsed(text: str) -> Any:
-    """The date of an ISO 8601 text."""
+            raise _zoned(text)
+        base = base[: zone.start()]
+        if zone.group(1):
+            minutes = int(zone.group(2)) * 60 + int(zone.group(3))
+            offset = minutes * (-1 if zone.group(1) == "-" else 1)
     try:
-        if text.endswith(("Z", "z")):
-            return np.datetime64(text[:-1], "ns")
-        zoned = len(text) > 10 and ("+" in text[10:] or "-" in text[10:])
-        return datetime.datetime.fromisoformat(text) if zoned else np.datetime64(text, "ns")
+        if not base[:1].isdigit():
+            raise ValueError
+        return _datetime64_ns(np.datetime64(base)) - offset * 60_000_000_000
     except ValueError as error:
         raise MdfValueError(f"{text!r} is no date, as 2021-07-26T04:34:14Z is one") from error
 
@@ -68,15 +99,20 @@ def to_ns(time: Time, start_ns: int, local: bool) -> int:
     """Nanoseconds since 1970 of seconds since the start, or of a date."""
     if is_date(time):
         return date_ns(time, local)
+    return _clamped(start_ns + round(to_seconds(time) * 1e9))
+
+
+def to_seconds(time: Time) -> float:
+    """Seconds, within what 64 bits of nanoseconds hold."""
     try:
         seconds = float(time)  # type: ignore[arg-type]
+    except OverflowError:
+        seconds = math.inf if time > 0 else -math.inf  # type: ignore[operator]
     except (TypeError, ValueError) as error:
         raise MdfValueError(f"{time!r} is neither seconds since the start nor a date") from error
     if math.isnan(seconds):
         raise MdfValueError("a time cannot be NaN")
-    if not abs(seconds) < 1e10:
-        return LIMIT if seconds > 0 else -LIMIT
-    return max(-LIMIT, min(LIMIT, start_ns + round(seconds * 1e9)))
+    return max(-2e10, min(2e10, seconds))
 
 
 def step_ns(step: float) -> int:
@@ -109,10 +145,18 @@ def steps_between(
 
 
 def sorted_times(ns: Any) -> Any:
-    """The times in order, and which rows they are of; rows without a time are left out."""
-    rows = np.flatnonzero(ns != NO_TIME)
-    times = ns[rows]
+    """The times in order, and which rows they are of: a slice if these are all, in order.
+
+    Rows without a time are left out.
+    """
+    isthere = ns != NO_TIME
+    times: Any = ns
+    rows: Any = slice(None)
+    if not isthere.all():
+        rows = np.flatnonzero(isthere)
+        times = ns[rows]
     if len(times) > 1 and (times[1:] < times[:-1]).any():
         order = np.argsort(times, kind="stable")
-        rows, times = rows[order], times[order]
+        times = times[order]
+        rows = order if isinstance(rows, slice) else rows[order]
     return times, rows
