@@ -21,8 +21,8 @@ from ._rows import Rows
 from ._signal import Signal
 from ._table import chosen, distinct, elements, named, pandas_index, pandas_values
 
-_Spec = Union[str, Tuple[str, Any]]
-Channels = Union[None, _Spec, Iterable[_Spec]]
+_Key = Union[str, Tuple[str, Any]]
+Channels = Union[None, _Key, Iterable[_Key]]
 
 _LOOKED_AT = 100  # files, for channels that the first ones don't have
 _ERRORS = ["path", "kind", "text"]
@@ -33,7 +33,7 @@ _Error = Tuple[str, str, str]
 class _Plan:
     """What all partitions have in common. Holds nothing that is open, and can be pickled."""
 
-    specs: Tuple[Tuple[str, _Spec], ...]  # by column, or by what its elements' names begin with
+    keys: Tuple[Tuple[str, _Key], ...]  # by column, or by what its elements' names begin with
     dtypes: Tuple[Tuple[str, Any], ...]  # of the columns: of pandas; "category": of any texts
     zone: Optional[str]
     folder: str  # that paths begin in
@@ -201,7 +201,7 @@ def _stamp(path: str) -> Tuple[int, int]:
 def _planned(files: Any, channels: Channels, plan: _Plan, path_column: Optional[str]) -> _Plan:
     """The plan with its columns, which are those of the first file that has them."""
     asked = _asked(channels)
-    found: Dict[Optional[_Spec], Dict[_Spec, Signal]] = {}
+    found: Dict[Optional[_Key], Dict[_Key, Signal]] = {}
     zone, first, looked, why = None, None, 0, "there is none"
     for path, error in zip(files.paths, files["error"]):
         if len(found) == len(asked) or looked == _LOOKED_AT:
@@ -230,7 +230,7 @@ def _planned(files: Any, channels: Channels, plan: _Plan, path_column: Optional[
         where = first if looked == 1 else f"none of the first {looked} files"
         what = "with values" if lacking[0] is None else f"{lacking[0]!r}, or no values of it"
         raise MdfNameError(f"{where} has no channel {what}")
-    signals = {spec: signal for one in asked for spec, signal in found[one].items()}
+    signals = {key: signal for one in asked for key, signal in found[one].items()}
     columns = named(list(signals.values()))
     dtypes: Dict[str, Any] = {}
     for name, signal in columns.items():
@@ -240,7 +240,7 @@ def _planned(files: Any, channels: Channels, plan: _Plan, path_column: Optional[
         raise MdfNameError(f"path_column: {path_column!r} is a channel")
     return replace(
         plan,
-        specs=tuple(zip(columns, signals)),
+        keys=tuple(zip(columns, signals)),
         dtypes=tuple(dtypes.items()),
         zone=zone,
         index_name=distinct("time", dtypes),
@@ -248,7 +248,7 @@ def _planned(files: Any, channels: Channels, plan: _Plan, path_column: Optional[
     )
 
 
-def _asked(channels: Channels) -> List[Optional[_Spec]]:
+def _asked(channels: Channels) -> List[Optional[_Key]]:
     if channels is None:
         return [None]
     several: List[Any] = [channels] if isinstance(channels, (str, tuple)) else list(channels)
@@ -261,7 +261,7 @@ def _asked(channels: Channels) -> List[Optional[_Spec]]:
     return list(dict.fromkeys(several))
 
 
-def _meant(measurement: Measurement, one: Optional[_Spec]) -> Dict[_Spec, Signal]:
+def _meant(measurement: Measurement, one: Optional[_Key]) -> Dict[_Key, Signal]:
     """The channels with values that are meant, by how to ask other files for them."""
     try:
         signals = chosen(measurement, None if one is None else [one])
@@ -269,13 +269,13 @@ def _meant(measurement: Measurement, one: Optional[_Spec]) -> Dict[_Spec, Signal
         return {}
     isone = isinstance(one, tuple) or (one is not None and one in measurement)
     return {
-        one if one is not None and isone else _spec(signal): signal
+        one if one is not None and isone else _key_of(signal): signal
         for signal in signals
         if signal.has_values
     }
 
 
-def _spec(signal: Signal) -> _Spec:
+def _key_of(signal: Signal) -> _Key:
     """How to ask other files for a channel as this one."""
     measurement, group = signal.measurement, signal.group
     if sum(map(len, measurement._places(signal.name).values())) == 1:
@@ -349,9 +349,9 @@ def _read(plan: _Plan, path: str, part: int, parts: int) -> Tuple[Any, List[_Err
 def _signals(measurement: Measurement, plan: _Plan, errors: _Errors) -> Dict[str, Signal]:
     """The signals that are there, by column."""
     found: Dict[str, Signal] = {}
-    for name, spec in plan.specs:
+    for name, key in plan.keys:
         try:
-            signal = measurement[spec]
+            signal = measurement[key]
         except LookupError as error:
             errors.add("missing", str(error))
             continue

@@ -291,7 +291,7 @@ class FrameSource:
             stated += group.stated_rows if group.is_read else 0
         # What a file states is a claim: an uncompressed frame takes at least 8 bytes.
         size = sum(os.path.getsize(path) for path in self.measurement.paths if os.path.exists(path))
-        return max(1024, min(stated, size // 8))
+        return max(1024, min(stated, size // 8) + 1)  # room for one more shows the end
 
     def _read(self, handle: _OpenFrames, first: int, later: Optional[int]) -> Iterator[Any]:
         """Columns and payloads: up to `first` frames, then up to `later` each.
