@@ -44,11 +44,11 @@ show "The log recorded as a new measurement file" \
   'tolvex record drive.log -o drive.mf4'
 show "What was recorded: start and stop time, and a group of frames per bus channel" \
   'tolvex info drive.mf4 | grep --no-group-separator -A 1 -E "^dg|start "'
-show "The frames come back" \
-  'tolvex cat drive.mf4 | cmp - drive.log && echo "all $(wc -l < drive.log) lines are the same"'
-show "A file that its logger never finished is refused, and the error says why" \
-  'tolvex info unfinished.mf4' || echo "exit code $?"
-show "What is in it comes back" \
+show "The frames come back; those of one time on two channels may change places" \
+  'tolvex cat drive.mf4 | sort | cmp - <(sort drive.log) && echo "all $(wc -l < drive.log) lines"'
+show "A file that its logger never finished is read for what is there" \
+  'tolvex info unfinished.mf4 | sed -n 4,9p'
+show "A finished file of what is in it" \
   'tolvex recover unfinished.mf4 -o recovered.mf4 2>&1 | head -n 1; tolvex cat recovered.mf4 | wc -l'
 show "A file that lost a part in its middle: what is left comes back, and what is lost is told" \
   'dd if=/dev/zero of=drive.mf4 bs=4096 seek=20 count=2 conv=notrunc status=none;
