@@ -71,17 +71,19 @@ double columns(const Arguments& arguments, int runs) {
   });
 }
 
-// FILE: all frames, in batches.
+// FILE COUNT MOST: all frames, in batches of at most MOST, the first one in new memory.
 double frames(const Arguments& arguments, int runs) {
   MdfFrameReader reader(arguments.at(0));
   require(reader.open(), reader.error());
+  const auto most = static_cast<std::size_t>(std::stoull(arguments.at(2)));
   MdfFrameBatch batch;
-  return best(runs, [&] {
+  const auto read = [&] {
     reader.select({});
     std::uint64_t count = 0;
-    while (reader.next(batch, 1 << 16)) count += batch.count;
+    while (reader.next(batch, most)) count += batch.count;
     require(count == std::stoull(arguments.at(1)), "frames: not all frames were read");
-  });
+  };
+  return best(runs, read, [&] { batch = {}; });
 }
 
 // FILE: opened.

@@ -138,8 +138,11 @@ class Bench:
 
     def row_frames(self) -> List[Any]:
         m = tolvex.open(self.log())
-        mine, peers = self.compared(lambda: m.frames(), "frames", self.log(), RECORDS)
-        return [("5 million frames into arrays", mine, peers, 1.1)]
+        rows = []
+        for what, most in (("batches", 1 << 16), ("one batch", RECORDS)):
+            mine, peers = self.compared(m.frames, "frames", self.log(), RECORDS, most)
+            rows.append((f"5 million frames into arrays / {what}", mine, peers, 1.1))
+        return rows
 
     def row_open(self) -> List[Any]:
         mine, peers = self.compared(lambda: tolvex.open(self.wide()), "open", self.wide())
