@@ -246,6 +246,9 @@ def test_names_are_found_or_the_error_says_which_there_are(tmp_path: Path, sampl
         ("Speed", "right"),
     ]
     assert len(m.find("SPEED", ignore_case=True)) == 2 and m.find("SPEED") == []
+    lines = [line.split() for line in repr(m.find("Speed")).splitlines()]
+    assert lines == [["Speed", "uint8", "1", "row", side] for side in ("left", "right")]
+    assert m.find("Speed")._repr_html_().count("<svg") == 2
     for key in ("right", 1, -1, m.groups[1]):
         assert m["Speed", key].values.tolist() == [ord("r")]
     with pytest.raises(tolvex.MdfNameError, match=r"2 channels .*'Speed', 0\].*left.*right"):

@@ -17,7 +17,7 @@ from ._frames import Frames, FrameSource
 from ._library import PathLike, lib
 from ._reader import ReaderPool
 from ._rows import Rows
-from ._signal import Signal
+from ._signal import Signal, Signals
 from ._table import Choice, Table
 
 _NAMES_KEPT = 1000  # that were asked for
@@ -195,13 +195,13 @@ class Measurement:
         more = f" and {len(found) - 10} more" if len(found) > 10 else ""
         raise MdfNameError(f"{len(found)} channels are called {key!r}: {listed}{more}")
 
-    def find(self, pattern: str = "*", *, ignore_case: bool = False) -> List[Signal]:
+    def find(self, pattern: str = "*", *, ignore_case: bool = False) -> Signals:
         """The channels whose names match, with the wildcards *, ?, [a-z] and [!a-z]."""
         name = _utf8(pattern)
         with self._pool.reader() as reader:
             places = reader.places(lib.tolvex_reader_match, name, int(ignore_case))
         groups = {group: self._group(group) for group, _ in places}
-        return [Signal(groups[group], channel) for group, channel in places]
+        return Signals(Signal(groups[group], channel) for group, channel in places)
 
     def _places(self, name: str) -> Dict[int, List[int]]:
         """The channels of that name by group."""
@@ -446,25 +446,25 @@ class Group:
         return kept
 
     @property
-    def channels(self) -> List[Signal]:
+    def channels(self) -> Signals:
         """All channels, the master and structures included."""
-        return [self._channel(i) for i in range(self._channel_count)]
+        return Signals(self._channel(i) for i in range(self._channel_count))
 
     def _channel(self, index: int) -> Signal:
         return Signal(self, index)
 
     @property
-    def signals(self) -> List[Signal]:
+    def signals(self) -> Signals:
         """The channels that have values, but for structures with members and the time."""
         channels = self.channels
         structures = {signal._parent for signal in channels}
-        return [
+        return Signals(
             signal
             for signal in channels
             if signal.has_values
             and not (signal.is_master and self.has_time)
             and signal.index not in structures
-        ]
+        )
 
     @property
     def master(self) -> Optional[Signal]:

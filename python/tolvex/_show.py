@@ -17,6 +17,7 @@ if TYPE_CHECKING:
     from ._table import Table
 
 _ROWS = 12  # of lists
+_MOST_LINES = 60  # of lists of signals
 _MOST_READ = 1 << 18  # values read for a picture
 _RUNS = 32  # in which they are read of longer signals
 _BARS = "▁▂▃▄▅▆▇█"
@@ -188,6 +189,20 @@ def _ends(signal: Signal) -> List[str]:
     return columns_text(cells, right=[0]).split("\n")
 
 
+def signals_text(signals: Sequence[Signal]) -> str:
+    rows = [_signal_row(signal) for signal in signals[:_MOST_LINES]]
+    lines = [columns_text(rows, right=[3])] if rows else ["no signals"]
+    if len(signals) > _MOST_LINES:
+        lines.append(f"… and {number(len(signals) - _MOST_LINES)} more")
+    return "\n".join(lines)
+
+
+def _signal_row(signal: Signal) -> List[str]:
+    rows = counted(len(signal), "row")
+    name, unit = cut(signal.name, 60), cut(signal.unit, 20)
+    return [name, unit, _kind(signal), rows, cut(signal.group.label, 40)]
+
+
 def _first(group: Group, count: int) -> List[Signal]:
     """The first channels, of which there may be very many."""
     return [group._channel(i) for i in range(min(count, group._channel_count))]
@@ -318,6 +333,18 @@ def signal_html(signal: Signal) -> str:
         return f"{title}<br>{escape(cut(signal.fault, 200))}"
     comment = f"<br>{escape(cut(signal.comment, 200))}" if signal.comment else ""
     return f"<div>{title}{comment}<br>{_drawn(signal)}</div>"
+
+
+def signals_html(signals: Sequence[Signal]) -> str:
+    rows = []
+    for i, signal in enumerate(signals[:_MOST_LINES]):
+        drawn = _drawn(signal) if i < _ROWS and _isdrawn(signal) else ""
+        rows.append([*(escape(cell) for cell in _signal_row(signal)), drawn])
+    more = ""
+    if len(signals) > _MOST_LINES:
+        more = f"<p>… and {number(len(signals) - _MOST_LINES)} more</p>"
+    titles = ["channel", "unit", "type", "rows", "group", ""]
+    return f"<div>{html_table(titles, rows)}{more}</div>"
 
 
 def _isdrawn(signal: Signal) -> bool:

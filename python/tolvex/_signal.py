@@ -305,3 +305,13 @@ def sampled(column: Column, own: Array, ns: Array, interpolate: bool) -> Column:
 def _distance(begin: Array, end: Array) -> Array:
     """From the earlier times to the later ones, which may be further apart than int64 holds."""
     return (end.view(np.uint64) - begin.view(np.uint64)).astype(np.float64)
+
+
+class Signals(List[Signal]):
+    """A list that shows itself with a line for each signal."""
+
+    def __repr__(self) -> str:
+        return _show.signals_text(self)
+
+    def _repr_html_(self) -> str:
+        return _show.signals_html(self)
