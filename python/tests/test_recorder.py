@@ -312,6 +312,19 @@ def test_arrays_and_several_groups_are_written(path):
     assert group["wide"].values.tolist() == ["ä", "bc", "ä\U0001f600"]
 
 
+def test_a_series_and_a_structured_array_are_tables(path):
+    series = pd.Series([1.5, 2.5], index=[0.0, 0.1], name="Speed")
+    write(path, series)
+    speed = tolvex.open(path)["Speed"]
+    assert speed.values.tolist() == [1.5, 2.5] and speed.time.tolist() == [0.0, 0.1]
+    with pytest.raises(tolvex.MdfNameError, match="the Series has no name"):
+        write(path, series.rename(None))
+    rows = np.array([(0.0, 7), (0.2, 8)], [("time", "f8"), ("gear", "u1")])
+    write(path, {"rows": rows})
+    gear = groups(path)["rows"]["gear"]
+    assert gear.values.tolist() == [7, 8] and gear.time.tolist() == [0.0, 0.2]
+
+
 FIELDS = [
     (order + kind, value)
     for order in "<>"

@@ -49,9 +49,10 @@ def write(
 ) -> None:
     """Writes a file of a table; tolvex.open gives what was written.
 
-    `data` is a pandas.DataFrame, a dict of arrays (of NumPy, masked ones too, or lists), a
-    tolvex.Table, Group or Signal, a list of Signals, anything with `__arrow_c_stream__`; or a dict
-    of several of these, each a group of its name. `name` is that of a single group.
+    `data` is a pandas.DataFrame or Series, a dict of arrays (of NumPy, masked ones too, or lists),
+    a structured array, a tolvex.Table, Group or Signal, a list of Signals, anything with
+    `__arrow_c_stream__`; or a dict of several of these, each a group of its name. `name` is that of
+    a single group.
 
     The time is the column `time`, or an array; without it the column "time", else the index of a
     DataFrame, if it has floats, dates or timedeltas. Numbers are seconds since the start of the
@@ -170,11 +171,21 @@ def _groups(data: Any, name: str, time: Any) -> List[_GivenGroup]:
 def _is_table(data: Any) -> bool:
     if isinstance(data, (Mapping, Signal, Group)) or _is_frame(data):
         return True
+    if _is_structured(data):
+        return True
     if isinstance(data, (list, tuple)):
         return bool(data) and all(isinstance(one, Signal) for one in data)
     if not hasattr(data, "__arrow_c_stream__"):
         return False
     return hasattr(data, "schema") or hasattr(data, "columns") or not hasattr(data, "__array__")
+
+
+def _is_series(data: Any) -> bool:
+    return hasattr(data, "index") and hasattr(data, "to_frame")
+
+
+def _is_structured(data: Any) -> bool:
+    return isinstance(data, np.ndarray) and data.dtype.names is not None
 
 
 def _is_frame(data: Any) -> bool:
@@ -198,10 +209,17 @@ def _one(data: Any, name: str, time: Any) -> List[_GivenGroup]:
         return [_of_mapping(data, name, time)]
     if _is_frame(data):
         return [_of_frame(data, name, time)]
+    if _is_structured(data):
+        return [_of_mapping({key: data[key] for key in data.dtype.names}, name, time)]
+    if _is_series(data):
+        if data.name is None:
+            raise MdfNameError("the Series has no name, which its signal would have")
+        return [_of_frame(data.to_frame(), name, time)]
     if hasattr(data, "__arrow_c_stream__"):
         return [_of_arrow(data, name, time)]
     raise MdfTypeError(
-        "expected a DataFrame, a dict of arrays, a Table or Signals of tolvex, or an Arrow table; "
+        "expected a DataFrame or Series, a dict of arrays, a structured array, a Table or Signals "
+        "of tolvex, or an Arrow table; "
         f"found {type(data).__name__}"
     )
 
