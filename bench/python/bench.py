@@ -171,7 +171,7 @@ class Bench:
         m = tolvex.open(self.log())
 
         def frames() -> None:
-            assert sum(1 for _ in m.frames(end=0.1 * count / 1000)) == count
+            assert sum(1 for _ in m.frames(stop=0.1 * count / 1000)) == count
 
         def others() -> None:
             assert sum(1 for _ in can.BLFReader(path)) == count

@@ -225,11 +225,11 @@ def large(tmp_path: Path) -> Path:
     "options",
     [
         {"channels": ["fast"]},
-        {"channels": ["fast"], "start": 40.0, "end": 90.5},
+        {"channels": ["fast"], "start": 40.0, "stop": 90.5},
         {"channels": ["fast", "slow"]},
-        {"channels": ["fast", "slow"], "start": 40.0, "end": 90.5},
+        {"channels": ["fast", "slow"], "start": 40.0, "stop": 90.5},
         {"channels": ["fast", "slow"], "raster": 0.02},
-        {"channels": ["slow", "fast"], "raster": 0.033, "interpolate": True, "end": 150.0},
+        {"channels": ["slow", "fast"], "raster": 0.033, "interpolate": True, "stop": 150.0},
         {"channels": [("fast", 2), ("time", "slow"), ("time", "fast")], "start": 10.0},
     ],
 )

@@ -5,6 +5,7 @@ from __future__ import annotations
 import copy
 import datetime
 import gc
+import io
 import os
 import pickle
 import random
@@ -203,13 +204,13 @@ def test_joins_and_rasters_are_those_of_a_simple_model(tmp_path: Path) -> None:
             want = np.interp(lines["time"][there], times, values)
             assert np.allclose(np.ma.asarray(lines["a"])[there].filled(np.nan), want)
         cut = [row for row in model_join(groups) if 3 <= row[0] < 9]
-        assert rows_of([m.table(["a", "b", "c"], start=3, end=9)], names) == cut
+        assert rows_of([m.table(["a", "b", "c"], start=3, stop=9)], names) == cut
 
 
 def test_tables_become_what_other_packages_take(sample: Path) -> None:
     pandas = pytest.importorskip("pandas")
     m = tolvex.open(sample)
-    t = m.table(["speed", "gear", "level", "checked", "map", "note"], start=1.0, end=3.0)
+    t = m.table(["speed", "gear", "level", "checked", "map", "note"], start=1.0, stop=3.0)
     assert list(t) == ["time", "speed", "gear", "level", "checked", "map", "note"]
     assert t.units["speed"] == "km/h" and t.rows == 8 and len(t["map"]) == 8
     df = t.to_pandas()
@@ -249,6 +250,11 @@ def test_names_are_found_or_the_error_says_which_there_are(tmp_path: Path, sampl
     lines = [line.split() for line in repr(m.find("Speed")).splitlines()]
     assert lines == [["Speed", "uint8", "1", "row", side] for side in ("left", "right")]
     assert m.find("Speed")._repr_html_().count("<svg") == 2
+    assert list(m) == ["Speed", "Of [left]", "Of [right]"]
+    assert list(m.groups[1]) == ["Speed", "Of [right]"]
+    for wrong in (None, 7, io.BytesIO(b"MDF"), [None], ["a.mf4", 7]):
+        with pytest.raises(tolvex.MdfTypeError, match="expected a path, or several; found"):
+            tolvex.open(wrong)
     for key in ("right", 1, -1, m.groups[1]):
         assert m["Speed", key].values.tolist() == [ord("r")]
     with pytest.raises(tolvex.MdfNameError, match=r"2 channels .*'Speed', 0\].*left.*right"):
@@ -444,7 +450,7 @@ def test_dates_of_all_ages_and_zones(sample: Path) -> None:
     s, zone = m["small"], datetime.timezone(datetime.timedelta(hours=-5))
     for late in ("9999-12-31", np.datetime64("9999-01-01"), datetime.datetime.max, 10**400):
         assert len(s[:late]) == 100 and len(s[late:]) == 0 and s.at(late) == -99
-        assert m.table("small", end=late).rows == 100 and len(m.frames(end=late)) == 0
+        assert m.table("small", stop=late).rows == 100 and len(m.frames(stop=late)) == 0
     assert s.at(datetime.datetime.max.replace(tzinfo=zone)) == -99
     for early in ("1000", datetime.date(1, 1, 1), -(10**400)):
         assert len(s[:early]) == 0 and len(s[early:]) == 100 and s.at(early) is None

@@ -40,7 +40,7 @@ class _Plan:
     raster: Optional[float]
     interpolate: bool
     start: Optional[_times.Time]
-    end: Optional[_times.Time]
+    stop: Optional[_times.Time]
     time: str
     missing: str
     index_name: str
@@ -105,7 +105,7 @@ def dask_frame(
     raster: Optional[float] = None,
     interpolate: bool = False,
     start: Optional[_times.Time] = None,
-    end: Optional[_times.Time] = None,
+    stop: Optional[_times.Time] = None,
     rows: int = 1_000_000,
     time: str = "datetime",
     missing: str = "nan",
@@ -115,7 +115,7 @@ def dask_frame(
 
     `paths` are those of `fleet`, and have to be the same on all workers: only paths and results
     travel. `channels` are names, which may have wildcards, or (name, group); None: all that the
-    first file has. `raster`, `interpolate`, `start` and `end` are those of Measurement.table, of
+    first file has. `raster`, `interpolate`, `start` and `stop` are those of Measurement.table, of
     each file. A file is a partition, or several when it gives more than `rows` rows; for each, no
     more of the file is read than its own rows. `path_column` is the name of a column of paths.
 
@@ -145,11 +145,11 @@ def dask_frame(
         raise MdfValueError("interpolate needs a raster")
     if raster is not None:
         _times.step_ns(raster)
-    for limit in (start, end):
+    for limit in (start, stop):
         if limit is not None:
             _times.to_ns(limit, 0, False)
     here = os.getcwd()
-    whole = _Plan((), (), None, here, raster, interpolate, start, end, time, missing, "time", None)
+    whole = _Plan((), (), None, here, raster, interpolate, start, stop, time, missing, "time", None)
     files = fleet(paths)
     plan = _planned(files, channels, whole, path_column)
     parts = []
@@ -408,8 +408,8 @@ def _rows_of_one(
     first = group.rows * part // parts
     count = group.rows * (part + 1) // parts - first
     channels = [(signal.index, signal._type, signal.shape) for signal in signals.values()]
-    if plan.time not in ("datetime", "seconds") or (plan.start, plan.end) != (None, None):
-        rows = Rows(group, first, count).between(plan.start, plan.end)
+    if plan.time not in ("datetime", "seconds") or (plan.start, plan.stop) != (None, None):
+        rows = Rows(group, first, count).between(plan.start, plan.stop)
         return rows, dict(zip(signals, rows.columns(channels, False)))
     exact = plan.time == "datetime"
     times = np.empty(count, np.int64 if exact else np.float64)
@@ -436,7 +436,7 @@ def _joined(
             raster=plan.raster,
             interpolate=plan.interpolate,
             start=plan.start,
-            end=plan.end,
+            stop=plan.stop,
         )
         return table._timed(), dict(zip(signals, table.columns.values()))
     step = None if plan.raster is None else _times.step_ns(plan.raster)
@@ -474,7 +474,7 @@ def _window(
     """The times that a part has: from, and before."""
     start_ns, local = measurement.start_ns, measurement.start_is_local
     begin = -_times.LIMIT if plan.start is None else _times.to_ns(plan.start, start_ns, local)
-    end = _times.LIMIT if plan.end is None else _times.to_ns(plan.end, start_ns, local)
+    end = _times.LIMIT if plan.stop is None else _times.to_ns(plan.stop, start_ns, local)
     if plan.raster is None:
         largest = max(groups, key=len)
         rows = (len(largest) * i // parts for i in range(1, parts))

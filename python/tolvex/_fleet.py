@@ -102,9 +102,9 @@ class Fleet(Mapping[str, Array]):
         return self._where((self["error"] != "") | (self["problems"] > 0))
 
     def between(
-        self, start: Optional[_times.Time] = None, end: Optional[_times.Time] = None
+        self, start: Optional[_times.Time] = None, stop: Optional[_times.Time] = None
     ) -> Fleet:
-        """The files that have something from `start` on and before `end`, which are dates.
+        """The files that have something from `start` on and before `stop`, which are dates.
 
         Dates are UTC, or of their zone; for recordings in local time they are those there. Files
         whose times are not known are in none: see `errors`.
@@ -114,8 +114,8 @@ class Fleet(Mapping[str, Array]):
         found = ~np.isnat(first)
         if start is not None:
             found &= last >= _date(start)
-        if end is not None:
-            found &= first < _date(end)
+        if stop is not None:
+            found &= first < _date(stop)
         return self._where(found)
 
     def _where(self, mask: Array) -> Fleet:

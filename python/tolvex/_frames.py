@@ -233,7 +233,7 @@ class _OpenFrames(Opened):
 class FrameSource:
     """Which frames of a measurement are wanted."""
 
-    def __init__(self, measurement: Measurement, ids: Any, bus: Any, start: Any, end: Any) -> None:
+    def __init__(self, measurement: Measurement, ids: Any, bus: Any, start: Any, stop: Any) -> None:
         self.measurement = measurement
         self._ids = _numbers("ids", ids, np.uint32, 0x1FFFFFFF)
         self._buses = _numbers("bus", bus, np.uint16, 0xFFFF)
@@ -246,13 +246,13 @@ class FrameSource:
         if start is not None:
             self._filter.start_ns = _times.to_ns(start, start_ns, local)
             self._filter.has_start = 1
-        if end is not None:
-            self._filter.end_ns = _times.to_ns(end, start_ns, local)
+        if stop is not None:
+            self._filter.end_ns = _times.to_ns(stop, start_ns, local)
             self._filter.has_end = 1
         self._isnone = any(
             found is not None and len(found) == 0 for found in (self._ids, self._buses)
         )
-        self._isall = self._ids is None and self._buses is None and start is None and end is None
+        self._isall = self._ids is None and self._buses is None and start is None and stop is None
 
     def all(self) -> Frames:
         handle = self._open()

@@ -26,7 +26,7 @@ def tables(
     raster: Optional[float],
     interpolate: bool,
     start: Any,
-    end: Any,
+    stop: Any,
     raw: bool,
 ) -> Iterator[Table]:
     """The parts of a table, of about `rows` rows each; None: all in one, even if it is empty."""
@@ -45,11 +45,11 @@ def tables(
     start_ns, local = measurement.start_ns, measurement.start_is_local
     window = (
         None if start is None else _times.to_ns(start, start_ns, local),
-        None if end is None else _times.to_ns(end, start_ns, local),
+        None if stop is None else _times.to_ns(stop, start_ns, local),
     )
     if len(by_group) == 1 and raster is None:
         (group,) = by_group
-        return _of_one_group(measurement, group, signals, rows, start, end, raw)
+        return _of_one_group(measurement, group, signals, rows, start, stop, raw)
     for group in by_group:
         if not group.has_time:
             raise MdfTypeError(f"{group.label} has no times, by which groups are joined")
@@ -72,13 +72,13 @@ def _of_one_group(
     signals: Dict[str, Signal],
     most: Optional[int],
     start: Any,
-    end: Any,
+    stop: Any,
     raw: bool,
 ) -> Iterator[Table]:
     for first in range(0, max(1, group.rows), most or max(1, group.rows)):
         count = min(most or group.rows, group.rows - first)
-        if start is not None or end is not None:
-            rows = Rows(group, first, count).between(start, end)
+        if start is not None or stop is not None:
+            rows = Rows(group, first, count).between(start, stop)
             columns = _read(rows, signals, raw)
         elif group.has_time:  # both at once costs less
             rows, columns = _read_with_times(group, signals, first, count, raw)

@@ -34,6 +34,18 @@ def open(paths: Union[PathLike, Iterable[PathLike]], *, parts: bool = False) -> 
     return Measurement(paths, parts=parts)
 
 
+def _listed(paths: Any) -> List[PathLike]:
+    kinds = (str, bytes, os.PathLike)
+    named = paths
+    if isinstance(paths, kinds):
+        named = [paths]
+    elif isinstance(paths, Iterable) and not hasattr(paths, "read"):
+        named = list(paths)
+    if isinstance(named, list) and all(isinstance(path, kinds) for path in named):
+        return named
+    raise MdfTypeError(f"expected a path, or several; found {type(paths).__name__}: {paths!r:.80}")
+
+
 class Measurement:
     """One recording of one file or several, open for reading.
 
@@ -43,8 +55,7 @@ class Measurement:
     """
 
     def __init__(self, paths: Union[PathLike, Iterable[PathLike]], *, parts: bool = False) -> None:
-        single = isinstance(paths, (str, bytes, os.PathLike))
-        named: List[Any] = [paths] if single else list(paths)  # type: ignore[arg-type]
+        named = _listed(paths)
         if not named:
             raise MdfValueError("there is no path")
         if parts and len(named) != 1:
@@ -172,6 +183,10 @@ class Measurement:
     def __contains__(self, name: object) -> bool:
         return isinstance(name, str) and "\0" not in name and bool(self._places(name))
 
+    def __iter__(self) -> Iterator[str]:
+        """The names of the signals, each once."""
+        return iter(dict.fromkeys(name for group in self.groups for name in group))
+
     def __getitem__(self, key: Union[str, Tuple[str, Any]]) -> Signal:
         """The signal of that name; `m[name, group]` where several groups have one.
 
@@ -255,7 +270,7 @@ class Measurement:
         raster: Optional[float] = None,
         interpolate: bool = False,
         start: Optional[_times.Time] = None,
-        end: Optional[_times.Time] = None,
+        stop: Optional[_times.Time] = None,
         raw: bool = False,
     ) -> Table:
         """Signals side by side, over one time.
@@ -265,12 +280,12 @@ class Measurement:
         time: a row for each time of a record, ascending, with nothing where a group has none
         then. With `raster` there is a row at each multiple of so many seconds since the start,
         with the last values before or then; with `interpolate` numbers are on the line to the
-        next ones. `start` and `end` (not included) are seconds since the start or dates. `raw`
+        next ones. `start` and `stop` (not included) are seconds since the start or dates. `raw`
         gives the values before their conversion.
         """
         from ._join import tables
 
-        return next(tables(self, channels, None, raster, interpolate, start, end, raw))
+        return next(tables(self, channels, None, raster, interpolate, start, stop, raw))
 
     def iter_tables(
         self,
@@ -280,7 +295,7 @@ class Measurement:
         raster: Optional[float] = None,
         interpolate: bool = False,
         start: Optional[_times.Time] = None,
-        end: Optional[_times.Time] = None,
+        stop: Optional[_times.Time] = None,
         raw: bool = False,
     ) -> Iterator[Table]:
         """The table of `table`, in parts of about so many rows: for more than memory holds."""
@@ -288,28 +303,26 @@ class Measurement:
 
         if rows < 1:
             raise MdfValueError(f"a table has at least one row, not {rows}")
-        return tables(self, channels, rows, raster, interpolate, start, end, raw)
+        return tables(self, channels, rows, raster, interpolate, start, stop, raw)
 
     def frames(
         self,
         ids: Union[None, int, Iterable[int]] = None,
         bus: Union[None, int, Iterable[int]] = None,
         start: Optional[_times.Time] = None,
-        end: Optional[_times.Time] = None,
         stop: Optional[_times.Time] = None,
     ) -> Frames:
         """The CAN frames, in order of time, over all buses: all, or those of ids and buses.
 
-        `start` and `end` (not included; `stop` is the same) are seconds since the start or dates.
+        `start` and `stop` (not included) are seconds since the start or dates.
         """
-        return self._source(ids, bus, start, end, stop).all()
+        return FrameSource(self, ids, bus, start, stop).all()
 
     def iter_frames(
         self,
         ids: Union[None, int, Iterable[int]] = None,
         bus: Union[None, int, Iterable[int]] = None,
         start: Optional[_times.Time] = None,
-        end: Optional[_times.Time] = None,
         stop: Optional[_times.Time] = None,
         *,
         rows: int = 65_536,
@@ -317,23 +330,17 @@ class Measurement:
         """The frames of `frames`, in parts of at most so many."""
         if rows < 1:
             raise MdfValueError(f"a part has at least one frame, not {rows}")
-        return self._source(ids, bus, start, end, stop).parts(rows)
+        return FrameSource(self, ids, bus, start, stop).parts(rows)
 
     def frame_stream(
         self,
         ids: Union[None, int, Iterable[int]] = None,
         bus: Union[None, int, Iterable[int]] = None,
         start: Optional[_times.Time] = None,
-        end: Optional[_times.Time] = None,
         stop: Optional[_times.Time] = None,
     ) -> _arrow.Streamed:
         """The frames of `frames` for whatever takes Arrow streams (`__arrow_c_stream__`)."""
-        return self._source(ids, bus, start, end, stop).stream()
-
-    def _source(self, ids: Any, bus: Any, start: Any, end: Any, stop: Any) -> FrameSource:
-        if end is not None and stop is not None:
-            raise MdfValueError("`end` and `stop` are the same: give one of them")
-        return FrameSource(self, ids, bus, start, stop if end is None else end)
+        return FrameSource(self, ids, bus, start, stop).stream()
 
     def _read(
         self, group: int, channels: Sequence[Any], first: int, count: int, **options: Any
@@ -486,6 +493,10 @@ class Group:
 
     def __contains__(self, name: object) -> bool:
         return isinstance(name, str) and "\0" not in name and bool(self._named(name))
+
+    def __iter__(self) -> Iterator[str]:
+        """The names of the signals."""
+        return (signal.name for signal in self.signals)
 
     def __getitem__(self, name: str) -> Signal:
         found = self._named(name)
