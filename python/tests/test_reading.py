@@ -252,9 +252,6 @@ def test_names_are_found_or_the_error_says_which_there_are(tmp_path: Path, sampl
     assert m.find("Speed")._repr_html_().count("<svg") == 2
     assert list(m) == ["Speed", "Of [left]", "Of [right]"]
     assert list(m.groups[1]) == ["Speed", "Of [right]"]
-    for wrong in (None, 7, io.BytesIO(b"MDF"), [None], ["a.mf4", 7]):
-        with pytest.raises(tolvex.MdfTypeError, match="expected a path, or several; found"):
-            tolvex.open(wrong)
     for key in ("right", 1, -1, m.groups[1]):
         assert m["Speed", key].values.tolist() == [ord("r")]
     with pytest.raises(tolvex.MdfNameError, match=r"2 channels .*'Speed', 0\].*left.*right"):
@@ -282,6 +279,13 @@ def test_files_that_cannot_be_read_are_errors_and_unfinished_ones_warnings(tmp_p
     for paths in (tmp_path / "none.mf4", [DECODED, tmp_path / "none.mf4"]):
         with pytest.raises(tolvex.MdfFileError, match="none.mf4"):
             tolvex.open(paths)
+    for wrong in (None, 7, io.BytesIO(b"MDF"), [None], ["a.mf4", 7]):
+        for call in (tolvex.open, tolvex.fleet):
+            with pytest.raises(tolvex.MdfTypeError, match="expected a path, or several; found"):
+                call(wrong)
+        for call in (tolvex.check, tolvex.Recorder, lambda path: tolvex.write(path, {"time": [0]})):
+            with pytest.raises(tolvex.MdfTypeError, match="expected a path; found"):
+                call(wrong)
     for wrong in ([], "a\0b"):
         with pytest.raises(tolvex.MdfError):
             tolvex.open(wrong)

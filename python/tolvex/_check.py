@@ -199,7 +199,7 @@ def check(path: PathLike, *, progress: Progress = None) -> CheckReport:
     function raises, as Ctrl-C does, ends the check and is raised again. Any number of threads may
     check files at once.
     """
-    name = os.fsdecode(path)
+    name = c.path_text(path)
     encoded = c.path_bytes(path)
 
     def work(call: Call) -> CheckReport:
@@ -240,7 +240,7 @@ def recover(
     lost is in the report; where nothing usable is left, it is an MdfFileError and there is no
     output. `progress` is that of `check`; with `verify` it tells of several steps.
     """
-    names = os.fsdecode(input), os.fsdecode(output)
+    names = c.path_text(input), c.path_text(output)
     encoded = c.path_bytes(input), c.path_bytes(output)
     if max_output is not None and not 0 <= max_output < _NO_LIMIT:
         raise MdfValueError(f"max_output: expected bytes, or 0 for no limit, found {max_output}")

@@ -27,7 +27,7 @@ from ctypes import (
     c_void_p,
 )
 from pathlib import Path
-from typing import Any, Dict, List, Sequence, Tuple, Type, Union
+from typing import Any, Dict, Iterable, List, Sequence, Tuple, Type, Union
 
 from ._errors import (
     MdfCancelled,
@@ -39,6 +39,7 @@ from ._errors import (
 )
 
 PathLike = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
+_PATHS = (str, bytes, os.PathLike)
 
 NO_TIME = -(2**63)
 
@@ -507,6 +508,25 @@ lib: Any = _load()
 def text(value: Any) -> str:
     """A text of the library's; bytes that are no UTF-8 stay visible."""
     return str((value or b"").decode("utf-8", "backslashreplace"))
+
+
+def path_list(paths: Union[PathLike, Iterable[PathLike]]) -> List[PathLike]:
+    """A path, or each of several."""
+    if isinstance(paths, _PATHS):
+        return [paths]
+    several: Any = paths
+    if isinstance(paths, Iterable) and not hasattr(paths, "read"):
+        several = list(paths)
+        if all(isinstance(path, _PATHS) for path in several):
+            return several  # type: ignore[no-any-return]
+    raise MdfTypeError(f"expected a path, or several; found {type(paths).__name__} {several!r:.80}")
+
+
+def path_text(path: PathLike) -> str:
+    """A path as a text."""
+    if not isinstance(path, _PATHS):
+        raise MdfTypeError(f"expected a path; found {type(path).__name__} {path!r:.80}")
+    return os.fsdecode(path)
 
 
 def path_bytes(path: PathLike) -> bytes:

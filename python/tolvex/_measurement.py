@@ -34,18 +34,6 @@ def open(paths: Union[PathLike, Iterable[PathLike]], *, parts: bool = False) -> 
     return Measurement(paths, parts=parts)
 
 
-def _listed(paths: Any) -> List[PathLike]:
-    kinds = (str, bytes, os.PathLike)
-    named = paths
-    if isinstance(paths, kinds):
-        named = [paths]
-    elif isinstance(paths, Iterable) and not hasattr(paths, "read"):
-        named = list(paths)
-    if isinstance(named, list) and all(isinstance(path, kinds) for path in named):
-        return named
-    raise MdfTypeError(f"expected a path, or several; found {type(paths).__name__}: {paths!r:.80}")
-
-
 class Measurement:
     """One recording of one file or several, open for reading.
 
@@ -55,7 +43,7 @@ class Measurement:
     """
 
     def __init__(self, paths: Union[PathLike, Iterable[PathLike]], *, parts: bool = False) -> None:
-        named = _listed(paths)
+        named = c.path_list(paths)
         if not named:
             raise MdfValueError("there is no path")
         if parts and len(named) != 1:

@@ -131,7 +131,7 @@ class Recorder:
         flush_interval: Optional[float] = None,
     ) -> None:
         #: As it was given.
-        self.path = os.fsdecode(path)
+        self.path = c.path_text(path)
         self.asynchronous = asynchronous
         self.max_data_length = max_data_length
         #: Nanoseconds since 1970-01-01 00:00 UTC, a multiple of 1000.
