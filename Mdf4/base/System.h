@@ -113,7 +113,11 @@ void removeFile(const std::string& path);
 [[nodiscard]] int flushFolder(const std::string& folder);
 
 // ---------------------------------------------------------------------------------------------
-// Errors, processes, time
+// Memory, errors, processes, time
+
+// Has memory at hand that will be written to, without changing what is in it. False where the
+// system does not do that.
+[[nodiscard]] bool populateMemory(WritableBytes bytes);
 
 // What an error number means, in the system's words.
 std::string systemErrorText(int error);

@@ -2,6 +2,7 @@
 #include <linux/magic.h>
 #include <pthread.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -248,6 +249,17 @@ unsigned processGeneration() {
 std::string systemErrorText(int error) {
   if (error == kFileHasChanged) return "it has changed since it was opened";
   return std::generic_category().message(error);
+}
+
+bool populateMemory([[maybe_unused]] WritableBytes bytes) {
+#ifdef MADV_POPULATE_WRITE
+  static const auto pageBytes = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+  const auto begin = reinterpret_cast<std::uintptr_t>(bytes.data());
+  const std::uintptr_t before = begin % pageBytes;
+  return madvise(bytes.data() - before, bytes.size() + before, MADV_POPULATE_WRITE) == 0;
+#else
+  return false;
+#endif
 }
 
 long timeZoneSeconds() {

@@ -273,6 +273,10 @@ std::string systemErrorText(int error) {
   return pathText(words.substr(0, words.find_last_not_of(L". ") + 1));
 }
 
+bool populateMemory(WritableBytes) {
+  return false;
+}
+
 long timeZoneSeconds() {
   constexpr long kSecondsPerMinute = 60;
   TIME_ZONE_INFORMATION zone = {};

@@ -286,28 +286,20 @@ tolvex_status tolvex_frames_next(tolvex_frames* frames, size_t most, tolvex_fram
 tolvex_status tolvex_frames_read(tolvex_frames* frames, const tolvex_frame_arrays* arrays,
                                  uint64_t* read) {
   return withReader(frames, [&](tolvex::MdfFrameReader& reader) -> tolvex_status {
-    // Frames that stay in a cache until they are copied; for a thread that copies them, some more.
-    constexpr std::uint64_t kAtOnce = 4096;
-    constexpr std::uint64_t kAtOnceByThread = 8192;
+    constexpr std::uint64_t kAtOnce = 4096;  // frames that stay in a cache until they are copied
     tolvex_frame_arrays to;
     if (!take(arrays, to)) return frames->error.setFixed(TOLVEX_ERROR_ARGUMENT, kNoSize);
     const bool tellsPlaces = to.offsets != nullptr || to.lengths != nullptr;
     if (read == nullptr || tellsPlaces != (to.payloads != nullptr)) {
       return frames->error.setFixed(TOLVEX_ERROR_ARGUMENT, kNull);
     }
-    const bool withThread = to.threads > 1 && to.room > 16 * kAtOnceByThread;
-    FrameArrays copy(to, withThread);
+    FrameArrays copy(to);
     while (copy.count() < to.room) {
-      const std::uint64_t most =
-          std::min(to.room - copy.count(), withThread ? kAtOnceByThread : kAtOnce);
+      const std::uint64_t most = std::min(to.room - copy.count(), kAtOnce);
       if (!fetch(*frames, reader, static_cast<std::size_t>(most))) break;
-      const std::size_t left = frames->batch.count - frames->taken;
       const std::size_t taken = copy.append(frames->batch, frames->taken);
-      if (taken < left) {
-        frames->taken += taken;
-        break;
-      }
-      forgetBatch(*frames);
+      frames->taken += taken;
+      if (frames->taken < frames->batch.count) break;
     }
     if (copy.count() == 0 && to.room != 0) {
       const tolvex_status status = statusOf(*frames, reader);

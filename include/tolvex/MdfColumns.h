@@ -478,7 +478,7 @@ typedef struct tolvex_frame_arrays {
   uint8_t* lengths;      /* bytes of each payload */
   uint8_t* payloads;     /* back to back, the first at offset 0; null exactly if the former are */
   uint64_t payload_room; /* bytes */
-  uint32_t threads;      /* above 1: another one copies what this one has decoded */
+  uint32_t threads;      /* above 1: another one has memory at hand, where much is needed */
   uint32_t reserved;     /* 0 */
 } tolvex_frame_arrays;
 
