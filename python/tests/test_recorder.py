@@ -417,7 +417,10 @@ REFUSED = [
     ({**TIMES, "x": [b"a", b"bc"]}, "x, row 1: bytes of 2 cannot be stored"),
     ({**TIMES, "x": np.array(["a\0b", "c"], object)}, "x, row 0: a text cannot have a NUL"),
     ({**TIMES, "x": np.array(["\ud800", "c"], object)}, "x: no text"),
-    ({**TIMES, "x": np.array(["a\0b", "a\0b"], object)}, "x: a text cannot have a NUL"),
+    (
+        {**TIMES, "x": np.array(["a\0b", "a\0b"], object)},
+        "x: a text of a conversion cannot have a NUL",
+    ),
     ({"time": [0.0, np.nan], "x": [1, 2]}, "time, row 1: the row has no time: nan"),
     ({"time": [DAY, np.datetime64("NaT")], "x": [1, 2]}, "time, row 1: no time that"),
     ({"time": ["a", "b"], "x": [1, 2]}, "time: expected numbers|no date"),

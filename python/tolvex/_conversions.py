@@ -13,7 +13,7 @@ from numbers import Integral
 from typing import Any, Iterable, Iterator, List, Mapping, Optional, Sequence, Tuple, Union
 
 from ._errors import MdfMemoryError, MdfTypeError, MdfValueError
-from ._library import lib
+from ._library import lib, text_bytes
 
 _LINEAR, _RATIONAL, _ALGEBRAIC, _INTERPOLATED, _TABLE, _RANGES, _TEXTS, _RANGE_TEXTS = range(1, 9)
 _MOST = 65535  # numbers, and texts, of one conversion
@@ -171,16 +171,9 @@ def _number(given: Any, nanable: bool = False) -> float:
 
 
 def _text(given: Any) -> str:
-    if not isinstance(given, str):
-        raise MdfTypeError(f"expected a text in a conversion, found {given!r}")
     _utf8(given)
-    return given
+    return given  # type: ignore[no-any-return]
 
 
-def _utf8(given: str) -> bytes:
-    if "\0" in given:
-        raise MdfValueError(f"a text cannot have a NUL: {given!r}")
-    try:
-        return given.encode()
-    except UnicodeEncodeError as error:
-        raise MdfValueError(f"{given!r} is no text: {error}") from error
+def _utf8(given: Any) -> bytes:
+    return text_bytes("a text of a conversion", given)

@@ -217,7 +217,7 @@ def _date(date: _times.Time) -> np.datetime64:
 def found_paths(paths: Paths) -> Tuple[List[Any], Dict[int, str]]:
     """The paths that are meant, and by number why one of them is a folder that cannot be read."""
     named = c.path_list(paths)
-    if not isinstance(paths, (str, bytes, os.PathLike)):
+    if not isinstance(paths, c.PATHS):
         return named, {}
     path = os.fsdecode(paths)
     if os.path.isdir(path):

@@ -39,7 +39,7 @@ from ._errors import (
 )
 
 PathLike = Union[str, bytes, "os.PathLike[str]", "os.PathLike[bytes]"]
-_PATHS = (str, bytes, os.PathLike)
+PATHS = (str, bytes, os.PathLike)
 
 NO_TIME = -(2**63)
 
@@ -510,21 +510,33 @@ def text(value: Any) -> str:
     return str((value or b"").decode("utf-8", "backslashreplace"))
 
 
+def text_bytes(what: str, given: Any) -> bytes:
+    """A text as the library takes it; errors call it `what`."""
+    if not isinstance(given, str):
+        raise MdfTypeError(f"{what}: expected a text, found {given!r}")
+    if "\0" in given:
+        raise MdfValueError(f"{what} cannot have a NUL: {given!r}")
+    try:
+        return given.encode()
+    except UnicodeEncodeError as error:
+        raise MdfValueError(f"{what} is no text: {error}") from error
+
+
 def path_list(paths: Union[PathLike, Iterable[PathLike]]) -> List[PathLike]:
     """A path, or each of several."""
-    if isinstance(paths, _PATHS):
+    if isinstance(paths, PATHS):
         return [paths]
     several: Any = paths
     if isinstance(paths, Iterable) and not hasattr(paths, "read"):
         several = list(paths)
-        if all(isinstance(path, _PATHS) for path in several):
+        if all(isinstance(path, PATHS) for path in several):
             return several  # type: ignore[no-any-return]
     raise MdfTypeError(f"expected a path, or several; found {type(paths).__name__} {several!r:.80}")
 
 
 def path_text(path: PathLike) -> str:
     """A path as a text."""
-    if not isinstance(path, _PATHS):
+    if not isinstance(path, PATHS):
         raise MdfTypeError(f"expected a path; found {type(path).__name__} {path!r:.80}")
     return os.fsdecode(path)
 

@@ -173,7 +173,7 @@ class Measurement:
 
     def __iter__(self) -> Iterator[str]:
         """The names of the signals, each once."""
-        return iter(dict.fromkeys(name for group in self.groups for name in group))
+        return iter(dict.fromkeys(signal.name for signal in self.signals))
 
     def __getitem__(self, key: Union[str, Tuple[str, Any]]) -> Signal:
         """The signal of that name; `m[name, group]` where several groups have one.

@@ -276,7 +276,7 @@ class Recorder:
                 if field not in plan.names:
                     raise MdfNameError(f"{what}: {name!r} has no field {field!r}")
         kinds = {field: converted(one) for field, one in (conversions or {}).items()}
-        text = _text("a group's comment", f"{name}\n{comment}" if comment else name)
+        text = c.text_bytes("a group's comment", f"{name}\n{comment}" if comment else name)
         with self._define, self._shared:
             handle = self._live()
             index = lib.addDataGroup(handle.value, text)
@@ -556,9 +556,9 @@ def _add_channel(
         raise MdfMemoryError("out of memory")
     try:
         parameters: List[Tuple[int, Any]] = [
-            (_NAME, _text("a name", channel.name)),
-            (_UNIT, _text("a unit", unit)),
-            (_COMMENT, _text("a comment", comment)),
+            (_NAME, c.text_bytes("a name", channel.name)),
+            (_UNIT, c.text_bytes("a unit", unit)),
+            (_COMMENT, c.text_bytes("a comment", comment)),
             (_DATA_TYPE, byref(c_uint8(channel.data_type))),
             (_BYTE_COUNT, byref(c_uint32(channel.size))),
         ]
@@ -590,14 +590,3 @@ def _abandoned(handle: _Handle, path: str) -> None:
     _split_sizes.pop(handle.value, None)
     if failure:
         warnings.warn(f"{path}: {failure}", MdfWarning, 2)
-
-
-def _text(what: str, given: str) -> bytes:
-    if not isinstance(given, str):
-        raise MdfTypeError(f"{what} is a text, not {given!r}")
-    if "\0" in given:
-        raise MdfValueError(f"{what} cannot have a NUL: {given!r}")
-    try:
-        return given.encode()
-    except UnicodeEncodeError as error:
-        raise MdfValueError(f"{what} is no text: {error}") from error

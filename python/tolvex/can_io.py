@@ -11,7 +11,6 @@ another one has its bus, the next that is free; `MF4Writer.channels` tells which
 
 from __future__ import annotations
 
-import os
 import re
 import threading
 from typing import TYPE_CHECKING, Any, Dict, Iterator, Mapping, Optional
@@ -19,8 +18,9 @@ from typing import TYPE_CHECKING, Any, Dict, Iterator, Mapping, Optional
 import numpy as np
 
 from . import _optional
-from ._errors import MdfTypeError, MdfValueError
+from ._errors import MdfValueError
 from ._frames import BRS, DATA, ERROR, ESI, EXTENDED, FD, REMOTE, TRANSMITTED, Frames
+from ._library import path_text
 from ._measurement import Measurement
 from ._recorder import Recorder
 from ._saved_frames import DLCS, LENGTHS
@@ -59,7 +59,7 @@ class MF4Reader(_Reader):
     def __init__(
         self, file: Any, *args: Any, channels: Optional[Mapping[int, Any]] = None, **kwargs: Any
     ) -> None:
-        self._measurement = Measurement(_path(file))
+        self._measurement = Measurement(path_text(file))
         self._channels = dict(channels or {})
 
     def __iter__(self) -> Iterator[Any]:
@@ -124,7 +124,7 @@ class MF4Writer(_Writer):
         asynchronous: bool = False,
         **kwargs: Any,
     ) -> None:
-        self._path = _path(file)
+        self._path = path_text(file)
         self._options: Any = {"max_data_length": max_data_length, "asynchronous": asynchronous}
         self._recorder: Optional[Recorder] = None
         self._isover = False
@@ -209,11 +209,3 @@ class MF4Writer(_Writer):
 
     def __exit__(self, *_: Any) -> None:
         self.stop()
-
-
-def _path(file: Any) -> Any:
-    if isinstance(file, (str, bytes, os.PathLike)):
-        return file
-    raise MdfTypeError(
-        f"measurement files are read and written by their paths, not as {type(file).__name__}"
-    )
